@@ -1,0 +1,50 @@
+# Thin wrapper over CMake. `make test` and `make demo` work on a fresh Debian 12 machine.
+BUILD     ?= build
+JOBS      ?= $(shell nproc)
+CMAKE_GEN := -G Ninja
+
+.PHONY: all deps build test demo bench asan tsan stress fuzz format clean
+
+all: build
+
+deps:
+	@bash scripts/install-deps.sh
+
+$(BUILD)/build.ninja:
+	cmake -S . -B $(BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+
+build: deps $(BUILD)/build.ninja
+	cmake --build $(BUILD) -j $(JOBS)
+
+test: build
+	cd $(BUILD) && ctest -j $(JOBS) --output-on-failure -L unit
+
+demo: build
+	@if [ -x $(BUILD)/bin/jxcache ]; then $(BUILD)/bin/jxcache simulate; \
+	else echo "make demo: the jxcache command-line tool is not part of this build yet; the session simulator arrives with it."; fi
+
+bench:
+	@bash scripts/install-deps.sh --bench
+	cmake -S . -B build-bench $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Release -DJX_BUILD_BENCHMARKS=ON -DJX_BUILD_TESTS=OFF
+	cmake --build build-bench -j $(JOBS)
+	@if [ -x scripts/run-bench.sh ]; then bash scripts/run-bench.sh build-bench; else \
+	for b in build-bench/bin/*_bench; do $$b; done; fi
+
+asan: deps
+	CC=clang CXX=clang++ cmake -S . -B build-asan $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DJX_SANITIZE=address,undefined -DJX_BUILD_TOOLS=OFF
+	cmake --build build-asan -j $(JOBS)
+	cd build-asan && ctest -j $(JOBS) --output-on-failure -L unit
+
+tsan: deps
+	CC=clang CXX=clang++ cmake -S . -B build-tsan $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DJX_SANITIZE=thread -DJX_BUILD_TOOLS=OFF
+	cmake --build build-tsan -j $(JOBS)
+	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest -j $(JOBS) --output-on-failure -L concurrency
+
+stress: build
+	cd $(BUILD) && ctest -j 1 --output-on-failure -L stress
+
+format:
+	@git ls-files '*.cpp' '*.h' '*.c' | xargs clang-format -i
+
+clean:
+	rm -rf build build-asan build-tsan build-bench build-fuzz

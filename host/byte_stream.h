@@ -1,0 +1,115 @@
+// Byte streams over files.
+//
+// OPlatformByteStream writes whole blocks straight to disk where the file system allows it
+// (O_DIRECT with an aligned buffer; the caller supplies aligned blocks of whole units) and falls
+// back to buffered writes finished by fdatasync where it refuses O_DIRECT (EINVAL). Close sets
+// the file to its true length. IPlatformByteStream reads a file; BufferedIByteStream puts a
+// large buffer in front of another input stream. Streams belong to one thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "host/file.h"
+
+namespace zelcore::filesupport {
+
+class OByteStream {
+ public:
+  virtual ~OByteStream() = default;
+  virtual void Write(const void* data, size_t length) = 0;
+  virtual void WriteByte(uint8_t byte) { Write(&byte, 1); }
+  virtual void Flush() {}
+  virtual void Close() {}
+};
+
+class IByteStream {
+ public:
+  virtual ~IByteStream() = default;
+  // Reads up to `length` bytes; returns how many were read, 0 at the end.
+  virtual size_t Read(void* data, size_t length) = 0;
+  // Reads exactly `length` bytes or throws FileError(EIO) ("unexpected end of file").
+  void ReadExactly(void* data, size_t length);
+};
+
+// An OByteStream that collects bytes in memory (for tests and for payloads that serialise first).
+class VectorOByteStream : public OByteStream {
+ public:
+  void Write(const void* data, size_t length) override;
+  std::vector<uint8_t>& Bytes() { return bytes_; }
+
+ private:
+  std::vector<uint8_t> bytes_;
+};
+
+// An IByteStream over bytes in memory.
+class MemoryIByteStream : public IByteStream {
+ public:
+  MemoryIByteStream(const uint8_t* data, size_t length) : data_(data), length_(length) {}
+  size_t Read(void* data, size_t length) override;
+
+ private:
+  const uint8_t* data_;
+  size_t length_;
+  size_t pos_ = 0;
+};
+
+class OPlatformByteStream : public OByteStream {
+ public:
+  // Opens an existing file for writing, truncating it. `unbuffered` asks for O_DIRECT.
+  // Throws FileNotFoundError when the file does not exist, FileError otherwise.
+  OPlatformByteStream(const File& file, bool unbuffered);
+  ~OPlatformByteStream() override;
+
+  // Plain write at the current position (buffered mode; in direct mode only aligned whole
+  // units are accepted, see WriteBlock).
+  void Write(const void* data, size_t length) override;
+  // Writes one block. In direct mode `data` must be aligned to the unit and `length` a multiple
+  // of it. Short writes are retried; errors throw FileError.
+  void WriteBlock(const void* data, size_t length);
+  // Sets the length the file will have after Close.
+  void SetFinalLength(uint64_t length) { finalLength_ = static_cast<int64_t>(length); }
+  void Flush() override;
+  // Truncates to the final length (if set), syncs data when not direct, closes. Throws FileError.
+  void Close() override;
+  bool IsDirect() const { return direct_; }
+
+ private:
+  int fd_ = -1;
+  bool direct_ = false;
+  int64_t finalLength_ = -1;
+  std::string path_;
+};
+
+class IPlatformByteStream : public IByteStream {
+ public:
+  // Throws FileNotFoundError / FileError.
+  explicit IPlatformByteStream(const File& file);
+  ~IPlatformByteStream() override;
+  size_t Read(void* data, size_t length) override;
+  uint64_t Size() const;
+
+ private:
+  int fd_ = -1;
+  std::string path_;
+};
+
+class BufferedIByteStream : public IByteStream {
+ public:
+  // Reads from `source` in chunks of `bufferSize` bytes (a multiple of blockSize).
+  BufferedIByteStream(IByteStream& source, size_t bufferSize, size_t blockSize);
+  size_t Read(void* data, size_t length) override;
+
+ private:
+  IByteStream& source_;
+  std::vector<uint8_t> buffer_;
+  size_t pos_ = 0;
+  size_t end_ = 0;
+};
+
+// Allocates `size` bytes aligned to `alignment` (a power of two); throws std::bad_alloc.
+std::unique_ptr<uint8_t, void (*)(uint8_t*)> AllocateAligned(size_t size, size_t alignment);
+
+}  // namespace zelcore::filesupport

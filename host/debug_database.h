@@ -1,0 +1,40 @@
+// The host's settings database: named text entries with defaults. Seeded once from the file
+// named by $JX_SETTINGS ("name=value" lines; "#" starts a comment) when first used; settable
+// from code. Thread-safe. The library reads each of its settings once and keeps the value.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+namespace zelcore::debug {
+
+class DebugDatabase {
+ public:
+  static DebugDatabase& Instance();
+
+  // The entry's text, or `defaultText` when there is no such entry.
+  std::string GetEntry(const std::string& name, const std::string& defaultText) const;
+  void SetEntry(const std::string& name, const std::string& value);
+  void RemoveEntry(const std::string& name);
+  bool HasEntry(const std::string& name) const;
+  // Loads "name=value" lines from a file; returns false when it cannot be read.
+  bool LoadFile(const std::string& path);
+
+ private:
+  DebugDatabase();
+  mutable std::mutex mutex_;
+  std::unordered_map<std::string, std::string> entries_;
+};
+
+// Conversions the library uses for typed settings: a bool is true only for the text "true";
+// numbers that do not parse give the default.
+bool ParseBoolSetting(const std::string& text);
+int32_t ParseInt32Setting(const std::string& text, int32_t defaultValue);
+uint32_t ParseUInt32Setting(const std::string& text, uint32_t defaultValue);
+double ParseDoubleSetting(const std::string& text, double defaultValue);
+// A double default as the database stores it ("%1.*lg" with full precision).
+std::string FormatDoubleSetting(double value);
+
+}  // namespace zelcore::debug

@@ -1,0 +1,55 @@
+// The host's feature flags and preference groups.
+//
+// A BetaFeature is declared by a static object and registered under its key; IsFeatureEnabled
+// answers from the explicit state (SetFeatureEnabled, or $JX_FEATURES: comma-separated keys
+// turned on) and otherwise from the feature's default. Preference groups hold named values that
+// the host's preference dialogs would edit. Thread-safe.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace zelappsupport::feature {
+
+class BetaFeature {
+ public:
+  BetaFeature(const char* key, int stage, const char* nameString, const char* descriptionString,
+              const char* trackingId, int visibleInAllClientApps, int enablementChanges,
+              int defaultEnablement);
+  ~BetaFeature();
+  BetaFeature(const BetaFeature&) = delete;
+  BetaFeature& operator=(const BetaFeature&) = delete;
+
+  const std::string& Key() const { return key_; }
+  int Stage() const { return stage_; }
+  const std::string& NameString() const { return name_; }
+  const std::string& DescriptionString() const { return description_; }
+  int DefaultEnablement() const { return defaultEnablement_; }
+
+ private:
+  std::string key_;
+  int stage_;
+  std::string name_;
+  std::string description_;
+  std::string trackingId_;
+  int visibleInAllClientApps_;
+  int enablementChanges_;
+  int defaultEnablement_;
+};
+
+bool IsFeatureEnabled(const std::string& key);
+void SetFeatureEnabled(const std::string& key, bool enabled);
+// The registered feature of that key, or null.
+const BetaFeature* FindFeature(const std::string& key);
+
+}  // namespace zelappsupport::feature
+
+namespace zelappsupport::preferences {
+
+// Reads a value of a preference group; `defaultValue` when unset or unparsable.
+double GetDouble(const std::string& group, const std::string& name, double defaultValue);
+int64_t GetInt64(const std::string& group, const std::string& name, int64_t defaultValue);
+void SetValue(const std::string& group, const std::string& name, const std::string& value);
+void Clear();
+
+}  // namespace zelappsupport::preferences

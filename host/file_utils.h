@@ -1,0 +1,30 @@
+// File-system helpers the library needs beyond File and Dir.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace zelcore::utility {
+
+class FileUtils {
+ public:
+  // Creates the folder and every missing parent. Returns true when the folder exists afterwards;
+  // false (with errno-derived detail in *error when given) when it cannot be made, or when a
+  // file stands where a folder should be.
+  static bool EnsureDirectoryExists(const std::string& path, std::string* error = nullptr);
+  // Bytes free for an unprivileged writer on the volume holding path; -1 when it cannot be read.
+  static int64_t GetVolumeFreeSpace(const std::string& path);
+  // Replaces every character that cannot stand in a file name on any of our platforms
+  // (/ \ : * ? " < > | and control characters) by `replacement`.
+  static std::string ReplaceIllegalFileNameCharacters(std::string_view name, char replacement);
+  // The unit for unbuffered I/O on the volume holding path: a power of two, at least 512,
+  // that O_DIRECT transfers and buffer addresses must be multiples of.
+  static size_t GetEfficientDiskBufferSizeFromPath(const std::string& path);
+  // The machine's name, or "" when it has none.
+  static std::string GetComputerName();
+  // The system temporary folder ($TMPDIR, else /tmp).
+  static std::string GetTempDirectoryPath();
+};
+
+}  // namespace zelcore::utility

@@ -1,0 +1,91 @@
+// StandaloneHost: the policy a real host application would own, for programs that run the
+// library without one (our tools, tests and benchmarks).
+//
+// Defaults make a standalone program work: the memory limit is half the physical memory, the
+// amount available before purge is that limit, nothing is to be purged, the thread that first
+// touched the host is the main thread, reports go to standard error unless quiet. Tests and
+// tools set each piece explicitly; Reset returns to the defaults. Thread-safe.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "host/thread_id.h"
+
+namespace jx {
+
+struct HostReport {
+  enum class Kind { kFailedVerification, kErrString, kError, kException };
+  Kind kind;
+  std::string text;  // UTF-8
+  int32_t code = 0;  // kException: the translated code; kErrString: the error class
+  bool quiet = false;
+};
+
+class StandaloneHost {
+ public:
+  static StandaloneHost& Instance();
+
+  void Reset();
+
+  // Memory budget.
+  void SetMemoryLimit(uint64_t bytes);
+  uint64_t GetMemoryLimit() const;
+  void SetMemUsageLimitsStatus(int32_t status);  // non-zero makes Y_GetMemUsageLimits fail
+  int32_t GetMemUsageLimitsStatus() const;
+  void SetAmountAvailableBeforePurge(uint64_t bytes);
+  // Overrides the constant above with a function (e.g. limit minus what the cache holds).
+  void SetAmountAvailableBeforePurgeFunction(std::function<uint64_t()> fn);
+  uint64_t GetAmountAvailableBeforePurge() const;
+  void SetAmountToPurge(uint64_t bytes);
+  uint64_t GetAmountToPurge() const;
+  // Sum of what Y_PurgeRecycledMemory was told, and how often.
+  uint64_t GetRecycledMemoryPurged() const;
+  uint64_t GetRecycledMemoryPurgeCalls() const;
+  void NoteRecycledMemoryPurged(uint64_t bytes);
+
+  // Main thread.
+  void SetMainThread(zelcore::threads::ThreadId id);
+  void MakeCurrentThreadMain() { SetMainThread(zelcore::threads::CurrentThreadId()); }
+  zelcore::threads::ThreadId GetMainThread() const;
+
+  // Reports.
+  void AddReport(HostReport report);
+  std::vector<HostReport> GetReports() const;
+  // Reports of that kind whose text contains `fragment` ("" matches all).
+  size_t CountReports(HostReport::Kind kind, const std::string& fragment = "") const;
+  void ClearReports();
+  // Whether reports are printed to standard error (default true; quiet ones never are).
+  void SetEchoReports(bool echo);
+
+  // Allocation failures for Y_AllocatePtrClear and Y_MemTrackedObject: the nth allocation from
+  // now fails (0 turns it off); with `persistent`, every one from then on fails.
+  void FailNthAllocation(uint64_t nth, bool persistent = false);
+  // Consumed by the allocators: true when this allocation must fail.
+  bool ShouldFailAllocation();
+
+  // Translations for Y_ZLookupLStrCache ("$$$/..." key without the "=default" part -> text).
+  void SetTranslation(const std::string& key, const std::u16string& text);
+  bool FindTranslation(const std::string& key, std::u16string* text) const;
+
+ private:
+  StandaloneHost();
+  struct State;
+  State* state_;
+};
+
+// Sets Y_AmountToPurge for the life of the scope: "the host is over budget by N bytes".
+class ScAmountToPurge {
+ public:
+  explicit ScAmountToPurge(uint64_t bytes);
+  ~ScAmountToPurge();
+  ScAmountToPurge(const ScAmountToPurge&) = delete;
+  ScAmountToPurge& operator=(const ScAmountToPurge&) = delete;
+
+ private:
+  uint64_t previous_;
+};
+
+}  // namespace jx

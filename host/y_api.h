@@ -1,0 +1,74 @@
+// The host utility functions (the "Y_" layer) the library calls: memory budget, error reports,
+// quiet-error scopes, main-thread test, localised strings, tagged allocation, time since boot,
+// the notifying-lock marker and plug-in suite publication. Standalone, each answers from the
+// StandaloneHost's policy (standalone_host.h). All are thread-safe.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "y_vx_suite.h"
+
+// Memory budget. Y_GetMemUsageLimits returns 0 and the host's memory usage limit (and a second
+// limit, the host's soft limit), or a non-zero status.
+int32_t Y_GetMemUsageLimits(uint64_t* memoryLimit, uint64_t* softLimit);
+// How many more bytes the cache may use before the host has to purge.
+uint64_t Y_AmountAvailableBeforePurge();
+// How many bytes the host wants freed by the purge that is running now (0 when none runs).
+uint64_t Y_AmountToPurge();
+// A purge freed `bytes`; the host may now give back its own recycled memory.
+void Y_PurgeRecycledMemory(uint64_t bytes);
+
+// Reports. All are recorded by the StandaloneHost (tests count them).
+void Y_ReportFailedVerification(const char* text);
+void Yp_ReportErrString(int32_t errorClass, int32_t severity, const std::u16string& text);
+// Reports the localised string `lstrKey` ("$$$/...=default text").
+void Y_ReportError(int32_t a, int32_t b, const char* lstrKey);
+// Call inside a catch block: reports the exception in flight and returns its code (an int
+// exception is its own code; a file error its errno; anything else a generic non-zero code).
+int32_t Y_TranslateAndReportException();
+// Quiet-error scopes nest per thread; while one is open, reports are recorded but not shown.
+int32_t Y_StartQuietErrorsOnCurrentThread();
+void Y_EndQuietErrorsOnCurrentThread();
+bool Y_AreErrorsQuietOnCurrentThread();
+
+bool Y_IsOnMainThread();
+
+// Looks a localised string up by its key "$$$/Group/Name=default text": the host's translation
+// if it has one, else the default text, with "#{rsquo}" standing for U+2019.
+std::u16string Y_ZLookupLStrCache(const char* lstrKey);
+std::u16string Y_AsciiToUTF16String(const char* ascii);
+
+// Tagged, zeroed allocation; null when the host's allocator fails (tests can make it fail).
+void* Y_AllocatePtrClear(int32_t heap, const char* tag, size_t size);
+void Y_DisposePtr(void* p);
+uint64_t Y_MillisecondsSinceBoot();
+
+// Host logging.
+void YLOG_Log(int level, const char* category, const char* shortText, const char* message);
+
+// Publishes a table of functions to plug-ins; 0 on success. Publishing a name and version again
+// replaces the table.
+int32_t Y_VX_AddVXSuite(int32_t a, int32_t b, const char* name, int32_t version,
+                        int32_t internalVersion, int32_t entryCount, const void* table);
+
+// Objects allocated through the host's memory-tracked allocator.
+class Y_MemTrackedObject {
+ public:
+  static void* operator new(size_t size);
+  static void operator delete(void* p) noexcept;
+};
+
+namespace Y {
+// Marks the calling thread as holding a lock that notifies other threads; such a thread must
+// never block waiting for another thread's work. Nests.
+class ScNotifyHoldingMutexLock {
+ public:
+  ScNotifyHoldingMutexLock();
+  ~ScNotifyHoldingMutexLock();
+  ScNotifyHoldingMutexLock(const ScNotifyHoldingMutexLock&) = delete;
+  ScNotifyHoldingMutexLock& operator=(const ScNotifyHoldingMutexLock&) = delete;
+  static bool IsHoldingLock();
+};
+}  // namespace Y
