@@ -1,0 +1,236 @@
+// JX_Bag: membership in the recency order and size accounting.
+#include "bag/bag.h"
+
+#include "bag/sort_dir.h"
+#include "host/config.h"
+#include "host/high_precision_time.h"
+#include "host/media_manager.h"
+#include "host/trace.h"
+#include "host/y_api.h"
+#include "lifecycle/failures.h"
+#include "lifecycle/lifecycle.h"
+#include "lifecycle/settings.h"
+#include "mediamap/media_map_hooks.h"
+
+using zelcore::threads::ScopedReadLockWrapper;
+using zelcore::threads::ScopedWriteLockWrapper;
+using zelcore::utility::HighPrecisionTime;
+
+namespace {
+constexpr unsigned int kAppVersionMask = 0x7FFFFFFF;
+}
+
+JX_Bag::JX_Bag(unsigned int appVersion)
+    : sortDir_(std::make_shared<JX_SortDir>()),
+      appVersion_(appVersion & kAppVersionMask),
+      diskOutOfSpace_(std::make_shared<DiskOutOfSpaceSignal>()) {}
+
+JX_Bag::~JX_Bag() {
+  // Drop the set's references; the items' own links are weak and expire with this bag.
+  mru_.clear_and_dispose([](JX_Stuff* s) {
+    s->inMru_ = false;
+    s->ReleaseObject();
+  });
+}
+
+void JX_Bag::AddStuff(const StuffPtr& stuff) {
+  if (!stuff) jx::ThrowNullPtr("JX_Stuff");
+  JXp_ScLock lock;
+  // Checked before the time stamp moves: an item's time is its key in the recency set.
+  if (stuff->GetBag()) jx::FailVerification("stuff already in a bag");
+  stuff->lastUsedTime_.exchange(HighPrecisionTime::GetCurrentTimeStamp());
+  AddStuffGuts(stuff, lock, true);
+}
+
+void JX_Bag::RemoveStuff(const StuffPtr& stuff) {
+  if (!stuff) jx::ThrowNullPtr("JX_Stuff");
+  JXp_ScLock lock;
+  RemoveStuffGuts(stuff, lock, true);
+}
+
+void JX_Bag::AddStuffGuts(const StuffPtr& stuff, const JXp_ScLock&, bool addToMediaMap) {
+  if (!stuff) jx::ThrowNullPtr("JX_Stuff");
+  if (stuff->GetBag() || stuff->inMru_) jx::FailVerification("stuff already in a bag");
+  const bool mediaMap = jx::settings::UseMediaMap() && addToMediaMap;
+  if (mediaMap && stuff->IsInMemory()) JX_MediaMapAddOrUpdate(stuff);
+  mru_.insert(mru_.end(), *stuff);
+  stuff->RetainObject();  // the set's reference
+  stuff->inMru_ = true;
+  stuff->SetBagAndInMru(weak_from_this());
+  if (auto data = stuff->GetDataPtr()) stuff->SyncMemorySizeWithBag(data->GetApproximateMemorySize());
+  if (mediaMap) TraceMediaMapChange("Added stuff ", *stuff);
+}
+
+void JX_Bag::RemoveStuffGuts(const StuffPtr& stuff, const JXp_ScLock&, bool removeFromMediaMap) {
+  if (!stuff) jx::ThrowNullPtr("JX_Stuff");
+  if (stuff->GetBag().get() != this || !stuff->inMru_) {
+    jx::FailVerification("stuff not in the right bag");
+  }
+  mru_.erase(mru_.iterator_to(*stuff));
+  stuff->inMru_ = false;
+  stuff->SetBagAndInMru({});
+  const bool mediaMap = jx::settings::UseMediaMap() && removeFromMediaMap;
+  if (mediaMap) {
+    JX_MediaMapErase(stuff);
+    TraceMediaMapChange("Removed stuff ", *stuff);
+  }
+  auto data = stuff->GetDataPtr();
+  stuff->SyncMemorySizeWithBag(data ? data->GetApproximateMemorySize() : 0);
+  stuff->ReleaseObject();  // the set's reference; the caller still holds one
+}
+
+void JX_Bag::UpdateWithNewLastUsedTime(const StuffPtr& stuff, const JXp_ScLock& lock) {
+  if (!stuff) jx::ThrowNullPtr("JX_Stuff");
+  if (jx::settings::UseMediaMap()) {
+    // The media map must see the item leave and come back so that its entry is renewed.
+    RemoveStuffGuts(stuff, lock, true);
+    stuff->lastUsedTime_.exchange(HighPrecisionTime::GetCurrentTimeStamp());
+    zelcore::config::ExecuteTopLevelFunction readd([&] { AddStuffGuts(stuff, lock, true); });
+    return;
+  }
+  // Without the media map, leaving and re-entering the bag only moves the item in the recency
+  // set: do just that, keeping the bag link and the (unchanged) accounted sizes.
+  if (stuff->GetBag().get() != this || !stuff->inMru_) {
+    jx::FailVerification("stuff not in the right bag");
+  }
+  mru_.erase(mru_.iterator_to(*stuff));
+  stuff->lastUsedTime_.exchange(HighPrecisionTime::GetCurrentTimeStamp());
+  mru_.insert(mru_.end(), *stuff);
+}
+
+void JX_Bag::AccountForStuffDataModification(const StuffPtr& stuff) {
+  if (!stuff) jx::ThrowNullPtr("JX_Stuff");
+  if (auto data = stuff->GetDataPtr()) stuff->SyncMemorySizeWithBag(data->GetApproximateMemorySize());
+}
+
+void JX_Bag::TraceMediaMapChange(const char* what, const JX_Stuff& stuff) {
+  if (!ZC_TRACE_ENABLED("JX_MediaMap", 6)) return;
+  unsigned long long inMemory = 0, withDisk = 0;
+  GetCacheSizesInBytes(inMemory, withDisk);
+  ZC_TRACE("JX_MediaMap", 6,
+           what << stuff.GetGuid().AsString() << " JX Cache size " << inMemory
+                << " num entries = " << mru_.size() << " MediaMap size "
+                << JX_MediaMapSizeBytes() << " num entries = " << JX_MediaMapEntryCount());
+}
+
+void JX_Stuff::SetBagAndInMru(const std::weak_ptr<JX_Bag>& bag) {
+  ScopedWriteLockWrapper wl(mutex_);
+  bag_ = bag;
+}
+
+void JX_Stuff::SyncMemorySizeWithBag(unsigned int newSize) {
+  std::shared_ptr<JX_Bag> bag = GetBag();
+  if (!bag) bag = JX_GlobalBag();
+  if (!bag) return;
+  unsigned int old = memSize_.exchange(newSize, std::memory_order_acq_rel);
+  if (old != newSize) {
+    bag->AdjustInMemoryCacheSize(static_cast<long long>(newSize) - static_cast<long long>(old));
+  }
+  unsigned int checkedOut = GetCheckoutCount() != 0 ? newSize : 0;
+  unsigned int oldOut = checkedOutSize_.exchange(checkedOut, std::memory_order_acq_rel);
+  if (oldOut != checkedOut) {
+    bag->AdjustCheckedOutMemoryCacheSize(static_cast<long long>(checkedOut) -
+                                         static_cast<long long>(oldOut));
+  }
+}
+
+void JX_Stuff::SyncDiskSizeWithBag(unsigned int newSize) {
+  std::shared_ptr<JX_Bag> bag = GetBag();
+  if (!bag) bag = JX_GlobalBag();
+  if (!bag) return;
+  unsigned int old = diskSize_.exchange(newSize, std::memory_order_acq_rel);
+  if (old != newSize) {
+    bag->AdjustOnDiskCacheSize(static_cast<long long>(newSize) - static_cast<long long>(old));
+  }
+}
+
+void JX_Bag::AdjustInMemoryCacheSize(long long delta) {
+  inMemorySize_.fetch_add(delta);
+  ZC_TRACE("JX", 7, "AdjustInMemoryCacheSize: " << delta);
+}
+
+void JX_Bag::AdjustCheckedOutMemoryCacheSize(long long delta) {
+  checkedOutSize_.fetch_add(delta);
+  ZC_TRACE("JX", 7, "AdjustCheckedOutMemoryCacheSize: " << delta);
+}
+
+void JX_Bag::AdjustOnDiskCacheSize(long long delta) {
+  onDiskSize_.fetch_add(delta);
+  ZC_TRACE("JX", 7, "AdjustOnDiskCacheSize: " << delta);
+}
+
+void JX_Bag::GetCacheSizesInBytes(unsigned long long& inMemory,
+                                  unsigned long long& inMemoryWithDiskCopy) const {
+  inMemory = 0;
+  inMemoryWithDiskCopy = 0;
+  JXp_ScLock lock;
+  for (const JX_Stuff& s : mru_) {
+    auto data = s.GetDataPtr();
+    if (!data) continue;
+    unsigned int size = data->GetApproximateMemorySize();
+    if (!data->IsInMemory()) continue;
+    inMemory += size;
+    if (s.HasDiskCacheFile()) inMemoryWithDiskCopy += size;
+  }
+}
+
+unsigned long long JX_Bag::GetCurrentMaxCacheSize() const {
+  return Y_AmountAvailableBeforePurge() +
+         static_cast<unsigned long long>(std::max(0LL, GetInMemoryCacheSizeInBytes_LockFree()));
+}
+
+float JX_Bag::GetPercentOfAvailableMemoryCheckedOut() const {
+  auto global = JX_GlobalBag();
+  double checkedOut = global ? static_cast<double>(global->GetCheckedOutMemoryCacheSizeInBytes()) : 0.0;
+  double denominator = static_cast<double>(GetCurrentMaxCacheSize());
+  return denominator > 0 ? static_cast<float>(checkedOut / denominator) : 0.0f;
+}
+
+float JX_Bag::GetPercentOfAvailableMemoryFree() const {
+  // What the host still grants, over the same ceiling: neither checked out nor held by items.
+  double denominator = static_cast<double>(GetCurrentMaxCacheSize());
+  double available = static_cast<double>(Y_AmountAvailableBeforePurge());
+  return denominator > 0 ? static_cast<float>(available / denominator) : 0.0f;
+}
+
+int JX_Bag::GetNumItems() const {
+  JXp_ScLock lock;
+  return static_cast<int>(mru_.size());
+}
+
+int JX_Bag::GetNumGuidSortedItems() const {
+  JXp_ScLock lock;
+  return static_cast<int>(sortDir_->Size());
+}
+
+std::deque<JX_Bag::StuffPtr> JX_Bag::CopyMruItems() const {
+  std::deque<StuffPtr> items;
+  JXp_ScLock lock;
+  for (const JX_Stuff& s : mru_) items.emplace_back(const_cast<JX_Stuff*>(&s));
+  return items;
+}
+
+void JX_Bag::TrackLastPurgedUsedTime(unsigned long long usedTime) {
+  lastPurgedUsedTime_.exchange(usedTime);
+}
+
+unsigned long long JX_GetMaxJXCacheSize() {
+  double max = static_cast<double>(RV::MM::GetFixedMaxCacheSize()) *
+               jx::settings::GfxpaksCacheLimitMultiplier();
+  return static_cast<unsigned long long>(max);
+}
+
+bool JX_IsGlobalBagSizeAboveMinimum() {
+  if (JX_IsSetJXCacheLimitForGfxpaksEnabled()) return true;
+  uint64_t memoryLimit = 0, softLimit = 0;
+  if (int32_t status = Y_GetMemUsageLimits(&memoryLimit, &softLimit)) throw static_cast<int>(status);
+  auto minimum = static_cast<unsigned long long>(static_cast<double>(memoryLimit) *
+                                                 jx::settings::MinJXSizeToPurgeLimitRatio());
+  auto bag = JX_GlobalBag();
+  long long size = bag ? bag->GetInMemoryCacheSizeInBytes_LockFree() : 0;
+  bool above = size >= 0 && static_cast<unsigned long long>(size) >= minimum;
+  ZC_TRACE("JX", 7,
+           "(memCacheSize, minMemCacheSize, memCacheAboveMin):" << size << ", " << minimum << ", "
+                                                                << above);
+  return above;
+}

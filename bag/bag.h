@@ -1,0 +1,175 @@
+// JX_Bag: the container that owns the cached items of one cache.
+//
+// It keeps the items in recency order (oldest first), holds the GUID-keyed sort directory, and
+// keeps the running byte counts every budget decision rests on: bytes in memory, bytes in memory
+// that are checked out, bytes on disk. One bag exists per process in practice (the global bag of
+// JX_Birth); items in no bag still account their sizes to the global bag.
+//
+// Ownership: always held by std::shared_ptr; items refer back to it by weak pointer; it owns its
+// items through the recency set (one reference each) and the sort directory.
+// Locks: every membership change happens under the library lock (JXp_ScLock); the size counters
+// are lock-free atomics; the disk mutex (diskMutex_) is a leaf that guards the disk folder and
+// the disk size limit and is never held while the library lock is being acquired.
+// Threads: any thread may call any public method.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include <boost/intrusive/set.hpp>
+
+#include "bag/library_lock.h"
+#include "host/export.h"
+#include "host/file.h"
+#include "host/signal.h"
+#include "items/stuff.h"
+
+class JX_SortDir;
+
+class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
+ public:
+  template <class T>
+  using IntrusivePtr = zelcore::utility::IntrusivePtr<T>;
+  using StuffPtr = IntrusivePtr<JX_Stuff>;
+  using ReleaseQueue = std::deque<std::shared_ptr<void>>;
+  using DiskOutOfSpaceSignal = zelcore::messaging::Signal<void()>;
+
+  // `appVersion`: the host's version; the bag keeps its low 31 bits. Disk cache files carry it.
+  explicit JX_Bag(unsigned int appVersion);
+  virtual ~JX_Bag();
+  JX_Bag(const JX_Bag&) = delete;
+  JX_Bag& operator=(const JX_Bag&) = delete;
+
+  unsigned int GetAppVersion() const { return appVersion_; }
+
+  // ---- membership (bag/bag.cpp) --------------------------------------------------------------
+  // Adds the item at the young end of the recency order (last-used time = now). An item already
+  // in a bag is reported ("stuff already in a bag") and 3 is thrown; nothing changes.
+  void AddStuff(const StuffPtr& stuff);
+  // Removes the item; an item of another bag is reported ("stuff not in the right bag") and 3 is
+  // thrown; nothing changes.
+  void RemoveStuff(const StuffPtr& stuff);
+  // Renews the item's last-used time and moves it to the young end. Caller holds the lock.
+  void UpdateWithNewLastUsedTime(const StuffPtr& stuff, const JXp_ScLock& lock);
+  // A payload changed size in place: re-synchronise the totals with its new size.
+  void AccountForStuffDataModification(const StuffPtr& stuff);
+
+  // ---- membership with the directory (bag/sort_dir.cpp) ---------------------------------------
+  void AddToBagAndSortDir(const StuffPtr& stuff);
+  // Directory first, then bag; a writeable item or one of another directory throws 3.
+  void RemoveStuffFromBagAndSortDir(const StuffPtr& stuff, const JXp_ScLock& lock,
+                                    bool removeFromMediaMap);
+  // Removes every item from the directory and the bag.
+  void ClearBagAndSortDir();
+  const std::shared_ptr<JX_SortDir>& GetSortDir() const { return sortDir_; }
+
+  // ---- find or create (bag/find_and_checkout.cpp) --------------------------------------------
+  // Looks for an item with the request's GUID that can answer the request and checks it out
+  // with `checkoutFlags`. When none matches and flag 0x10 is set, creates a pending item, checks
+  // it out to the caller and returns 2: the caller must fill it (SetStuffDataFromPendingRender)
+  // and check it in. Results:
+  //   1  *found is checked out (a pending match, after the wait the flags allow; or, when this
+  //      thread may not wait, still pending);
+  //   2  *found is the new pending item, *createdPending true;
+  //   0  nothing: no match (and no creation asked), a pending match the flags do not let us wait
+  //      for (a second pending item is never created for a key being rendered, so a thread
+  //      asking again for the key it renders itself gets 0, not a deadlock), a match whose render
+  //      was abandoned while we waited, or a disk read that failed.
+  // Never waits while holding the library lock: the wait happens after it is released, and a
+  // thread that already holds the library lock (or a notifying host lock) does not wait.
+  JX_CheckoutResult FindAndCheckout(const StuffPtr& request, int checkoutFlags, StuffPtr* found,
+                                    bool* createdPending);
+
+  // ---- size accounting (bag/bag.cpp) ---------------------------------------------------------
+  void AdjustInMemoryCacheSize(long long delta);
+  void AdjustCheckedOutMemoryCacheSize(long long delta);
+  void AdjustOnDiskCacheSize(long long delta);
+  // Walks every item under the library lock (statistics and tracing, never the purge path).
+  void GetCacheSizesInBytes(unsigned long long& inMemory,
+                            unsigned long long& inMemoryWithDiskCopy) const;
+  long long GetInMemoryCacheSizeInBytes_LockFree() const {
+    return inMemorySize_.load(std::memory_order_relaxed);
+  }
+  long long GetCheckedOutMemoryCacheSizeInBytes() const {
+    return checkedOutSize_.load(std::memory_order_relaxed);
+  }
+  long long GetCurrentDiskCacheSize() const { return onDiskSize_.load(std::memory_order_relaxed); }
+  // What the cache holds plus what the host says may still be used before it must purge.
+  unsigned long long GetCurrentMaxCacheSize() const;
+  // Checked-out bytes of the global bag over (available before purge + in memory): 0..1.
+  float GetPercentOfAvailableMemoryCheckedOut() const;
+  // Bytes neither checked out nor otherwise held, over the same denominator: 0..1.
+  float GetPercentOfAvailableMemoryFree() const;
+  int GetNumItems() const;
+  int GetNumMruSortedItems() const { return GetNumItems(); }
+  int GetNumGuidSortedItems() const;
+  unsigned long long GetLastPurgedUsedTime() const {
+    return lastPurgedUsedTime_.load(std::memory_order_relaxed);
+  }
+  // The items in recency order, oldest first (a snapshot taken under the library lock).
+  std::deque<StuffPtr> CopyMruItems() const;
+
+  // ---- purging (bag/purge.cpp) ---------------------------------------------------------------
+  // The host's purge entry: frees items, oldest first, until the host's Y_AmountToPurge() is met
+  // or the cache reaches its floor. `amount` is deliberately not consulted. Freed memory is
+  // released after the library lock is let go.
+  void FreeUpSomeMemory(unsigned long long amount);
+  // Frees every item that can be freed, whatever the host wants.
+  void PurgeAllMemoryCaches();
+
+  // ---- disk cache folder (disk/) -------------------------------------------------------------
+  void SetDiskCacheInfo(const std::string& folder, long long maxDiskCacheSize);
+  void EnableDiskCache(bool enable) { diskCacheEnabled_.exchange(enable ? 1 : 0); }
+  bool IsDiskCacheEnabled() const { return diskCacheEnabled_.load(std::memory_order_relaxed); }
+  zelcore::filesupport::Dir GetDiskCacheDirSpec() const;
+  long long GetCurFreeSpace() const;
+  long long GetMaxDiskCacheSize() const;
+  bool IsDiskCacheLimitedDueToDriveSpace() const;
+  std::shared_ptr<DiskOutOfSpaceSignal>& GetDiskOutOfSpaceSignal() { return diskOutOfSpace_; }
+  bool EnsureDiskSpace(long long bytesNeeded, unsigned long long lastUsedThreshold);
+  void ScanOneDiskCacheFile(const zelcore::filesupport::File& file);
+  double GetDiskWriteQueueSizePercentFull() const;
+
+ private:
+  friend class JX_Stuff;
+  friend class JX_SortDir;
+
+  struct MruLess {
+    bool operator()(const JX_Stuff& a, const JX_Stuff& b) const {
+      return a.GetLastUsedTime() < b.GetLastUsedTime();
+    }
+  };
+  using MruSet = boost::intrusive::multiset<
+      JX_Stuff, boost::intrusive::member_hook<JX_Stuff, JX_Stuff::MruHook, &JX_Stuff::mruHook_>,
+      boost::intrusive::compare<MruLess>, boost::intrusive::constant_time_size<true>>;
+
+  void AddStuffGuts(const StuffPtr& stuff, const JXp_ScLock& lock, bool addToMediaMap);
+  void RemoveStuffGuts(const StuffPtr& stuff, const JXp_ScLock& lock, bool removeFromMediaMap);
+  void TrackLastPurgedUsedTime(unsigned long long usedTime);
+  void TraceMediaMapChange(const char* what, const JX_Stuff& stuff);
+
+  MruSet mru_;  // guarded by the library lock; holds one reference per item
+  std::shared_ptr<JX_SortDir> sortDir_;
+  std::atomic<uint8_t> diskCacheEnabled_{0};
+  mutable std::mutex diskMutex_;
+  zelcore::filesupport::Dir diskCacheDir_;      // guarded by diskMutex_
+  std::u16string diskCacheDirText_;             // guarded by diskMutex_
+  long long maxDiskCacheSize_ = 0;              // guarded by diskMutex_
+  std::atomic<long long> onDiskSize_{0};
+  const unsigned int appVersion_;
+  std::atomic<unsigned long long> lastPurgedUsedTime_{0};
+  std::atomic<long long> inMemorySize_{0};
+  std::atomic<long long> checkedOutSize_{0};
+  std::shared_ptr<DiskOutOfSpaceSignal> diskOutOfSpace_;
+};
+
+// The media layer's fixed maximum cache size times "Graphics.DefaultJXCacheLimitForGfxpaksMultiplier".
+JX_EXPORT unsigned long long JX_GetMaxJXCacheSize();
+// Whether the global bag holds at least its floor (host memory limit times
+// "KQ.MinJXSizeToPurgeLimitRatioR"); always true under the fixed limit for templates. A failing
+// Y_GetMemUsageLimits throws its status.
+JX_EXPORT bool JX_IsGlobalBagSizeAboveMinimum();

@@ -1,0 +1,105 @@
+// JX_Bag::FindAndCheckout: find an item that answers a request and check it out, or create the
+// pending item the caller must fill while others wait for it.
+#include <vector>
+
+#include "bag/bag.h"
+#include "bag/sort_dir.h"
+#include "host/profiler.h"
+#include "host/y_api.h"
+#include "lifecycle/failures.h"
+
+namespace cf = jx::checkout_flags;
+
+namespace {
+
+bool MayWaitForPending(int flags) {
+  if (!(flags & cf::kWaitBits)) return false;
+  // A thread holding a notifying host lock, the library lock or an item lock must never block
+  // on another thread's render: the renderer may need exactly that lock to finish.
+  return !Y::ScNotifyHoldingMutexLock::IsHoldingLock() && !JXp_ScLock::IsLockedByCurrentThread() &&
+         !zelcore::threads::MultiTenantRecursiveMutex::CurrentThreadHoldsAny();
+}
+
+}  // namespace
+
+JX_CheckoutResult JX_Bag::FindAndCheckout(const StuffPtr& request, int checkoutFlags,
+                                          StuffPtr* found, bool* createdPending) {
+  ZC_PROFILE_SCOPE("KQ.JX_SortDir::FindAndCheckout", 7);
+  if (!request) jx::ThrowNullPtr("JX_Stuff");
+  if (!found || !createdPending) jx::ThrowNullPtr("JX_Bag::FindAndCheckout output");
+  found->reset();
+  *createdPending = false;
+
+  StuffPtr match;
+  JX_CheckoutResult result = kJX_CheckoutRefused;
+  {
+    JXp_ScLock lock;
+    ZC_PROFILE_SCOPE("KQ.JX_SortDir::FindAndCheckout 1 - post lock attempt", 7);
+    const auto key = request->GetFindKeyData();
+    const JX_CompressedAllowedOption option =
+        key ? key->GetCompressedAllowedOption() : kJX_CompressionNotAllowed;
+    const int rounds = option != kJX_CompressionNotAllowed ? 2 : 1;
+    const auto guid = request->GetGuid();
+
+    // Candidates are copied first: a writeable check-out takes its item out of the directory.
+    std::vector<StuffPtr> candidates;
+    sortDir_->ForEachWithGuid(guid, [&](const StuffPtr& s) {
+      candidates.push_back(s);
+      return true;
+    });
+    // Disk reads happen after the library lock is released (below), never under it.
+    const int lockedFlags = checkoutFlags | cf::kNoDiskRead;
+    bool pendingMatchRefused = false;
+    for (int round = 0; round < rounds && !match; ++round) {
+      const bool wantCompressed = round == 1;
+      for (const StuffPtr& candidate : candidates) {
+        if (candidate->IsCompressed() != wantCompressed) continue;
+        auto candidateKey = candidate->GetFindKeyData();
+        if (!candidateKey || !candidateKey->CanSatisfyRequest(key)) continue;
+        if (candidate->Checkout(lockedFlags) == kJX_CheckedOut) {
+          match = candidate;
+          result = kJX_CheckedOut;
+          break;
+        }
+        if (candidate->IsPendingRender()) pendingMatchRefused = true;
+      }
+    }
+    // A key that is being rendered never gets a second pending item: that would compute it twice.
+    if (!match && (checkoutFlags & cf::kCreatePending) && !pendingMatchRefused) {
+      ZC_PROFILE_SCOPE("KQ.JX_SortDir.CreatePending", 7);
+      match = JX_Stuff::CreatePending(guid, key);
+      AddToBagAndSortDir(match);
+      match->CheckoutNewPending();
+      match->MaybeWriteToDisk();
+      result = kJX_CreatedPending;
+      *createdPending = true;
+    }
+  }
+  if (!match) return kJX_CheckoutRefused;
+
+  if (result == kJX_CheckedOut) {
+    if (match->IsPendingRender() && MayWaitForPending(checkoutFlags)) {
+      match->WaitForPendingCompletion();
+      if (!match->GetDataPtr()) {
+        // The render was abandoned: nothing to hand out.
+        match->Checkin(0, 0.0);
+        return kJX_CheckoutRefused;
+      }
+    }
+    if (!(checkoutFlags & cf::kNoDiskRead) && !match->IsPendingRender() && !match->IsInMemory() &&
+        match->HasDiskCacheFile()) {
+      bool ok = false;
+      try {
+        ok = match->EnsureInMemory();
+      } catch (...) {
+        ok = false;
+      }
+      if (!ok) {
+        match->Checkin(0, 0.0);
+        return kJX_CheckoutRefused;
+      }
+    }
+  }
+  *found = std::move(match);
+  return result;
+}

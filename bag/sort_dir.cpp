@@ -1,0 +1,168 @@
+// JX_SortDir and the directory side of JX_Bag and JX_Stuff: adding, removing, superseding and
+// re-keying items.
+#include "bag/sort_dir.h"
+
+#include <boost/functional/hash.hpp>
+#include <vector>
+
+#include "bag/bag.h"
+#include "host/profiler.h"
+#include "lifecycle/failures.h"
+
+using zelcore::threads::ScopedReadLockWrapper;
+using zelcore::threads::ScopedWriteLockWrapper;
+
+namespace {
+constexpr unsigned int kDirectoryInitialBuckets = 1024;
+constexpr float kDirectoryMaxLoadFactor = 1.0f;
+
+// Dead: keeps nothing a request could use.
+bool IsDead(const JX_Stuff& s) {
+  return !s.IsInMemory() && !s.HasDiskCacheFile() && !s.IsPendingRender();
+}
+}  // namespace
+
+JX_SortDir::JX_SortDir() : items_(kDirectoryInitialBuckets) {
+  items_.max_load_factor(kDirectoryMaxLoadFactor);
+}
+
+JX_SortDir::~JX_SortDir() = default;
+
+size_t JX_SortDir::HashGuid(const zelcore::utility::Guid& guid) {
+  const auto& bytes = guid.Bytes();
+  return boost::hash_range(bytes.begin(), bytes.end());
+}
+
+void JX_SortDir::AddStuff(const StuffPtr& stuff) {
+  ZC_PROFILE_SCOPE("KQ.JX_SortDir::AddStuff", 7);
+  if (!stuff) jx::ThrowNullPtr("JX_Stuff");
+  JXp_ScLock lock;
+  auto key = stuff->GetFindKeyData();
+  const bool compressed = stuff->IsCompressed();
+  std::vector<StuffPtr> superseded;
+  ForEachWithGuid(stuff->GetGuid(), [&](const StuffPtr& old) {
+    if (old == stuff) return true;
+    bool sameCompression = old->IsCompressed() == compressed;
+    if (IsDead(*old) || (sameCompression && key && key->CanSatisfyRequest(old->GetFindKeyData()))) {
+      superseded.push_back(old);
+    }
+    return true;
+  });
+  for (const StuffPtr& old : superseded) {
+    if (auto bag = old->GetBag()) bag->RemoveStuffGuts(old, lock, true);
+    old->RemoveFromBagAndSortDir();
+  }
+  items_.insert(stuff);
+  ScopedWriteLockWrapper wl(stuff->mutex_);
+  stuff->sortDir_ = weak_from_this();
+  stuff->tempRemovedFromSortDir_ = false;
+}
+
+void JX_SortDir::RemoveStuff(const StuffPtr& stuff) {
+  ZC_PROFILE_SCOPE("KQ.JX_SortDir::RemoveStuff", 7);
+  if (!stuff) jx::ThrowNullPtr("JX_Stuff");
+  JXp_ScLock lock;
+  {
+    ScopedReadLockWrapper r(stuff->mutex_);
+    if (stuff->sortDir_.lock().get() != this) {
+      jx::FailVerification("stuff not in the right sortdir");
+    }
+    if (stuff->writeable_) jx::FailVerification("can't remove a writeable stuff from sortdir");
+  }
+  {
+    ScopedWriteLockWrapper wl(stuff->mutex_);
+    stuff->sortDir_.reset();
+  }
+  EraseNode(stuff);
+}
+
+void JX_SortDir::TempRemove(const StuffPtr& stuff, const JXp_ScLock&) { EraseNode(stuff); }
+
+void JX_SortDir::EraseNode(const StuffPtr& stuff) {
+  auto range = items_.equal_range(stuff);
+  for (auto it = range.first; it != range.second; ++it) {
+    if (*it == stuff) {
+      items_.erase(it);
+      return;
+    }
+  }
+}
+
+void JX_Stuff::TempRemoveFromSortDir(const JXp_ScLock& lock) {
+  IntrusivePtr<JX_Stuff> self(this);
+  ScopedWriteLockWrapper wl(mutex_);
+  if (tempRemovedFromSortDir_) return;
+  if (auto dir = sortDir_.lock()) {
+    dir->TempRemove(self, lock);
+    tempRemovedFromSortDir_ = true;
+  }
+}
+
+void JX_Stuff::UpdateWithNewGuid(const Guid& guid) {
+  IntrusivePtr<JX_Stuff> self(this);
+  JXp_ScLock lock;
+  bool writeable;
+  std::shared_ptr<JX_SortDir> dir;
+  {
+    ScopedReadLockWrapper r(mutex_);
+    writeable = writeable_;
+    dir = sortDir_.lock();
+  }
+  if (writeable || !dir) {
+    // Out of the directory for now: check-in (or the next add) files it under the new key.
+    StoreGuid(guid);
+    return;
+  }
+  dir->RemoveStuff(self);
+  StoreGuid(guid);
+  dir->AddStuff(self);
+}
+
+void JX_Stuff::AddToBagAndSortDir(const std::shared_ptr<JX_Bag>& bag) {
+  if (!bag) jx::ThrowNullPtr("JX_Bag");
+  bag->AddToBagAndSortDir(IntrusivePtr<JX_Stuff>(this));
+}
+
+void JX_Stuff::RemoveFromBagAndSortDir() {
+  ZC_PROFILE_SCOPE("KQ.JX_Stuff::RemoveFromBagAndSortDir", 7);
+  IntrusivePtr<JX_Stuff> self(this);
+  JXp_ScLock lock;
+  ZC_PROFILE_SCOPE("JX_Stuff::RemoveFromBagAndSortDir - postLock", 7);
+  std::shared_ptr<JX_SortDir> dir;
+  bool tempRemoved;
+  {
+    ScopedReadLockWrapper r(mutex_);
+    dir = sortDir_.lock();
+    tempRemoved = tempRemovedFromSortDir_;
+  }
+  if (dir && tempRemoved) {
+    // A writeable item is already out of the directory: forget where it would have returned.
+    ScopedWriteLockWrapper wl(mutex_);
+    sortDir_.reset();
+    tempRemovedFromSortDir_ = false;
+  } else if (dir) {
+    dir->RemoveStuff(self);
+  }
+  if (auto bag = GetBag()) bag->RemoveStuffGuts(self, lock, true);
+}
+
+void JX_Bag::AddToBagAndSortDir(const StuffPtr& stuff) {
+  ZC_PROFILE_SCOPE("KQ.JX_Bag::AddToBagAndSortDir", 7);
+  if (!stuff) jx::ThrowNullPtr("JX_Stuff");
+  JXp_ScLock lock;
+  ZC_PROFILE_SCOPE("KQ.JX_Bag::AddToBagAndSortDir - post lock", 7);
+  AddStuff(stuff);
+  sortDir_->AddStuff(stuff);
+}
+
+void JX_Bag::RemoveStuffFromBagAndSortDir(const StuffPtr& stuff, const JXp_ScLock& lock,
+                                          bool removeFromMediaMap) {
+  ZC_PROFILE_SCOPE("KQ.JX_Bag::RemoveStuffFromBagAndSortDir", 7);
+  sortDir_->RemoveStuff(stuff);
+  RemoveStuffGuts(stuff, lock, removeFromMediaMap);
+}
+
+void JX_Bag::ClearBagAndSortDir() {
+  std::deque<StuffPtr> items = CopyMruItems();
+  for (const StuffPtr& s : items) s->RemoveFromBagAndSortDir();
+}

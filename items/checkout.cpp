@@ -1,0 +1,178 @@
+// The check-out protocol of JX_Stuff: check-out (read-only and writeable), check-in and the
+// conversion of a read-only check-out into the writeable one.
+#include <optional>
+
+#include "bag/bag.h"
+#include "bag/library_lock.h"
+#include "bag/sort_dir.h"
+#include "host/profiler.h"
+#include "host/trace.h"
+#include "host/y_api.h"
+#include "items/stuff.h"
+#include "lifecycle/failures.h"
+
+namespace cf = jx::checkout_flags;
+namespace ci = jx::checkin_flags;
+using zelcore::threads::ScopedReadLockWrapper;
+using zelcore::threads::ScopedUpgradeLockWrapper;
+using zelcore::threads::ScopedWriteLockWrapper;
+
+namespace {
+
+struct WaitDecision {
+  bool wait;
+  bool askedAboutPending;
+};
+
+WaitDecision DecodeWait(int flags) {
+  bool always = (flags & cf::kWaitAlways) != 0;
+  bool unlessHostLock = (flags & cf::kWaitUnlessHostLock) != 0;
+  return {always || (unlessHostLock && !Y::ScNotifyHoldingMutexLock::IsHoldingLock()),
+          always || unlessHostLock};
+}
+
+unsigned int PayloadSize(const JX_Stuff::IntrusivePtr<JX_StuffData>& data) {
+  return data ? data->GetApproximateMemorySize() : 0;
+}
+
+}  // namespace
+
+JX_CheckoutResult JX_Stuff::Checkout(int flags) {
+  if (!(flags & cf::kReadOnly)) return CheckoutForWrite(flags);
+  ScopedUpgradeLockWrapper up(mutex_);
+  return CheckoutLocked(flags, up, nullptr);
+}
+
+JX_CheckoutResult JX_Stuff::CheckoutForWrite(int flags) {
+  // The directory removal needs the library lock, and it comes before the item lock.
+  JXp_ScLock lock;
+  ScopedUpgradeLockWrapper up(mutex_);
+  return CheckoutLocked(flags, up, &lock);
+}
+
+JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, ScopedUpgradeLockWrapper& up,
+                                           JXp_ScLock* libraryLock) {
+  const bool forWrite = libraryLock != nullptr;
+  const WaitDecision w = DecodeWait(flags);
+  if (writeable_) return kJX_CheckoutRefused;
+  if (forWrite && checkoutCount_.load(std::memory_order_acquire) != 0) return kJX_CheckoutRefused;
+  const bool pending = pending_.load(std::memory_order_acquire);
+  if (pending && !w.wait) {
+    if (w.askedAboutPending) {
+      JX_GetStuffCounters().pendingRefusals.fetch_add(1, std::memory_order_relaxed);
+    }
+    return kJX_CheckoutRefused;
+  }
+  if (!data_ && !pending) return kJX_CheckoutRefused;
+  // A thread never waits for the item it is rendering itself.
+  if (pending && pendingThread_ == zelcore::threads::CurrentThreadId()) return kJX_CheckoutRefused;
+
+  checkoutCount_.fetch_add(1, std::memory_order_acq_rel);
+  auto refuse = [this] {
+    checkoutCount_.fetch_sub(1, std::memory_order_acq_rel);
+    return kJX_CheckoutRefused;
+  };
+  const bool onDisk = diskFile_ != nullptr;
+  bool inMemory = data_ && data_->IsInMemory();
+  if (!inMemory && onDisk && !(flags & cf::kNoDiskRead)) {
+    bool readOk = false;
+    try {
+      readOk = EnsureInMemory();
+    } catch (...) {
+      readOk = false;
+    }
+    if (!readOk) return refuse();
+    inMemory = true;
+  }
+  if (!inMemory && !pending && !(flags & cf::kAcceptNotInMemory)) {
+    if (!(diskFile_ != nullptr && (flags & cf::kNoDiskRead))) return refuse();
+  }
+  if (forWrite) {
+    TempRemoveFromSortDir(*libraryLock);
+    ScopedWriteLockWrapper wl(up.mutex());
+    writeable_ = true;
+  }
+  JX_GetStuffCounters().itemsCheckedOut.fetch_add(1, std::memory_order_relaxed);
+  SyncMemorySizeWithBag(PayloadSize(data_));
+  return kJX_CheckedOut;
+}
+
+void JX_Stuff::CheckoutNewPending() {
+  checkoutCount_.fetch_add(1, std::memory_order_acq_rel);
+  JX_GetStuffCounters().itemsCheckedOut.fetch_add(1, std::memory_order_relaxed);
+  SyncMemorySizeWithBag(0);
+}
+
+void JX_Stuff::Checkin(int flags, double computeTime) {
+  ZC_PROFILE_SCOPE("KQ.JX_Stuff::Checkin", 6);
+  IntrusivePtr<JX_Stuff> self(this);
+  bool wasWriteable;
+  {
+    ScopedReadLockWrapper r(mutex_);
+    wasWriteable = writeable_;
+  }
+  {
+    JXp_ScLock lock;
+    if (wasWriteable) {
+      // Back into the directory under the (possibly new) GUID. The directory takes the item's
+      // lock itself; holding the library lock is what keeps membership consistent.
+      std::shared_ptr<JX_SortDir> dir;
+      {
+        ScopedReadLockWrapper r(mutex_);
+        if (tempRemovedFromSortDir_) dir = sortDir_.lock();
+      }
+      if (dir) {
+        dir->AddStuff(self);
+        ZC_TRACE("JX_Stuff", 6, "check-in updated w/ guid:" << GetGuid().AsString());
+      }
+    }
+    std::shared_ptr<JX_Bag> bag;
+    {
+      ScopedWriteLockWrapper wl(mutex_);
+      writeable_ = false;
+      tempRemovedFromSortDir_ = false;
+      uint32_t n = checkoutCount_.load(std::memory_order_acquire);
+      while (n > 0 && !checkoutCount_.compare_exchange_weak(n, n - 1, std::memory_order_acq_rel)) {
+      }
+      if (!(flags & ci::kKeepRecency)) bag = bag_.lock();
+    }
+    if (bag) bag->UpdateWithNewLastUsedTime(self, lock);
+  }
+  // With every lock released.
+  if (flags & ci::kRemove) {
+    RemoveFromBagAndSortDir();
+  } else if (flags & ci::kPurge) {
+    FreeUpAsMuchAsPossible(true, nullptr);
+  } else {
+    OfferToDiskAtCheckin(flags, wasWriteable, computeTime);
+  }
+  // Always re-synchronise: the checked-out share must drop even when a purge freed nothing.
+  NoteCheckedIn();
+}
+
+void JX_Stuff::NoteCheckedIn() {
+  SyncMemorySizeWithBag(PayloadSize(GetDataPtr()));
+  JX_GetStuffCounters().itemsCheckedOut.fetch_sub(1, std::memory_order_relaxed);
+}
+
+void JX_Stuff::ConvertToWriteable() {
+  {
+    JXp_ScLock lock;
+    ScopedWriteLockWrapper wl(mutex_);
+    if (writeable_) jx::FailWithMessage(11, jx::kErrCheckedOutWrite);
+    uint32_t n = checkoutCount_.load(std::memory_order_acquire);
+    if (n > 1) jx::FailWithMessage(12, jx::kErrCheckedOutWrite);
+    if (n == 0) jx::FailWithMessage(22, jx::kErrNotCheckedOut);
+    TempRemoveFromSortDir(lock);
+    writeable_ = true;
+  }
+  // The disk copy no longer matches what the writer will make of the payload.
+  DeleteDiskCacheFile();
+}
+
+JX_CheckoutResult JX_Stuff::CheckinAndCheckout(int checkinFlags, double computeTime,
+                                               int checkoutFlags) {
+  JXp_ScLock lock;
+  Checkin(checkinFlags, computeTime);
+  return Checkout(checkoutFlags);
+}

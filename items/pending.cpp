@@ -1,0 +1,99 @@
+// Pending items: waiting for a render another thread is doing, and completing it.
+#include <chrono>
+#include <thread>
+
+#include "bag/bag.h"
+#include "host/config.h"
+#include "host/profiler.h"
+#include "host/trace.h"
+#include "host/y_api.h"
+#include "items/stuff.h"
+#include "lifecycle/settings.h"
+
+using zelcore::threads::ScopedUpgradeLockWrapper;
+using zelcore::threads::ScopedWriteLockWrapper;
+
+// Defined with the disk writer: writes queued for the disk thread.
+uint32_t JX_GetQueuedDiskWriteCount();
+
+namespace {
+
+constexpr auto kPendingWaitDeadline = std::chrono::hours(24);
+constexpr uint32_t kBackPressureQueuedWrites = 200;
+constexpr auto kBackPressureStep = std::chrono::milliseconds(100);
+
+// Opens and closes the host's quiet-errors mode for the current thread.
+class ScQuietErrors {
+ public:
+  ScQuietErrors() { Y_StartQuietErrorsOnCurrentThread(); }
+  ~ScQuietErrors() { Y_EndQuietErrorsOnCurrentThread(); }
+  ScQuietErrors(const ScQuietErrors&) = delete;
+  ScQuietErrors& operator=(const ScQuietErrors&) = delete;
+};
+
+}  // namespace
+
+void JX_Stuff::WaitForPendingCompletion() const {
+  if (!IsPendingRender()) return;
+  ZC_PROFILE_SCOPE("KQ.JX_Stuff::WaitForPendingCompletion", 6);
+  JX_GetStuffCounters().pendingWaits.fetch_add(1, std::memory_order_relaxed);
+  pendingGate_.WaitUntil(std::chrono::steady_clock::now() + kPendingWaitDeadline);
+}
+
+JX_Stuff::IntrusivePtr<JX_StuffData> JX_Stuff::GetDataWaitIfPending() const {
+  WaitForPendingCompletion();
+  return GetDataPtr();
+}
+
+void JX_Stuff::SetStuffDataFromPendingRender(IntrusivePtr<JX_StuffData> data,
+                                             double computeTime) {
+  SetStuffDataFromPendingRender_Impl(std::move(data), computeTime, false);
+}
+
+void JX_Stuff::SetStuffDataFromPendingRender_Impl(IntrusivePtr<JX_StuffData> data,
+                                                  double computeTime, bool skipBackPressure) {
+  IntrusivePtr<JX_Stuff> self(this);
+  if (uint32_t sleepMs = jx::settings::DebugSleepTimeSetStuffDataMs()) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(sleepMs));
+  }
+  // A renderer that outruns the disk writer is held back until the whole queue has drained,
+  // not merely until it is under the threshold: that keeps writes in long, even batches.
+  if (!skipBackPressure && JX_IsImprovedDiskCacheBehaviorFullyEnabled() &&
+      JX_GetQueuedDiskWriteCount() > kBackPressureQueuedWrites) {
+    while (JX_GetQueuedDiskWriteCount() > 0) std::this_thread::sleep_for(kBackPressureStep);
+  }
+  IntrusivePtr<JX_StuffData> findKey = GetFindKeyData();
+  {
+    // The pending flag and the payload change together, so a check-out never sees an item that
+    // is neither pending nor filled.
+    ScopedWriteLockWrapper wl(mutex_);
+    if (!pending_.exchange(false, std::memory_order_acq_rel)) return;
+    data_ = data;
+    computeTime_ = computeTime;
+    pendingThread_ = zelcore::threads::kNoThread;
+  }
+  // Whatever happens below, nobody may be left waiting at the gate.
+  zelcore::config::ExecuteTopLevelFunction openGate([this] { pendingGate_.Open(); });
+  if (data) {
+    SyncMemorySizeWithBag(data->GetApproximateMemorySize());
+    MaybeWriteToDisk();
+    ScopedWriteLockWrapper wl(mutex_);
+    findKeyData_.reset();
+  } else {
+    // The render failed: the key is free again.
+    RemoveFromBagAndSortDir();
+  }
+}
+
+bool JX_Stuff::EnsureInMemory() {
+  ScQuietErrors quiet;
+  ZC_TRACE("JX_Stuff", 1,
+           "JX_Stuff::EnsureInMemory pre-prep " << zelcore::threads::CurrentThreadId());
+  {
+    ScopedUpgradeLockWrapper up(mutex_);
+    if (!(data_ && data_->IsInMemory()) && diskFile_) PrepAndRead(up);
+  }
+  ZC_TRACE("JX_Stuff", 1,
+           "JX_Stuff::EnsureInMemory post-prep " << zelcore::threads::CurrentThreadId());
+  return IsInMemory();
+}

@@ -1,0 +1,183 @@
+// JX_Stuff: construction, destruction and the state accessors.
+#include "items/stuff.h"
+
+#include "bag/bag.h"
+#include "bag/sort_dir.h"
+#include "host/high_precision_time.h"
+#include "lifecycle/failures.h"
+
+using zelcore::threads::ScopedReadLockWrapper;
+using zelcore::threads::ScopedWriteLockWrapper;
+using zelcore::utility::HighPrecisionTime;
+
+namespace {
+
+// The GUID spin lock: exchange to 1 to take, store 0 to release; between attempts a waiter
+// re-reads the word with a back-off that doubles from 1 up to 64 pause iterations.
+class GuidSpinGuard {
+ public:
+  explicit GuidSpinGuard(std::atomic<uint32_t>& word) : word_(word) {
+    unsigned backoff = 1;
+    while (word_.exchange(1, std::memory_order_acquire) != 0) {
+      do {
+        for (unsigned i = 0; i < backoff; ++i) Pause();
+        if (backoff < 64) backoff <<= 1;
+      } while (word_.load(std::memory_order_relaxed) != 0);
+    }
+  }
+  ~GuidSpinGuard() { word_.store(0, std::memory_order_release); }
+
+ private:
+  static void Pause() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#endif
+  }
+  std::atomic<uint32_t>& word_;
+};
+
+}  // namespace
+
+JX_StuffCounters& JX_GetStuffCounters() {
+  static JX_StuffCounters counters;
+  return counters;
+}
+
+JX_Stuff::JX_Stuff(IntrusivePtr<JX_StuffData> data, double computeTime, bool pending)
+    : data_(std::move(data)),
+      computeTime_(computeTime),
+      pending_(pending),
+      lastUsedTime_(HighPrecisionTime::GetCurrentTimeStamp()) {
+  if (pending) pendingThread_ = zelcore::threads::CurrentThreadId();
+}
+
+JX_Stuff::IntrusivePtr<JX_Stuff> JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData> data,
+                                                     double computeTime) {
+  return IntrusivePtr<JX_Stuff>(new JX_Stuff(std::move(data), computeTime, false));
+}
+
+JX_Stuff::IntrusivePtr<JX_Stuff> JX_Stuff::CreatePending(const Guid& guid,
+                                                         IntrusivePtr<JX_StuffData> findKeyData) {
+  IntrusivePtr<JX_Stuff> stuff(new JX_Stuff({}, 0.0, true));
+  stuff->guid_ = guid;
+  stuff->findKeyData_ = std::move(findKeyData);
+  return stuff;
+}
+
+JX_Stuff::~JX_Stuff() {
+  // An item outside any bag still counted its bytes in the global bag; take them out so that the
+  // totals stay exact when the last reference goes.
+  try {
+    SyncMemorySizeWithBag(0);
+    SyncDiskSizeWithBag(0);
+  } catch (...) {
+  }
+}
+
+bool JX_Stuff::IsCheckedOutWriteable() const {
+  ScopedReadLockWrapper r(mutex_);
+  return writeable_;
+}
+
+bool JX_Stuff::IsPendingFromThisThread() const {
+  ScopedReadLockWrapper r(mutex_);
+  return pending_.load(std::memory_order_acquire) &&
+         pendingThread_ == zelcore::threads::CurrentThreadId();
+}
+
+void JX_Stuff::ThrowIfCheckedOutWriteable() const {
+  if (IsCheckedOutWriteable()) jx::FailWithMessage(11, jx::kErrCheckedOutWrite);
+}
+
+void JX_Stuff::ThrowIfCheckedOutMoreThan(uint32_t count) const {
+  if (GetCheckoutCount() > count) jx::FailWithMessage(12, jx::kErrCheckedOutWrite);
+}
+
+void JX_Stuff::ThrowIfCheckedOutLessThan(uint32_t count) const {
+  if (GetCheckoutCount() < count) jx::FailWithMessage(22, jx::kErrNotCheckedOut);
+}
+
+JX_Stuff::IntrusivePtr<JX_StuffData> JX_Stuff::GetDataPtr() const {
+  ScopedReadLockWrapper r(mutex_);
+  return data_;
+}
+
+JX_Stuff::IntrusivePtr<JX_StuffData> JX_Stuff::GetFindKeyData() const {
+  ScopedReadLockWrapper r(mutex_);
+  return findKeyData_ ? findKeyData_ : data_;
+}
+
+void JX_Stuff::SetFindKeyData(IntrusivePtr<JX_StuffData> data) {
+  ScopedWriteLockWrapper w(mutex_);
+  findKeyData_ = std::move(data);
+}
+
+bool JX_Stuff::IsInMemory() const {
+  ScopedReadLockWrapper r(mutex_);
+  return data_ && data_->IsInMemory();
+}
+
+bool JX_Stuff::IsCompressed() const {
+  ScopedReadLockWrapper r(mutex_);
+  const auto& key = data_ ? data_ : findKeyData_;
+  return key && key->IsCompressed();
+}
+
+double JX_Stuff::GetComputeTime() const {
+  ScopedReadLockWrapper r(mutex_);
+  return computeTime_;
+}
+
+zelcore::utility::Guid JX_Stuff::GetGuid() const {
+  GuidSpinGuard g(guidSpin_);
+  return guid_;
+}
+
+void JX_Stuff::SetGuid(const Guid& guid) {
+  // The directory hashes items by GUID: an item in it must be re-keyed through the directory.
+  if (IsInSortDir()) {
+    UpdateWithNewGuid(guid);
+    return;
+  }
+  StoreGuid(guid);
+}
+
+void JX_Stuff::StoreGuid(const Guid& guid) {
+  GuidSpinGuard g(guidSpin_);
+  guid_ = guid;
+}
+
+std::shared_ptr<JX_Bag> JX_Stuff::GetBag() const {
+  ScopedReadLockWrapper r(mutex_);
+  return bag_.lock();
+}
+
+std::shared_ptr<JX_SortDir> JX_Stuff::GetSortDir() const {
+  ScopedReadLockWrapper r(mutex_);
+  return sortDir_.lock();
+}
+
+bool JX_Stuff::IsInSortDir() const {
+  ScopedReadLockWrapper r(mutex_);
+  return !sortDir_.expired() && !tempRemovedFromSortDir_;
+}
+
+JX_Stuff::Guid JX_Stuff::GetMediaMapGuid() const {
+  ScopedReadLockWrapper r(mutex_);
+  return mediaMapGuid_;
+}
+
+void JX_Stuff::SetMediaMapGuid(const Guid& guid) {
+  ScopedWriteLockWrapper w(mutex_);
+  mediaMapGuid_ = guid;
+}
+
+uint64_t JX_Stuff::GetMediaMapID() const {
+  ScopedReadLockWrapper r(mutex_);
+  return mediaMapID_;
+}
+
+void JX_Stuff::SetMediaMapID(uint64_t id) {
+  ScopedWriteLockWrapper w(mutex_);
+  mediaMapID_ = id;
+}

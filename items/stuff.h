@@ -1,0 +1,266 @@
+// JX_Stuff: one cached item, a payload (JX_StuffData) under a GUID key.
+//
+// Nobody uses a payload without checking its item out first, and every check-out is matched by
+// a check-in. A check-out is read-only (any number at once) or writeable (exactly one, and only
+// when nobody else holds the item). An item may be pending: created by a thread that is still
+// rendering its payload while other threads that want it wait on the item's gate.
+//
+// Ownership: intrusively reference-counted with weak references (IntrusivePtr<JX_Stuff>); the
+// bag owns its items through its recency set and its sort directory; the item refers back to
+// its bag and directory by weak pointer.
+//
+// Locks, in the only order they may be taken: the library lock (JXp_ScLock) -> this item's
+// reader/writer lock (mutex_) -> this item's GUID spin lock. Never take the library lock while
+// holding an item lock, and never wait (gate, sleep, executor) while holding either.
+//   mutex_ guards: data_, findKeyData_, writeable_, tempRemovedFromSortDir_, bag_, sortDir_,
+//                  computeTime_, diskFile_, mediaMapGuid_, mediaMapID_, pendingThread_.
+//   guidSpin_ guards: guid_.
+//   The library lock guards: the recency-set hook (mruHook_) and directory membership.
+//   Atomics (no lock): checkoutCount_, pending_, lastUsedTime_, the accounted sizes,
+//                      purgeState_, writeInProgress_, diskCheckouts_, taggedToWrite_.
+//
+// The methods of one behaviour live in the folder that owns the behaviour: check-out and pending
+// in items/, bag membership and purging in bag/, disk files in disk/, the media map in mediamap/.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <memory>
+
+#include <boost/intrusive/set_hook.hpp>
+
+#include "host/export.h"
+#include "host/file.h"
+#include "host/guid.h"
+#include "host/multi_tenant_mutex.h"
+#include "host/open_once_gate.h"
+#include "host/ref_counted.h"
+#include "host/signal.h"
+#include "host/thread_id.h"
+#include "items/jx_types.h"
+#include "items/stuff_data.h"
+
+class JX_Bag;
+class JX_SortDir;
+class JXp_ScLock;
+
+class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr {
+ public:
+  template <class T>
+  using IntrusivePtr = zelcore::utility::IntrusivePtr<T>;
+  using Guid = zelcore::utility::Guid;
+  using ReleaseQueue = std::deque<std::shared_ptr<void>>;
+  using MemDiskChangedSignal = zelcore::messaging::Signal<void(bool inMemory, bool onDisk)>;
+  // The hook that links the item into its bag's recency set.
+  using MruHook =
+      boost::intrusive::set_member_hook<boost::intrusive::link_mode<boost::intrusive::normal_link>,
+                                        boost::intrusive::optimize_size<true>>;
+
+  // ---- creation ------------------------------------------------------------------------------
+  // A ready item holding `data` (which may be empty), with the compute time it took.
+  static IntrusivePtr<JX_Stuff> CreateNew(IntrusivePtr<JX_StuffData> data, double computeTime);
+  // A pending item: no payload yet, gate closed, rendered by the calling thread; it answers
+  // requests like `findKeyData` until its payload arrives.
+  static IntrusivePtr<JX_Stuff> CreatePending(const Guid& guid,
+                                              IntrusivePtr<JX_StuffData> findKeyData);
+  ~JX_Stuff() override;
+
+  // ---- check-out protocol (items/checkout.cpp) -----------------------------------------------
+  // Checks the item out; returns kJX_CheckedOut or kJX_CheckoutRefused (a refusal is a result,
+  // never an error). Flags: jx::checkout_flags. A pending item that the flags allow waiting for
+  // is checked out as it stands; the caller waits with WaitForPendingCompletion.
+  JX_CheckoutResult Checkout(int flags);
+  // Matches one check-out. Renews recency (unless kKeepRecency), returns a writeable item to the
+  // sort directory, then removes, purges or offers the item to the disk writer as the flags and
+  // the payload say. `computeTime`: seconds it took to produce the payload.
+  void Checkin(int flags, double computeTime);
+  // Turns the caller's single read-only check-out into the writeable one. Throws 14851 (already
+  // writeable, or checked out more than once) or 14852 (not checked out) after reporting.
+  void ConvertToWriteable();
+  // Check-in then check-out under one hold of the library lock: nobody comes in between.
+  JX_CheckoutResult CheckinAndCheckout(int checkinFlags, double computeTime, int checkoutFlags);
+
+  // ---- pending items (items/pending.cpp) -----------------------------------------------------
+  // Waits while the item is pending (at most 24 hours). Must not be called holding the library
+  // lock or an item lock.
+  void WaitForPendingCompletion() const;
+  // Completes a pending item with `data` (empty: the render failed; the item leaves the bag and
+  // directory) and releases every waiter. Completing twice does nothing the second time.
+  void SetStuffDataFromPendingRender(IntrusivePtr<JX_StuffData> data, double computeTime);
+  // Same; `skipBackPressure` true skips holding a fast renderer back behind the disk writer.
+  void SetStuffDataFromPendingRender_Impl(IntrusivePtr<JX_StuffData> data, double computeTime,
+                                          bool skipBackPressure);
+  bool IsPendingRender() const { return pending_.load(std::memory_order_acquire); }
+  bool IsPendingFromThisThread() const;
+  // The payload, after waiting for a pending render to finish.
+  IntrusivePtr<JX_StuffData> GetDataWaitIfPending() const;
+  // Reads the payload back from the disk cache when it is not in memory; returns IsInMemory().
+  bool EnsureInMemory();
+
+  // ---- state ---------------------------------------------------------------------------------
+  bool IsCheckedOutWriteable() const;
+  uint32_t GetCheckoutCount() const { return checkoutCount_.load(std::memory_order_acquire); }
+  void ThrowIfCheckedOutWriteable() const;
+  void ThrowIfCheckedOutMoreThan(uint32_t count) const;
+  void ThrowIfCheckedOutLessThan(uint32_t count) const;
+  IntrusivePtr<JX_StuffData> GetDataPtr() const;
+  // The request this item answers: the find-key data while pending, else the payload itself.
+  IntrusivePtr<JX_StuffData> GetFindKeyData() const;
+  void SetFindKeyData(IntrusivePtr<JX_StuffData> data);
+  bool IsInMemory() const;
+  bool IsCompressed() const;
+  double GetComputeTime() const;
+  uint64_t GetLastUsedTime() const { return lastUsedTime_.load(std::memory_order_acquire); }
+  zelcore::threads::MultiTenantRecursiveMutex& GetMutex() const { return mutex_; }
+
+  // ---- key and directory (bag/sort_dir.cpp) --------------------------------------------------
+  Guid GetGuid() const;
+  // Sets the GUID of an item that is in no directory (a request being built).
+  void SetGuid(const Guid& guid);
+  // Re-keys the item: leaves the directory, takes the new GUID, re-enters (superseding older
+  // items it can stand for). A writeable item only takes the GUID; check-in re-enters it.
+  void UpdateWithNewGuid(const Guid& guid);
+  std::shared_ptr<JX_SortDir> GetSortDir() const;
+  bool IsInSortDir() const;
+
+  // ---- bag (bag/bag.cpp) ---------------------------------------------------------------------
+  // The bag holding the item, or empty.
+  std::shared_ptr<JX_Bag> GetBag() const;
+  void AddToBagAndSortDir(const std::shared_ptr<JX_Bag>& bag);
+  // Leaves the directory and the bag, wherever the item is (a no-op when in neither).
+  void RemoveFromBagAndSortDir();
+  // Re-synchronises the bag's in-memory and checked-out totals with this item's new size. Items
+  // in no bag account to the global bag; with no global bag, nothing happens.
+  void SyncMemorySizeWithBag(unsigned int newSize);
+  void SyncDiskSizeWithBag(unsigned int newSize);
+  unsigned int GetAccountedMemorySize() const { return memSize_.load(std::memory_order_relaxed); }
+  unsigned int GetAccountedDiskSize() const { return diskSize_.load(std::memory_order_relaxed); }
+
+  // ---- purging (bag/purge.cpp) ---------------------------------------------------------------
+  // Frees this item's memory if nobody has it checked out; an item left with nothing worth
+  // keeping leaves the bag and directory. Returns the bytes freed (0 if nothing). Takes the
+  // library lock, then the item's write lock.
+  unsigned int FreeUpAsMuchAsPossible(bool removeFromMediaMap, ReleaseQueue* toRelease);
+  bool ShouldAllowPurge();
+
+  // ---- disk cache (disk/) --------------------------------------------------------------------
+  // Writes the item's disk cache file if it has none (errors are caught and counted).
+  void PrepAndWrite(const std::shared_ptr<JX_Bag>& bag);
+  // Reads the payload back from the item's file; the caller holds the item's upgrade lock.
+  // On failure the file is deleted, the failed-reads counter raised and the error thrown on.
+  void PrepAndRead(const zelcore::threads::ScopedUpgradeLockWrapper& lock);
+  bool SetDiskCacheFile(const zelcore::filesupport::File& file, bool onlyIfNone);
+  zelcore::filesupport::File GetDiskCacheFile() const;
+  bool HasDiskCacheFile() const;
+  bool IsOnDisk() const { return HasDiskCacheFile(); }
+  void ClearDiskCacheFile();
+  bool DeleteDiskCacheFile();
+  void MaybeDeleteDiskCacheFile(uint64_t lastUsedThreshold, bool* deleted, bool* skipped);
+  uint32_t GetNumDiskCacheCheckouts() const {
+    return diskCheckouts_.load(std::memory_order_acquire);
+  }
+  // Pins the item's disk file against the folder's size keeping while it lives.
+  class JX_EXPORT DiskCacheCheckoutScoper {
+   public:
+    explicit DiskCacheCheckoutScoper(IntrusivePtr<JX_Stuff> stuff);
+    ~DiskCacheCheckoutScoper();
+    DiskCacheCheckoutScoper(const DiskCacheCheckoutScoper&) = delete;
+    DiskCacheCheckoutScoper& operator=(const DiskCacheCheckoutScoper&) = delete;
+
+   private:
+    IntrusivePtr<JX_Stuff> stuff_;
+  };
+  // A pin on the item's disk file, or empty when the item has none.
+  std::unique_ptr<DiskCacheCheckoutScoper> CheckoutDiskCache(bool unused = false);
+  // The library-wide number of live disk pins.
+  static std::atomic<uint32_t>& GetNumDiskCacheCheckoutsGlobal();
+  // Offers the item to the background disk writer when it is worth writing.
+  void MaybeWriteToDisk();
+  bool WasTaggedToWriteToDisk() const { return taggedToWrite_.load(std::memory_order_acquire); }
+  void ReconsiderWriteToDisk();
+  MemDiskChangedSignal& GetMemDiskChangedSignal();
+
+  // ---- media map (mediamap/) -----------------------------------------------------------------
+  Guid GetMediaMapGuid() const;
+  void SetMediaMapGuid(const Guid& guid);
+  uint64_t GetMediaMapID() const;
+  void SetMediaMapID(uint64_t id);
+  // The host purged this item's media-map entry: free its memory.
+  void PurgeFromMediaMap();
+
+ private:
+  friend class JX_Bag;
+  friend class JX_SortDir;
+  friend class JX_ScCheckout;
+  struct SortDirHash;
+  struct SortDirEqual;
+
+  JX_Stuff(IntrusivePtr<JX_StuffData> data, double computeTime, bool pending);
+
+  JX_CheckoutResult CheckoutForWrite(int flags);
+  JX_CheckoutResult CheckoutLocked(int flags, zelcore::threads::ScopedUpgradeLockWrapper& up,
+                                   JXp_ScLock* libraryLock);
+  // Hands a newly created pending item to its creator: checked out once, no wait.
+  void CheckoutNewPending();
+  void TempRemoveFromSortDir(const JXp_ScLock& lock);
+  void SetBagAndInMru(const std::weak_ptr<JX_Bag>& bag);
+  // Disk decision of a check-in (disk/): flag 8 writes at once, a writeable check-in asks the
+  // write-worthiness rule.
+  void OfferToDiskAtCheckin(int flags, bool wasWriteable, double computeTime);
+  bool PurgeIfPossiblePrivate(const zelcore::threads::ScopedWriteLockWrapper& itemWriteLock,
+                              ReleaseQueue* toRelease);
+  void NoteCheckedIn();
+  void StoreGuid(const Guid& guid);
+
+  // Key.
+  Guid guid_;
+  mutable std::atomic<uint32_t> guidSpin_{0};
+
+  // Payload and request.
+  IntrusivePtr<JX_StuffData> data_;
+  IntrusivePtr<JX_StuffData> findKeyData_;
+  double computeTime_ = 0.0;
+
+  // Check-out state.
+  std::atomic<uint32_t> checkoutCount_{0};
+  bool writeable_ = false;
+  std::atomic<bool> pending_{false};
+  zelcore::threads::ThreadId pendingThread_ = zelcore::threads::kNoThread;
+  zelcore::threads::OpenOnceGate pendingGate_;
+
+  // Bag, recency and directory.
+  std::weak_ptr<JX_Bag> bag_;
+  std::weak_ptr<JX_SortDir> sortDir_;
+  bool tempRemovedFromSortDir_ = false;
+  std::atomic<uint64_t> lastUsedTime_;
+  MruHook mruHook_;
+  bool inMru_ = false;  // guarded by the library lock
+
+  // Accounted sizes (what this item currently contributes to the bag's totals).
+  std::atomic<uint32_t> memSize_{0};
+  std::atomic<uint32_t> checkedOutSize_{0};
+  std::atomic<uint32_t> diskSize_{0};
+
+  // Purging and disk.
+  std::atomic<uint32_t> purgeState_{0};
+  std::shared_ptr<zelcore::filesupport::File> diskFile_;
+  std::atomic<uint32_t> writeInProgress_{0};
+  std::atomic<uint32_t> diskCheckouts_{0};
+  std::atomic<bool> taggedToWrite_{false};
+  std::unique_ptr<MemDiskChangedSignal> memDiskChanged_;
+
+  // Media map.
+  Guid mediaMapGuid_;
+  uint64_t mediaMapID_ = 0;
+
+  mutable zelcore::threads::MultiTenantRecursiveMutex mutex_;
+};
+
+// Process-wide counters of the check-out protocol.
+struct JX_StuffCounters {
+  std::atomic<int64_t> itemsCheckedOut{0};
+  std::atomic<uint64_t> pendingRefusals{0};
+  std::atomic<uint64_t> pendingWaits{0};
+};
+JX_EXPORT JX_StuffCounters& JX_GetStuffCounters();

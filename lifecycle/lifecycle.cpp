@@ -1,0 +1,124 @@
+// Start-up and shut-down of the library.
+#include "lifecycle/lifecycle.h"
+
+#include <atomic>
+#include <mutex>
+#include <new>
+
+#include "bag/bag.h"
+#include "compute/compute_suite.h"
+#include "host/y_api.h"
+#include "items/stuff_data.h"
+#include "lifecycle/settings.h"
+#include "mediamap/media_map_hooks.h"
+
+// The deferred disk task of the writer and the folder keeper (disk/).
+void JX_RunIdleDiskTask();
+
+namespace {
+
+constexpr unsigned kDiskExecutorConcurrency = 2;
+constexpr uint32_t kIdleDiskTaskDelayMs = 1000;
+
+std::shared_ptr<JX_Bag> gGlobalBag;
+std::shared_ptr<zelcore::threads::Executor> gDiskExecutor;
+std::shared_ptr<zelcore::threads::QueueOnlyOnce> gIdleDiskTask;
+std::atomic<uint32_t> gFramesRead[2];
+std::atomic<uint32_t> gFramesWritten[2];
+
+// The bag comes from the host's memory-tracked allocator; shared_ptr gives it back there.
+struct TrackedBagDeleter {
+  void operator()(JX_Bag* bag) const {
+    bag->~JX_Bag();
+    Y_MemTrackedObject::operator delete(bag);
+  }
+};
+
+std::shared_ptr<JX_Bag> MakeTrackedBag(unsigned int bagArgument) {
+  void* memory = Y_MemTrackedObject::operator new(sizeof(JX_Bag));
+  JX_Bag* bag;
+  try {
+    bag = new (memory) JX_Bag(bagArgument);
+  } catch (...) {
+    Y_MemTrackedObject::operator delete(memory);
+    throw;
+  }
+  // If the control block cannot be allocated, shared_ptr calls the deleter itself.
+  return std::shared_ptr<JX_Bag>(bag, TrackedBagDeleter());
+}
+
+}  // namespace
+
+void JX_Birth(bool mediaMapAllowed, unsigned int bagArgument, bool gfxpakLimitAllowed) {
+  YLOG_Log(10, "JX", "Birth", "JX Birth");
+  jx::settings::SetMediaMapAllowed(mediaMapAllowed);
+
+  auto io = zelcore::threads::CreateIOBoundExecutor();
+  gDiskExecutor = zelcore::threads::CreateSubExecutor(io, kDiskExecutorConcurrency);
+  auto idleIo = zelcore::threads::CreateIOBoundExecutor(1);
+  gIdleDiskTask = std::make_shared<zelcore::threads::QueueOnlyOnce>(
+      idleIo, [] { JX_RunIdleDiskTask(); }, kIdleDiskTaskDelayMs, 0);
+
+  gGlobalBag = MakeTrackedBag(bagArgument);
+  jx::settings::ExchangeGfxpakLimitAllowed(gfxpakLimitAllowed);
+
+  if (JX_IsSetJXCacheLimitForGfxpaksEnabled()) {
+    JX_MediaMapSetCacheLimit(jx::settings::CacheIdentity(), JX_GetMaxJXCacheSize());
+  } else {
+    jx::settings::SetUseMediaMap(jx::settings::UseMediaMapSetting() && mediaMapAllowed);
+    if (jx::settings::UseMediaMap()) JX_MediaMapBirth();
+  }
+}
+
+void JX_VX_Birth() {
+  if (int32_t code = JX_ComputeSuiteRegister()) throw static_cast<int>(code);
+}
+
+void JX_Death() {
+  YLOG_Log(10, "JX", "Death", "JX Death");
+  if (gGlobalBag) gGlobalBag->ClearBagAndSortDir();
+  gGlobalBag.reset();
+  JX_MediaMapDeath();
+  JX_StuffData::Death();
+}
+
+void JX_StopAllAsyncWork() {
+  YLOG_Log(10, "JX", "JX_StopAllAsyncWork", "JX_StopAllAsyncWork");
+  if (gDiskExecutor) {
+    gDiskExecutor->StopTakingWork();
+    gDiskExecutor->CancelQueued();
+    gDiskExecutor->WaitForRunning();
+    gDiskExecutor.reset();
+  }
+  gIdleDiskTask.reset();
+}
+
+std::shared_ptr<JX_Bag> JX_GlobalBag() { return gGlobalBag; }
+
+void JX_NotifyFrameReadFromDisk(bool flag) {
+  gFramesRead[flag ? 1 : 0].fetch_add(1, std::memory_order_relaxed);
+}
+
+void JX_NotifyFrameWrittenToDisk(bool flag) {
+  gFramesWritten[flag ? 1 : 0].fetch_add(1, std::memory_order_relaxed);
+}
+
+unsigned long long JX_GetMediaMapSize() {
+  if (!jx::settings::UseMediaMap()) return 0;
+  return JX_MediaMapSizeBytes();
+}
+
+namespace jx {
+
+std::shared_ptr<zelcore::threads::Executor> DiskExecutor() { return gDiskExecutor; }
+
+void QueueIdleDiskTask() {
+  if (auto task = gIdleDiskTask) task->Queue();
+}
+
+FrameCounters GetFrameCounters() {
+  return {gFramesRead[0].load(), gFramesRead[1].load(), gFramesWritten[0].load(),
+          gFramesWritten[1].load()};
+}
+
+}  // namespace jx
