@@ -79,6 +79,7 @@ class OPlatformByteStream : public OByteStream {
  private:
   int fd_ = -1;
   bool direct_ = false;
+  size_t unit_ = 0;  // direct mode: the alignment every block's address and length must have
   int64_t finalLength_ = -1;
   std::string path_;
 };

@@ -1,0 +1,231 @@
+// Byte streams over memory and over POSIX file descriptors.
+#include "host/byte_stream.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "host/file_syscall.h"
+#include "host/file_utils.h"
+
+namespace zelcore::filesupport {
+namespace {
+
+using detail::CheckInjected;
+using detail::ThrowFileError;
+
+int OpenWithRetry(const std::string& path, int flags) {
+  int fd;
+  do {
+    fd = ::open(path.c_str(), flags | O_CLOEXEC);
+  } while (fd < 0 && errno == EINTR);
+  return fd;
+}
+
+// Opens for writing with O_DIRECT when asked and available. Returns the descriptor and sets
+// *direct; a file system that refuses O_DIRECT (EINVAL) gets a plain open instead.
+int OpenForWriting(const std::string& path, bool unbuffered, bool* direct) {
+  *direct = false;
+#if defined(O_DIRECT)
+  if (unbuffered) {
+    int err = FaultInjection::ShouldFail(FileOp::kOpen);
+    int fd = -1;
+    if (err == 0) {
+      fd = OpenWithRetry(path, O_WRONLY | O_TRUNC | O_DIRECT);
+      if (fd < 0) err = errno;
+    }
+    if (fd >= 0) {
+      *direct = true;
+      return fd;
+    }
+    if (err != EINVAL) ThrowFileError(err, FileOp::kOpen, path);
+  }
+#else
+  (void)unbuffered;
+#endif
+  CheckInjected(FileOp::kOpen, path);
+  const int fd = OpenWithRetry(path, O_WRONLY | O_TRUNC);
+  if (fd < 0) ThrowFileError(errno, FileOp::kOpen, path);
+#if !defined(O_DIRECT) && defined(F_NOCACHE)
+  if (unbuffered) ::fcntl(fd, F_NOCACHE, 1);  // best effort: keep the page cache out of the way
+#endif
+  return fd;
+}
+
+bool IsAligned(const void* data, size_t length, size_t unit) {
+  return reinterpret_cast<uintptr_t>(data) % unit == 0 && length % unit == 0;
+}
+
+}  // namespace
+
+// ---- IByteStream ----
+
+void IByteStream::ReadExactly(void* data, size_t length) {
+  auto* out = static_cast<uint8_t*>(data);
+  size_t done = 0;
+  while (done < length) {
+    const size_t n = Read(out + done, length - done);
+    if (n == 0) throw FileError(EIO, "read: unexpected end of file");
+    done += n;
+  }
+}
+
+// ---- Memory streams ----
+
+void VectorOByteStream::Write(const void* data, size_t length) {
+  const auto* bytes = static_cast<const uint8_t*>(data);
+  bytes_.insert(bytes_.end(), bytes, bytes + length);
+}
+
+size_t MemoryIByteStream::Read(void* data, size_t length) {
+  const size_t n = std::min(length, length_ - pos_);
+  if (n > 0) std::memcpy(data, data_ + pos_, n);
+  pos_ += n;
+  return n;
+}
+
+// ---- OPlatformByteStream ----
+
+OPlatformByteStream::OPlatformByteStream(const File& file, bool unbuffered)
+    : path_(file.GetPath()) {
+  fd_ = OpenForWriting(path_, unbuffered, &direct_);
+  if (direct_) unit_ = utility::FileUtils::GetEfficientDiskBufferSizeFromPath(path_);
+}
+
+OPlatformByteStream::~OPlatformByteStream() {
+  try {
+    Close();
+  } catch (...) {
+    // Whoever needed the outcome called Close; a destructor must not throw.
+  }
+}
+
+void OPlatformByteStream::Write(const void* data, size_t length) { WriteBlock(data, length); }
+
+void OPlatformByteStream::WriteBlock(const void* data, size_t length) {
+  if (fd_ < 0) throw FileError(EBADF, "write " + path_ + ": stream is closed");
+  // O_DIRECT would refuse a misaligned transfer with a bare EINVAL from deep inside; say why.
+  if (direct_ && !IsAligned(data, length, unit_)) {
+    throw FileError(EINVAL, "write " + path_ + ": unbuffered block not aligned to " +
+                                std::to_string(unit_) + " bytes");
+  }
+  const auto* bytes = static_cast<const uint8_t*>(data);
+  while (length > 0) {
+    CheckInjected(FileOp::kWrite, path_);
+    const ssize_t n = ::write(fd_, bytes, length);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      ThrowFileError(errno, FileOp::kWrite, path_);
+    }
+    if (n == 0) ThrowFileError(EIO, FileOp::kWrite, path_);
+    bytes += n;
+    length -= static_cast<size_t>(n);
+  }
+}
+
+void OPlatformByteStream::Flush() {
+  // Nothing is held in user space; the data reaches the device at Close.
+}
+
+void OPlatformByteStream::Close() {
+  if (fd_ < 0) return;
+  const int fd = fd_;
+  fd_ = -1;  // a failed Close is not retried: the stream is finished either way
+  int err = 0;
+  FileOp failed = FileOp::kTruncate;
+  if (finalLength_ >= 0) {
+    err = FaultInjection::ShouldFail(FileOp::kTruncate);
+    if (err == 0 && ::ftruncate(fd, static_cast<off_t>(finalLength_)) != 0) err = errno;
+  }
+  if (err == 0 && !direct_) {
+    failed = FileOp::kFlush;
+    err = FaultInjection::ShouldFail(FileOp::kFlush);
+    if (err == 0) err = detail::SyncData(fd);
+  }
+  if (::close(fd) != 0 && err == 0 && errno != EINTR) {
+    failed = FileOp::kFlush;  // close reports a late write-back error
+    err = errno;
+  }
+  if (err != 0) ThrowFileError(err, failed, path_);
+}
+
+// ---- IPlatformByteStream ----
+
+IPlatformByteStream::IPlatformByteStream(const File& file) : path_(file.GetPath()) {
+  CheckInjected(FileOp::kOpen, path_);
+  fd_ = OpenWithRetry(path_, O_RDONLY);
+  if (fd_ < 0) ThrowFileError(errno, FileOp::kOpen, path_);
+}
+
+IPlatformByteStream::~IPlatformByteStream() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+size_t IPlatformByteStream::Read(void* data, size_t length) {
+  if (length == 0) return 0;
+  if (length > 1 && FaultInjection::ShortReads()) --length;
+  for (;;) {
+    CheckInjected(FileOp::kRead, path_);
+    const ssize_t n = ::read(fd_, data, length);
+    if (n >= 0) return static_cast<size_t>(n);
+    if (errno != EINTR) ThrowFileError(errno, FileOp::kRead, path_);
+  }
+}
+
+uint64_t IPlatformByteStream::Size() const {
+  CheckInjected(FileOp::kSize, path_);
+  struct stat st {};
+  if (::fstat(fd_, &st) != 0) ThrowFileError(errno, FileOp::kSize, path_);
+  return static_cast<uint64_t>(st.st_size);
+}
+
+// ---- BufferedIByteStream ----
+
+BufferedIByteStream::BufferedIByteStream(IByteStream& source, size_t bufferSize, size_t blockSize)
+    : source_(source) {
+  const size_t block = std::max<size_t>(blockSize, 1);
+  const size_t blocks = std::max<size_t>((bufferSize + block - 1) / block, 1);
+  buffer_.resize(blocks * block);
+}
+
+size_t BufferedIByteStream::Read(void* data, size_t length) {
+  auto* out = static_cast<uint8_t*>(data);
+  size_t done = 0;
+  while (done < length) {
+    if (pos_ == end_) {
+      // A request at least a buffer long skips the copy, but only while the buffer is empty
+      // so that the order of bytes is kept.
+      if (length - done >= buffer_.size()) {
+        const size_t n = source_.Read(out + done, length - done);
+        if (n == 0) break;
+        done += n;
+        continue;
+      }
+      pos_ = 0;
+      end_ = source_.Read(buffer_.data(), buffer_.size());
+      if (end_ == 0) break;
+    }
+    const size_t n = std::min(length - done, end_ - pos_);
+    std::memcpy(out + done, buffer_.data() + pos_, n);
+    pos_ += n;
+    done += n;
+  }
+  return done;
+}
+
+// ---- AllocateAligned ----
+
+std::unique_ptr<uint8_t, void (*)(uint8_t*)> AllocateAligned(size_t size, size_t alignment) {
+  alignment = std::max(alignment, sizeof(void*));
+  void* p = nullptr;
+  if (::posix_memalign(&p, alignment, std::max<size_t>(size, 1)) != 0) throw std::bad_alloc();
+  return {static_cast<uint8_t*>(p), [](uint8_t* q) { std::free(q); }};
+}
+
+}  // namespace zelcore::filesupport

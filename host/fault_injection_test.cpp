@@ -1,0 +1,134 @@
+// Injected faults reach callers exactly as real ones would, at exactly the planned call.
+#include "host/fault_injection.h"
+
+#include <gtest/gtest.h>
+
+#include "host/byte_stream.h"
+#include "host/file.h"
+#include "host/file_test_support.h"
+
+namespace zelcore::filesupport {
+namespace {
+
+using testing::ScratchFolder;
+using testing::WriteWholeFile;
+
+// Makes one call of `op`. Setup uses other operations only, so the call the plan aims at is
+// the only call of `op` made.
+void OneCallOf(FileOp op, const File& f, const File& g) {
+  if (op == FileOp::kCreate) {
+    ::unlink(f.GetPath().c_str());
+    return f.Create();
+  }
+  if (!f.Exists()) WriteWholeFile(f, "data");
+  char c;
+  switch (op) {
+    case FileOp::kOpen:
+      IPlatformByteStream{f};
+      break;
+    case FileOp::kWrite:
+      OPlatformByteStream(f, false).Write("x", 1);
+      break;
+    case FileOp::kFlush:
+      OPlatformByteStream(f, false).Close();
+      break;
+    case FileOp::kTruncate: {
+      OPlatformByteStream out(f, false);
+      out.SetFinalLength(10);
+      return out.Close();
+    }
+    case FileOp::kRename:
+      return f.Rename(g);
+    case FileOp::kSize:
+      (void)f.Size();
+      break;
+    case FileOp::kDelete:
+      return f.Delete();
+    case FileOp::kRead:
+      IPlatformByteStream(f).Read(&c, 1);
+      break;
+    case FileOp::kCreate:
+      break;
+  }
+}
+
+TEST(FaultInjectionTest, EveryOperationReportsTheInjectedErrnoOnceThenRecovers) {
+  const int errnos[] = {EIO, ENOSPC, EROFS};
+  for (int i = 0; i < kFileOpCount; ++i) {
+    const FileOp op = static_cast<FileOp>(i);
+    const int err = errnos[i % 3];
+    SCOPED_TRACE(FileOpName(op));
+    ScratchFolder scratch;
+    const auto call = [&] { OneCallOf(op, scratch.file("f"), scratch.file("g")); };
+    call();  // the operation works when nothing is planned
+
+    FaultInjection::FailNth(op, 1, err);
+    try {
+      call();
+      ADD_FAILURE() << "no fault reached the caller";
+    } catch (const FileError& e) {
+      EXPECT_EQ(e.Errno(), err);
+      EXPECT_NE(std::string(e.what()).find(scratch.dir().GetPath()), std::string::npos)
+          << "the message names the path: " << e.what();
+    }
+    EXPECT_EQ(FaultInjection::InjectedCount(), 1u);
+    EXPECT_NO_THROW(call());  // a one-off fault is gone after it fired
+  }
+}
+
+TEST(FaultInjectionTest, CountsFromNowAndHonoursOnceVersusPersistent) {
+  ScratchFolder scratch;
+  const File f = scratch.file("f");
+  f.Create();
+  auto sizeFails = [&] {
+    try {
+      (void)f.Size();
+      return false;
+    } catch (const FileError&) {
+      return true;
+    }
+  };
+
+  (void)f.Size();
+  (void)f.Size();
+  FaultInjection::FailNth(FileOp::kSize, 2, EIO);  // the second call from now, not the second ever
+  EXPECT_FALSE(sizeFails());
+  EXPECT_TRUE(sizeFails());
+  EXPECT_FALSE(sizeFails());
+  EXPECT_EQ(FaultInjection::CallCount(FileOp::kSize), 5u);
+
+  FaultInjection::FailNth(FileOp::kSize, 2, EIO, true);
+  EXPECT_FALSE(sizeFails());
+  EXPECT_TRUE(sizeFails());
+  EXPECT_TRUE(sizeFails());
+  EXPECT_TRUE(sizeFails());
+  EXPECT_EQ(FaultInjection::InjectedCount(), 4u);
+  EXPECT_EQ(FaultInjection::CallCount(FileOp::kDelete), 0u);  // other operations are untouched
+
+  FaultInjection::Reset();
+  EXPECT_FALSE(sizeFails());
+  EXPECT_EQ(FaultInjection::CallCount(FileOp::kSize), 1u);
+  EXPECT_EQ(FaultInjection::InjectedCount(), 0u);
+
+  // ENOENT is reported as the not-found error, like a real missing file.
+  FaultInjection::FailNth(FileOp::kSize, 1, ENOENT);
+  EXPECT_THROW((void)f.Size(), FileNotFoundError);
+}
+
+TEST(FaultInjectionTest, FailedCloseIsReportedOnceAndTheDestructorStaysQuiet) {
+  ScratchFolder scratch;
+  const File f = scratch.file("f");
+  f.Create();
+  FaultInjection::FailNth(FileOp::kTruncate, 1, EIO, true);
+  {
+    OPlatformByteStream out(f, false);
+    out.Write("abc", 3);
+    out.SetFinalLength(2);
+    EXPECT_THROW(out.Close(), FileError);
+    EXPECT_NO_THROW(out.Close());
+  }
+  EXPECT_EQ(FaultInjection::CallCount(FileOp::kTruncate), 1u);
+}
+
+}  // namespace
+}  // namespace zelcore::filesupport

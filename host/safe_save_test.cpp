@@ -1,0 +1,124 @@
+// SafeSave: all or nothing, whatever fails and whenever it is abandoned.
+#include "host/safe_save.h"
+
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "host/byte_stream.h"
+#include "host/fault_injection.h"
+#include "host/file_test_support.h"
+
+namespace zelcore::filesupport {
+namespace {
+
+using testing::ReadWholeFile;
+using testing::ScratchFolder;
+using testing::WriteWholeFile;
+
+// The whole write path a cache writer takes: create the temporary, stream into it, commit.
+void SaveBytes(SafeSave& save, const std::string& bytes) {
+  save.GetTempFile().Create();
+  OPlatformByteStream out(save.GetTempFile(), false);
+  out.Write(bytes.data(), bytes.size());
+  out.Close();
+  save.Commit();
+}
+
+TEST(SafeSaveTest, CommitLeavesExactlyTheTargetWithTheNewBytes) {
+  ScratchFolder scratch;
+  const File target = scratch.file("item.kqcache");
+  WriteWholeFile(target, "previous content that is longer");
+  {
+    SafeSave save(target);
+    EXPECT_EQ(save.GetTempFile().GetParent(), target.GetParent());
+    SaveBytes(save, "fresh");
+    EXPECT_TRUE(save.IsCommitted());
+    EXPECT_FALSE(save.GetTempFile().Exists());
+  }
+  EXPECT_EQ(scratch.dir().ListNames(), std::vector<std::string>{"item.kqcache"});
+  EXPECT_EQ(ReadWholeFile(target), "fresh");
+}
+
+TEST(SafeSaveTest, FailureAnywhereKeepsTheOldTargetAndLeavesNoTemporary) {
+  const struct {
+    FileOp op;
+    int err;
+  } faults[] = {{FileOp::kCreate, EROFS},
+                {FileOp::kOpen, EIO},
+                {FileOp::kWrite, ENOSPC},
+                {FileOp::kFlush, EIO},
+                {FileOp::kRename, EROFS}};
+  for (const auto& fault : faults) {
+    SCOPED_TRACE(FileOpName(fault.op));
+    ScratchFolder scratch;
+    const File target = scratch.file("item.kqcache");
+    WriteWholeFile(target, "old");
+    {
+      SafeSave save(target);
+      // Persistent, so that whichever call of the operation comes first is the one that fails.
+      FaultInjection::FailNth(fault.op, 1, fault.err, true);
+      try {
+        SaveBytes(save, "new bytes");
+        ADD_FAILURE() << "the save succeeded despite the fault";
+      } catch (const FileError& e) {
+        EXPECT_EQ(e.Errno(), fault.err) << e.what();
+      }
+      EXPECT_FALSE(save.IsCommitted());
+      FaultInjection::Reset();  // the clean-up itself must be able to delete
+    }
+    EXPECT_EQ(scratch.dir().ListNames(), std::vector<std::string>{"item.kqcache"});
+    EXPECT_EQ(ReadWholeFile(target), "old");
+  }
+}
+
+TEST(SafeSaveTest, AbandonedOrEmptyLeavesNothingBehind) {
+  ScratchFolder scratch;
+  const File target = scratch.file("item.kqcache");
+  {
+    SafeSave abandoned(target);
+    abandoned.GetTempFile().Create();
+    WriteWholeFile(abandoned.GetTempFile(), "partial");
+  }
+  {
+    SafeSave neverStarted(target);  // destroying one whose temporary was never made is harmless
+  }
+  {
+    SafeSave save(target);
+    EXPECT_THROW(save.Commit(), FileNotFoundError);  // nothing was written
+  }
+  EXPECT_TRUE(scratch.dir().ListNames().empty());
+}
+
+TEST(SafeSaveTest, TemporaryNamesAreUniqueRecognisableAndNeverCacheNames) {
+  const File target("/cache/abc.v3.kqcache");
+  std::set<std::string> names;
+  std::mutex mutex;
+  auto make = [&](int n) {
+    for (int i = 0; i < n; ++i) {
+      SafeSave save(target);  // nothing on disk, so the destructor does no harm
+      const std::string name = save.GetTempFile().GetName();
+      std::lock_guard lock(mutex);
+      names.insert(name);
+    }
+  };
+  std::thread t1(make, 200), t2(make, 200);
+  make(200);
+  t1.join();
+  t2.join();
+  EXPECT_EQ(names.size(), 600u);
+  for (const auto& name : names) {
+    EXPECT_TRUE(SafeSave::IsTempFileName(name)) << name;
+    EXPECT_EQ(name.rfind("abc.v3.kqcache.", 0), 0u) << name;
+    EXPECT_FALSE(name.ends_with(".kqcache")) << name;
+  }
+  for (const char* other : {"abc.kqcache", "abc.1.tmp", "abc.1.x.tmp", "abc.1.2.tmpx", "abc.1..tmp",
+                            ".tmp", "abc.1.2.TMP"}) {
+    EXPECT_FALSE(SafeSave::IsTempFileName(other)) << other;
+  }
+}
+
+}  // namespace
+}  // namespace zelcore::filesupport
