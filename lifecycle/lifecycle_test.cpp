@@ -1,0 +1,166 @@
+// Start-up, shut-down and the tuning settings: defaults, read-once, the media-map decision.
+#include <gtest/gtest.h>
+
+#include "bag/bag.h"
+#include "host/debug_database.h"
+#include "host/feature.h"
+#include "host/media_manager.h"
+#include "host/standalone_host.h"
+#include "items/stuff_data.h"
+#include "lifecycle/lifecycle.h"
+#include "lifecycle/messages.h"
+#include "lifecycle/settings.h"
+#include "testing/jx_test_support.h"
+
+using zelcore::debug::DebugDatabase;
+
+namespace {
+
+void QuietHost() {
+  jx::StandaloneHost::Instance().Reset();
+  jx::StandaloneHost::Instance().SetEchoReports(false);
+}
+
+TEST(LifecycleTest, GlobalBagExistsOnlyBetweenBirthAndDeath) {
+  QuietHost();
+  EXPECT_FALSE(JX_GlobalBag());
+  JX_Birth(false, 0x80000005u, false);
+  auto bag = JX_GlobalBag();
+  ASSERT_TRUE(bag);
+  EXPECT_EQ(bag->GetAppVersion(), 5u);
+  auto item = jx::testing::MakeItem(10);
+  bag->AddToBagAndSortDir(item);
+  JX_StopAllAsyncWork();
+  JX_Death();
+  EXPECT_FALSE(JX_GlobalBag());
+  EXPECT_FALSE(item->GetBag()) << "death empties the bag";
+  EXPECT_EQ(bag->GetNumItems(), 0);
+}
+
+TEST(LifecycleTest, MediaMapIsUsedOnlyWhenAllowedAndSwitchedOn) {
+  QuietHost();
+  JX_Birth(false, 1, false);
+  EXPECT_FALSE(jx::settings::UseMediaMap());
+  EXPECT_EQ(JX_GetMediaMapSize(), 0u);
+  JX_Death();
+  JX_Birth(true, 1, false);
+  EXPECT_TRUE(jx::settings::UseMediaMap());
+  JX_Death();
+}
+
+TEST(LifecycleTest, MediaMapSwitchedOffBySetting) {
+  QuietHost();
+  DebugDatabase::Instance().SetEntry("JX.UseMediaMap1", "false");
+  JX_Birth(true, 1, false);
+  EXPECT_FALSE(jx::settings::UseMediaMap());
+  EXPECT_EQ(JX_GetMediaMapSize(), 0u);
+  JX_Death();
+}
+
+TEST(LifecycleTest, GfxpakLimitNeedsFeatureAndPermission) {
+  QuietHost();
+  zelappsupport::feature::SetFeatureEnabled(kJX_GfxpakLimitFeature, true);
+  JX_Birth(true, 1, false);
+  EXPECT_FALSE(JX_IsSetJXCacheLimitForGfxpaksEnabled());
+  EXPECT_TRUE(jx::settings::UseMediaMap()) << "without permission the media-map branch is taken";
+  JX_Death();
+  JX_Birth(true, 1, true);
+  EXPECT_TRUE(JX_IsSetJXCacheLimitForGfxpaksEnabled());
+  EXPECT_TRUE(JX_IsGlobalBagSizeAboveMinimum()) << "even an empty bag, under the fixed limit";
+  RV::MM::SetFixedMaxCacheSize(1000);
+  EXPECT_EQ(JX_GetMaxJXCacheSize(), 100u);
+  JX_Death();
+}
+
+TEST(SettingsTest, DefaultsAndFallbacks) {
+  EXPECT_EQ(JX_GetPlaybackCompressionAllowedOption(), kJX_CompressionNotAllowed);
+  EXPECT_FALSE(JX_IsDiskCompressionEnabled());
+  EXPECT_EQ(jx::settings::WriteToDiskPriority(), 2) << "improved behaviour off: 2 without reading";
+  EXPECT_DOUBLE_EQ(jx::settings::LowPriorityFactor(), 2.0);
+  EXPECT_DOUBLE_EQ(jx::settings::MinJXSizeToPurgeLimitRatio(), 0.1);
+  EXPECT_DOUBLE_EQ(jx::settings::GfxpaksCacheLimitMultiplier(), 0.1);
+  EXPECT_EQ(jx::settings::DebugSleepTimeSetStuffDataMs(), 0u);
+  EXPECT_EQ(jx::settings::ReadDiskDelayMs(), 0);
+  EXPECT_EQ(jx::settings::WriteDiskDelayMs(), 0);
+  EXPECT_TRUE(jx::settings::UseMediaMapSetting());
+}
+
+TEST(SettingsTest, ReadOnceAndKeptForTheProcess) {
+  DebugDatabase::Instance().SetEntry("KQ.JX.LowPriorityFactorR", "4.5");
+  EXPECT_DOUBLE_EQ(jx::settings::LowPriorityFactor(), 4.5);
+  DebugDatabase::Instance().SetEntry("KQ.JX.LowPriorityFactorR", "8");
+  EXPECT_DOUBLE_EQ(jx::settings::LowPriorityFactor(), 4.5);
+}
+
+TEST(SettingsTest, CompressionOptionOnceCompressionIsOn) {
+  DebugDatabase::Instance().SetEntry("KQ.IsDiskCompressionEnabledR", "true");
+  EXPECT_EQ(JX_GetPlaybackCompressionAllowedOption(), kJX_CompressionAllowedForPlayback);
+}
+
+TEST(SettingsTest, PlaybackCompressionSettingZeroGivesOptionOne) {
+  DebugDatabase::Instance().SetEntry("KQ.IsDiskCompressionEnabledR", "true");
+  DebugDatabase::Instance().SetEntry("KQ.JX.PlaybackCompressionOptionR", "0");
+  EXPECT_EQ(JX_GetPlaybackCompressionAllowedOption(), kJX_CompressionAllowed);
+}
+
+TEST(SettingsTest, WritePriorityOutOfRangeFallsBackToTwo) {
+  zelappsupport::feature::SetFeatureEnabled(kJX_ImprovedDiskCacheFeature, true);
+  DebugDatabase::Instance().SetEntry("KQ.JX.WriteToDiskPriorityR", "7");
+  EXPECT_EQ(jx::settings::WriteToDiskPriority(), 2);
+}
+
+TEST(SettingsTest, WritePriorityInRangeIsUsed) {
+  zelappsupport::feature::SetFeatureEnabled(kJX_ImprovedDiskCacheFeature, true);
+  DebugDatabase::Instance().SetEntry("KQ.JX.WriteToDiskPriorityR", "0");
+  EXPECT_EQ(jx::settings::WriteToDiskPriority(), 0);
+}
+
+TEST(SettingsTest, PlaybackFromDiskLogicTurnsImprovedBehaviourOn) {
+  EXPECT_FALSE(JX_IsImprovedDiskCacheBehaviorFullyEnabled());
+  JX_PlaybackFromDiskLogicIsEnabled();
+  EXPECT_TRUE(JX_IsImprovedDiskCacheBehaviorFullyEnabled());
+  EXPECT_TRUE(jx::settings::PlaybackFromDiskLogic());
+}
+
+TEST(SettingsTest, FeaturesAreDeclaredWithTheirTexts) {
+  auto* f = zelappsupport::feature::FindFeature(kJX_ImprovedDiskCacheFeature);
+  ASSERT_NE(f, nullptr);
+  EXPECT_EQ(f->Stage(), 2);
+  EXPECT_NE(f->DescriptionString().find("efficiently.  Writes less"), std::string::npos);
+  ASSERT_NE(zelappsupport::feature::FindFeature(kJX_GfxpakLimitFeature), nullptr);
+}
+
+TEST(MessagesTest, TableIsLookedUpThroughTheHost) {
+  EXPECT_EQ(jx::LookupMessage(11), u"cached item already checked-out read/write");
+  EXPECT_EQ(jx::LookupMessage(22), u"can\u2019t convert to writeable when not checked out");
+  EXPECT_EQ(jx::LookupMessage(23), u"This Computer");
+  EXPECT_EQ(jx::MessageKey(27), nullptr);
+}
+
+TEST(PayloadRegistryTest, FactoriesByMatchName) {
+  using jx::testing::TestPayload;
+  JX_StuffData::Header header;
+  EXPECT_FALSE(JX_StuffData::CreateSubclass("Frame", header)) << "nothing registered yet";
+  JX_StuffData::Factory factory = [](const JX_StuffData::Header&) {
+    return zelcore::utility::IntrusivePtr<JX_StuffData>(new TestPayload(5));
+  };
+  JX_StuffData::RegisterFactory("Frame", factory);
+  auto made = JX_StuffData::CreateSubclass("Frame", header);
+  ASSERT_TRUE(made);
+  EXPECT_EQ(made->GetApproximateMemorySize(), 5u);
+  JX_StuffData::Death();
+  EXPECT_FALSE(JX_StuffData::CreateSubclass("Frame", header));
+}
+
+TEST(PayloadRegistryTest, BaseClassOptsOutOfDiskAndCompression) {
+  zelcore::utility::IntrusivePtr<JX_StuffData> hold(new jx::testing::TestPayload(1));
+  const JX_StuffData& base = *hold;
+  EXPECT_FALSE(base.CanBeCompressed());
+  EXPECT_EQ(base.GetCompressedAllowedOption(), kJX_CompressionNotAllowed);
+  EXPECT_TRUE(base.JX_StuffData::CanSatisfyRequest({}));
+  EXPECT_TRUE(base.JX_StuffData::IdenticalRequest({}));
+  EXPECT_FALSE(base.JX_StuffData::CanDiskCache());
+  EXPECT_EQ(base.JX_StuffData::GetSubclassMatchname(), nullptr);
+}
+
+}  // namespace
