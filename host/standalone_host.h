@@ -16,6 +16,11 @@
 
 namespace jx {
 
+// Codes Y_TranslateAndReportException returns for exceptions that carry no code of their own.
+// Both are negative so that they can never be mistaken for an errno.
+inline constexpr int32_t kHostGenericErrorCode = -1;  // any other exception
+inline constexpr int32_t kHostOutOfMemoryCode = -2;   // std::bad_alloc
+
 struct HostReport {
   enum class Kind { kFailedVerification, kErrString, kError, kException };
   Kind kind;

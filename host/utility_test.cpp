@@ -1,0 +1,146 @@
+// Guid, MurmurHash3, base64 and UTF conversion.
+#include <gtest/gtest.h>
+
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "host/guid.h"
+#include "host/murmur3.h"
+#include "host/text_encoding.h"
+
+namespace zelcore::utility {
+namespace {
+
+TEST(GuidTest, TextAndBytesRoundTrip) {
+  const std::array<uint8_t, 16> bytes = {0x01, 0x23, 0xAB, 0xCD, 0x01, 0x23, 0x45, 0x67,
+                                         0x89, 0xAB, 0xCD, 0xEF, 0x01, 0x23, 0x45, 0x67};
+  Guid g(bytes);
+  EXPECT_EQ(g.AsString(), "0123ABCD-0123-4567-89AB-CDEF01234567");
+  EXPECT_EQ(Guid::Parse("0123abcd-0123-4567-89ab-cdef01234567"), g);  // either case parses
+  uint8_t raw[16];
+  GuidToBytes(g, raw);
+  EXPECT_EQ(Guid::FromBytes(raw), g);
+}
+
+TEST(GuidTest, MalformedTextIsRejectedAndLeavesOutputAlone) {
+  const Guid sentinel = Guid::CreateUnique();
+  for (const char* text : {"", "0123ABCD-0123-4567-89AB-CDEF0123456",  // short
+                           "0123ABCD-0123-4567-89AB-CDEF012345678",    // long
+                           "0123ABCD00123-4567-89AB-CDEF01234567",     // dash missing
+                           "0123ABC-D0123-4567-89AB-CDEF01234567",     // dash misplaced
+                           "0123ABCD-0123-4567-89AB+CDEF01234567",     // wrong separator
+                           "0123ABCG-0123-4567-89AB-CDEF01234567"}) {  // not hex
+    Guid out = sentinel;
+    EXPECT_FALSE(Guid::TryParse(text, &out)) << text;
+    EXPECT_EQ(out, sentinel) << text;
+    EXPECT_THROW(Guid::Parse(text), std::invalid_argument) << text;
+  }
+}
+
+TEST(GuidTest, CreateUniqueIsDistinctVersion4AndFitsAFileNameField) {
+  EXPECT_TRUE(Guid().IsEmpty());
+  std::set<Guid> seen;
+  for (int i = 0; i < 1000; ++i) {
+    Guid g = Guid::CreateUnique();
+    EXPECT_FALSE(g.IsEmpty());
+    EXPECT_EQ(g.Bytes()[6] >> 4, 4);
+    EXPECT_EQ(g.Bytes()[8] & 0xC0, 0x80);
+    EXPECT_EQ(g.AsString().find('.'), std::string::npos);
+    EXPECT_EQ(Guid::Parse(g.AsString()), g);
+    seen.insert(g);
+  }
+  EXPECT_EQ(seen.size(), 1000u);
+}
+
+// The standard verification: hash {}, {0}, {0,1}, ... with seed 256-i, then hash the
+// concatenated results with seed 0; the first four bytes, little-endian, are 0x6384BA69.
+TEST(Murmur3Test, ReferenceVerificationValue) {
+  uint8_t key[256];
+  uint8_t hashes[256 * 16];
+  for (int i = 0; i < 256; ++i) {
+    key[i] = static_cast<uint8_t>(i);
+    MurmurHash3_x64_128(key, size_t(i), uint32_t(256 - i), &hashes[i * 16]);
+  }
+  uint8_t r[16];
+  MurmurHash3_x64_128(hashes, sizeof hashes, 0, r);
+  EXPECT_EQ(uint32_t{r[0]} | uint32_t{r[1]} << 8 | uint32_t{r[2]} << 16 | uint32_t{r[3]} << 24,
+            0x6384BA69u);
+}
+
+TEST(Murmur3Test, StreamingEqualsOneShotForAnySplit) {
+  std::mt19937 rng(12345);
+  std::vector<uint8_t> data(300);
+  for (uint8_t& b : data) b = static_cast<uint8_t>(rng());
+  for (size_t length : {0, 1, 15, 16, 17, 31, 33, 300}) {
+    const uint32_t seed = uint32_t(length * 7 + 1);
+    std::array<uint8_t, 16> expected;
+    MurmurHash3_x64_128(data.data(), length, seed, expected.data());
+    for (int trial = 0; trial < 50; ++trial) {
+      HashState state = MakeHashState(seed);
+      for (size_t offset = 0; offset < length;) {
+        size_t run = std::uniform_int_distribution<size_t>(0, length - offset)(rng);
+        UpdateHashState(state, data.data() + offset, run);
+        offset += run;
+      }
+      ASSERT_EQ(GetHashResult(state), expected) << "length " << length;
+      ASSERT_EQ(GetHashResult(state), expected) << "taking the result changed the state";
+    }
+  }
+}
+
+std::vector<uint8_t> Bytes(std::string_view s) { return std::vector<uint8_t>(s.begin(), s.end()); }
+
+TEST(Base64Test, RfcVectorsAndSlashRoundTrip) {
+  const std::pair<const char*, const char*> vectors[] = {{"", ""},
+                                                         {"f", "Zg=="},
+                                                         {"fo", "Zm8="},
+                                                         {"foo", "Zm9v"},
+                                                         {"foob", "Zm9vYg=="},
+                                                         {"fooba", "Zm9vYmE="},
+                                                         {"foobar", "Zm9vYmFy"},
+                                                         {"\xFF\xFF\xFF", "////"},
+                                                         {"\xFB\xEF\xBE", "++++"}};
+  for (const auto& [plain, encoded] : vectors) {
+    EXPECT_EQ(EncodeBinaryDataToUTF8String(Bytes(plain)), encoded);
+    std::vector<uint8_t> decoded{0xAA};
+    ASSERT_TRUE(DecodeBinaryDataFromUTF8String(encoded, &decoded)) << encoded;
+    EXPECT_EQ(decoded, Bytes(plain)) << encoded;
+  }
+}
+
+TEST(Base64Test, MalformedTextIsRejectedWithEmptyOutput) {
+  for (const char* text : {"Zg=", "Zm9vY",             // length not a multiple of four
+                           "Zm9v!mFy", "Zm-_",         // outside the alphabet
+                           "Zg==Zm8=", "Zm=v",         // padding before the end
+                           "Z===", "====", "Zg=A"}) {  // malformed padding
+    std::vector<uint8_t> out{1, 2, 3};
+    EXPECT_FALSE(DecodeBinaryDataFromUTF8String(text, &out)) << text;
+    EXPECT_TRUE(out.empty()) << text;
+  }
+}
+
+TEST(UtfTest, RoundTripsEveryEncodedLengthIncludingSurrogatePairs) {
+  const std::string utf8 = "a\xC3\xA9\xE2\x80\x99\xEF\xBF\xBF\xF0\x9F\x98\x80\xF4\x8F\xBF\xBF";
+  const std::u16string utf16 = u"a\u00E9\u2019\uFFFF\U0001F600\U0010FFFF";
+  EXPECT_EQ(UTF8ToUTF16(utf8), utf16);
+  EXPECT_EQ(UTF16ToUTF8(utf16), utf8);
+}
+
+TEST(UtfTest, InvalidSequencesBecomeReplacementCharacters) {
+  const std::pair<std::string, std::u16string> cases[] = {
+      {"\x80", u"\uFFFD"},                                // stray continuation byte
+      {"a\xC3", u"a\uFFFD"},                              // truncated at the end
+      {"\xC3z", u"\uFFFDz"},                              // the breaking byte is kept
+      {"\xE2\x80", u"\uFFFD"},                            // one replacement per broken sequence
+      {"\xC0\xAF", u"\uFFFD\uFFFD"},                      // overlong
+      {"\xED\xA0\x80", u"\uFFFD\uFFFD\uFFFD"},            // encoded surrogate
+      {"\xF4\x90\x80\x80", u"\uFFFD\uFFFD\uFFFD\uFFFD"},  // above U+10FFFF
+  };
+  for (const auto& [input, expected] : cases) EXPECT_EQ(UTF8ToUTF16(input), expected);
+  EXPECT_EQ(UTF16ToUTF8(std::u16string{0xD83D, u'x', 0xDE00}), "\xEF\xBF\xBDx\xEF\xBF\xBD");
+}
+
+}  // namespace
+}  // namespace zelcore::utility
