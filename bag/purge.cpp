@@ -5,6 +5,7 @@
 #include "bag/bag.h"
 #include "bag/sort_dir.h"
 #include "host/profiler.h"
+#include "host/standalone_host.h"
 #include "host/trace.h"
 #include "host/y_api.h"
 #include "lifecycle/failures.h"
@@ -106,6 +107,11 @@ void JX_Bag::FreeUpSomeMemory(unsigned long long /*amount: the host is asked ins
     if (anyFreed) TrackLastPurgedUsedTime(newestFreed);
   }
   if (totalFreed > 0) Y_PurgeRecycledMemory(totalFreed);
+}
+
+void jx::PurgeOverBudget(JX_Bag& bag, unsigned long long bytes) {
+  jx::ScAmountToPurge overBudget(bytes);
+  bag.FreeUpSomeMemory(bytes);
 }
 
 void JX_Bag::PurgeAllMemoryCaches() {

@@ -151,8 +151,8 @@ void JX_Stuff::Checkin(int flags, double computeTime) {
 }
 
 void JX_Stuff::NoteCheckedIn() {
-  SyncMemorySizeWithBag(PayloadSize(GetDataPtr()));
   JX_GetStuffCounters().itemsCheckedOut.fetch_sub(1, std::memory_order_relaxed);
+  SyncMemorySizeWithBag(PayloadSize(GetDataPtr()));
 }
 
 void JX_Stuff::ConvertToWriteable() {

@@ -1,0 +1,197 @@
+// The scoped check-out handle: check-in on every path, release, swap, suspension, disk holds,
+// and the stuff setter that abandons an unfilled pending item.
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "bag/sort_dir.h"
+#include "items/sc_checkout.h"
+#include "testing/jx_test_support.h"
+
+namespace cf = jx::checkout_flags;
+using jx::testing::LibraryTest;
+using jx::testing::MakeItem;
+using jx::testing::MakeRequest;
+using jx::testing::TestPayload;
+using zelcore::utility::Guid;
+using zelcore::utility::IntrusivePtr;
+
+namespace {
+
+class ScCheckoutTest : public LibraryTest {};
+
+// A payload whose owning item's check-in is made to throw: its size query throws once armed,
+// and the check-in re-syncs the size.
+class ThrowingSizePayload : public TestPayload {
+ public:
+  ThrowingSizePayload() : TestPayload(10) {}
+  unsigned int GetApproximateMemorySize() const override {
+    if (armed) throw 77;
+    return TestPayload::GetApproximateMemorySize();
+  }
+  bool armed = false;
+};
+
+TEST_F(ScCheckoutTest, DestructorChecksInAndSwallowsCheckinErrors) {
+  auto* payload = new ThrowingSizePayload;
+  auto item = JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(payload), 0.0);
+  item->SetGuid(Guid::CreateUnique());
+  bag_->AddToBagAndSortDir(item);
+  {
+    JX_ScCheckout handle(item, cf::kReadOnly);
+    EXPECT_EQ(handle.GetResult(), kJX_CheckedOut);
+    EXPECT_EQ(item->GetCheckoutCount(), 1u);
+  }
+  EXPECT_EQ(item->GetCheckoutCount(), 0u);
+  {
+    JX_ScCheckout handle(item, cf::kReadOnly);
+    payload->armed = true;
+    // Leaving the scope must not throw even though the item's check-in does.
+  }
+  payload->armed = false;
+  EXPECT_EQ(item->GetCheckoutCount(), 0u) << "the count dropped before the size sync threw";
+  item->SyncMemorySizeWithBag(payload->GetApproximateMemorySize());
+}
+
+TEST_F(ScCheckoutTest, ReleaseHandsTheCheckinToTheCaller) {
+  auto item = MakeItem(10);
+  bag_->AddToBagAndSortDir(item);
+  IntrusivePtr<JX_Stuff> released;
+  {
+    JX_ScCheckout handle(item, cf::kReadOnly);
+    released = handle.Release();
+    EXPECT_FALSE(handle.DidCheckout());
+  }
+  EXPECT_EQ(item->GetCheckoutCount(), 1u) << "destruction after Release never checks in";
+  released->Checkin(0, 0.0);
+}
+
+TEST_F(ScCheckoutTest, HoldWithoutCheckoutBit) {
+  auto item = MakeItem(10);
+  bag_->AddToBagAndSortDir(item);
+  {
+    JX_ScCheckout handle;
+    EXPECT_EQ(handle.Checkout(item, cf::kHoldWithoutCheckout | cf::kReadOnly),
+              kJX_HeldWithoutCheckout);
+    EXPECT_EQ(item->GetCheckoutCount(), 0u);
+    EXPECT_EQ(handle.GetStuffPtr(), item);
+    EXPECT_EQ(handle.FindAndCheckout(MakeRequest(item->GetGuid()),
+                                     cf::kHoldWithoutCheckout | cf::kReadOnly),
+              kJX_CheckoutRefused);
+  }
+  EXPECT_EQ(item->GetCheckoutCount(), 0u) << "a result-3 handle never checks the item in";
+}
+
+TEST_F(ScCheckoutTest, SwapLeavesFlagsAndSuspendedItemsInPlace) {
+  auto a = MakeItem(10), b = MakeItem(20);
+  bag_->AddToBagAndSortDir(a);
+  bag_->AddToBagAndSortDir(b);
+  JX_ScCheckout ha(a, cf::kReadOnly | cf::kPassAlong);
+  JX_ScCheckout hb(b, cf::kReadOnly);
+  hb.SuspendCheckout();
+  ha.SetCheckinFlags(jx::checkin_flags::kKeepRecency);
+  ha.Swap(hb);
+  EXPECT_EQ(ha.GetStuffPtr(), nullptr);
+  EXPECT_EQ(hb.GetStuffPtr(), a);
+  EXPECT_EQ(hb.GetCheckinFlags(), jx::checkin_flags::kKeepRecency);
+  EXPECT_EQ(ha.GetCheckoutFlags(), cf::kReadOnly | cf::kPassAlong);
+  EXPECT_EQ(hb.GetCheckoutFlags(), cf::kReadOnly);
+  EXPECT_TRUE(ha.HasSuspendedCheckout()) << "the suspended item stayed with its handle";
+}
+
+TEST_F(ScCheckoutTest, SuspendAndReacquireFindsAReplacedItem) {
+  const Guid g = Guid::CreateUnique();
+  auto item = MakeItem(10, g);
+  bag_->AddToBagAndSortDir(item);
+  JX_ScCheckout handle;
+  ASSERT_EQ(handle.FindAndCheckout(MakeRequest(g), cf::kReadOnly | cf::kNoDiskRead),
+            kJX_CheckedOut);
+  handle.SuspendCheckout();
+  EXPECT_TRUE(handle.HasSuspendedCheckout());
+  EXPECT_TRUE(handle.DidCheckout()) << "the result survives suspension";
+  EXPECT_FALSE(handle.GetStuffPtr());
+  EXPECT_EQ(item->GetCheckoutCount(), 0u);
+
+  // The item is replaced in the directory while the handle holds nothing.
+  auto replacement = MakeItem(12, g);
+  bag_->AddToBagAndSortDir(replacement);
+  item->RemoveFromBagAndSortDir();
+  item->GetDataPtr()->PurgeIfPossible(nullptr);  // the old one can no longer be checked out
+
+  EXPECT_TRUE(handle.ReacquireSuspendedCheckout());
+  EXPECT_EQ(handle.GetStuffPtr(), replacement);
+  EXPECT_EQ(handle.GetCheckoutFlags(), cf::kReadOnly | cf::kNoDiskRead) << "stored flags restored";
+  EXPECT_EQ(replacement->GetCheckoutCount(), 1u);
+}
+
+TEST_F(ScCheckoutTest, DiskHoldCountsUntilCheckin) {
+  auto item = MakeItem(10);
+  bag_->AddToBagAndSortDir(item);
+  auto& global = JX_Stuff::GetNumDiskCacheCheckoutsGlobal();
+  const uint32_t before = global.load();
+  {
+    JX_ScCheckout handle(item, cf::kReadOnly);
+    EXPECT_TRUE(handle.HasDiskHoldIfWanted()) << "no disk copy: no hold needed";
+    EXPECT_FALSE(handle.AcquireDiskHold()) << "no file to hold";
+    EXPECT_EQ(item->GetNumDiskCacheCheckouts(), 1u);
+    EXPECT_EQ(global.load(), before + 1);
+    handle.SuspendCheckout();
+    EXPECT_EQ(item->GetNumDiskCacheCheckouts(), 1u) << "suspension keeps the hold";
+    ASSERT_TRUE(handle.ReacquireSuspendedCheckout());
+    EXPECT_EQ(item->GetNumDiskCacheCheckouts(), 1u) << "reacquisition renews it, once";
+  }
+  EXPECT_EQ(item->GetNumDiskCacheCheckouts(), 0u);
+  EXPECT_EQ(global.load(), before);
+}
+
+TEST_F(ScCheckoutTest, StuffSetterAbandonsAnUnfilledRenderAndReleasesWaiters) {
+  const Guid g = Guid::CreateUnique();
+  JX_ScCheckout creator;
+  ASSERT_EQ(creator.FindAndCheckout(MakeRequest(g), cf::kReadOnly | cf::kCreatePending),
+            kJX_CreatedPending);
+  auto pending = creator.GetStuffPtr();
+  std::atomic<int> waiterResult{-1};
+  std::thread waiter([&] {
+    JX_ScCheckout h;
+    waiterResult = h.FindAndCheckout(MakeRequest(g), cf::kReadOnly | cf::kWaitAlways);
+  });
+  try {
+    JX_ScStuffSetter setter(pending);
+    throw std::runtime_error("render failed");
+  } catch (const std::runtime_error&) {
+  }
+  waiter.join();
+  EXPECT_EQ(waiterResult.load(), kJX_CheckoutRefused);
+  EXPECT_FALSE(pending->IsPendingRender());
+  EXPECT_FALSE(pending->GetBag());
+  EXPECT_EQ(bag_->GetNumGuidSortedItems(), 0);
+
+  // A setter destroyed after the item was filled changes nothing.
+  JX_ScCheckout second;
+  ASSERT_EQ(second.FindAndCheckout(MakeRequest(g), cf::kReadOnly | cf::kCreatePending),
+            kJX_CreatedPending);
+  {
+    JX_ScStuffSetter setter(second.GetStuffPtr());
+    second.GetStuffPtr()->SetStuffDataFromPendingRender(
+        IntrusivePtr<JX_StuffData>(new TestPayload(5)), 0.0);
+  }
+  EXPECT_TRUE(second.GetStuffPtr()->GetBag());
+  EXPECT_EQ(bag_->GetNumGuidSortedItems(), 1);
+}
+
+TEST_F(ScCheckoutTest, ForeignGuardWordIsIgnoredByCheckin) {
+  auto item = MakeItem(10);
+  bag_->AddToBagAndSortDir(item);
+  alignas(JX_ScCheckout) unsigned char storage[sizeof(JX_ScCheckout)];
+  auto* handle = new (storage) JX_ScCheckout(item, cf::kReadOnly);
+  // What a stale receipt looks like: same object, guard word overwritten.
+  reinterpret_cast<std::atomic<uint32_t>*>(storage + sizeof(void*))->store(0);
+  ASSERT_EQ(handle->GetGuardWord(), 0u);
+  handle->Checkin();
+  EXPECT_EQ(item->GetCheckoutCount(), 1u);
+  reinterpret_cast<std::atomic<uint32_t>*>(storage + sizeof(void*))->store(JX_ScCheckout::kGuardWord);
+  handle->~JX_ScCheckout();
+  EXPECT_EQ(item->GetCheckoutCount(), 0u);
+}
+
+}  // namespace
