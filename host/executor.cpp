@@ -1,0 +1,524 @@
+// The thread pool, the sub-executor and QueueOnlyOnce.
+//
+// Each executor keeps its state in a shared object that the threads and the tasks it posts hold
+// (strongly for the pool's own threads, weakly for anything queued elsewhere), so that work still
+// sitting in another queue can never reach an executor that has been destroyed.
+#include "host/executor.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstdio>
+#include <deque>
+#include <exception>
+#include <map>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace zelcore::threads {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// The executors whose tasks the calling thread is running, innermost first. Lets waits that
+// would otherwise wait for the caller itself (an executor destroyed by one of its own tasks)
+// leave the caller out.
+struct RunningFrame {
+  const void* owner;
+  const RunningFrame* outer;
+};
+thread_local const RunningFrame* t_running = nullptr;
+
+bool RunningTaskOf(const void* owner) {
+  for (const RunningFrame* f = t_running; f != nullptr; f = f->outer) {
+    if (f->owner == owner) return true;
+  }
+  return false;
+}
+
+// An exception ends the task, never the thread that runs it.
+void RunTask(const void* owner, const Task& task, const char* executorKind) {
+  RunningFrame frame{owner, t_running};
+  t_running = &frame;
+  try {
+    task();
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "jxcache: a task on the %s threw: %s\n", executorKind, e.what());
+  } catch (...) {
+    std::fprintf(stderr, "jxcache: a task on the %s threw a non-standard exception\n",
+                 executorKind);
+  }
+  t_running = frame.outer;
+}
+
+// ---- Delays --------------------------------------------------------------------------------
+
+// One process-wide thread that turns delays into posts, so that a delayed task occupies no
+// executor thread (nor a sub-executor's place) while it waits and queuing never blocks.
+class DelayTimer {
+ public:
+  using Key = std::pair<Clock::time_point, uint64_t>;
+
+  static DelayTimer& Instance() {
+    // Never destroyed: its detached thread may still be waiting when the process exits.
+    static DelayTimer* const timer = new DelayTimer;
+    return *timer;
+  }
+
+  Key Schedule(Clock::time_point when, std::function<void()> fire) {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!started_) {
+      std::thread([this] { Loop(); }).detach();
+      started_ = true;
+    }
+    const Key key{when, ++lastSeq_};
+    entries_.emplace(key, std::move(fire));
+    if (entries_.begin()->first == key) cv_.notify_one();
+    return key;
+  }
+
+  void Unschedule(const Key& key) {
+    std::function<void()> dropped;
+    std::lock_guard<std::mutex> lock(mu_);
+    auto it = entries_.find(key);
+    if (it == entries_.end()) return;
+    dropped = std::move(it->second);
+    entries_.erase(it);
+  }
+
+ private:
+  void Loop() {
+    std::unique_lock<std::mutex> lock(mu_);
+    for (;;) {
+      if (entries_.empty()) {
+        cv_.wait(lock);
+        continue;
+      }
+      auto first = entries_.begin();
+      if (Clock::now() < first->first.first) {
+        cv_.wait_until(lock, first->first.first);
+        continue;
+      }
+      std::function<void()> fire = std::move(first->second);
+      entries_.erase(first);
+      lock.unlock();
+      try {
+        fire();
+      } catch (const std::exception& e) {
+        std::fprintf(stderr, "jxcache: a delayed post failed: %s\n", e.what());
+      } catch (...) {
+        std::fprintf(stderr, "jxcache: a delayed post failed\n");
+      }
+      fire = nullptr;
+      lock.lock();
+    }
+  }
+
+  std::mutex mu_;
+  std::condition_variable cv_;
+  std::map<Key, std::function<void()>> entries_;
+  uint64_t lastSeq_ = 0;
+  bool started_ = false;
+};
+
+// ---- Thread pool ---------------------------------------------------------------------------
+
+struct PoolState {
+  explicit PoolState(unsigned max) : maxThreads(max) {}
+
+  const unsigned maxThreads;
+  mutable std::mutex mu;
+  std::condition_variable workCv;  // work queued, or the pool is exiting
+  std::condition_variable idleCv;  // a task finished
+  std::deque<Task> queue;
+  std::vector<std::thread> threads;
+  unsigned idle = 0;  // threads waiting for work or for the hold-back to pass
+  unsigned running = 0;
+  bool takingWork = true;
+  bool exiting = false;
+  Clock::time_point holdUntil{};
+};
+
+void PoolWorker(const std::shared_ptr<PoolState>& s) {
+  std::unique_lock<std::mutex> lock(s->mu);
+  for (;;) {
+    if (s->exiting) return;
+    if (s->queue.empty()) {
+      ++s->idle;
+      s->workCv.wait(lock);
+      --s->idle;
+      continue;
+    }
+    const Clock::time_point hold = s->holdUntil;
+    if (Clock::now() < hold) {
+      ++s->idle;
+      s->workCv.wait_until(lock, hold);
+      --s->idle;
+      continue;
+    }
+    Task task = std::move(s->queue.front());
+    s->queue.pop_front();
+    ++s->running;
+    lock.unlock();
+    RunTask(s.get(), task, "I/O executor");
+    task = nullptr;  // captures are released outside the pool's mutex too
+    lock.lock();
+    --s->running;
+    s->idleCv.notify_all();
+  }
+}
+
+class IOBoundExecutor final : public Executor {
+ public:
+  explicit IOBoundExecutor(unsigned maxThreads) : state_(std::make_shared<PoolState>(maxThreads)) {}
+
+  ~IOBoundExecutor() override {
+    Shutdown();
+    std::vector<std::thread> threads;
+    {
+      std::lock_guard<std::mutex> lock(state_->mu);
+      state_->exiting = true;
+      threads.swap(state_->threads);
+    }
+    state_->workCv.notify_all();
+    for (std::thread& t : threads) {
+      // The last owner may be one of the pool's own tasks: that thread finishes on its own.
+      if (t.get_id() == std::this_thread::get_id()) {
+        t.detach();
+      } else {
+        t.join();
+      }
+    }
+  }
+
+  bool Post(Task task) override {
+    std::lock_guard<std::mutex> lock(state_->mu);
+    if (!state_->takingWork) return false;
+    state_->queue.push_back(std::move(task));
+    // Threads start on demand: a pool sized for the worst case costs nothing while it is quiet.
+    if (state_->queue.size() > state_->idle && state_->threads.size() < state_->maxThreads) {
+      try {
+        state_->threads.emplace_back(PoolWorker, state_);
+      } catch (...) {
+        state_->queue.pop_back();
+        throw;
+      }
+    } else {
+      state_->workCv.notify_one();
+    }
+    return true;
+  }
+
+  void StopTakingWork() override {
+    std::lock_guard<std::mutex> lock(state_->mu);
+    state_->takingWork = false;
+  }
+
+  void CancelQueued() override {
+    std::deque<Task> dropped;
+    std::lock_guard<std::mutex> lock(state_->mu);
+    dropped.swap(state_->queue);
+  }
+
+  void WaitForRunning() override {
+    const unsigned self = RunningTaskOf(state_.get()) ? 1 : 0;
+    std::unique_lock<std::mutex> lock(state_->mu);
+    state_->idleCv.wait(lock, [&] { return state_->running <= self; });
+  }
+
+  void HoldBackUntil(Clock::time_point until) override {
+    std::lock_guard<std::mutex> lock(state_->mu);
+    state_->holdUntil = std::max(state_->holdUntil, until);
+  }
+
+  size_t QueuedCount() const override {
+    std::lock_guard<std::mutex> lock(state_->mu);
+    return state_->queue.size();
+  }
+
+ private:
+  std::shared_ptr<PoolState> state_;
+};
+
+// ---- Sub-executor --------------------------------------------------------------------------
+
+struct SubState {
+  SubState(std::shared_ptr<Executor> p, unsigned max) : parent(std::move(p)), maxConcurrent(max) {}
+
+  const std::shared_ptr<Executor> parent;
+  const unsigned maxConcurrent;
+  mutable std::mutex mu;
+  std::condition_variable cv;  // a task finished
+  std::deque<std::pair<uint64_t, Task>> queue;
+  uint64_t lastId = 0;
+  unsigned runners = 0;  // runner tasks handed to the parent and not finished
+  unsigned running = 0;
+  bool takingWork = true;
+  Clock::time_point holdUntil{};
+};
+
+// One of the sub-executor's `maxConcurrent` runner places, carried by the runner task posted to
+// the parent. When the parent drops that task without running it, the place is given back here.
+struct RunnerPlace {
+  explicit RunnerPlace(std::weak_ptr<SubState> s) : state(std::move(s)) {}
+  ~RunnerPlace() {
+    if (handedBack) return;
+    if (std::shared_ptr<SubState> s = state.lock()) {
+      std::lock_guard<std::mutex> lock(s->mu);
+      --s->runners;
+    }
+  }
+  RunnerPlace(const RunnerPlace&) = delete;
+  RunnerPlace& operator=(const RunnerPlace&) = delete;
+
+  std::weak_ptr<SubState> state;
+  bool handedBack = false;
+};
+
+void RunOneSubTask(const std::shared_ptr<RunnerPlace>& place);
+
+bool PostRunner(const std::shared_ptr<SubState>& s) {
+  auto place = std::make_shared<RunnerPlace>(s);
+  // On refusal the task, and with it `place`, is dropped, which gives the place back.
+  return s->parent->Post([place] { RunOneSubTask(place); });
+}
+
+// Runs the oldest queued task, then hands the runner place to a fresh runner posted behind the
+// parent's other work, so a busy sub-executor does not monopolise the parent's threads.
+void RunOneSubTask(const std::shared_ptr<RunnerPlace>& place) {
+  std::shared_ptr<SubState> s = place->state.lock();
+  if (!s) return;  // the sub-executor is gone, and its tasks with it
+  std::unique_lock<std::mutex> lock(s->mu);
+  if (!s->queue.empty() && Clock::now() < s->holdUntil) {
+    // Come back when the hold-back ends, keeping the place, rather than occupy a parent thread.
+    const Clock::time_point until = s->holdUntil;
+    lock.unlock();
+    DelayTimer::Instance().Schedule(until, [place] {
+      if (std::shared_ptr<SubState> state = place->state.lock()) {
+        state->parent->Post([place] { RunOneSubTask(place); });
+      }
+    });
+    return;
+  }
+  place->handedBack = true;
+  if (s->queue.empty()) {
+    --s->runners;
+    return;
+  }
+  Task task = std::move(s->queue.front().second);
+  s->queue.pop_front();
+  ++s->running;
+  lock.unlock();
+  RunTask(s.get(), task, "sub-executor");
+  task = nullptr;
+  lock.lock();
+  --s->running;
+  s->cv.notify_all();
+  if (s->queue.empty()) {
+    --s->runners;
+    return;
+  }
+  lock.unlock();
+  PostRunner(s);
+}
+
+class SubExecutor final : public Executor {
+ public:
+  SubExecutor(std::shared_ptr<Executor> parent, unsigned maxConcurrent)
+      : state_(std::make_shared<SubState>(std::move(parent), maxConcurrent)) {}
+
+  ~SubExecutor() override { Shutdown(); }
+
+  bool Post(Task task) override {
+    uint64_t id = 0;
+    {
+      std::lock_guard<std::mutex> lock(state_->mu);
+      if (!state_->takingWork) return false;
+      id = ++state_->lastId;
+      state_->queue.emplace_back(id, std::move(task));
+      if (state_->runners >= state_->maxConcurrent) return true;
+      ++state_->runners;
+    }
+    if (PostRunner(state_)) return true;
+    // The parent refused: take the task back unless a runner already took it.
+    Task dropped;
+    std::lock_guard<std::mutex> lock(state_->mu);
+    auto it = std::find_if(state_->queue.begin(), state_->queue.end(),
+                           [id](const auto& entry) { return entry.first == id; });
+    if (it == state_->queue.end()) return true;
+    dropped = std::move(it->second);
+    state_->queue.erase(it);
+    return false;
+  }
+
+  void StopTakingWork() override {
+    std::lock_guard<std::mutex> lock(state_->mu);
+    state_->takingWork = false;
+  }
+
+  void CancelQueued() override {
+    std::deque<std::pair<uint64_t, Task>> dropped;
+    std::lock_guard<std::mutex> lock(state_->mu);
+    dropped.swap(state_->queue);
+  }
+
+  void WaitForRunning() override {
+    const unsigned self = RunningTaskOf(state_.get()) ? 1 : 0;
+    std::unique_lock<std::mutex> lock(state_->mu);
+    state_->cv.wait(lock, [&] { return state_->running <= self; });
+  }
+
+  void HoldBackUntil(Clock::time_point until) override {
+    std::lock_guard<std::mutex> lock(state_->mu);
+    state_->holdUntil = std::max(state_->holdUntil, until);
+  }
+
+  size_t QueuedCount() const override {
+    std::lock_guard<std::mutex> lock(state_->mu);
+    return state_->queue.size();
+  }
+
+ private:
+  std::shared_ptr<SubState> state_;
+};
+
+}  // namespace
+
+std::shared_ptr<Executor> CreateIOBoundExecutor(unsigned threadCount) {
+  if (threadCount == 0) threadCount = std::max(2u, 2 * std::thread::hardware_concurrency());
+  return std::make_shared<IOBoundExecutor>(threadCount);
+}
+
+std::shared_ptr<Executor> CreateSubExecutor(std::shared_ptr<Executor> parent,
+                                            unsigned maxConcurrent) {
+  if (!parent) throw std::invalid_argument("CreateSubExecutor needs a parent executor");
+  return std::make_shared<SubExecutor>(std::move(parent), std::max(1u, maxConcurrent));
+}
+
+// ---- QueueOnlyOnce -------------------------------------------------------------------------
+
+// A queued run is identified by its generation: Cancel bumps it, so a timer entry or a posted
+// run left behind by a cancelled or superseded Queue finds a different generation and does
+// nothing. Once a run starts, `queued` drops and Queue schedules the next one; on an executor
+// with several threads that next run may overlap the current one.
+struct QueueOnlyOnce::State : std::enable_shared_from_this<QueueOnlyOnce::State> {
+  State(std::shared_ptr<Executor> e, Task t, uint32_t delay)
+      : executor(std::move(e)), task(std::move(t)), delayMs(delay) {}
+
+  bool Queue() {
+    std::unique_lock<std::mutex> lock(mu);
+    if (queued || closed) return false;
+    const uint64_t generation = ++lastGeneration;
+    queued = true;
+    std::weak_ptr<State> weak = weak_from_this();
+    if (delayMs == 0) {
+      lock.unlock();
+      return PostRun(generation);
+    }
+    timerKey = DelayTimer::Instance().Schedule(Clock::now() + std::chrono::milliseconds(delayMs),
+                                               [weak, generation] {
+                                                 if (std::shared_ptr<State> s = weak.lock())
+                                                   s->Fire(generation);
+                                               });
+    timerPending = true;
+    return true;
+  }
+
+  void Cancel() {
+    std::lock_guard<std::mutex> lock(mu);
+    CancelLocked();
+  }
+
+  // Cancels and waits for a run in progress (unless the caller is that run).
+  void Close() {
+    const unsigned self = RunningTaskOf(this) ? 1 : 0;
+    std::unique_lock<std::mutex> lock(mu);
+    closed = true;
+    CancelLocked();
+    cv.wait(lock, [&] { return running <= self; });
+  }
+
+  bool IsQueued() const {
+    std::lock_guard<std::mutex> lock(mu);
+    return queued;
+  }
+
+ private:
+  void CancelLocked() {
+    if (!queued) return;
+    queued = false;
+    ++lastGeneration;
+    if (timerPending) {
+      DelayTimer::Instance().Unschedule(timerKey);
+      timerPending = false;
+    }
+  }
+
+  bool StillQueued(uint64_t generation) const { return queued && lastGeneration == generation; }
+
+  void Fire(uint64_t generation) {
+    {
+      std::lock_guard<std::mutex> lock(mu);
+      if (!StillQueued(generation)) return;
+      timerPending = false;
+    }
+    PostRun(generation);
+  }
+
+  bool PostRun(uint64_t generation) {
+    std::weak_ptr<State> weak = weak_from_this();
+    if (executor->Post([weak, generation] {
+          if (std::shared_ptr<State> s = weak.lock()) s->Run(generation);
+        })) {
+      return true;
+    }
+    std::lock_guard<std::mutex> lock(mu);
+    if (StillQueued(generation)) queued = false;
+    return false;
+  }
+
+  void Run(uint64_t generation) {
+    {
+      std::lock_guard<std::mutex> lock(mu);
+      if (!StillQueued(generation)) return;
+      queued = false;
+      ++running;
+    }
+    RunTask(this, task, "QueueOnlyOnce");
+    {
+      std::lock_guard<std::mutex> lock(mu);
+      --running;
+    }
+    cv.notify_all();
+  }
+
+  const std::shared_ptr<Executor> executor;
+  const Task task;
+  const uint32_t delayMs;
+  mutable std::mutex mu;
+  std::condition_variable cv;  // a run finished
+  bool queued = false;
+  bool closed = false;
+  bool timerPending = false;
+  uint64_t lastGeneration = 0;
+  unsigned running = 0;
+  DelayTimer::Key timerKey{};
+};
+
+QueueOnlyOnce::QueueOnlyOnce(std::shared_ptr<Executor> executor, Task task, uint32_t delayMs,
+                             int flags)
+    : state_(std::make_shared<State>(std::move(executor), std::move(task), delayMs)) {
+  (void)flags;  // no flag changes the behaviour yet
+}
+
+QueueOnlyOnce::~QueueOnlyOnce() { state_->Close(); }
+
+bool QueueOnlyOnce::Queue() { return state_->Queue(); }
+
+bool QueueOnlyOnce::IsQueued() const { return state_->IsQueued(); }
+
+void QueueOnlyOnce::Cancel() { state_->Cancel(); }
+
+}  // namespace zelcore::threads
