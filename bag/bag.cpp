@@ -57,7 +57,8 @@ void JX_Bag::AddStuffGuts(const StuffPtr& stuff, const JXp_ScLock&, bool addToMe
   stuff->RetainObject();  // the set's reference
   stuff->inMru_ = true;
   stuff->SetBagAndInMru(weak_from_this());
-  if (auto data = stuff->GetDataPtr()) stuff->SyncMemorySizeWithBag(data->GetApproximateMemorySize());
+  if (auto data = stuff->GetDataPtr())
+    stuff->SyncMemorySizeWithBag(data->GetApproximateMemorySize());
   if (mediaMap) TraceMediaMapChange("Added stuff ", *stuff);
 }
 
@@ -100,7 +101,8 @@ void JX_Bag::UpdateWithNewLastUsedTime(const StuffPtr& stuff, const JXp_ScLock& 
 
 void JX_Bag::AccountForStuffDataModification(const StuffPtr& stuff) {
   if (!stuff) jx::ThrowNullPtr("JX_Stuff");
-  if (auto data = stuff->GetDataPtr()) stuff->SyncMemorySizeWithBag(data->GetApproximateMemorySize());
+  if (auto data = stuff->GetDataPtr())
+    stuff->SyncMemorySizeWithBag(data->GetApproximateMemorySize());
 }
 
 void JX_Bag::TraceMediaMapChange(const char* what, const JX_Stuff& stuff) {
@@ -109,8 +111,8 @@ void JX_Bag::TraceMediaMapChange(const char* what, const JX_Stuff& stuff) {
   GetCacheSizesInBytes(inMemory, withDisk);
   ZC_TRACE("JX_MediaMap", 6,
            what << stuff.GetGuid().AsString() << " JX Cache size " << inMemory
-                << " num entries = " << mru_.size() << " MediaMap size "
-                << JX_MediaMapSizeBytes() << " num entries = " << JX_MediaMapEntryCount());
+                << " num entries = " << mru_.size() << " MediaMap size " << JX_MediaMapSizeBytes()
+                << " num entries = " << JX_MediaMapEntryCount());
 }
 
 void JX_Stuff::SetBagAndInMru(const std::weak_ptr<JX_Bag>& bag) {
@@ -181,7 +183,8 @@ unsigned long long JX_Bag::GetCurrentMaxCacheSize() const {
 
 float JX_Bag::GetPercentOfAvailableMemoryCheckedOut() const {
   auto global = JX_GlobalBag();
-  double checkedOut = global ? static_cast<double>(global->GetCheckedOutMemoryCacheSizeInBytes()) : 0.0;
+  double checkedOut =
+      global ? static_cast<double>(global->GetCheckedOutMemoryCacheSizeInBytes()) : 0.0;
   double denominator = static_cast<double>(GetCurrentMaxCacheSize());
   return denominator > 0 ? static_cast<float>(checkedOut / denominator) : 0.0f;
 }
@@ -223,7 +226,8 @@ unsigned long long JX_GetMaxJXCacheSize() {
 bool JX_IsGlobalBagSizeAboveMinimum() {
   if (JX_IsSetJXCacheLimitForGfxpaksEnabled()) return true;
   uint64_t memoryLimit = 0, softLimit = 0;
-  if (int32_t status = Y_GetMemUsageLimits(&memoryLimit, &softLimit)) throw static_cast<int>(status);
+  if (int32_t status = Y_GetMemUsageLimits(&memoryLimit, &softLimit))
+    throw static_cast<int>(status);
   auto minimum = static_cast<unsigned long long>(static_cast<double>(memoryLimit) *
                                                  jx::settings::MinJXSizeToPurgeLimitRatio());
   auto bag = JX_GlobalBag();

@@ -156,9 +156,9 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
   std::shared_ptr<JX_SortDir> sortDir_;
   std::atomic<uint8_t> diskCacheEnabled_{0};
   mutable std::mutex diskMutex_;
-  zelcore::filesupport::Dir diskCacheDir_;      // guarded by diskMutex_
-  std::u16string diskCacheDirText_;             // guarded by diskMutex_
-  long long maxDiskCacheSize_ = 0;              // guarded by diskMutex_
+  zelcore::filesupport::Dir diskCacheDir_;  // guarded by diskMutex_
+  std::u16string diskCacheDirText_;         // guarded by diskMutex_
+  long long maxDiskCacheSize_ = 0;          // guarded by diskMutex_
   std::atomic<long long> onDiskSize_{0};
   const unsigned int appVersion_;
   std::atomic<unsigned long long> lastPurgedUsedTime_{0};
@@ -173,7 +173,8 @@ namespace jx {
 JX_EXPORT void PurgeOverBudget(JX_Bag& bag, unsigned long long bytes);
 }  // namespace jx
 
-// The media layer's fixed maximum cache size times "Graphics.DefaultJXCacheLimitForGfxpaksMultiplier".
+// The media layer's fixed maximum cache size times
+// "Graphics.DefaultJXCacheLimitForGfxpaksMultiplier".
 JX_EXPORT unsigned long long JX_GetMaxJXCacheSize();
 // Whether the global bag holds at least its floor (host memory limit times
 // "KQ.MinJXSizeToPurgeLimitRatioR"); always true under the fixed limit for templates. A failing

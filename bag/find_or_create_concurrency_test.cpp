@@ -47,8 +47,8 @@ TEST_F(FindOrCreateTest, ExactlyOneCreatorAndEveryWaiterReleased) {
         sync.arrive_and_wait();
         IntrusivePtr<JX_Stuff> found;
         bool created = false;
-        JX_CheckoutResult res = bag_->FindAndCheckout(MakeRequest(keys[r]), kFindOrCreate, &found,
-                                                      &created);
+        JX_CheckoutResult res =
+            bag_->FindAndCheckout(MakeRequest(keys[r]), kFindOrCreate, &found, &created);
         if (res == kJX_CreatedPending) {
           creators[r].fetch_add(1);
           std::this_thread::sleep_for(std::chrono::microseconds(200));

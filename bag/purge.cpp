@@ -66,9 +66,8 @@ void JX_Bag::FreeUpSomeMemory(unsigned long long /*amount: the host is asked ins
           r.success = true;
           break;
         }
-        if (templateLimit &&
-            static_cast<unsigned long long>(std::max(0LL, GetInMemoryCacheSizeInBytes_LockFree())) <=
-                limit) {
+        if (templateLimit && static_cast<unsigned long long>(
+                                 std::max(0LL, GetInMemoryCacheSizeInBytes_LockFree())) <= limit) {
           r.success = true;
           break;
         }
@@ -147,15 +146,14 @@ unsigned int JX_Stuff::FreeUpAsMuchAsPossible(bool removeFromMediaMap, ReleaseQu
     if (freedAnything || removedFromBag) {
       ZC_TRACE("JX_MediaMap", 6,
                "FreeUpAsMuchAsPossible " << GetGuid().AsString() << " MediaMap size "
-                                         << JX_MediaMapSizeBytes() << " num entries = "
-                                         << JX_MediaMapEntryCount());
+                                         << JX_MediaMapSizeBytes()
+                                         << " num entries = " << JX_MediaMapEntryCount());
     } else {
       ZC_TRACE("JX_MediaMap", 6,
                "FreeUpAsMuchAsPossible - couldn't free anything "
                    << GetGuid().AsString() << " MediaMap size " << JX_MediaMapSizeBytes()
-                   << " num entries = " << JX_MediaMapEntryCount()
-                   << " freed_anything = " << freedAnything
-                   << " removedFromBag = " << removedFromBag);
+                   << " num entries = " << JX_MediaMapEntryCount() << " freed_anything = "
+                   << freedAnything << " removedFromBag = " << removedFromBag);
     }
   }
   return (freedAnything || removedFromBag) ? size : 0;

@@ -34,7 +34,8 @@ class PurgeTest : public LibraryTest {
     for (int i = 0; i < n; ++i) {
       auto item = MakeItem(size);
       // Purging only looks at the link to the file; no file is read here.
-      if (withDiskCopy) item->SetDiskCacheFile(zelcore::filesupport::File("/nonexistent.kqcache"), false);
+      if (withDiskCopy)
+        item->SetDiskCacheFile(zelcore::filesupport::File("/nonexistent.kqcache"), false);
       bag_->AddToBagAndSortDir(item);
       items.push_back(item);
     }

@@ -38,8 +38,8 @@ const std::vector<zelcore::utility::Guid>& FillBag(size_t count) {
 }
 
 zelcore::utility::IntrusivePtr<JX_Stuff> Request(const zelcore::utility::Guid& guid) {
-  auto item = JX_Stuff::CreateNew(zelcore::utility::IntrusivePtr<JX_StuffData>(new SizedPayload(0)),
-                                  0.0);
+  auto item =
+      JX_Stuff::CreateNew(zelcore::utility::IntrusivePtr<JX_StuffData>(new SizedPayload(0)), 0.0);
   item->SetGuid(guid);
   return item;
 }

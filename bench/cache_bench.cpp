@@ -99,7 +99,8 @@ void BM_PurgeWalkHalf(benchmark::State& state) {
     jx::PurgeOverBudget(*bag, static_cast<unsigned long long>(before / 2));
     seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     state.PauseTiming();
-    const size_t freedNow = n - static_cast<size_t>(bag->GetInMemoryCacheSizeInBytes_LockFree() / 1024);
+    const size_t freedNow =
+        n - static_cast<size_t>(bag->GetInMemoryCacheSizeInBytes_LockFree() / 1024);
     if (freedNow != n / 2) state.SkipWithError("did not free half");
     freed += freedNow;
     examined += freedNow;  // the walk stops right after the last item it needs

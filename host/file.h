@@ -13,7 +13,8 @@ namespace zelcore::filesupport {
 // A failed file operation: errno, the operation and the path.
 class FileError : public std::system_error {
  public:
-  FileError(int err, const std::string& what) : std::system_error(err, std::generic_category(), what) {}
+  FileError(int err, const std::string& what)
+      : std::system_error(err, std::generic_category(), what) {}
   int Errno() const { return code().value(); }
 };
 // The file or folder does not exist (ENOENT).
@@ -63,8 +64,8 @@ class Dir {
 
   bool IsEmpty() const { return path_.empty(); }
   const std::string& GetPath() const { return path_; }
-  bool Exists() const;       // exists and is a folder
-  bool PathExists() const;   // something (file or folder) exists at the path
+  bool Exists() const;      // exists and is a folder
+  bool PathExists() const;  // something (file or folder) exists at the path
   Dir Join(const std::string& name) const;
   File GetFile(const std::string& name) const { return File(*this, name); }
   // The names (not paths) of the entries directly in this folder, "." and ".." left out.

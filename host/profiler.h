@@ -62,7 +62,7 @@ class ProfileDataLog {
 #define ZC_PROFILE_CONCAT2(a, b) a##b
 #define ZC_PROFILE_CONCAT(a, b) ZC_PROFILE_CONCAT2(a, b)
 // Opens a profiler scope named `name` when conditional profiling runs at `volume` or more.
-#define ZC_PROFILE_SCOPE(name, volume)                                                  \
+#define ZC_PROFILE_SCOPE(name, volume)                                                 \
   std::optional<::zelcore::debug::CodeProfiler> ZC_PROFILE_CONCAT(zc_prof_, __LINE__); \
-  if (::zelcore::debug::CodeProfiler::IsConditionalProfiling(volume))                 \
+  if (::zelcore::debug::CodeProfiler::IsConditionalProfiling(volume))                  \
   ZC_PROFILE_CONCAT(zc_prof_, __LINE__).emplace(name)

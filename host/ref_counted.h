@@ -67,9 +67,7 @@ struct WeakControlBlock {
 
 class RefCountedObjectWithWeakPtr : public virtual RefCountedInterface {
  public:
-  void RetainObject() const override {
-    ctrl_->strong.fetch_add(1, std::memory_order_relaxed);
-  }
+  void RetainObject() const override { ctrl_->strong.fetch_add(1, std::memory_order_relaxed); }
   void ReleaseObject() const override {
     if (ctrl_->strong.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
   }

@@ -15,7 +15,8 @@ extern "C" {
 #if defined(__GNUC__)
 __attribute__((visibility("default")))
 #endif
-int32_t Y_VX_AcquireVXSuite(const char* name, int32_t version, const void** outSuite);
+int32_t
+Y_VX_AcquireVXSuite(const char* name, int32_t version, const void** outSuite);
 
 #ifdef __cplusplus
 }

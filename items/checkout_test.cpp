@@ -1,8 +1,11 @@
 // The check-out protocol of one item: exclusion, conversion, directory round trips, accounting.
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "bag/sort_dir.h"
 #include "host/standalone_host.h"
+#include "host/y_api.h"
 #include "lifecycle/failures.h"
 #include "testing/jx_test_support.h"
 
@@ -68,7 +71,8 @@ TEST_F(CheckoutTest, ConvertToWriteableRejectsMisuseWithItsMessageAndCode) {
 
   item->ConvertToWriteable();
   EXPECT_TRUE(item->IsCheckedOutWriteable());
-  EXPECT_EQ(bag_->GetNumGuidSortedItems(), dirBefore - 1) << "a writeable item leaves the directory";
+  EXPECT_EQ(bag_->GetNumGuidSortedItems(), dirBefore - 1)
+      << "a writeable item leaves the directory";
   EXPECT_EQ(ThrownCode([&] { item->ConvertToWriteable(); }), jx::kErrCheckedOutWrite);
   EXPECT_EQ(ErrStringReports("already checked-out read/write"), 1u);
   item->Checkin(0, 0.0);
@@ -92,7 +96,8 @@ TEST_F(CheckoutTest, WriteableItemReturnsUnderItsNewGuid) {
   ASSERT_EQ(item->Checkout(0), kJX_CheckedOut);
   EXPECT_EQ(bag_->GetNumGuidSortedItems(), 0);
   item->UpdateWithNewGuid(newGuid);
-  EXPECT_EQ(bag_->GetNumGuidSortedItems(), 0) << "re-keying a writeable item leaves the directory alone";
+  EXPECT_EQ(bag_->GetNumGuidSortedItems(), 0)
+      << "re-keying a writeable item leaves the directory alone";
   item->Checkin(0, 0.0);
   EXPECT_EQ(bag_->GetNumGuidSortedItems(), 1);
 
@@ -123,9 +128,9 @@ TEST_F(CheckoutTest, PendingItemIsRefusedWithoutWaitBitsAndCountedWhenAsked) {
   const Guid g = Guid::CreateUnique();
   IntrusivePtr<JX_Stuff> pending;
   bool created = false;
-  ASSERT_EQ(bag_->FindAndCheckout(MakeRequest(g), cf::kReadOnly | cf::kCreatePending, &pending,
-                                  &created),
-            kJX_CreatedPending);
+  ASSERT_EQ(
+      bag_->FindAndCheckout(MakeRequest(g), cf::kReadOnly | cf::kCreatePending, &pending, &created),
+      kJX_CreatedPending);
   ASSERT_TRUE(created);
   EXPECT_TRUE(pending->IsPendingFromThisThread());
   const auto refusals = JX_GetStuffCounters().pendingRefusals.load();

@@ -45,8 +45,7 @@ JX_Stuff::IntrusivePtr<JX_StuffData> JX_Stuff::GetDataWaitIfPending() const {
   return GetDataPtr();
 }
 
-void JX_Stuff::SetStuffDataFromPendingRender(IntrusivePtr<JX_StuffData> data,
-                                             double computeTime) {
+void JX_Stuff::SetStuffDataFromPendingRender(IntrusivePtr<JX_StuffData> data, double computeTime) {
   SetStuffDataFromPendingRender_Impl(std::move(data), computeTime, false);
 }
 

@@ -96,7 +96,11 @@ TEST_F(ScCheckoutTest, SwapLeavesFlagsAndSuspendedItemsInPlace) {
   EXPECT_EQ(hb.GetCheckinFlags(), jx::checkin_flags::kKeepRecency);
   EXPECT_EQ(ha.GetCheckoutFlags(), cf::kReadOnly | cf::kPassAlong);
   EXPECT_EQ(hb.GetCheckoutFlags(), cf::kReadOnly);
-  EXPECT_TRUE(ha.HasSuspendedCheckout()) << "the suspended item stayed with its handle";
+  EXPECT_FALSE(ha.HasSuspendedCheckout());
+  hb.Checkin();
+  EXPECT_TRUE(hb.HasSuspendedCheckout()) << "the suspended item stayed with its handle";
+  EXPECT_TRUE(hb.ReacquireSuspendedCheckout());
+  EXPECT_EQ(hb.GetStuffPtr(), b);
 }
 
 TEST_F(ScCheckoutTest, SuspendAndReacquireFindsAReplacedItem) {
@@ -189,7 +193,8 @@ TEST_F(ScCheckoutTest, ForeignGuardWordIsIgnoredByCheckin) {
   ASSERT_EQ(handle->GetGuardWord(), 0u);
   handle->Checkin();
   EXPECT_EQ(item->GetCheckoutCount(), 1u);
-  reinterpret_cast<std::atomic<uint32_t>*>(storage + sizeof(void*))->store(JX_ScCheckout::kGuardWord);
+  reinterpret_cast<std::atomic<uint32_t>*>(storage + sizeof(void*))
+      ->store(JX_ScCheckout::kGuardWord);
   handle->~JX_ScCheckout();
   EXPECT_EQ(item->GetCheckoutCount(), 0u);
 }

@@ -5,10 +5,10 @@
 namespace jx {
 
 // Codes thrown as plain ints.
-inline constexpr int kErrBadCall = 3;             // bad call or broken invariant
-inline constexpr int kErrVersionMismatch = 9;     // a disk cache file of another version
-inline constexpr int kErrCheckedOutWrite = 14851; // check-out misuse: writeable / too many
-inline constexpr int kErrNotCheckedOut = 14852;   // check-out misuse: not checked out
+inline constexpr int kErrBadCall = 3;              // bad call or broken invariant
+inline constexpr int kErrVersionMismatch = 9;      // a disk cache file of another version
+inline constexpr int kErrCheckedOutWrite = 14851;  // check-out misuse: writeable / too many
+inline constexpr int kErrNotCheckedOut = 14852;    // check-out misuse: not checked out
 
 // Reports `text` as a failed verification, then throws `code`.
 [[noreturn]] void FailVerification(const char* text, int code = kErrBadCall);

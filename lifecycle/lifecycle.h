@@ -40,7 +40,8 @@ namespace jx {
 std::shared_ptr<zelcore::threads::Executor> DiskExecutor();
 // Queues the deferred disk task (runs 1 s later; queuing while queued does nothing).
 void QueueIdleDiskTask();
-// The four frame counters of JX_NotifyFrame*: read(false), read(true), written(false), written(true).
+// The four frame counters of JX_NotifyFrame*: read(false), read(true), written(false),
+// written(true).
 struct FrameCounters {
   uint32_t readFalse, readTrue, writtenFalse, writtenTrue;
 };

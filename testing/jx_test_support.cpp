@@ -13,7 +13,8 @@ TestPayload::TestPayload(unsigned int size, uint32_t seed, bool diskCacheable)
       size_(size),
       seed_(seed),
       diskCacheable_(diskCacheable) {
-  for (unsigned int i = 0; i < size; ++i) (*bytes_)[i] = static_cast<uint8_t>((seed * 131 + i) & 0xFF);
+  for (unsigned int i = 0; i < size; ++i)
+    (*bytes_)[i] = static_cast<uint8_t>((seed * 131 + i) & 0xFF);
   LiveCount().fetch_add(1);
 }
 
@@ -42,11 +43,11 @@ bool TestPayload::PurgeIfPossible(ReleaseQueue* toRelease) {
   struct Release {
     std::shared_ptr<std::vector<uint8_t>> bytes;
     ~Release() {
-      if (OnRelease()) OnRelease()();
+      if (bytes && OnRelease()) OnRelease()();
     }
   };
-  auto release = std::make_shared<Release>(Release{std::move(bytes_)});
-  bytes_.reset();
+  auto release = std::make_shared<Release>();
+  release->bytes = std::move(bytes_);
   if (toRelease) toRelease->push_back(release);
   return true;
 }
@@ -86,9 +87,8 @@ bool TestPayload::Verify() const {
 zelcore::utility::IntrusivePtr<JX_Stuff> MakeItem(unsigned int size,
                                                   const zelcore::utility::Guid& guid,
                                                   uint32_t seed) {
-  auto item = JX_Stuff::CreateNew(zelcore::utility::IntrusivePtr<JX_StuffData>(
-                                      new TestPayload(size, seed)),
-                                  0.0);
+  auto item = JX_Stuff::CreateNew(
+      zelcore::utility::IntrusivePtr<JX_StuffData>(new TestPayload(size, seed)), 0.0);
   item->SetGuid(guid.IsEmpty() ? zelcore::utility::Guid::CreateUnique() : guid);
   return item;
 }
@@ -124,7 +124,9 @@ void LibraryTest::SetUp() {
 void LibraryTest::Birth() { JX_Birth(false, 1, false); }
 
 void LibraryTest::TearDown() {
-  if (bag_) EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 0);
+  if (bag_) {
+    EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 0);
+  }
   bag_.reset();
   JX_StopAllAsyncWork();
   JX_Death();
