@@ -1,6 +1,7 @@
 // The disk writer, reader and folder keeper are not built yet: no item gets a disk file, so
 // nothing is written, read back or scanned, and the folder has no room to keep.
 #include "bag/bag.h"
+#include "disk/disk_counters.h"
 #include "items/stuff.h"
 #include "lifecycle/failures.h"
 
@@ -34,3 +35,6 @@ bool JX_Bag::EnsureDiskSpace(long long bytesNeeded, unsigned long long) {
 }
 void JX_Bag::ScanOneDiskCacheFile(const zelcore::filesupport::File&) {}
 double JX_Bag::GetDiskWriteQueueSizePercentFull() const { return 0.0; }
+
+void jx::disk::AddWriteSpeedSample(uint64_t, double) {}
+void jx::disk::AddReadSpeedSample(uint64_t, double) {}
