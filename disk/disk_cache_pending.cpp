@@ -2,6 +2,7 @@
 // nothing is written, read back or scanned, and the folder has no room to keep.
 #include "bag/bag.h"
 #include "disk/disk_counters.h"
+#include "host/file_utils.h"
 #include "items/stuff.h"
 #include "lifecycle/failures.h"
 
@@ -16,7 +17,17 @@ void JX_Stuff::MaybeWriteToDisk() {}
 void JX_Stuff::ReconsiderWriteToDisk() {}
 void JX_Stuff::OfferToDiskAtCheckin(int, bool, double) {}
 
-void JX_Bag::SetDiskCacheInfo(const std::string&, long long) {}
+// Uses the folder as given (no maker, product or machine sub-folders yet) and switches the disk
+// cache on when the folder can be made.
+void JX_Bag::SetDiskCacheInfo(const std::string& folder, long long maxDiskCacheSize) {
+  bool ok = zelcore::utility::FileUtils::EnsureDirectoryExists(folder);
+  {
+    std::lock_guard<std::mutex> l(diskMutex_);
+    diskCacheDir_ = zelcore::filesupport::Dir(folder);
+    maxDiskCacheSize_ = maxDiskCacheSize;
+  }
+  EnableDiskCache(ok);
+}
 zelcore::filesupport::Dir JX_Bag::GetDiskCacheDirSpec() const {
   std::lock_guard<std::mutex> l(diskMutex_);
   return diskCacheDir_;
