@@ -17,7 +17,7 @@ build: deps $(BUILD)/build.ninja
 	cmake --build $(BUILD) -j $(JOBS)
 
 test: build
-	cd $(BUILD) && ctest -j $(JOBS) --output-on-failure -L unit
+	cd $(BUILD) && ctest -j $(JOBS) --output-on-failure -LE stress
 
 demo: build
 	@if [ -x $(BUILD)/bin/jxcache ]; then $(BUILD)/bin/jxcache simulate; \
@@ -33,11 +33,11 @@ bench:
 asan: deps
 	CC=clang CXX=clang++ cmake -S . -B build-asan $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DJX_SANITIZE=address,undefined -DJX_BUILD_TOOLS=OFF
 	cmake --build build-asan -j $(JOBS)
-	cd build-asan && ctest -j $(JOBS) --output-on-failure -L unit
+	cd build-asan && ctest -j $(JOBS) --output-on-failure -LE stress
 
 tsan: deps
 	CC=clang CXX=clang++ cmake -S . -B build-tsan $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DJX_SANITIZE=thread -DJX_BUILD_TOOLS=OFF
-	cmake --build build-tsan -j $(JOBS)
+	cmake --build build-tsan -j $(JOBS) --target concurrency_tests
 	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest -j $(JOBS) --output-on-failure -L concurrency
 
 stress: build
