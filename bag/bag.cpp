@@ -26,9 +26,14 @@ JX_Bag::JX_Bag(unsigned int appVersion)
       diskOutOfSpace_(std::make_shared<DiskOutOfSpaceSignal>()) {}
 
 JX_Bag::~JX_Bag() {
-  // Drop the set's references; the items' own links are weak and expire with this bag.
+  // The items' bytes were counted here and go with this bag's counters: forget them, so that an
+  // item outliving its bag does not take them out of another bag. Then drop the set's
+  // references; the items' own links are weak and expire with this bag.
   mru_.clear_and_dispose([](JX_Stuff* s) {
-    s->inMru_ = false;
+    s->memSize_.store(0, std::memory_order_relaxed);
+    s->checkedOutSize_.store(0, std::memory_order_relaxed);
+    s->diskSize_.store(0, std::memory_order_relaxed);
+    s->mruBag_ = nullptr;
     s->ReleaseObject();
   });
 }
@@ -50,12 +55,12 @@ void JX_Bag::RemoveStuff(const StuffPtr& stuff) {
 
 void JX_Bag::AddStuffGuts(const StuffPtr& stuff, const JXp_ScLock&, bool addToMediaMap) {
   if (!stuff) jx::ThrowNullPtr("JX_Stuff");
-  if (stuff->GetBag() || stuff->inMru_) jx::FailVerification("stuff already in a bag");
+  if (stuff->mruBag_ || stuff->GetBag()) jx::FailVerification("stuff already in a bag");
   const bool mediaMap = jx::settings::UseMediaMap() && addToMediaMap;
   if (mediaMap && stuff->IsInMemory()) JX_MediaMapAddOrUpdate(stuff);
-  mru_.insert(mru_.end(), *stuff);
+  InsertByTime(*stuff);
   stuff->RetainObject();  // the set's reference
-  stuff->inMru_ = true;
+  stuff->mruBag_ = this;
   stuff->SetBagAndInMru(weak_from_this());
   if (auto data = stuff->GetDataPtr())
     stuff->SyncMemorySizeWithBag(data->GetApproximateMemorySize());
@@ -64,11 +69,9 @@ void JX_Bag::AddStuffGuts(const StuffPtr& stuff, const JXp_ScLock&, bool addToMe
 
 void JX_Bag::RemoveStuffGuts(const StuffPtr& stuff, const JXp_ScLock&, bool removeFromMediaMap) {
   if (!stuff) jx::ThrowNullPtr("JX_Stuff");
-  if (stuff->GetBag().get() != this || !stuff->inMru_) {
-    jx::FailVerification("stuff not in the right bag");
-  }
+  if (stuff->mruBag_ != this) jx::FailVerification("stuff not in the right bag");
   mru_.erase(mru_.iterator_to(*stuff));
-  stuff->inMru_ = false;
+  stuff->mruBag_ = nullptr;
   stuff->SetBagAndInMru({});
   const bool mediaMap = jx::settings::UseMediaMap() && removeFromMediaMap;
   if (mediaMap) {
@@ -91,12 +94,21 @@ void JX_Bag::UpdateWithNewLastUsedTime(const StuffPtr& stuff, const JXp_ScLock& 
   }
   // Without the media map, leaving and re-entering the bag only moves the item in the recency
   // set: do just that, keeping the bag link and the (unchanged) accounted sizes.
-  if (stuff->GetBag().get() != this || !stuff->inMru_) {
-    jx::FailVerification("stuff not in the right bag");
-  }
+  if (stuff->mruBag_ != this) jx::FailVerification("stuff not in the right bag");
   mru_.erase(mru_.iterator_to(*stuff));
   stuff->lastUsedTime_.exchange(HighPrecisionTime::GetCurrentTimeStamp());
-  mru_.insert(mru_.end(), *stuff);
+  InsertByTime(*stuff);
+}
+
+void JX_Bag::InsertByTime(JX_Stuff& stuff) {
+  const uint64_t t = stuff.GetLastUsedTime();
+  auto pos = mru_.end();
+  while (pos != mru_.begin()) {
+    auto prev = std::prev(pos);
+    if (prev->GetLastUsedTime() <= t) break;
+    pos = prev;
+  }
+  mru_.insert(pos, stuff);
 }
 
 void JX_Bag::AccountForStuffDataModification(const StuffPtr& stuff) {
@@ -121,17 +133,31 @@ void JX_Stuff::SetBagAndInMru(const std::weak_ptr<JX_Bag>& bag) {
 }
 
 void JX_Stuff::SyncMemorySizeWithBag(unsigned int newSize) {
-  std::shared_ptr<JX_Bag> bag = GetBag();
-  if (!bag) bag = JX_GlobalBag();
-  if (!bag) return;
+  SyncMemorySizeWithKnownBag(newSize, nullptr);
+}
+
+void JX_Stuff::SyncMemorySizeWithKnownBag(unsigned int newSize, JX_Bag* knownBag) {
+  const unsigned int newCheckedOut = GetCheckoutCount() != 0 ? newSize : 0;
+  // Nothing to move: skip the bag look-up (a weak-pointer lock every item of the bag shares).
+  if (memSize_.load(std::memory_order_acquire) == newSize &&
+      checkedOutSize_.load(std::memory_order_acquire) == newCheckedOut) {
+    return;
+  }
+  std::shared_ptr<JX_Bag> held;
+  JX_Bag* bag = knownBag;
+  if (!bag) {
+    held = GetBag();
+    if (!held) held = JX_GlobalBag();
+    if (!held) return;
+    bag = held.get();
+  }
   unsigned int old = memSize_.exchange(newSize, std::memory_order_acq_rel);
   if (old != newSize) {
     bag->AdjustInMemoryCacheSize(static_cast<long long>(newSize) - static_cast<long long>(old));
   }
-  unsigned int checkedOut = GetCheckoutCount() != 0 ? newSize : 0;
-  unsigned int oldOut = checkedOutSize_.exchange(checkedOut, std::memory_order_acq_rel);
-  if (oldOut != checkedOut) {
-    bag->AdjustCheckedOutMemoryCacheSize(static_cast<long long>(checkedOut) -
+  unsigned int oldOut = checkedOutSize_.exchange(newCheckedOut, std::memory_order_acq_rel);
+  if (oldOut != newCheckedOut) {
+    bag->AdjustCheckedOutMemoryCacheSize(static_cast<long long>(newCheckedOut) -
                                          static_cast<long long>(oldOut));
   }
 }

@@ -20,7 +20,7 @@
 #include <mutex>
 #include <string>
 
-#include <boost/intrusive/set.hpp>
+#include <boost/intrusive/list.hpp>
 
 #include "bag/library_lock.h"
 #include "host/export.h"
@@ -138,14 +138,13 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
   friend class JX_Stuff;
   friend class JX_SortDir;
 
-  struct MruLess {
-    bool operator()(const JX_Stuff& a, const JX_Stuff& b) const {
-      return a.GetLastUsedTime() < b.GetLastUsedTime();
-    }
-  };
-  using MruSet = boost::intrusive::multiset<
+  // The recency order, oldest first: a list kept sorted by last-used time, ties in insertion
+  // order. Items enter with a time stamp taken under the library lock, so an insertion lands at
+  // the end; InsertByTime still walks back for an item that carries an older time.
+  using MruSet = boost::intrusive::list<
       JX_Stuff, boost::intrusive::member_hook<JX_Stuff, JX_Stuff::MruHook, &JX_Stuff::mruHook_>,
-      boost::intrusive::compare<MruLess>, boost::intrusive::constant_time_size<true>>;
+      boost::intrusive::constant_time_size<true>>;
+  void InsertByTime(JX_Stuff& stuff);
 
   void AddStuffGuts(const StuffPtr& stuff, const JXp_ScLock& lock, bool addToMediaMap);
   void RemoveStuffGuts(const StuffPtr& stuff, const JXp_ScLock& lock, bool removeFromMediaMap);

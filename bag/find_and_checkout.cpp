@@ -1,6 +1,6 @@
 // JX_Bag::FindAndCheckout: find an item that answers a request and check it out, or create the
 // pending item the caller must fill while others wait for it.
-#include <vector>
+#include <boost/container/small_vector.hpp>
 
 #include "bag/bag.h"
 #include "bag/sort_dir.h"
@@ -42,7 +42,7 @@ JX_CheckoutResult JX_Bag::FindAndCheckout(const StuffPtr& request, int checkoutF
     const auto guid = request->GetGuid();
 
     // Candidates are copied first: a writeable check-out takes its item out of the directory.
-    std::vector<StuffPtr> candidates;
+    boost::container::small_vector<StuffPtr, 4> candidates;
     sortDir_->ForEachWithGuid(guid, [&](const StuffPtr& s) {
       candidates.push_back(s);
       return true;
@@ -53,10 +53,11 @@ JX_CheckoutResult JX_Bag::FindAndCheckout(const StuffPtr& request, int checkoutF
     for (int round = 0; round < rounds && !match; ++round) {
       const bool wantCompressed = round == 1;
       for (const StuffPtr& candidate : candidates) {
-        if (candidate->IsCompressed() != wantCompressed) continue;
-        auto candidateKey = candidate->GetFindKeyData();
+        bool compressed = false;
+        auto candidateKey = candidate->GetFindKeyDataAndCompression(&compressed);
+        if (compressed != wantCompressed) continue;
         if (!candidateKey || !candidateKey->CanSatisfyRequest(key)) continue;
-        if (candidate->Checkout(lockedFlags) == kJX_CheckedOut) {
+        if (candidate->CheckoutInBag(lockedFlags, this) == kJX_CheckedOut) {
           match = candidate;
           result = kJX_CheckedOut;
           break;

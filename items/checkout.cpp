@@ -37,21 +37,23 @@ unsigned int PayloadSize(const JX_Stuff::IntrusivePtr<JX_StuffData>& data) {
 
 }  // namespace
 
-JX_CheckoutResult JX_Stuff::Checkout(int flags) {
-  if (!(flags & cf::kReadOnly)) return CheckoutForWrite(flags);
+JX_CheckoutResult JX_Stuff::Checkout(int flags) { return CheckoutInBag(flags, nullptr); }
+
+JX_CheckoutResult JX_Stuff::CheckoutInBag(int flags, JX_Bag* bag) {
+  if (!(flags & cf::kReadOnly)) return CheckoutForWrite(flags, bag);
   ScopedUpgradeLockWrapper up(mutex_);
-  return CheckoutLocked(flags, up, nullptr);
+  return CheckoutLocked(flags, up, nullptr, bag);
 }
 
-JX_CheckoutResult JX_Stuff::CheckoutForWrite(int flags) {
+JX_CheckoutResult JX_Stuff::CheckoutForWrite(int flags, JX_Bag* knownBag) {
   // The directory removal needs the library lock, and it comes before the item lock.
   JXp_ScLock lock;
   ScopedUpgradeLockWrapper up(mutex_);
-  return CheckoutLocked(flags, up, &lock);
+  return CheckoutLocked(flags, up, &lock, knownBag);
 }
 
 JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, ScopedUpgradeLockWrapper& up,
-                                           JXp_ScLock* libraryLock) {
+                                           JXp_ScLock* libraryLock, JX_Bag* knownBag) {
   const bool forWrite = libraryLock != nullptr;
   const WaitDecision w = DecodeWait(flags);
   if (writeable_) return kJX_CheckoutRefused;
@@ -93,7 +95,7 @@ JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, ScopedUpgradeLockWrapper& 
     writeable_ = true;
   }
   JX_GetStuffCounters().itemsCheckedOut.fetch_add(1, std::memory_order_relaxed);
-  SyncMemorySizeWithBag(PayloadSize(data_));
+  SyncMemorySizeWithKnownBag(PayloadSize(data_), knownBag);
   return kJX_CheckedOut;
 }
 
@@ -107,51 +109,47 @@ void JX_Stuff::Checkin(int flags, double computeTime) {
   ZC_PROFILE_SCOPE("KQ.JX_Stuff::Checkin", 6);
   IntrusivePtr<JX_Stuff> self(this);
   bool wasWriteable;
-  {
-    ScopedReadLockWrapper r(mutex_);
-    wasWriteable = writeable_;
-  }
+  std::shared_ptr<JX_Bag> bag;
+  IntrusivePtr<JX_StuffData> data;
   {
     JXp_ScLock lock;
-    if (wasWriteable) {
-      // Back into the directory under the (possibly new) GUID. The directory takes the item's
-      // lock itself; holding the library lock is what keeps membership consistent.
-      std::shared_ptr<JX_SortDir> dir;
-      {
-        ScopedReadLockWrapper r(mutex_);
-        if (tempRemovedFromSortDir_) dir = sortDir_.lock();
-      }
-      if (dir) {
-        dir->AddStuff(self);
-        ZC_TRACE("JX_Stuff", 6, "check-in updated w/ guid:" << GetGuid().AsString());
-      }
-    }
-    std::shared_ptr<JX_Bag> bag;
+    std::shared_ptr<JX_SortDir> dir;
     {
+      // One hold of the item's lock for all of the item's own bookkeeping.
       ScopedWriteLockWrapper wl(mutex_);
+      wasWriteable = writeable_;
+      if (wasWriteable && tempRemovedFromSortDir_) {
+        dir = sortDir_.lock();
+        if (!dir) tempRemovedFromSortDir_ = false;
+      }
       writeable_ = false;
-      tempRemovedFromSortDir_ = false;
       uint32_t n = checkoutCount_.load(std::memory_order_acquire);
       while (n > 0 && !checkoutCount_.compare_exchange_weak(n, n - 1, std::memory_order_acq_rel)) {
       }
-      if (!(flags & ci::kKeepRecency)) bag = bag_.lock();
+      bag = bag_.lock();
+      data = data_;
     }
-    if (bag) bag->UpdateWithNewLastUsedTime(self, lock);
+    if (dir) {
+      // Back into the directory under the (possibly new) GUID; holding the library lock is what
+      // keeps membership consistent.
+      dir->AddStuff(self);
+      ZC_TRACE("JX_Stuff", 6, "check-in updated w/ guid:" << GetGuid().AsString());
+    }
+    if (bag && !(flags & ci::kKeepRecency)) bag->UpdateWithNewLastUsedTime(self, lock);
   }
   // With every lock released.
+  JX_GetStuffCounters().itemsCheckedOut.fetch_sub(1, std::memory_order_relaxed);
   if (flags & ci::kRemove) {
     RemoveFromBagAndSortDir();
   } else if (flags & ci::kPurge) {
     FreeUpAsMuchAsPossible(true, nullptr);
   } else {
     OfferToDiskAtCheckin(flags, wasWriteable, computeTime);
+    // The item is still where it was: the bag looked up above accounts for it.
+    SyncMemorySizeWithKnownBag(PayloadSize(data), bag.get());
+    return;
   }
   // Always re-synchronise: the checked-out share must drop even when a purge freed nothing.
-  NoteCheckedIn();
-}
-
-void JX_Stuff::NoteCheckedIn() {
-  JX_GetStuffCounters().itemsCheckedOut.fetch_sub(1, std::memory_order_relaxed);
   SyncMemorySizeWithBag(PayloadSize(GetDataPtr()));
 }
 

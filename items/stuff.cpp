@@ -1,6 +1,9 @@
 // JX_Stuff: construction, destruction and the state accessors.
 #include "items/stuff.h"
 
+#include <array>
+#include <cstring>
+
 #include "bag/bag.h"
 #include "bag/sort_dir.h"
 #include "host/high_precision_time.h"
@@ -59,7 +62,7 @@ JX_Stuff::IntrusivePtr<JX_Stuff> JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData> 
 JX_Stuff::IntrusivePtr<JX_Stuff> JX_Stuff::CreatePending(const Guid& guid,
                                                          IntrusivePtr<JX_StuffData> findKeyData) {
   IntrusivePtr<JX_Stuff> stuff(new JX_Stuff({}, 0.0, true));
-  stuff->guid_ = guid;
+  stuff->StoreGuid(guid);
   stuff->findKeyData_ = std::move(findKeyData);
   return stuff;
 }
@@ -117,6 +120,14 @@ bool JX_Stuff::IsInMemory() const {
   return data_ && data_->IsInMemory();
 }
 
+JX_Stuff::IntrusivePtr<JX_StuffData> JX_Stuff::GetFindKeyDataAndCompression(
+    bool* compressed) const {
+  ScopedReadLockWrapper r(mutex_);
+  const auto& key = findKeyData_ ? findKeyData_ : data_;
+  *compressed = key && key->IsCompressed();
+  return key;
+}
+
 bool JX_Stuff::IsCompressed() const {
   ScopedReadLockWrapper r(mutex_);
   const auto& key = data_ ? data_ : findKeyData_;
@@ -129,8 +140,18 @@ double JX_Stuff::GetComputeTime() const {
 }
 
 zelcore::utility::Guid JX_Stuff::GetGuid() const {
-  GuidSpinGuard g(guidSpin_);
-  return guid_;
+  std::array<uint8_t, 16> bytes;
+  for (;;) {
+    uint32_t seq = guidSeq_.load(std::memory_order_acquire);
+    if (seq & 1) continue;  // a writer is in the middle of it
+    uint64_t w0 = guidWords_[0].load(std::memory_order_relaxed);
+    uint64_t w1 = guidWords_[1].load(std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_acquire);
+    if (guidSeq_.load(std::memory_order_relaxed) != seq) continue;
+    std::memcpy(bytes.data(), &w0, 8);
+    std::memcpy(bytes.data() + 8, &w1, 8);
+    return Guid(bytes);
+  }
 }
 
 void JX_Stuff::SetGuid(const Guid& guid) {
@@ -143,8 +164,14 @@ void JX_Stuff::SetGuid(const Guid& guid) {
 }
 
 void JX_Stuff::StoreGuid(const Guid& guid) {
+  uint64_t w0, w1;
+  std::memcpy(&w0, guid.Bytes().data(), 8);
+  std::memcpy(&w1, guid.Bytes().data() + 8, 8);
   GuidSpinGuard g(guidSpin_);
-  guid_ = guid;
+  guidSeq_.fetch_add(1, std::memory_order_acq_rel);  // odd: write in progress
+  guidWords_[0].store(w0, std::memory_order_relaxed);
+  guidWords_[1].store(w1, std::memory_order_relaxed);
+  guidSeq_.fetch_add(1, std::memory_order_release);  // even: stable again
 }
 
 std::shared_ptr<JX_Bag> JX_Stuff::GetBag() const {

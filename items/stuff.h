@@ -14,7 +14,8 @@
 // holding an item lock, and never wait (gate, sleep, executor) while holding either.
 //   mutex_ guards: data_, findKeyData_, writeable_, tempRemovedFromSortDir_, bag_, sortDir_,
 //                  computeTime_, diskFile_, mediaMapGuid_, mediaMapID_, pendingThread_.
-//   guidSpin_ guards: guid_.
+//   guidSpin_ serialises writers of the GUID; readers never block: they re-read when the
+//   sequence word (guidSeq_) shows that a write overlapped their copy.
 //   The library lock guards: the recency-set hook (mruHook_) and directory membership.
 //   Atomics (no lock): checkoutCount_, pending_, lastUsedTime_, the accounted sizes,
 //                      purgeState_, writeInProgress_, diskCheckouts_, taggedToWrite_.
@@ -28,7 +29,7 @@
 #include <deque>
 #include <memory>
 
-#include <boost/intrusive/set_hook.hpp>
+#include <boost/intrusive/list_hook.hpp>
 
 #include "host/export.h"
 #include "host/file.h"
@@ -52,10 +53,9 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   using Guid = zelcore::utility::Guid;
   using ReleaseQueue = std::deque<std::shared_ptr<void>>;
   using MemDiskChangedSignal = zelcore::messaging::Signal<void(bool inMemory, bool onDisk)>;
-  // The hook that links the item into its bag's recency set.
-  using MruHook =
-      boost::intrusive::set_member_hook<boost::intrusive::link_mode<boost::intrusive::normal_link>,
-                                        boost::intrusive::optimize_size<true>>;
+  // The hook that links the item into its bag's recency order.
+  using MruHook = boost::intrusive::list_member_hook<
+      boost::intrusive::link_mode<boost::intrusive::normal_link>>;
 
   // ---- creation ------------------------------------------------------------------------------
   // A ready item holding `data` (which may be empty), with the compute time it took.
@@ -107,6 +107,8 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   IntrusivePtr<JX_StuffData> GetDataPtr() const;
   // The request this item answers: the find-key data while pending, else the payload itself.
   IntrusivePtr<JX_StuffData> GetFindKeyData() const;
+  // GetFindKeyData and IsCompressed under one hold of the item's lock.
+  IntrusivePtr<JX_StuffData> GetFindKeyDataAndCompression(bool* compressed) const;
   void SetFindKeyData(IntrusivePtr<JX_StuffData> data);
   bool IsInMemory() const;
   bool IsCompressed() const;
@@ -198,9 +200,14 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
 
   JX_Stuff(IntrusivePtr<JX_StuffData> data, double computeTime, bool pending);
 
-  JX_CheckoutResult CheckoutForWrite(int flags);
+  JX_CheckoutResult CheckoutForWrite(int flags, JX_Bag* knownBag);
   JX_CheckoutResult CheckoutLocked(int flags, zelcore::threads::ScopedUpgradeLockWrapper& up,
-                                   JXp_ScLock* libraryLock);
+                                   JXp_ScLock* libraryLock, JX_Bag* knownBag);
+  // Checkout from inside `bag`'s own find, which keeps `bag` alive and holds the library lock:
+  // the size sync can use it without looking the bag up.
+  JX_CheckoutResult CheckoutInBag(int flags, JX_Bag* bag);
+  // SyncMemorySizeWithBag with the accounting bag already known (null: look it up).
+  void SyncMemorySizeWithKnownBag(unsigned int newSize, JX_Bag* knownBag);
   // Hands a newly created pending item to its creator: checked out once, no wait.
   void CheckoutNewPending();
   void TempRemoveFromSortDir(const JXp_ScLock& lock);
@@ -210,12 +217,12 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   void OfferToDiskAtCheckin(int flags, bool wasWriteable, double computeTime);
   bool PurgeIfPossiblePrivate(const zelcore::threads::ScopedWriteLockWrapper& itemWriteLock,
                               ReleaseQueue* toRelease);
-  void NoteCheckedIn();
   void StoreGuid(const Guid& guid);
 
-  // Key.
-  Guid guid_;
-  mutable std::atomic<uint32_t> guidSpin_{0};
+  // Key: the GUID's sixteen bytes as two words, written under guidSpin_ and read lock-free.
+  std::atomic<uint64_t> guidWords_[2] = {};
+  std::atomic<uint32_t> guidSpin_{0};
+  std::atomic<uint32_t> guidSeq_{0};
 
   // Payload and request.
   IntrusivePtr<JX_StuffData> data_;
@@ -235,7 +242,7 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   bool tempRemovedFromSortDir_ = false;
   std::atomic<uint64_t> lastUsedTime_;
   MruHook mruHook_;
-  bool inMru_ = false;  // guarded by the library lock
+  JX_Bag* mruBag_ = nullptr;  // the bag whose recency order links the item (library lock)
 
   // Accounted sizes (what this item currently contributes to the bag's totals).
   std::atomic<uint32_t> memSize_{0};

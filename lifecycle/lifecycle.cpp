@@ -20,7 +20,13 @@ namespace {
 constexpr unsigned kDiskExecutorConcurrency = 2;
 constexpr uint32_t kIdleDiskTaskDelayMs = 1000;
 
-std::shared_ptr<JX_Bag> gGlobalBag;
+// The global bag pointer. At process exit it is emptied before the bag is destroyed, so that items
+// dying with the bag never find (and re-enter) a bag in the middle of its destruction.
+struct GlobalBagHolder {
+  std::shared_ptr<JX_Bag> bag;
+  ~GlobalBagHolder() { std::shared_ptr<JX_Bag>().swap(bag); }
+} gGlobal;
+std::shared_ptr<JX_Bag>& gGlobalBag = gGlobal.bag;
 std::shared_ptr<zelcore::threads::Executor> gDiskExecutor;
 std::shared_ptr<zelcore::threads::QueueOnlyOnce> gIdleDiskTask;
 std::atomic<uint32_t> gFramesRead[2];
