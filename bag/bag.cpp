@@ -13,6 +13,7 @@
 #include "mediamap/media_map_hooks.h"
 
 using zelcore::threads::ScopedReadLockWrapper;
+using zelcore::threads::ScopedUpgradeLockWrapper;
 using zelcore::threads::ScopedWriteLockWrapper;
 using zelcore::utility::HighPrecisionTime;
 
@@ -78,8 +79,7 @@ void JX_Bag::RemoveStuffGuts(const StuffPtr& stuff, const JXp_ScLock&, bool remo
     JX_MediaMapErase(stuff);
     TraceMediaMapChange("Removed stuff ", *stuff);
   }
-  auto data = stuff->GetDataPtr();
-  stuff->SyncMemorySizeWithBag(data ? data->GetApproximateMemorySize() : 0);
+  stuff->ResyncMemorySize(nullptr);
   stuff->ReleaseObject();  // the set's reference; the caller still holds one
 }
 
@@ -133,10 +133,16 @@ void JX_Stuff::SetBagAndInMru(const std::weak_ptr<JX_Bag>& bag) {
 }
 
 void JX_Stuff::SyncMemorySizeWithBag(unsigned int newSize) {
-  SyncMemorySizeWithKnownBag(newSize, nullptr);
+  ScopedUpgradeLockWrapper up(mutex_);
+  SyncMemorySizeLocked(newSize, nullptr);
 }
 
-void JX_Stuff::SyncMemorySizeWithKnownBag(unsigned int newSize, JX_Bag* knownBag) {
+void JX_Stuff::ResyncMemorySize(JX_Bag* knownBag) {
+  ScopedUpgradeLockWrapper up(mutex_);
+  SyncMemorySizeLocked(data_ ? data_->GetApproximateMemorySize() : 0, knownBag);
+}
+
+void JX_Stuff::SyncMemorySizeLocked(unsigned int newSize, JX_Bag* knownBag) {
   const unsigned int newCheckedOut = GetCheckoutCount() != 0 ? newSize : 0;
   // Nothing to move: skip the bag look-up (a weak-pointer lock every item of the bag shares).
   if (memSize_.load(std::memory_order_acquire) == newSize &&
@@ -146,7 +152,7 @@ void JX_Stuff::SyncMemorySizeWithKnownBag(unsigned int newSize, JX_Bag* knownBag
   std::shared_ptr<JX_Bag> held;
   JX_Bag* bag = knownBag;
   if (!bag) {
-    held = GetBag();
+    held = bag_.lock();
     if (!held) held = JX_GlobalBag();
     if (!held) return;
     bag = held.get();
@@ -163,7 +169,8 @@ void JX_Stuff::SyncMemorySizeWithKnownBag(unsigned int newSize, JX_Bag* knownBag
 }
 
 void JX_Stuff::SyncDiskSizeWithBag(unsigned int newSize) {
-  std::shared_ptr<JX_Bag> bag = GetBag();
+  ScopedUpgradeLockWrapper up(mutex_);
+  std::shared_ptr<JX_Bag> bag = bag_.lock();
   if (!bag) bag = JX_GlobalBag();
   if (!bag) return;
   unsigned int old = diskSize_.exchange(newSize, std::memory_order_acq_rel);

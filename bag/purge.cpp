@@ -168,7 +168,7 @@ bool JX_Stuff::PurgeIfPossiblePrivate(const ScopedWriteLockWrapper&, ReleaseQueu
   IntrusivePtr<JX_StuffData> data = data_;
   if (data) {
     freed = data->PurgeIfPossible(toRelease);
-    if (freed) SyncMemorySizeWithBag(data->GetApproximateMemorySize());
+    if (freed) ResyncMemorySize(nullptr);
   }
   purgeState_.store(kPurgeIdle, std::memory_order_release);
   if (freed && memDiskChanged_) memDiskChanged_->Fire(false, diskFile_ != nullptr);

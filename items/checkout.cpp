@@ -31,10 +31,6 @@ WaitDecision DecodeWait(int flags) {
           always || unlessHostLock};
 }
 
-unsigned int PayloadSize(const JX_Stuff::IntrusivePtr<JX_StuffData>& data) {
-  return data ? data->GetApproximateMemorySize() : 0;
-}
-
 }  // namespace
 
 JX_CheckoutResult JX_Stuff::Checkout(int flags) { return CheckoutInBag(flags, nullptr); }
@@ -95,14 +91,14 @@ JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, ScopedUpgradeLockWrapper& 
     writeable_ = true;
   }
   JX_GetStuffCounters().itemsCheckedOut.fetch_add(1, std::memory_order_relaxed);
-  SyncMemorySizeWithKnownBag(PayloadSize(data_), knownBag);
+  ResyncMemorySize(knownBag);
   return kJX_CheckedOut;
 }
 
 void JX_Stuff::CheckoutNewPending() {
   checkoutCount_.fetch_add(1, std::memory_order_acq_rel);
   JX_GetStuffCounters().itemsCheckedOut.fetch_add(1, std::memory_order_relaxed);
-  SyncMemorySizeWithBag(0);
+  ResyncMemorySize(nullptr);
 }
 
 void JX_Stuff::Checkin(int flags, double computeTime) {
@@ -110,7 +106,6 @@ void JX_Stuff::Checkin(int flags, double computeTime) {
   IntrusivePtr<JX_Stuff> self(this);
   bool wasWriteable;
   std::shared_ptr<JX_Bag> bag;
-  IntrusivePtr<JX_StuffData> data;
   {
     JXp_ScLock lock;
     std::shared_ptr<JX_SortDir> dir;
@@ -127,7 +122,6 @@ void JX_Stuff::Checkin(int flags, double computeTime) {
       while (n > 0 && !checkoutCount_.compare_exchange_weak(n, n - 1, std::memory_order_acq_rel)) {
       }
       bag = bag_.lock();
-      data = data_;
     }
     if (dir) {
       // Back into the directory under the (possibly new) GUID; holding the library lock is what
@@ -146,11 +140,11 @@ void JX_Stuff::Checkin(int flags, double computeTime) {
   } else {
     OfferToDiskAtCheckin(flags, wasWriteable, computeTime);
     // The item is still where it was: the bag looked up above accounts for it.
-    SyncMemorySizeWithKnownBag(PayloadSize(data), bag.get());
+    ResyncMemorySize(bag.get());
     return;
   }
   // Always re-synchronise: the checked-out share must drop even when a purge freed nothing.
-  SyncMemorySizeWithBag(PayloadSize(GetDataPtr()));
+  ResyncMemorySize(nullptr);
 }
 
 void JX_Stuff::ConvertToWriteable() {

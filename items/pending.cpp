@@ -74,7 +74,7 @@ void JX_Stuff::SetStuffDataFromPendingRender_Impl(IntrusivePtr<JX_StuffData> dat
   // Whatever happens below, nobody may be left waiting at the gate.
   zelcore::config::ExecuteTopLevelFunction openGate([this] { pendingGate_.Open(); });
   if (data) {
-    SyncMemorySizeWithBag(data->GetApproximateMemorySize());
+    ResyncMemorySize(nullptr);
     MaybeWriteToDisk();
     ScopedWriteLockWrapper wl(mutex_);
     findKeyData_.reset();

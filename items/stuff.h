@@ -133,7 +133,8 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // Leaves the directory and the bag, wherever the item is (a no-op when in neither).
   void RemoveFromBagAndSortDir();
   // Re-synchronises the bag's in-memory and checked-out totals with this item's new size. Items
-  // in no bag account to the global bag; with no global bag, nothing happens.
+  // in no bag account to the global bag; with no global bag, nothing happens. Takes the item's
+  // upgrade lock: the caller may hold the item's upgrade or write lock, not only a read lock.
   void SyncMemorySizeWithBag(unsigned int newSize);
   void SyncDiskSizeWithBag(unsigned int newSize);
   unsigned int GetAccountedMemorySize() const { return memSize_.load(std::memory_order_relaxed); }
@@ -206,8 +207,13 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // Checkout from inside `bag`'s own find, which keeps `bag` alive and holds the library lock:
   // the size sync can use it without looking the bag up.
   JX_CheckoutResult CheckoutInBag(int flags, JX_Bag* bag);
-  // SyncMemorySizeWithBag with the accounting bag already known (null: look it up).
-  void SyncMemorySizeWithKnownBag(unsigned int newSize, JX_Bag* knownBag);
+  // Re-synchronises the totals with the payload's current size, measured under the item's
+  // upgrade lock. `knownBag`: the bag accounting for the item when the caller already has it
+  // (null: look it up).
+  void ResyncMemorySize(JX_Bag* knownBag);
+  // The exchange of the accounted sizes; the caller holds the item's upgrade or write lock, so
+  // that no purge and no other sync interleaves between measuring and exchanging.
+  void SyncMemorySizeLocked(unsigned int newSize, JX_Bag* knownBag);
   // Hands a newly created pending item to its creator: checked out once, no wait.
   void CheckoutNewPending();
   void TempRemoveFromSortDir(const JXp_ScLock& lock);
