@@ -34,3 +34,23 @@ void BM_TbbLruHit(benchmark::State& state) {
 BENCHMARK(BM_TbbLruHit)->Arg(10000)->Arg(100000)->Threads(1)->Threads(2)->UseRealTime();
 
 }  // namespace
+
+namespace {
+
+// A miss: a key never seen, computed trivially, evicting the oldest once the cache is full.
+void BM_TbbLruMiss(benchmark::State& state) {
+  static Cache* cache;
+  static std::atomic<uint64_t> next{1ull << 40};
+  if (state.thread_index() == 0) {
+    delete cache;
+    cache = new Cache(&Compute, 10000);
+  }
+  for (auto _ : state) {
+    auto handle = cache->operator[](next.fetch_add(1));
+    benchmark::DoNotOptimize(handle.value());
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_TbbLruMiss)->Threads(1)->Threads(2)->UseRealTime();
+
+}  // namespace

@@ -1,0 +1,153 @@
+// Turns the benchmark outputs of one run into the comparison table: figure, jxcache, peer or
+// limit, ratio. Ratios are "jxcache relative to the peer": above 1 means jxcache is ahead, for
+// throughputs as for sizes (where the limit is a ceiling). Writes the same rows as JSON.
+//
+// Usage: bench_report <cache_bench.json> <bookkeeping.json> <out.json> [extra.json ...]
+// Extra files hold {"figures": [{"figure":..., "jxcache":..., "peer":..., "unit":...}]}.
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+using nlohmann::json;
+
+namespace {
+
+struct Row {
+  std::string figure;
+  std::optional<double> jx;
+  std::optional<double> peer;
+  std::string peerName;
+  std::string unit;
+  bool higherIsBetter = true;
+};
+
+std::map<std::string, json> LoadBenchmarks(const std::string& path) {
+  std::map<std::string, json> out;
+  std::ifstream in(path);
+  if (!in) return out;
+  json doc = json::parse(in, nullptr, false);
+  if (doc.is_discarded()) return out;
+  for (auto& b : doc["benchmarks"]) {
+    if (b.contains("error_occurred") && b["error_occurred"].get<bool>()) continue;
+    out[b["name"].get<std::string>()] = b;
+  }
+  return out;
+}
+
+std::optional<double> Rate(const std::map<std::string, json>& b, const std::string& name) {
+  auto it = b.find(name);
+  if (it == b.end() || !it->second.contains("items_per_second")) return std::nullopt;
+  return it->second["items_per_second"].get<double>();
+}
+
+std::optional<double> Counter(const std::map<std::string, json>& b, const std::string& name,
+                              const std::string& counter) {
+  auto it = b.find(name);
+  if (it == b.end() || !it->second.contains(counter)) return std::nullopt;
+  return it->second[counter].get<double>();
+}
+
+std::string Fmt(std::optional<double> v, const std::string& unit) {
+  if (!v) return "n/a";
+  char buf[64];
+  if (unit == "ops/s") {
+    std::snprintf(buf, sizeof buf, "%.2f M/s", *v / 1e6);
+  } else if (unit == "MB/s") {
+    std::snprintf(buf, sizeof buf, "%.0f MB/s", *v / 1e6);
+  } else {
+    std::snprintf(buf, sizeof buf, "%.1f %s", *v, unit.c_str());
+  }
+  return buf;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 4) {
+    std::fprintf(
+        stderr,
+        "usage: bench_report <cache_bench.json> <bookkeeping.json> <out.json> [extra.json...]\n");
+    return 2;
+  }
+  auto b = LoadBenchmarks(argv[1]);
+  std::vector<Row> rows;
+  for (const char* items : {"10000", "100000"}) {
+    for (const char* threads : {"1", "2"}) {
+      const std::string suffix = std::string("/") + items + "/real_time/threads:" + threads;
+      const std::string label = std::string(items) + " items, " + threads + " thread" +
+                                (std::string(threads) == "1" ? "" : "s");
+      auto jx = Rate(b, "BM_ScCheckoutHit" + suffix);
+      rows.push_back({"hit " + label + " vs tbb::concurrent_lru_cache", jx,
+                      Rate(b, "BM_TbbLruHit" + suffix), "tbb", "ops/s"});
+      rows.push_back({"hit " + label + " vs OIIO ImageCache::get_tile", jx,
+                      Rate(b, "BM_OiioGetTileHit" + suffix), "oiio", "ops/s"});
+      rows.push_back({"hit " + label + " vs mutex+map+list LRU", jx,
+                      Rate(b, "BM_SimpleLruHit" + suffix), "simple", "ops/s"});
+    }
+  }
+  for (const char* threads : {"1", "2"}) {
+    const std::string suffix = std::string("/real_time/threads:") + threads;
+    auto jx = Rate(b, "BM_MissCreateFillCheckin" + suffix);
+    rows.push_back({std::string("miss, ") + threads + " thread(s) vs tbb", jx,
+                    Rate(b, "BM_TbbLruMiss" + suffix), "tbb", "ops/s"});
+    rows.push_back({std::string("miss, ") + threads + " thread(s) vs mutex+map+list LRU", jx,
+                    Rate(b, "BM_SimpleLruMiss" + suffix), "simple", "ops/s"});
+    rows.push_back(
+        {std::string("compute-cache hit, ") + threads + " thread(s) vs JX_ScCheckout hit",
+         Rate(b, "BM_ComputeCacheHit" + suffix), Rate(b, "BM_ScCheckoutHit/10000" + suffix),
+         "scoped", "ops/s"});
+  }
+  rows.push_back({"purge walk, ns per item examined (100,000 items)",
+                  Counter(b, "BM_PurgeWalkHalf/iterations:3", "ns_per_examined"), std::nullopt, "",
+                  "ns", false});
+  rows.push_back({"purge walk, ns per item freed (100,000 items)",
+                  Counter(b, "BM_PurgeWalkHalf/iterations:3", "ns_per_freed"), std::nullopt, "",
+                  "ns", false});
+  {
+    std::ifstream in(argv[2]);
+    json k = in ? json::parse(in, nullptr, false) : json();
+    std::optional<double> bytes;
+    if (!k.is_discarded() && k.contains("bytes_with_allocator_per_item")) {
+      bytes = k["bytes_with_allocator_per_item"].get<double>();
+    }
+    rows.push_back({"bookkeeping bytes per item (limit 512)", bytes, 512.0, "limit", "B", false});
+  }
+  for (int i = 4; i < argc; ++i) {
+    std::ifstream in(argv[i]);
+    json extra = in ? json::parse(in, nullptr, false) : json();
+    if (extra.is_discarded() || !extra.contains("figures")) continue;
+    for (auto& f : extra["figures"]) {
+      Row r{f["figure"].get<std::string>(), std::nullopt,        std::nullopt,
+            f.value("peer_name", ""),       f.value("unit", ""), f.value("higher_is_better", true)};
+      if (f.contains("jxcache") && !f["jxcache"].is_null()) r.jx = f["jxcache"].get<double>();
+      if (f.contains("peer") && !f["peer"].is_null()) r.peer = f["peer"].get<double>();
+      rows.push_back(r);
+    }
+  }
+
+  json out = json::array();
+  std::printf("%-62s %14s %14s %8s\n", "figure", "jxcache", "peer/limit", "ratio");
+  for (const Row& r : rows) {
+    std::optional<double> ratio;
+    if (r.jx && r.peer && *r.jx > 0 && *r.peer > 0) {
+      ratio = r.higherIsBetter ? *r.jx / *r.peer : *r.peer / *r.jx;
+    }
+    char ratioText[32] = "-";
+    if (ratio) std::snprintf(ratioText, sizeof ratioText, "%.2fx", *ratio);
+    std::string peerText = r.peerName.empty() ? "-" : (r.peer ? Fmt(r.peer, r.unit) : "missing");
+    std::printf("%-62s %14s %14s %8s\n", r.figure.c_str(), Fmt(r.jx, r.unit).c_str(),
+                peerText.c_str(), ratioText);
+    json row = {{"figure", r.figure}, {"unit", r.unit}};
+    row["jxcache"] = r.jx ? json(*r.jx) : json(nullptr);
+    row["peer"] = r.peer ? json(*r.peer) : json(nullptr);
+    row["ratio"] = ratio ? json(*ratio) : json(nullptr);
+    out.push_back(row);
+  }
+  std::ofstream(argv[3]) << json{{"figures", out}}.dump(2) << "\n";
+  return 0;
+}

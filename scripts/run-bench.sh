@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Runs the benchmarks of a Release build and prints one comparison table; the same rows go to
+# bench/results.json. Usage: scripts/run-bench.sh BUILD_DIR [--json]
+set -euo pipefail
+build=${1:-build-bench}
+out=$(mktemp -d)
+trap 'rm -rf "$out"' EXIT
+bin="$build/bin"
+echo "running cache benchmarks (a few minutes)..." >&2
+"$bin/cache_bench" --benchmark_min_time=0.5 --benchmark_out="$out/cache.json" \
+  --benchmark_out_format=json >/dev/null
+"$bin/bookkeeping_bench" 100000 > "$out/bookkeeping.json"
+extras=()
+for extra in "$bin"/*_figures; do
+  [ -x "$extra" ] || continue
+  "$extra" > "$out/$(basename "$extra").json" && extras+=("$out/$(basename "$extra").json")
+done
+"$bin/bench_report" "$out/cache.json" "$out/bookkeeping.json" bench/results.json "${extras[@]}"
+if [[ "${2:-}" == "--json" ]]; then cat bench/results.json; fi
