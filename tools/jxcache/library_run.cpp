@@ -1,0 +1,34 @@
+#include "tools/jxcache/library_run.h"
+
+#include "host/debug_database.h"
+#include "host/standalone_host.h"
+#include "lifecycle/lifecycle.h"
+#include "lifecycle/settings.h"
+#include "tools/jxcache/tool_error.h"
+
+namespace jx::tool {
+
+LibraryRun::LibraryRun(bool mediaMapAllowed, unsigned int appVersion) {
+  auto& host = StandaloneHost::Instance();
+  host.SetEchoReports(false);
+  host.MakeCurrentThreadMain();
+  JX_Birth(mediaMapAllowed, appVersion, false);
+  bag_ = JX_GlobalBag();
+  if (!bag_) throw ToolError("the cache library did not start (no global bag)");
+}
+
+LibraryRun::~LibraryRun() {
+  bag_.reset();
+  JX_StopAllAsyncWork();
+  JX_Death();
+}
+
+void UsePureRecencyPurging() {
+  // The floor is the host's memory limit times this ratio: zero means the walk may empty the
+  // cache. The settings are read once per process, so this must come first.
+  zelcore::debug::DebugDatabase::Instance().SetEntry("KQ.MinJXSizeToPurgeLimitRatioR", "0");
+  // Skips the walk's first pass (items with a disk copy first): recency alone decides.
+  JX_PlaybackFromDiskLogicIsEnabled();
+}
+
+}  // namespace jx::tool

@@ -1,0 +1,27 @@
+// Plain-text tables for the terminal: a header row, a rule, and right-aligned numeric columns.
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace jx::tool {
+
+class TextTable {
+ public:
+  explicit TextTable(std::vector<std::string> header) : header_(std::move(header)) {}
+  void AddRow(std::vector<std::string> row) { rows_.push_back(std::move(row)); }
+  // The first column is left-aligned (it names the row); the others are right-aligned.
+  void Print(std::ostream& out) const;
+
+ private:
+  std::vector<std::string> header_;
+  std::vector<std::vector<std::string>> rows_;
+};
+
+// Fixed-point text: Fixed(0.12345, 3) == "0.123".
+std::string Fixed(double value, int decimals);
+// "12.3%".
+std::string Percent(double ratio);
+
+}  // namespace jx::tool
