@@ -1,7 +1,100 @@
 #include "tools/jxcache/simulate.h"
 
+#include <unistd.h>
 #include <CLI/CLI.hpp>
 
+#include <iostream>
+#include <memory>
+#include <optional>
+
+#include "tools/jxcache/html_report.h"
+#include "tools/jxcache/session.h"
+#include "tools/jxcache/session_disk.h"
+#include "tools/jxcache/size_arg.h"
+#include "tools/jxcache/summary.h"
+#include "tools/jxcache/tool_error.h"
+
 namespace jx::tool {
-void AddSimulateCommand(CLI::App& app, int*) { app.add_subcommand("simulate", "todo"); }
+namespace {
+
+struct SimulateArgs {
+  SimulateOptions options;
+  std::string memory = "256MiB";
+  std::string diskLimit = "2GiB";
+  std::string report;
+  bool json = false;
+};
+
+void Check(bool ok, const std::string& why) {
+  if (!ok) throw UsageError(why);
+}
+
+SimulateOptions Validate(SimulateArgs& a) {
+  SimulateOptions o = a.options;
+  o.memoryBudget = ParseSize(a.memory, "--memory");
+  o.diskLimit = ParseSize(a.diskLimit, "--disk-limit");
+  Check(o.frames >= 1 && o.frames <= 1000000, "--frames: give 1 to 1000000 frames");
+  Check(o.width >= 1 && o.height >= 1 && uint64_t{o.width} * o.height * 4 <= (1ull << 31),
+        "--width/--height: a frame must have pixels and stay under 2 GiB");
+  Check(o.threads >= 1 && o.threads <= 64, "--threads: give 1 to 64 render threads");
+  Check(o.passes >= 1 && o.passes <= 100, "--passes: give 1 to 100 passes");
+  Check(o.memoryBudget > 0, "--memory: the memory budget must be more than 0");
+  Check(o.noDisk || o.diskLimit > 0, "--disk-limit: the disk limit must be more than 0");
+  return o;
+}
+
+// A single line on stderr, redrawn in place: only for a person watching a terminal.
+void ShowProgress(const SessionResult& r, uint32_t pass, uint64_t done) {
+  const SimulateOptions& o = r.options;
+  const Sample& s = r.samples.back();
+  std::string line = "pass " + std::to_string(pass + 1) + "/" + std::to_string(o.passes) + "  " +
+                     std::to_string(done) + "/" + std::to_string(o.frames) + " frames  memory " +
+                     FormatSize(s.memory) + " / " + FormatSize(o.memoryBudget);
+  if (r.disk.available) line += "  disk " + FormatSize(s.disk);
+  line.resize(std::max<size_t>(line.size(), 78), ' ');
+  std::cerr << '\r' << line << std::flush;
+}
+
+int RunSimulate(SimulateArgs& args) {
+  const SimulateOptions options = Validate(args);
+  std::optional<ReportFile> report;
+  if (!args.report.empty()) report.emplace(args.report);
+  const bool tty = ::isatty(STDERR_FILENO) == 1;
+  const SessionResult result = RunSession(options, tty ? ProgressFn(ShowProgress) : ProgressFn());
+  if (tty) std::cerr << '\r' << std::string(78, ' ') << '\r' << std::flush;
+  if (report) report->Commit(RenderHtmlReport(result));
+  if (args.json) {
+    std::cout << SummaryJson(result).dump(2) << '\n';
+  } else {
+    PrintSummary(result, std::cout);
+    if (report) std::cout << "\nreport written to " << args.report << '\n';
+  }
+  return kExitOk;
+}
+
+}  // namespace
+
+void AddSimulateCommand(CLI::App& app, int* exitCode) {
+  auto args = std::make_shared<SimulateArgs>();
+  SimulateOptions& o = args->options;
+  CLI::App* cmd = app.add_subcommand(
+      "simulate", "Play a compositing session through the cache: renders, memory budget, disk");
+  cmd->add_option("--frames", o.frames, "Frames on the timeline")->capture_default_str();
+  cmd->add_option("--width", o.width, "Frame width in pixels")->capture_default_str();
+  cmd->add_option("--height", o.height, "Frame height in pixels")->capture_default_str();
+  cmd->add_option("--threads", o.threads, "Render threads")->capture_default_str();
+  cmd->add_option("--memory", args->memory, "Host memory budget for the cache")
+      ->capture_default_str();
+  cmd->add_option("--disk-cache", o.diskFolder,
+                  "Disk cache folder, reused across runs (default: " + DefaultDiskFolder() + ")");
+  cmd->add_option("--disk-limit", args->diskLimit, "Disk cache size limit")->capture_default_str();
+  cmd->add_flag("--no-disk", o.noDisk, "Run without the disk cache");
+  cmd->add_option("--passes", o.passes, "Playback passes: forward, forward, then scrubs")
+      ->capture_default_str();
+  cmd->add_option("--seed", o.seed, "Seed of the scrub passes")->capture_default_str();
+  cmd->add_flag("--json", args->json, "Print the summary as JSON");
+  cmd->add_option("--report", args->report, "Write an HTML report with charts to this file");
+  cmd->callback([args, exitCode] { *exitCode = RunSimulate(*args); });
+}
+
 }  // namespace jx::tool

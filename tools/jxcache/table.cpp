@@ -14,13 +14,16 @@ void TextTable::Print(std::ostream& out) const {
   measure(header_);
   for (const auto& row : rows_) measure(row);
   auto print = [&](const std::vector<std::string>& row) {
+    std::string line;
     for (size_t c = 0; c < width.size(); ++c) {
       const std::string cell = c < row.size() ? row[c] : "";
       const std::string pad(width[c] - cell.size(), ' ');
-      if (c > 0) out << "  ";
-      out << (c == 0 ? cell + pad : pad + cell);
+      if (c > 0) line += "  ";
+      const bool left = std::find(left_.begin(), left_.end(), c) != left_.end();
+      line += left ? cell + pad : pad + cell;
     }
-    out << '\n';
+    while (!line.empty() && line.back() == ' ') line.pop_back();
+    out << line << '\n';
   };
   print(header_);
   size_t total = 0;

@@ -11,10 +11,13 @@ class TextTable {
  public:
   explicit TextTable(std::vector<std::string> header) : header_(std::move(header)) {}
   void AddRow(std::vector<std::string> row) { rows_.push_back(std::move(row)); }
-  // The first column is left-aligned (it names the row); the others are right-aligned.
+  // Columns are right-aligned (numbers) except the first, which names the row, and those given
+  // here.
+  void AlignLeft(size_t column) { left_.push_back(column); }
   void Print(std::ostream& out) const;
 
  private:
+  std::vector<size_t> left_{0};
   std::vector<std::string> header_;
   std::vector<std::vector<std::string>> rows_;
 };

@@ -1,0 +1,67 @@
+// The frames of `jxcache simulate`: a rendered RGBA8 image of one frame of the timeline, and the
+// payload class that caches it.
+//
+// Rendering is real CPU work (a procedural image: a few milliseconds per 1280x720 frame), so the
+// cache's write-worthiness rule sees real compute times. The payload is disk-cacheable: its
+// header names width, height and frame index, which is all its factory needs to rebuild an empty
+// payload from a disk cache file name; Write and Read move the pixels.
+//
+// Threads: the cache calls PurgeIfPossible and Read under the item's write lock and the size and
+// residency queries under the item's lock or none; the pixel pointer has its own small mutex so
+// that those never race. Pixels are read only while the item is checked out, which keeps a purge
+// from taking them away.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "items/stuff_data.h"
+
+namespace jx::tool {
+
+class FramePayload : public JX_StuffData {
+ public:
+  static constexpr const char* kMatchname = "JxSimFrame";
+  using Pixels = std::vector<uint8_t>;
+
+  // An empty payload of the frame: a request, or a payload about to be read from disk.
+  FramePayload(uint32_t width, uint32_t height, uint32_t frame);
+  // Renders the frame's procedural image.
+  static IntrusivePtr<FramePayload> Render(uint32_t width, uint32_t height, uint32_t frame);
+  // The payload factory for the disk scan; registered after every JX_Birth (JX_Death forgets).
+  static void RegisterFactory();
+  // The colour the procedural image has at (x, y) of `frame`: checks a frame read back.
+  static void ExpectedPixel(uint32_t x, uint32_t y, uint32_t frame, uint8_t rgba[4]);
+
+  unsigned int GetApproximateMemorySize() const override;
+  bool PurgeIfPossible(ReleaseQueue* toRelease) override;
+  bool IsInMemory() const override;
+  bool CanDiskCache() const override { return true; }
+  const char* GetSubclassMatchname() const override { return kMatchname; }
+  void GetHeader(Header& header) const override;
+  double Write(zelcore::filesupport::OByteStream& out) const override;
+  double Read(zelcore::filesupport::IByteStream& in,
+              zelcore::threads::MultiTenantRecursiveMutex& itemMutex) override;
+  bool CanSatisfyRequest(IntrusivePtr<JX_StuffData> request) const override;
+
+  uint32_t Width() const { return width_; }
+  uint32_t Height() const { return height_; }
+  uint32_t Frame() const { return frame_; }
+  size_t ByteCount() const { return size_t{width_} * height_ * 4; }
+  // The pixels, or empty when purged; hold a check-out while using them.
+  std::shared_ptr<const Pixels> GetPixels() const;
+  // Whether sampled pixels match the procedural image (catches a corrupt disk read).
+  bool Verify() const;
+  // When the render that produced these pixels finished (a steady-clock time stamp; 0 if read).
+  uint64_t RenderedAt() const { return renderedAt_; }
+
+ private:
+  const uint32_t width_, height_, frame_;
+  uint64_t renderedAt_ = 0;
+  mutable std::mutex mutex_;  // guards pixels_
+  std::shared_ptr<Pixels> pixels_;
+};
+
+}  // namespace jx::tool

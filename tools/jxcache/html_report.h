@@ -1,0 +1,34 @@
+// The HTML report of `jxcache simulate`: one self-contained page (no scripts, no network) with
+// SVG charts the tool draws itself: memory in use against the budget over time, the disk cache's
+// size over time, and one strip per pass with a cell per request coloured by how it was served.
+// The page is well-formed XML (XHTML) so that any XML parser accepts it.
+#pragma once
+
+#include <string>
+
+#include "tools/jxcache/session.h"
+
+namespace jx::tool {
+
+// The report's text.
+std::string RenderHtmlReport(const SessionResult& r);
+
+// A report file written whole or not at all: the temporary beside the target is created at once
+// (so an unwritable path fails before the session runs) and renamed over the target on Commit.
+// Destroyed uncommitted, it removes the temporary.
+class ReportFile {
+ public:
+  // Throws ToolError when the temporary cannot be created.
+  explicit ReportFile(std::string path);
+  ~ReportFile();
+  ReportFile(const ReportFile&) = delete;
+  ReportFile& operator=(const ReportFile&) = delete;
+  // Writes `text`, then renames; throws ToolError (and removes the temporary) on failure.
+  void Commit(const std::string& text);
+
+ private:
+  std::string path_, temp_;
+  bool committed_ = false;
+};
+
+}  // namespace jx::tool

@@ -1,0 +1,303 @@
+#include "tools/jxcache/session.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <mutex>
+#include <random>
+#include <thread>
+
+#include "host/high_precision_time.h"
+#include "host/standalone_host.h"
+#include "items/sc_checkout.h"
+#include "lifecycle/lifecycle.h"
+#include "tools/jxcache/frame_payload.h"
+#include "tools/jxcache/library_run.h"
+#include "tools/jxcache/session_disk.h"
+#include "tools/jxcache/tool_error.h"
+
+namespace cf = jx::checkout_flags;
+using zelcore::utility::Guid;
+using zelcore::utility::HighPrecisionTime;
+using zelcore::utility::IntrusivePtr;
+
+namespace jx::tool {
+namespace {
+
+// Same frame, same size: same GUID in every run, so a second run finds the first run's files.
+Guid FrameGuid(uint32_t width, uint32_t height, uint32_t frame) {
+  std::array<uint8_t, 16> bytes{};
+  const uint32_t v[3] = {width, height, frame};
+  std::memcpy(bytes.data(), "JXSF", 4);
+  std::memcpy(bytes.data() + 4, v, 12);
+  return Guid(bytes);
+}
+
+// The stand-in host's side of the session: the memory budget and its bookkeeping.
+class BudgetKeeper {
+ public:
+  BudgetKeeper(JX_Bag& bag, uint64_t budget) : bag_(bag), budget_(budget) {}
+
+  // Makes room for `incoming` bytes about to be allocated (a render, a disk read): when the
+  // cache plus every allocation under way would pass the budget, asks the bag to free the excess.
+  // One purge at a time: the amount to purge is host-wide.
+  void Reserve(uint64_t incoming) {
+    std::lock_guard<std::mutex> l(mutex_);
+    reserved_ += incoming;
+    PurgeExcessLocked();
+  }
+  // The reserved bytes are now in the cache (or were never used); checks the budget again.
+  void Release(uint64_t incoming) {
+    NotePeak();
+    std::lock_guard<std::mutex> l(mutex_);
+    reserved_ -= incoming;
+    PurgeExcessLocked();
+  }
+  void NotePeak() {
+    const uint64_t held = Held();
+    uint64_t peak = peak_.load(std::memory_order_relaxed);
+    while (held > peak && !peak_.compare_exchange_weak(peak, held)) {
+    }
+  }
+  uint64_t Held() const {
+    return static_cast<uint64_t>(std::max(0LL, bag_.GetInMemoryCacheSizeInBytes_LockFree()));
+  }
+  uint64_t Peak() const { return peak_.load(); }
+  uint64_t Purges() const { return purges_; }
+
+ private:
+  void PurgeExcessLocked() {
+    const uint64_t want = Held() + reserved_;
+    if (want <= budget_) return;
+    jx::PurgeOverBudget(bag_, want - budget_);
+    ++purges_;
+  }
+
+  JX_Bag& bag_;
+  const uint64_t budget_;
+  std::mutex mutex_;
+  uint64_t reserved_ = 0;  // guarded by mutex_
+  uint64_t purges_ = 0;    // guarded by mutex_
+  std::atomic<uint64_t> peak_{0};
+};
+
+// Holds a reservation of the budget for the life of the scope.
+class ScReservation {
+ public:
+  ScReservation(BudgetKeeper& budget, uint64_t bytes) : budget_(budget), bytes_(bytes) {
+    budget_.Reserve(bytes_);
+  }
+  ~ScReservation() { budget_.Release(bytes_); }
+  ScReservation(const ScReservation&) = delete;
+  ScReservation& operator=(const ScReservation&) = delete;
+
+ private:
+  BudgetKeeper& budget_;
+  const uint64_t bytes_;
+};
+
+// One render thread's work on a pass: serve requests until the list is used up.
+class PassRunner {
+ public:
+  PassRunner(const SimulateOptions& o, BudgetKeeper& budget, PassResult& pass)
+      : o_(o), budget_(budget), pass_(pass), frameBytes_(uint64_t{o.width} * o.height * 4) {}
+
+  void Work() {
+    for (size_t i = next_.fetch_add(1); i < pass_.frames.size(); i = next_.fetch_add(1)) {
+      pass_.outcomes[i] = Serve(pass_.frames[i]);
+      done_.fetch_add(1, std::memory_order_relaxed);
+    }
+  }
+  uint64_t Done() const { return done_.load(std::memory_order_relaxed); }
+  std::atomic<uint64_t> waited{0}, badFrames{0}, renderMicros{0};
+
+ private:
+  Outcome Serve(uint32_t frame) {
+    IntrusivePtr<JX_Stuff> request = JX_Stuff::CreateNew(
+        IntrusivePtr<JX_StuffData>(new FramePayload(o_.width, o_.height, frame)), 0.0);
+    request->SetGuid(FrameGuid(o_.width, o_.height, frame));
+    const uint64_t askedAt = HighPrecisionTime::GetCurrentTimeStamp();
+    // Disk reads are done here, outside the find, so that a disk hit can be told from the rest.
+    const int flags = cf::kReadOnly | cf::kCreatePending | cf::kWaitAlways | cf::kNoDiskRead;
+    for (int attempt = 0;; ++attempt) {
+      JX_ScCheckout handle;
+      const JX_CheckoutResult r = handle.FindAndCheckout(request, flags);
+      if (r == kJX_CreatedPending) return RenderInto(handle, frame);
+      if (r == kJX_CheckedOut && ReadyToUse(handle)) {
+        Outcome outcome = Outcome::kMemoryHit;
+        if (!handle.IsInMemory()) {
+          ScReservation room(budget_, frameBytes_);
+          if (!handle.EnsureInMemory()) continue;  // the file was bad and is gone: ask again
+          outcome = Outcome::kDiskHit;
+        }
+        Use(handle, askedAt, outcome);
+        handle.Checkin(0, 0.0);
+        budget_.Release(0);
+        return outcome;
+      }
+      // Refused, or a render we waited for was abandoned: ask again, a little later each time;
+      // a frame that never comes is a failure of the session.
+      if (attempt > 100) throw ToolError("frame " + std::to_string(frame) + " never became ready");
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
+
+  // A found item may still be pending when the find could not wait for it (the handle's own lock
+  // is held across the find): wait here, where this thread holds no lock. False when the render
+  // was abandoned.
+  static bool ReadyToUse(JX_ScCheckout& handle) {
+    IntrusivePtr<JX_Stuff> item = handle.GetStuffPtr();
+    if (!item) return false;
+    if (item->IsPendingRender()) item->WaitForPendingCompletion();
+    return item->GetDataPtr() != nullptr;
+  }
+
+  Outcome RenderInto(JX_ScCheckout& handle, uint32_t frame) {
+    IntrusivePtr<JX_Stuff> item = handle.GetStuffPtr();
+    JX_ScStuffSetter abandonOnThrow(item);
+    {
+      ScReservation room(budget_, frameBytes_);
+      zelcore::utility::Timer timer;
+      IntrusivePtr<FramePayload> payload = FramePayload::Render(o_.width, o_.height, frame);
+      const double seconds = timer.GetElapsedSeconds();
+      renderMicros.fetch_add(static_cast<uint64_t>(seconds * 1e6), std::memory_order_relaxed);
+      item->SetStuffDataFromPendingRender(payload, seconds);
+      handle.Checkin(0, seconds);
+    }
+    return Outcome::kRendered;
+  }
+
+  // What the viewer does with a frame it was given: checks it is the frame it asked for.
+  void Use(JX_ScCheckout& handle, uint64_t askedAt, Outcome outcome) {
+    IntrusivePtr<JX_Stuff> item = handle.GetStuffPtr();
+    auto* frame = dynamic_cast<FramePayload*>(item ? item->GetDataPtr().get() : nullptr);
+    if (!frame || !frame->Verify()) {
+      badFrames.fetch_add(1, std::memory_order_relaxed);
+      return;
+    }
+    // Finished after we asked, by someone else: we waited for that render.
+    if (outcome == Outcome::kMemoryHit && frame->RenderedAt() > askedAt)
+      waited.fetch_add(1, std::memory_order_relaxed);
+  }
+
+  const SimulateOptions& o_;
+  BudgetKeeper& budget_;
+  PassResult& pass_;
+  const uint64_t frameBytes_;
+  std::atomic<size_t> next_{0};
+  std::atomic<uint64_t> done_{0};
+};
+
+void Tally(PassResult& pass) {
+  for (Outcome o : pass.outcomes) {
+    pass.memoryHits += o == Outcome::kMemoryHit;
+    pass.diskHits += o == Outcome::kDiskHit;
+    pass.renders += o == Outcome::kRendered;
+  }
+}
+
+// The host's budget as the library sees it: the limit, and what is left of it.
+void ConfigureHost(const SimulateOptions& o) {
+  auto& host = StandaloneHost::Instance();
+  host.SetMemoryLimit(o.memoryBudget);
+  const uint64_t budget = o.memoryBudget;
+  host.SetAmountAvailableBeforePurgeFunction([budget] {
+    const auto bag = JX_GlobalBag();
+    const long long held = bag ? std::max(0LL, bag->GetInMemoryCacheSizeInBytes_LockFree()) : 0;
+    return budget > static_cast<uint64_t>(held) ? budget - static_cast<uint64_t>(held) : 0;
+  });
+}
+
+}  // namespace
+
+std::vector<uint32_t> PassFrames(uint32_t index, uint32_t frames, uint64_t seed,
+                                 std::string* kind) {
+  std::vector<uint32_t> list(frames);
+  if (index < 2) {
+    *kind = "forward";
+    for (uint32_t f = 0; f < frames; ++f) list[f] = f;
+    return list;
+  }
+  *kind = "scrub";
+  std::mt19937_64 rng(seed * 1000003 + index);
+  const int reach = static_cast<int>(std::max<uint32_t>(2, frames / 12));
+  std::uniform_int_distribution<int> jump(-reach, reach);
+  for (uint32_t i = 0; i < frames; ++i) {
+    // The playhead advances a frame per request; the viewer jumps around it.
+    const int frame = static_cast<int>(i) + jump(rng);
+    list[i] = static_cast<uint32_t>(std::clamp(frame, 0, static_cast<int>(frames) - 1));
+  }
+  return list;
+}
+
+SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress) {
+  SessionResult result;
+  result.options = o;
+  result.frameBytes = uint64_t{o.width} * o.height * 4;
+  SessionDisk disk(o);  // checks the folder before the library starts
+  LibraryRun run(MediaMapWanted(), 1);
+  JX_Bag& bag = run.bag();
+  FramePayload::RegisterFactory();
+  ConfigureHost(o);
+  disk.Attach(run.bagPtr(), &result);
+  result.compute = ComputeAvailability();
+  result.mediaMap = MediaMapAvailability();
+  auto& host = StandaloneHost::Instance();
+  const uint64_t purgedBefore = host.GetRecycledMemoryPurged();
+  BudgetKeeper budget(bag, o.memoryBudget);
+  zelcore::utility::Timer clock;
+  auto sample = [&](uint32_t pass) {
+    budget.NotePeak();
+    result.samples.push_back({clock.GetElapsedSeconds(), budget.Held(),
+                              static_cast<uint64_t>(std::max(0LL, bag.GetCurrentDiskCacheSize())),
+                              pass});
+  };
+  sample(0);
+  for (uint32_t p = 0; p < o.passes; ++p) {
+    PassResult pass;
+    pass.frames = PassFrames(p, o.frames, o.seed, &pass.kind);
+    pass.outcomes.assign(pass.frames.size(), Outcome::kMemoryHit);
+    PassRunner runner(o, budget, pass);
+    std::exception_ptr failure;
+    std::mutex failureMutex;
+    std::vector<std::thread> threads;
+    zelcore::utility::Timer passClock;
+    for (uint32_t t = 0; t < o.threads; ++t) {
+      threads.emplace_back([&] {
+        try {
+          runner.Work();
+        } catch (...) {
+          std::lock_guard<std::mutex> l(failureMutex);
+          if (!failure) failure = std::current_exception();
+        }
+      });
+    }
+    // The main thread is the host's: it watches memory and disk while the renders run.
+    while (runner.Done() < pass.frames.size() && !failure) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      sample(p);
+      if (progress && result.samples.size() % 5 == 0) progress(result, p, runner.Done());
+    }
+    for (auto& t : threads) t.join();
+    if (failure) std::rethrow_exception(failure);
+    pass.seconds = passClock.GetElapsedSeconds();
+    pass.waitedForOtherRender = runner.waited.load();
+    pass.badFrames = runner.badFrames.load();
+    result.renderMicrosTotal += runner.renderMicros.load();
+    Tally(pass);
+    sample(p);
+    result.passes.push_back(std::move(pass));
+  }
+  disk.Finish(&result);
+  sample(o.passes ? o.passes - 1 : 0);
+  result.seconds = clock.GetElapsedSeconds();
+  result.peakMemory = budget.Peak();
+  result.purges = budget.Purges();
+  result.bytesPurged = host.GetRecycledMemoryPurged() - purgedBefore;
+  return result;
+}
+
+}  // namespace jx::tool

@@ -1,0 +1,97 @@
+// The compositing session behind `jxcache simulate`: a timeline of frames played in passes by a
+// few render threads through the library's real API, with the stand-in host keeping the cache
+// inside a memory budget.
+//
+// A pass is a list of frame requests (forward playback, or a scrub: random jumps around a playhead
+// that moves through the timeline). The render threads take the next request from the list, ask
+// the cache for the frame with find-or-create (read-only, create a pending item, wait for one),
+// render it when they created it and otherwise use what the cache gave them: from memory, or
+// read back from the disk cache. A thread that asks for a frame another thread is rendering waits
+// for that render instead of repeating it. After each render and check-in the host checks its
+// budget and, when the cache has passed it, asks the bag to free the excess.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace jx::tool {
+
+struct SimulateOptions {
+  uint32_t frames = 240;
+  uint32_t width = 1280;
+  uint32_t height = 720;
+  uint32_t threads = 2;
+  uint64_t memoryBudget = 256ull << 20;
+  std::string diskFolder;  // empty: the default folder under the temporary directory
+  uint64_t diskLimit = 2ull << 30;
+  bool noDisk = false;
+  uint32_t passes = 3;
+  uint64_t seed = 1;
+};
+
+// How a request was served. A request that waited for another thread's render counts as a
+// memory hit: it rendered nothing and read nothing.
+enum class Outcome : uint8_t { kMemoryHit = 0, kDiskHit = 1, kRendered = 2 };
+
+struct PassResult {
+  std::string kind;               // "forward" or "scrub"
+  std::vector<uint32_t> frames;   // the requests, in order
+  std::vector<Outcome> outcomes;  // per request
+  uint64_t memoryHits = 0, diskHits = 0, renders = 0;
+  uint64_t waitedForOtherRender = 0;  // memory hits that waited for another thread's render
+  uint64_t badFrames = 0;             // frames whose pixels did not match the image
+  double seconds = 0.0;
+  uint64_t Requests() const { return frames.size(); }
+};
+
+struct Sample {
+  double seconds;   // since the session started
+  uint64_t memory;  // bytes the cache holds in memory
+  uint64_t disk;    // bytes of the disk cache
+  uint32_t pass;    // index of the pass running
+};
+
+// A subsystem the session uses; when it is not part of this build, its figures are absent.
+struct Availability {
+  bool available = false;
+  std::string why;  // when not available
+};
+
+struct SessionResult {
+  SimulateOptions options;
+  uint64_t frameBytes = 0;
+  std::vector<PassResult> passes;
+  std::vector<Sample> samples;
+  double seconds = 0.0;
+  // Memory.
+  uint64_t peakMemory = 0;
+  uint64_t purges = 0;       // times the host asked the bag to free memory
+  uint64_t bytesPurged = 0;  // what the bag reported freeing
+  uint64_t renderMicrosTotal = 0;
+  // Disk cache.
+  Availability disk;
+  std::string diskFolder;
+  uint64_t diskFilesAtStart = 0, diskBytesAtStart = 0;
+  uint64_t filesWritten = 0, bytesWritten = 0, filesRead = 0, bytesRead = 0;
+  uint64_t failedWrites = 0, failedReads = 0, writesSkipped = 0;
+  uint64_t refusedForReason[6] = {};
+  uint64_t diskBytesAtEnd = 0;
+  // Plug-in compute cache and media map.
+  Availability compute;
+  uint64_t computes = 0, computeHits = 0;
+  Availability mediaMap;
+};
+
+// Called from the main thread about every 100 ms while a pass runs: pass index, requests done.
+using ProgressFn = std::function<void(const SessionResult&, uint32_t pass, uint64_t done)>;
+
+// Runs the whole session; the library is born and dies inside. Throws ToolError when the disk
+// cache folder is unusable or a render thread fails.
+SessionResult RunSession(const SimulateOptions& options, const ProgressFn& progress);
+
+// The request list of pass `index` (0-based): forward for the first two, scrubs after.
+std::vector<uint32_t> PassFrames(uint32_t index, uint32_t frames, uint64_t seed, std::string* kind);
+
+}  // namespace jx::tool

@@ -1,0 +1,201 @@
+#include "tools/jxcache/summary.h"
+
+#include "tools/jxcache/size_arg.h"
+#include "tools/jxcache/table.h"
+
+namespace jx::tool {
+namespace {
+
+// Why the library declined to write a payload, by its no-disk reason.
+const char* RefusalName(int reason) {
+  switch (reason) {
+    case 3:
+      return "write queue full";
+    case 5:
+      return "reconsider later";
+    default:
+      return "host reason";
+  }
+}
+
+struct Totals {
+  uint64_t requests = 0, memoryHits = 0, diskHits = 0, renders = 0, waited = 0, badFrames = 0;
+  double seconds = 0.0;
+};
+
+Totals Sum(const SessionResult& r) {
+  Totals t;
+  for (const PassResult& p : r.passes) {
+    t.requests += p.Requests();
+    t.memoryHits += p.memoryHits;
+    t.diskHits += p.diskHits;
+    t.renders += p.renders;
+    t.waited += p.waitedForOtherRender;
+    t.badFrames += p.badFrames;
+    t.seconds += p.seconds;
+  }
+  return t;
+}
+
+double PerSecond(uint64_t n, double seconds) { return seconds > 0 ? n / seconds : 0.0; }
+
+std::string Unavailable(const Availability& a) { return "unavailable: " + a.why; }
+
+std::string DiskLine(const SessionResult& r) {
+  return std::to_string(r.filesWritten) + " writes (" + FormatSize(r.bytesWritten) + "), " +
+         std::to_string(r.filesRead) + " reads (" + FormatSize(r.bytesRead) + "), " +
+         std::to_string(r.failedWrites) + " failed writes, " + std::to_string(r.failedReads) +
+         " failed reads";
+}
+
+std::string RefusedLine(const SessionResult& r) {
+  std::string text;
+  for (int i = 1; i < 6; ++i) {
+    if (!r.refusedForReason[i]) continue;
+    if (!text.empty()) text += ", ";
+    text += std::to_string(r.refusedForReason[i]) + " " + RefusalName(i);
+  }
+  if (r.writesSkipped) {
+    text += (text.empty() ? "" : ", ") + std::to_string(r.writesSkipped) + " already on disk";
+  }
+  return text.empty() ? "none" : text;
+}
+
+}  // namespace
+
+double HitRate(uint64_t memoryHits, uint64_t diskHits, uint64_t requests) {
+  return requests ? static_cast<double>(memoryHits + diskHits) / requests : 0.0;
+}
+
+void PrintSummary(const SessionResult& r, std::ostream& out) {
+  const SimulateOptions& o = r.options;
+  out << "jxcache simulate: " << o.frames << " frames of " << o.width << "x" << o.height
+      << " RGBA8 (" << FormatSize(r.frameBytes) << " each), " << o.threads
+      << " render threads, memory budget " << FormatSize(o.memoryBudget) << ", seed " << o.seed
+      << "\n";
+  if (r.disk.available) {
+    out << "disk cache: " << r.diskFolder << " (limit " << FormatSize(o.diskLimit) << "), "
+        << r.diskFilesAtStart << " files (" << FormatSize(r.diskBytesAtStart) << ") at start\n";
+  }
+  out << '\n';
+  TextTable passes(
+      {"pass", "kind", "requests", "memory hits", "disk hits", "renders", "hit rate", "frames/s"});
+  passes.AlignLeft(1);
+  for (size_t i = 0; i < r.passes.size(); ++i) {
+    const PassResult& p = r.passes[i];
+    passes.AddRow({std::to_string(i + 1), p.kind, std::to_string(p.Requests()),
+                   std::to_string(p.memoryHits), std::to_string(p.diskHits),
+                   std::to_string(p.renders),
+                   Percent(HitRate(p.memoryHits, p.diskHits, p.Requests())),
+                   Fixed(PerSecond(p.Requests(), p.seconds), 1)});
+  }
+  const Totals t = Sum(r);
+  passes.AddRow({"all", "", std::to_string(t.requests), std::to_string(t.memoryHits),
+                 std::to_string(t.diskHits), std::to_string(t.renders),
+                 Percent(HitRate(t.memoryHits, t.diskHits, t.requests)),
+                 Fixed(PerSecond(t.requests, t.seconds), 1)});
+  passes.Print(out);
+  out << '\n';
+
+  TextTable overall({"overall", ""});
+  overall.AlignLeft(1);
+  overall.AddRow(
+      {"peak memory", FormatSize(r.peakMemory) + " of " + FormatSize(o.memoryBudget) + " budget"});
+  overall.AddRow(
+      {"purges", std::to_string(r.purges) + " (" + FormatSize(r.bytesPurged) + " freed)"});
+  overall.AddRow(
+      {"renders", std::to_string(t.renders) + ", " +
+                      Fixed(t.renders ? r.renderMicrosTotal / 1000.0 / t.renders : 0, 2) +
+                      " ms each; " + std::to_string(t.waited) +
+                      " requests waited for another thread's render"});
+  overall.AddRow({"served frames", std::to_string(t.requests - t.renders - t.badFrames) +
+                                       " checked good, " + std::to_string(t.badFrames) + " bad"});
+  if (r.disk.available) {
+    overall.AddRow({"disk traffic", DiskLine(r)});
+    overall.AddRow({"writes refused", RefusedLine(r)});
+    overall.AddRow({"disk folder",
+                    FormatSize(r.diskBytesAtEnd) + " of " + FormatSize(o.diskLimit) + " limit"});
+  } else {
+    overall.AddRow({"disk cache", Unavailable(r.disk)});
+  }
+  overall.AddRow({"compute cache", r.compute.available
+                                       ? std::to_string(r.computes) + " computes, " +
+                                             std::to_string(r.computeHits) + " hits"
+                                       : Unavailable(r.compute)});
+  overall.AddRow({"media map", r.mediaMap.available ? "on" : Unavailable(r.mediaMap)});
+  overall.AddRow({"wall time", Fixed(r.seconds, 2) + " s"});
+  overall.Print(out);
+}
+
+nlohmann::ordered_json SummaryJson(const SessionResult& r) {
+  const SimulateOptions& o = r.options;
+  nlohmann::ordered_json j;
+  j["options"] = {{"frames", o.frames},
+                  {"width", o.width},
+                  {"height", o.height},
+                  {"threads", o.threads},
+                  {"memory_budget", o.memoryBudget},
+                  {"disk_limit", o.diskLimit},
+                  {"no_disk", o.noDisk},
+                  {"passes", o.passes},
+                  {"seed", o.seed}};
+  j["frame_bytes"] = r.frameBytes;
+  j["passes"] = nlohmann::json::array();
+  for (const PassResult& p : r.passes) {
+    j["passes"].push_back({{"kind", p.kind},
+                           {"requests", p.Requests()},
+                           {"memory_hits", p.memoryHits},
+                           {"disk_hits", p.diskHits},
+                           {"renders", p.renders},
+                           {"waited_for_other_render", p.waitedForOtherRender},
+                           {"bad_frames", p.badFrames},
+                           {"hit_rate", HitRate(p.memoryHits, p.diskHits, p.Requests())},
+                           {"seconds", p.seconds},
+                           {"frames_per_second", PerSecond(p.Requests(), p.seconds)}});
+  }
+  const Totals t = Sum(r);
+  j["overall"] = {{"requests", t.requests},
+                  {"memory_hits", t.memoryHits},
+                  {"disk_hits", t.diskHits},
+                  {"renders", t.renders},
+                  {"hit_rate", HitRate(t.memoryHits, t.diskHits, t.requests)},
+                  {"peak_memory", r.peakMemory},
+                  {"memory_budget", o.memoryBudget},
+                  {"purges", r.purges},
+                  {"bytes_purged", r.bytesPurged},
+                  {"seconds", r.seconds}};
+  nlohmann::ordered_json disk = {{"available", r.disk.available}};
+  if (r.disk.available) {
+    disk["folder"] = r.diskFolder;
+    disk["limit"] = o.diskLimit;
+    disk["files_at_start"] = r.diskFilesAtStart;
+    disk["bytes_at_start"] = r.diskBytesAtStart;
+    disk["files_written"] = r.filesWritten;
+    disk["bytes_written"] = r.bytesWritten;
+    disk["files_read"] = r.filesRead;
+    disk["bytes_read"] = r.bytesRead;
+    disk["failed_writes"] = r.failedWrites;
+    disk["failed_reads"] = r.failedReads;
+    disk["writes_skipped"] = r.writesSkipped;
+    nlohmann::ordered_json refused = nlohmann::ordered_json::object();
+    for (int i = 1; i < 6; ++i) refused[std::to_string(i)] = r.refusedForReason[i];
+    disk["writes_refused_by_reason"] = refused;
+    disk["folder_bytes"] = r.diskBytesAtEnd;
+  } else {
+    disk["reason"] = r.disk.why;
+  }
+  j["disk"] = disk;
+  nlohmann::ordered_json compute = {{"available", r.compute.available}};
+  if (r.compute.available) {
+    compute["computes"] = r.computes;
+    compute["hits"] = r.computeHits;
+  } else {
+    compute["reason"] = r.compute.why;
+  }
+  j["compute_cache"] = compute;
+  j["media_map"] = {{"available", r.mediaMap.available}};
+  if (!r.mediaMap.available) j["media_map"]["reason"] = r.mediaMap.why;
+  return j;
+}
+
+}  // namespace jx::tool
