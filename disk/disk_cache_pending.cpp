@@ -8,11 +8,8 @@
 
 uint32_t JX_GetQueuedDiskWriteCount() { return 0; }
 void JX_RunIdleDiskTask() {}
+void JX_DeprioritizeBackgroundWrites() {}
 
-void JX_Stuff::PrepAndWrite(const std::shared_ptr<JX_Bag>&) {}
-void JX_Stuff::PrepAndRead(const zelcore::threads::ScopedUpgradeLockWrapper&) {
-  jx::FailVerification("PrepAndRead() called on stuff with no data");
-}
 void JX_Stuff::MaybeWriteToDisk() {}
 void JX_Stuff::ReconsiderWriteToDisk() {}
 void JX_Stuff::OfferToDiskAtCheckin(int, bool, double) {}
@@ -44,7 +41,6 @@ bool JX_Bag::IsDiskCacheLimitedDueToDriveSpace() const { return false; }
 bool JX_Bag::EnsureDiskSpace(long long bytesNeeded, unsigned long long) {
   return GetCurFreeSpace() >= bytesNeeded;
 }
-void JX_Bag::ScanOneDiskCacheFile(const zelcore::filesupport::File&) {}
 double JX_Bag::GetDiskWriteQueueSizePercentFull() const { return 0.0; }
 
 void jx::disk::AddWriteSpeedSample(uint64_t, double) {}
