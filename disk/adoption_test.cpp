@@ -1,9 +1,11 @@
 // Files one process wrote are adopted by the next one: each phase runs in a fresh child process
 // that starts the library on the same folder, so nothing but the folder carries over.
 #include <gtest/gtest.h>
+
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include "host/file_utils.h"
 
 #include <filesystem>
 #include <functional>
@@ -37,6 +39,7 @@ int RunChild(unsigned int version, const std::string& folder,
     JX_Birth(false, version, false);
     jx::testing::RegisterTestPayloadFactory();
     auto bag = JX_GlobalBag();
+    zelcore::utility::FileUtils::EnsureDirectoryExists(folder);
     bag->SetDiskCacheInfo(folder, 1ll << 32);
     const int code = phase(*bag);
     bag.reset();

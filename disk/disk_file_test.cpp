@@ -2,6 +2,8 @@
 // every failure leaves behind (nothing partial, exact size counters, a cache that still works).
 #include <gtest/gtest.h>
 
+#include "host/file_utils.h"
+
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -49,6 +51,7 @@ class DiskFileTest : public LibraryTest {
     LibraryTest::SetUp();
     FaultInjection::Reset();
     jx::testing::RegisterTestPayloadFactory();
+    ASSERT_TRUE(zelcore::utility::FileUtils::EnsureDirectoryExists(tempDir_ + "/cache"));
     bag_->SetDiskCacheInfo(tempDir_ + "/cache", 1 << 30);
     dir_ = bag_->GetDiskCacheDirSpec();
   }
@@ -238,8 +241,9 @@ TEST_F(DiskFileTest, AFailedReadDeletesTheFileAndTheItemIsRecomputed) {
       JX_ScCheckout handle;
       ASSERT_EQ(Request(item->GetGuid(), handle), kJX_CreatedPending);
       auto fresh = handle.GetStuffPtr();
+      // Compute time 0: the write policy leaves it alone, this test writes it itself.
       fresh->SetStuffDataFromPendingRender(
-          IntrusivePtr<JX_StuffData>(new TestPayload(kSize, 6, true)), 0.1);
+          IntrusivePtr<JX_StuffData>(new TestPayload(kSize, 6, true)), 0.0);
       handle.Checkin();
       fresh->PrepAndWrite(bag_);
       Purge(fresh);
