@@ -113,13 +113,38 @@ void CountRefusal(JX_StuffData& data, bool worthIfQueueEmpty) {
   }
 }
 
+// What the write decision needs to know of a payload, read under the item's lock.
+struct PayloadFacts {
+  bool present = false;
+  bool inMemory = false;
+  bool canDiskCache = false;
+  bool canBeCompressed = false;
+  bool compressed = false;
+};
+
+PayloadFacts ReadFacts(const JX_StuffData* data) {
+  PayloadFacts f;
+  if (!data) return f;
+  f.present = true;
+  f.inMemory = data->IsInMemory();
+  f.canDiskCache = data->CanDiskCache();
+  f.canBeCompressed = data->CanBeCompressed();
+  f.compressed = data->IsCompressed();
+  return f;
+}
+
 }  // namespace
 
 bool JX_Stuff::WorthWritingToDiskCache(double computeTime, bool lowPriority, bool* cacheable,
                                        bool* worthIfQueueEmpty, bool* lowPriorityForced) const {
   jx::disk::WorthOutputs o;
-  const bool worth =
-      jx::disk::WorthWritingToDiskCache(GetDataPtr().get(), computeTime, lowPriority, &o);
+  bool worth;
+  {
+    // The payload is asked for its size under the item's lock: a purge changes it under the
+    // write lock.
+    ScopedReadLockWrapper r(mutex_);
+    worth = jx::disk::WorthWritingToDiskCache(data_.get(), computeTime, lowPriority, &o);
+  }
   if (cacheable) *cacheable = o.cacheable;
   if (worthIfQueueEmpty) *worthIfQueueEmpty = o.worthIfQueueEmpty;
   if (lowPriorityForced) *lowPriorityForced = o.lowPriorityForced;
@@ -130,14 +155,20 @@ void JX_Stuff::MaybeWriteToDisk() {
   IntrusivePtr<JX_Stuff> self(this);
   const std::shared_ptr<JX_Bag> bag = GetBag();
   const double computeTime = GetComputeTime();
-  const IntrusivePtr<JX_StuffData> data = GetDataPtr();
-  if (!jx::DiskExecutor() || !(computeTime > 0.0) || !data || !data->IsInMemory() ||
+  IntrusivePtr<JX_StuffData> data;
+  PayloadFacts facts;
+  {
+    ScopedReadLockWrapper r(mutex_);
+    data = data_;
+    facts = ReadFacts(data_.get());
+  }
+  if (!jx::DiskExecutor() || !(computeTime > 0.0) || !facts.present || !facts.inMemory ||
       HasDiskCacheFile() || !bag || !bag->IsDiskCacheEnabled()) {
     return;
   }
   bool requested = false;
   bool worthIfEmpty = false;
-  if (data->CanDiskCache()) {
+  if (facts.canDiskCache) {
     bool lowForced = false;
     if (WorthWritingToDiskCache(computeTime, false, nullptr, &worthIfEmpty, &lowForced) &&
         WriteToDiskAsyncOnDiskThread(self, false)) {
@@ -146,12 +177,12 @@ void JX_Stuff::MaybeWriteToDisk() {
       requested = true;
     }
   }
-  if (data->CanBeCompressed()) {
+  if (facts.canBeCompressed) {
     if (JX_GetPlaybackCompressionAllowedOption() != kJX_CompressionAllowedForPlayback &&
         requested) {
       return;
     }
-    if (!data->IsCompressed() &&
+    if (!facts.compressed &&
         WorthWritingToDiskCache(computeTime, true, nullptr, nullptr, nullptr) &&
         WriteToDiskAsyncOnDiskThread(self, true)) {
       jx::disk::GetCounters().compressedWriteRequests.fetch_add(1, std::memory_order_relaxed);
@@ -163,8 +194,14 @@ void JX_Stuff::MaybeWriteToDisk() {
 
 void JX_Stuff::OfferToDiskAtCheckin(int flags, bool wasWriteable, double computeTime) {
   IntrusivePtr<JX_Stuff> self(this);
-  const IntrusivePtr<JX_StuffData> data = GetDataPtr();
-  if (!data || !data->IsInMemory() || !data->CanDiskCache()) return;
+  IntrusivePtr<JX_StuffData> data;
+  PayloadFacts facts;
+  {
+    ScopedReadLockWrapper r(mutex_);
+    data = data_;
+    facts = ReadFacts(data_.get());
+  }
+  if (!facts.present || !facts.inMemory || !facts.canDiskCache) return;
   if (flags & ci::kWriteNow) {
     JX_DeprioritizeBackgroundWrites();
     if (WriteToDiskAsyncOnDiskThread(self, false, true)) {
