@@ -37,8 +37,8 @@ asan: deps
 
 tsan: deps
 	CC=clang CXX=clang++ cmake -S . -B build-tsan $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DJX_SANITIZE=thread -DJX_BUILD_TOOLS=OFF
-	cmake --build build-tsan -j $(JOBS) --target concurrency_tests
-	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest -j $(JOBS) --output-on-failure -L concurrency
+	cmake --build build-tsan -j $(JOBS) --target concurrency_tests stress_programs
+	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest -j $(JOBS) --output-on-failure -L "concurrency|stress"
 
 stress: build
 	cd $(BUILD) && ctest -j 1 --output-on-failure -L stress

@@ -133,6 +133,19 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
   bool EnsureDiskSpace(long long bytesNeeded, unsigned long long lastUsedThreshold);
   void ScanOneDiskCacheFile(const zelcore::filesupport::File& file);
   double GetDiskWriteQueueSizePercentFull() const;
+  // Hands every cache file in the folder, oldest first, to ScanOneDiskCacheFile (which adopts the
+  // running version's) and deletes SafeSave leftovers of killed processes. Does nothing while the
+  // disk cache is off; otherwise runs when the host allowed the media map at birth or a scan was
+  // requested. Never holds the library lock while walking. Returns the files handed over.
+  int ScanDiskCacheDir();
+  // Asks for one scan, run by the deferred disk task.
+  void RequestDiskCacheScan();
+  struct DiskPurgeResult {
+    int deleted = 0;  // cache files removed (the running version's through their items)
+    int kept = 0;     // cache files left: pinned by a reader, or could not be removed
+  };
+  // Deletes every cache file in the folder, of every version.
+  DiskPurgeResult PurgeAllDiskCaches();
 
  private:
   friend class JX_Stuff;
@@ -164,6 +177,9 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
   std::atomic<long long> inMemorySize_{0};
   std::atomic<long long> checkedOutSize_{0};
   std::shared_ptr<DiskOutOfSpaceSignal> diskOutOfSpace_;
+  std::atomic<bool> diskScanRequested_{false};
+  // One folder walk (scan or purge) at a time. Taken before any other lock, and only by them.
+  std::mutex diskScanMutex_;
 };
 
 namespace jx {

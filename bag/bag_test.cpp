@@ -1,6 +1,8 @@
 // The bag: recency order, size accounting, directory supersession and rejected misuse.
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "bag/sort_dir.h"
 #include "host/config.h"
 #include "host/standalone_host.h"
@@ -133,6 +135,37 @@ TEST_F(BagTest, SameGuidItemsCoexistOrSupersedeByRequest) {
   first.reset();
   other.reset();
   ExpectTotalsMatchItems();
+}
+
+// Regression: an item created for a request without a payload has no find-key data; it must
+// still answer requests for its GUID instead of every caller creating its own pending item.
+TEST_F(BagTest, ItemWithoutFindKeyAnswersByGuid) {
+  const Guid g = Guid::CreateUnique();
+  auto bare = [&] {
+    auto r = JX_Stuff::CreateNew({}, 0.0);
+    r->SetGuid(g);
+    return r;
+  };
+  IntrusivePtr<JX_Stuff> pending, again;
+  bool created = false;
+  ASSERT_EQ(bag_->FindAndCheckout(bare(), cf::kReadOnly | cf::kCreatePending, &pending, &created),
+            kJX_CreatedPending);
+  std::thread other([&] {
+    IntrusivePtr<JX_Stuff> found;
+    bool c = false;
+    EXPECT_EQ(bag_->FindAndCheckout(bare(), cf::kReadOnly | cf::kCreatePending, &found, &c),
+              kJX_CheckoutRefused)
+        << "being rendered: no second pending item";
+    EXPECT_FALSE(c);
+  });
+  other.join();
+  pending->SetStuffDataFromPendingRender(IntrusivePtr<JX_StuffData>(new TestPayload(4)), 0.0);
+  pending->Checkin(0, 0.0);
+  ASSERT_EQ(bag_->FindAndCheckout(bare(), cf::kReadOnly | cf::kCreatePending, &again, &created),
+            kJX_CheckedOut);
+  EXPECT_EQ(again, pending);
+  again->Checkin(0, 0.0);
+  EXPECT_EQ(bag_->GetNumGuidSortedItems(), 1);
 }
 
 TEST_F(BagTest, MisuseIsReportedThrownAndChangesNothing) {

@@ -56,7 +56,8 @@ JX_CheckoutResult JX_Bag::FindAndCheckout(const StuffPtr& request, int checkoutF
         bool compressed = false;
         auto candidateKey = candidate->GetFindKeyDataAndCompression(&compressed);
         if (compressed != wantCompressed) continue;
-        if (!candidateKey || !candidateKey->CanSatisfyRequest(key)) continue;
+        // No find-key data: the item answers any request for its GUID, as the base class does.
+        if (candidateKey && !candidateKey->CanSatisfyRequest(key)) continue;
         if (candidate->CheckoutInBag(lockedFlags, this) == kJX_CheckedOut) {
           match = candidate;
           result = kJX_CheckedOut;
@@ -81,11 +82,12 @@ JX_CheckoutResult JX_Bag::FindAndCheckout(const StuffPtr& request, int checkoutF
   if (result == kJX_CheckedOut) {
     if (match->IsPendingRender() && MayWaitForPending(checkoutFlags)) {
       match->WaitForPendingCompletion();
-      if (!match->GetDataPtr()) {
-        // The render was abandoned: nothing to hand out.
-        match->Checkin(0, 0.0);
-        return kJX_CheckoutRefused;
-      }
+    }
+    // Checked whether or not we waited: the render may have been abandoned right after our
+    // check-out of the pending item, before we looked.
+    if (!match->IsPendingRender() && !match->GetDataPtr()) {
+      match->Checkin(0, 0.0);
+      return kJX_CheckoutRefused;
     }
     if (!(checkoutFlags & cf::kNoDiskRead) && !match->IsPendingRender() && !match->IsInMemory() &&
         match->HasDiskCacheFile()) {

@@ -43,7 +43,9 @@ void JX_SortDir::AddStuff(const StuffPtr& stuff) {
   ForEachWithGuid(stuff->GetGuid(), [&](const StuffPtr& old) {
     if (old == stuff) return true;
     bool sameCompression = old->IsCompressed() == compressed;
-    if (IsDead(*old) || (sameCompression && key && key->CanSatisfyRequest(old->GetFindKeyData()))) {
+    // No find-key data: the new item answers any request for its GUID.
+    if (IsDead(*old) ||
+        (sameCompression && (!key || key->CanSatisfyRequest(old->GetFindKeyData())))) {
       superseded.push_back(old);
     }
     return true;

@@ -49,8 +49,13 @@ bool JX_Stuff::DeleteDiskCacheFile() {
     } catch (...) {
     }
     diskFile_.reset();
-    if (size == 0) return false;
     inMemory = data_ && data_->IsInMemory();
+    if (size == 0) {
+      // An empty or unreadable file still leaves the item: its counted size must go too.
+      wl.Unlock();
+      SyncDiskSizeWithBag(0);
+      return false;
+    }
   }
   if (memDiskChanged_) memDiskChanged_->Fire(inMemory, false);
   SyncDiskSizeWithBag(0);

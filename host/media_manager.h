@@ -1,9 +1,159 @@
-// The host's media layer as far as the cache uses it. The media manager's pool of entries and
-// its purge policy live with the media-map stand-in; this header carries the fixed maximum cache
-// size that start-up reads.
+// The host's media manager: one memory pool for the host's own media and for the entries that
+// other caches mirror into it, so that memory pressure is relieved oldest first across all of
+// them instead of by several budgets that fight.
+//
+// A cache takes part through a media map (IMediaMap): the manager hands the map a 16-byte
+// identifier, the map registers each entry (its entry ID and size), notifies the manager when an
+// entry is renewed and tells it to forget entries that went away. When the pool's total exceeds
+// the budget, the manager takes entries back oldest first (by registration or notification
+// order): the host's own media entries are simply dropped, a map's entries are handed back
+// through the map's IPurgeableSupport::PurgeEntry so that the map frees what they stand for.
+// The manager also keeps each cache's maximum size by cache GUID.
+//
+// Ownership: one process-wide manager, shared (GetMediaManager). The manager holds its maps only
+// weakly: an entry whose map has gone is dropped without a call.
+//
+// Locks, in the only order they may be taken across the library and this manager:
+//   library lock (JXp_ScLock) -> an item's lock -> { a media map's mutex | the manager's mutex }
+// The last two are leaves: the manager never calls a map while holding its mutex (it picks its
+// victims under the mutex, lets go, then calls PurgeEntry / IsNonPurgeable), and a map calls the
+// manager and its items only with its own mutex released. A purge callback therefore arrives on
+// the purging thread with no lock held and may take the library lock itself.
+// Threads: any thread may call any method.
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <limits>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "host/guid.h"
+
+namespace RV {
+
+using MediaMapID = std::array<uint8_t, 16>;
+
+// What the manager calls on the owner of entries. Both calls may come from any thread, never
+// with the manager's mutex held; an ID the owner no longer knows must be harmless.
+class IPurgeableSupport {
+ public:
+  // The manager has taken entry `id` back (it no longer counts it): free what it stands for.
+  virtual void PurgeEntry(uint64_t id) = 0;
+  // Whether the owner has pinned entry `id`; the manager passes over pinned entries.
+  virtual bool IsNonPurgeable(uint64_t id) const = 0;
+
+ protected:
+  virtual ~IPurgeableSupport() = default;
+};
+
+// A map of entries mirrored into the manager.
+class IMediaMap : public IPurgeableSupport {
+ public:
+  // The identifier the manager handed out when the map was made; fixed for the map's life.
+  virtual const MediaMapID& GetMediaMapID() const = 0;
+
+ protected:
+  ~IMediaMap() override = default;
+};
+
+class MediaManager {
+ public:
+  static constexpr uint64_t kUnlimited = std::numeric_limits<uint64_t>::max();
+
+  MediaManager();
+  MediaManager(const MediaManager&) = delete;
+  MediaManager& operator=(const MediaManager&) = delete;
+
+  // ---- what a media map uses, in the order it uses it ----------------------------------------
+  // A fresh identifier for a new map.
+  MediaMapID NewMediaMapID();
+  // Adds entry `id` of `owner`'s map (or renews it) as the youngest entry. `purgeable` 0 keeps
+  // the entry out of budget purges; `flags` is kept for inspection. Never purges by itself: the
+  // caller is usually in the middle of adding an item under the library lock. The budget is
+  // enforced by the host's next AddHostMedia, SetBudget or EnforceBudget.
+  void RegisterEntry(uint64_t id, uint64_t size, int32_t purgeable, int32_t flags,
+                     const std::shared_ptr<IMediaMap>& owner);
+  // The entry was used again: it becomes the youngest. Unknown entries are ignored.
+  void NotifyEntry(uint64_t id, const MediaMapID& map);
+  // Drops the entry without calling its owner. Unknown entries are ignored.
+  void ForgetEntry(uint64_t id, const MediaMapID& map);
+  // Drops every entry of the map (its owner is going away).
+  void UnregisterMediaMap(const MediaMapID& map);
+  // A cache's maximum size, by the cache's identity.
+  void SetCacheMaxSize(const zelcore::utility::Guid& cache, uint64_t bytes);
+  std::optional<uint64_t> GetCacheMaxSize(const zelcore::utility::Guid& cache) const;
+
+  // ---- the host's side of the pool -----------------------------------------------------------
+  // The host's own media of `bytes` joins the pool as its youngest entry; returns its handle.
+  // Enforces the budget.
+  uint64_t AddHostMedia(uint64_t bytes);
+  // The host released that media itself; false when it was already gone (e.g. purged).
+  bool RemoveHostMedia(uint64_t handle);
+  // Takes one entry back now, whatever the budget (the host's own choice of a victim); false
+  // when the pool does not hold it. Same calling rules as EnforceBudget.
+  bool PurgeEntry(const MediaMapID& map, uint64_t id);
+  // Sets the pool's budget and enforces it.
+  void SetBudget(uint64_t bytes);
+  uint64_t GetBudget() const;
+  // Takes entries back, oldest first, until the total is within the budget or only pinned
+  // entries remain. Returns the bytes taken back. Must be called with no library or item lock
+  // held: owners' purge callbacks run on this thread.
+  uint64_t EnforceBudget();
+
+  // ---- inspection ----------------------------------------------------------------------------
+  uint64_t GetTotalBytes() const;
+  uint64_t GetHostMediaBytes() const;
+  uint64_t GetBytesOfMap(const MediaMapID& map) const;
+  // The map's entry IDs, oldest first.
+  std::vector<uint64_t> GetEntryIDsOfMap(const MediaMapID& map) const;
+  uint64_t GetNotifyCount() const;
+  // Entries handed back to their owners through PurgeEntry so far.
+  uint64_t GetPurgeCallCount() const;
+  // Back to an empty pool with an unlimited budget; only while no map is registered.
+  void Reset();
+
+ private:
+  using EntryKey = std::pair<MediaMapID, uint64_t>;
+  struct Entry {
+    EntryKey key;
+    uint64_t size;
+    int32_t purgeable;
+    int32_t flags;
+    std::weak_ptr<IMediaMap> owner;  // empty for the host's own media
+  };
+  struct Victim {
+    EntryKey key;
+    uint64_t size = 0;
+    std::weak_ptr<IMediaMap> owner;
+  };
+
+  // All under mutex_.
+  void AddLocked(Entry entry);
+  bool RemoveLocked(const EntryKey& key);
+  std::optional<Victim> OldestCandidateLocked(const std::vector<EntryKey>& pinned);
+
+  const MediaMapID hostMap_;  // the map the host's own media is filed under
+  mutable std::mutex mutex_;
+  std::list<Entry> order_;  // oldest first
+  std::map<EntryKey, std::list<Entry>::iterator> index_;
+  std::map<zelcore::utility::Guid, uint64_t> cacheMaxSizes_;
+  uint64_t total_ = 0;
+  uint64_t budget_ = kUnlimited;
+  uint64_t nextHostMedia_ = 0;
+  uint64_t notifyCount_ = 0;
+  uint64_t purgeCalls_ = 0;
+};
+
+// The process-wide media manager.
+std::shared_ptr<MediaManager> GetMediaManager();
+
+}  // namespace RV
 
 namespace RV::MM {
 

@@ -57,7 +57,6 @@ JX_CheckoutResult JX_ScCheckout::CheckoutImpl(IntrusivePtr<JX_Stuff> item, int f
 }
 
 JX_CheckoutResult JX_ScCheckout::FindAndCheckout(IntrusivePtr<JX_Stuff> item, int flags) {
-  ScopedUpgradeLockWrapper up(mutex_);
   {
     ScopedWriteLockWrapper wl(mutex_);
     CheckinLocked(checkinFlags_, 0.0);
@@ -66,10 +65,14 @@ JX_CheckoutResult JX_ScCheckout::FindAndCheckout(IntrusivePtr<JX_Stuff> item, in
   if (flags & cf::kHoldWithoutCheckout) return kJX_CheckoutRefused;
   auto bag = JX_GlobalBag();
   if (!bag || !item) return kJX_CheckoutRefused;
+  // The handle's lock is not held across the search: the search may wait for another thread's
+  // render, and a thread holding any reader/writer lock is never allowed to wait.
   IntrusivePtr<JX_Stuff> found;
   bool created = false;
   JX_CheckoutResult result = bag->FindAndCheckout(item, flags, &found, &created);
   ScopedWriteLockWrapper wl(mutex_);
+  // Another thread may have used the handle meanwhile: what it left is checked in first.
+  CheckinLocked(checkinFlags_, 0.0);
   result_ = result;
   if (result != kJX_CheckoutRefused) item_ = std::move(found);
   return result;

@@ -200,3 +200,29 @@ TEST_F(ScCheckoutTest, ForeignGuardWordIsIgnoredByCheckin) {
 }
 
 }  // namespace
+
+namespace {
+
+// Regression: the handle used to hold its own lock across the search, which made the search
+// refuse to wait and hand back the still-pending item.
+TEST_F(ScCheckoutTest, FindAndCheckoutWaitsForAnotherThreadsRender) {
+  const Guid g = Guid::CreateUnique();
+  JX_ScCheckout creator;
+  ASSERT_EQ(creator.FindAndCheckout(MakeRequest(g), cf::kReadOnly | cf::kCreatePending),
+            kJX_CreatedPending);
+  std::atomic<bool> filled{false};
+  std::thread waiter([&] {
+    JX_ScCheckout h;
+    EXPECT_EQ(h.FindAndCheckout(MakeRequest(g), cf::kReadOnly | cf::kWaitAlways), kJX_CheckedOut);
+    EXPECT_TRUE(filled.load()) << "came back before the render finished";
+    EXPECT_FALSE(h.IsPendingRender());
+    EXPECT_TRUE(h.IsInMemory());
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  filled = true;
+  creator.GetStuffPtr()->SetStuffDataFromPendingRender(
+      IntrusivePtr<JX_StuffData>(new TestPayload(5)), 0.0);
+  waiter.join();
+}
+
+}  // namespace

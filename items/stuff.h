@@ -30,6 +30,7 @@
 #include <memory>
 
 #include <boost/intrusive/list_hook.hpp>
+#include <boost/smart_ptr/shared_ptr.hpp>
 
 #include "host/export.h"
 #include "host/file.h"
@@ -43,6 +44,7 @@
 #include "items/stuff_data.h"
 
 class JX_Bag;
+class JX_ScCheckout;
 class JX_SortDir;
 class JXp_ScLock;
 
@@ -221,6 +223,16 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // Disk decision of a check-in (disk/): flag 8 writes at once, a writeable check-in asks the
   // write-worthiness rule.
   void OfferToDiskAtCheckin(int flags, bool wasWriteable, double computeTime);
+  // Write policy and background writer (disk/write_policy.cpp, disk/disk_writer.cpp).
+  bool WorthWritingToDiskCache(double computeTime, bool lowPriority, bool* cacheable,
+                               bool* worthIfQueueEmpty, bool* lowPriorityForced) const;
+  // Queues a write of `item` (`flag`: write a compressed copy); `now` puts it at the head of the
+  // line. False when nothing was queued (no disk thread, or the item could not be held).
+  static bool WriteToDiskAsyncOnDiskThread(IntrusivePtr<JX_Stuff> item, bool flag,
+                                           bool now = false);
+  static void WriteToDiskAsyncFromQueue();
+  static void WriteToDiskAsync(IntrusivePtr<JX_Stuff> item,
+                               boost::shared_ptr<JX_ScCheckout> checkout, bool flag);
   bool PurgeIfPossiblePrivate(const zelcore::threads::ScopedWriteLockWrapper& itemWriteLock,
                               ReleaseQueue* toRelease);
   void StoreGuid(const Guid& guid);

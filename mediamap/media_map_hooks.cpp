@@ -1,10 +1,73 @@
-// The media map is not built yet: nothing is mirrored, and the sizes are 0.
+// The process-wide adapter behind the calls the rest of the library makes.
 #include "mediamap/media_map_hooks.h"
 
-bool JX_MediaMapAddOrUpdate(const zelcore::utility::IntrusivePtr<JX_Stuff>&) { return false; }
-bool JX_MediaMapErase(const zelcore::utility::IntrusivePtr<JX_Stuff>&) { return false; }
-uint64_t JX_MediaMapSizeBytes() { return 0; }
-uint64_t JX_MediaMapEntryCount() { return 0; }
-void JX_MediaMapBirth() {}
-void JX_MediaMapDeath() {}
-void JX_MediaMapSetCacheLimit(const zelcore::utility::Guid&, uint64_t) {}
+#include <mutex>
+
+#include "host/media_manager.h"
+#include "host/recursive_mutex.h"
+#include "mediamap/media_map_impl.h"
+
+namespace {
+
+// Guards the adapter handle. Taken briefly to copy the handle, and by shut-down for the whole
+// tear-down; the adapter's own mutex and the manager's nest inside it, never the reverse.
+zelcore::threads::RecursiveMutex& MediaMapLock() {
+  static auto* mutex = new zelcore::threads::RecursiveMutex();
+  return *mutex;
+}
+std::shared_ptr<kq::JX_MediaMapImpl> gAdapter;  // guarded by MediaMapLock()
+
+// Flushes the adapter, unregisters it from the manager and drops the handle. Caller holds
+// MediaMapLock().
+void TearDownAdapterLocked() {
+  if (!gAdapter) return;
+  gAdapter->FlushAll();
+  RV::GetMediaManager()->UnregisterMediaMap(gAdapter->GetMediaMapID());
+  gAdapter.reset();
+}
+
+}  // namespace
+
+namespace jx::mediamap {
+std::shared_ptr<kq::JX_MediaMapImpl> CurrentAdapter() {
+  std::lock_guard<zelcore::threads::RecursiveMutex> lock(MediaMapLock());
+  return gAdapter;
+}
+}  // namespace jx::mediamap
+
+bool JX_MediaMapAddOrUpdate(const zelcore::utility::IntrusivePtr<JX_Stuff>& stuff) {
+  auto adapter = jx::mediamap::CurrentAdapter();
+  return adapter && adapter->AddOrUpdate(stuff);
+}
+
+bool JX_MediaMapErase(const zelcore::utility::IntrusivePtr<JX_Stuff>& stuff) {
+  auto adapter = jx::mediamap::CurrentAdapter();
+  return adapter && adapter->EraseStuff(stuff);
+}
+
+uint64_t JX_MediaMapSizeBytes() {
+  auto adapter = jx::mediamap::CurrentAdapter();
+  return adapter ? adapter->GetCacheSize() : 0;
+}
+
+uint64_t JX_MediaMapEntryCount() {
+  auto adapter = jx::mediamap::CurrentAdapter();
+  return adapter ? adapter->GetNumEntries() : 0;
+}
+
+void JX_MediaMapBirth() {
+  std::lock_guard<zelcore::threads::RecursiveMutex> lock(MediaMapLock());
+  TearDownAdapterLocked();  // a second start-up replaces the adapter
+  gAdapter = std::make_shared<kq::JX_MediaMapImpl>();
+}
+
+void JX_MediaMapDeath() {
+  // A failure to release the lock escapes the guard's destructor and ends the process: the
+  // adapter's state could no longer be trusted.
+  std::lock_guard<zelcore::threads::RecursiveMutex> lock(MediaMapLock());
+  TearDownAdapterLocked();
+}
+
+void JX_MediaMapSetCacheLimit(const zelcore::utility::Guid& cacheIdentity, uint64_t bytes) {
+  RV::GetMediaManager()->SetCacheMaxSize(cacheIdentity, bytes);
+}

@@ -1,6 +1,12 @@
 // What the rest of the library asks of the media map: mirror an item, forget it, report sizes,
 // and tear the adapter down. While the media map is not in use (jx::settings::UseMediaMap()
 // false) none of these is called, except the size queries, which then answer 0.
+//
+// Locks: the adapter handle sits under its own recursive media-map lock, held only to copy the
+// handle and, by JX_MediaMapDeath, for the whole tear-down. The order across the library is
+//   library lock (JXp_ScLock) -> item lock -> media-map lock -> { adapter mutex | manager mutex }
+// with the last two as leaves (see host/media_manager.h): the bag may call these hooks holding
+// the library lock and an item's lock, and nothing below ever takes those back.
 #pragma once
 
 #include <cstdint>

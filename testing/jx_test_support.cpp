@@ -1,5 +1,6 @@
 #include "testing/jx_test_support.h"
 
+#include <sys/stat.h>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -116,6 +117,11 @@ void LibraryTest::SetUp() {
   char pattern[] = "/tmp/jxtest.XXXXXX";
   ASSERT_NE(mkdtemp(pattern), nullptr);
   tempDir_ = pattern;
+  // The system temporary folder is where an unusable cache folder falls back to: give each test
+  // its own, so that tests running side by side never share cache files.
+  const std::string systemTemp = tempDir_ + "/systemp";
+  ASSERT_EQ(mkdir(systemTemp.c_str(), 0700), 0);
+  setenv("TMPDIR", systemTemp.c_str(), 1);
   Birth();
   bag_ = JX_GlobalBag();
   ASSERT_TRUE(bag_);

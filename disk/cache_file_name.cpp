@@ -1,0 +1,125 @@
+// Building and parsing disk cache file names.
+#include "disk/cache_file_name.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <stdexcept>
+
+#include "host/safe_save.h"
+#include "host/text_encoding.h"
+
+namespace jx::disk {
+namespace {
+
+constexpr char kSeparator = '.';
+// base64's alphabet has "/", which cannot stand in a file name; "-" is not in the alphabet.
+constexpr char kEncodedSlash = '/';
+constexpr char kNameSlash = '-';
+constexpr size_t kFieldCount = 5;  // four identifying fields and the extension
+
+std::vector<std::string_view> SplitAtSeparator(std::string_view name) {
+  std::vector<std::string_view> fields;
+  size_t start = 0;
+  for (;;) {
+    const size_t dot = name.find(kSeparator, start);
+    if (dot == std::string_view::npos) {
+      fields.push_back(name.substr(start));
+      return fields;
+    }
+    fields.push_back(name.substr(start, dot - start));
+    start = dot + 1;
+  }
+}
+
+// Upper or lower case hex digits, nothing else; false on anything beyond 32 bits.
+bool ParseHexVersion(std::string_view text, uint32_t* out) {
+  if (text.empty()) return false;
+  uint64_t value = 0;
+  for (char c : text) {
+    int digit;
+    if (c >= '0' && c <= '9') {
+      digit = c - '0';
+    } else if (c >= 'A' && c <= 'F') {
+      digit = c - 'A' + 10;
+    } else if (c >= 'a' && c <= 'f') {
+      digit = c - 'a' + 10;
+    } else {
+      return false;
+    }
+    value = value * 16 + static_cast<uint64_t>(digit);
+    if (value > UINT32_MAX) return false;
+  }
+  *out = static_cast<uint32_t>(value);
+  return true;
+}
+
+}  // namespace
+
+const char* DescribeCacheFileNameError(CacheFileNameError error) {
+  switch (error) {
+    case CacheFileNameError::kNone:
+      return "ok";
+    case CacheFileNameError::kTempFile:
+      return "temporary file of an unfinished write";
+    case CacheFileNameError::kTooFewFields:
+      return "too few fields";
+    case CacheFileNameError::kNotACacheFile:
+      return "not a cache file name";
+    case CacheFileNameError::kBadGuid:
+      return "bad GUID field";
+    case CacheFileNameError::kBadMatchName:
+      return "bad match name field";
+    case CacheFileNameError::kBadVersion:
+      return "bad version field";
+    case CacheFileNameError::kBadHeader:
+      return "bad header field";
+  }
+  return "unknown";
+}
+
+std::string MakeCacheFileName(const zelcore::utility::Guid& guid, std::string_view matchName,
+                              uint32_t version, const uint8_t* header, size_t headerLength) {
+  if (guid.IsEmpty()) throw std::invalid_argument("disk cache file name: empty GUID");
+  if (matchName.empty() || matchName.find_first_of("./") != std::string_view::npos) {
+    throw std::invalid_argument("disk cache file name: unusable match name \"" +
+                                std::string(matchName) + "\"");
+  }
+  char versionText[16];
+  std::snprintf(versionText, sizeof(versionText), "%X", version);
+  std::string headerText = zelcore::utility::EncodeBinaryDataToUTF8String(header, headerLength);
+  std::replace(headerText.begin(), headerText.end(), kEncodedSlash, kNameSlash);
+
+  std::string name = guid.AsString();
+  for (std::string_view field : {matchName, std::string_view(versionText),
+                                 std::string_view(headerText), kCacheFileExtension}) {
+    name += kSeparator;
+    name += field;
+  }
+  return name;
+}
+
+CacheFileNameError ParseCacheFileName(std::string_view name, CacheFileName* out) {
+  // A temporary's name starts with the whole target name, so it would parse as its target.
+  if (zelcore::filesupport::SafeSave::IsTempFileName(std::string(name))) {
+    return CacheFileNameError::kTempFile;
+  }
+  const std::vector<std::string_view> fields = SplitAtSeparator(name);
+  if (fields.size() < kFieldCount - 1) return CacheFileNameError::kTooFewFields;
+  if (fields.size() != kFieldCount || fields[4] != kCacheFileExtension) {
+    return CacheFileNameError::kNotACacheFile;
+  }
+  if (!zelcore::utility::Guid::TryParse(fields[0], &out->guid) || out->guid.IsEmpty()) {
+    return CacheFileNameError::kBadGuid;
+  }
+  if (fields[1].empty()) return CacheFileNameError::kBadMatchName;
+  out->matchName = std::string(fields[1]);
+  if (!ParseHexVersion(fields[2], &out->version)) return CacheFileNameError::kBadVersion;
+  std::string headerText(fields[3]);
+  std::replace(headerText.begin(), headerText.end(), kNameSlash, kEncodedSlash);
+  if (!zelcore::utility::DecodeBinaryDataFromUTF8String(headerText, &out->header)) {
+    return CacheFileNameError::kBadHeader;
+  }
+  return CacheFileNameError::kNone;
+}
+
+}  // namespace jx::disk

@@ -1,0 +1,285 @@
+// An item's disk cache file: write, read back, adoption of files found in the folder, and what
+// every failure leaves behind (nothing partial, exact size counters, a cache that still works).
+#include <gtest/gtest.h>
+
+#include "host/file_utils.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+
+#include "bag/bag.h"
+#include "disk/cache_file_name.h"
+#include "disk/disk_counters.h"
+#include "disk/disk_test_support.h"
+#include "disk/scan_one_file.h"
+#include "host/fault_injection.h"
+#include "items/sc_checkout.h"
+#include "testing/jx_test_support.h"
+
+namespace cf = jx::checkout_flags;
+using jx::testing::HasTempFiles;
+using jx::testing::LibraryTest;
+using jx::testing::MakeRequest;
+using jx::testing::SumOfFileSizes;
+using jx::testing::TestPayload;
+using zelcore::filesupport::FaultInjection;
+using zelcore::filesupport::File;
+using zelcore::filesupport::FileOp;
+using zelcore::utility::Guid;
+using zelcore::utility::IntrusivePtr;
+
+namespace {
+
+constexpr unsigned int kSize = 100000;
+
+// A payload that runs `duringWrite` from inside its own Write.
+class ReentrantPayload : public TestPayload {
+ public:
+  using TestPayload::TestPayload;
+  double Write(zelcore::filesupport::OByteStream& out) const override {
+    if (duringWrite) duringWrite();
+    return TestPayload::Write(out);
+  }
+  std::function<void()> duringWrite;
+};
+
+class DiskFileTest : public LibraryTest {
+ protected:
+  void SetUp() override {
+    LibraryTest::SetUp();
+    FaultInjection::Reset();
+    jx::testing::RegisterTestPayloadFactory();
+    ASSERT_TRUE(zelcore::utility::FileUtils::EnsureDirectoryExists(tempDir_ + "/cache"));
+    bag_->SetDiskCacheInfo(tempDir_ + "/cache", 1 << 30);
+    dir_ = bag_->GetDiskCacheDirSpec();
+  }
+  void TearDown() override {
+    FaultInjection::Reset();
+    LibraryTest::TearDown();
+  }
+
+  IntrusivePtr<JX_Stuff> AddItem(TestPayload* payload) {
+    auto item = JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(payload), 0.0);
+    item->SetGuid(Guid::CreateUnique());
+    bag_->AddToBagAndSortDir(item);
+    return item;
+  }
+  IntrusivePtr<JX_Stuff> AddItem(uint32_t seed = 5) {
+    return AddItem(new TestPayload(kSize, seed, true));
+  }
+  // The item leaves memory but keeps its disk copy.
+  void Purge(const IntrusivePtr<JX_Stuff>& item) {
+    JX_Stuff::ReleaseQueue queue;
+    item->FreeUpAsMuchAsPossible(false, &queue);
+    ASSERT_FALSE(item->IsInMemory());
+  }
+  // Checks out the item with `guid` the way a render thread asks for it.
+  JX_CheckoutResult Request(const Guid& guid, JX_ScCheckout& handle) {
+    return handle.FindAndCheckout(MakeRequest(guid), cf::kReadOnly | cf::kCreatePending);
+  }
+  void ExpectReadsBack(const Guid& guid, uint32_t seed) {
+    JX_ScCheckout handle;
+    ASSERT_EQ(Request(guid, handle), kJX_CheckedOut);
+    auto* payload = dynamic_cast<TestPayload*>(handle.GetStuffPtr()->GetDataPtr().get());
+    ASSERT_NE(payload, nullptr);
+    EXPECT_EQ(payload->Seed(), seed);
+    EXPECT_TRUE(payload->Verify());
+  }
+  // Nothing half-written in the folder, and the bag counts exactly what is on disk.
+  void ExpectFolderConsistent() {
+    EXPECT_FALSE(HasTempFiles(dir_));
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), SumOfFileSizes(dir_));
+  }
+  std::string NameFor(const Guid& guid, uint32_t version, uint32_t seed = 5) {
+    JX_StuffData::Header header;
+    TestPayload(kSize, seed).GetHeader(header);
+    return jx::disk::MakeCacheFileName(guid, "TestPayload", version, header.data(), header.size());
+  }
+  void WriteRawFile(const std::string& name, size_t size) {
+    std::ofstream(dir_.GetFile(name).GetPath(), std::ios::binary) << std::string(size, 'x');
+  }
+
+  zelcore::filesupport::Dir dir_;
+  jx::disk::Counters& counters_ = jx::disk::GetCounters();
+};
+
+TEST_F(DiskFileTest, WritesThePayloadUnderItsNameAndReadsItBack) {
+  auto item = AddItem();
+  std::vector<std::pair<bool, bool>> fired;
+  item->GetMemDiskChangedSignal().Connect(
+      [&](bool inMemory, bool onDisk) { fired.emplace_back(inMemory, onDisk); });
+  const uint64_t written = counters_.bytesWritten, read = counters_.bytesRead;
+  item->PrepAndWrite(bag_);
+
+  ASSERT_TRUE(item->HasDiskCacheFile());
+  const File file = item->GetDiskCacheFile();
+  EXPECT_EQ(file.GetName(), NameFor(item->GetGuid(), bag_->GetAppVersion()));
+  EXPECT_EQ(jx::testing::FolderNames(dir_), std::vector<std::string>{file.GetName()});
+  // The body is the payload's bytes and nothing else.
+  std::ifstream in(file.GetPath(), std::ios::binary);
+  std::vector<uint8_t> body{std::istreambuf_iterator<char>(in), {}};
+  ASSERT_EQ(body.size(), kSize);
+  for (unsigned int i = 0; i < kSize; ++i) ASSERT_EQ(body[i], static_cast<uint8_t>(5 * 131 + i));
+  EXPECT_EQ(counters_.bytesWritten - written, kSize);
+  EXPECT_EQ(fired, (std::vector<std::pair<bool, bool>>{{true, true}}));
+  ExpectFolderConsistent();
+
+  Purge(item);
+  ExpectReadsBack(item->GetGuid(), 5);
+  EXPECT_EQ(counters_.bytesRead - read, kSize);
+  ExpectFolderConsistent();
+}
+
+TEST_F(DiskFileTest, WritesNothingWhenTheItemHasAFileOrIsBeingWritten) {
+  // During its own write: the payload asks for the same item to be written again.
+  auto* payload = new ReentrantPayload(kSize, 5, true);
+  auto item = AddItem(payload);
+  uint64_t innerFilesWritten = 0;
+  payload->duringWrite = [&] {
+    item->PrepAndWrite(bag_);
+    innerFilesWritten = counters_.filesWritten;
+  };
+  const uint64_t filesWritten = counters_.filesWritten, skipped = counters_.writesSkipped;
+  item->PrepAndWrite(bag_);
+  EXPECT_EQ(innerFilesWritten, filesWritten);
+  EXPECT_EQ(counters_.filesWritten, filesWritten + 1);
+  EXPECT_EQ(counters_.writesSkipped, skipped + 1);
+  payload->duringWrite = nullptr;
+
+  // Once it has a file: the file stays as it is.
+  const File file = item->GetDiskCacheFile();
+  const auto stamp = std::filesystem::last_write_time(file.GetPath());
+  item->PrepAndWrite(bag_);
+  EXPECT_EQ(counters_.filesWritten, filesWritten + 1);
+  EXPECT_EQ(std::filesystem::last_write_time(file.GetPath()), stamp);
+  EXPECT_EQ(jx::testing::FolderNames(dir_).size(), 1u);
+  ExpectFolderConsistent();
+}
+
+TEST_F(DiskFileTest, AdoptsAnExistingTargetInsteadOfRewritingIt) {
+  auto item = AddItem();
+  // Another process of this version wrote the file already (marked so a rewrite would show).
+  const std::string name = NameFor(item->GetGuid(), bag_->GetAppVersion());
+  WriteRawFile(name, kSize);
+  const uint64_t filesWritten = counters_.filesWritten;
+  item->PrepAndWrite(bag_);
+  EXPECT_EQ(counters_.filesWritten, filesWritten);
+  ASSERT_TRUE(item->HasDiskCacheFile());
+  EXPECT_EQ(item->GetDiskCacheFile().GetName(), name);
+  std::ifstream in(dir_.GetFile(name).GetPath(), std::ios::binary);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), std::string(kSize, 'x'));
+  EXPECT_EQ(bag_->GetNumItems(), 1);
+  ExpectFolderConsistent();
+}
+
+TEST_F(DiskFileTest, ScanAdoptsOnlyFilesOfThisVersionAndKeepsGoing) {
+  const uint32_t version = bag_->GetAppVersion();
+  const std::string anyGuid = Guid::CreateUnique().AsString();
+  const std::vector<std::string> foreign = {
+      NameFor(Guid::CreateUnique(), version + 1),
+      NameFor(Guid::CreateUnique(), version) + ".77.1.tmp",
+      anyGuid + ".TestPayload.1",
+      "not-a-guid.TestPayload.1.AAAAAAAAAAA=.kqcache",
+      anyGuid + ".NoSuchPayload.1.AAAAAAAAAAA=.kqcache",
+      anyGuid + ".TestPayload.1.AAAAAAAAAAA=.kqcache.part",
+  };
+  for (const auto& name : foreign) WriteRawFile(name, 100);
+  // An item in memory whose file is there but forgotten, as after a restart...
+  auto item = AddItem();
+  item->PrepAndWrite(bag_);
+  const File itemFile = item->GetDiskCacheFile();
+  item->ClearDiskCacheFile();
+  // ...and a file whose item is gone altogether.
+  const Guid diskOnly = Guid::CreateUnique();
+  {
+    auto other =
+        JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(new TestPayload(kSize, 9, true)), 0);
+    other->SetGuid(diskOnly);
+    other->PrepAndWrite(bag_);
+  }
+  ASSERT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
+
+  const std::vector<std::string> names = jx::testing::FolderNames(dir_);
+  ASSERT_EQ(names.size(), foreign.size() + 2);
+  for (int pass = 0; pass < 2; ++pass) {  // a second scan changes nothing
+    for (const auto& name : names) JX_ScanOneDiskCacheFile(dir_.GetFile(name));
+    EXPECT_EQ(bag_->GetNumItems(), 2);
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 2 * kSize);
+  }
+  EXPECT_EQ(item->GetDiskCacheFile(), itemFile);
+  for (const auto& name : foreign) EXPECT_TRUE(dir_.GetFile(name).Exists()) << name;
+  Purge(item);
+  ExpectReadsBack(item->GetGuid(), 5);
+  ExpectReadsBack(diskOnly, 9);
+}
+
+TEST_F(DiskFileTest, AFailedReadDeletesTheFileAndTheItemIsRecomputed) {
+  const std::function<void(const File&)> faults[] = {
+      [](const File& f) { std::filesystem::resize_file(f.GetPath(), kSize / 2); },
+      [](const File& f) { std::filesystem::resize_file(f.GetPath(), 0); },
+      [](const File&) { FaultInjection::FailNth(FileOp::kRead, 1, EIO); },
+      [](const File&) { FaultInjection::FailNth(FileOp::kOpen, 1, EACCES); },
+  };
+  for (const auto& fault : faults) {
+    auto item = AddItem();
+    item->PrepAndWrite(bag_);
+    const File file = item->GetDiskCacheFile();
+    Purge(item);
+    fault(file);
+    const uint32_t failedReads = counters_.failedReads;
+    EXPECT_THROW(item->EnsureInMemory(), int);
+    FaultInjection::Reset();
+    EXPECT_EQ(counters_.failedReads, failedReads + 1);
+    EXPECT_FALSE(item->HasDiskCacheFile());
+    EXPECT_FALSE(file.Exists());
+    ExpectFolderConsistent();
+
+    // The next request computes the item afresh, and it can be cached again.
+    {
+      JX_ScCheckout handle;
+      ASSERT_EQ(Request(item->GetGuid(), handle), kJX_CreatedPending);
+      auto fresh = handle.GetStuffPtr();
+      // Compute time 0: the write policy leaves it alone, this test writes it itself.
+      fresh->SetStuffDataFromPendingRender(
+          IntrusivePtr<JX_StuffData>(new TestPayload(kSize, 6, true)), 0.0);
+      handle.Checkin();
+      fresh->PrepAndWrite(bag_);
+      Purge(fresh);
+    }
+    ExpectReadsBack(item->GetGuid(), 6);
+    ExpectFolderConsistent();
+  }
+}
+
+TEST_F(DiskFileTest, AFailedWriteLeavesNothingBehindAndTheCacheWorks) {
+  const FileOp ops[] = {FileOp::kCreate, FileOp::kOpen,     FileOp::kWrite,
+                        FileOp::kFlush,  FileOp::kTruncate, FileOp::kRename};
+  for (FileOp op : ops) {
+    for (bool persistent : {false, true}) {
+      SCOPED_TRACE(::testing::Message() << zelcore::filesupport::FileOpName(op)
+                                        << (persistent ? " persistent" : " once"));
+      auto item = AddItem();
+      const uint64_t failed = counters_.failedWrites;
+      FaultInjection::FailNth(op, 1, EIO, persistent);
+      item->PrepAndWrite(bag_);
+      EXPECT_GE(FaultInjection::InjectedCount(), 1u);
+      FaultInjection::Reset();
+      EXPECT_EQ(counters_.failedWrites, failed + 1);
+      EXPECT_FALSE(item->HasDiskCacheFile());
+      for (const auto& name : jx::testing::FolderNames(dir_)) {
+        EXPECT_EQ(name.find(item->GetGuid().AsString()), std::string::npos) << name;
+      }
+      ExpectFolderConsistent();
+
+      item->PrepAndWrite(bag_);
+      ASSERT_TRUE(item->HasDiskCacheFile());
+      Purge(item);
+      ExpectReadsBack(item->GetGuid(), 5);
+      ExpectFolderConsistent();
+    }
+  }
+}
+
+}  // namespace

@@ -1,0 +1,353 @@
+// The disk cache folder: where it lies, whether it can be used, the room it may take, and the
+// folder-wide scan and purge.
+#include "disk/disk_folder.h"
+
+#include <algorithm>
+#include <atomic>
+#include <climits>
+#include <ctime>
+#include <map>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "bag/bag.h"
+#include "disk/disk_speed.h"
+#include "host/feature.h"
+#include "host/file_iterator.h"
+#include "host/file_utils.h"
+#include "host/guid.h"
+#include "host/profiler.h"
+#include "host/safe_save.h"
+#include "host/text_encoding.h"
+#include "host/trace.h"
+#include "host/y_api.h"
+#include "lifecycle/lifecycle.h"
+#include "lifecycle/messages.h"
+#include "lifecycle/settings.h"
+
+using zelcore::filesupport::Dir;
+using zelcore::filesupport::File;
+using zelcore::utility::FileUtils;
+
+namespace {
+
+constexpr const char* kFolderNonexistent =
+    "$$$/KQ/JX/DiskCacheFolderNonexistent=Disk Cache folder doesn't exist (or isn't a "
+    "directory), so it will be reset to the system temporary directory. Please check your "
+    "settings in Media and Disk Cache Preferences.";
+constexpr const char* kFolderCantWrite =
+    "$$$/KQ/JX/DiskCacheFolderCantWrite=Unable to write to Disk Cache folder, so disk caching "
+    "will be disabled. Please check your settings in Media and Disk Cache Preferences.";
+constexpr int kThisComputerMessage = 23;
+// Host builds that are not betas carry the plain product name.
+constexpr bool kBetaBuild = false;
+
+std::atomic<int64_t> gMinVolumeFreeSpace{jx::disk::kDefaultMinVolumeFreeSpaceGB << 30};
+
+// Opens the host's quiet-errors mode for the current thread.
+class ScQuietErrors {
+ public:
+  ScQuietErrors() { Y_StartQuietErrorsOnCurrentThread(); }
+  ~ScQuietErrors() { Y_EndQuietErrorsOnCurrentThread(); }
+  ScQuietErrors(const ScQuietErrors&) = delete;
+  ScQuietErrors& operator=(const ScQuietErrors&) = delete;
+};
+
+// Only a person at the main thread can act on a folder warning; elsewhere the state change
+// happens silently.
+void WarnOnMainThread(const char* lstrKey) {
+  if (Y_IsOnMainThread()) Y_ReportError(0, 0, lstrKey);
+}
+
+void ReadAdditionalSettings() {
+  namespace prefs = zelappsupport::preferences;
+  using namespace jx::disk;
+  int64_t gigabytes =
+      prefs::GetInt64(kPreferencesGroup, kMinVolumeFreeSpaceName, kDefaultMinVolumeFreeSpaceGB);
+  gigabytes = std::clamp<int64_t>(gigabytes, 0, INT64_MAX >> 30);
+  gMinVolumeFreeSpace.exchange(gigabytes << 30);
+  SetProclivityMultiplier(
+      prefs::GetDouble(kPreferencesGroup, kProclivityName, kDefaultProclivityMultiplier));
+  SetSpeedCap(prefs::GetDouble(kPreferencesGroup, kSpeedCapName, kDefaultSpeedCap));
+}
+
+// Creates the folder and proves that a file can be made in it: a folder that exists but
+// refuses files is as useless as one that cannot be made.
+bool MakeWritableFolder(const Dir& dir) {
+  try {
+    if (!FileUtils::EnsureDirectoryExists(dir.GetPath())) return false;
+    File probe = dir.GetFile(".write-probe-" + zelcore::utility::Guid::CreateUnique().AsString());
+    probe.Create();
+    probe.Delete();
+    return true;
+  } catch (...) {
+    Y_TranslateAndReportException();
+    return false;
+  }
+}
+
+std::vector<std::string> SplitAtDots(const std::string& name) {
+  std::vector<std::string> fields;
+  size_t start = 0;
+  for (;;) {
+    const size_t dot = name.find('.', start);
+    fields.push_back(name.substr(start, dot - start));
+    if (dot == std::string::npos) return fields;
+    start = dot + 1;
+  }
+}
+
+}  // namespace
+
+namespace jx::disk {
+
+std::string MachineFolderName(const std::string& computerName) {
+  std::string name = computerName;
+  if (name.empty()) name = zelcore::utility::UTF16ToUTF8(jx::LookupMessage(kThisComputerMessage));
+  return "Disk Cache - " + FileUtils::ReplaceIllegalFileNameCharacters(name, '-') + ".noindex";
+}
+
+bool IsCacheFileName(const std::string& name) {
+  const std::string_view ext(kCacheFileExtension);
+  return name.size() > ext.size() && std::string_view(name).substr(name.size() - ext.size()) == ext;
+}
+
+bool ParseCacheFileVersion(const std::string& name, uint32_t* version) {
+  const std::vector<std::string> fields = SplitAtDots(name);
+  if (fields.size() < 4 || fields[2].empty() || fields[2].size() > 8) return false;
+  uint32_t v = 0;
+  for (char c : fields[2]) {
+    int digit;
+    if (c >= '0' && c <= '9') {
+      digit = c - '0';
+    } else if (c >= 'A' && c <= 'F') {
+      digit = c - 'A' + 10;
+    } else {
+      return false;
+    }
+    v = (v << 4) | static_cast<uint32_t>(digit);
+  }
+  *version = v;
+  return true;
+}
+
+int DeleteLeftoverTempFiles(const Dir& dir, int64_t minAgeSeconds) {
+  int deleted = 0;
+  const int64_t now = static_cast<int64_t>(std::time(nullptr));
+  std::vector<std::string> names;
+  try {
+    names = dir.ListNames();
+  } catch (...) {
+    return 0;
+  }
+  for (const std::string& name : names) {
+    if (!zelcore::filesupport::SafeSave::IsTempFileName(name)) continue;
+    File f = dir.GetFile(name);
+    try {
+      if (now - f.GetCreationTime() < minAgeSeconds) continue;  // a live writer's
+      f.Delete();
+      ++deleted;
+    } catch (...) {
+      // Gone already, or not ours to delete: either way nothing to keep track of.
+    }
+  }
+  return deleted;
+}
+
+int64_t GetMinimumVolumeFreeSpace() { return gMinVolumeFreeSpace.load(std::memory_order_relaxed); }
+
+}  // namespace jx::disk
+
+void JX_Bag::SetDiskCacheInfo(const std::string& folder, long long maxDiskCacheSize) {
+  Dir chosen(folder);
+  if (folder.empty() || !chosen.Exists()) {
+    WarnOnMainThread(kFolderNonexistent);
+    chosen = Dir::TempDirectory();
+  }
+  const std::string product = std::string(jx::disk::kProductFolder) + (kBetaBuild ? " (Beta)" : "");
+  const Dir machine = chosen.Join(jx::disk::kMakerFolder)
+                          .Join(product)
+                          .Join(jx::disk::MachineFolderName(FileUtils::GetComputerName()));
+  const bool usable = MakeWritableFolder(machine);
+  if (!usable) WarnOnMainThread(kFolderCantWrite);
+  ReadAdditionalSettings();
+  {
+    std::lock_guard<std::mutex> l(diskMutex_);
+    diskCacheDir_ = usable ? machine : Dir();
+    diskCacheDirText_ = zelcore::utility::UTF8ToUTF16(diskCacheDir_.GetPath());
+    maxDiskCacheSize_ = maxDiskCacheSize;
+  }
+  EnableDiskCache(usable);
+  // The deferred task scans the folder at start-up when the host wants it.
+  if (usable) jx::QueueIdleDiskTask();
+}
+
+zelcore::filesupport::Dir JX_Bag::GetDiskCacheDirSpec() const {
+  std::lock_guard<std::mutex> l(diskMutex_);
+  return diskCacheDir_;
+}
+
+long long JX_Bag::GetCurFreeSpace() const {
+  std::lock_guard<std::mutex> l(diskMutex_);
+  return maxDiskCacheSize_ - GetCurrentDiskCacheSize();
+}
+
+long long JX_Bag::GetMaxDiskCacheSize() const {
+  std::lock_guard<std::mutex> l(diskMutex_);
+  return maxDiskCacheSize_;
+}
+
+bool JX_Bag::IsDiskCacheLimitedDueToDriveSpace() const {
+  Dir dir;
+  long long maxSize;
+  {
+    std::lock_guard<std::mutex> l(diskMutex_);
+    dir = diskCacheDir_;
+    maxSize = maxDiskCacheSize_;
+  }
+  const long long need =
+      jx::disk::GetMinimumVolumeFreeSpace() - GetCurrentDiskCacheSize() + maxSize;
+  if (need < 0 || dir.IsEmpty()) return false;
+  const int64_t volumeFree = FileUtils::GetVolumeFreeSpace(dir.GetPath());
+  return volumeFree >= 0 && volumeFree < need;
+}
+
+bool JX_Bag::EnsureDiskSpace(long long bytesNeeded, unsigned long long lastUsedThreshold) {
+  ZC_PROFILE_SCOPE("KQ.JX_Bag::EnsureDiskSpace", 6);
+  long long free = GetCurFreeSpace();
+  const long long target = bytesNeeded;
+  if (free >= target) return true;
+  std::deque<StuffPtr> items;
+  {
+    ZC_PROFILE_SCOPE("KQ.JX_Bag::EnsureDiskSpace - bag copy", 6);
+    items = CopyMruItems();  // oldest use first; the library lock is released on return
+  }
+  for (const StuffPtr& item : items) {
+    if (free >= target) break;
+    bool deleted = false;
+    bool skipped = false;
+    item->MaybeDeleteDiskCacheFile(lastUsedThreshold, &deleted, &skipped);
+    if (deleted) free = GetCurFreeSpace();
+  }
+  const bool enough = free >= target;
+  if (!enough) {
+    ZC_TRACE("JX", 5, "EnsureDiskSpace: short of " << (target - free) << " bytes");
+    if (diskOutOfSpace_) diskOutOfSpace_->Fire();
+  }
+  return enough;
+}
+
+void JX_Bag::RequestDiskCacheScan() {
+  diskScanRequested_.store(true, std::memory_order_release);
+  jx::QueueIdleDiskTask();
+}
+
+int JX_Bag::ScanDiskCacheDir() {
+  ZC_PROFILE_SCOPE("KQ.JX_SortDir::ScanDiskCacheDir", 6);
+  if (!IsDiskCacheEnabled()) return 0;
+  const bool requested = diskScanRequested_.exchange(false, std::memory_order_acq_rel);
+  if (!requested && !jx::settings::MediaMapAllowed()) return 0;
+  // The folder is copied out under the disk mutex and walked without it: adopting a file takes
+  // the library lock, and the disk mutex is a leaf.
+  std::lock_guard<std::mutex> scanLock(diskScanMutex_);
+  ScQuietErrors quiet;
+  const Dir dir = GetDiskCacheDirSpec();
+  if (dir.IsEmpty()) return 0;
+  jx::disk::DeleteLeftoverTempFiles(dir, jx::disk::kLeftoverTempAgeSeconds);
+
+  // Oldest file first, so that after a restart the recency order (and with it the order in
+  // which the folder's room is reclaimed) follows the files' age.
+  std::vector<std::pair<int64_t, File>> files;
+  zelcore::filesupport::RecursiveFileIterator it(dir);
+  File f;
+  while (it.Next(&f)) {
+    if (!jx::disk::IsCacheFileName(f.GetName())) continue;
+    try {
+      files.emplace_back(f.GetCreationTime(), f);
+    } catch (...) {
+      // Deleted while we walked.
+    }
+  }
+  std::stable_sort(files.begin(), files.end(),
+                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  int handed = 0;
+  for (const auto& entry : files) {
+    try {
+      ScanOneDiskCacheFile(entry.second);
+      ++handed;
+    } catch (...) {
+      // One bad file never stops the scan.
+      ZC_TRACE("JX", 5, "ScanDiskCacheDir: skipped " << entry.second.GetName());
+    }
+  }
+  return handed;
+}
+
+JX_Bag::DiskPurgeResult JX_Bag::PurgeAllDiskCaches() {
+  DiskPurgeResult result;
+  const Dir dir = GetDiskCacheDirSpec();
+  if (dir.IsEmpty()) return result;
+  ZC_TRACE("JX", 5, "PurgeAllDiskCaches: staged to clear:" << dir.GetPath());
+  std::lock_guard<std::mutex> scanLock(diskScanMutex_);
+  // The running version's files go through their items so that the disk size stays exact.
+  // A file pinned by a reader is kept.
+  std::set<std::string> kept;
+  auto deleteThroughItem = [&](const StuffPtr& item) {
+    const File file = item->GetDiskCacheFile();
+    if (file.IsEmpty()) return;
+    if (item->GetNumDiskCacheCheckouts() != 0) {
+      kept.insert(file.GetPath());
+      return;
+    }
+    item->DeleteDiskCacheFile();
+    if (file.Exists()) {
+      kept.insert(file.GetPath());
+    } else {
+      ++result.deleted;
+    }
+    // An item that lived only on disk has nothing left: let it go.
+    if (!item->IsInMemory() && !item->IsPendingRender())
+      item->FreeUpAsMuchAsPossible(true, nullptr);
+  };
+  try {
+    for (const StuffPtr& item : CopyMruItems()) deleteThroughItem(item);
+    // What is left: other versions' files, this version's files no item owns (another
+    // process's), and files a write committed meanwhile.
+    const std::vector<std::string> names = dir.ListNames();
+    std::map<std::string, StuffPtr> owners;
+    for (const StuffPtr& item : CopyMruItems()) {
+      const File file = item->GetDiskCacheFile();
+      if (!file.IsEmpty()) owners.emplace(file.GetPath(), item);
+    }
+    for (const std::string& name : names) {
+      if (!jx::disk::IsCacheFileName(name)) {
+        ZC_TRACE("JX", 6, "PurgeAllDiskCaches: ignoring:" << name);
+        continue;
+      }
+      const File file = dir.GetFile(name);
+      if (kept.count(file.GetPath())) continue;
+      uint32_t version = 0;
+      if (jx::disk::ParseCacheFileVersion(name, &version) && version == appVersion_) {
+        ZC_TRACE("JX", 6, "PurgeAllDiskCaches: found match curr" << name);
+        auto owner = owners.find(file.GetPath());
+        if (owner != owners.end()) {
+          deleteThroughItem(owner->second);
+          continue;
+        }
+      }
+      try {
+        file.Delete();
+        ++result.deleted;
+      } catch (...) {
+        if (file.Exists()) kept.insert(file.GetPath());
+      }
+    }
+    jx::disk::DeleteLeftoverTempFiles(dir, jx::disk::kLeftoverTempAgeSeconds);
+    ZC_TRACE("JX", 5, "PurgeAllDiskCaches: Finished\n");
+  } catch (...) {
+    ZC_TRACE("JX", 1, "PurgeAllDiskCaches THREW");
+  }
+  result.kept = static_cast<int>(kept.size());
+  return result;
+}

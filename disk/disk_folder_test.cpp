@@ -1,0 +1,249 @@
+// The disk cache folder: where it lies, the warnings when it cannot be used, the additional
+// settings, the room it may take (EnsureDiskSpace), the folder scan and the folder purge.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <thread>
+
+#include "disk/disk_folder.h"
+#include "disk/disk_speed.h"
+#include "disk/disk_test_support.h"
+#include "host/file_utils.h"
+#include "host/standalone_host.h"
+#include "items/sc_checkout.h"
+
+namespace cf = jx::checkout_flags;
+using jx::HostReport;
+using jx::StandaloneHost;
+using zelcore::filesupport::Dir;
+using zelcore::filesupport::File;
+using zelcore::utility::Guid;
+
+namespace {
+
+constexpr const char* kNonexistentText = "Disk Cache folder doesn't exist";
+constexpr const char* kCantWriteText = "Unable to write to Disk Cache folder";
+
+size_t Reports(const char* text) {
+  return StandaloneHost::Instance().CountReports(HostReport::Kind::kError, text);
+}
+
+class DiskFolderTest : public jx::testing::DiskTest {
+ protected:
+  // Points the system temporary folder into this test's folder for the scope of the test.
+  void UseTempDirInsideTest() {
+    const char* old = std::getenv("TMPDIR");
+    savedTmpDir_ = old ? old : "";
+    hadTmpDir_ = old != nullptr;
+    fakeTmp_ = tempDir_ + "/systemtmp";
+    ASSERT_EQ(mkdir(fakeTmp_.c_str(), 0700), 0);
+    setenv("TMPDIR", fakeTmp_.c_str(), 1);
+  }
+  void TearDown() override {
+    if (!fakeTmp_.empty()) {
+      if (hadTmpDir_) {
+        setenv("TMPDIR", savedTmpDir_.c_str(), 1);
+      } else {
+        unsetenv("TMPDIR");
+      }
+    }
+    DiskTest::TearDown();
+  }
+  std::string ExpectedFolder(const std::string& root) const {
+    return root + "/Orvane/Plexmotion/" +
+           jx::disk::MachineFolderName(zelcore::utility::FileUtils::GetComputerName());
+  }
+
+  std::string fakeTmp_, savedTmpDir_;
+  bool hadTmpDir_ = false;
+};
+
+TEST(DiskFolderNames, MachineFolder) {
+  EXPECT_EQ(jx::disk::MachineFolderName("studio-7"), "Disk Cache - studio-7.noindex");
+  EXPECT_EQ(jx::disk::MachineFolderName("a/b:c*d?e\"f<g>h|i\\j"),
+            "Disk Cache - a-b-c-d-e-f-g-h-i-j.noindex");
+  EXPECT_EQ(jx::disk::MachineFolderName(""), "Disk Cache - This Computer.noindex");
+}
+
+TEST(DiskFolderNames, CacheFileVersion) {
+  uint32_t v = 0;
+  EXPECT_TRUE(jx::disk::ParseCacheFileVersion("G.M.1A2B..kqcache", &v));
+  EXPECT_EQ(v, 0x1A2Bu);
+  EXPECT_FALSE(jx::disk::ParseCacheFileVersion("G.M.1a2b..kqcache", &v)) << "upper case only";
+  EXPECT_FALSE(jx::disk::ParseCacheFileVersion("G.M.123456789..kqcache", &v)) << "above 32 bits";
+  EXPECT_FALSE(jx::disk::ParseCacheFileVersion("G.M.kqcache", &v));
+  EXPECT_TRUE(jx::disk::IsCacheFileName("x.kqcache"));
+  EXPECT_FALSE(jx::disk::IsCacheFileName("x.kqcache.1.2.tmp"));
+}
+
+TEST_F(DiskFolderTest, FolderLayoutAndFallbacks) {
+  EXPECT_EQ(Folder().GetPath(), ExpectedFolder(tempDir_));
+  EXPECT_TRUE(Folder().Exists());
+  EXPECT_EQ(Reports(""), 0u);
+
+  UseTempDirInsideTest();
+  // Missing folder, and a file where the folder should be: the system temporary folder, one
+  // warning each on the main thread.
+  const std::string plainFile = tempDir_ + "/plain";
+  std::ofstream(plainFile) << "x";
+  for (const std::string& bad : {tempDir_ + "/missing", plainFile, std::string()}) {
+    StandaloneHost::Instance().ClearReports();
+    bag_->SetDiskCacheInfo(bad, 1000);
+    EXPECT_EQ(Reports(kNonexistentText), 1u) << bad;
+    EXPECT_EQ(Reports(kCantWriteText), 0u);
+    EXPECT_TRUE(bag_->IsDiskCacheEnabled());
+    EXPECT_EQ(Folder().GetPath(), ExpectedFolder(fakeTmp_));
+  }
+  // Elsewhere than on the main thread the same happens without a word.
+  StandaloneHost::Instance().ClearReports();
+  std::thread([&] { bag_->SetDiskCacheInfo(tempDir_ + "/missing", 1000); }).join();
+  EXPECT_EQ(Reports(""), 0u);
+  EXPECT_EQ(Folder().GetPath(), ExpectedFolder(fakeTmp_));
+}
+
+TEST_F(DiskFolderTest, UnwritableFolderDisablesDiskCaching) {
+  // The folder exists, but a file stands where the maker's folder must go: nothing can be
+  // made beneath it, whoever we run as.
+  const std::string root = tempDir_ + "/blocked";
+  ASSERT_EQ(mkdir(root.c_str(), 0700), 0);
+  std::ofstream(root + "/Orvane") << "x";
+  std::thread([&] { bag_->SetDiskCacheInfo(root, 1000); }).join();
+  EXPECT_FALSE(bag_->IsDiskCacheEnabled());
+  EXPECT_EQ(Reports(""), 0u) << "no warning off the main thread";
+
+  bag_->SetDiskCacheInfo(root, 1000);
+  EXPECT_FALSE(bag_->IsDiskCacheEnabled());
+  EXPECT_TRUE(Folder().IsEmpty());
+  EXPECT_EQ(Reports(kCantWriteText), 1u);
+  EXPECT_EQ(Reports(kNonexistentText), 0u);
+
+  // A usable folder switches it back on.
+  bag_->SetDiskCacheInfo(tempDir_, 1000);
+  EXPECT_TRUE(bag_->IsDiskCacheEnabled());
+}
+
+TEST_F(DiskFolderTest, AdditionalSettingsAndDriveSpace) {
+  namespace prefs = zelappsupport::preferences;
+  EXPECT_EQ(jx::disk::GetSpeedCap(), jx::disk::kDefaultSpeedCap);
+  EXPECT_EQ(jx::disk::GetProclivityMultiplier(), 1.0);
+  EXPECT_EQ(jx::disk::GetMinimumVolumeFreeSpace(), 10LL << 30);
+
+  prefs::SetValue(jx::disk::kPreferencesGroup, jx::disk::kProclivityName, "2.5");
+  prefs::SetValue(jx::disk::kPreferencesGroup, jx::disk::kSpeedCapName, "1000000");
+  prefs::SetValue(jx::disk::kPreferencesGroup, jx::disk::kMinVolumeFreeSpaceName, "0");
+  bag_->SetDiskCacheInfo(tempDir_, 0);
+  EXPECT_EQ(jx::disk::GetProclivityMultiplier(), 2.5);
+  EXPECT_EQ(jx::disk::GetSpeedCap(), 1e6);
+  EXPECT_EQ(jx::disk::GetMinimumVolumeFreeSpace(), 0);
+  // need = 0 - 0 + 0: any volume holds that.
+  EXPECT_FALSE(bag_->IsDiskCacheLimitedDueToDriveSpace());
+  // No volume has 100 PB to spare.
+  prefs::SetValue(jx::disk::kPreferencesGroup, jx::disk::kMinVolumeFreeSpaceName, "100000000");
+  bag_->SetDiskCacheInfo(tempDir_, 1000);
+  EXPECT_EQ(jx::disk::GetMinimumVolumeFreeSpace(), 100000000LL << 30);
+  EXPECT_TRUE(bag_->IsDiskCacheLimitedDueToDriveSpace());
+  // With the cache already over its limit, need is negative: not the volume's fault.
+  prefs::SetValue(jx::disk::kPreferencesGroup, jx::disk::kMinVolumeFreeSpaceName, "0");
+  bag_->SetDiskCacheInfo(tempDir_, 0);
+  auto item = AddItemWithFile(100);
+  EXPECT_FALSE(bag_->IsDiskCacheLimitedDueToDriveSpace());
+
+  prefs::Clear();
+  bag_->SetDiskCacheInfo(tempDir_, 0);
+  EXPECT_EQ(jx::disk::GetSpeedCap(), jx::disk::kDefaultSpeedCap);
+  EXPECT_EQ(jx::disk::GetProclivityMultiplier(), 1.0);
+}
+
+TEST_F(DiskFolderTest, EnsureDiskSpaceDeletesOldestUnpinnedFirst) {
+  int outOfSpace = 0;
+  bag_->GetDiskOutOfSpaceSignal()->Connect([&] { ++outOfSpace; });
+  std::vector<zelcore::utility::IntrusivePtr<JX_Stuff>> items;
+  for (int i = 0; i < 6; ++i) items.push_back(AddItemWithFile(100));
+  bag_->SetDiskCacheInfo(tempDir_, 600);
+  EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 600);
+  EXPECT_EQ(bag_->GetCurFreeSpace(), 0) << "full: every write must make room first";
+
+  // Pins: a disk checkout on 0, a scoped check-out's disk hold on 1 (suspended, so that the
+  // item itself is not checked out), an ordinary check-out on 2.
+  auto pin0 = items[0]->CheckoutDiskCache();
+  ASSERT_TRUE(pin0);
+  JX_ScCheckout hold1(items[1], cf::kReadOnly);
+  ASSERT_TRUE(hold1.AcquireDiskHold());
+  hold1.SuspendCheckout();
+  ASSERT_EQ(items[1]->GetCheckoutCount(), 0u);
+  JX_ScCheckout out2(items[2], cf::kReadOnly);
+  const File file3 = items[3]->GetDiskCacheFile();
+
+  // 150 bytes, anything used before item 5 may go: 3 then 4 (200 bytes freed), then stop.
+  EXPECT_TRUE(bag_->EnsureDiskSpace(150, items[5]->GetLastUsedTime()));
+  for (int i : {0, 1, 2, 5}) EXPECT_TRUE(items[i]->HasDiskCacheFile()) << i;
+  for (int i : {3, 4}) EXPECT_FALSE(items[i]->HasDiskCacheFile()) << i;
+  EXPECT_FALSE(file3.Exists());
+  EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 400);
+  EXPECT_EQ(outOfSpace, 0);
+
+  // 100 more than the 200 free: only item 5 is unpinned, but it was used at the threshold.
+  EXPECT_FALSE(bag_->EnsureDiskSpace(300, items[5]->GetLastUsedTime()));
+  EXPECT_TRUE(items[5]->HasDiskCacheFile());
+  EXPECT_EQ(outOfSpace, 1);
+
+  // Stops as soon as the target is met: one file is enough.
+  pin0.reset();
+  EXPECT_TRUE(bag_->EnsureDiskSpace(300, ~0ull));
+  EXPECT_FALSE(items[0]->HasDiskCacheFile());
+  EXPECT_TRUE(items[5]->HasDiskCacheFile());
+  EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 300);
+  hold1.ReleaseSuspendedCheckout();
+}
+
+TEST_F(DiskFolderTest, ScanHandsOverCacheFilesAndClearsLeftovers) {
+  MakeFile(CacheFileName(Guid::CreateUnique()), 10);
+  MakeFile(CacheFileName(Guid::CreateUnique(), 0x2A), 10);
+  MakeFile("notes.txt", 10);
+  const File leftover = MakeFile(CacheFileName(Guid::CreateUnique()) + ".123.4.tmp", 10);
+
+  EXPECT_EQ(bag_->ScanDiskCacheDir(), 0) << "nobody asked, and the media map was not allowed";
+  bag_->RequestDiskCacheScan();
+  EXPECT_EQ(bag_->ScanDiskCacheDir(), 2) << "both cache files; the reader sorts out versions";
+  EXPECT_TRUE(leftover.Exists()) << "a fresh temporary may belong to a live writer";
+  EXPECT_EQ(bag_->ScanDiskCacheDir(), 0) << "one request, one scan";
+
+  EXPECT_EQ(jx::disk::DeleteLeftoverTempFiles(Folder(), 0), 1);
+  EXPECT_FALSE(leftover.Exists());
+  EXPECT_EQ(Folder().ListNames().size(), 3u);
+
+  bag_->EnableDiskCache(false);
+  bag_->RequestDiskCacheScan();
+  EXPECT_EQ(bag_->ScanDiskCacheDir(), 0);
+}
+
+TEST_F(DiskFolderTest, PurgeAllDiskCachesKeepsOnlyPinnedFiles) {
+  auto a = AddItemWithFile(100);
+  auto b = AddItemWithFile(200);
+  auto pinned = AddItemWithFile(50);
+  auto pin = pinned->CheckoutDiskCache();
+  // An item that exists only on disk leaves the bag with its file.
+  auto diskOnly = AddItemWithFile(10);
+  diskOnly->FreeUpAsMuchAsPossible(true, nullptr);
+  ASSERT_FALSE(diskOnly->IsInMemory());
+  const File orphan = MakeFile(CacheFileName(Guid::CreateUnique()), 30);
+  const File otherVersion = MakeFile(CacheFileName(Guid::CreateUnique(), 0x77), 30);
+  const File notes = MakeFile("notes.txt", 5);
+  EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 360);
+
+  const JX_Bag::DiskPurgeResult r = bag_->PurgeAllDiskCaches();
+  EXPECT_EQ(r.deleted, 5);
+  EXPECT_EQ(r.kept, 1);
+  EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 50);
+  EXPECT_TRUE(pinned->HasDiskCacheFile());
+  EXPECT_FALSE(a->HasDiskCacheFile());
+  EXPECT_TRUE(a->IsInMemory());
+  EXPECT_FALSE(diskOnly->GetBag());
+  EXPECT_FALSE(orphan.Exists());
+  EXPECT_FALSE(otherVersion.Exists());
+  EXPECT_TRUE(notes.Exists());
+  EXPECT_EQ(bag_->GetNumItems(), 3);
+}
+
+}  // namespace

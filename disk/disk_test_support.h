@@ -1,0 +1,105 @@
+// Shared by the disk tests: the factory that rebuilds TestPayloads from their file names, helpers
+// that look at the cache folder the way a person would (list it, add up its files), and a fixture
+// with a disk cache folder whose items own real files in it.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "bag/bag.h"
+#include "host/feature.h"
+#include "host/file.h"
+#include "items/stuff_data.h"
+#include "testing/jx_test_support.h"
+
+namespace jx::testing {
+
+// Registers the "TestPayload" factory: an empty (not in memory) payload of the size and seed
+// its header names, as a folder scan needs it.
+inline void RegisterTestPayloadFactory() {
+  JX_StuffData::Factory factory =
+      [](const JX_StuffData::Header& header) -> zelcore::utility::IntrusivePtr<JX_StuffData> {
+    if (header.size() != 8) return {};
+    uint32_t seed, size;
+    std::memcpy(&seed, header.data(), 4);
+    std::memcpy(&size, header.data() + 4, 4);
+    auto* payload = new TestPayload(size, seed, true);
+    payload->PurgeIfPossible(nullptr);
+    return zelcore::utility::IntrusivePtr<JX_StuffData>(payload);
+  };
+  JX_StuffData::RegisterFactory("TestPayload", factory);
+}
+
+inline std::vector<std::string> FolderNames(const zelcore::filesupport::Dir& dir) {
+  return dir.Exists() ? dir.ListNames() : std::vector<std::string>{};
+}
+
+inline long long SumOfFileSizes(const zelcore::filesupport::Dir& dir) {
+  long long sum = 0;
+  for (const auto& name : FolderNames(dir)) sum += static_cast<long long>(dir.GetFile(name).Size());
+  return sum;
+}
+
+inline bool HasTempFiles(const zelcore::filesupport::Dir& dir) {
+  for (const auto& name : FolderNames(dir)) {
+    if (name.size() >= 4 && name.compare(name.size() - 4, 4, ".tmp") == 0) return true;
+  }
+  return false;
+}
+
+class DiskTest : public LibraryTest {
+ protected:
+  static constexpr long long kDefaultMaxDisk = 1LL << 30;
+
+  void SetUp() override {
+    zelappsupport::preferences::Clear();
+    LibraryTest::SetUp();
+    bag_->SetDiskCacheInfo(tempDir_, kDefaultMaxDisk);
+    ASSERT_TRUE(bag_->IsDiskCacheEnabled());
+  }
+  void TearDown() override {
+    LibraryTest::TearDown();
+    zelappsupport::preferences::Clear();
+  }
+
+  zelcore::filesupport::Dir Folder() const { return bag_->GetDiskCacheDirSpec(); }
+
+  // A cache file name of `version` (the running one by default).
+  std::string CacheFileName(const zelcore::utility::Guid& guid, unsigned version = 0) const {
+    char hex[16];
+    std::snprintf(hex, sizeof hex, "%X", version ? version : bag_->GetAppVersion());
+    return guid.AsString() + ".TestPayload." + hex + "..kqcache";
+  }
+
+  zelcore::filesupport::File MakeFile(const std::string& name, size_t bytes) const {
+    zelcore::filesupport::File f = Folder().GetFile(name);
+    std::ofstream(f.GetPath(), std::ios::binary) << std::string(bytes, 'x');
+    return f;
+  }
+
+  // An item in the bag whose disk copy is a real file of `fileBytes`.
+  zelcore::utility::IntrusivePtr<JX_Stuff> AddItemWithFile(size_t fileBytes,
+                                                           unsigned memSize = 16) {
+    auto item = MakeItem(memSize);
+    bag_->AddToBagAndSortDir(item);
+    item->SetDiskCacheFile(MakeFile(CacheFileName(item->GetGuid()), fileBytes), false);
+    item->SyncDiskSizeWithBag(static_cast<unsigned>(fileBytes));
+    return item;
+  }
+
+  // An item in the bag whose payload may go to disk, with a long compute time.
+  zelcore::utility::IntrusivePtr<JX_Stuff> AddDiskCacheableItem(unsigned size,
+                                                                double computeTime = 10.0) {
+    auto item = JX_Stuff::CreateNew(
+        zelcore::utility::IntrusivePtr<JX_StuffData>(new TestPayload(size, 7, true)), computeTime);
+    item->SetGuid(zelcore::utility::Guid::CreateUnique());
+    bag_->AddToBagAndSortDir(item);
+    return item;
+  }
+};
+
+}  // namespace jx::testing

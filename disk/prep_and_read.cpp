@@ -1,0 +1,83 @@
+// JX_Stuff::PrepAndRead: reading an item's payload back from its disk cache file.
+//
+// A file that cannot be read back is deleted at once, so it is never tried twice; the caller
+// gets the error and treats the item like one that was never cached (it is recomputed).
+#include <chrono>
+#include <thread>
+
+#include "bag/bag.h"
+#include "disk/disk_counters.h"
+#include "disk/disk_writer.h"
+#include "disk/quiet_errors.h"
+#include "host/byte_stream.h"
+#include "host/profiler.h"
+#include "host/trace.h"
+#include "host/y_api.h"
+#include "items/stuff.h"
+#include "lifecycle/failures.h"
+#include "lifecycle/settings.h"
+
+using zelcore::filesupport::BufferedIByteStream;
+using zelcore::filesupport::File;
+using zelcore::filesupport::IPlatformByteStream;
+using zelcore::threads::ScopedReadLockWrapper;
+using zelcore::threads::ScopedUpgradeLockWrapper;
+using zelcore::utility::IntrusivePtr;
+
+namespace {
+
+constexpr size_t kReadBufferSize = 0x200000;
+constexpr size_t kReadBlockSize = 4096;
+
+// A slow disk, simulated: the delay counts as read time.
+double SimulatedReadDelaySeconds() {
+  const int32_t delayMs = jx::settings::ReadDiskDelayMs();
+  if (delayMs <= 0) return 0.0;
+  std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
+  return delayMs / 1000.0;
+}
+
+}  // namespace
+
+void JX_Stuff::PrepAndRead(const ScopedUpgradeLockWrapper& lock) {
+  ZC_PROFILE_SCOPE("KQ.JX_Stuff::PrepAndRead", 6);
+  jx::disk::ScQuietErrors quiet;
+  auto& counters = jx::disk::GetCounters();
+  int code = 0;
+  try {
+    const double delaySeconds = SimulatedReadDelaySeconds();
+    IntrusivePtr<JX_StuffData> data;
+    std::shared_ptr<File> file;
+    {
+      ScopedReadLockWrapper r(mutex_);
+      data = data_;
+      file = diskFile_;
+    }
+    if (!data) jx::FailVerification("PrepAndRead() called on stuff with no data");
+    JX_DeprioritizeBackgroundWrites();
+    if (!file) return;
+
+    IPlatformByteStream raw(*file);
+    const uint64_t fileSize = raw.Size();
+    BufferedIByteStream in(raw, kReadBufferSize, kReadBlockSize);
+    const double seconds = data->Read(in, lock.mutex()) + delaySeconds;
+    const unsigned int payloadSize = data->GetApproximateMemorySize();
+    SyncMemorySizeWithBag(payloadSize);
+    if (seconds > 0.0) jx::disk::AddReadSpeedSample(payloadSize, seconds);
+    counters.bytesRead.fetch_add(fileSize, std::memory_order_relaxed);
+    counters.filesRead.fetch_add(1, std::memory_order_relaxed);
+    return;
+  } catch (int c) {
+    code = c;
+  } catch (const std::exception& e) {
+    code = Y_TranslateAndReportException();
+    ZC_TRACE("JX", 3, "PrepAndRead: " << e.what());
+  }
+  DeleteDiskCacheFile();
+  // DeleteDiskCacheFile leaves the accounted size alone when it could not see the file's size
+  // (an empty or vanished file); the item has no file now either way.
+  SyncDiskSizeWithBag(0);
+  counters.failedReads.fetch_add(1, std::memory_order_relaxed);
+  ZC_TRACE("JX", 3, "PrepAndRead failed with code " << code << "; disk cache file deleted");
+  throw code;
+}

@@ -1,0 +1,147 @@
+// JX_Stuff::PrepAndWrite: writing one item's disk cache file.
+//
+// The file is written beside its final name through SafeSave and renamed into place only when
+// complete, so the folder never shows a partial cache file, whatever fails and whenever the
+// process dies. Any failure leaves the item without a file and counts a failed write; it never
+// reaches the caller (the disk thread) and never touches the item's memory.
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <thread>
+
+#include "bag/bag.h"
+#include "disk/cache_file_name.h"
+#include "disk/disk_counters.h"
+#include "disk/fast_write_stream.h"
+#include "disk/quiet_errors.h"
+#include "disk/scan_one_file.h"
+#include "host/high_precision_time.h"
+#include "host/profiler.h"
+#include "host/safe_save.h"
+#include "host/trace.h"
+#include "host/y_api.h"
+#include "items/stuff.h"
+#include "lifecycle/failures.h"
+#include "lifecycle/lifecycle.h"
+#include "lifecycle/settings.h"
+
+using zelcore::filesupport::File;
+using zelcore::filesupport::SafeSave;
+using zelcore::threads::ScopedReadLockWrapper;
+using zelcore::threads::ScopedWriteLockWrapper;
+using zelcore::utility::IntrusivePtr;
+
+namespace {
+
+void VerifyWriteable(const IntrusivePtr<JX_StuffData>& data, const std::shared_ptr<JX_Bag>& bag,
+                     const zelcore::utility::Guid& guid) {
+  if (!data) jx::FailVerification("PrepAndWrite() called on stuff with no data");
+  if (!data->CanDiskCache())
+    jx::FailVerification("PrepAndWrite() called on non-diskcacheable stuff");
+  if (!bag) jx::FailVerification("PrepAndWrite() called with NULL bag");
+  if (guid.IsEmpty()) jx::FailVerification("Passed invalid GUID");
+}
+
+// The file the item's payload belongs in. Files carry the running (global) bag's version: that
+// is the version a later scan compares with.
+File TargetFile(const JX_StuffData& data, const zelcore::utility::Guid& guid, const JX_Bag& bag) {
+  const auto global = JX_GlobalBag();
+  const uint32_t version = global ? global->GetAppVersion() : bag.GetAppVersion();
+  JX_StuffData::Header header;
+  data.GetHeader(header);
+  const char* matchName = data.GetSubclassMatchname();
+  return File(bag.GetDiskCacheDirSpec(),
+              jx::disk::MakeCacheFileName(guid, matchName ? matchName : "", version, header.data(),
+                                          header.size()));
+}
+
+// A slow disk, simulated: the delay counts as write time.
+double SimulatedWriteDelaySeconds() {
+  const int32_t delayMs = jx::settings::WriteDiskDelayMs();
+  if (delayMs <= 0) return 0.0;
+  std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
+  return delayMs / 1000.0;
+}
+
+// Creates `temp` and writes the payload into it, completely. Returns the seconds it took.
+double WriteBody(const JX_StuffData& data, const File& temp) {
+  temp.Create();
+  temp.SetNotContentIndexed();
+  double seconds = SimulatedWriteDelaySeconds();
+  jx::disk::FastWriteOnlyStream stream(temp);
+  seconds += data.Write(stream);
+  zelcore::utility::Timer flushTimer;
+  stream.Flush();
+  stream.WriteFinalBlock();
+  stream.Close();
+  return seconds + flushTimer.GetElapsedSeconds();
+}
+
+uint64_t SizeOrDelete(const File& file) {
+  try {
+    return file.Size();
+  } catch (...) {
+    // A committed file the item cannot account for must not stay behind uncounted.
+    try {
+      file.Delete();
+    } catch (...) {
+    }
+    throw;
+  }
+}
+
+}  // namespace
+
+void JX_Stuff::PrepAndWrite(const std::shared_ptr<JX_Bag>& bag) {
+  ZC_PROFILE_SCOPE("KQ.JX_Stuff::PrepAndWrite", 6);
+  jx::disk::ScQuietErrors quiet;
+  auto& counters = jx::disk::GetCounters();
+  bool claimed = false;
+  try {
+    IntrusivePtr<JX_StuffData> data;
+    {
+      ScopedReadLockWrapper r(mutex_);
+      data = data_;
+    }
+    const zelcore::utility::Guid guid = GetGuid();
+    VerifyWriteable(data, bag, guid);
+    const File target = TargetFile(*data, guid, *bag);
+    SafeSave save(target);
+    const File& temp = save.GetTempFile();
+
+    // A file of this name was written earlier (by us or by another process of this version):
+    // the item adopts it and there is nothing left to write.
+    JX_ScanOneDiskCacheFile(target);
+
+    uint32_t idle = 0;
+    claimed = writeInProgress_.compare_exchange_strong(idle, 1, std::memory_order_acq_rel);
+    if (!claimed || HasDiskCacheFile() || temp.Exists() || target.Exists()) {
+      counters.writesSkipped.fetch_add(1, std::memory_order_relaxed);
+    } else {
+      const double seconds = WriteBody(*data, temp);
+      if (seconds > 0.0) jx::disk::AddWriteSpeedSample(data->GetApproximateMemorySize(), seconds);
+      save.Commit();
+
+      uint64_t size;
+      MemDiskChangedSignal* changed;
+      {
+        ScopedWriteLockWrapper wl(mutex_);
+        size = SizeOrDelete(target);
+        diskFile_ = std::make_shared<File>(target);
+        changed = memDiskChanged_.get();
+      }
+      SyncDiskSizeWithBag(static_cast<unsigned int>(std::min<uint64_t>(size, UINT32_MAX)));
+      counters.bytesWritten.fetch_add(size, std::memory_order_relaxed);
+      counters.filesWritten.fetch_add(1, std::memory_order_relaxed);
+      if (changed) changed->Fire(true, true);
+    }
+  } catch (int code) {
+    counters.failedWrites.fetch_add(1, std::memory_order_relaxed);
+    ZC_TRACE("JX", 3, "PrepAndWrite failed with code " << code);
+  } catch (const std::exception& e) {
+    const int32_t code = Y_TranslateAndReportException();
+    counters.failedWrites.fetch_add(1, std::memory_order_relaxed);
+    ZC_TRACE("JX", 3, "PrepAndWrite failed with code " << code << ": " << e.what());
+  }
+  if (claimed) writeInProgress_.store(0, std::memory_order_release);
+}

@@ -1,0 +1,95 @@
+// JX_ScanOneDiskCacheFile and JX_Bag::ScanOneDiskCacheFile: adopting one cache file.
+#include "disk/scan_one_file.h"
+
+#include <algorithm>
+#include <cstdint>
+
+#include "bag/bag.h"
+#include "disk/cache_file_name.h"
+#include "disk/disk_counters.h"
+#include "disk/quiet_errors.h"
+#include "host/trace.h"
+#include "host/y_api.h"
+#include "items/sc_checkout.h"
+#include "lifecycle/failures.h"
+#include "lifecycle/lifecycle.h"
+
+using zelcore::filesupport::File;
+using zelcore::utility::IntrusivePtr;
+
+namespace {
+
+namespace cf = jx::checkout_flags;
+// Finds a same-key item as it stands: never reads its payload back, never waits for it.
+constexpr int kAdoptLookupFlags = cf::kReadOnly | cf::kNoDiskRead;
+
+// An empty payload of the file's class, or throws (a version mismatch as its own code).
+IntrusivePtr<JX_StuffData> PayloadForFile(const File& file, uint32_t runningVersion,
+                                          zelcore::utility::Guid* guid) {
+  jx::disk::CacheFileName name;
+  const auto error = jx::disk::ParseCacheFileName(file.GetName(), &name);
+  // An unreadable version cannot be ours either.
+  if (error == jx::disk::CacheFileNameError::kBadVersion ||
+      (error == jx::disk::CacheFileNameError::kNone && name.version != runningVersion)) {
+    throw jx::kErrVersionMismatch;
+  }
+  if (error != jx::disk::CacheFileNameError::kNone) {
+    ZC_TRACE(
+        "JX", 5,
+        "Not adopting " << file.GetName() << ": " << jx::disk::DescribeCacheFileNameError(error));
+    return {};
+  }
+  JX_StuffData::Header header(name.header.begin(), name.header.end());
+  auto payload = JX_StuffData::CreateSubclass(name.matchName.c_str(), header);
+  if (!payload) jx::ThrowNullPtr("JX_StuffData");
+  *guid = name.guid;
+  return payload;
+}
+
+unsigned int AccountableSize(uint64_t size) {
+  return static_cast<unsigned int>(std::min<uint64_t>(size, UINT32_MAX));
+}
+
+}  // namespace
+
+void JX_ScanOneDiskCacheFile(const File& file) {
+  if (auto bag = JX_GlobalBag()) bag->ScanOneDiskCacheFile(file);
+}
+
+void JX_Bag::ScanOneDiskCacheFile(const File& file) {
+  try {
+    jx::disk::ScQuietErrors quiet;
+    if (!file.Exists()) return;
+    zelcore::utility::Guid guid;
+    auto payload = PayloadForFile(file, GetAppVersion(), &guid);
+    if (!payload) return;
+    const unsigned int size = AccountableSize(file.Size());
+
+    auto candidate = JX_Stuff::CreateNew(payload, 0.0);
+    candidate->SetDiskCacheFile(file, false);
+    candidate->SetGuid(guid);
+    // Lookup and insertion under one hold of the library lock, so that two threads adopting
+    // the same file cannot both add an item for it. Neither step waits.
+    JXp_ScLock lock;
+    JX_ScCheckout existing;
+    existing.FindAndCheckout(candidate, kAdoptLookupFlags);
+    if (auto found = existing.GetStuffPtr()) {
+      existing.SetCheckinFlags(jx::checkin_flags::kKeepRecency);  // adopting is not a use
+      if (found->SetDiskCacheFile(file, true)) {
+        found->SyncDiskSizeWithBag(size);
+        jx::disk::GetCounters().filesAdopted.fetch_add(1, std::memory_order_relaxed);
+      }
+    } else {
+      candidate->AddToBagAndSortDir(shared_from_this());
+      candidate->SyncDiskSizeWithBag(size);
+      jx::disk::GetCounters().filesAdopted.fetch_add(1, std::memory_order_relaxed);
+    }
+  } catch (int code) {
+    ZC_TRACE("JX", 5, "Not adopting " << file.GetName() << ": code " << code);
+  } catch (const std::exception& e) {
+    ZC_TRACE("JX", 5, "Not adopting " << file.GetName() << ": " << e.what());
+  } catch (...) {
+    // A payload factory may throw anything; the folder scan must go on with the next file.
+    ZC_TRACE("JX", 5, "Not adopting " << file.GetName() << ": unknown exception");
+  }
+}

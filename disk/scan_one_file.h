@@ -1,0 +1,15 @@
+// Recognising one file found in the disk cache folder and adopting it as an item's disk copy.
+//
+// A cache file's name carries the item's whole identity (see cache_file_name.h), so adoption
+// never opens the file. A file that is not ours, of another version, of a payload class nobody
+// registered, or a temporary of an unfinished write is left alone (and not deleted here); the
+// scan of the next file goes on. A file whose item already exists in memory becomes that item's
+// disk copy; otherwise a new item that lives on disk only is added to the bag.
+//
+// Threads: any thread. Takes the library lock, then item locks; never waits.
+#pragma once
+
+#include "host/file.h"
+
+// Adopts `file` into the global bag (nothing happens without one).
+void JX_ScanOneDiskCacheFile(const zelcore::filesupport::File& file);

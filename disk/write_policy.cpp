@@ -1,0 +1,246 @@
+// The write-to-disk policy: the worthiness rule and the decisions at check-in and when a render
+// completes.
+#include "disk/write_policy.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "bag/bag.h"
+#include "disk/disk_counters.h"
+#include "disk/disk_speed.h"
+#include "disk/disk_writer.h"
+#include "host/trace.h"
+#include "items/stuff.h"
+#include "lifecycle/lifecycle.h"
+#include "lifecycle/settings.h"
+
+namespace ci = jx::checkin_flags;
+using zelcore::threads::ScopedReadLockWrapper;
+using zelcore::threads::ScopedUpgradeLockWrapper;
+
+namespace jx::disk {
+
+ReadSpeedEstimate AdjustReadSpeed(double averageReadSpeed, double proclivityMultiplier,
+                                  bool lowPriority, double lowPriorityFactor, double freeFraction) {
+  double speed = averageReadSpeed / proclivityMultiplier;
+  if (lowPriority && lowPriorityFactor != 0.0) speed /= lowPriorityFactor;
+  return {speed, freeFraction * freeFraction * speed};
+}
+
+ReadSpeedEstimate GetAdjustedAverageReadSpeed(bool lowPriority) {
+  return AdjustReadSpeed(GetAverageDiskReadSpeed(), GetProclivityMultiplier(), lowPriority,
+                         lowPriority ? jx::settings::LowPriorityFactor() : 0.0,
+                         CurrentQueueFreeFraction());
+}
+
+double GetAdjustedAverageReadSpeed(bool lowPriority, bool adjustForQueue) {
+  ReadSpeedEstimate e = GetAdjustedAverageReadSpeed(lowPriority);
+  return adjustForQueue ? e.adjusted : e.average;
+}
+
+bool SpeedRuleSaysWorth(uint64_t size, double computeSeconds, double readSpeed) {
+  if (!(readSpeed > 0.0) || size == 0) return false;
+  const double bytes = static_cast<double>(size);
+  const double computeRate =
+      computeSeconds > 0.0 ? bytes / computeSeconds : std::numeric_limits<double>::infinity();
+  const double readSeconds = std::max(bytes / readSpeed, kMinReadSeconds);
+  return bytes / readSeconds > computeRate;
+}
+
+bool IsHighWritePriority(int32_t prioritySetting, bool callerFlag, JX_CachePriority priority) {
+  switch (prioritySetting) {
+    case 0:
+      return false;
+    case 1:
+      return callerFlag || priority == kJX_CachePriorityHigh;
+    default:
+      return callerFlag;
+  }
+}
+
+bool IsHighWritePriority(bool callerFlag, JX_CachePriority priority) {
+  return IsHighWritePriority(jx::settings::WriteToDiskPriority(), callerFlag, priority);
+}
+
+bool WorthWritingToDiskCache(const JX_StuffData* data, double computeSeconds, bool lowPriority,
+                             WorthOutputs* out) {
+  WorthOutputs local;
+  WorthOutputs& o = out ? *out : local;
+  o = WorthOutputs{};
+  if (!data) {
+    o.cacheable = false;
+    return false;
+  }
+  if (JX_IsImprovedDiskCacheBehaviorFullyEnabled()) {
+    const JX_CachePriority priority = data->GetCachePriority();
+    if (priority == kJX_CachePriorityDefault) {
+      o.cacheable = false;
+      return false;
+    }
+    if (priority == kJX_CachePriorityLow) {
+      o.lowPriorityForced = true;
+      lowPriority = true;
+    } else if (priority == kJX_CachePriorityHigh) {
+      if (IsHighWritePriority(lowPriority, priority)) return true;
+      const bool room = CurrentQueueFreeFraction() > 0.0;
+      o.worthIfQueueEmpty = !room;
+      return room;
+    }
+  }
+  const uint64_t size = data->GetApproximateMemorySize();
+  const ReadSpeedEstimate speed = GetAdjustedAverageReadSpeed(lowPriority);
+  const bool worth = SpeedRuleSaysWorth(size, computeSeconds, speed.adjusted);
+  if (!worth) o.worthIfQueueEmpty = SpeedRuleSaysWorth(size, computeSeconds, speed.average);
+  return worth;
+}
+
+}  // namespace jx::disk
+
+namespace {
+
+void CountRequest(bool lowPriorityForced) {
+  auto& c = jx::disk::GetCounters();
+  (lowPriorityForced ? c.lowPriorityForcedWriteRequests : c.normalWriteRequests)
+      .fetch_add(1, std::memory_order_relaxed);
+}
+
+// A refusal: remember that the queue was the only obstacle, and count it under its reason.
+void CountRefusal(JX_StuffData& data, bool worthIfQueueEmpty) {
+  if (worthIfQueueEmpty) data.SetReasonWhyNoDiskCache(JX_StuffData::kQueueTooFull);
+  const JX_StuffData::NoDiskCacheReason reason = data.GetReasonWhyNoDiskCache();
+  if (reason >= 1 && reason <= 5) {
+    jx::disk::GetCounters().refusedForReason[reason].fetch_add(1, std::memory_order_relaxed);
+  }
+}
+
+// What the write decision needs to know of a payload, read under the item's lock.
+struct PayloadFacts {
+  bool present = false;
+  bool inMemory = false;
+  bool canDiskCache = false;
+  bool canBeCompressed = false;
+  bool compressed = false;
+};
+
+PayloadFacts ReadFacts(const JX_StuffData* data) {
+  PayloadFacts f;
+  if (!data) return f;
+  f.present = true;
+  f.inMemory = data->IsInMemory();
+  f.canDiskCache = data->CanDiskCache();
+  f.canBeCompressed = data->CanBeCompressed();
+  f.compressed = data->IsCompressed();
+  return f;
+}
+
+}  // namespace
+
+bool JX_Stuff::WorthWritingToDiskCache(double computeTime, bool lowPriority, bool* cacheable,
+                                       bool* worthIfQueueEmpty, bool* lowPriorityForced) const {
+  jx::disk::WorthOutputs o;
+  bool worth;
+  {
+    // The payload is asked for its size under the item's lock: a purge changes it under the
+    // write lock.
+    ScopedReadLockWrapper r(mutex_);
+    worth = jx::disk::WorthWritingToDiskCache(data_.get(), computeTime, lowPriority, &o);
+  }
+  if (cacheable) *cacheable = o.cacheable;
+  if (worthIfQueueEmpty) *worthIfQueueEmpty = o.worthIfQueueEmpty;
+  if (lowPriorityForced) *lowPriorityForced = o.lowPriorityForced;
+  return worth;
+}
+
+void JX_Stuff::MaybeWriteToDisk() {
+  IntrusivePtr<JX_Stuff> self(this);
+  const std::shared_ptr<JX_Bag> bag = GetBag();
+  const double computeTime = GetComputeTime();
+  IntrusivePtr<JX_StuffData> data;
+  PayloadFacts facts;
+  {
+    ScopedReadLockWrapper r(mutex_);
+    data = data_;
+    facts = ReadFacts(data_.get());
+  }
+  if (!jx::DiskExecutor() || !(computeTime > 0.0) || !facts.present || !facts.inMemory ||
+      HasDiskCacheFile() || !bag || !bag->IsDiskCacheEnabled()) {
+    return;
+  }
+  bool requested = false;
+  bool worthIfEmpty = false;
+  if (facts.canDiskCache) {
+    bool lowForced = false;
+    if (WorthWritingToDiskCache(computeTime, false, nullptr, &worthIfEmpty, &lowForced) &&
+        WriteToDiskAsyncOnDiskThread(self, false)) {
+      taggedToWrite_.store(true, std::memory_order_release);
+      CountRequest(lowForced);
+      requested = true;
+    }
+  }
+  if (facts.canBeCompressed) {
+    if (JX_GetPlaybackCompressionAllowedOption() != kJX_CompressionAllowedForPlayback &&
+        requested) {
+      return;
+    }
+    if (!facts.compressed &&
+        WorthWritingToDiskCache(computeTime, true, nullptr, nullptr, nullptr) &&
+        WriteToDiskAsyncOnDiskThread(self, true)) {
+      jx::disk::GetCounters().compressedWriteRequests.fetch_add(1, std::memory_order_relaxed);
+      requested = true;
+    }
+  }
+  if (!requested) CountRefusal(*data, worthIfEmpty);
+}
+
+void JX_Stuff::OfferToDiskAtCheckin(int flags, bool wasWriteable, double computeTime) {
+  IntrusivePtr<JX_Stuff> self(this);
+  IntrusivePtr<JX_StuffData> data;
+  PayloadFacts facts;
+  {
+    ScopedReadLockWrapper r(mutex_);
+    data = data_;
+    facts = ReadFacts(data_.get());
+  }
+  if (!facts.present || !facts.inMemory || !facts.canDiskCache) return;
+  if (flags & ci::kWriteNow) {
+    JX_DeprioritizeBackgroundWrites();
+    if (WriteToDiskAsyncOnDiskThread(self, false, true)) {
+      taggedToWrite_.store(true, std::memory_order_release);
+    }
+    return;
+  }
+  // A read-only check-in leaves the payload as it was: nothing new to write.
+  if (!wasWriteable) return;
+  const std::shared_ptr<JX_Bag> bag = GetBag();
+  if (!bag || !bag->IsDiskCacheEnabled() || HasDiskCacheFile()) return;
+  bool worthIfEmpty = false;
+  bool lowForced = false;
+  if (WorthWritingToDiskCache(computeTime, false, nullptr, &worthIfEmpty, &lowForced)) {
+    if (WriteToDiskAsyncOnDiskThread(self, false)) {
+      taggedToWrite_.store(true, std::memory_order_release);
+      CountRequest(lowForced);
+    }
+    return;
+  }
+  CountRefusal(*data, worthIfEmpty);
+}
+
+void JX_Stuff::ReconsiderWriteToDisk() {
+  bool again = false;
+  {
+    // Decided under the upgrade lock so that a concurrent read-back or purge cannot change the
+    // payload's state underneath; the write itself is queued after it is released, because
+    // queuing checks the item out, which takes this lock again.
+    ScopedUpgradeLockWrapper up(mutex_);
+    if (data_ && data_->GetReasonWhyNoDiskCache() == JX_StuffData::kReconsiderLater &&
+        data_->IsInMemory() && !diskFile_) {
+      data_->SetReasonWhyNoDiskCache(JX_StuffData::kNoReason);
+      again = true;
+    }
+  }
+  if (again) MaybeWriteToDisk();
+}
+
+double JX_Bag::GetDiskWriteQueueSizePercentFull() const {
+  return 1.0 - jx::disk::CurrentQueueFreeFraction();
+}

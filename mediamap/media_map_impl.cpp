@@ -1,0 +1,118 @@
+// The media-map adapter: mirroring items, erasing their entries, and the host's purge by ID.
+#include "mediamap/media_map_impl.h"
+
+#include <optional>
+#include <utility>
+
+#include "host/trace.h"
+
+namespace kq {
+
+namespace {
+constexpr const char* kAddOrUpdateLabel = "JX_MediaMapImpl::AddOrUpdate";
+constexpr const char* kEraseLabel = "JX_MediaMapImpl::EraseStuff";
+constexpr const char* kPurgeEntryLabel = "JX_MediaMapImpl::PurgeEntry";
+constexpr const char* kSizeLabel = "JX_MediaMapImpl::Size";
+constexpr const char* kFlushAllLabel = "JX_MediaMapImpl::FlushAll";
+}  // namespace
+
+bool JX_MediaMapImpl::AddOrUpdate(const StuffPtr& stuff) {
+  if (!stuff) return false;
+  // An item still mirrored under its previous GUID: the host hears that the entry was used again
+  // before it goes, and the item is counted once.
+  if (auto stored = Find(JX_MediaMapDataKey(stuff->GetMediaMapGuid(), 0))) {
+    NotifyManager(stored->id);
+    EraseStuff(stuff);
+  }
+  const zelcore::utility::Guid guid = zelcore::utility::Guid::CreateUnique();
+  stuff->SetMediaMapGuid(guid);
+  if (!stuff->IsInMemory()) return false;
+  auto data = stuff->GetDataPtr();
+  const uint32_t size = data ? data->GetApproximateMemorySize() : 0;
+  if (size == 0) return false;
+
+  JX_MediaMapDataKey key(guid, 0);
+  uint64_t id;
+  {
+    // The template entry and our own record appear together, before the manager knows the ID:
+    // a purge of the ID can then never find one without the other.
+    RV::ScopedLabelledLock lock(Mutex(), Holder(), kAddOrUpdateLabel);
+    id = InsertEntry(key, JX_MediaMapData{stuff, size});
+    mirrored_.try_emplace(id, Mirror{stuff, size});
+    cacheSize_ += size;
+  }
+  stuff->SetMediaMapID(id);
+  RegisterWithManager(id, size);
+  return true;
+}
+
+bool JX_MediaMapImpl::EraseStuff(const StuffPtr& stuff) {
+  if (!stuff) return false;
+  const zelcore::utility::Guid guid = stuff->GetMediaMapGuid();
+  const JX_MediaMapDataKey key(guid, stuff->GetMediaMapID());
+  // Declared before the lock so that the item references they hold go after it.
+  std::optional<Removed> removed;
+  Mirror dropped;
+  {
+    RV::ScopedLabelledLock lock(Mutex(), Holder(), kEraseLabel);
+    removed = EraseEntry(key);
+    if (!removed) return false;
+    auto it = mirrored_.find(removed->first);
+    if (it != mirrored_.end()) {
+      ZC_TRACE("KQLIB.MediaMapImpl", 6,
+               "Purged entry " << removed->first << " hash " << guid.AsString() << " with "
+                               << it->second.size << " bytes. Current cache size " << cacheSize_
+                               << "\n");
+      cacheSize_ -= it->second.size;
+      dropped = std::move(it->second);
+      mirrored_.erase(it);
+    }
+  }
+  ForgetWithManager(removed->first);
+  return true;
+}
+
+void JX_MediaMapImpl::PurgeEntry(uint64_t id) {
+  StuffPtr stuff;
+  std::optional<Removed> flushed;
+  {
+    RV::ScopedLabelledLock lock(Mutex(), Holder(), kPurgeEntryLabel);
+    auto it = mirrored_.find(id);
+    if (it != mirrored_.end()) {
+      stuff = std::move(it->second.stuff);
+      cacheSize_ -= it->second.size;
+      mirrored_.erase(it);
+    }
+    flushed = Flush(id);
+  }
+  // With nothing held: the item's purge takes the library lock and the item's lock.
+  if (stuff && stuff->IsInMemory()) stuff->PurgeFromMediaMap();
+}
+
+uint64_t JX_MediaMapImpl::GetCacheSize() const {
+  RV::ScopedLabelledLock lock(Mutex(), Holder(), kSizeLabel);
+  return cacheSize_;
+}
+
+uint64_t JX_MediaMapImpl::GetNumEntries() const {
+  RV::ScopedLabelledLock lock(Mutex(), Holder(), kSizeLabel);
+  return mirrored_.size();
+}
+
+void JX_MediaMapImpl::FlushAll() {
+  std::map<uint64_t, Mirror> dropped;
+  std::vector<Removed> cleared;
+  RV::ScopedLabelledLock lock(Mutex(), Holder(), kFlushAllLabel);
+  dropped.swap(mirrored_);
+  cacheSize_ = 0;
+  cleared = Clear();
+}
+
+std::vector<JX_MediaMapImpl::Mirrored> JX_MediaMapImpl::Snapshot() const {
+  std::vector<Mirrored> out;
+  RV::ScopedLabelledLock lock(Mutex(), Holder(), kSizeLabel);
+  for (const auto& [id, m] : mirrored_) out.push_back({id, m.stuff, m.size});
+  return out;
+}
+
+}  // namespace kq

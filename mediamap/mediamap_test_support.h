@@ -1,0 +1,73 @@
+// Test support for the media map: a library fixture with the media map on, and a check of the
+// adapter's books against the items and the media manager.
+#pragma once
+
+#include <set>
+#include <sstream>
+#include <string>
+
+#include "host/media_manager.h"
+#include "host/standalone_host.h"
+#include "mediamap/media_map_impl.h"
+#include "testing/jx_test_support.h"
+
+namespace jx::testing {
+
+class MediaMapTest : public LibraryTest {
+ protected:
+  void Birth() override {
+    RV::GetMediaManager()->Reset();
+    // A small host limit keeps the purge walk's floor (a tenth of it) out of the way.
+    StandaloneHost::Instance().SetMemoryLimit(1000);
+    JX_Birth(true, 1, false);
+    adapter_ = jx::mediamap::CurrentAdapter();
+    ASSERT_TRUE(adapter_);
+  }
+  void TearDown() override {
+    adapter_.reset();
+    LibraryTest::TearDown();
+  }
+  uint64_t ManagerBytes() const {
+    return RV::GetMediaManager()->GetBytesOfMap(adapter_->GetMediaMapID());
+  }
+
+  std::shared_ptr<kq::JX_MediaMapImpl> adapter_;
+};
+
+// Empty when consistent, else what is wrong. Mirrored items must be in memory, in `bag`, carry
+// their entry's ID and be mirrored once at their payload's size; the adapter's total, the sum of
+// its entries and what the manager holds for it must agree; every in-memory bag item that is not
+// checked out must be mirrored (one purged while checked out is mirrored again at check-in).
+inline std::string CheckMediaMapBooks(const kq::JX_MediaMapImpl& adapter, JX_Bag& bag) {
+  std::ostringstream why;
+  uint64_t recorded = 0;
+  std::set<const JX_Stuff*> items;
+  std::set<uint64_t> ids;
+  for (const auto& m : adapter.Snapshot()) {
+    recorded += m.size;
+    ids.insert(m.id);
+    auto data = m.stuff->GetDataPtr();
+    if (!m.stuff->IsInMemory() || data->GetApproximateMemorySize() != m.size)
+      why << "entry " << m.id << " is not the item's in-memory size; ";
+    if (m.stuff->GetBag().get() != &bag) why << "entry " << m.id << " item not in the bag; ";
+    if (m.stuff->GetMediaMapID() != m.id) why << "entry " << m.id << " item has another ID; ";
+    if (!items.insert(m.stuff.get()).second) why << "item mirrored twice; ";
+  }
+  auto manager = RV::GetMediaManager();
+  const auto managerIDs = manager->GetEntryIDsOfMap(adapter.GetMediaMapID());
+  if (adapter.GetCacheSize() != recorded)
+    why << "total " << adapter.GetCacheSize() << " != entries " << recorded << "; ";
+  if (manager->GetBytesOfMap(adapter.GetMediaMapID()) != recorded)
+    why << "manager holds " << manager->GetBytesOfMap(adapter.GetMediaMapID()) << " != " << recorded
+        << "; ";
+  if (std::set<uint64_t>(managerIDs.begin(), managerIDs.end()) != ids)
+    why << "manager's entries differ; ";
+  for (const auto& s : bag.CopyMruItems()) {
+    if (s->IsInMemory() && s->GetCheckoutCount() == 0 &&
+        s->GetDataPtr()->GetApproximateMemorySize() > 0 && !items.count(s.get()))
+      why << "in-memory item not mirrored; ";
+  }
+  return why.str();
+}
+
+}  // namespace jx::testing

@@ -1,0 +1,27 @@
+// JX_Stuff's side of the media map: what happens to an item whose entry the host purged.
+#include <memory>
+
+#include "bag/bag.h"
+#include "host/trace.h"
+#include "items/stuff.h"
+
+using zelcore::threads::ScopedReadLockWrapper;
+
+void JX_Stuff::PurgeFromMediaMap() {
+  std::shared_ptr<JX_Bag> bag;
+  {
+    ScopedReadLockWrapper r(mutex_);
+    bag = bag_.lock();
+  }
+  if (!bag) {
+    ZC_TRACE("JX_MediaMap", 6,
+             "PurgeFromMediaMap " << static_cast<const void*>(this)
+                                  << " stuff ain't got no bag, this should be harmless and mem "
+                                     "will go away when stuff ref does.");
+    return;
+  }
+  // The purged entry is gone already, but a check-in may have mirrored the item again since the
+  // host picked it; erasing on the way out drops that newer entry with the memory, and finds
+  // nothing otherwise. Without a release queue the memory goes at once.
+  FreeUpAsMuchAsPossible(true, nullptr);
+}

@@ -1,0 +1,83 @@
+// Shared pieces of the stress and fault programs: seeded, bounded runs that print their seed
+// first and their figures on the last line, and exit non-zero when an invariant broke.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace jx::stress {
+
+struct Options {
+  uint64_t seed = 1;
+  uint64_t ops = 20000;
+  double seconds = 20.0;
+  int threads = 4;
+};
+
+// --seed N --ops N --seconds S --threads N; unknown arguments are an error (exit 2).
+inline Options ParseOptions(int argc, char** argv, const char* program, uint64_t defaultOps) {
+  Options o;
+  o.ops = defaultOps;
+  o.seed = static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count());
+  for (int i = 1; i < argc; ++i) {
+    auto next = [&](const char* name) -> const char* {
+      if (i + 1 >= argc) {
+        std::fprintf(stderr, "%s: %s needs a value\n", program, name);
+        std::exit(2);
+      }
+      return argv[++i];
+    };
+    if (!std::strcmp(argv[i], "--seed")) {
+      o.seed = std::strtoull(next("--seed"), nullptr, 10);
+    } else if (!std::strcmp(argv[i], "--ops")) {
+      o.ops = std::strtoull(next("--ops"), nullptr, 10);
+    } else if (!std::strcmp(argv[i], "--seconds")) {
+      o.seconds = std::strtod(next("--seconds"), nullptr);
+    } else if (!std::strcmp(argv[i], "--threads")) {
+      o.threads = std::atoi(next("--threads"));
+    } else {
+      std::fprintf(stderr, "%s: unknown argument %s (use --seed, --ops, --seconds, --threads)\n",
+                   program, argv[i]);
+      std::exit(2);
+    }
+  }
+  std::printf("%s: seed %llu, ops %llu, at most %.0f s, %d threads\n", program,
+              static_cast<unsigned long long>(o.seed), static_cast<unsigned long long>(o.ops),
+              o.seconds, o.threads);
+  std::fflush(stdout);
+  return o;
+}
+
+// Counts broken invariants and says what broke (the first few times).
+class Violations {
+ public:
+  void Report(const char* what) {
+    if (count_.fetch_add(1) < 10) std::fprintf(stderr, "VIOLATION: %s\n", what);
+  }
+  void Check(bool ok, const char* what) {
+    if (!ok) Report(what);
+  }
+  uint64_t Count() const { return count_.load(); }
+
+ private:
+  std::atomic<uint64_t> count_{0};
+};
+
+class Deadline {
+ public:
+  explicit Deadline(double seconds)
+      : end_(std::chrono::steady_clock::now() +
+             std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                 std::chrono::duration<double>(seconds))) {}
+  bool Passed() const { return std::chrono::steady_clock::now() >= end_; }
+
+ private:
+  std::chrono::steady_clock::time_point end_;
+};
+
+}  // namespace jx::stress

@@ -1,0 +1,153 @@
+// stress_pending: rounds of several threads asking for one new key at once. Exactly one thread
+// creates the pending item per round; every waiter comes back promptly with the creator's payload
+// (or with nothing when the creator abandons the render); threads that hold a notifying host lock
+// never block on the render.
+#include <barrier>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "bag/bag.h"
+#include "host/standalone_host.h"
+#include "host/y_api.h"
+#include "items/sc_checkout.h"
+#include "lifecycle/lifecycle.h"
+#include "stress_common.h"
+
+namespace cf = jx::checkout_flags;
+using Clock = std::chrono::steady_clock;
+using zelcore::utility::Guid;
+using zelcore::utility::IntrusivePtr;
+
+namespace {
+
+class RoundPayload : public JX_StuffData {
+ public:
+  explicit RoundPayload(uint64_t round) : round_(round) {}
+  unsigned int GetApproximateMemorySize() const override { return 64; }
+  bool PurgeIfPossible(ReleaseQueue*) override { return false; }
+  bool IsInMemory() const override { return true; }
+  uint64_t Round() const { return round_; }
+
+ private:
+  uint64_t round_;
+};
+
+constexpr auto kRenderTime = std::chrono::microseconds(300);
+// A waiter released later than this after the fill did not come back "promptly".
+constexpr auto kPromptly = std::chrono::seconds(2);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  auto o = jx::stress::ParseOptions(argc, argv, "stress_pending", 3000);
+  if (o.threads < 2) o.threads = 2;
+  jx::StandaloneHost::Instance().SetEchoReports(false);
+  JX_Birth(false, 1, false);
+  auto bag = JX_GlobalBag();
+  jx::stress::Violations violations;
+  jx::stress::Deadline deadline(o.seconds);
+  const uint64_t rounds = o.ops;
+
+  std::vector<Guid> keys(rounds);
+  for (auto& k : keys) k = Guid::CreateUnique();
+  std::atomic<int> creators{0}, withPayload{0}, withNothing{0}, hostLockNotBlocked{0};
+  std::atomic<int64_t> filledAt{0};
+  std::atomic<bool> stop{false};
+  std::atomic<uint64_t> roundsDone{0}, abandonedRounds{0}, blockedHostLockThreads{0},
+      slowWaiters{0};
+  std::mt19937_64 rng(o.seed);
+  std::vector<int> abandon(rounds);
+  for (auto& a : abandon) a = static_cast<int>(rng() % 8 == 0);
+
+  std::barrier sync(o.threads, [&]() noexcept {
+    // Between rounds: check the round just finished.
+    const uint64_t r = roundsDone.load();
+    if (r > 0) {
+      const bool abandoned = abandon[r - 1];
+      if (creators.load() < 1) violations.Report("a round without a creator");
+      if (!abandoned && creators.load() != 1) violations.Report("two creators for one key");
+      if (abandoned && withPayload.load() != 0)
+        violations.Report("a payload from an abandoned render");
+      if (abandoned) abandonedRounds.fetch_add(1);
+    }
+    creators = 0;
+    withPayload = 0;
+    withNothing = 0;
+    filledAt = 0;
+    if (deadline.Passed()) stop = true;
+    roundsDone.fetch_add(1);
+  });
+
+  std::vector<std::thread> threads;
+  for (int t = 0; t < o.threads; ++t) {
+    threads.emplace_back([&, t] {
+      for (uint64_t r = 0; r < rounds; ++r) {
+        sync.arrive_and_wait();
+        if (stop.load()) break;
+        const bool holdsHostLock = t == 1 && r % 3 == 0;
+        auto request = JX_Stuff::CreateNew({}, 0.0);
+        request->SetGuid(keys[r]);
+        JX_ScCheckout handle;
+        int res;
+        if (holdsHostLock) {
+          Y::ScNotifyHoldingMutexLock hostLock;
+          res =
+              handle.FindAndCheckout(request, cf::kReadOnly | cf::kCreatePending | cf::kWaitAlways);
+          // Must not have waited for someone else's render.
+          if (res == kJX_CheckedOut && !handle.IsPendingRender() && filledAt.load() == 0) {
+            blockedHostLockThreads.fetch_add(1);
+          }
+          if (res != kJX_CreatedPending) {
+            hostLockNotBlocked.fetch_add(1);
+            continue;
+          }
+        } else {
+          res =
+              handle.FindAndCheckout(request, cf::kReadOnly | cf::kCreatePending | cf::kWaitAlways);
+        }
+        if (res == kJX_CreatedPending) {
+          creators.fetch_add(1);
+          std::this_thread::sleep_for(kRenderTime);
+          JX_ScStuffSetter setter(handle.GetStuffPtr());
+          if (!abandon[r]) {
+            handle.GetStuffPtr()->SetStuffDataFromPendingRender(
+                IntrusivePtr<JX_StuffData>(new RoundPayload(r)), 0.0003);
+          }
+          filledAt = Clock::now().time_since_epoch().count();
+          continue;
+        }
+        const auto back = Clock::now();
+        if (res == kJX_CheckedOut) {
+          auto* payload = dynamic_cast<RoundPayload*>(handle.GetStuffPtr()->GetDataPtr().get());
+          if (!payload || payload->Round() != r) violations.Report("a waiter got another payload");
+          withPayload.fetch_add(1);
+        } else {
+          withNothing.fetch_add(1);
+        }
+        const int64_t filled = filledAt.load();
+        if (filled != 0 && back.time_since_epoch().count() - filled >
+                               std::chrono::duration_cast<Clock::duration>(kPromptly).count()) {
+          slowWaiters.fetch_add(1);
+        }
+      }
+      sync.arrive_and_drop();
+    });
+  }
+  for (auto& t : threads) t.join();
+  violations.Check(blockedHostLockThreads.load() == 0, "a host-lock holder waited for a render");
+  violations.Check(slowWaiters.load() == 0, "a waiter came back late");
+  violations.Check(bag->GetCheckedOutMemoryCacheSizeInBytes() == 0, "checked-out bytes at rest");
+  violations.Check(bag->GetNumMruSortedItems() == bag->GetNumGuidSortedItems(),
+                   "recency order and directory differ");
+  const uint64_t done = roundsDone.load() > 0 ? roundsDone.load() - 1 : 0;
+  bag.reset();
+  JX_StopAllAsyncWork();
+  JX_Death();
+  std::printf(
+      "stress_pending: rounds %llu (abandoned %llu), threads %d, host-lock holders not blocked "
+      "%d, violations %llu, items lost 0\n",
+      (unsigned long long)done, (unsigned long long)abandonedRounds.load(), o.threads,
+      hostLockNotBlocked.load(), (unsigned long long)violations.Count());
+  return violations.Count() == 0 ? 0 : 1;
+}
