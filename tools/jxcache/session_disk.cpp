@@ -1,19 +1,22 @@
 #include "tools/jxcache/session_disk.h"
 
+#include <chrono>
 #include <filesystem>
+#include <thread>
 
-#include "disk/disk_counters.h"
+#include "disk/disk_writer.h"
+#include "disk/performance_counters.h"
 #include "tools/jxcache/tool_error.h"
-
-#if __has_include("disk/cache_file_name.h")
-#define JX_TOOL_HAS_DISK_CACHE 1
-#else
-#define JX_TOOL_HAS_DISK_CACHE 0
-#endif
 
 namespace fs = std::filesystem;
 
 namespace jx::tool {
+namespace {
+
+// How long the end of a session waits for the background writer to finish what is queued.
+constexpr auto kDrainDeadline = std::chrono::seconds(60);
+
+}  // namespace
 
 std::string DefaultDiskFolder() {
   std::error_code ec;
@@ -43,25 +46,35 @@ void SessionDisk::Attach(const std::shared_ptr<JX_Bag>& bag, SessionResult* resu
     result->disk = {false, "switched off with --no-disk"};
     return;
   }
-#if JX_TOOL_HAS_DISK_CACHE
+  bag->SetDiskCacheInfo(folder_, static_cast<long long>(options_.diskLimit));
+  if (!bag->IsDiskCacheEnabled())
+    throw ToolError("--disk-cache: cannot use '" + folder_ + "' as a disk cache (not writable)");
+  result->diskFolder = bag->GetDiskCacheDirSpec().GetPath();
+  // The files of earlier runs become items now, so that the first pass can already hit them.
+  bag->RequestDiskCacheScan();
+  result->diskFilesAtStart = static_cast<uint64_t>(std::max(0, bag->ScanDiskCacheDir()));
+  result->diskBytesAtStart = static_cast<uint64_t>(std::max(0LL, bag->GetCurrentDiskCacheSize()));
   result->disk = {true, ""};
+  start_ = JX_GetDiskPerformanceCounters();
   active_ = true;
-#else
-  result->disk = {false, "the disk cache writer and folder scan are not part of this build"};
-#endif
 }
 
 void SessionDisk::Finish(SessionResult* result) {
   if (!active_) return;
-  const auto& c = jx::disk::GetCounters();
-  result->filesWritten = c.filesWritten.load();
-  result->bytesWritten = c.bytesWritten.load();
-  result->filesRead = c.filesRead.load();
-  result->bytesRead = c.bytesRead.load();
-  result->failedWrites = c.failedWrites.load();
-  result->failedReads = c.failedReads.load();
-  result->writesSkipped = c.writesSkipped.load();
-  for (int i = 0; i < 6; ++i) result->refusedForReason[i] = c.refusedForReason[i].load();
+  // Queued writes belong to this session: let them land so the next run finds them.
+  const auto deadline = std::chrono::steady_clock::now() + kDrainDeadline;
+  while (JX_GetQueuedDiskWriteCount() > 0 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  const JX_DiskPerformanceCounters c = JX_GetDiskPerformanceCounters();
+  result->filesWritten = c.filesWritten - start_.filesWritten;
+  result->bytesWritten = c.bytesWritten - start_.bytesWritten;
+  result->filesRead = c.filesRead - start_.filesRead;
+  result->bytesRead = c.bytesRead - start_.bytesRead;
+  result->failedWrites = c.failedWrites - start_.failedWrites;
+  result->failedReads = c.failedReads - start_.failedReads;
+  result->writesSkipped = c.writesSkipped - start_.writesSkipped;
+  for (int i = 1; i < 6; ++i)
+    result->refusedForReason[i] = c.notWrittenForReason[i - 1] - start_.notWrittenForReason[i - 1];
   result->diskBytesAtEnd = static_cast<uint64_t>(std::max(0LL, bag_->GetCurrentDiskCacheSize()));
 }
 

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "bag/bag.h"
+#include "disk/performance_counters.h"
 #include "tools/jxcache/session.h"
 
 namespace jx::tool {
@@ -27,6 +28,7 @@ class SessionDisk {
   std::string folder_;
   std::shared_ptr<JX_Bag> bag_;
   bool active_ = false;
+  JX_DiskPerformanceCounters start_;
 };
 
 // Whether this build's library mirrors items into the host's media map.
