@@ -1,0 +1,115 @@
+// Arguments and bad input, through the built binary: exit codes, one-line reasons, and nothing
+// left half-written.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "tools/jxcache/size_arg.h"
+#include "tools/jxcache/tool_error.h"
+#include "tools/jxcache/tool_test_support.h"
+
+namespace jx::tool {
+namespace {
+
+using testing::RunTool;
+using testing::TempDir;
+
+size_t Lines(const std::string& s) { return std::count(s.begin(), s.end(), '\n'); }
+
+TEST(SizeArgument, UnitsFractionsAndRejections) {
+  EXPECT_EQ(ParseSize("0", "--x"), 0u);
+  EXPECT_EQ(ParseSize("4096", "--x"), 4096u);
+  EXPECT_EQ(ParseSize("64KiB", "--x"), 64u << 10);
+  EXPECT_EQ(ParseSize("256MiB", "--x"), 256ull << 20);
+  EXPECT_EQ(ParseSize("2GiB", "--x"), 2ull << 30);
+  EXPECT_EQ(ParseSize("1.5GiB", "--x"), 3ull << 29);
+  EXPECT_EQ(ParseSizeList("1MiB,2MiB,3", "--x"), (std::vector<uint64_t>{1 << 20, 2 << 20, 3}));
+  for (const char* bad : {"", "-1", "MiB", "12MB", "1.5", "1.MiB", "12 MiB", "99999999999GiB",
+                          "18446744073709551616", "1,,2"}) {
+    EXPECT_THROW(ParseSizeList(bad, "--x"), UsageError) << bad;
+  }
+  EXPECT_THROW(ParseSizeList("0", "--cache-size"), UsageError);
+  EXPECT_EQ(FormatSize(812), "812 B");
+  EXPECT_EQ(FormatSize(256ull << 20), "256 MiB");
+}
+
+TEST(CommandLine, HelpAndBadArgumentsExitCodes) {
+  for (const char* sub : {"simulate", "inspect", "replay"}) {
+    auto r = RunTool({sub, "--help"});
+    EXPECT_EQ(r.exitCode, 0) << sub;
+    EXPECT_NE(r.out.find("Usage"), std::string::npos) << sub;
+  }
+  const std::vector<std::vector<std::string>> bad = {
+      {},                                // no subcommand
+      {"frobnicate"},                    // unknown subcommand
+      {"simulate", "--memory", "12MB"},  // unknown unit
+      {"simulate", "--memory", "lots"},  // not a number
+      {"simulate", "--frames", "0"},     // out of range
+      {"simulate", "--threads", "two"},  // not an integer
+      {"simulate", "--bogus"},           // unknown option
+      {"replay", "/nonexistent"},        // --cache-size missing
+      {"replay", "/nonexistent", "--cache-size", "1MiB", "--format", "xml"},
+      {"replay", "/nonexistent", "--cache-size", "0"},  // checked before the trace is read
+      {"inspect", "/tmp", "--limit", "-3"},
+  };
+  for (const auto& args : bad) {
+    auto r = RunTool(args);
+    std::string joined;
+    for (const auto& a : args) joined += a + " ";
+    EXPECT_EQ(r.exitCode, 2) << joined << r.err;
+    EXPECT_EQ(Lines(r.err), 1u) << joined << r.err;
+    EXPECT_EQ(r.err.rfind("jxcache: ", 0), 0u) << r.err;
+    EXPECT_TRUE(r.out.empty()) << joined;
+  }
+}
+
+TEST(CommandLine, BadInputFailsCleanlyAndLeavesNothingBehind) {
+  TempDir dir;
+  auto expectFailure = [](const testing::RunResult& r, const std::string& fragment) {
+    EXPECT_NE(r.exitCode, 0);
+    EXPECT_NE(r.exitCode, 2) << "input errors are not usage errors";
+    EXPECT_EQ(Lines(r.err), 1u) << r.err;
+    EXPECT_NE(r.err.find(fragment), std::string::npos) << r.err;
+    EXPECT_TRUE(r.out.empty()) << r.out;
+  };
+  expectFailure(RunTool({"replay", dir.File("missing.bin"), "--cache-size", "1MiB"}),
+                "cannot open trace");
+  expectFailure(RunTool({"replay", dir.path(), "--cache-size", "1MiB"}), "is a folder");
+  {
+    std::ofstream f(dir.File("cut.bin"), std::ios::binary);
+    f << std::string(24 * 3 + 10, '\1');
+  }
+  expectFailure(RunTool({"replay", dir.File("cut.bin"), "--cache-size", "1MiB"}),
+                "truncated record at byte 72");
+  {
+    std::ofstream f(dir.File("bad.csv"));
+    f << "id,size\n1,100\n2,lots\n";
+  }
+  expectFailure(RunTool({"replay", dir.File("bad.csv"), "--cache-size", "1MiB"}), "line 3");
+  expectFailure(RunTool({"inspect", dir.File("nowhere")}), "does not exist");
+
+  // A disk cache "folder" that is a file, and a report that cannot be written: the session does
+  // not run and no report (nor its temporary) appears.
+  {
+    std::ofstream f(dir.File("plainfile"));
+    f << "x";
+  }
+  const std::vector<std::string> small = {"simulate", "--frames", "4",        "--width", "16",
+                                          "--height", "16",       "--passes", "1"};
+  auto args = small;
+  args.insert(args.end(), {"--disk-cache", dir.File("plainfile"), "--report", dir.File("r.html")});
+  expectFailure(RunTool(args), "is not a folder");
+  args = small;
+  args.insert(args.end(), {"--no-disk", "--report", dir.File("no/such/dir/r.html")});
+  expectFailure(RunTool(args), "--report");
+  size_t entries = 0;
+  for (auto& e : std::filesystem::directory_iterator(dir.path())) {
+    ++entries;
+    EXPECT_EQ(e.path().filename().string().find("r.html"), std::string::npos) << e.path();
+  }
+  EXPECT_EQ(entries, 3u);  // cut.bin, bad.csv and plainfile
+}
+
+}  // namespace
+}  // namespace jx::tool

@@ -1,0 +1,137 @@
+// `simulate` and `inspect` on small sessions: the figures add up, agree with each other and with
+// what the folder holds, a second run starts warm, and the report is well-formed XML.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "tools/jxcache/tool_test_support.h"
+
+namespace jx::tool {
+namespace {
+
+using testing::RunTool;
+using testing::TempDir;
+
+// Twelve frames on three threads. Frames must cost a little to render, or the write policy
+// rightly finds them not worth a disk file.
+std::vector<std::string> SmallSession(const TempDir& dir, std::vector<std::string> extra = {},
+                                      const char* width = "640", const char* height = "360") {
+  std::vector<std::string> args = {"simulate", "--frames", "12",           "--width",
+                                   width,      "--height", height,         "--threads",
+                                   "3",        "--json",   "--disk-cache", dir.File("cache")};
+  args.insert(args.end(), extra.begin(), extra.end());
+  return args;
+}
+
+void ExpectPassesAddUp(const nlohmann::json& j) {
+  uint64_t requests = 0, renders = 0, memory = 0, disk = 0;
+  for (const auto& p : j["passes"]) {
+    const uint64_t n = p["requests"];
+    EXPECT_EQ(n, j["options"]["frames"].get<uint64_t>());
+    EXPECT_EQ(n, p["memory_hits"].get<uint64_t>() + p["disk_hits"].get<uint64_t>() +
+                     p["renders"].get<uint64_t>());
+    EXPECT_EQ(p["bad_frames"].get<uint64_t>(), 0u);
+    requests += n;
+    renders += p["renders"].get<uint64_t>();
+    memory += p["memory_hits"].get<uint64_t>();
+    disk += p["disk_hits"].get<uint64_t>();
+  }
+  EXPECT_EQ(j["overall"]["requests"].get<uint64_t>(), requests);
+  EXPECT_EQ(j["overall"]["renders"].get<uint64_t>(), renders);
+  EXPECT_EQ(j["overall"]["memory_hits"].get<uint64_t>(), memory);
+  EXPECT_EQ(j["overall"]["disk_hits"].get<uint64_t>(), disk);
+}
+
+TEST(Simulate, FiguresAddUpAndTheSecondRunStartsWarm) {
+  TempDir dir;
+  auto first = RunTool(SmallSession(dir));
+  ASSERT_EQ(first.exitCode, 0) << first.err;
+  const auto a = first.Json();
+  ExpectPassesAddUp(a);
+  // The whole timeline fits in memory: every frame is rendered once, and only once, however many
+  // threads want it.
+  EXPECT_EQ(a["passes"][0]["renders"].get<uint64_t>(), 12u);
+  EXPECT_EQ(a["overall"]["renders"].get<uint64_t>(), 12u);
+  EXPECT_EQ(a["passes"][1]["memory_hits"].get<uint64_t>(), 12u);
+  EXPECT_LE(a["overall"]["peak_memory"].get<uint64_t>(),
+            a["overall"]["memory_budget"].get<uint64_t>());
+  ASSERT_TRUE(a["disk"]["available"].get<bool>());
+  EXPECT_EQ(a["disk"]["files_at_start"].get<uint64_t>(), 0u);
+  EXPECT_EQ(a["disk"]["failed_writes"].get<uint64_t>(), 0u);
+  const uint64_t written = a["disk"]["files_written"];
+  EXPECT_GT(written, 0u);
+  EXPECT_EQ(a["disk"]["bytes_written"].get<uint64_t>(), a["disk"]["folder_bytes"].get<uint64_t>());
+
+  // A second run on the same folder: what the first wrote is found and read back, not rendered.
+  auto second = RunTool(SmallSession(dir));
+  ASSERT_EQ(second.exitCode, 0) << second.err;
+  const auto b = second.Json();
+  ExpectPassesAddUp(b);
+  EXPECT_EQ(b["disk"]["files_at_start"].get<uint64_t>(), written);
+  EXPECT_EQ(b["passes"][0]["disk_hits"].get<uint64_t>(), written);
+  EXPECT_EQ(b["passes"][0]["renders"].get<uint64_t>(), 12 - written);
+  EXPECT_EQ(b["disk"]["files_read"].get<uint64_t>(), b["overall"]["disk_hits"].get<uint64_t>());
+  EXPECT_EQ(b["disk"]["failed_reads"].get<uint64_t>(), 0u);
+
+  // inspect agrees with the simulator about what the folder holds.
+  auto inspect = RunTool({"inspect", dir.File("cache"), "--json", "--limit", "1KiB"});
+  ASSERT_EQ(inspect.exitCode, 0) << inspect.err;
+  const auto c = inspect.Json();
+  EXPECT_EQ(c["cache_files"]["files"].get<uint64_t>(),
+            written + b["disk"]["files_written"].get<uint64_t>());
+  EXPECT_EQ(c["cache_files"]["bytes"].get<uint64_t>(), b["disk"]["folder_bytes"].get<uint64_t>());
+  EXPECT_EQ(c["by_class"]["JxSimFrame"]["files"], c["cache_files"]["files"]);
+  EXPECT_EQ(c["by_version"]["1"]["files"], c["cache_files"]["files"]);
+  EXPECT_TRUE(c["over_limit"].get<bool>());
+}
+
+TEST(Simulate, SmallBudgetForcesPurgesAndRendersAgain) {
+  TempDir dir;
+  // Four frames of 64x36x4 bytes fit; the timeline of 12 does not.
+  auto r =
+      RunTool(SmallSession(dir, {"--no-disk", "--memory", "36864", "--passes", "2"}, "64", "36"));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  const auto j = r.Json();
+  ExpectPassesAddUp(j);
+  EXPECT_FALSE(j["disk"]["available"].get<bool>());
+  EXPECT_GT(j["overall"]["purges"].get<uint64_t>(), 0u);
+  EXPECT_GT(j["overall"]["bytes_purged"].get<uint64_t>(), 0u);
+  EXPECT_EQ(j["passes"][1]["renders"].get<uint64_t>(), 12u);  // forward again: all evicted
+  EXPECT_LE(j["overall"]["peak_memory"].get<uint64_t>(), 36864u);
+  EXPECT_FALSE(std::filesystem::exists(dir.File("cache")));
+}
+
+TEST(Simulate, HtmlReportIsWellFormedXmlWithOneStripPerPass) {
+  TempDir dir;
+  auto r = RunTool(SmallSession(dir, {"--report", dir.File("report.html")}, "64", "36"));
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  std::ifstream in(dir.File("report.html"));
+  std::stringstream s;
+  s << in.rdbuf();
+  const std::string html = s.str();
+  std::string why;
+  EXPECT_TRUE(testing::IsWellFormedXml(html, &why)) << why;
+  EXPECT_EQ(
+      html.find("http://") != std::string::npos && html.find("src=\"http") != std::string::npos,
+      false)
+      << "the report must not fetch anything";
+  size_t svgs = 0, cells = 0;
+  for (size_t p = html.find("<svg"); p != std::string::npos; p = html.find("<svg", p + 1)) ++svgs;
+  for (size_t p = html.find("<title>frame "); p != std::string::npos;
+       p = html.find("<title>frame ", p + 1))
+    ++cells;
+  EXPECT_EQ(svgs, 3u);        // memory, disk, strips
+  EXPECT_EQ(cells, 3u * 12);  // a cell per request of each pass
+
+  // The checker itself rejects what a browser's XML parser would.
+  EXPECT_FALSE(testing::IsWellFormedXml("<a><b></a></b>", &why));
+  EXPECT_FALSE(testing::IsWellFormedXml("<a x=1/>", &why));
+  EXPECT_FALSE(testing::IsWellFormedXml("<a>&nbsp;</a>", &why));
+  EXPECT_FALSE(testing::IsWellFormedXml("<a/><b/>", &why));
+  EXPECT_TRUE(testing::IsWellFormedXml("<!DOCTYPE html>\n<a q=\"&amp;\"><b/>t</a>\n", &why));
+}
+
+}  // namespace
+}  // namespace jx::tool

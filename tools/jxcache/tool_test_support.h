@@ -1,0 +1,36 @@
+// Test helpers: run the built jxcache binary and capture what it says, temporary folders.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include <string>
+#include <vector>
+
+namespace jx::tool::testing {
+
+struct RunResult {
+  int exitCode = -1;
+  std::string out, err;
+  nlohmann::json Json() const { return nlohmann::json::parse(out); }
+};
+
+// Runs the jxcache binary with `args` (each passed as one argument, no shell).
+RunResult RunTool(const std::vector<std::string>& args);
+
+// A fresh folder under the temporary directory, removed with everything in it on destruction.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  const std::string& path() const { return path_; }
+  std::string File(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+// Whether `text` is well-formed XML: one root, tags nested and closed, attributes quoted,
+// entity references known. Sets *why on failure.
+bool IsWellFormedXml(const std::string& text, std::string* why);
+
+}  // namespace jx::tool::testing
