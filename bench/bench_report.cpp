@@ -99,7 +99,7 @@ int main(int argc, char** argv) {
                     Rate(b, "BM_SimpleLruMiss" + suffix), "simple", "ops/s"});
     rows.push_back(
         {std::string("compute-cache hit, ") + threads + " thread(s) vs JX_ScCheckout hit",
-         Rate(b, "BM_ComputeCacheHit" + suffix), Rate(b, "BM_ScCheckoutHit/10000" + suffix),
+         Rate(b, "BM_ComputeHitAndCheckin" + suffix), Rate(b, "BM_ScCheckoutHit/10000" + suffix),
          "scoped", "ops/s"});
   }
   rows.push_back({"purge walk, ns per item examined (100,000 items)",

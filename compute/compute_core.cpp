@@ -1,0 +1,208 @@
+#include "compute/compute_core.h"
+
+#include <memory>
+#include <string>
+
+#include "bag/library_lock.h"
+#include "compute/compute_registry.h"
+#include "compute/compute_value.h"
+#include "compute/receipt.h"
+#include "host/guid.h"
+#include "host/high_precision_time.h"
+#include "host/multi_tenant_mutex.h"
+#include "host/murmur3.h"
+#include "host/y_api.h"
+#include "items/sc_checkout.h"
+#include "lifecycle/failures.h"
+
+namespace jx::compute {
+namespace {
+
+namespace cf = jx::checkout_flags;
+using StuffPtr = zelcore::utility::IntrusivePtr<JX_Stuff>;
+using zelcore::utility::Guid;
+
+// Modes 1 and 2 find the entry or create it pending for this caller to compute (0x53).
+constexpr int kFindOrCreateFlags =
+    cf::kReadOnly | cf::kPassAlong | cf::kCreatePending | cf::kWaitAlways;
+// Mode 0 only finds (0x03).
+constexpr int kFindOnlyFlags = cf::kReadOnly | cf::kPassAlong;
+
+constexpr int32_t kNotAvailable = kKQGPComputeCacheNotAvailable;
+constexpr size_t kAllocationProbeSize = 80;
+
+constexpr char kInvalidReceiptMessage[] =
+    "$$$/KQ/JX/ThreeWayCheckOut/InvalidReceiptCheckInError=Trying to check in invalid receipt. "
+    "Please make sure you are not double checking in or checking in invalid receipts.";
+
+// The search item: a request for `key` that the bag enters as the pending item itself when the
+// key is absent.
+StuffPtr MakeSearchItem(const KQGP_GUID& key) {
+  zelcore::utility::IntrusivePtr<JX_StuffData> request(new GenericJXComputeStuffData(key));
+  StuffPtr item = JX_Stuff::CreateNew(request, 0.0);
+  item->SetGuid(Guid::FromBytes(key.bytes));
+  return item;
+}
+
+// Modes 1 and 2 ask the bag with the same flags, 0x53, under a notifying-lock scope, so that
+// the bag never blocks this thread: a pending match comes back checked out as it stands (or
+// refused, when this very thread is computing it), and the core decides what happens next. Mode 1
+// answers 22 at once. Mode 2 waits here, not in the bag: a waiter whose value failed to compute
+// then sees the abandoned entry and answers 3 (the bag would turn that into a plain refusal,
+// indistinguishable from "being computed"), and the wait can be timed. Dropping the wait bits in
+// mode 1 instead would refuse pending matches just the same; one rule for both modes is simpler.
+JX_CheckoutResult FindEntry(JX_ScCheckout& handle, const StuffPtr& search, Mode mode) {
+  if (mode == Mode::kCachedOnly) return handle.FindAndCheckout(search, kFindOnlyFlags);
+  Y::ScNotifyHoldingMutexLock neverBlockInTheBag;
+  return handle.FindAndCheckout(search, kFindOrCreateFlags);
+}
+
+// The rule the bag applies to its own waits: a thread under a notifying host lock, or holding
+// the library lock or an item lock, would stall the very compute it waits for.
+bool MayWait(bool callerHeldNotifyingLock) {
+  return !callerHeldNotifyingLock && !JXp_ScLock::IsLockedByCurrentThread() &&
+         !zelcore::threads::MultiTenantRecursiveMutex::CurrentThreadHoldsAny();
+}
+
+void WaitForOtherCompute(const JX_Stuff& item) {
+  using zelcore::debug::CodeProfiler;
+  if (!CodeProfiler::IsConditionalProfiling(CodeProfiler::kDefaultVolume)) {
+    item.WaitForPendingCompletion();
+    return;
+  }
+  zelcore::utility::Timer timer;
+  item.WaitForPendingCompletion();
+  ThreadWaitingLog().Add(timer.GetElapsedSeconds());
+}
+
+// Has the plug-in compute the value of the pending `item` and fills the item with it. Returns 0
+// or compute's own code.
+int32_t ComputeInto(const StuffPtr& item, const std::string& classId,
+                    const KQGP_ComputeCacheCallbacks& callbacks, const KQGP_GUID& key,
+                    void* request) {
+  // Leaving before the item is filled (compute failed or threw) abandons it: it leaves the bag
+  // and every waiter is released, so nothing is stored.
+  JX_ScStuffSetter abandonUnlessFilled(item);
+  zelcore::utility::IntrusivePtr<GenericJXComputeStuffData> payload(
+      new GenericJXComputeStuffData(key));
+  zelcore::utility::Timer timer;
+  // The holder owns whatever compute leaves in the handle, also on failure.
+  auto holder = std::make_unique<JXComputeValueHolder>(callbacks.delete_compute_value, 0);
+  if (int32_t err = callbacks.compute(request, &holder->handle)) return err;
+  payload->SetValue(new JXComputeValue(classId, callbacks, std::move(holder)));
+  item->SetStuffDataFromPendingRender(payload, timer.GetElapsedSeconds());
+  return 0;
+}
+
+// The checks an entry must pass before its value is handed out; each reports and throws 3.
+void CheckEntry(const JX_Stuff& item, const std::string& classId) {
+  zelcore::utility::IntrusivePtr<JX_StuffData> data = item.GetDataPtr();
+  auto* entry = dynamic_cast<GenericJXComputeStuffData*>(data.get());
+  // An item without any payload is one whose compute failed while we waited for it: it holds no
+  // value, which is what the second check is about, not a payload of the wrong type.
+  if (data && !entry) FailVerification("JXCompute unexpected stuff of wrong type. corrupt cache??");
+  std::shared_ptr<JXComputeValue> value = entry ? entry->GetValue() : nullptr;
+  if (!value) {
+    FailVerification(
+        "JXCompute unexpected missing compute value on successful checkout. corrupt cache??");
+  }
+  if (item.GetGuid() != entry->GetKey()) {
+    FailVerification(
+        "JXCompute unexpected mismatch between Stuff GUID and ComputeStuff Key! corrupt cached??");
+  }
+  if (value->GetClassId() != classId) {
+    FailVerification(
+        "JXCompute unexpected creator of cached item/version should match! corrupt cached??");
+  }
+  if (value->GetRefcon() == 0) {
+    FailVerification("JXCompute unexpected missing refcon in value! corrupt cached??");
+  }
+}
+
+// Tells a host that is out of memory from one that is not before the receipt goes out. The
+// block is freed at once: keeping it would leak on every call.
+void ProbeHostAllocator() {
+  void* block = Y_AllocatePtrClear(0, "KQGP_JXComputeReceipt", kAllocationProbeSize);
+  if (block == nullptr) FailVerification("JXCompute alloc failure");
+  Y_DisposePtr(block);
+}
+
+}  // namespace
+
+KQGP_GUID MakeEntryKey(std::string_view classId, const KQGP_GUID& pluginKey) {
+  static constexpr char kDomain[] = "JX-Compute";
+  zelcore::utility::HashState state = zelcore::utility::MakeHashState();
+  zelcore::utility::UpdateHashState(state, kDomain, sizeof kDomain - 1);
+  // With its NUL, so that ("ab", key) and ("a", "b"+key) cannot meet.
+  zelcore::utility::UpdateHashState(state, classId.data(), classId.size());
+  zelcore::utility::UpdateHashState(state, "", 1);
+  zelcore::utility::UpdateHashState(state, pluginKey.bytes, sizeof pluginKey.bytes);
+  KQGP_GUID key;
+  zelcore::utility::GuidToBytes(Guid(zelcore::utility::GetHashResult(state)), key.bytes);
+  return key;
+}
+
+zelcore::debug::ProfileDataLog& ThreadWaitingLog() {
+  static zelcore::debug::ProfileDataLog log("KQ.Levels.ThreadWaiting");
+  return log;
+}
+
+int32_t ComputeAndCheckout(const char* classId, void* request, Mode mode,
+                           KQGP_JXComputeReceipt* receipt) {
+  if (classId == nullptr) FailVerification("JXCompute null class identifier");
+  if (receipt == nullptr) FailVerification("JXCompute null receipt pointer");
+  const std::string id(classId);
+  KQGP_ComputeCacheCallbacks callbacks;
+  if (int32_t err = JX_ComputeClassFind(classId, &callbacks)) return err;
+  KQGP_GUID pluginKey{};
+  if (int32_t err = callbacks.generate_key(request, &pluginKey)) return err;
+  const KQGP_GUID key = MakeEntryKey(id, pluginKey);
+  if (*receipt != nullptr) {
+    FailVerification("unexpected: receipt already exists. improper receipt use?");
+  }
+
+  const bool callerHeldNotifyingLock = Y::ScNotifyHoldingMutexLock::IsHoldingLock();
+  ReceiptPtr handle = NewReceipt();
+  const JX_CheckoutResult found = FindEntry(*handle, MakeSearchItem(key), mode);
+  StuffPtr item = handle->GetStuffPtr();
+  if (found == kJX_CheckoutRefused || !item) return kNotAvailable;
+
+  if (found == kJX_CreatedPending) {
+    if (int32_t err = ComputeInto(item, id, callbacks, key, request)) return err;
+  } else if (item->IsPendingRender()) {
+    if (mode != Mode::kWait || !MayWait(callerHeldNotifyingLock)) return kNotAvailable;
+    WaitForOtherCompute(*item);
+  }
+  CheckEntry(*item, id);
+  ProbeHostAllocator();
+  *receipt = ToHandle(handle.release());
+  return 0;
+}
+
+void GetReceiptValue(KQGP_JXComputeReceipt receipt, intptr_t* outValue) {
+  JX_ScCheckout* live = receipt != nullptr ? LiveReceiptFromHandle(receipt) : nullptr;
+  StuffPtr item = live != nullptr ? live->GetStuffPtr() : StuffPtr();
+  if (!item || item->GetCheckoutCount() == 0) {
+    FailVerification("bad compute receipt or not checked out");
+  }
+  if (outValue == nullptr) FailVerification("JXCompute null out value");
+  zelcore::utility::IntrusivePtr<JX_StuffData> data = item->GetDataPtr();
+  auto* entry = dynamic_cast<GenericJXComputeStuffData*>(data.get());
+  std::shared_ptr<JXComputeValue> value = entry ? entry->GetValue() : nullptr;
+  if (!value) FailVerification("bad compute receipt or not checked out");
+  *outValue = value->GetRefcon();
+}
+
+int32_t CheckinReceipt(KQGP_JXComputeReceipt receipt) {
+  if (receipt == nullptr) return 0;
+  JX_ScCheckout* live = LiveReceiptFromHandle(receipt);
+  if (live == nullptr) {
+    Y_ReportError(0, 8, kInvalidReceiptMessage);
+    return kKQGPComputeCacheInvalidReceipt;
+  }
+  ReceiptPtr owned(live);  // destroyed and recycled also when the check-in throws
+  owned->Checkin();
+  return 0;
+}
+
+}  // namespace jx::compute

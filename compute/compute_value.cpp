@@ -1,0 +1,88 @@
+#include "compute/compute_value.h"
+
+#include <cstring>
+#include <mutex>
+#include <utility>
+
+#include "host/y_api.h"
+
+using Lock = std::lock_guard<zelcore::threads::RecursiveMutex>;
+
+JXComputeValueHolder::~JXComputeValueHolder() {
+  if (handle == 0 || deleter == nullptr) return;
+  try {
+    deleter(handle);
+  } catch (...) {
+    // A C++ plug-in broke the no-throw rule; a destructor must not let it through.
+    Y_TranslateAndReportException();
+  }
+}
+
+JXComputeValue::JXComputeValue(std::string classId, const KQGP_ComputeCacheCallbacks& callbacks,
+                               std::unique_ptr<JXComputeValueHolder> holder)
+    : classId_(std::move(classId)), callbacks_(callbacks), holder_(std::move(holder)) {}
+
+JXComputeValue::~JXComputeValue() = default;
+
+size_t JXComputeValue::GetApproximateSize() const {
+  return callbacks_.approx_size_value ? callbacks_.approx_size_value(GetRefcon()) : 0;
+}
+
+GenericJXComputeStuffData::GenericJXComputeStuffData(const KQGP_GUID& key) : key_(key) {}
+
+GenericJXComputeStuffData::GenericJXComputeStuffData(const KQGP_GUID& key,
+                                                     std::shared_ptr<JXComputeValue> value)
+    : key_(key), value_(std::move(value)) {}
+
+GenericJXComputeStuffData::~GenericJXComputeStuffData() = default;
+
+zelcore::utility::Guid GenericJXComputeStuffData::GetKey() const {
+  Lock lock(mutex_);
+  return zelcore::utility::Guid::FromBytes(key_.bytes);
+}
+
+std::shared_ptr<JXComputeValue> GenericJXComputeStuffData::GetValue() const {
+  Lock lock(mutex_);
+  return value_;
+}
+
+void GenericJXComputeStuffData::SetValue(JXComputeValue* value) {
+  std::shared_ptr<JXComputeValue> incoming(value);
+  {
+    Lock lock(mutex_);
+    value_.swap(incoming);
+  }
+  // `incoming` now holds the previous value: dropped here, outside the entry's lock.
+}
+
+unsigned int GenericJXComputeStuffData::GetApproximateMemorySize() const {
+  std::shared_ptr<JXComputeValue> value = GetValue();
+  if (!value) return 0;
+  try {
+    return static_cast<unsigned int>(value->GetApproximateSize());
+  } catch (...) {
+    Y_TranslateAndReportException();
+    return 0;
+  }
+}
+
+bool GenericJXComputeStuffData::PurgeIfPossible(ReleaseQueue* toRelease) {
+  std::shared_ptr<JXComputeValue> value;
+  {
+    Lock lock(mutex_);
+    value.swap(value_);
+  }
+  if (!value) return false;
+  // use_count() is exact when it reads 1: the entry no longer hands out shares, so nobody can
+  // come to hold the value after that read.
+  const bool lastShare = value.use_count() == 1;
+  // The purge walk holds the library lock; the plug-in's delete_compute_value must not run
+  // under it, so the value waits in the release queue the walk drains after unlocking.
+  if (toRelease != nullptr) toRelease->push_back(std::move(value));
+  return lastShare;
+}
+
+bool GenericJXComputeStuffData::IsInMemory() const {
+  Lock lock(mutex_);
+  return value_ != nullptr;
+}

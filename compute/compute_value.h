@@ -1,0 +1,84 @@
+// The payload of a compute-cache entry: one value a plug-in computed, and the item payload that
+// holds it in the cache.
+//
+// JXComputeValue wraps the plug-in's value handle together with a copy of its class's callbacks
+// (so the value can be sized and deleted after the class is unregistered) and the identifier of
+// the class that computed it. It is shared (std::shared_ptr) between the entry and anyone who
+// took it with GetValue; the last one to let go deletes the handle through the class's
+// delete_compute_value, on its own thread, exactly once.
+//
+// GenericJXComputeStuffData is the entry's JX_StuffData: its 16-byte key and its value. It keeps
+// the base class's disk behaviour (compute entries are not written to disk). Its recursive mutex
+// guards the key and the value pointer and is a leaf: plug-in callbacks run outside it.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "host/export.h"
+#include "host/guid.h"
+#include "host/recursive_mutex.h"
+#include "items/stuff_data.h"
+#include "kqgp_compute_cache.h"
+
+// Owns one value handle: deletes it (once, if non-zero) when destroyed.
+struct JXComputeValueHolder {
+  JXComputeValueHolder(void (*deleter)(intptr_t), intptr_t handle)
+      : deleter(deleter), handle(handle) {}
+  ~JXComputeValueHolder();
+  JXComputeValueHolder(const JXComputeValueHolder&) = delete;
+  JXComputeValueHolder& operator=(const JXComputeValueHolder&) = delete;
+
+  void (*deleter)(intptr_t);
+  intptr_t handle;
+};
+
+class JX_EXPORT JXComputeValue {
+ public:
+  JXComputeValue(std::string classId, const KQGP_ComputeCacheCallbacks& callbacks,
+                 std::unique_ptr<JXComputeValueHolder> holder);
+  // Deletes the handle through the class's delete_compute_value (when it is non-zero).
+  virtual ~JXComputeValue();
+  JXComputeValue(const JXComputeValue&) = delete;
+  JXComputeValue& operator=(const JXComputeValue&) = delete;
+
+  // approx_size_value(handle).
+  virtual size_t GetApproximateSize() const;
+
+  const std::string& GetClassId() const { return classId_; }
+  intptr_t GetRefcon() const { return holder_ ? holder_->handle : 0; }
+  const KQGP_ComputeCacheCallbacks& GetCallbacks() const { return callbacks_; }
+
+ private:
+  std::string classId_;
+  KQGP_ComputeCacheCallbacks callbacks_;
+  std::unique_ptr<JXComputeValueHolder> holder_;
+};
+
+class JX_EXPORT GenericJXComputeStuffData : public JX_StuffData {
+ public:
+  explicit GenericJXComputeStuffData(const KQGP_GUID& key);
+  GenericJXComputeStuffData(const KQGP_GUID& key, std::shared_ptr<JXComputeValue> value);
+  ~GenericJXComputeStuffData() override;
+
+  zelcore::utility::Guid GetKey() const;
+  // A share of the value (empty when none is held).
+  std::shared_ptr<JXComputeValue> GetValue() const;
+  // Takes ownership of `value`, dropping this entry's share of the previous one.
+  void SetValue(JXComputeValue* value);
+
+  // The value's approximate size truncated to 32 bits; 0 with no value.
+  unsigned int GetApproximateMemorySize() const override;
+  // Empties the entry. The value itself goes to `toRelease` (when given) so that the plug-in's
+  // delete_compute_value runs after the cache's locks are let go; without a queue it is released
+  // at once. True when the entry held the last share (the value is gone, or will be once the
+  // queue is drained); false when there was no value or someone else still holds it.
+  bool PurgeIfPossible(ReleaseQueue* toRelease) override;
+  bool IsInMemory() const override;
+
+ private:
+  mutable zelcore::threads::RecursiveMutex mutex_;
+  KQGP_GUID key_;                          // guarded by mutex_
+  std::shared_ptr<JXComputeValue> value_;  // guarded by mutex_
+};

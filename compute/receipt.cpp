@@ -1,0 +1,99 @@
+#include "compute/receipt.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <vector>
+
+namespace jx::compute {
+namespace {
+
+// JX_ScCheckout is not standard-layout (it has virtual functions), so offsetof is not available
+// for its guard word; a freshly built handle shows where the word sits.
+size_t FindGuardWordOffset() {
+  JX_ScCheckout probe;
+  const auto* bytes = reinterpret_cast<const unsigned char*>(&probe);
+  for (size_t offset = 0; offset + sizeof(uint32_t) <= sizeof(JX_ScCheckout);
+       offset += alignof(uint32_t)) {
+    uint32_t word;
+    std::memcpy(&word, bytes + offset, sizeof word);
+    if (word == JX_ScCheckout::kGuardWord) return offset;
+  }
+  return SIZE_MAX;  // not found: every pointer will be refused
+}
+
+size_t GuardWordOffset() {
+  static const size_t offset = FindGuardWordOffset();
+  return offset;
+}
+
+uint32_t* GuardWordAt(void* block) {
+  return reinterpret_cast<uint32_t*>(static_cast<unsigned char*>(block) + GuardWordOffset());
+}
+
+class ReceiptPool {
+ public:
+  void* Take() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (!free_.empty()) {
+        void* block = free_.back();
+        free_.pop_back();
+        return block;
+      }
+    }
+    return ::operator new(sizeof(JX_ScCheckout));
+  }
+  void Give(void* block) noexcept {
+    __atomic_store_n(GuardWordAt(block), 0u, __ATOMIC_RELEASE);
+    try {
+      std::lock_guard<std::mutex> lock(mutex_);
+      free_.push_back(block);
+    } catch (...) {
+      // Out of memory for the list: keep the block out of circulation rather than free it,
+      // since a stale receipt may still point at it.
+    }
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<void*> free_;
+};
+
+ReceiptPool& Pool() {
+  // Never destroyed: receipts may be checked in from static destructors of plug-ins.
+  static ReceiptPool* pool = new ReceiptPool;
+  return *pool;
+}
+
+}  // namespace
+
+void ReceiptDeleter::operator()(JX_ScCheckout* receipt) const noexcept {
+  if (receipt == nullptr) return;
+  receipt->~JX_ScCheckout();
+  Pool().Give(receipt);
+}
+
+ReceiptPtr NewReceipt() {
+  GuardWordOffset();  // located before any block can be scrubbed
+  void* block = Pool().Take();
+  try {
+    return ReceiptPtr(new (block) JX_ScCheckout());
+  } catch (...) {
+    Pool().Give(block);
+    throw;
+  }
+}
+
+JX_ScCheckout* LiveReceiptFromHandle(KQGP_JXComputeReceipt handle) {
+  const auto address = reinterpret_cast<uintptr_t>(handle);
+  if (address % alignof(JX_ScCheckout) != 0 || GuardWordOffset() == SIZE_MAX) return nullptr;
+  if (__atomic_load_n(GuardWordAt(handle), __ATOMIC_ACQUIRE) != JX_ScCheckout::kGuardWord) {
+    return nullptr;
+  }
+  return reinterpret_cast<JX_ScCheckout*>(handle);
+}
+
+}  // namespace jx::compute
