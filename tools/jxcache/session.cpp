@@ -15,6 +15,8 @@
 #include "items/sc_checkout.h"
 #include "lifecycle/lifecycle.h"
 #include "tools/jxcache/frame_payload.h"
+#include "tools/jxcache/histogram_plugin.h"
+#include "tools/jxcache/host_media.h"
 #include "tools/jxcache/library_run.h"
 #include "tools/jxcache/session_disk.h"
 #include "tools/jxcache/tool_error.h"
@@ -39,7 +41,8 @@ Guid FrameGuid(uint32_t width, uint32_t height, uint32_t frame) {
 // The stand-in host's side of the session: the memory budget and its bookkeeping.
 class BudgetKeeper {
  public:
-  BudgetKeeper(JX_Bag& bag, uint64_t budget) : bag_(bag), budget_(budget) {}
+  BudgetKeeper(JX_Bag& bag, uint64_t budget, const RV::MediaManager& media)
+      : bag_(bag), budget_(budget), media_(media) {}
 
   // Makes room for `incoming` bytes about to be allocated (a render, a disk read): when the
   // cache plus every allocation under way would pass the budget, asks the bag to free the excess.
@@ -62,8 +65,10 @@ class BudgetKeeper {
     while (held > peak && !peak_.compare_exchange_weak(peak, held)) {
     }
   }
+  // What the budget covers: the cache's memory and the host's own media.
   uint64_t Held() const {
-    return static_cast<uint64_t>(std::max(0LL, bag_.GetInMemoryCacheSizeInBytes_LockFree()));
+    return static_cast<uint64_t>(std::max(0LL, bag_.GetInMemoryCacheSizeInBytes_LockFree())) +
+           media_.GetHostMediaBytes();
   }
   uint64_t Peak() const { return peak_.load(); }
   uint64_t Purges() const { return purges_; }
@@ -78,6 +83,7 @@ class BudgetKeeper {
 
   JX_Bag& bag_;
   const uint64_t budget_;
+  const RV::MediaManager& media_;
   std::mutex mutex_;
   uint64_t reserved_ = 0;  // guarded by mutex_
   uint64_t purges_ = 0;    // guarded by mutex_
@@ -102,8 +108,13 @@ class ScReservation {
 // One render thread's work on a pass: serve requests until the list is used up.
 class PassRunner {
  public:
-  PassRunner(const SimulateOptions& o, BudgetKeeper& budget, PassResult& pass)
-      : o_(o), budget_(budget), pass_(pass), frameBytes_(uint64_t{o.width} * o.height * 4) {}
+  PassRunner(const SimulateOptions& o, BudgetKeeper& budget, HistogramPlugin& plugin,
+             PassResult& pass)
+      : o_(o),
+        budget_(budget),
+        plugin_(plugin),
+        pass_(pass),
+        frameBytes_(uint64_t{o.width} * o.height * 4) {}
 
   void Work() {
     for (size_t i = next_.fetch_add(1); i < pass_.frames.size(); i = next_.fetch_add(1)) {
@@ -165,6 +176,7 @@ class PassRunner {
       const double seconds = timer.GetElapsedSeconds();
       renderMicros.fetch_add(static_cast<uint64_t>(seconds * 1e6), std::memory_order_relaxed);
       item->SetStuffDataFromPendingRender(payload, seconds);
+      plugin_.Histogram(*payload);
       handle.Checkin(0, seconds);
     }
     return Outcome::kRendered;
@@ -178,6 +190,7 @@ class PassRunner {
       badFrames.fetch_add(1, std::memory_order_relaxed);
       return;
     }
+    plugin_.Histogram(*frame);
     // Finished after we asked, by someone else: we waited for that render.
     if (outcome == Outcome::kMemoryHit && frame->RenderedAt() > askedAt)
       waited.fetch_add(1, std::memory_order_relaxed);
@@ -185,6 +198,7 @@ class PassRunner {
 
   const SimulateOptions& o_;
   BudgetKeeper& budget_;
+  HistogramPlugin& plugin_;
   PassResult& pass_;
   const uint64_t frameBytes_;
   std::atomic<size_t> next_{0};
@@ -238,16 +252,19 @@ SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress) {
   result.options = o;
   result.frameBytes = uint64_t{o.width} * o.height * 4;
   SessionDisk disk(o);  // checks the folder before the library starts
-  LibraryRun run(MediaMapWanted(), 1);
+  LibraryRun run(/*mediaMapAllowed=*/true, 1);
   JX_Bag& bag = run.bag();
   FramePayload::RegisterFactory();
   ConfigureHost(o);
+  HostMedia media(o.memoryBudget, &result);
   disk.Attach(run.bagPtr(), &result);
-  result.compute = ComputeAvailability();
-  result.mediaMap = MediaMapAvailability();
+  JX_VX_Birth();
+  HistogramPlugin plugin;
+  result.compute = {true, ""};
+  const uint64_t computesBefore = HistogramPlugin::Computes();
   auto& host = StandaloneHost::Instance();
   const uint64_t purgedBefore = host.GetRecycledMemoryPurged();
-  BudgetKeeper budget(bag, o.memoryBudget);
+  BudgetKeeper budget(bag, o.memoryBudget, media.Manager());
   zelcore::utility::Timer clock;
   auto sample = [&](uint32_t pass) {
     budget.NotePeak();
@@ -260,7 +277,7 @@ SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress) {
     PassResult pass;
     pass.frames = PassFrames(p, o.frames, o.seed, &pass.kind);
     pass.outcomes.assign(pass.frames.size(), Outcome::kMemoryHit);
-    PassRunner runner(o, budget, pass);
+    PassRunner runner(o, budget, plugin, pass);
     std::exception_ptr failure;
     std::mutex failureMutex;
     std::vector<std::thread> threads;
@@ -292,6 +309,10 @@ SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress) {
     result.passes.push_back(std::move(pass));
   }
   disk.Finish(&result);
+  result.computes = HistogramPlugin::Computes() - computesBefore;
+  result.computeHits = plugin.Calls() - result.computes - plugin.Failures();
+  result.computeFailures = plugin.Failures();
+  media.Finish(&result);
   sample(o.passes ? o.passes - 1 : 0);
   result.seconds = clock.GetElapsedSeconds();
   result.peakMemory = budget.Peak();

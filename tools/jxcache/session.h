@@ -80,8 +80,12 @@ struct SessionResult {
   uint64_t diskBytesAtEnd = 0;
   // Plug-in compute cache and media map.
   Availability compute;
-  uint64_t computes = 0, computeHits = 0;
+  uint64_t computes = 0, computeHits = 0, computeFailures = 0;
   Availability mediaMap;
+  uint64_t hostMediaBytes = 0;      // the host's own media in the pool, at the start
+  uint64_t hostMediaLeft = 0;       // what the pool still held of it at the end
+  uint64_t mediaMapBytes = 0;       // what the cache mirrored into the pool at the end
+  uint64_t mediaManagerPurges = 0;  // entries the media manager took back from the cache
 };
 
 // Called from the main thread about every 100 ms while a pass runs: pass index, requests done.

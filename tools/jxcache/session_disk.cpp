@@ -78,14 +78,4 @@ void SessionDisk::Finish(SessionResult* result) {
   result->diskBytesAtEnd = static_cast<uint64_t>(std::max(0LL, bag_->GetCurrentDiskCacheSize()));
 }
 
-bool MediaMapWanted() { return false; }
-
-Availability ComputeAvailability() {
-  return {false, "the plug-in compute-cache suite is not part of this build"};
-}
-
-Availability MediaMapAvailability() {
-  return {false, "the media map and its media manager are not part of this build"};
-}
-
 }  // namespace jx::tool

@@ -31,10 +31,4 @@ class SessionDisk {
   JX_DiskPerformanceCounters start_;
 };
 
-// Whether this build's library mirrors items into the host's media map.
-bool MediaMapWanted();
-// Whether the plug-in compute cache and the media map are part of this build (and why not).
-Availability ComputeAvailability();
-Availability MediaMapAvailability();
-
 }  // namespace jx::tool

@@ -42,6 +42,11 @@ void ExpectPassesAddUp(const nlohmann::json& j) {
   EXPECT_EQ(j["overall"]["renders"].get<uint64_t>(), renders);
   EXPECT_EQ(j["overall"]["memory_hits"].get<uint64_t>(), memory);
   EXPECT_EQ(j["overall"]["disk_hits"].get<uint64_t>(), disk);
+  // Every served frame asks the plug-in for its histogram once.
+  const auto& c = j["compute_cache"];
+  ASSERT_TRUE(c["available"].get<bool>());
+  EXPECT_EQ(c["failures"].get<uint64_t>(), 0u);
+  EXPECT_EQ(c["computes"].get<uint64_t>() + c["hits"].get<uint64_t>(), requests);
 }
 
 TEST(Simulate, FiguresAddUpAndTheSecondRunStartsWarm) {
@@ -55,6 +60,9 @@ TEST(Simulate, FiguresAddUpAndTheSecondRunStartsWarm) {
   EXPECT_EQ(a["passes"][0]["renders"].get<uint64_t>(), 12u);
   EXPECT_EQ(a["overall"]["renders"].get<uint64_t>(), 12u);
   EXPECT_EQ(a["passes"][1]["memory_hits"].get<uint64_t>(), 12u);
+  EXPECT_EQ(a["compute_cache"]["computes"].get<uint64_t>(), 12u);  // once per frame, then hits
+  EXPECT_TRUE(a["media_map"]["available"].get<bool>());
+  EXPECT_GT(a["media_map"]["mirrored_bytes"].get<uint64_t>(), 0u);
   EXPECT_LE(a["overall"]["peak_memory"].get<uint64_t>(),
             a["overall"]["memory_budget"].get<uint64_t>());
   ASSERT_TRUE(a["disk"]["available"].get<bool>());

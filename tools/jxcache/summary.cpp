@@ -99,8 +99,8 @@ void PrintSummary(const SessionResult& r, std::ostream& out) {
 
   TextTable overall({"overall", ""});
   overall.AlignLeft(1);
-  overall.AddRow(
-      {"peak memory", FormatSize(r.peakMemory) + " of " + FormatSize(o.memoryBudget) + " budget"});
+  overall.AddRow({"peak memory", FormatSize(r.peakMemory) + " of " + FormatSize(o.memoryBudget) +
+                                     " budget (cache and host media)"});
   overall.AddRow(
       {"purges", std::to_string(r.purges) + " (" + FormatSize(r.bytesPurged) + " freed)"});
   overall.AddRow(
@@ -118,11 +118,19 @@ void PrintSummary(const SessionResult& r, std::ostream& out) {
   } else {
     overall.AddRow({"disk cache", Unavailable(r.disk)});
   }
-  overall.AddRow({"compute cache", r.compute.available
-                                       ? std::to_string(r.computes) + " computes, " +
-                                             std::to_string(r.computeHits) + " hits"
-                                       : Unavailable(r.compute)});
-  overall.AddRow({"media map", r.mediaMap.available ? "on" : Unavailable(r.mediaMap)});
+  overall.AddRow({"compute cache",
+                  r.compute.available ? std::to_string(r.computes) + " histograms computed, " +
+                                            std::to_string(r.computeHits) + " served from cache, " +
+                                            std::to_string(r.computeFailures) + " failed"
+                                      : Unavailable(r.compute)});
+  overall.AddRow({"media map", r.mediaMap.available
+                                   ? "on: " + FormatSize(r.mediaMapBytes) +
+                                         " mirrored at the end, " +
+                                         std::to_string(r.mediaManagerPurges) +
+                                         " entries taken back by the media manager; host media " +
+                                         FormatSize(r.hostMediaBytes) + " (" +
+                                         FormatSize(r.hostMediaLeft) + " left)"
+                                   : Unavailable(r.mediaMap)});
   overall.AddRow({"wall time", Fixed(r.seconds, 2) + " s"});
   overall.Print(out);
 }
@@ -189,12 +197,21 @@ nlohmann::ordered_json SummaryJson(const SessionResult& r) {
   if (r.compute.available) {
     compute["computes"] = r.computes;
     compute["hits"] = r.computeHits;
+    compute["failures"] = r.computeFailures;
   } else {
     compute["reason"] = r.compute.why;
   }
   j["compute_cache"] = compute;
-  j["media_map"] = {{"available", r.mediaMap.available}};
-  if (!r.mediaMap.available) j["media_map"]["reason"] = r.mediaMap.why;
+  nlohmann::ordered_json media = {{"available", r.mediaMap.available}};
+  if (r.mediaMap.available) {
+    media["mirrored_bytes"] = r.mediaMapBytes;
+    media["entries_taken_back"] = r.mediaManagerPurges;
+    media["host_media_bytes"] = r.hostMediaBytes;
+    media["host_media_left"] = r.hostMediaLeft;
+  } else {
+    media["reason"] = r.mediaMap.why;
+  }
+  j["media_map"] = media;
   return j;
 }
 
