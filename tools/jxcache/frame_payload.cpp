@@ -10,6 +10,8 @@ namespace {
 
 constexpr int kSineSteps = 1024;
 
+thread_local uint64_t tReads = 0;
+
 const int16_t* SineTable() {
   static const auto table = [] {
     static int16_t t[kSineSteps];
@@ -111,8 +113,11 @@ double FramePayload::Read(zelcore::filesupport::IByteStream& in,
   zelcore::utility::Timer timer;
   auto pixels = std::make_shared<Pixels>(ByteCount());
   in.ReadExactly(pixels->data(), pixels->size());
-  std::lock_guard<std::mutex> l(mutex_);
-  pixels_ = std::move(pixels);
+  {
+    std::lock_guard<std::mutex> l(mutex_);
+    pixels_ = std::move(pixels);
+  }
+  ++tReads;
   return timer.GetElapsedSeconds();
 }
 
@@ -121,6 +126,8 @@ bool FramePayload::CanSatisfyRequest(IntrusivePtr<JX_StuffData> request) const {
   return !other ||
          (other->width_ == width_ && other->height_ == height_ && other->frame_ == frame_);
 }
+
+uint64_t FramePayload::ReadsOnThisThread() { return tReads; }
 
 std::shared_ptr<const FramePayload::Pixels> FramePayload::GetPixels() const {
   std::lock_guard<std::mutex> l(mutex_);

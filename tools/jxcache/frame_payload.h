@@ -54,6 +54,9 @@ class FramePayload : public JX_StuffData {
   std::shared_ptr<const Pixels> GetPixels() const;
   // Whether sampled pixels match the procedural image (catches a corrupt disk read).
   bool Verify() const;
+  // Pixel reads from disk done by the calling thread so far: tells a thread that read a frame
+  // back itself from one that found it read by another thread meanwhile.
+  static uint64_t ReadsOnThisThread();
   // When the render that produced these pixels finished (a steady-clock time stamp; 0 if read).
   uint64_t RenderedAt() const { return renderedAt_; }
 

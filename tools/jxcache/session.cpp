@@ -141,8 +141,10 @@ class PassRunner {
         Outcome outcome = Outcome::kMemoryHit;
         if (!handle.IsInMemory()) {
           ScReservation room(budget_, frameBytes_);
+          const uint64_t readsBefore = FramePayload::ReadsOnThisThread();
           if (!handle.EnsureInMemory()) continue;  // the file was bad and is gone: ask again
-          outcome = Outcome::kDiskHit;
+          // Another thread may have read it back while we asked: then it came from memory.
+          if (FramePayload::ReadsOnThisThread() != readsBefore) outcome = Outcome::kDiskHit;
         }
         Use(handle, askedAt, outcome);
         handle.Checkin(0, 0.0);

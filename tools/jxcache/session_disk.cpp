@@ -6,6 +6,7 @@
 
 #include "disk/disk_writer.h"
 #include "disk/performance_counters.h"
+#include "lifecycle/lifecycle.h"
 #include "tools/jxcache/tool_error.h"
 
 namespace fs = std::filesystem;
@@ -65,6 +66,8 @@ void SessionDisk::Finish(SessionResult* result) {
   const auto deadline = std::chrono::steady_clock::now() + kDrainDeadline;
   while (JX_GetQueuedDiskWriteCount() > 0 && std::chrono::steady_clock::now() < deadline)
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  // A write taken off the queue may still be running: stopping waits for it.
+  JX_StopAllAsyncWork();
   const JX_DiskPerformanceCounters c = JX_GetDiskPerformanceCounters();
   result->filesWritten = c.filesWritten - start_.filesWritten;
   result->bytesWritten = c.bytesWritten - start_.bytesWritten;
