@@ -74,12 +74,25 @@ std::string Fmt(std::optional<double> v, const std::string& unit) {
 
 int main(int argc, char** argv) {
   if (argc < 4) {
-    std::fprintf(
-        stderr,
-        "usage: bench_report <cache_bench.json> <bookkeeping.json> <out.json> [extra.json...]\n");
+    std::fprintf(stderr,
+                 "usage: bench_report <out.json> <bookkeeping.json> <benchmark.json>... "
+                 "[--extra figures.json...]\n");
     return 2;
   }
-  auto b = LoadBenchmarks(argv[1]);
+  const std::string outPath = argv[1];
+  const std::string bookkeepingPath = argv[2];
+  std::map<std::string, json> b;
+  std::vector<std::string> extras;
+  bool extra = false;
+  for (int i = 3; i < argc; ++i) {
+    if (std::string(argv[i]) == "--extra") {
+      extra = true;
+    } else if (extra) {
+      extras.push_back(argv[i]);
+    } else {
+      LoadBenchmarks(argv[i], b);
+    }
+  }
   std::vector<Row> rows;
   for (const char* items : {"10000", "100000"}) {
     for (const char* threads : {"1", "2"}) {
