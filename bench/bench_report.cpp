@@ -2,8 +2,9 @@
 // limit, ratio. Ratios are "jxcache relative to the peer": above 1 means jxcache is ahead, for
 // throughputs as for sizes (where the limit is a ceiling). Writes the same rows as JSON.
 //
-// Usage: bench_report <cache_bench.json> <bookkeeping.json> <out.json> [extra.json ...]
-// Extra files hold {"figures": [{"figure":..., "jxcache":..., "peer":..., "unit":...}]}.
+// Usage: bench_report <out.json> <bookkeeping.json> <benchmark.json>... [--extra figures.json...]
+// Benchmark files are Google Benchmark JSON outputs; extra files hold
+// {"figures": [{"figure":..., "jxcache":..., "peer":..., "peer_name":..., "unit":...}]}.
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -26,17 +27,21 @@ struct Row {
   bool higherIsBetter = true;
 };
 
-std::map<std::string, json> LoadBenchmarks(const std::string& path) {
-  std::map<std::string, json> out;
+void LoadBenchmarks(const std::string& path, std::map<std::string, json>& out) {
   std::ifstream in(path);
-  if (!in) return out;
+  if (!in) return;
   json doc = json::parse(in, nullptr, false);
-  if (doc.is_discarded()) return out;
+  if (doc.is_discarded() || !doc.contains("benchmarks")) return;
   for (auto& b : doc["benchmarks"]) {
     if (b.contains("error_occurred") && b["error_occurred"].get<bool>()) continue;
     out[b["name"].get<std::string>()] = b;
   }
-  return out;
+}
+
+std::optional<double> Bytes(const std::map<std::string, json>& b, const std::string& name) {
+  auto it = b.find(name);
+  if (it == b.end() || !it->second.contains("bytes_per_second")) return std::nullopt;
+  return it->second["bytes_per_second"].get<double>();
 }
 
 std::optional<double> Rate(const std::map<std::string, json>& b, const std::string& name) {
@@ -69,12 +74,25 @@ std::string Fmt(std::optional<double> v, const std::string& unit) {
 
 int main(int argc, char** argv) {
   if (argc < 4) {
-    std::fprintf(
-        stderr,
-        "usage: bench_report <cache_bench.json> <bookkeeping.json> <out.json> [extra.json...]\n");
+    std::fprintf(stderr,
+                 "usage: bench_report <out.json> <bookkeeping.json> <benchmark.json>... "
+                 "[--extra figures.json...]\n");
     return 2;
   }
-  auto b = LoadBenchmarks(argv[1]);
+  const std::string outPath = argv[1];
+  const std::string bookkeepingPath = argv[2];
+  std::map<std::string, json> b;
+  std::vector<std::string> extras;
+  bool extra = false;
+  for (int i = 3; i < argc; ++i) {
+    if (std::string(argv[i]) == "--extra") {
+      extra = true;
+    } else if (extra) {
+      extras.push_back(argv[i]);
+    } else {
+      LoadBenchmarks(argv[i], b);
+    }
+  }
   std::vector<Row> rows;
   for (const char* items : {"10000", "100000"}) {
     for (const char* threads : {"1", "2"}) {
@@ -108,8 +126,17 @@ int main(int argc, char** argv) {
   rows.push_back({"purge walk, ns per item freed (100,000 items)",
                   Counter(b, "BM_PurgeWalkHalf/iterations:3", "ns_per_freed"), std::nullopt, "",
                   "ns", false});
+  rows.push_back({"disk: PrepAndWrite 8 MiB vs raw O_DIRECT write, same folder",
+                  Bytes(b, "BM_DiskPrepAndWrite8MiB/min_time:2.000/real_time"),
+                  Bytes(b, "BM_DiskRawODirectWrite8MiB/min_time:2.000/real_time"), "raw", "MB/s"});
+  rows.push_back({"disk: PrepAndRead 8 MiB vs raw read of the same file",
+                  Bytes(b, "BM_DiskPrepAndRead8MiB/min_time:2.000/real_time"),
+                  Bytes(b, "BM_DiskRawRead8MiB/min_time:2.000/real_time"), "raw", "MB/s"});
+  rows.push_back({"disk: folder scan of 10,000 files vs bare listing (files/s)",
+                  Rate(b, "BM_DiskFolderScan10k/min_time:1.000/real_time"),
+                  Rate(b, "BM_DiskListing10k/min_time:1.000/real_time"), "listing", "ops/s"});
   {
-    std::ifstream in(argv[2]);
+    std::ifstream in(bookkeepingPath);
     json k = in ? json::parse(in, nullptr, false) : json();
     std::optional<double> bytes;
     if (!k.is_discarded() && k.contains("bytes_with_allocator_per_item")) {
@@ -117,8 +144,8 @@ int main(int argc, char** argv) {
     }
     rows.push_back({"bookkeeping bytes per item (limit 512)", bytes, 512.0, "limit", "B", false});
   }
-  for (int i = 4; i < argc; ++i) {
-    std::ifstream in(argv[i]);
+  for (const std::string& path : extras) {
+    std::ifstream in(path);
     json extra = in ? json::parse(in, nullptr, false) : json();
     if (extra.is_discarded() || !extra.contains("figures")) continue;
     for (auto& f : extra["figures"]) {
@@ -148,6 +175,6 @@ int main(int argc, char** argv) {
     row["ratio"] = ratio ? json(*ratio) : json(nullptr);
     out.push_back(row);
   }
-  std::ofstream(argv[3]) << json{{"figures", out}}.dump(2) << "\n";
+  std::ofstream(outPath) << json{{"figures", out}}.dump(2) << "\n";
   return 0;
 }

@@ -1,6 +1,8 @@
 // File-system helpers over POSIX.
 #include "host/file_utils.h"
 
+#include <algorithm>
+
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -89,6 +91,8 @@ std::string FileUtils::ReplaceIllegalFileNameCharacters(std::string_view name, c
   return out;
 }
 
+constexpr size_t kEfficientTransferUnit = 64 * 1024;
+
 size_t FileUtils::GetEfficientDiskBufferSizeFromPath(const std::string& path) {
   // The file system's preferred block size is a multiple of the device's logical sector on every
   // file system we have met, which is what O_DIRECT needs for offsets, lengths and addresses.
@@ -97,7 +101,10 @@ size_t FileUtils::GetEfficientDiskBufferSizeFromPath(const std::string& path) {
                                                           : kDefaultDiskUnit;
   size_t unit = kMinDiskUnit;
   while (unit < size && unit < kMaxDiskUnit) unit *= 2;
-  return unit;
+  // Efficient means large transfers: unbuffered writes wait for the device one call at a time,
+  // so a writer buffering 64 units should hand it megabytes, not 256 KiB. Any power of two at
+  // least the block size keeps O_DIRECT's alignment rules.
+  return std::max(unit, kEfficientTransferUnit);
 }
 
 std::string FileUtils::GetComputerName() {

@@ -9,11 +9,14 @@ bin="$build/bin"
 echo "running cache benchmarks (a few minutes)..." >&2
 "$bin/cache_bench" --benchmark_min_time=0.5 --benchmark_out="$out/cache.json" \
   --benchmark_out_format=json >/dev/null
+echo "running disk benchmarks..." >&2
+"$bin/disk_bench" --benchmark_out="$out/disk.json" --benchmark_out_format=json >/dev/null
 "$bin/bookkeeping_bench" 100000 > "$out/bookkeeping.json"
 extras=()
 for extra in "$bin"/*_figures; do
   [ -x "$extra" ] || continue
   "$extra" > "$out/$(basename "$extra").json" && extras+=("$out/$(basename "$extra").json")
 done
-"$bin/bench_report" "$out/cache.json" "$out/bookkeeping.json" bench/results.json "${extras[@]}"
+"$bin/bench_report" bench/results.json "$out/bookkeeping.json" "$out/cache.json" "$out/disk.json" \
+  ${extras[@]+--extra "${extras[@]}"}
 if [[ "${2:-}" == "--json" ]]; then cat bench/results.json; fi

@@ -1,0 +1,251 @@
+// The disk tier against what the machine can do in the same folder: an item's PrepAndWrite of
+// 8 MiB against a raw O_DIRECT write of the same bytes, its PrepAndRead against a raw read of the
+// same file, and a folder scan of 10,000 cache files against a bare directory listing. Each
+// benchmark checks that it really wrote, read or adopted what it claims.
+#include <benchmark/benchmark.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bag/bag.h"
+#include "disk/disk_counters.h"
+#include "host/byte_stream.h"
+#include "host/file_utils.h"
+#include "host/standalone_host.h"
+#include "lifecycle/lifecycle.h"
+
+using zelcore::utility::Guid;
+using zelcore::utility::IntrusivePtr;
+
+namespace {
+
+constexpr size_t kFrameBytes = 8u << 20;
+
+// An 8 MiB frame that writes and reads its bytes in one call each.
+class FramePayload : public JX_StuffData {
+ public:
+  FramePayload() : bytes_(std::make_shared<std::vector<uint8_t>>(kFrameBytes, 0x5A)) {}
+  explicit FramePayload(bool) {}
+  unsigned int GetApproximateMemorySize() const override { return bytes_ ? kFrameBytes : 0; }
+  bool PurgeIfPossible(ReleaseQueue* q) override {
+    if (!bytes_) return false;
+    if (q) q->push_back(bytes_);
+    bytes_.reset();
+    return true;
+  }
+  bool IsInMemory() const override { return bytes_ != nullptr; }
+  bool CanDiskCache() const override { return true; }
+  const char* GetSubclassMatchname() const override { return "BenchFrame"; }
+  double Write(zelcore::filesupport::OByteStream& out) const override {
+    out.Write(bytes_->data(), bytes_->size());
+    return 0.0;
+  }
+  double Read(zelcore::filesupport::IByteStream& in,
+              zelcore::threads::MultiTenantRecursiveMutex&) override {
+    auto bytes = std::make_shared<std::vector<uint8_t>>(kFrameBytes);
+    in.ReadExactly(bytes->data(), bytes->size());
+    bytes_ = std::move(bytes);
+    return 0.0;
+  }
+
+ private:
+  std::shared_ptr<std::vector<uint8_t>> bytes_;
+};
+
+struct DiskLibrary {
+  std::string root;
+  std::shared_ptr<JX_Bag> bag;
+  DiskLibrary() {
+    char pattern[] = "/var/tmp/jxbench.XXXXXX";
+    root = mkdtemp(pattern) ? pattern : "/var/tmp";
+    jx::StandaloneHost::Instance().SetEchoReports(false);
+    jx::StandaloneHost::Instance().SetMemoryLimit(1ull << 40);
+    JX_Birth(false, 1, false);
+    bag = JX_GlobalBag();
+    bag->SetDiskCacheInfo(root, 1ll << 40);
+    JX_StuffData::Factory f = [](const JX_StuffData::Header&) {
+      return IntrusivePtr<JX_StuffData>(new FramePayload(true));
+    };
+    JX_StuffData::RegisterFactory("BenchFrame", f);
+  }
+  ~DiskLibrary() {
+    bag.reset();
+    JX_StopAllAsyncWork();
+    JX_Death();
+    std::error_code ec;
+    std::filesystem::remove_all(root, ec);
+  }
+  std::string Folder() const { return bag->GetDiskCacheDirSpec().GetPath(); }
+};
+
+DiskLibrary& Lib() {
+  static DiskLibrary lib;
+  return lib;
+}
+
+IntrusivePtr<JX_Stuff> NewFrame() {
+  auto item = JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(new FramePayload()), 0.0);
+  item->SetGuid(Guid::CreateUnique());
+  return item;
+}
+
+void BM_DiskPrepAndWrite8MiB(benchmark::State& state) {
+  auto& lib = Lib();
+  for (auto _ : state) {
+    state.PauseTiming();
+    auto item = NewFrame();
+    lib.bag->AddToBagAndSortDir(item);
+    state.ResumeTiming();
+    item->PrepAndWrite(lib.bag);
+    state.PauseTiming();
+    if (!item->HasDiskCacheFile()) state.SkipWithError("nothing written");
+    item->DeleteDiskCacheFile();
+    item->RemoveFromBagAndSortDir();
+    state.ResumeTiming();
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kFrameBytes));
+}
+BENCHMARK(BM_DiskPrepAndWrite8MiB)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
+
+// The same bytes, straight to a new file in the same folder with O_DIRECT and one aligned write,
+// synced: the floor under any cache writing through to disk.
+void BM_DiskRawODirectWrite8MiB(benchmark::State& state) {
+  auto& lib = Lib();
+  auto buffer = zelcore::filesupport::AllocateAligned(kFrameBytes, 4096);
+  std::memset(buffer.get(), 0x5A, kFrameBytes);
+  const std::string path = lib.Folder() + "/raw.bin";
+  for (auto _ : state) {
+    int fd = ::open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_DIRECT, 0644);
+    if (fd < 0) fd = ::open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0644);
+    if (fd < 0 || ::write(fd, buffer.get(), kFrameBytes) != static_cast<ssize_t>(kFrameBytes)) {
+      state.SkipWithError("raw write failed");
+    }
+    ::fdatasync(fd);
+    ::close(fd);
+    state.PauseTiming();
+    ::unlink(path.c_str());
+    state.ResumeTiming();
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kFrameBytes));
+}
+BENCHMARK(BM_DiskRawODirectWrite8MiB)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
+
+void BM_DiskPrepAndRead8MiB(benchmark::State& state) {
+  auto& lib = Lib();
+  auto item = NewFrame();
+  lib.bag->AddToBagAndSortDir(item);
+  item->PrepAndWrite(lib.bag);
+  if (!item->HasDiskCacheFile()) {
+    state.SkipWithError("nothing written");
+    return;
+  }
+  for (auto _ : state) {
+    state.PauseTiming();
+    item->FreeUpAsMuchAsPossible(false, nullptr);
+    state.ResumeTiming();
+    if (!item->EnsureInMemory()) state.SkipWithError("read back failed");
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kFrameBytes));
+  item->DeleteDiskCacheFile();
+  item->RemoveFromBagAndSortDir();
+}
+BENCHMARK(BM_DiskPrepAndRead8MiB)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
+
+// A plain read of the very file PrepAndRead reads, into a fresh buffer of the same size.
+void BM_DiskRawRead8MiB(benchmark::State& state) {
+  auto& lib = Lib();
+  auto item = NewFrame();
+  lib.bag->AddToBagAndSortDir(item);
+  item->PrepAndWrite(lib.bag);
+  const std::string path = item->GetDiskCacheFile().GetPath();
+  if (path.empty()) {
+    state.SkipWithError("nothing written");
+    return;
+  }
+  for (auto _ : state) {
+    std::vector<uint8_t> bytes(kFrameBytes);
+    int fd = ::open(path.c_str(), O_RDONLY);
+    size_t got = 0;
+    while (fd >= 0 && got < kFrameBytes) {
+      ssize_t n = ::read(fd, bytes.data() + got, kFrameBytes - got);
+      if (n <= 0) break;
+      got += static_cast<size_t>(n);
+    }
+    if (fd >= 0) ::close(fd);
+    if (got != kFrameBytes) state.SkipWithError("short read");
+    benchmark::DoNotOptimize(bytes.data());
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kFrameBytes));
+  item->DeleteDiskCacheFile();
+  item->RemoveFromBagAndSortDir();
+}
+BENCHMARK(BM_DiskRawRead8MiB)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
+
+constexpr int kScanFiles = 10000;
+
+// Fills the cache folder that the bag resolves for `root` with 10,000 empty cache files of the
+// running version. Returns that folder.
+std::string MakeScanFolder(const std::string& root) {
+  auto& lib = Lib();
+  std::filesystem::create_directories(root);
+  lib.bag->SetDiskCacheInfo(root, 1ll << 40);
+  const std::string dir = lib.Folder();
+  for (int i = 0; i < kScanFiles; ++i) {
+    const std::string name = dir + "/" + Guid::CreateUnique().AsString() + ".BenchFrame.1..kqcache";
+    ::close(::open(name.c_str(), O_CREAT | O_WRONLY, 0644));
+  }
+  lib.bag->SetDiskCacheInfo(lib.root, 1ll << 40);
+  return dir;
+}
+
+const std::string& ScanRoot() {
+  static const std::string root = Lib().root + "/scan";
+  return root;
+}
+const std::string& ScanFolder() {
+  static const std::string dir = MakeScanFolder(ScanRoot());
+  return dir;
+}
+
+void BM_DiskFolderScan10k(benchmark::State& state) {
+  ScanFolder();
+  auto& lib = Lib();
+  for (auto _ : state) {
+    state.PauseTiming();
+    lib.bag->ClearBagAndSortDir();
+    lib.bag->SetDiskCacheInfo(ScanRoot(), 1ll << 40);
+    lib.bag->RequestDiskCacheScan();
+    state.ResumeTiming();
+    const int adopted = lib.bag->ScanDiskCacheDir();
+    if (adopted != kScanFiles || lib.bag->GetNumItems() != kScanFiles) {
+      state.SkipWithError("scan did not adopt every file");
+    }
+  }
+  state.SetItemsProcessed(state.iterations() * kScanFiles);
+  lib.bag->ClearBagAndSortDir();
+  lib.bag->SetDiskCacheInfo(lib.root, 1ll << 40);
+}
+BENCHMARK(BM_DiskFolderScan10k)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(1.0);
+
+void BM_DiskListing10k(benchmark::State& state) {
+  const std::string& dir = ScanFolder();
+  for (auto _ : state) {
+    size_t n = 0;
+    DIR* d = ::opendir(dir.c_str());
+    while (dirent* e = ::readdir(d)) n += e->d_name[0] != '.';
+    ::closedir(d);
+    if (n < kScanFiles) state.SkipWithError("listing short");
+  }
+  state.SetItemsProcessed(state.iterations() * kScanFiles);
+}
+BENCHMARK(BM_DiskListing10k)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(1.0);
+
+}  // namespace
+
+BENCHMARK_MAIN();
