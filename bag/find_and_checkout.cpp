@@ -32,6 +32,7 @@ JX_CheckoutResult JX_Bag::FindAndCheckout(const StuffPtr& request, int checkoutF
 
   StuffPtr match;
   JX_CheckoutResult result = kJX_CheckoutRefused;
+  bool matchWasPending = false;
   {
     JXp_ScLock lock;
     ZC_PROFILE_SCOPE("KQ.JX_SortDir::FindAndCheckout 1 - post lock attempt", 7);
@@ -58,7 +59,7 @@ JX_CheckoutResult JX_Bag::FindAndCheckout(const StuffPtr& request, int checkoutF
         if (compressed != wantCompressed) continue;
         // No find-key data: the item answers any request for its GUID, as the base class does.
         if (candidateKey && !candidateKey->CanSatisfyRequest(key)) continue;
-        if (candidate->CheckoutInBag(lockedFlags, this) == kJX_CheckedOut) {
+        if (candidate->CheckoutInBag(lockedFlags, this, &matchWasPending) == kJX_CheckedOut) {
           match = candidate;
           result = kJX_CheckedOut;
           break;
@@ -84,8 +85,9 @@ JX_CheckoutResult JX_Bag::FindAndCheckout(const StuffPtr& request, int checkoutF
       match->WaitForPendingCompletion();
     }
     // Checked whether or not we waited: the render may have been abandoned right after our
-    // check-out of the pending item, before we looked.
-    if (!match->IsPendingRender() && !match->GetDataPtr()) {
+    // check-out of the pending item, before we looked. An item that was not pending had its
+    // payload, and a checked-out item keeps it.
+    if (matchWasPending && !match->IsPendingRender() && !match->GetDataPtr()) {
       match->Checkin(0, 0.0);
       return kJX_CheckoutRefused;
     }

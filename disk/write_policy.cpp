@@ -193,6 +193,8 @@ void JX_Stuff::MaybeWriteToDisk() {
 }
 
 void JX_Stuff::OfferToDiskAtCheckin(int flags, bool wasWriteable, double computeTime) {
+  // A read-only check-in leaves the payload as it was: nothing new to write unless asked.
+  if (!wasWriteable && !(flags & ci::kWriteNow)) return;
   IntrusivePtr<JX_Stuff> self(this);
   IntrusivePtr<JX_StuffData> data;
   PayloadFacts facts;

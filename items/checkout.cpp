@@ -35,21 +35,22 @@ WaitDecision DecodeWait(int flags) {
 
 JX_CheckoutResult JX_Stuff::Checkout(int flags) { return CheckoutInBag(flags, nullptr); }
 
-JX_CheckoutResult JX_Stuff::CheckoutInBag(int flags, JX_Bag* bag) {
-  if (!(flags & cf::kReadOnly)) return CheckoutForWrite(flags, bag);
+JX_CheckoutResult JX_Stuff::CheckoutInBag(int flags, JX_Bag* bag, bool* wasPending) {
+  if (!(flags & cf::kReadOnly)) return CheckoutForWrite(flags, bag, wasPending);
   ScopedUpgradeLockWrapper up(mutex_);
-  return CheckoutLocked(flags, up, nullptr, bag);
+  return CheckoutLocked(flags, up, nullptr, bag, wasPending);
 }
 
-JX_CheckoutResult JX_Stuff::CheckoutForWrite(int flags, JX_Bag* knownBag) {
+JX_CheckoutResult JX_Stuff::CheckoutForWrite(int flags, JX_Bag* knownBag, bool* wasPending) {
   // The directory removal needs the library lock, and it comes before the item lock.
   JXp_ScLock lock;
   ScopedUpgradeLockWrapper up(mutex_);
-  return CheckoutLocked(flags, up, &lock, knownBag);
+  return CheckoutLocked(flags, up, &lock, knownBag, wasPending);
 }
 
 JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, ScopedUpgradeLockWrapper& up,
-                                           JXp_ScLock* libraryLock, JX_Bag* knownBag) {
+                                           JXp_ScLock* libraryLock, JX_Bag* knownBag,
+                                           bool* wasPending) {
   const bool forWrite = libraryLock != nullptr;
   const WaitDecision w = DecodeWait(flags);
   if (writeable_) return kJX_CheckoutRefused;
@@ -92,6 +93,7 @@ JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, ScopedUpgradeLockWrapper& 
   }
   JX_GetStuffCounters().itemsCheckedOut.fetch_add(1, std::memory_order_relaxed);
   ResyncMemorySize(knownBag);
+  if (wasPending) *wasPending = pending;
   return kJX_CheckedOut;
 }
 

@@ -63,7 +63,7 @@ JX_CheckoutResult JX_ScCheckout::FindAndCheckout(IntrusivePtr<JX_Stuff> item, in
     checkoutFlags_ = flags;
   }
   if (flags & cf::kHoldWithoutCheckout) return kJX_CheckoutRefused;
-  auto bag = JX_GlobalBag();
+  JX_Bag* bag = jx::GlobalBagUnretained();
   if (!bag || !item) return kJX_CheckoutRefused;
   // The handle's lock is not held across the search: the search may wait for another thread's
   // render, and a thread holding any reader/writer lock is never allowed to wait.

@@ -203,12 +203,13 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
 
   JX_Stuff(IntrusivePtr<JX_StuffData> data, double computeTime, bool pending);
 
-  JX_CheckoutResult CheckoutForWrite(int flags, JX_Bag* knownBag);
+  JX_CheckoutResult CheckoutForWrite(int flags, JX_Bag* knownBag, bool* wasPending);
   JX_CheckoutResult CheckoutLocked(int flags, zelcore::threads::ScopedUpgradeLockWrapper& up,
-                                   JXp_ScLock* libraryLock, JX_Bag* knownBag);
+                                   JXp_ScLock* libraryLock, JX_Bag* knownBag, bool* wasPending);
   // Checkout from inside `bag`'s own find, which keeps `bag` alive and holds the library lock:
   // the size sync can use it without looking the bag up.
-  JX_CheckoutResult CheckoutInBag(int flags, JX_Bag* bag);
+  // `wasPending` (optional) tells whether the item was pending when it was checked out.
+  JX_CheckoutResult CheckoutInBag(int flags, JX_Bag* bag, bool* wasPending = nullptr);
   // Re-synchronises the totals with the payload's current size, measured under the item's
   // upgrade lock. `knownBag`: the bag accounting for the item when the caller already has it
   // (null: look it up).

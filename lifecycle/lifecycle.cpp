@@ -116,6 +116,8 @@ unsigned long long JX_GetMediaMapSize() {
 
 namespace jx {
 
+JX_Bag* GlobalBagUnretained() { return gGlobalBag.get(); }
+
 std::shared_ptr<zelcore::threads::Executor> DiskExecutor() { return gDiskExecutor; }
 
 void QueueIdleDiskTask() {

@@ -2,6 +2,8 @@
 // what the folder holds, a second run starts warm, and the report is well-formed XML.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -98,8 +100,10 @@ TEST(Simulate, FiguresAddUpAndTheSecondRunStartsWarm) {
 TEST(Simulate, SmallBudgetForcesPurgesAndRendersAgain) {
   TempDir dir;
   // Four frames of 64x36x4 bytes fit; the timeline of 12 does not.
-  auto r =
-      RunTool(SmallSession(dir, {"--no-disk", "--memory", "36864", "--passes", "2"}, "64", "36"));
+  // One render thread: the eviction order is then exactly the request order.
+  auto args = SmallSession(dir, {"--no-disk", "--memory", "36864", "--passes", "2"}, "64", "36");
+  *(std::find(args.begin(), args.end(), "--threads") + 1) = "1";
+  auto r = RunTool(args);
   ASSERT_EQ(r.exitCode, 0) << r.err;
   const auto j = r.Json();
   ExpectPassesAddUp(j);
