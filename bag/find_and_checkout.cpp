@@ -54,17 +54,15 @@ JX_CheckoutResult JX_Bag::FindAndCheckout(const StuffPtr& request, int checkoutF
     for (int round = 0; round < rounds && !match; ++round) {
       const bool wantCompressed = round == 1;
       for (const StuffPtr& candidate : candidates) {
-        bool compressed = false;
-        auto candidateKey = candidate->GetFindKeyDataAndCompression(&compressed);
-        if (compressed != wantCompressed) continue;
-        // No find-key data: the item answers any request for its GUID, as the base class does.
-        if (candidateKey && !candidateKey->CanSatisfyRequest(key)) continue;
-        if (candidate->CheckoutInBag(lockedFlags, this, &matchWasPending) == kJX_CheckedOut) {
+        bool matched = false;
+        const JX_Stuff::MatchRequest request{&key, wantCompressed, &matched};
+        if (candidate->CheckoutInBag(lockedFlags, this, &matchWasPending, &request) ==
+            kJX_CheckedOut) {
           match = candidate;
           result = kJX_CheckedOut;
           break;
         }
-        if (candidate->IsPendingRender()) pendingMatchRefused = true;
+        if (matched && candidate->IsPendingRender()) pendingMatchRefused = true;
       }
     }
     // A key that is being rendered never gets a second pending item: that would compute it twice.

@@ -35,22 +35,33 @@ WaitDecision DecodeWait(int flags) {
 
 JX_CheckoutResult JX_Stuff::Checkout(int flags) { return CheckoutInBag(flags, nullptr); }
 
-JX_CheckoutResult JX_Stuff::CheckoutInBag(int flags, JX_Bag* bag, bool* wasPending) {
-  if (!(flags & cf::kReadOnly)) return CheckoutForWrite(flags, bag, wasPending);
+JX_CheckoutResult JX_Stuff::CheckoutInBag(int flags, JX_Bag* bag, bool* wasPending,
+                                          const MatchRequest* match) {
+  if (!(flags & cf::kReadOnly)) return CheckoutForWrite(flags, bag, wasPending, match);
   ScopedUpgradeLockWrapper up(mutex_);
-  return CheckoutLocked(flags, up, nullptr, bag, wasPending);
+  return CheckoutLocked(flags, up, nullptr, bag, wasPending, match);
 }
 
-JX_CheckoutResult JX_Stuff::CheckoutForWrite(int flags, JX_Bag* knownBag, bool* wasPending) {
+JX_CheckoutResult JX_Stuff::CheckoutForWrite(int flags, JX_Bag* knownBag, bool* wasPending,
+                                             const MatchRequest* match) {
   // The directory removal needs the library lock, and it comes before the item lock.
   JXp_ScLock lock;
   ScopedUpgradeLockWrapper up(mutex_);
-  return CheckoutLocked(flags, up, &lock, knownBag, wasPending);
+  return CheckoutLocked(flags, up, &lock, knownBag, wasPending, match);
 }
 
 JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, ScopedUpgradeLockWrapper& up,
                                            JXp_ScLock* libraryLock, JX_Bag* knownBag,
-                                           bool* wasPending) {
+                                           bool* wasPending, const MatchRequest* match) {
+  if (match) {
+    // The search's request, tested under this hold of the lock. No find-key data: the item
+    // answers any request for its GUID, as the base class does.
+    const IntrusivePtr<JX_StuffData>& key = findKeyData_ ? findKeyData_ : data_;
+    const bool compressed = key && key->IsCompressed();
+    *match->matched =
+        compressed == match->wantCompressed && (!key || key->CanSatisfyRequest(*match->key));
+    if (!*match->matched) return kJX_CheckoutRefused;
+  }
   const bool forWrite = libraryLock != nullptr;
   const WaitDecision w = DecodeWait(flags);
   if (writeable_) return kJX_CheckoutRefused;
@@ -124,6 +135,9 @@ void JX_Stuff::Checkin(int flags, double computeTime) {
       while (n > 0 && !checkoutCount_.compare_exchange_weak(n, n - 1, std::memory_order_acq_rel)) {
       }
       bag = bag_.lock();
+      // The checked-out share drops with the count, in this same hold. Removal and purging
+      // below re-synchronise again after they change the item.
+      SyncMemorySizeLocked(data_ ? data_->GetApproximateMemorySize() : 0, bag.get());
     }
     if (dir) {
       // Back into the directory under the (possibly new) GUID; holding the library lock is what
@@ -141,8 +155,6 @@ void JX_Stuff::Checkin(int flags, double computeTime) {
     FreeUpAsMuchAsPossible(true, nullptr);
   } else {
     OfferToDiskAtCheckin(flags, wasWriteable, computeTime);
-    // The item is still where it was: the bag looked up above accounts for it.
-    ResyncMemorySize(bag.get());
     return;
   }
   // Always re-synchronise: the checked-out share must drop even when a purge freed nothing.

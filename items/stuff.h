@@ -203,13 +203,25 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
 
   JX_Stuff(IntrusivePtr<JX_StuffData> data, double computeTime, bool pending);
 
-  JX_CheckoutResult CheckoutForWrite(int flags, JX_Bag* knownBag, bool* wasPending);
+  // What a search asks of a candidate before checking it out: the request it must answer and
+  // the compression state wanted. `matched` says whether the candidate answered it.
+  struct MatchRequest {
+    const IntrusivePtr<JX_StuffData>* key;
+    bool wantCompressed;
+    bool* matched;
+  };
+  JX_CheckoutResult CheckoutForWrite(int flags, JX_Bag* knownBag, bool* wasPending,
+                                     const MatchRequest* match);
   JX_CheckoutResult CheckoutLocked(int flags, zelcore::threads::ScopedUpgradeLockWrapper& up,
-                                   JXp_ScLock* libraryLock, JX_Bag* knownBag, bool* wasPending);
+                                   JXp_ScLock* libraryLock, JX_Bag* knownBag, bool* wasPending,
+                                   const MatchRequest* match);
   // Checkout from inside `bag`'s own find, which keeps `bag` alive and holds the library lock:
   // the size sync can use it without looking the bag up.
   // `wasPending` (optional) tells whether the item was pending when it was checked out.
-  JX_CheckoutResult CheckoutInBag(int flags, JX_Bag* bag, bool* wasPending = nullptr);
+  // With `match`, the candidate is first tested against the search's request under the same
+  // hold of its lock, and refused when it does not answer it.
+  JX_CheckoutResult CheckoutInBag(int flags, JX_Bag* bag, bool* wasPending = nullptr,
+                                  const MatchRequest* match = nullptr);
   // Re-synchronises the totals with the payload's current size, measured under the item's
   // upgrade lock. `knownBag`: the bag accounting for the item when the caller already has it
   // (null: look it up).
