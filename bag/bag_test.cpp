@@ -18,6 +18,7 @@ using jx::testing::MakeItem;
 using jx::testing::MakeRequest;
 using jx::testing::SumOfItemSizes;
 using jx::testing::TestPayload;
+using jx::testing::ThrownCode;
 using zelcore::utility::Guid;
 using zelcore::utility::IntrusivePtr;
 
@@ -35,15 +36,6 @@ class BagTest : public LibraryTest {
     EXPECT_EQ(bag_->GetNumMruSortedItems(), bag_->GetNumGuidSortedItems());
   }
 };
-
-int ThrownCode(const std::function<void()>& fn) {
-  try {
-    fn();
-  } catch (int code) {
-    return code;
-  }
-  return 0;
-}
 
 TEST_F(BagTest, RecencyOrderFollowsUseAndFlagOneKeepsThePlace) {
   auto a = MakeItem(1), b = MakeItem(2), c = MakeItem(3);

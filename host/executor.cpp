@@ -170,9 +170,50 @@ void PoolWorker(const std::shared_ptr<PoolState>& s) {
   }
 }
 
-class IOBoundExecutor final : public Executor {
+// Shut-down and the queue queries, the same for the pool and the sub-executor: both states keep
+// a mutex, a queue of not-yet-started tasks, a running count with its condition, a flag for
+// taking work and a hold-back time.
+template <class State>
+class QueueingExecutor : public Executor {
  public:
-  explicit IOBoundExecutor(unsigned maxThreads) : state_(std::make_shared<PoolState>(maxThreads)) {}
+  void StopTakingWork() override {
+    std::lock_guard<std::mutex> lock(state_->mu);
+    state_->takingWork = false;
+  }
+
+  void CancelQueued() override {
+    // Dropped tasks are destroyed after the lock is released: their destructors may post.
+    decltype(state_->queue) dropped;
+    std::lock_guard<std::mutex> lock(state_->mu);
+    dropped.swap(state_->queue);
+  }
+
+  void WaitForRunning() override {
+    // A task of this executor waiting for it does not wait for itself.
+    const unsigned self = RunningTaskOf(state_.get()) ? 1 : 0;
+    std::unique_lock<std::mutex> lock(state_->mu);
+    state_->idleCv.wait(lock, [&] { return state_->running <= self; });
+  }
+
+  void HoldBackUntil(Clock::time_point until) override {
+    std::lock_guard<std::mutex> lock(state_->mu);
+    state_->holdUntil = std::max(state_->holdUntil, until);
+  }
+
+  size_t QueuedCount() const override {
+    std::lock_guard<std::mutex> lock(state_->mu);
+    return state_->queue.size();
+  }
+
+ protected:
+  explicit QueueingExecutor(std::shared_ptr<State> state) : state_(std::move(state)) {}
+  std::shared_ptr<State> state_;
+};
+
+class IOBoundExecutor final : public QueueingExecutor<PoolState> {
+ public:
+  explicit IOBoundExecutor(unsigned maxThreads)
+      : QueueingExecutor(std::make_shared<PoolState>(maxThreads)) {}
 
   ~IOBoundExecutor() override {
     Shutdown();
@@ -210,36 +251,6 @@ class IOBoundExecutor final : public Executor {
     }
     return true;
   }
-
-  void StopTakingWork() override {
-    std::lock_guard<std::mutex> lock(state_->mu);
-    state_->takingWork = false;
-  }
-
-  void CancelQueued() override {
-    std::deque<Task> dropped;
-    std::lock_guard<std::mutex> lock(state_->mu);
-    dropped.swap(state_->queue);
-  }
-
-  void WaitForRunning() override {
-    const unsigned self = RunningTaskOf(state_.get()) ? 1 : 0;
-    std::unique_lock<std::mutex> lock(state_->mu);
-    state_->idleCv.wait(lock, [&] { return state_->running <= self; });
-  }
-
-  void HoldBackUntil(Clock::time_point until) override {
-    std::lock_guard<std::mutex> lock(state_->mu);
-    state_->holdUntil = std::max(state_->holdUntil, until);
-  }
-
-  size_t QueuedCount() const override {
-    std::lock_guard<std::mutex> lock(state_->mu);
-    return state_->queue.size();
-  }
-
- private:
-  std::shared_ptr<PoolState> state_;
 };
 
 // ---- Sub-executor --------------------------------------------------------------------------
@@ -250,7 +261,7 @@ struct SubState {
   const std::shared_ptr<Executor> parent;
   const unsigned maxConcurrent;
   mutable std::mutex mu;
-  std::condition_variable cv;  // a task finished
+  std::condition_variable idleCv;  // a task finished
   std::deque<std::pair<uint64_t, Task>> queue;
   uint64_t lastId = 0;
   unsigned runners = 0;  // runner tasks handed to the parent and not finished
@@ -315,7 +326,7 @@ void RunOneSubTask(const std::shared_ptr<RunnerPlace>& place) {
   task = nullptr;
   lock.lock();
   --s->running;
-  s->cv.notify_all();
+  s->idleCv.notify_all();
   if (s->queue.empty()) {
     --s->runners;
     return;
@@ -324,10 +335,10 @@ void RunOneSubTask(const std::shared_ptr<RunnerPlace>& place) {
   PostRunner(s);
 }
 
-class SubExecutor final : public Executor {
+class SubExecutor final : public QueueingExecutor<SubState> {
  public:
   SubExecutor(std::shared_ptr<Executor> parent, unsigned maxConcurrent)
-      : state_(std::make_shared<SubState>(std::move(parent), maxConcurrent)) {}
+      : QueueingExecutor(std::make_shared<SubState>(std::move(parent), maxConcurrent)) {}
 
   ~SubExecutor() override { Shutdown(); }
 
@@ -352,36 +363,6 @@ class SubExecutor final : public Executor {
     state_->queue.erase(it);
     return false;
   }
-
-  void StopTakingWork() override {
-    std::lock_guard<std::mutex> lock(state_->mu);
-    state_->takingWork = false;
-  }
-
-  void CancelQueued() override {
-    std::deque<std::pair<uint64_t, Task>> dropped;
-    std::lock_guard<std::mutex> lock(state_->mu);
-    dropped.swap(state_->queue);
-  }
-
-  void WaitForRunning() override {
-    const unsigned self = RunningTaskOf(state_.get()) ? 1 : 0;
-    std::unique_lock<std::mutex> lock(state_->mu);
-    state_->cv.wait(lock, [&] { return state_->running <= self; });
-  }
-
-  void HoldBackUntil(Clock::time_point until) override {
-    std::lock_guard<std::mutex> lock(state_->mu);
-    state_->holdUntil = std::max(state_->holdUntil, until);
-  }
-
-  size_t QueuedCount() const override {
-    std::lock_guard<std::mutex> lock(state_->mu);
-    return state_->queue.size();
-  }
-
- private:
-  std::shared_ptr<SubState> state_;
 };
 
 }  // namespace

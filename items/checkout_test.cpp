@@ -17,21 +17,13 @@ using jx::testing::LibraryTest;
 using jx::testing::MakeItem;
 using jx::testing::MakeRequest;
 using jx::testing::TestPayload;
+using jx::testing::ThrownCode;
 using zelcore::utility::Guid;
 using zelcore::utility::IntrusivePtr;
 
 namespace {
 
 class CheckoutTest : public LibraryTest {};
-
-int ThrownCode(const std::function<void()>& fn) {
-  try {
-    fn();
-  } catch (int code) {
-    return code;
-  }
-  return 0;
-}
 
 size_t ErrStringReports(const std::string& fragment) {
   return StandaloneHost::Instance().CountReports(HostReport::Kind::kErrString, fragment);

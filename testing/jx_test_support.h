@@ -65,6 +65,16 @@ zelcore::utility::IntrusivePtr<JX_Stuff> MakeItem(unsigned int size,
 // A request item: a GUID and a request payload, for find-and-check-out.
 zelcore::utility::IntrusivePtr<JX_Stuff> MakeRequest(const zelcore::utility::Guid& guid,
                                                      int variant = 0);
+// The int code `fn` throws (the library's way of failing), or 0 when it does not throw.
+inline int ThrownCode(const std::function<void()>& fn) {
+  try {
+    fn();
+  } catch (int code) {
+    return code;
+  }
+  return 0;
+}
+
 // Sum of the accounted sizes of the bag's items.
 long long SumOfItemSizes(JX_Bag& bag);
 
