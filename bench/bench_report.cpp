@@ -83,9 +83,12 @@ int main(int argc, char** argv) {
   const std::string bookkeepingPath = argv[2];
   std::map<std::string, json> b;
   std::vector<std::string> extras;
+  std::string replayPath;
   bool extra = false;
   for (int i = 3; i < argc; ++i) {
-    if (std::string(argv[i]) == "--extra") {
+    if (std::string(argv[i]) == "--replay" && i + 1 < argc) {
+      replayPath = argv[++i];
+    } else if (std::string(argv[i]) == "--extra") {
       extra = true;
     } else if (extra) {
       extras.push_back(argv[i]);
@@ -143,6 +146,17 @@ int main(int argc, char** argv) {
       bytes = k["bytes_with_allocator_per_item"].get<double>();
     }
     rows.push_back({"bookkeeping bytes per item (limit 512)", bytes, 512.0, "limit", "B", false});
+  }
+  {
+    std::optional<double> rps;
+    std::ifstream in(replayPath);
+    json r = in ? json::parse(in, nullptr, false) : json();
+    if (!r.is_discarded() && r.contains("runs") && !r["runs"].empty() &&
+        r["runs"][0]["requests"].get<uint64_t>() > 0) {
+      rps = r["runs"][0]["requests_per_second"].get<double>();
+    }
+    rows.push_back(
+        {"replay of 1,000,000 requests at 256 MiB, requests/s", rps, std::nullopt, "", "ops/s"});
   }
   for (const std::string& path : extras) {
     std::ifstream in(path);

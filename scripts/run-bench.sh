@@ -12,11 +12,19 @@ echo "running cache benchmarks (a few minutes)..." >&2
 echo "running disk benchmarks..." >&2
 "$bin/disk_bench" --benchmark_out="$out/disk.json" --benchmark_out_format=json >/dev/null
 "$bin/bookkeeping_bench" 100000 > "$out/bookkeeping.json"
+echo "replaying a generated trace of 1,000,000 requests..." >&2
+"$bin/make_trace" 1000000 42 > "$out/trace.bin"
+tool=build/bin/jxcache
+[ -x "$build/bin/jxcache" ] && tool="$build/bin/jxcache"
+if [ -x "$tool" ]; then
+  "$tool" replay "$out/trace.bin" --cache-size 256MiB --json > "$out/replay.json"
+fi
 extras=()
 for extra in "$bin"/*_figures; do
   [ -x "$extra" ] || continue
   "$extra" > "$out/$(basename "$extra").json" && extras+=("$out/$(basename "$extra").json")
 done
 "$bin/bench_report" bench/results.json "$out/bookkeeping.json" "$out/cache.json" "$out/disk.json" \
+  --replay "$out/replay.json" \
   ${extras[@]+--extra "${extras[@]}"}
 if [[ "${2:-}" == "--json" ]]; then cat bench/results.json; fi
