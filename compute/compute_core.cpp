@@ -119,8 +119,9 @@ void CheckEntry(const JX_Stuff& item, const std::string& classId) {
   }
 }
 
-// Tells a host that is out of memory from one that is not before the receipt goes out. The
-// block is freed at once: keeping it would leak on every call.
+// Tells a host that is out of memory from one that is not before anything is searched, computed
+// or cached for the caller: a refused caller leaves the cache as it found it. The block is freed
+// at once: keeping it would leak on every call.
 void ProbeHostAllocator() {
   void* block = Y_AllocatePtrClear(0, "KQGP_JXComputeReceipt", kAllocationProbeSize);
   if (block == nullptr) FailVerification("JXCompute alloc failure");
@@ -161,6 +162,7 @@ int32_t ComputeAndCheckout(const char* classId, void* request, Mode mode,
     FailVerification("unexpected: receipt already exists. improper receipt use?");
   }
 
+  ProbeHostAllocator();
   const bool callerHeldNotifyingLock = Y::ScNotifyHoldingMutexLock::IsHoldingLock();
   ReceiptPtr handle = NewReceipt();
   const JX_CheckoutResult found = FindEntry(*handle, MakeSearchItem(key), mode);
@@ -174,7 +176,6 @@ int32_t ComputeAndCheckout(const char* classId, void* request, Mode mode,
     WaitForOtherCompute(*item);
   }
   CheckEntry(*item, id);
-  ProbeHostAllocator();
   *receipt = ToHandle(handle.release());
   return 0;
 }

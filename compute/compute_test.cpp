@@ -305,4 +305,18 @@ TEST_F(ComputeTest, AFailedHostAllocationRefusesTheReceipt) {
   EXPECT_EQ(stats_.computes.load(), 1);
 }
 
+// A miss refused for memory computes nothing and caches nothing.
+TEST_F(ComputeTest, AFailedHostAllocationOnAMissLeavesTheCacheAsItWas) {
+  auto r = Request(3);
+  const int items = bag_->GetNumItems();
+  const long long bytes = bag_->GetInMemoryCacheSizeInBytes_LockFree();
+  StandaloneHost::Instance().FailNthAllocation(1);
+  EXPECT_EQ(Fetch(r, true), kBad);
+  EXPECT_EQ(stats_.computes.load(), 0);
+  EXPECT_EQ(bag_->GetNumItems(), items);
+  EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), bytes);
+  EXPECT_EQ(Fetch(r, true), 0);
+  EXPECT_EQ(stats_.computes.load(), 1);
+}
+
 }  // namespace

@@ -253,6 +253,38 @@ TEST_F(DiskFileTest, AFailedReadDeletesTheFileAndTheItemIsRecomputed) {
   }
 }
 
+// A payload whose Read finds no memory (once), as a host's allocator can refuse it.
+class OutOfMemoryOnReadPayload : public TestPayload {
+ public:
+  using TestPayload::TestPayload;
+  double Read(zelcore::filesupport::IByteStream& in,
+              zelcore::threads::MultiTenantRecursiveMutex& itemMutex) override {
+    if (failNextRead) {
+      failNextRead = false;
+      throw std::bad_alloc();
+    }
+    return TestPayload::Read(in, itemMutex);
+  }
+  bool failNextRead = true;
+};
+
+TEST_F(DiskFileTest, AReadOutOfMemoryKeepsTheFile) {
+  auto item = AddItem(new OutOfMemoryOnReadPayload(kSize, 5, true));
+  item->PrepAndWrite(bag_);
+  const File file = item->GetDiskCacheFile();
+  const long long onDisk = bag_->GetCurrentDiskCacheSize();
+  Purge(item);
+  const uint32_t failedReads = counters_.failedReads;
+  EXPECT_THROW(item->EnsureInMemory(), int);
+  EXPECT_EQ(counters_.failedReads, failedReads + 1);
+  EXPECT_TRUE(item->HasDiskCacheFile());
+  EXPECT_TRUE(file.Exists());
+  EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), onDisk);
+  EXPECT_FALSE(item->IsInMemory());
+  ExpectFolderConsistent();
+  ExpectReadsBack(item->GetGuid(), 5);
+}
+
 TEST_F(DiskFileTest, AFailedWriteLeavesNothingBehindAndTheCacheWorks) {
   const FileOp ops[] = {FileOp::kCreate, FileOp::kOpen,     FileOp::kWrite,
                         FileOp::kFlush,  FileOp::kTruncate, FileOp::kRename};

@@ -57,6 +57,9 @@ std::shared_ptr<JX_Bag> MakeTrackedBag(unsigned int bagArgument) {
 
 void JX_Birth(bool mediaMapAllowed, unsigned int bagArgument, bool gfxpakLimitAllowed) {
   YLOG_Log(10, "JX", "Birth", "JX Birth");
+  // The bag is the one allocation the host can refuse: make it before anything else changes, so
+  // that a start-up failing for memory leaves the previous state (bag, executors, settings) whole.
+  std::shared_ptr<JX_Bag> bag = MakeTrackedBag(bagArgument);
   jx::settings::SetMediaMapAllowed(mediaMapAllowed);
 
   auto io = zelcore::threads::CreateIOBoundExecutor();
@@ -65,7 +68,7 @@ void JX_Birth(bool mediaMapAllowed, unsigned int bagArgument, bool gfxpakLimitAl
   gIdleDiskTask = std::make_shared<zelcore::threads::QueueOnlyOnce>(
       idleIo, [] { JX_RunIdleDiskTask(); }, kIdleDiskTaskDelayMs, 0);
 
-  gGlobalBag = MakeTrackedBag(bagArgument);
+  gGlobalBag = std::move(bag);
   jx::settings::ExchangeGfxpakLimitAllowed(gfxpakLimitAllowed);
 
   if (JX_IsSetJXCacheLimitForGfxpaksEnabled()) {

@@ -37,6 +37,26 @@ TEST(LifecycleTest, GlobalBagExistsOnlyBetweenBirthAndDeath) {
   EXPECT_EQ(bag->GetNumItems(), 0);
 }
 
+// The host refusing the bag's memory must leave whatever ran before untouched: the previous bag
+// with its items, its disk executor and the media-map permission.
+TEST(LifecycleTest, StartUpRefusedForMemoryChangesNothing) {
+  QuietHost();
+  JX_Birth(false, 1, false);
+  auto bag = JX_GlobalBag();
+  auto item = jx::testing::MakeItem(10);
+  bag->AddToBagAndSortDir(item);
+  const auto executor = jx::DiskExecutor();
+  jx::StandaloneHost::Instance().FailNthAllocation(1);
+  EXPECT_THROW(JX_Birth(true, 2, false), std::bad_alloc);
+  EXPECT_EQ(JX_GlobalBag(), bag);
+  EXPECT_EQ(bag->GetNumItems(), 1);
+  EXPECT_EQ(jx::DiskExecutor(), executor);
+  EXPECT_FALSE(jx::settings::MediaMapAllowed());
+  bag.reset();
+  JX_StopAllAsyncWork();
+  JX_Death();
+}
+
 TEST(LifecycleTest, MediaMapIsUsedOnlyWhenAllowedAndSwitchedOn) {
   QuietHost();
   JX_Birth(false, 1, false);
