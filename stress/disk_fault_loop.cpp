@@ -297,11 +297,11 @@ int main(int argc, char** argv) {
   JX_Death();
   std::error_code ec;
   std::filesystem::remove_all(base, ec);
+  std::printf("disk_fault_loop: %llu attempts, disk unit %u bytes\n",
+              (unsigned long long)loop.attempts, unit);
   std::printf(
-      "disk_fault_loop: cases %llu (attempts %llu, unit %u), faults injected %llu, violations "
-      "%llu, bytes lost %llu\n",
-      (unsigned long long)loop.cases, (unsigned long long)loop.attempts, unit,
-      (unsigned long long)loop.faults, (unsigned long long)loop.violations.Count(),
-      (unsigned long long)loop.bytesLost);
+      "disk_fault_loop: cases %llu, faults injected %llu, violations %llu, bytes lost %llu\n",
+      (unsigned long long)loop.cases, (unsigned long long)loop.faults,
+      (unsigned long long)loop.violations.Count(), (unsigned long long)loop.bytesLost);
   return loop.violations.Count() == 0 ? 0 : 1;
 }
