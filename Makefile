@@ -43,6 +43,21 @@ tsan: deps
 stress: build
 	cd $(BUILD) && ctest -j 1 --output-on-failure -L stress
 
+# Each fuzz target runs for FUZZ_SECONDS on a copy of its seed corpus (fuzz/corpus/<target>);
+# a crash leaves its input in build-fuzz/ and fails the run.
+FUZZ_SECONDS ?= 20
+fuzz: deps
+	CC=clang CXX=clang++ cmake -S . -B build-fuzz $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DJX_BUILD_FUZZERS=ON -DJX_BUILD_TESTS=OFF -DJX_BUILD_TOOLS=OFF -DJX_SANITIZE=address,undefined
+	cmake --build build-fuzz -j $(JOBS) --target fuzzers
+	@for t in $$(ls fuzz/corpus); do \
+	  rm -rf build-fuzz/corpus/$$t && mkdir -p build-fuzz/corpus/$$t && cp fuzz/corpus/$$t/* build-fuzz/corpus/$$t/ && \
+	  echo "fuzz: $$t for $(FUZZ_SECONDS) s" && \
+	  if build-fuzz/bin/$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 -artifact_prefix=build-fuzz/$$t- \
+	       build-fuzz/corpus/$$t > build-fuzz/$$t.log 2>&1; then \
+	    grep -E "stat::number_of_executed_units|stat::peak_rss_mb" build-fuzz/$$t.log | tr '\n' ' '; echo; \
+	  else tail -n 40 build-fuzz/$$t.log; exit 1; fi; \
+	done
+
 format:
 	@git ls-files '*.cpp' '*.h' '*.c' | xargs clang-format -i
 

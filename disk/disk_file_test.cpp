@@ -314,4 +314,26 @@ TEST_F(DiskFileTest, AFailedWriteLeavesNothingBehindAndTheCacheWorks) {
   }
 }
 
+TEST_F(DiskFileTest, AWriteAfterDiskCachingWentOffWritesNothingAnywhere) {
+  // The write was decided on while the folder was fine; then the folder became unusable (a file
+  // stands where the maker's folder goes) and disk caching went off.
+  auto item = AddItem();
+  const std::string blocked = tempDir_ + "/blocked", cwd = tempDir_ + "/cwd";
+  ASSERT_TRUE(std::filesystem::create_directories(blocked));
+  ASSERT_TRUE(std::filesystem::create_directories(cwd));
+  std::ofstream(blocked + "/Orvane") << "x";
+  bag_->SetDiskCacheInfo(blocked, 1 << 30);
+  ASSERT_FALSE(bag_->IsDiskCacheEnabled());
+  const auto previous = std::filesystem::current_path();
+  std::filesystem::current_path(cwd);
+  const uint64_t failed = counters_.failedWrites, skipped = counters_.writesSkipped;
+  item->PrepAndWrite(bag_);
+  std::filesystem::current_path(previous);
+  EXPECT_FALSE(item->HasDiskCacheFile());
+  EXPECT_TRUE(std::filesystem::is_empty(cwd)) << "wrote into the working directory";
+  EXPECT_EQ(counters_.failedWrites, failed);
+  EXPECT_EQ(counters_.writesSkipped, skipped + 1);
+  EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
+}
+
 }  // namespace

@@ -109,7 +109,7 @@ std::string MachineFolderName(const std::string& computerName) {
 }
 
 bool IsCacheFileName(const std::string& name) {
-  const std::string_view ext(kCacheFileExtension);
+  const std::string_view ext(kCacheFileSuffix);
   return name.size() > ext.size() && std::string_view(name).substr(name.size() - ext.size()) == ext;
 }
 

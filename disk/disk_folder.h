@@ -10,7 +10,8 @@ namespace jx::disk {
 
 inline constexpr const char* kMakerFolder = "Orvane";
 inline constexpr const char* kProductFolder = "Plexmotion";
-inline constexpr const char* kCacheFileExtension = ".kqcache";
+// The end of every cache file name: the extension of cache_file_name.h with its dot.
+inline constexpr const char* kCacheFileSuffix = ".kqcache";
 // A SafeSave temporary this old belongs to a process that died while writing.
 inline constexpr int64_t kLeftoverTempAgeSeconds = 60;
 

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "disk/cache_file_name.h"
 #include "disk/disk_folder.h"
 #include "disk/disk_speed.h"
 #include "disk/disk_test_support.h"
@@ -74,6 +75,13 @@ TEST(DiskFolderNames, CacheFileVersion) {
   EXPECT_FALSE(jx::disk::ParseCacheFileVersion("G.M.123456789..kqcache", &v)) << "above 32 bits";
   EXPECT_FALSE(jx::disk::ParseCacheFileVersion("G.M.kqcache", &v));
   EXPECT_TRUE(jx::disk::IsCacheFileName("x.kqcache"));
+  // The folder keeper and the name writer agree on what a cache file is (and their headers can
+  // be used together).
+  const std::string written =
+      jx::disk::MakeCacheFileName(Guid::CreateUnique(), "TestPayload", 0x1A2B, nullptr, 0);
+  EXPECT_TRUE(jx::disk::IsCacheFileName(written));
+  EXPECT_TRUE(jx::disk::ParseCacheFileVersion(written, &v));
+  EXPECT_EQ(v, 0x1A2Bu);
   EXPECT_FALSE(jx::disk::IsCacheFileName("x.kqcache.1.2.tmp"));
 }
 

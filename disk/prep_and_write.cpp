@@ -42,17 +42,20 @@ void VerifyWriteable(const IntrusivePtr<JX_StuffData>& data, const std::shared_p
   if (guid.IsEmpty()) jx::FailVerification("Passed invalid GUID");
 }
 
-// The file the item's payload belongs in. Files carry the running (global) bag's version: that
-// is the version a later scan compares with.
+// The file the item's payload belongs in; empty when the bag has no folder (disk caching is
+// off). Files carry the running (global) bag's version: that is the version a later scan
+// compares with.
 File TargetFile(const JX_StuffData& data, const zelcore::utility::Guid& guid, const JX_Bag& bag) {
+  const zelcore::filesupport::Dir folder = bag.GetDiskCacheDirSpec();
+  // An empty folder would make the name a path relative to the working directory.
+  if (folder.IsEmpty()) return File();
   const auto global = JX_GlobalBag();
   const uint32_t version = global ? global->GetAppVersion() : bag.GetAppVersion();
   JX_StuffData::Header header;
   data.GetHeader(header);
   const char* matchName = data.GetSubclassMatchname();
-  return File(bag.GetDiskCacheDirSpec(),
-              jx::disk::MakeCacheFileName(guid, matchName ? matchName : "", version, header.data(),
-                                          header.size()));
+  return File(folder, jx::disk::MakeCacheFileName(guid, matchName ? matchName : "", version,
+                                                  header.data(), header.size()));
 }
 
 // A slow disk, simulated: the delay counts as write time.
@@ -106,6 +109,11 @@ void JX_Stuff::PrepAndWrite(const std::shared_ptr<JX_Bag>& bag) {
     const zelcore::utility::Guid guid = GetGuid();
     VerifyWriteable(data, bag, guid);
     const File target = TargetFile(*data, guid, *bag);
+    if (target.IsEmpty()) {
+      // Disk caching went off (the folder became unusable) after this write was decided on.
+      counters.writesSkipped.fetch_add(1, std::memory_order_relaxed);
+      return;
+    }
     SafeSave save(target);
     const File& temp = save.GetTempFile();
 

@@ -21,10 +21,17 @@ using detail::ThrowFileError;
 // apart between threads writing the same target and between processes sharing a folder.
 std::atomic<uint64_t> g_attempt{0};
 
+// A name nobody uses yet. A process that died while writing may have left a temporary under the
+// very name this one would pick: a restarted process often gets the dead one's ID back (always
+// so as the first process of a container), and the attempt counter starts again at 1. Writing
+// into, or giving up because of, such a leftover would lose the write; skip past it instead.
 File MakeTempFile(const File& target) {
-  const uint64_t attempt = g_attempt.fetch_add(1, std::memory_order_relaxed) + 1;
-  return File(target.GetParent(), target.GetName() + "." + std::to_string(::getpid()) + "." +
+  for (;;) {
+    const uint64_t attempt = g_attempt.fetch_add(1, std::memory_order_relaxed) + 1;
+    File temp(target.GetParent(), target.GetName() + "." + std::to_string(::getpid()) + "." +
                                       std::to_string(attempt) + SafeSave::kTempSuffix);
+    if (!temp.Exists()) return temp;
+  }
 }
 
 bool AllDigits(std::string_view s) {

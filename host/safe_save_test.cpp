@@ -1,6 +1,8 @@
 // SafeSave: all or nothing, whatever fails and whenever it is abandoned.
 #include "host/safe_save.h"
 
+#include <unistd.h>
+
 #include <mutex>
 #include <set>
 #include <thread>
@@ -117,6 +119,32 @@ TEST(SafeSaveTest, TemporaryNamesAreUniqueRecognisableAndNeverCacheNames) {
   for (const char* other : {"abc.kqcache", "abc.1.tmp", "abc.1.x.tmp", "abc.1.2.tmpx", "abc.1..tmp",
                             ".tmp", "abc.1.2.TMP"}) {
     EXPECT_FALSE(SafeSave::IsTempFileName(other)) << other;
+  }
+}
+
+TEST(SafeSaveTest, LeftoversUnderTheNamesThisProcessWouldPickDoNotBlockTheSave) {
+  // A writer that died left temporaries named as this process's next attempts would be (it had
+  // this process's ID, as a restarted process in a container does).
+  ScratchFolder scratch;
+  const File target = scratch.file("item.kqcache");
+  std::string name;
+  { name = SafeSave(target).GetTempFile().GetName(); }
+  const std::string prefix = "item.kqcache." + std::to_string(::getpid()) + ".";
+  ASSERT_EQ(name.rfind(prefix, 0), 0u);
+  const uint64_t last = std::stoull(name.substr(prefix.size()));
+  std::set<std::string> leftovers;
+  for (uint64_t attempt = last + 1; attempt <= last + 20; ++attempt) {
+    leftovers.insert(prefix + std::to_string(attempt) + ".tmp");
+    WriteWholeFile(scratch.file(*leftovers.rbegin()), "left by a writer that died");
+  }
+  {
+    SafeSave save(target);
+    EXPECT_FALSE(leftovers.count(save.GetTempFile().GetName()));
+    SaveBytes(save, "fresh");
+  }
+  EXPECT_EQ(ReadWholeFile(target), "fresh");
+  for (const auto& leftover : leftovers) {
+    EXPECT_EQ(ReadWholeFile(scratch.file(leftover)), "left by a writer that died");
   }
 }
 

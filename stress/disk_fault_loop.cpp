@@ -1,0 +1,307 @@
+// disk_fault_loop: every faultable file operation, failing on its N-th call for N = 1, 2, ...
+// until the disk write (PrepAndWrite) or the read back (EnsureInMemory after a purge) gets
+// through. Each fault is EIO, ENOSPC or EROFS, once or from then on; reads are also run short.
+// Payloads of 0 and 1 bytes, one disk unit and a byte either side of it, and 1 MiB. The write
+// path runs again with O_DIRECT refused (EINVAL on the first open), which must fall back to
+// buffered writes.
+//
+// After every attempt: every cache file in the folder holds exactly its payload's bytes (no
+// partial target), no temporary is left, a failure moved the failed-writes or failed-reads
+// counter by one and a success moved nothing, a failed write left the payload in memory, the
+// disk-size total equals the files on disk, and a clean write then reads back byte-identical.
+#include <stdlib.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "bag/bag.h"
+#include "disk/cache_file_name.h"
+#include "disk/disk_counters.h"
+#include "host/fault_injection.h"
+#include "host/file_utils.h"
+#include "host/safe_save.h"
+#include "host/standalone_host.h"
+#include "lifecycle/lifecycle.h"
+#include "stress_common.h"
+#include "testing/keyed_payload.h"
+
+using jx::testing::KeyedPayload;
+using zelcore::filesupport::Dir;
+using zelcore::filesupport::FaultInjection;
+using zelcore::filesupport::File;
+using zelcore::filesupport::FileOp;
+using zelcore::utility::Guid;
+using zelcore::utility::IntrusivePtr;
+
+namespace {
+
+enum class Path { kWrite, kRead };
+constexpr int kShortReads = 0;  // in place of an errno: every read returns a byte short
+// More calls of one operation than any single write or read makes.
+constexpr uint64_t kMaxNth = 200;
+
+struct Case {
+  Path path;
+  FileOp op;
+  int err;
+  bool persistent;
+  uint32_t size;
+  bool noDirect;  // O_DIRECT refused on the first open
+};
+
+std::string Describe(const Case& c, uint64_t nth) {
+  std::string s = c.path == Path::kWrite ? "write" : "read";
+  s += c.noDirect ? " (O_DIRECT refused)" : "";
+  if (c.err == kShortReads) return s + ", short reads, size " + std::to_string(c.size);
+  s += std::string(", ") + zelcore::filesupport::FileOpName(c.op) + " call " + std::to_string(nth) +
+       (c.persistent ? " onwards" : " once");
+  s += c.err == EIO ? " EIO" : c.err == ENOSPC ? " ENOSPC" : " EROFS";
+  return s + ", size " + std::to_string(c.size);
+}
+
+class FaultLoop {
+ public:
+  FaultLoop(std::shared_ptr<JX_Bag> bag)
+      : bag_(std::move(bag)), dir_(bag_->GetDiskCacheDirSpec()) {}
+
+  // Runs one case up to its first success.
+  void Run(const Case& c) {
+    for (uint64_t nth = 1; nth <= kMaxNth; ++nth) {
+      if (Attempt(c, nth)) {
+        ++cases;
+        return;
+      }
+    }
+    Violation(c, kMaxNth, "never succeeded");
+  }
+
+  uint64_t cases = 0, attempts = 0, faults = 0, bytesLost = 0;
+  jx::stress::Violations violations;
+
+ private:
+  void Violation(const Case& c, uint64_t nth, const std::string& what) {
+    violations.Report((Describe(c, nth) + ": " + what).c_str());
+  }
+
+  IntrusivePtr<JX_Stuff> NewItem(uint32_t size, Guid key = Guid::CreateUnique()) {
+    auto item = JX_Stuff::CreateNew(KeyedPayload::ForKey(key, size), 0.0);
+    item->SetGuid(key);
+    bag_->AddToBagAndSortDir(item);
+    return item;
+  }
+  static KeyedPayload* Payload(const IntrusivePtr<JX_Stuff>& item) {
+    return static_cast<KeyedPayload*>(item->GetDataPtr().get());
+  }
+  static void Purge(const IntrusivePtr<JX_Stuff>& item) {
+    JX_Stuff::ReleaseQueue queue;
+    item->FreeUpAsMuchAsPossible(false, &queue);
+  }
+  static bool ReadBack(const IntrusivePtr<JX_Stuff>& item) {
+    try {
+      return item->EnsureInMemory() && Payload(item)->HoldsBytesOf(item->GetGuid());
+    } catch (int) {
+      return false;
+    }
+  }
+
+  // Every cache file holds its payload's bytes, no temporary is left, and the disk-size total
+  // is the sum of the files. Run with no fault planned: the listing itself opens and reads.
+  void CheckFolder(const Case& c, uint64_t nth) {
+    long long onDisk = 0;
+    for (const std::string& name : dir_.ListNames()) {
+      if (zelcore::filesupport::SafeSave::IsTempFileName(name)) {
+        Violation(c, nth, "temporary left: " + name);
+        continue;
+      }
+      jx::disk::CacheFileName parsed;
+      if (jx::disk::ParseCacheFileName(name, &parsed) != jx::disk::CacheFileNameError::kNone) {
+        Violation(c, nth, "unexpected file: " + name);
+        continue;
+      }
+      const File file = dir_.GetFile(name);
+      const auto body = jx::testing::ReadWholeFile(file.GetPath());
+      onDisk += static_cast<long long>(body.size());
+      uint32_t seed = 0, size = 0;
+      if (parsed.header.size() == 8) {
+        std::memcpy(&seed, parsed.header.data(), 4);
+        std::memcpy(&size, parsed.header.data() + 4, 4);
+      }
+      if (seed != jx::testing::SeedOfKey(parsed.guid) ||
+          body != jx::testing::KeyedBytes(seed, size))
+        Violation(c, nth, "partial or altered cache file: " + name);
+    }
+    if (bag_->GetCurrentDiskCacheSize() != onDisk) {
+      Violation(c, nth,
+                "disk-size total " + std::to_string(bag_->GetCurrentDiskCacheSize()) +
+                    ", files on disk " + std::to_string(onDisk));
+    }
+  }
+
+  // One attempt with the fault on the nth call; returns whether the write or read got through.
+  bool Attempt(const Case& c, uint64_t nth) {
+    ++attempts;
+    auto& counters = jx::disk::GetCounters();
+    auto item = NewItem(c.size);
+    File file;
+    if (c.path == Path::kRead) {
+      item->PrepAndWrite(bag_);
+      file = item->GetDiskCacheFile();
+      if (file.IsEmpty()) {
+        Violation(c, nth, "the clean write before the read failed");
+        return true;
+      }
+      Purge(item);
+    }
+    const uint64_t failedWrites = counters.failedWrites.load();
+    const uint32_t failedReads = counters.failedReads.load();
+
+    FaultInjection::Reset();
+    if (c.noDirect) FaultInjection::FailNth(FileOp::kOpen, 1, EINVAL);
+    if (c.err == kShortReads) {
+      FaultInjection::SetShortReads(true);
+    } else {
+      FaultInjection::FailNth(c.op, nth, c.err, c.persistent);
+    }
+    bool ok;
+    if (c.path == Path::kWrite) {
+      item->PrepAndWrite(bag_);
+      ok = item->HasDiskCacheFile();
+    } else {
+      ok = ReadBack(item);
+    }
+    uint64_t injected = FaultInjection::InjectedCount();
+    // The refusal of O_DIRECT is the fallback, not a fault; a failed create never gets to it.
+    const bool refusedDirect = c.noDirect && FaultInjection::CallCount(FileOp::kOpen) > 0;
+    FaultInjection::Reset();
+    if (refusedDirect) --injected;
+    if (c.noDirect && ok && !refusedDirect) Violation(c, nth, "wrote without opening the file");
+    faults += injected;
+
+    // Any fault fails the attempt (none is retried silently), and nothing else does.
+    if (ok != (injected == 0)) {
+      Violation(c, nth, ok ? "succeeded through an injected fault" : "failed without a fault");
+    }
+    if (c.path == Path::kWrite) {
+      if (counters.failedWrites.load() - failedWrites != (ok ? 0u : 1u))
+        Violation(c, nth, "failed-writes counter did not move by exactly the failure");
+      if (!Payload(item)->HoldsBytesOf(item->GetGuid())) {
+        Violation(c, nth, "the write changed the payload in memory");
+        bytesLost += c.size;
+      }
+    } else {
+      if (counters.failedReads.load() - failedReads != (ok ? 0u : 1u))
+        Violation(c, nth, "failed-reads counter did not move by exactly the failure");
+      if (!ok && (item->HasDiskCacheFile() || file.Exists()))
+        Violation(c, nth, "a file that failed to read was kept");
+    }
+    CheckFolder(c, nth);
+
+    // The cache still works: a clean write (when the item has no file now) reads back.
+    if (!item->HasDiskCacheFile()) {
+      if (!item->IsInMemory()) {
+        // A failed read: the item is computed again under its key, as a render would.
+        item->RemoveFromBagAndSortDir();
+        item = NewItem(c.size, item->GetGuid());
+      }
+      item->PrepAndWrite(bag_);
+    }
+    Purge(item);
+    if (!item->HasDiskCacheFile() || !ReadBack(item)) {
+      Violation(c, nth, "the next clean write did not read back byte-identical");
+      bytesLost += c.size;
+    }
+    item->DeleteDiskCacheFile();
+    item->RemoveFromBagAndSortDir();
+    CheckFolder(c, nth);
+    return ok;
+  }
+
+  std::shared_ptr<JX_Bag> bag_;
+  Dir dir_;
+};
+
+std::vector<Case> AllCases(uint32_t unit) {
+  const std::vector<uint32_t> small = {0, 1, unit - 1, unit, unit + 1};
+  constexpr uint32_t kMiB = 1u << 20;
+  std::vector<Case> cases;
+  for (Path path : {Path::kWrite, Path::kRead}) {
+    for (int op = 0; op < zelcore::filesupport::kFileOpCount; ++op) {
+      for (int err : {EIO, ENOSPC, EROFS}) {
+        for (bool persistent : {false, true}) {
+          for (uint32_t size : small)
+            cases.push_back({path, FileOp(op), err, persistent, size, false});
+          // The large payload crosses several buffers; one errno is enough for it.
+          if (err == EIO) cases.push_back({path, FileOp(op), err, persistent, kMiB, false});
+        }
+      }
+    }
+  }
+  for (uint32_t size : small)
+    cases.push_back({Path::kRead, FileOp::kRead, kShortReads, false, size, false});
+  cases.push_back({Path::kRead, FileOp::kRead, kShortReads, false, kMiB, false});
+  // Buffered writes after O_DIRECT is refused: their close syncs, so flush faults land there.
+  for (int op = 0; op < zelcore::filesupport::kFileOpCount; ++op) {
+    for (bool persistent : {false, true}) {
+      for (uint32_t size : small)
+        cases.push_back({Path::kWrite, FileOp(op), EIO, persistent, size, true});
+    }
+  }
+  cases.push_back({Path::kWrite, FileOp::kWrite, EIO, false, kMiB, true});
+  return cases;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  auto o = jx::stress::ParseOptions(argc, argv, "disk_fault_loop", 100000);
+  auto& host = jx::StandaloneHost::Instance();
+  host.SetEchoReports(false);
+  host.MakeCurrentThreadMain();
+  std::string base = zelcore::utility::FileUtils::GetTempDirectoryPath() + "/jxfault.XXXXXX";
+  if (!mkdtemp(base.data())) {
+    std::perror("disk_fault_loop: mkdtemp");
+    return 2;
+  }
+  JX_Birth(false, 1, false);
+  KeyedPayload::RegisterFactory();
+  auto bag = JX_GlobalBag();
+  bag->SetDiskCacheInfo(base, 1LL << 40);
+  if (!bag->IsDiskCacheEnabled()) {
+    std::fprintf(stderr, "disk_fault_loop: no usable disk cache folder under %s\n", base.c_str());
+    return 2;
+  }
+  const auto unit =
+      static_cast<uint32_t>(zelcore::utility::FileUtils::GetEfficientDiskBufferSizeFromPath(base));
+  std::vector<Case> cases = AllCases(unit);
+  // The order is the seed's: each case starts from whatever the one before left behind.
+  std::shuffle(cases.begin(), cases.end(), std::mt19937_64(o.seed));
+  if (cases.size() > o.ops) cases.resize(o.ops);
+
+  FaultLoop loop(bag);
+  jx::stress::Deadline deadline(o.seconds);
+  uint64_t run = 0;
+  for (const Case& c : cases) {
+    if (deadline.Passed()) break;
+    loop.Run(c);
+    ++run;
+  }
+  if (run < cases.size())
+    std::printf("disk_fault_loop: time ran out after %llu of %zu cases\n", (unsigned long long)run,
+                cases.size());
+  bag.reset();
+  JX_StopAllAsyncWork();
+  JX_Death();
+  std::error_code ec;
+  std::filesystem::remove_all(base, ec);
+  std::printf("disk_fault_loop: %llu attempts, disk unit %u bytes\n",
+              (unsigned long long)loop.attempts, unit);
+  std::printf(
+      "disk_fault_loop: cases %llu, faults injected %llu, violations %llu, bytes lost %llu\n",
+      (unsigned long long)loop.cases, (unsigned long long)loop.faults,
+      (unsigned long long)loop.violations.Count(), (unsigned long long)loop.bytesLost);
+  return loop.violations.Count() == 0 ? 0 : 1;
+}
