@@ -134,8 +134,9 @@ TEST(SafeSaveTest, LeftoversUnderTheNamesThisProcessWouldPickDoNotBlockTheSave) 
   const uint64_t last = std::stoull(name.substr(prefix.size()));
   std::set<std::string> leftovers;
   for (uint64_t attempt = last + 1; attempt <= last + 20; ++attempt) {
-    leftovers.insert(prefix + std::to_string(attempt) + ".tmp");
-    WriteWholeFile(scratch.file(*leftovers.rbegin()), "left by a writer that died");
+    const std::string leftover = prefix + std::to_string(attempt) + ".tmp";
+    leftovers.insert(leftover);
+    WriteWholeFile(scratch.file(leftover), "left by a writer that died");
   }
   {
     SafeSave save(target);
