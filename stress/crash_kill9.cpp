@@ -104,7 +104,17 @@ pid_t Spawn(const std::string& folder, int out,
     if (!bag->IsDiskCacheEnabled()) {
       ++findings.violations;
     } else {
-      body(*bag, findings);
+      // Whatever escapes the body is reported and counted, not left to abort the child
+      // silently (its partner and the parent would only see it vanish).
+      try {
+        body(*bag, findings);
+      } catch (int code) {
+        std::fprintf(stderr, "crash_kill9: a child's work threw code %d\n", code);
+        ++findings.violations;
+      } catch (const std::exception& e) {
+        std::fprintf(stderr, "crash_kill9: a child's work threw: %s\n", e.what());
+        ++findings.violations;
+      }
     }
   }
   JX_StopAllAsyncWork();
@@ -120,6 +130,13 @@ Findings Collect(pid_t pid, int in) {
   ::close(in);
   int status = 0;
   ::waitpid(pid, &status, 0);
+  if (WIFSIGNALED(status)) {
+    std::fprintf(stderr, "crash_kill9: child %d ended by signal %d\n", static_cast<int>(pid),
+                 WTERMSIG(status));
+  } else if (WIFEXITED(status) && WEXITSTATUS(status) != 0) {
+    std::fprintf(stderr, "crash_kill9: child %d exited with %d\n", static_cast<int>(pid),
+                 WEXITSTATUS(status));
+  }
   if (!got || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
     f = Findings{};
     f.violations = 1;
@@ -305,6 +322,10 @@ void SharedFolder(const jx::stress::Options& o, const std::string& base, int rou
     pid_t pids[2];
     for (int w = 0; w < 2; ++w) {
       pids[w] = Spawn(folder, findings[w][1], [&, w](JX_Bag& bag, Findings& f) {
+        // Only this child's signal end and the other's wait end stay open here: if the other
+        // dies, the read below sees end-of-file instead of waiting for ever.
+        ::close(done[w][0]);
+        ::close(done[1 - w][1]);
         std::vector<int> mine;
         for (int i = 0; i < 60; ++i) {
           if (i >= 40 || i / 20 == w) mine.push_back(i);
@@ -334,12 +355,10 @@ void SharedFolder(const jx::stress::Options& o, const std::string& base, int rou
     }
     for (int w = 0; w < 2; ++w) {
       ::close(findings[w][1]);
-    }
-    for (int w = 0; w < 2; ++w) Add(t, Collect(pids[w], findings[w][0]), v);
-    for (int w = 0; w < 2; ++w) {
       ::close(done[w][0]);
       ::close(done[w][1]);
     }
+    for (int w = 0; w < 2; ++w) Add(t, Collect(pids[w], findings[w][0]), v);
     ++t.rounds;
   }
 }
