@@ -1,6 +1,10 @@
 // Guid generation and text form.
 #include "host/guid.h"
 
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
 #include <random>
 #include <stdexcept>
 
@@ -8,16 +12,31 @@ namespace zelcore::utility {
 
 namespace {
 
+// Counts fork()s: a child starts with a copy of its parent's generators, which would hand it
+// the very GUIDs its parent (and every sibling) hands out next.
+std::atomic<uint64_t> gForkGeneration{0};
+void NoteFork() { gForkGeneration.fetch_add(1, std::memory_order_relaxed); }
+
 std::mt19937_64& ThreadGenerator() {
   // One generator per thread: no lock on the hot path, and each is seeded from the OS entropy
-  // source so that two threads (or two processes) never walk the same sequence.
-  thread_local std::mt19937_64 generator = [] {
+  // source so that two threads (or two processes) never walk the same sequence; after a fork
+  // the child seeds afresh.
+  static const int registered = ::pthread_atfork(nullptr, nullptr, &NoteFork);
+  (void)registered;
+  struct Seeded {
+    std::mt19937_64 engine;
+    uint64_t generation = UINT64_MAX;
+  };
+  thread_local Seeded generator;
+  const uint64_t generation = gForkGeneration.load(std::memory_order_relaxed);
+  if (generator.generation != generation) {
     std::random_device device;
     std::seed_seq seq{device(), device(), device(), device(),
                       device(), device(), device(), device()};
-    return std::mt19937_64(seq);
-  }();
-  return generator;
+    generator.engine.seed(seq);
+    generator.generation = generation;
+  }
+  return generator.engine;
 }
 
 int HexValue(char c) {

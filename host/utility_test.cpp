@@ -1,5 +1,7 @@
 // Guid, MurmurHash3, base64 and UTF conversion.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <random>
 #include <set>
@@ -52,6 +54,31 @@ TEST(GuidTest, CreateUniqueIsDistinctVersion4AndFitsAFileNameField) {
     seen.insert(g);
   }
   EXPECT_EQ(seen.size(), 1000u);
+}
+
+TEST(GuidTest, ForkedProcessesDoNotRepeatEachOthersGuids) {
+  // Processes forked from one parent (workers sharing a disk cache folder) start with copies of
+  // its state; their GUIDs must still differ from the parent's and from each other's.
+  (void)Guid::CreateUnique();  // the parent's generator is in use before the fork
+  std::set<Guid> seen;
+  for (int child = 0; child < 2; ++child) {
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+      const Guid g = Guid::CreateUnique();
+      ::_exit(::write(fds[1], g.Bytes().data(), 16) == 16 ? 0 : 1);
+    }
+    ::close(fds[1]);
+    std::array<uint8_t, 16> bytes{};
+    EXPECT_EQ(::read(fds[0], bytes.data(), 16), 16);
+    ::close(fds[0]);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    seen.insert(Guid(bytes));
+  }
+  seen.insert(Guid::CreateUnique());
+  EXPECT_EQ(seen.size(), 3u);
 }
 
 // The standard verification: hash {}, {0}, {0,1}, ... with seed 256-i, then hash the

@@ -91,6 +91,8 @@ pid_t Spawn(const std::string& folder, int out,
   const pid_t pid = ::fork();
   if (pid != 0) return pid;
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  // A broken pipe is reported as an error where it happens rather than ending the child.
+  ::signal(SIGPIPE, SIG_IGN);
   auto& host = jx::StandaloneHost::Instance();
   host.Reset();
   host.SetEchoReports(false);
@@ -102,42 +104,34 @@ pid_t Spawn(const std::string& folder, int out,
     auto bag = JX_GlobalBag();
     bag->SetDiskCacheInfo(folder, 1LL << 40);
     if (!bag->IsDiskCacheEnabled()) {
+      std::fprintf(stderr, "child %d: disk caching is off on %s\n", static_cast<int>(::getpid()),
+                   folder.c_str());
       ++findings.violations;
     } else {
-      // Whatever escapes the body is reported and counted, not left to abort the child
-      // silently (its partner and the parent would only see it vanish).
-      try {
-        body(*bag, findings);
-      } catch (int code) {
-        std::fprintf(stderr, "crash_kill9: a child's work threw code %d\n", code);
-        ++findings.violations;
-      } catch (const std::exception& e) {
-        std::fprintf(stderr, "crash_kill9: a child's work threw: %s\n", e.what());
-        ++findings.violations;
-      }
+      body(*bag, findings);
     }
   }
   JX_StopAllAsyncWork();
   JX_Death();
-  if (out >= 0 && ::write(out, &findings, sizeof findings) != sizeof findings) ::_exit(3);
+  if (out >= 0 && !jx::stress::WriteAll(out, &findings, sizeof findings)) {
+    std::fprintf(stderr, "child %d: cannot report (%s)\n", static_cast<int>(::getpid()),
+                 std::strerror(errno));
+    ::_exit(3);
+  }
   ::_exit(0);
 }
 
 // Reads the child's findings and reaps it; a child that died without reporting is a violation.
 Findings Collect(pid_t pid, int in) {
   Findings f;
-  const bool got = ::read(in, &f, sizeof f) == static_cast<ssize_t>(sizeof f);
+  const bool got = jx::stress::ReadAll(in, &f, sizeof f);
   ::close(in);
   int status = 0;
   ::waitpid(pid, &status, 0);
-  if (WIFSIGNALED(status)) {
-    std::fprintf(stderr, "crash_kill9: child %d ended by signal %d\n", static_cast<int>(pid),
-                 WTERMSIG(status));
-  } else if (WIFEXITED(status) && WEXITSTATUS(status) != 0) {
-    std::fprintf(stderr, "crash_kill9: child %d exited with %d\n", static_cast<int>(pid),
-                 WEXITSTATUS(status));
-  }
   if (!got || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    std::fprintf(stderr, "child %d: %s %d\n", static_cast<int>(pid),
+                 WIFSIGNALED(status) ? "killed by signal" : "exit code",
+                 WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status));
     f = Findings{};
     f.violations = 1;
   }
@@ -231,7 +225,7 @@ void KillRounds(const jx::stress::Options& o, const std::string& folder, Totals&
       std::mt19937_64 r(childSeed);
       std::map<int, IntrusivePtr<JX_Stuff>> items;
       const char go = 1;
-      if (::write(ready[1], &go, 1) != 1) ::_exit(4);
+      if (!jx::stress::WriteAll(ready[1], &go, 1)) ::_exit(4);
       ::close(ready[1]);
       jx::stress::Deadline giveUp(5.0);  // the parent kills long before; never outlive a lost one
       while (!giveUp.Passed()) {
@@ -245,7 +239,8 @@ void KillRounds(const jx::stress::Options& o, const std::string& folder, Totals&
     ::close(ready[1]);
     // Most kills land while the writer writes; some while it is still starting up.
     char go;
-    if (rng() % 10 != 0 && ::read(ready[0], &go, 1) != 1) v.Report("the writer died on its own");
+    if (rng() % 10 != 0 && !jx::stress::ReadAll(ready[0], &go, 1))
+      v.Report("the writer died on its own");
     std::this_thread::sleep_for(std::chrono::microseconds(rng() % 20000));
     ::kill(pid, SIGKILL);
     ::close(ready[0]);
@@ -322,10 +317,10 @@ void SharedFolder(const jx::stress::Options& o, const std::string& base, int rou
     pid_t pids[2];
     for (int w = 0; w < 2; ++w) {
       pids[w] = Spawn(folder, findings[w][1], [&, w](JX_Bag& bag, Findings& f) {
-        // Only this child's signal end and the other's wait end stay open here: if the other
-        // dies, the read below sees end-of-file instead of waiting for ever.
-        ::close(done[w][0]);
-        ::close(done[1 - w][1]);
+        // Only this writer's ends stay open, so that a peer that dies is seen as end of file.
+        for (int fd :
+             {done[w][0], done[1 - w][1], findings[w][0], findings[1 - w][0], findings[1 - w][1]})
+          ::close(fd);
         std::vector<int> mine;
         for (int i = 0; i < 60; ++i) {
           if (i >= 40 || i / 20 == w) mine.push_back(i);
@@ -346,7 +341,12 @@ void SharedFolder(const jx::stress::Options& o, const std::string& base, int rou
         // Wait until the other has written everything too.
         const char one = 1;
         char c;
-        if (::write(done[w][1], &one, 1) != 1 || ::read(done[1 - w][0], &c, 1) != 1) ++f.violations;
+        if (!jx::stress::WriteAll(done[w][1], &one, 1) ||
+            !jx::stress::ReadAll(done[1 - w][0], &c, 1)) {
+          std::fprintf(stderr, "writer %d: the other writer is gone (%s)\n", w,
+                       std::strerror(errno));
+          ++f.violations;
+        }
         const std::set<Guid> adopted = ScanAndCheck(bag, f);
         for (int i = 0; i < 60; ++i) {
           if (!adopted.count(keys[i].guid)) ++f.readFailures;  // a file of either that no scan took
@@ -354,9 +354,7 @@ void SharedFolder(const jx::stress::Options& o, const std::string& base, int rou
       });
     }
     for (int w = 0; w < 2; ++w) {
-      ::close(findings[w][1]);
-      ::close(done[w][0]);
-      ::close(done[w][1]);
+      for (int fd : {findings[w][1], done[w][0], done[w][1]}) ::close(fd);
     }
     for (int w = 0; w < 2; ++w) Add(t, Collect(pids[w], findings[w][0]), v);
     ++t.rounds;

@@ -89,11 +89,11 @@ Report RunPhase(const std::function<void(JX_Bag&, Report&, jx::stress::Violation
     JX_StopAllAsyncWork();
     JX_Death();
     report.violations = violations.Count();
-    ::_exit(::write(fds[1], &report, sizeof report) == sizeof report ? 0 : 3);
+    ::_exit(jx::stress::WriteAll(fds[1], &report, sizeof report) ? 0 : 3);
   }
   ::close(fds[1]);
   Report report;
-  const bool got = ::read(fds[0], &report, sizeof report) == static_cast<ssize_t>(sizeof report);
+  const bool got = jx::stress::ReadAll(fds[0], &report, sizeof report);
   ::close(fds[0]);
   int status = 0;
   ::waitpid(pid, &status, 0);
@@ -431,11 +431,11 @@ int main(int argc, char** argv) {
       code = InNamespace(base, t);
     }
     std::fflush(stdout);
-    ::_exit(::write(fds[1], &t, sizeof t) == sizeof t ? code : 3);
+    ::_exit(jx::stress::WriteAll(fds[1], &t, sizeof t) ? code : 3);
   }
   ::close(fds[1]);
   Totals t;
-  const bool got = ::read(fds[0], &t, sizeof t) == static_cast<ssize_t>(sizeof t);
+  const bool got = jx::stress::ReadAll(fds[0], &t, sizeof t);
   int status = 0;
   ::waitpid(pid, &status, 0);
   if (!got || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {

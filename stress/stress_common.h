@@ -2,7 +2,10 @@
 // first and their figures on the last line, and exit non-zero when an invariant broke.
 #pragma once
 
+#include <unistd.h>
+
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -79,5 +82,30 @@ class Deadline {
  private:
   std::chrono::steady_clock::time_point end_;
 };
+
+// Whole transfers over the pipes between a program and its child processes, retried when a
+// signal interrupts them (sanitizer runtimes deliver signals of their own).
+inline bool ReadAll(int fd, void* data, size_t length) {
+  auto* p = static_cast<char*>(data);
+  while (length > 0) {
+    const ssize_t n = ::read(fd, p, length);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    p += n;
+    length -= static_cast<size_t>(n);
+  }
+  return true;
+}
+inline bool WriteAll(int fd, const void* data, size_t length) {
+  const auto* p = static_cast<const char*>(data);
+  while (length > 0) {
+    const ssize_t n = ::write(fd, p, length);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    p += n;
+    length -= static_cast<size_t>(n);
+  }
+  return true;
+}
 
 }  // namespace jx::stress
