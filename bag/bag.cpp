@@ -44,7 +44,7 @@ void JX_Bag::AddStuff(const StuffPtr& stuff) {
   JXp_ScLock lock;
   // Checked before the time stamp moves: an item's time is its key in the recency set.
   if (stuff->GetBag()) jx::FailVerification("stuff already in a bag");
-  stuff->lastUsedTime_.exchange(HighPrecisionTime::GetCurrentTimeStamp());
+  stuff->lastUsedTime_.store(HighPrecisionTime::GetCurrentTimeStamp(), std::memory_order_release);
   AddStuffGuts(stuff, lock, true);
 }
 
@@ -88,7 +88,7 @@ void JX_Bag::UpdateWithNewLastUsedTime(const StuffPtr& stuff, const JXp_ScLock& 
   if (jx::settings::UseMediaMap()) {
     // The media map must see the item leave and come back so that its entry is renewed.
     RemoveStuffGuts(stuff, lock, true);
-    stuff->lastUsedTime_.exchange(HighPrecisionTime::GetCurrentTimeStamp());
+    stuff->lastUsedTime_.store(HighPrecisionTime::GetCurrentTimeStamp(), std::memory_order_release);
     zelcore::config::ExecuteTopLevelFunction readd([&] { AddStuffGuts(stuff, lock, true); });
     return;
   }
@@ -96,7 +96,7 @@ void JX_Bag::UpdateWithNewLastUsedTime(const StuffPtr& stuff, const JXp_ScLock& 
   // set: do just that, keeping the bag link and the (unchanged) accounted sizes.
   if (stuff->mruBag_ != this) jx::FailVerification("stuff not in the right bag");
   mru_.erase(mru_.iterator_to(*stuff));
-  stuff->lastUsedTime_.exchange(HighPrecisionTime::GetCurrentTimeStamp());
+  stuff->lastUsedTime_.store(HighPrecisionTime::GetCurrentTimeStamp(), std::memory_order_release);
   InsertByTime(*stuff);
 }
 
@@ -157,12 +157,16 @@ void JX_Stuff::SyncMemorySizeLocked(unsigned int newSize, JX_Bag* knownBag) {
     if (!held) return;
     bag = held.get();
   }
-  unsigned int old = memSize_.exchange(newSize, std::memory_order_acq_rel);
+  // Every caller holds the item's upgrade or write lock, so these fields have one writer at a
+  // time: a load and a store do, without the cost of an atomic exchange on the hit path.
+  const unsigned int old = memSize_.load(std::memory_order_relaxed);
   if (old != newSize) {
+    memSize_.store(newSize, std::memory_order_release);
     bag->AdjustInMemoryCacheSize(static_cast<long long>(newSize) - static_cast<long long>(old));
   }
-  unsigned int oldOut = checkedOutSize_.exchange(newCheckedOut, std::memory_order_acq_rel);
+  const unsigned int oldOut = checkedOutSize_.load(std::memory_order_relaxed);
   if (oldOut != newCheckedOut) {
+    checkedOutSize_.store(newCheckedOut, std::memory_order_release);
     bag->AdjustCheckedOutMemoryCacheSize(static_cast<long long>(newCheckedOut) -
                                          static_cast<long long>(oldOut));
   }

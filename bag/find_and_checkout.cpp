@@ -43,9 +43,11 @@ JX_CheckoutResult JX_Bag::FindAndCheckout(const StuffPtr& request, int checkoutF
     const auto guid = request->GetGuid();
 
     // Candidates are copied first: a writeable check-out takes its item out of the directory.
-    boost::container::small_vector<StuffPtr, 4> candidates;
+    // Plain pointers suffice: the recency set holds a reference to every item of the bag, and
+    // nothing leaves the set while this thread holds the library lock.
+    boost::container::small_vector<JX_Stuff*, 4> candidates;
     sortDir_->ForEachWithGuid(guid, [&](const StuffPtr& s) {
-      candidates.push_back(s);
+      candidates.push_back(s.get());
       return true;
     });
     // Disk reads happen after the library lock is released (below), never under it.
@@ -53,12 +55,12 @@ JX_CheckoutResult JX_Bag::FindAndCheckout(const StuffPtr& request, int checkoutF
     bool pendingMatchRefused = false;
     for (int round = 0; round < rounds && !match; ++round) {
       const bool wantCompressed = round == 1;
-      for (const StuffPtr& candidate : candidates) {
+      for (JX_Stuff* candidate : candidates) {
         bool matched = false;
         const JX_Stuff::MatchRequest request{&key, wantCompressed, &matched};
         if (candidate->CheckoutInBag(lockedFlags, this, &matchWasPending, &request) ==
             kJX_CheckedOut) {
-          match = candidate;
+          match = StuffPtr(candidate);
           result = kJX_CheckedOut;
           break;
         }
