@@ -47,10 +47,10 @@ JX_StuffCounters& JX_GetStuffCounters() {
 }
 
 JX_Stuff::JX_Stuff(IntrusivePtr<JX_StuffData> data, double computeTime, bool pending)
-    : data_(std::move(data)),
-      computeTime_(computeTime),
-      pending_(pending),
-      lastUsedTime_(HighPrecisionTime::GetCurrentTimeStamp()) {
+    : pending_(pending),
+      data_(std::move(data)),
+      lastUsedTime_(HighPrecisionTime::GetCurrentTimeStamp()),
+      computeTime_(computeTime) {
   if (pending) pendingThread_ = zelcore::threads::CurrentThreadId();
 }
 
