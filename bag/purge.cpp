@@ -1,6 +1,7 @@
 // Memory purging: the host's purge walk over the recency order, and the purge of one item.
 #include <algorithm>
 #include <atomic>
+#include <ostream>
 
 #include "bag/bag.h"
 #include "bag/sort_dir.h"
@@ -135,6 +136,33 @@ bool PurgeWalk::EndPass(size_t itemCount) const {
   return pass_.success;
 }
 
+// What every media-map trace of a purge ends with: the bag's in-memory total and item count,
+// then the media map's. Streamed only when the trace is on (the total walks the whole bag).
+struct CacheSizes {
+  const JX_Bag* bag;
+};
+
+std::ostream& operator<<(std::ostream& os, const CacheSizes& s) {
+  unsigned long long inMemory = 0, withDiskCopy = 0;
+  if (s.bag) s.bag->GetCacheSizesInBytes(inMemory, withDiskCopy);
+  return os << " JX Cache size " << inMemory
+            << " num entries = " << (s.bag ? s.bag->GetNumMruSortedItems() : 0) << " MediaMap size "
+            << JX_MediaMapSizeBytes() << " num entries = " << JX_MediaMapEntryCount();
+}
+
+void TraceMediaMapAfterPurge(const JX_Bag* bag, bool freedAnything, bool removedFromBag,
+                             bool erased) {
+  if (freedAnything || removedFromBag) {
+    ZC_TRACE("JX_MediaMap", 6, "FreeUpAsMuchAsPossible " << CacheSizes{bag});
+  } else {
+    ZC_TRACE("JX_MediaMap", 6,
+             "FreeUpAsMuchAsPossible - couldn't free anything "
+                 << CacheSizes{bag} << " freed_anything = " << freedAnything
+                 << " removedFromBag = " << removedFromBag);
+  }
+  if (erased) ZC_TRACE("JX_MediaMap", 6, "Stuff was purged from Strandel " << CacheSizes{bag});
+}
+
 }  // namespace
 
 uint32_t JX_GetPurgeCallCount() { return gPurgeCounters.calls.load(); }
@@ -186,33 +214,18 @@ unsigned int JX_Stuff::FreeUpAsMuchAsPossible(bool removeFromMediaMap, ReleaseQu
   JXp_ScLock lock;
   ScopedWriteLockWrapper wl(mutex_);
   if (checkoutCount_.load(std::memory_order_acquire) != 0) return 0;
+  // Taken now: the traces below still describe the bag after the item has left it.
+  const std::shared_ptr<JX_Bag> bag = bag_.lock();
   const unsigned int size = data_ ? data_->GetApproximateMemorySize() : 0;
-  bool freedAnything = false;
-  if (data_ && data_->IsInMemory()) freedAnything = PurgeIfPossiblePrivate(wl, toRelease);
-  bool removedFromBag = false;
-  const bool inMemory = data_ && data_->IsInMemory();
-  if (!inMemory && !diskFile_ && !pending_.load(std::memory_order_acquire)) {
-    // Nothing worth keeping: the item leaves the bag and the directory.
-    if (auto bag = bag_.lock()) {
-      bag->RemoveStuffFromBagAndSortDir(self, lock, removeFromMediaMap);
-      removedFromBag = true;
-    }
-  }
-  const bool mediaMap = jx::settings::UseMediaMap();
-  if (mediaMap && freedAnything && !removedFromBag && removeFromMediaMap) JX_MediaMapErase(self);
-  if (mediaMap) {
-    if (freedAnything || removedFromBag) {
-      ZC_TRACE("JX_MediaMap", 6,
-               "FreeUpAsMuchAsPossible " << GetGuid().AsString() << " MediaMap size "
-                                         << JX_MediaMapSizeBytes()
-                                         << " num entries = " << JX_MediaMapEntryCount());
-    } else {
-      ZC_TRACE("JX_MediaMap", 6,
-               "FreeUpAsMuchAsPossible - couldn't free anything "
-                   << GetGuid().AsString() << " MediaMap size " << JX_MediaMapSizeBytes()
-                   << " num entries = " << JX_MediaMapEntryCount() << " freed_anything = "
-                   << freedAnything << " removedFromBag = " << removedFromBag);
-    }
+  const bool freedAnything = data_ && data_->IsInMemory() && PurgeIfPossiblePrivate(wl, toRelease);
+  const bool keepsNothing =
+      !(data_ && data_->IsInMemory()) && !diskFile_ && !pending_.load(std::memory_order_acquire);
+  const bool removedFromBag = keepsNothing && bag;
+  if (removedFromBag) bag->RemoveStuffFromBagAndSortDir(self, lock, removeFromMediaMap);
+  if (jx::settings::UseMediaMap()) {
+    const bool erase = freedAnything && !removedFromBag && removeFromMediaMap;
+    if (erase) JX_MediaMapErase(self);
+    TraceMediaMapAfterPurge(bag.get(), freedAnything, removedFromBag, erase);
   }
   return (freedAnything || removedFromBag) ? size : 0;
 }

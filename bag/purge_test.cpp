@@ -57,6 +57,13 @@ class LimitsFailAfterPurgePayload : public TestPayload {
   }
 };
 
+// Reports a size but holds nothing in memory: there is nothing to free.
+class NotInMemoryPayload : public TestPayload {
+ public:
+  using TestPayload::TestPayload;
+  bool IsInMemory() const override { return false; }
+};
+
 class PurgeTest : public LibraryTest {
  protected:
   void SetUp() override {
@@ -218,6 +225,20 @@ TEST_F(PurgeTest, FailingMemoryLimitsEscapeWithTheQueueReleasedAndExactBooks) {
   EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), SumOfItemSizes(*bag_));
 }
 
+TEST_F(PurgeTest, AnItemKeepingNothingLeavesAndCountsItsNotedSize) {
+  auto outside = Add(new NotInMemoryPayload(40));
+  auto backed = AddItems(1, 50, true)[0];
+  JX_Stuff::ReleaseQueue queue;
+  EXPECT_EQ(outside->FreeUpAsMuchAsPossible(true, &queue), 40u) << "nothing freed, but removed";
+  EXPECT_FALSE(outside->GetBag());
+  EXPECT_FALSE(outside->IsInSortDir());
+  EXPECT_TRUE(queue.empty());
+  EXPECT_EQ(backed->FreeUpAsMuchAsPossible(true, &queue), 50u);
+  EXPECT_TRUE(backed->GetBag()) << "a disk copy is worth keeping the item for";
+  EXPECT_EQ(queue.size(), 1u);
+  EXPECT_EQ(backed->FreeUpAsMuchAsPossible(true, &queue), 0u) << "freed once, counted once";
+}
+
 TEST_F(PurgeTest, EmptyBagAndPurgeAll) {
   jx::PurgeOverBudget(*bag_, 100);
   EXPECT_EQ(bag_->GetLastPurgedUsedTime(), 0u);
@@ -228,6 +249,39 @@ TEST_F(PurgeTest, EmptyBagAndPurgeAll) {
   bag_->PurgeAllMemoryCaches();  // ignores the floor, the host and the payload's wish
   EXPECT_EQ(bag_->GetNumItems(), 0);
   EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 0);
+}
+
+class PurgeMediaMapTest : public PurgeTest {
+ protected:
+  void Birth() override {
+    RV::GetMediaManager()->Reset();
+    JX_Birth(true, 1, false);
+    ASSERT_TRUE(jx::settings::UseMediaMap());
+  }
+};
+
+TEST_F(PurgeMediaMapTest, TracesTheSizesAfterEachItem) {
+  auto backed = AddItems(1, 50, true)[0];
+  auto plain = AddItems(1, 60, false)[0];
+  const std::string plainGuid = plain->GetGuid().AsString();
+  JX_Stuff::ReleaseQueue queue;
+  TraceLines traces("JX_MediaMap:6");
+  backed->FreeUpAsMuchAsPossible(true, &queue);  // freed, kept for its disk copy: entry erased
+  backed->FreeUpAsMuchAsPossible(true, &queue);  // nothing left to free
+  plain->FreeUpAsMuchAsPossible(true, &queue);   // freed and removed, which erases the entry
+  EXPECT_EQ(traces.lines,
+            (std::vector<std::string>{
+                "FreeUpAsMuchAsPossible  JX Cache size 60 num entries = 2 MediaMap size 60 "
+                "num entries = 1",
+                "Stuff was purged from Strandel  JX Cache size 60 num entries = 2 MediaMap size "
+                "60 num entries = 1",
+                "FreeUpAsMuchAsPossible - couldn't free anything  JX Cache size 60 num entries = "
+                "2 MediaMap size 60 num entries = 1 freed_anything = 0 removedFromBag = 0",
+                "Removed stuff " + plainGuid +
+                    " JX Cache size 0 num entries = 1 MediaMap size 0 num entries = 0",
+                "FreeUpAsMuchAsPossible  JX Cache size 0 num entries = 1 MediaMap size 0 "
+                "num entries = 0",
+            }));
 }
 
 // The fixed limit for templates is a feature read once per process, so this purge runs in a
