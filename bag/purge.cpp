@@ -1,6 +1,7 @@
 // Memory purging: the host's purge walk over the recency order, and the purge of one item.
 #include <algorithm>
 #include <atomic>
+#include <ostream>
 
 #include "bag/bag.h"
 #include "bag/sort_dir.h"
@@ -8,7 +9,6 @@
 #include "host/standalone_host.h"
 #include "host/trace.h"
 #include "host/y_api.h"
-#include "lifecycle/failures.h"
 #include "lifecycle/settings.h"
 #include "mediamap/media_map_hooks.h"
 
@@ -24,22 +24,152 @@ struct PurgeCounters {
   std::atomic<uint32_t> calls{0};
   std::atomic<uint32_t> freedDiskBacked{0};
   std::atomic<uint32_t> freedGeneral{0};
+  // 64 bits: every walk adds up to twice the number of items in the bag.
+  std::atomic<uint64_t> examined{0};
 };
 PurgeCounters gPurgeCounters;
 
-// One pass of the walk. Pass 0 frees only items with a disk copy; pass 1 any purgeable item.
-struct PassResult {
-  bool success = false;
-  uint32_t attempted = 0;
-  uint32_t freed = 0;
-  unsigned long long bytes = 0;
+// One FreeUpSomeMemory call: its stop rules, the work on each item, and what it has freed over
+// all of its passes. Pass 0 frees only items with a disk copy; pass 1 any purgeable item. Lives
+// under the library lock.
+class PurgeWalk {
+ public:
+  PurgeWalk(const JX_Bag& bag, JX_Bag::ReleaseQueue* toRelease);
+  ~PurgeWalk() { gPurgeCounters.examined.fetch_add(examined_, std::memory_order_relaxed); }
+  PurgeWalk(const PurgeWalk&) = delete;
+  PurgeWalk& operator=(const PurgeWalk&) = delete;
+
+  int FirstPass() const { return jx::settings::PlaybackFromDiskLogic() ? 1 : 0; }
+  void StartPass(int pass) { pass_ = Pass{pass}; }
+  // The stop rules, asked before each item; true when the pass ends here.
+  bool ShouldStop();
+  void Visit(JX_Stuff& item);
+  // Traces the pass; true when it succeeded, which ends the walk.
+  bool EndPass(size_t itemCount) const;
+
+  unsigned long long TotalFreed() const { return totalFreed_; }
+  bool AnyFreed() const { return anyFreed_; }
+  unsigned long long NewestFreedUsedTime() const { return newestFreed_; }
+
+ private:
+  struct Pass {
+    int number = 0;
+    bool success = false;
+    uint32_t index = 0;
+    uint32_t attempted = 0;
+    uint32_t freed = 0;
+    unsigned long long bytes = 0;
+  };
+  bool Eligible(JX_Stuff& item) const;
+  void CountFreed(unsigned int bytes, unsigned long long usedTime);
+
+  const JX_Bag& bag_;
+  JX_Bag::ReleaseQueue* const toRelease_;
+  const bool templateLimit_;
+  const unsigned long long limit_;
+  Pass pass_;
+  // Whether the item just before this one freed something. Carried from pass 0 into pass 1:
+  // the host is asked again only after an item that freed something.
+  bool previousFreed_ = false;
+  bool anyFreed_ = false;
+  unsigned long long totalFreed_ = 0;
+  unsigned long long newestFreed_ = 0;
+  uint64_t examined_ = 0;
 };
+
+PurgeWalk::PurgeWalk(const JX_Bag& bag, JX_Bag::ReleaseQueue* toRelease)
+    : bag_(bag),
+      toRelease_(toRelease),
+      templateLimit_(JX_IsSetJXCacheLimitForGfxpaksEnabled()),
+      limit_(templateLimit_ ? JX_GetMaxJXCacheSize() : 0) {}
+
+bool PurgeWalk::ShouldStop() {
+  if (!JX_IsGlobalBagSizeAboveMinimum()) return true;  // at the floor: the pass fails
+  if (previousFreed_ && Y_AmountToPurge() <= totalFreed_) return pass_.success = true;
+  if (templateLimit_) {
+    const long long inMemory = bag_.GetInMemoryCacheSizeInBytes_LockFree();
+    if (static_cast<unsigned long long>(std::max(0LL, inMemory)) <= limit_)
+      return pass_.success = true;
+  }
+  return false;
+}
+
+void PurgeWalk::Visit(JX_Stuff& item) {
+  const uint32_t index = pass_.index++;
+  ++examined_;
+  previousFreed_ = false;
+  // Our own reference: freeing may take the item out of the set, which drops the set's.
+  const JX_Bag::StuffPtr stuff(&item);
+  if (!Eligible(*stuff)) return;
+  ++pass_.attempted;
+  const unsigned long long usedTime = stuff->GetLastUsedTime();
+  const unsigned int freed = stuff->FreeUpAsMuchAsPossible(true, toRelease_);
+  ZC_TRACE("JX_Purge", 6,
+           "Stuff-Stats: pass, index, stuffFreedAmount, amtToPurge:"
+               << pass_.number << ", " << index << ", " << freed << ", " << Y_AmountToPurge());
+  if (freed != 0) CountFreed(freed, usedTime);
+}
+
+bool PurgeWalk::Eligible(JX_Stuff& item) const {
+  if (!item.ShouldAllowPurge() || !item.IsInMemory()) return false;
+  return pass_.number != 0 || item.HasDiskCacheFile();
+}
+
+void PurgeWalk::CountFreed(unsigned int bytes, unsigned long long usedTime) {
+  previousFreed_ = true;
+  anyFreed_ = true;
+  ++pass_.freed;
+  pass_.bytes += bytes;
+  totalFreed_ += bytes;
+  newestFreed_ = std::max(newestFreed_, usedTime);
+  (pass_.number == 0 ? gPurgeCounters.freedDiskBacked : gPurgeCounters.freedGeneral)
+      .fetch_add(1, std::memory_order_relaxed);
+}
+
+bool PurgeWalk::EndPass(size_t itemCount) const {
+  ZC_TRACE("JX_Purge", 6,
+           "Pass-Stats: pass, totalStuffs, attemptedStuffs, freedStuffs, amountFreedInPass, "
+           "amtToPurge, success:"
+               << pass_.number << ", " << itemCount << ", " << pass_.attempted << ", "
+               << pass_.freed << ", " << pass_.bytes << ", " << Y_AmountToPurge() << ", "
+               << pass_.success);
+  return pass_.success;
+}
+
+// What every media-map trace of a purge ends with: the bag's in-memory total and item count,
+// then the media map's. Streamed only when the trace is on (the total walks the whole bag).
+struct CacheSizes {
+  const JX_Bag* bag;
+};
+
+std::ostream& operator<<(std::ostream& os, const CacheSizes& s) {
+  unsigned long long inMemory = 0, withDiskCopy = 0;
+  if (s.bag) s.bag->GetCacheSizesInBytes(inMemory, withDiskCopy);
+  return os << " JX Cache size " << inMemory
+            << " num entries = " << (s.bag ? s.bag->GetNumMruSortedItems() : 0) << " MediaMap size "
+            << JX_MediaMapSizeBytes() << " num entries = " << JX_MediaMapEntryCount();
+}
+
+void TraceMediaMapAfterPurge(const JX_Bag* bag, bool freedAnything, bool removedFromBag,
+                             bool erased) {
+  if (freedAnything || removedFromBag) {
+    ZC_TRACE("JX_MediaMap", 6, "FreeUpAsMuchAsPossible " << CacheSizes{bag});
+  } else {
+    ZC_TRACE("JX_MediaMap", 6,
+             "FreeUpAsMuchAsPossible - couldn't free anything "
+                 << CacheSizes{bag} << " freed_anything = " << freedAnything
+                 << " removedFromBag = " << removedFromBag);
+  }
+  if (erased) ZC_TRACE("JX_MediaMap", 6, "Stuff was purged from Strandel " << CacheSizes{bag});
+}
 
 }  // namespace
 
 uint32_t JX_GetPurgeCallCount() { return gPurgeCounters.calls.load(); }
 uint32_t JX_GetPurgeFreedDiskBackedCount() { return gPurgeCounters.freedDiskBacked.load(); }
 uint32_t JX_GetPurgeFreedGeneralCount() { return gPurgeCounters.freedGeneral.load(); }
+// Exported for the benchmarks, which tell items examined from items freed.
+JX_EXPORT uint64_t JX_GetPurgeExaminedCount() { return gPurgeCounters.examined.load(); }
 
 void JX_Bag::FreeUpSomeMemory(unsigned long long /*amount: the host is asked instead*/) {
   gPurgeCounters.calls.fetch_add(1, std::memory_order_relaxed);
@@ -50,60 +180,16 @@ void JX_Bag::FreeUpSomeMemory(unsigned long long /*amount: the host is asked ins
   unsigned long long totalFreed = 0;
   {
     JXp_ScLock lock;
-    const bool templateLimit = JX_IsSetJXCacheLimitForGfxpaksEnabled();
-    const unsigned long long limit = templateLimit ? JX_GetMaxJXCacheSize() : 0;
-    const int firstPass = jx::settings::PlaybackFromDiskLogic() ? 1 : 0;
-    unsigned long long newestFreed = 0;
-    bool anyFreed = false;
-
-    for (int pass = firstPass; pass <= 1; ++pass) {
-      PassResult r;
-      bool previousFreed = false;
-      uint32_t index = 0;
-      for (auto it = mru_.begin(); it != mru_.end(); ++index) {
-        if (!JX_IsGlobalBagSizeAboveMinimum()) break;  // at the floor: the pass fails
-        if (previousFreed && Y_AmountToPurge() <= totalFreed) {
-          r.success = true;
-          break;
-        }
-        if (templateLimit && static_cast<unsigned long long>(
-                                 std::max(0LL, GetInMemoryCacheSizeInBytes_LockFree())) <= limit) {
-          r.success = true;
-          break;
-        }
-        // Advance first: freeing may take the item out of the set.
-        StuffPtr stuff(&*it);
-        ++it;
-        if (!stuff) jx::ThrowNullPtr("JX_Stuff");
-        previousFreed = false;
-        if (!stuff->ShouldAllowPurge() || !stuff->IsInMemory()) continue;
-        if (pass == 0 && !stuff->HasDiskCacheFile()) continue;
-        ++r.attempted;
-        const unsigned long long usedTime = stuff->GetLastUsedTime();
-        const unsigned int freed = stuff->FreeUpAsMuchAsPossible(true, &toRelease);
-        ZC_TRACE("JX_Purge", 6,
-                 "Stuff-Stats: pass, index, stuffFreedAmount, amtToPurge:"
-                     << pass << ", " << index << ", " << freed << ", " << Y_AmountToPurge());
-        if (freed == 0) continue;
-        previousFreed = true;
-        ++r.freed;
-        r.bytes += freed;
-        totalFreed += freed;
-        newestFreed = std::max(newestFreed, usedTime);
-        anyFreed = true;
-        (pass == 0 ? gPurgeCounters.freedDiskBacked : gPurgeCounters.freedGeneral)
-            .fetch_add(1, std::memory_order_relaxed);
-      }
-      // The walk ran off the end right after freeing what the host asked for: that is success.
-      if (!r.success && previousFreed && Y_AmountToPurge() <= totalFreed) r.success = true;
-      ZC_TRACE("JX_Purge", 6,
-               "Pass-Stats: pass, totalStuffs, attemptedStuffs, freedStuffs, amountFreedInPass, "
-               "amtToPurge, success:"
-                   << pass << ", " << mru_.size() << ", " << r.attempted << ", " << r.freed << ", "
-                   << r.bytes << ", " << Y_AmountToPurge() << ", " << r.success);
-      if (r.success) break;
+    PurgeWalk walk(*this, &toRelease);
+    for (int pass = walk.FirstPass(); pass <= 1; ++pass) {
+      walk.StartPass(pass);
+      // The set is intrusive: it links live items, never a null. The iterator moves on before
+      // the item is worked on, because freeing may take the item out of the set.
+      for (auto it = mru_.begin(); it != mru_.end() && !walk.ShouldStop();) walk.Visit(*it++);
+      if (walk.EndPass(mru_.size())) break;
     }
-    if (anyFreed) TrackLastPurgedUsedTime(newestFreed);
+    if (walk.AnyFreed()) TrackLastPurgedUsedTime(walk.NewestFreedUsedTime());
+    totalFreed = walk.TotalFreed();
   }
   if (totalFreed > 0) Y_PurgeRecycledMemory(totalFreed);
 }
@@ -128,33 +214,18 @@ unsigned int JX_Stuff::FreeUpAsMuchAsPossible(bool removeFromMediaMap, ReleaseQu
   JXp_ScLock lock;
   ScopedWriteLockWrapper wl(mutex_);
   if (checkoutCount_.load(std::memory_order_acquire) != 0) return 0;
+  // Taken now: the traces below still describe the bag after the item has left it.
+  const std::shared_ptr<JX_Bag> bag = bag_.lock();
   const unsigned int size = data_ ? data_->GetApproximateMemorySize() : 0;
-  bool freedAnything = false;
-  if (data_ && data_->IsInMemory()) freedAnything = PurgeIfPossiblePrivate(wl, toRelease);
-  bool removedFromBag = false;
-  const bool inMemory = data_ && data_->IsInMemory();
-  if (!inMemory && !diskFile_ && !pending_.load(std::memory_order_acquire)) {
-    // Nothing worth keeping: the item leaves the bag and the directory.
-    if (auto bag = bag_.lock()) {
-      bag->RemoveStuffFromBagAndSortDir(self, lock, removeFromMediaMap);
-      removedFromBag = true;
-    }
-  }
-  const bool mediaMap = jx::settings::UseMediaMap();
-  if (mediaMap && freedAnything && !removedFromBag && removeFromMediaMap) JX_MediaMapErase(self);
-  if (mediaMap) {
-    if (freedAnything || removedFromBag) {
-      ZC_TRACE("JX_MediaMap", 6,
-               "FreeUpAsMuchAsPossible " << GetGuid().AsString() << " MediaMap size "
-                                         << JX_MediaMapSizeBytes()
-                                         << " num entries = " << JX_MediaMapEntryCount());
-    } else {
-      ZC_TRACE("JX_MediaMap", 6,
-               "FreeUpAsMuchAsPossible - couldn't free anything "
-                   << GetGuid().AsString() << " MediaMap size " << JX_MediaMapSizeBytes()
-                   << " num entries = " << JX_MediaMapEntryCount() << " freed_anything = "
-                   << freedAnything << " removedFromBag = " << removedFromBag);
-    }
+  const bool freedAnything = data_ && data_->IsInMemory() && PurgeIfPossiblePrivate(wl, toRelease);
+  const bool keepsNothing =
+      !(data_ && data_->IsInMemory()) && !diskFile_ && !pending_.load(std::memory_order_acquire);
+  const bool removedFromBag = keepsNothing && bag;
+  if (removedFromBag) bag->RemoveStuffFromBagAndSortDir(self, lock, removeFromMediaMap);
+  if (jx::settings::UseMediaMap()) {
+    const bool erase = freedAnything && !removedFromBag && removeFromMediaMap;
+    if (erase) JX_MediaMapErase(self);
+    TraceMediaMapAfterPurge(bag.get(), freedAnything, removedFromBag, erase);
   }
   return (freedAnything || removedFromBag) ? size : 0;
 }

@@ -57,3 +57,5 @@ JX_EXPORT JX_PerformanceCounters JX_GetPerformanceCounters();
 uint32_t JX_GetPurgeCallCount();
 uint32_t JX_GetPurgeFreedDiskBackedCount();
 uint32_t JX_GetPurgeFreedGeneralCount();
+// Items the purge walks have looked at, freed or not.
+JX_EXPORT uint64_t JX_GetPurgeExaminedCount();

@@ -47,6 +47,7 @@ struct StandaloneHost::State {
   std::shared_ptr<const std::function<uint64_t()>> amountAvailableFunction;
   uint64_t recycledBytes = 0;
   uint64_t recycledCalls = 0;
+  std::shared_ptr<const std::function<void(uint64_t)>> recycledObserver;
   std::vector<HostReport> reports;
   std::map<std::string, std::u16string> translations;
 
@@ -67,6 +68,7 @@ struct StandaloneHost::State {
     amountAvailableFunction.reset();
     recycledBytes = 0;
     recycledCalls = 0;
+    recycledObserver.reset();
     reports.clear();
     translations.clear();
     amountToPurge.store(0);
@@ -142,9 +144,18 @@ uint64_t StandaloneHost::GetAmountAvailableBeforePurge() const {
   return (*fn)();
 }
 
+namespace {
+// What the innermost ScAmountToPurge of this thread announces.
+thread_local bool tAmountToPurgeSet = false;
+thread_local uint64_t tAmountToPurge = 0;
+}  // namespace
+
 void StandaloneHost::SetAmountToPurge(uint64_t bytes) { state_->amountToPurge.store(bytes); }
 
-uint64_t StandaloneHost::GetAmountToPurge() const { return state_->amountToPurge.load(); }
+uint64_t StandaloneHost::GetAmountToPurge() const {
+  if (tAmountToPurgeSet) return tAmountToPurge;
+  return state_->amountToPurge.load();
+}
 
 uint64_t StandaloneHost::GetRecycledMemoryPurged() const {
   std::lock_guard<std::mutex> lock(state_->mutex);
@@ -157,9 +168,20 @@ uint64_t StandaloneHost::GetRecycledMemoryPurgeCalls() const {
 }
 
 void StandaloneHost::NoteRecycledMemoryPurged(uint64_t bytes) {
+  std::shared_ptr<const std::function<void(uint64_t)>> observer;
+  {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->recycledBytes += bytes;
+    ++state_->recycledCalls;
+    observer = state_->recycledObserver;
+  }
+  if (observer) (*observer)(bytes);
+}
+
+void StandaloneHost::SetRecycledMemoryPurgeObserver(std::function<void(uint64_t)> fn) {
+  auto shared = fn ? std::make_shared<const std::function<void(uint64_t)>>(std::move(fn)) : nullptr;
   std::lock_guard<std::mutex> lock(state_->mutex);
-  state_->recycledBytes += bytes;
-  ++state_->recycledCalls;
+  state_->recycledObserver = std::move(shared);
 }
 
 void StandaloneHost::SetMainThread(zelcore::threads::ThreadId id) { state_->mainThread.store(id); }
@@ -239,10 +261,14 @@ bool StandaloneHost::FindTranslation(const std::string& key, std::u16string* tex
 }
 
 ScAmountToPurge::ScAmountToPurge(uint64_t bytes)
-    : previous_(StandaloneHost::Instance().GetAmountToPurge()) {
-  StandaloneHost::Instance().SetAmountToPurge(bytes);
+    : previousSet_(tAmountToPurgeSet), previous_(tAmountToPurge) {
+  tAmountToPurgeSet = true;
+  tAmountToPurge = bytes;
 }
 
-ScAmountToPurge::~ScAmountToPurge() { StandaloneHost::Instance().SetAmountToPurge(previous_); }
+ScAmountToPurge::~ScAmountToPurge() {
+  tAmountToPurgeSet = previousSet_;
+  tAmountToPurge = previous_;
+}
 
 }  // namespace jx

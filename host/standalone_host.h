@@ -44,12 +44,17 @@ class StandaloneHost {
   // Overrides the constant above with a function (e.g. limit minus what the cache holds).
   void SetAmountAvailableBeforePurgeFunction(std::function<uint64_t()> fn);
   uint64_t GetAmountAvailableBeforePurge() const;
+  // The process-wide amount to purge. GetAmountToPurge answers a ScAmountToPurge of the calling
+  // thread first, so that purges running at once on several threads each see their own.
   void SetAmountToPurge(uint64_t bytes);
   uint64_t GetAmountToPurge() const;
   // Sum of what Y_PurgeRecycledMemory was told, and how often.
   uint64_t GetRecycledMemoryPurged() const;
   uint64_t GetRecycledMemoryPurgeCalls() const;
   void NoteRecycledMemoryPurged(uint64_t bytes);
+  // Called by NoteRecycledMemoryPurged, on the caller's thread and after recording, with the
+  // bytes (empty: nobody). Lets a test see from where the library tells the host.
+  void SetRecycledMemoryPurgeObserver(std::function<void(uint64_t)> fn);
 
   // Main thread.
   void SetMainThread(zelcore::threads::ThreadId id);
@@ -81,7 +86,8 @@ class StandaloneHost {
   State* state_;
 };
 
-// Sets Y_AmountToPurge for the life of the scope: "the host is over budget by N bytes".
+// Sets Y_AmountToPurge on the calling thread for the life of the scope: "the host is over
+// budget by N bytes". Scopes nest; other threads keep seeing their own amount.
 class ScAmountToPurge {
  public:
   explicit ScAmountToPurge(uint64_t bytes);
@@ -90,6 +96,7 @@ class ScAmountToPurge {
   ScAmountToPurge& operator=(const ScAmountToPurge&) = delete;
 
  private:
+  bool previousSet_;
   uint64_t previous_;
 };
 

@@ -1,14 +1,20 @@
-// The scoped check-out handle: check-in on every path, release, swap, suspension, disk holds,
-// and the stuff setter that abandons an unfilled pending item.
+// The scoped check-out handle: check-in on every path, release, swap, suspension, disk holds
+// (also of items with a real disk file), and the stuff setter that abandons an unfilled pending
+// item.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <thread>
+#include <vector>
 
 #include "bag/sort_dir.h"
+#include "disk/disk_test_support.h"
 #include "items/sc_checkout.h"
 #include "testing/jx_test_support.h"
 
 namespace cf = jx::checkout_flags;
+using jx::testing::DiskTest;
 using jx::testing::LibraryTest;
 using jx::testing::MakeItem;
 using jx::testing::MakeRequest;
@@ -69,17 +75,28 @@ TEST_F(ScCheckoutTest, ReleaseHandsTheCheckinToTheCaller) {
 TEST_F(ScCheckoutTest, HoldWithoutCheckoutBit) {
   auto item = MakeItem(10);
   bag_->AddToBagAndSortDir(item);
+  // A real check-out held elsewhere: a stray check-in by the result-3 handle would undo it.
+  JX_ScCheckout real(item, cf::kReadOnly);
+  const int64_t checkedOut = JX_GetStuffCounters().itemsCheckedOut.load();
+  const uint64_t usedTime = item->GetLastUsedTime();
+  auto expectUntouched = [&](const char* when) {
+    EXPECT_EQ(item->GetCheckoutCount(), 1u) << when;
+    EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut.load(), checkedOut) << when;
+    EXPECT_EQ(item->GetLastUsedTime(), usedTime) << when;
+  };
+  const int hold = cf::kHoldWithoutCheckout | cf::kReadOnly;
   {
     JX_ScCheckout handle;
-    EXPECT_EQ(handle.Checkout(item, cf::kHoldWithoutCheckout | cf::kReadOnly),
-              kJX_HeldWithoutCheckout);
-    EXPECT_EQ(item->GetCheckoutCount(), 0u);
+    EXPECT_EQ(handle.Checkout(item, hold), kJX_HeldWithoutCheckout);
     EXPECT_EQ(handle.GetStuffPtr(), item);
-    EXPECT_EQ(handle.FindAndCheckout(MakeRequest(item->GetGuid()),
-                                     cf::kHoldWithoutCheckout | cf::kReadOnly),
-              kJX_CheckoutRefused);
+    expectUntouched("held");
+    EXPECT_EQ(handle.Checkout(item, hold), kJX_HeldWithoutCheckout);
+    expectUntouched("held again, which checks the first hold in");
+    EXPECT_EQ(handle.FindAndCheckout(MakeRequest(item->GetGuid()), hold), kJX_CheckoutRefused);
+    expectUntouched("bit 7 never looks");
+    EXPECT_EQ(handle.Checkout(item, hold), kJX_HeldWithoutCheckout);
   }
-  EXPECT_EQ(item->GetCheckoutCount(), 0u) << "a result-3 handle never checks the item in";
+  expectUntouched("destroyed while holding");
 }
 
 TEST_F(ScCheckoutTest, SwapLeavesFlagsAndSuspendedItemsInPlace) {
@@ -154,18 +171,36 @@ TEST_F(ScCheckoutTest, StuffSetterAbandonsAnUnfilledRenderAndReleasesWaiters) {
   ASSERT_EQ(creator.FindAndCheckout(MakeRequest(g), cf::kReadOnly | cf::kCreatePending),
             kJX_CreatedPending);
   auto pending = creator.GetStuffPtr();
-  std::atomic<int> waiterResult{-1};
-  std::thread waiter([&] {
-    JX_ScCheckout h;
-    waiterResult = h.FindAndCheckout(MakeRequest(g), cf::kReadOnly | cf::kWaitAlways);
-  });
+  constexpr int kWaiters = 3;
+  std::atomic<uint64_t>& waits = JX_GetStuffCounters().pendingWaits;
+  const uint64_t waitsBefore = waits.load();
+  std::atomic<int> results[kWaiters];
+  std::atomic<bool> held[kWaiters];
+  std::vector<std::thread> waiters;
+  for (int i = 0; i < kWaiters; ++i) {
+    waiters.emplace_back([&, i] {
+      JX_ScCheckout h;
+      results[i] = h.FindAndCheckout(MakeRequest(g), cf::kReadOnly | cf::kWaitAlways);
+      held[i] = h.GetStuffPtr() != nullptr;
+    });
+  }
+  // Every waiter has checked the pending item out and gone to its gate.
+  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (waits.load() < waitsBefore + kWaiters && std::chrono::steady_clock::now() < giveUp)
+    std::this_thread::yield();
+  EXPECT_EQ(waits.load(), waitsBefore + kWaiters);
+  EXPECT_EQ(pending->GetCheckoutCount(), 1u + kWaiters);
   try {
     JX_ScStuffSetter setter(pending);
     throw std::runtime_error("render failed");
   } catch (const std::runtime_error&) {
   }
-  waiter.join();
-  EXPECT_EQ(waiterResult.load(), kJX_CheckoutRefused);
+  for (auto& w : waiters) w.join();
+  for (int i = 0; i < kWaiters; ++i) {
+    EXPECT_EQ(results[i].load(), kJX_CheckoutRefused) << i;
+    EXPECT_FALSE(held[i].load()) << i;
+  }
+  EXPECT_EQ(pending->GetCheckoutCount(), 1u) << "only the creator's check-out is left";
   EXPECT_FALSE(pending->IsPendingRender());
   EXPECT_FALSE(pending->GetBag());
   EXPECT_EQ(bag_->GetNumGuidSortedItems(), 0);
@@ -197,6 +232,54 @@ TEST_F(ScCheckoutTest, ForeignGuardWordIsIgnoredByCheckin) {
       ->store(JX_ScCheckout::kGuardWord);
   handle->~JX_ScCheckout();
   EXPECT_EQ(item->GetCheckoutCount(), 0u);
+}
+
+// A disk cache folder, and items whose payloads are really written to it.
+class ScCheckoutDiskTest : public DiskTest {};
+
+TEST_F(ScCheckoutDiskTest, ReacquisitionReadsFromDiskWhateverTheStoredFlags) {
+  auto item = AddDiskCacheableItem(64);
+  item->PrepAndWrite(bag_);
+  ASSERT_TRUE(item->HasDiskCacheFile());
+  const int flags = cf::kReadOnly | cf::kNoDiskRead;
+  JX_ScCheckout handle(item, flags);
+  ASSERT_EQ(handle.GetResult(), kJX_CheckedOut);
+  handle.SuspendCheckout();
+  JX_Stuff::ReleaseQueue queue;
+  ASSERT_EQ(item->FreeUpAsMuchAsPossible(false, &queue), 64u);
+  ASSERT_FALSE(item->IsInMemory());
+  ASSERT_TRUE(handle.ReacquireSuspendedCheckout());
+  EXPECT_TRUE(handle.IsInMemory()) << "read back although the stored flags forbid disk reads";
+  EXPECT_EQ(handle.GetCheckoutFlags(), flags);
+}
+
+TEST_F(ScCheckoutDiskTest, DiskHoldOfAnItemWithAFileFollowsSwap) {
+  auto item = AddItemWithFile(100);
+  auto& global = JX_Stuff::GetNumDiskCacheCheckoutsGlobal();
+  const uint32_t globalBefore = global.load();
+  JX_ScCheckout a(item, cf::kReadOnly);
+  EXPECT_FALSE(a.HasDiskHold());
+  EXPECT_FALSE(a.HasDiskHoldIfWanted()) << "the item has a file that nobody holds";
+  EXPECT_TRUE(a.AcquireDiskHold());
+  EXPECT_TRUE(a.HasDiskHoldIfWanted());
+  a.SuspendCheckout();
+  EXPECT_TRUE(a.HasDiskHold()) << "answered for the suspended item";
+  ASSERT_TRUE(a.ReacquireSuspendedCheckout());
+
+  // The hold and the opaque slot travel with the check-out.
+  int tag = 0;
+  a.SetOpaque(&tag);
+  JX_ScCheckout b;
+  a.Swap(b);
+  EXPECT_TRUE(b.HasDiskHold());
+  EXPECT_EQ(b.GetOpaque(), &tag);
+  EXPECT_EQ(a.GetOpaque(), nullptr);
+  EXPECT_EQ(item->GetNumDiskCacheCheckouts(), 1u);
+  EXPECT_EQ(global.load(), globalBefore + 1);
+  b.Checkin();
+  EXPECT_EQ(item->GetNumDiskCacheCheckouts(), 0u) << "the hold went with b's check-in";
+  EXPECT_EQ(global.load(), globalBefore);
+  EXPECT_FALSE(b.HasDiskHold());
 }
 
 }  // namespace
