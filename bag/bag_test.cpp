@@ -1,6 +1,7 @@
 // The bag: recency order, size accounting, directory supersession and rejected misuse.
 #include <gtest/gtest.h>
 
+#include <boost/functional/hash.hpp>
 #include <thread>
 
 #include "bag/sort_dir.h"
@@ -16,7 +17,8 @@ using jx::StandaloneHost;
 using jx::testing::LibraryTest;
 using jx::testing::MakeItem;
 using jx::testing::MakeRequest;
-using jx::testing::SumOfItemSizes;
+using jx::testing::PayloadBytesInBag;
+using jx::testing::PayloadOf;
 using jx::testing::TestPayload;
 using jx::testing::ThrownCode;
 using zelcore::utility::Guid;
@@ -31,9 +33,35 @@ class BagTest : public LibraryTest {
     for (auto& s : bag_->CopyMruItems()) order.push_back(s.get());
     return order;
   }
-  void ExpectTotalsMatchItems() {
-    EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), SumOfItemSizes(*bag_));
+  // At rest the running total equals what the payloads say they hold: those in the bag, plus
+  // `heldOutside` bytes of items that left the bag but are still referenced.
+  void ExpectTotalsMatchPayloads(long long heldOutside = 0) {
+    EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), PayloadBytesInBag(*bag_) + heldOutside);
     EXPECT_EQ(bag_->GetNumMruSortedItems(), bag_->GetNumGuidSortedItems());
+  }
+  long long InMemory() const { return bag_->GetInMemoryCacheSizeInBytes_LockFree(); }
+  long long CheckedOut() const { return bag_->GetCheckedOutMemoryCacheSizeInBytes(); }
+  static long long PayloadSize(const IntrusivePtr<JX_Stuff>& item) {
+    return item->GetDataPtr()->GetApproximateMemorySize();
+  }
+  // An item of `guid` answering requests of `variant`, in its compressed form or not.
+  IntrusivePtr<JX_Stuff> Variant(const Guid& guid, unsigned size, int variant, bool compressed,
+                                 bool satisfiesAny = false) {
+    auto item = MakeItem(size, guid);
+    PayloadOf(*item)->SetVariant(variant);
+    PayloadOf(*item)->SetIsCompressed(compressed);
+    PayloadOf(*item)->SetSatisfiesAnyVariant(satisfiesAny);
+    return item;
+  }
+  IntrusivePtr<JX_Stuff> Find(const Guid& guid, JX_CompressedAllowedOption option,
+                              int flags = cf::kReadOnly) {
+    IntrusivePtr<JX_Stuff> found;
+    bool created = false;
+    bag_->FindAndCheckout(MakeRequest(guid, 0, option), flags, &found, &created);
+    return found;
+  }
+  static bool InDirectory(const IntrusivePtr<JX_Stuff>& item) {
+    return item->GetBag() && item->IsInSortDir();
   }
 };
 
@@ -68,7 +96,7 @@ TEST_F(BagTest, SizesAreExactAfterEveryKindOfChange) {
   EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 40);
   item->Checkin(0, 0.0);
   EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 0);
-  ExpectTotalsMatchItems();
+  ExpectTotalsMatchPayloads();
 
   // Out of the bag the bytes still count in the global bag, until the item goes away.
   auto other = MakeItem(7);
@@ -94,6 +122,7 @@ TEST_F(BagTest, ItemSyncedWithNoGlobalBagChangesNothing) {
   EXPECT_FALSE(JX_GlobalBag());
   item->SyncMemorySizeWithBag(99);  // no bag anywhere: ignored
   EXPECT_EQ(bag->GetInMemoryCacheSizeInBytes_LockFree(), 10);
+  EXPECT_EQ(item->GetAccountedMemorySize(), 10u) << "nothing was moved, so nothing is owed";
   item.reset();
   JX_Birth(false, 1, false);
   bag_ = JX_GlobalBag();
@@ -126,7 +155,7 @@ TEST_F(BagTest, SameGuidItemsCoexistOrSupersedeByRequest) {
   EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 60);
   first.reset();
   other.reset();
-  ExpectTotalsMatchItems();
+  ExpectTotalsMatchPayloads();
 }
 
 // Regression: an item created for a request without a payload has no find-key data; it must
@@ -158,6 +187,201 @@ TEST_F(BagTest, ItemWithoutFindKeyAnswersByGuid) {
   EXPECT_EQ(again, pending);
   again->Checkin(0, 0.0);
   EXPECT_EQ(bag_->GetNumGuidSortedItems(), 1);
+}
+
+// A pending item costs nothing until it is filled; an abandoned one leaves nothing behind.
+TEST_F(BagTest, FindOrCreateAccountsExactlyFromPendingToFilledOrAbandoned) {
+  auto resident = MakeItem(100);
+  bag_->AddToBagAndSortDir(resident);
+  ExpectTotalsMatchPayloads();
+  ASSERT_EQ(InMemory(), 100);
+
+  IntrusivePtr<JX_Stuff> pending;
+  bool created = false;
+  ASSERT_EQ(bag_->FindAndCheckout(MakeRequest(Guid::CreateUnique()),
+                                  cf::kReadOnly | cf::kCreatePending, &pending, &created),
+            kJX_CreatedPending);
+  EXPECT_EQ(bag_->GetNumItems(), 2);
+  EXPECT_EQ(InMemory(), 100);
+  EXPECT_EQ(CheckedOut(), 0);
+  ExpectTotalsMatchPayloads();
+
+  pending->SetStuffDataFromPendingRender(IntrusivePtr<JX_StuffData>(new TestPayload(123)), 0.0);
+  EXPECT_EQ(InMemory(), 223);
+  EXPECT_EQ(CheckedOut(), 123) << "the renderer still has it checked out";
+  ExpectTotalsMatchPayloads();
+  pending->Checkin(0, 0.0);
+  EXPECT_EQ(CheckedOut(), 0);
+  EXPECT_EQ(InMemory(), 223);
+
+  IntrusivePtr<JX_Stuff> abandoned;
+  ASSERT_EQ(bag_->FindAndCheckout(MakeRequest(Guid::CreateUnique()),
+                                  cf::kReadOnly | cf::kCreatePending, &abandoned, &created),
+            kJX_CreatedPending);
+  abandoned->SetStuffDataFromPendingRender({}, 0.0);
+  EXPECT_FALSE(abandoned->GetBag());
+  EXPECT_FALSE(abandoned->IsInSortDir());
+  abandoned->Checkin(0, 0.0);
+  abandoned.reset();
+  EXPECT_EQ(bag_->GetNumItems(), 2);
+  EXPECT_EQ(InMemory(), 223);
+  EXPECT_EQ(CheckedOut(), 0);
+  ExpectTotalsMatchPayloads();
+}
+
+TEST_F(BagTest, WriteableCheckoutAndRemovingCheckinAccountExactly) {
+  auto kept = MakeItem(100), removed = MakeItem(50);
+  bag_->AddToBagAndSortDir(kept);
+  bag_->AddToBagAndSortDir(removed);
+
+  ASSERT_EQ(kept->Checkout(0), kJX_CheckedOut);
+  EXPECT_EQ(CheckedOut(), 100);
+  EXPECT_EQ(InMemory(), 150);
+  // Out of the directory while writeable, never out of the bag.
+  EXPECT_EQ(InMemory(), PayloadBytesInBag(*bag_));
+  EXPECT_EQ(bag_->GetNumGuidSortedItems(), 1);
+  kept->Checkin(0, 0.0);
+  EXPECT_EQ(CheckedOut(), 0);
+  EXPECT_EQ(InMemory(), 150);
+  ExpectTotalsMatchPayloads();
+
+  // Removed at check-in while the caller still holds it: it leaves the bag, and its bytes stay
+  // counted in the global bag until the last reference goes.
+  ASSERT_EQ(removed->Checkout(cf::kReadOnly), kJX_CheckedOut);
+  EXPECT_EQ(CheckedOut(), 50);
+  removed->Checkin(ci::kRemove, 0.0);
+  EXPECT_FALSE(removed->GetBag());
+  EXPECT_EQ(CheckedOut(), 0);
+  EXPECT_EQ(InMemory(), 150);
+  EXPECT_EQ(PayloadBytesInBag(*bag_), 100);
+  ExpectTotalsMatchPayloads(PayloadSize(removed));
+  removed.reset();
+  EXPECT_EQ(InMemory(), 100);
+  ExpectTotalsMatchPayloads();
+}
+
+// The checked-out share is always the global bag's; the room is the host's remaining budget
+// plus what the asking bag holds.
+TEST_F(BagTest, CheckedOutRatioIsTheGlobalShareOfTheRoom) {
+  StandaloneHost::Instance().SetAmountAvailableBeforePurge(400);
+  auto item = MakeItem(100);
+  bag_->AddToBagAndSortDir(item);
+  EXPECT_FLOAT_EQ(bag_->GetPercentOfAvailableMemoryCheckedOut(), 0.0f);
+  ASSERT_EQ(item->Checkout(cf::kReadOnly), kJX_CheckedOut);
+  EXPECT_FLOAT_EQ(bag_->GetPercentOfAvailableMemoryCheckedOut(), 0.2f);  // 100 / (400 + 100)
+
+  auto other = std::make_shared<JX_Bag>(1);
+  auto big = MakeItem(300);
+  other->AddToBagAndSortDir(big);
+  ASSERT_EQ(other->GetInMemoryCacheSizeInBytes_LockFree(), 300);
+  EXPECT_FLOAT_EQ(other->GetPercentOfAvailableMemoryCheckedOut(),
+                  static_cast<float>(100.0 / 700.0));
+  item->Checkin(0, 0.0);
+  EXPECT_FLOAT_EQ(other->GetPercentOfAvailableMemoryCheckedOut(), 0.0f);
+}
+
+TEST_F(BagTest, SearchPrefersTheUncompressedFormAndTakesCompressedOnlyWhenAllowed) {
+  // Both insertion orders: the preference must not depend on where the directory keeps them.
+  for (bool compressedFirst : {true, false}) {
+    SCOPED_TRACE(compressedFirst ? "compressed added first" : "uncompressed added first");
+    const Guid g = Guid::CreateUnique();
+    auto compressed = Variant(g, 10, 0, true), plain = Variant(g, 20, 0, false);
+    bag_->AddToBagAndSortDir(compressedFirst ? compressed : plain);
+    bag_->AddToBagAndSortDir(compressedFirst ? plain : compressed);
+    ASSERT_EQ(bag_->GetNumGuidSortedItems(), 2) << "the two forms coexist";
+
+    for (auto option :
+         {kJX_CompressionNotAllowed, kJX_CompressionAllowed, kJX_CompressionAllowedForPlayback}) {
+      auto found = Find(g, option);
+      EXPECT_EQ(found, plain) << "option " << option;
+      if (found) found->Checkin(0, 0.0);
+    }
+    // With the uncompressed form away (writeable: out of the directory), a second round finds
+    // the compressed one, for requesters that accept it, and only for them.
+    ASSERT_EQ(plain->Checkout(0), kJX_CheckedOut);
+    EXPECT_FALSE(Find(g, kJX_CompressionNotAllowed));
+    for (auto option : {kJX_CompressionAllowed, kJX_CompressionAllowedForPlayback}) {
+      auto found = Find(g, option);
+      EXPECT_EQ(found, compressed) << "option " << option;
+      if (found) found->Checkin(0, 0.0);
+    }
+    plain->Checkin(0, 0.0);
+    bag_->ClearBagAndSortDir();
+  }
+}
+
+TEST_F(BagTest, NewItemSupersedesDeadItemsAndThoseItCanStandFor) {
+  const Guid g = Guid::CreateUnique();
+  // Two items the newcomer cannot stand for (other variants, other compression), nor each other;
+  // one of them holds nothing any more (its payload let its memory go, no disk copy, not
+  // pending).
+  auto dead = Variant(g, 10, 1, false), alive = Variant(g, 11, 2, false);
+  bag_->AddToBagAndSortDir(dead);
+  bag_->AddToBagAndSortDir(alive);
+  ASSERT_TRUE(InDirectory(dead));
+  ASSERT_TRUE(PayloadOf(*dead)->PurgeIfPossible(nullptr));
+  bag_->AddToBagAndSortDir(Variant(g, 12, 0, true));
+  EXPECT_FALSE(dead->GetBag()) << "a dead item goes whatever it answered";
+  EXPECT_FALSE(dead->IsInSortDir());
+  EXPECT_TRUE(InDirectory(alive));
+  bag_->ClearBagAndSortDir();
+  dead.reset();
+  alive.reset();
+
+  // Otherwise only items of the newcomer's compression whose request it can satisfy go. The
+  // test is the newcomer's CanSatisfyRequest of the old item's request, not the reverse.
+  const Guid h = Guid::CreateUnique();
+  auto standsForAll = Variant(h, 1, 2, false, /*satisfiesAny=*/true);
+  auto same = Variant(h, 2, 0, false), compressedSame = Variant(h, 4, 0, true),
+       otherVariant = Variant(h, 8, 1, false);
+  for (auto& s : {standsForAll, same, compressedSame, otherVariant}) bag_->AddToBagAndSortDir(s);
+  ASSERT_EQ(bag_->GetNumGuidSortedItems(), 4);
+  auto newcomer = Variant(h, 16, 0, false);
+  bag_->AddToBagAndSortDir(newcomer);
+  EXPECT_FALSE(same->GetBag()) << "same request, same compression";
+  EXPECT_TRUE(InDirectory(compressedSame)) << "other compression";
+  EXPECT_TRUE(InDirectory(otherVariant)) << "a request the newcomer cannot satisfy";
+  EXPECT_TRUE(InDirectory(standsForAll)) << "it could stand for the newcomer, not the reverse";
+  EXPECT_TRUE(InDirectory(newcomer));
+
+  auto wildcard = Variant(h, 32, 1, false, /*satisfiesAny=*/true);
+  bag_->AddToBagAndSortDir(wildcard);
+  EXPECT_FALSE(newcomer->GetBag());
+  EXPECT_FALSE(otherVariant->GetBag());
+  EXPECT_FALSE(standsForAll->GetBag());
+  EXPECT_TRUE(InDirectory(compressedSame));
+  EXPECT_EQ(bag_->GetNumGuidSortedItems(), 2);
+  for (auto* s : {&standsForAll, &same, &otherVariant, &newcomer}) s->reset();
+  EXPECT_EQ(InMemory(), 4 + 32);
+  ExpectTotalsMatchPayloads();
+}
+
+// The directory hashes a GUID's sixteen bytes with boost::hash_range. Pinned against a copy of
+// that function written out here, so that a Boost upgrade that changes hash_range (later
+// releases do) shows up here and not as a silent change of the directory's bucket spread.
+uint64_t ReferenceGuidHash(const Guid& guid) {
+  constexpr uint64_t kMul = 0xC6A4A7935BD1E995ull;
+  uint64_t h = 0;
+  for (uint8_t byte : zelcore::utility::GuidToBytes(guid)) {
+    uint64_t k = byte;
+    k *= kMul;
+    k ^= k >> 47;
+    k *= kMul;
+    h ^= k;
+    h *= kMul;
+    h += 0xE6546B64;
+  }
+  return h;
+}
+
+TEST(SortDirHashTest, GuidHashIsBoostHashRangeOverTheBytes) {
+  static_assert(sizeof(size_t) == 8, "the pinned function is the 64-bit one");
+  for (const Guid& g :
+       {Guid::Parse("0123ABCD-0123-4567-89AB-CDEF01234567"), Guid(), Guid::CreateUnique()}) {
+    const auto bytes = zelcore::utility::GuidToBytes(g);
+    EXPECT_EQ(boost::hash_range(bytes.begin(), bytes.end()), ReferenceGuidHash(g)) << g.AsString();
+    EXPECT_EQ(JX_SortDir::HashGuid(g), ReferenceGuidHash(g)) << g.AsString();
+  }
 }
 
 TEST_F(BagTest, MisuseIsReportedThrownAndChangesNothing) {
@@ -196,6 +420,7 @@ TEST_F(BagTest, MisuseIsReportedThrownAndChangesNothing) {
   EXPECT_EQ(bag_->GetNumItems(), 1);
   EXPECT_EQ(bag_->GetNumGuidSortedItems(), 1);
   EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), size);
+  ExpectTotalsMatchPayloads();
 }
 
 TEST_F(BagTest, FloorAndCeilingFollowTheHostBudget) {

@@ -18,7 +18,7 @@ namespace ci = jx::checkin_flags;
 using jx::testing::LibraryTest;
 using jx::testing::MakeItem;
 using jx::testing::MakeRequest;
-using jx::testing::SumOfItemSizes;
+using jx::testing::PayloadBytesInBag;
 using jx::testing::TestPayload;
 using zelcore::utility::Guid;
 using zelcore::utility::IntrusivePtr;
@@ -88,7 +88,7 @@ TEST_F(FindOrCreateTest, ExactlyOneCreatorAndEveryWaiterReleased) {
     }
   }
   EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 0);
-  EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), SumOfItemSizes(*bag_));
+  EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), PayloadBytesInBag(*bag_));
 }
 
 TEST_F(FindOrCreateTest, HostLockHolderAndRendererNeverBlock) {
@@ -118,7 +118,9 @@ TEST_F(FindOrCreateTest, HostLockHolderAndRendererNeverBlock) {
 }
 
 // Threads over a small hot key set: find-or-create with waits, read and writeable check-outs,
-// GUID changes, abandoned renders. Bounded in operations; counters consistent at rest.
+// GUID changes of writeable items (directory untouched until check-in) and of read-only ones
+// (out of the directory and back in at once, superseding), abandoned renders. Bounded in
+// operations. At rest the totals must equal what the payloads in the bag say they hold.
 TEST_F(FindOrCreateTest, MixedOperationsKeepTheCountersConsistent) {
   constexpr int kThreads = 4;
   constexpr int kOpsPerThread = 3000;
@@ -152,6 +154,7 @@ TEST_F(FindOrCreateTest, MixedOperationsKeepTheCountersConsistent) {
             found->Checkin(op == 1 ? ci::kRemove : 0, 0.0);
           } else {
             EXPECT_FALSE(found->IsCheckedOutWriteable());
+            if (op == 7) found->UpdateWithNewGuid(keys[rng() % kKeys]);
             found->Checkin(op == 8 ? ci::kPurge : 0, 0.0);
           }
         }
@@ -160,10 +163,20 @@ TEST_F(FindOrCreateTest, MixedOperationsKeepTheCountersConsistent) {
   }
   for (auto& t : threads) t.join();
   EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 0);
-  EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), SumOfItemSizes(*bag_));
+  EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), PayloadBytesInBag(*bag_));
   EXPECT_EQ(bag_->GetNumMruSortedItems(), bag_->GetNumGuidSortedItems());
   EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut.load(), 0);
-  for (auto& s : bag_->CopyMruItems()) EXPECT_EQ(s->GetCheckoutCount(), 0u);
+  // Every request here is the same one, so supersession leaves one item per key, and each item
+  // must be found under the key it holds now, however often it was re-keyed.
+  for (auto& s : bag_->CopyMruItems()) {
+    EXPECT_EQ(s->GetCheckoutCount(), 0u);
+    IntrusivePtr<JX_Stuff> found;
+    bool created = false;
+    EXPECT_EQ(bag_->FindAndCheckout(MakeRequest(s->GetGuid()), cf::kReadOnly, &found, &created),
+              kJX_CheckedOut);
+    EXPECT_EQ(found, s);
+    if (found) found->Checkin(0, 0.0);
+  }
 }
 
 }  // namespace

@@ -43,8 +43,15 @@ DebugDatabase::DebugDatabase() {
 
 std::string DebugDatabase::GetEntry(const std::string& name, const std::string& defaultText) const {
   std::lock_guard<std::mutex> lock(mutex_);
+  ++lookups_[name];
   auto it = entries_.find(name);
   return it == entries_.end() ? defaultText : it->second;
+}
+
+uint64_t DebugDatabase::LookupCount(const std::string& name) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = lookups_.find(name);
+  return it == lookups_.end() ? 0 : it->second;
 }
 
 void DebugDatabase::SetEntry(const std::string& name, const std::string& value) {

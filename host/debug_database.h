@@ -14,18 +14,22 @@ class DebugDatabase {
  public:
   static DebugDatabase& Instance();
 
-  // The entry's text, or `defaultText` when there is no such entry.
+  // The entry's text, or `defaultText` when there is no such entry. Counts the look-up.
   std::string GetEntry(const std::string& name, const std::string& defaultText) const;
   void SetEntry(const std::string& name, const std::string& value);
   void RemoveEntry(const std::string& name);
   bool HasEntry(const std::string& name) const;
   // Loads "name=value" lines from a file; returns false when it cannot be read.
   bool LoadFile(const std::string& path);
+  // How often GetEntry was asked for `name` in this process, whether or not it had an entry:
+  // lets tests tell a setting that is read lazily, once, from one that is read at all.
+  uint64_t LookupCount(const std::string& name) const;
 
  private:
   DebugDatabase();
   mutable std::mutex mutex_;
   std::unordered_map<std::string, std::string> entries_;
+  mutable std::unordered_map<std::string, uint64_t> lookups_;
 };
 
 // Conversions the library uses for typed settings: a bool is true only for the text "true";

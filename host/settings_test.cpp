@@ -52,6 +52,11 @@ TEST(DebugDatabaseTest, SeededFromTheSettingsFileAndSettableFromCode) {
   db.RemoveEntry("SettingsTest.Code");
   EXPECT_EQ(db.GetEntry("SettingsTest.Code", "dflt"), "dflt");
   EXPECT_FALSE(db.LoadFile("/nonexistent/jx/settings"));
+
+  // Look-ups are counted per name, found or not; writes and presence checks are not look-ups.
+  EXPECT_EQ(db.LookupCount("SettingsTest.Code"), 2u);
+  EXPECT_EQ(db.LookupCount("SettingsTest.Int"), 1u);
+  EXPECT_EQ(db.LookupCount("not a setting"), 0u);
 }
 
 TEST(DebugDatabaseTest, TypedParsingFallsBackToTheDefault) {

@@ -24,8 +24,9 @@ inline constexpr int32_t kHostOutOfMemoryCode = -2;   // std::bad_alloc
 struct HostReport {
   enum class Kind { kFailedVerification, kErrString, kError, kException };
   Kind kind;
-  std::string text;  // UTF-8
-  int32_t code = 0;  // kException: the translated code; kErrString: the error class
+  std::string text;      // UTF-8
+  int32_t code = 0;      // kException: the translated code; kErrString: the error class
+  int32_t severity = 0;  // kErrString: the severity the library gave
   bool quiet = false;
 };
 

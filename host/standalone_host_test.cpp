@@ -97,6 +97,7 @@ TEST_F(StandaloneHostTest, EachReportIsRecordedOnceWithUtf8Text) {
   EXPECT_EQ(host.CountReports(Kind::kError, "$$$"), 0u);  // the looked-up text, not the key
   ASSERT_EQ(host.GetReports().size(), 3u);
   EXPECT_EQ(host.GetReports()[1].code, -43);
+  EXPECT_EQ(host.GetReports()[1].severity, 2);
 }
 
 TEST_F(StandaloneHostTest, QuietScopesNestPerThreadAndSilenceTheEcho) {

@@ -24,11 +24,12 @@ namespace {
 thread_local int tQuietErrorDepth = 0;
 thread_local int tNotifyingLockDepth = 0;
 
-void Report(HostReport::Kind kind, std::string text, int32_t code) {
+void Report(HostReport::Kind kind, std::string text, int32_t code, int32_t severity = 0) {
   HostReport report;
   report.kind = kind;
   report.text = std::move(text);
   report.code = code;
+  report.severity = severity;
   report.quiet = Y_AreErrorsQuietOnCurrentThread();
   StandaloneHost::Instance().AddReport(std::move(report));
 }
@@ -73,8 +74,8 @@ void Y_ReportFailedVerification(const char* text) {
   Report(HostReport::Kind::kFailedVerification, text != nullptr ? text : "", 0);
 }
 
-void Yp_ReportErrString(int32_t errorClass, int32_t /*severity*/, const std::u16string& text) {
-  Report(HostReport::Kind::kErrString, zelcore::utility::UTF16ToUTF8(text), errorClass);
+void Yp_ReportErrString(int32_t errorClass, int32_t severity, const std::u16string& text) {
+  Report(HostReport::Kind::kErrString, zelcore::utility::UTF16ToUTF8(text), errorClass, severity);
 }
 
 void Y_ReportError(int32_t /*a*/, int32_t /*b*/, const char* lstrKey) {

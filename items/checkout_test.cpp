@@ -70,6 +70,14 @@ TEST_F(CheckoutTest, ConvertToWriteableRejectsMisuseWithItsMessageAndCode) {
   item->Checkin(0, 0.0);
   EXPECT_EQ(bag_->GetNumGuidSortedItems(), dirBefore);
   EXPECT_EQ(bag_->GetNumItems(), 1);
+  // Reported to the host as the cache's error class, at error severity.
+  const auto reports = StandaloneHost::Instance().GetReports();
+  ASSERT_EQ(reports.size(), 3u);
+  for (const HostReport& r : reports) {
+    EXPECT_EQ(r.kind, HostReport::Kind::kErrString) << r.text;
+    EXPECT_EQ(r.code, 0x3a0000) << r.text;
+    EXPECT_EQ(r.severity, 2) << r.text;
+  }
 }
 
 TEST_F(CheckoutTest, MisuseIsReportedOnlyOnTheMainThread) {

@@ -7,13 +7,11 @@
 
 #include "bag/bag.h"
 #include "compute/compute_suite.h"
+#include "disk/disk_writer.h"
 #include "host/y_api.h"
 #include "items/stuff_data.h"
 #include "lifecycle/settings.h"
 #include "mediamap/media_map_hooks.h"
-
-// The deferred disk task of the writer and the folder keeper (disk/).
-void JX_RunIdleDiskTask();
 
 namespace {
 
@@ -27,8 +25,14 @@ struct GlobalBagHolder {
   ~GlobalBagHolder() { std::shared_ptr<JX_Bag>().swap(bag); }
 } gGlobal;
 std::shared_ptr<JX_Bag>& gGlobalBag = gGlobal.bag;
-std::shared_ptr<zelcore::threads::Executor> gDiskExecutor;
-std::shared_ptr<zelcore::threads::QueueOnlyOnce> gIdleDiskTask;
+
+// The two background handles. Render and disk threads copy them at any time, and
+// JX_StopAllAsyncWork drops them while those threads may still be running, so every copy and
+// every change goes through this mutex. It is a leaf held only to copy or swap a pointer: a
+// handle is never released (which may stop an executor's threads) while it is held.
+std::mutex gAsyncHandlesMutex;
+std::shared_ptr<zelcore::threads::Executor> gDiskExecutor;       // guarded by the mutex
+std::shared_ptr<zelcore::threads::QueueOnlyOnce> gIdleDiskTask;  // guarded by the mutex
 std::atomic<uint32_t> gFramesRead[2];
 std::atomic<uint32_t> gFramesWritten[2];
 
@@ -63,10 +67,16 @@ void JX_Birth(bool mediaMapAllowed, unsigned int bagArgument, bool gfxpakLimitAl
   jx::settings::SetMediaMapAllowed(mediaMapAllowed);
 
   auto io = zelcore::threads::CreateIOBoundExecutor();
-  gDiskExecutor = zelcore::threads::CreateSubExecutor(io, kDiskExecutorConcurrency);
+  auto diskExecutor = zelcore::threads::CreateSubExecutor(io, kDiskExecutorConcurrency);
   auto idleIo = zelcore::threads::CreateIOBoundExecutor(1);
-  gIdleDiskTask = std::make_shared<zelcore::threads::QueueOnlyOnce>(
+  auto idleDiskTask = std::make_shared<zelcore::threads::QueueOnlyOnce>(
       idleIo, [] { JX_RunIdleDiskTask(); }, kIdleDiskTaskDelayMs, 0);
+  {
+    std::lock_guard<std::mutex> lock(gAsyncHandlesMutex);
+    gDiskExecutor.swap(diskExecutor);
+    gIdleDiskTask.swap(idleDiskTask);
+  }
+  // The replaced handles (if any) go when this function returns, outside the mutex.
 
   gGlobalBag = std::move(bag);
   jx::settings::ExchangeGfxpakLimitAllowed(gfxpakLimitAllowed);
@@ -93,13 +103,21 @@ void JX_Death() {
 
 void JX_StopAllAsyncWork() {
   YLOG_Log(10, "JX", "JX_StopAllAsyncWork", "JX_StopAllAsyncWork");
-  if (gDiskExecutor) {
-    gDiskExecutor->StopTakingWork();
-    gDiskExecutor->CancelQueued();
-    gDiskExecutor->WaitForRunning();
-    gDiskExecutor.reset();
+  if (auto executor = jx::DiskExecutor()) {
+    // Without the mutex: waiting for running work under it would stop every thread that asks
+    // for the executor, and running disk work asks for it.
+    executor->StopTakingWork();
+    executor->CancelQueued();
+    executor->WaitForRunning();
   }
-  gIdleDiskTask.reset();
+  std::shared_ptr<zelcore::threads::Executor> executor;
+  std::shared_ptr<zelcore::threads::QueueOnlyOnce> idleDiskTask;
+  {
+    std::lock_guard<std::mutex> lock(gAsyncHandlesMutex);
+    gDiskExecutor.swap(executor);
+    gIdleDiskTask.swap(idleDiskTask);
+  }
+  // Released outside the mutex; whoever still holds a copy keeps the object alive until done.
 }
 
 std::shared_ptr<JX_Bag> JX_GlobalBag() { return gGlobalBag; }
@@ -121,10 +139,18 @@ namespace jx {
 
 JX_Bag* GlobalBagUnretained() { return gGlobalBag.get(); }
 
-std::shared_ptr<zelcore::threads::Executor> DiskExecutor() { return gDiskExecutor; }
+std::shared_ptr<zelcore::threads::Executor> DiskExecutor() {
+  std::lock_guard<std::mutex> lock(gAsyncHandlesMutex);
+  return gDiskExecutor;
+}
 
 void QueueIdleDiskTask() {
-  if (auto task = gIdleDiskTask) task->Queue();
+  std::shared_ptr<zelcore::threads::QueueOnlyOnce> task;
+  {
+    std::lock_guard<std::mutex> lock(gAsyncHandlesMutex);
+    task = gIdleDiskTask;
+  }
+  if (task) task->Queue();
 }
 
 FrameCounters GetFrameCounters() {

@@ -39,7 +39,9 @@ namespace jx {
 // The global bag without taking a reference: valid between JX_Birth and JX_Death, which run
 // while nobody else uses the library. Saves every search a shared count that all threads touch.
 JX_Bag* GlobalBagUnretained();
-// The executor that runs disk writes (empty after JX_StopAllAsyncWork).
+// The executor that runs disk writes (empty after JX_StopAllAsyncWork). This and
+// QueueIdleDiskTask may be called from any thread, also while JX_StopAllAsyncWork runs: a copy
+// taken just before the stop refuses new work.
 std::shared_ptr<zelcore::threads::Executor> DiskExecutor();
 // Queues the deferred disk task (runs 1 s later; queuing while queued does nothing).
 void QueueIdleDiskTask();

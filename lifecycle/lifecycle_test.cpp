@@ -92,17 +92,44 @@ TEST(LifecycleTest, GfxpakLimitNeedsFeatureAndPermission) {
   JX_Death();
 }
 
+uint64_t Lookups(const char* name) { return DebugDatabase::Instance().LookupCount(name); }
+
+// Each accessor is asked twice: a setting is looked up once, on first use, and never again.
 TEST(SettingsTest, DefaultsAndFallbacks) {
-  EXPECT_EQ(JX_GetPlaybackCompressionAllowedOption(), kJX_CompressionNotAllowed);
-  EXPECT_FALSE(JX_IsDiskCompressionEnabled());
-  EXPECT_EQ(jx::settings::WriteToDiskPriority(), 2) << "improved behaviour off: 2 without reading";
-  EXPECT_DOUBLE_EQ(jx::settings::LowPriorityFactor(), 2.0);
-  EXPECT_DOUBLE_EQ(jx::settings::MinJXSizeToPurgeLimitRatio(), 0.1);
-  EXPECT_DOUBLE_EQ(jx::settings::GfxpaksCacheLimitMultiplier(), 0.1);
-  EXPECT_EQ(jx::settings::DebugSleepTimeSetStuffDataMs(), 0u);
-  EXPECT_EQ(jx::settings::ReadDiskDelayMs(), 0);
-  EXPECT_EQ(jx::settings::WriteDiskDelayMs(), 0);
-  EXPECT_TRUE(jx::settings::UseMediaMapSetting());
+  for (int pass = 0; pass < 2; ++pass) {
+    EXPECT_EQ(JX_GetPlaybackCompressionAllowedOption(), kJX_CompressionNotAllowed);
+    EXPECT_FALSE(JX_IsDiskCompressionEnabled());
+    EXPECT_EQ(jx::settings::WriteToDiskPriority(), 2);
+    EXPECT_DOUBLE_EQ(jx::settings::LowPriorityFactor(), 2.0);
+    EXPECT_DOUBLE_EQ(jx::settings::MinJXSizeToPurgeLimitRatio(), 0.1);
+    EXPECT_DOUBLE_EQ(jx::settings::GfxpaksCacheLimitMultiplier(), 0.1);
+    EXPECT_EQ(jx::settings::DebugSleepTimeSetStuffDataMs(), 0u);
+    EXPECT_EQ(jx::settings::ReadDiskDelayMs(), 0);
+    EXPECT_EQ(jx::settings::WriteDiskDelayMs(), 0);
+    EXPECT_TRUE(jx::settings::UseMediaMapSetting());
+  }
+  for (const char* name :
+       {"KQ.IsDiskCompressionEnabledR", "KQ.JX.LowPriorityFactorR",
+        "KQ.MinJXSizeToPurgeLimitRatioR", "Graphics.DefaultJXCacheLimitForGfxpaksMultiplier",
+        "KQ.DebugSleepTimeInMs_JXSetStuffDataR", "KQ.JX.ReadDiskDelayInMsR",
+        "KQ.JX.WriteDiskDelayInMsR", "JX.UseMediaMap1"}) {
+    EXPECT_EQ(Lookups(name), 1u) << name;
+  }
+  EXPECT_EQ(Lookups("KQ.JX.PlaybackCompressionOptionR"), 0u) << "compression is off";
+  EXPECT_EQ(Lookups("KQ.JX.WriteToDiskPriorityR"), 0u) << "improved behaviour is off";
+}
+
+// The write priority is not read while the improved behaviour is off, so a value set then is
+// still the one read once it comes on.
+TEST(SettingsTest, WritePriorityIsReadOnlyOnceImprovedBehaviourIsOn) {
+  DebugDatabase::Instance().SetEntry("KQ.JX.WriteToDiskPriorityR", "0");
+  ASSERT_FALSE(JX_IsImprovedDiskCacheBehaviorFullyEnabled());
+  EXPECT_EQ(jx::settings::WriteToDiskPriority(), 2);
+  EXPECT_EQ(Lookups("KQ.JX.WriteToDiskPriorityR"), 0u);
+  JX_PlaybackFromDiskLogicIsEnabled();
+  EXPECT_EQ(jx::settings::WriteToDiskPriority(), 0);
+  EXPECT_EQ(jx::settings::WriteToDiskPriority(), 0);
+  EXPECT_EQ(Lookups("KQ.JX.WriteToDiskPriorityR"), 1u);
 }
 
 TEST(SettingsTest, ReadOnceAndKeptForTheProcess) {
@@ -115,6 +142,9 @@ TEST(SettingsTest, ReadOnceAndKeptForTheProcess) {
 TEST(SettingsTest, CompressionOptionOnceCompressionIsOn) {
   DebugDatabase::Instance().SetEntry("KQ.IsDiskCompressionEnabledR", "true");
   EXPECT_EQ(JX_GetPlaybackCompressionAllowedOption(), kJX_CompressionAllowedForPlayback);
+  DebugDatabase::Instance().SetEntry("KQ.JX.PlaybackCompressionOptionR", "0");
+  EXPECT_EQ(JX_GetPlaybackCompressionAllowedOption(), kJX_CompressionAllowedForPlayback);
+  EXPECT_EQ(Lookups("KQ.JX.PlaybackCompressionOptionR"), 1u);
 }
 
 TEST(SettingsTest, PlaybackCompressionSettingZeroGivesOptionOne) {
@@ -172,13 +202,44 @@ TEST(PayloadRegistryTest, FactoriesByMatchName) {
   EXPECT_FALSE(JX_StuffData::CreateSubclass("Frame", header));
 }
 
+// Asking for an unknown name leaves an empty entry behind; registering the name later must fill
+// that entry, not be shadowed by it.
+TEST(PayloadRegistryTest, NameAskedForBeforeItsFactoryIsRegisteredFindsItLater) {
+  using jx::testing::TestPayload;
+  JX_StuffData::Factory frame = [](const JX_StuffData::Header&) {
+    return zelcore::utility::IntrusivePtr<JX_StuffData>(new TestPayload(1));
+  };
+  JX_StuffData::RegisterFactory("Frame", frame);
+  JX_StuffData::Header header{7, 8, 9};
+  EXPECT_FALSE(JX_StuffData::CreateSubclass("Later", header));
+
+  int calls = 0;
+  JX_StuffData::Header seen;
+  JX_StuffData::Factory later = [&](const JX_StuffData::Header& h) {
+    ++calls;
+    seen = h;
+    return zelcore::utility::IntrusivePtr<JX_StuffData>(new TestPayload(5));
+  };
+  JX_StuffData::RegisterFactory("Later", later);
+  auto made = JX_StuffData::CreateSubclass("Later", header);
+  ASSERT_TRUE(made);
+  EXPECT_EQ(made->GetApproximateMemorySize(), 5u);
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(seen, header);
+  JX_StuffData::Death();
+}
+
 TEST(PayloadRegistryTest, BaseClassOptsOutOfDiskAndCompression) {
   zelcore::utility::IntrusivePtr<JX_StuffData> hold(new jx::testing::TestPayload(1));
   const JX_StuffData& base = *hold;
   EXPECT_FALSE(base.CanBeCompressed());
   EXPECT_EQ(base.GetCompressedAllowedOption(), kJX_CompressionNotAllowed);
-  EXPECT_TRUE(base.JX_StuffData::CanSatisfyRequest({}));
-  EXPECT_TRUE(base.JX_StuffData::IdenticalRequest({}));
+  zelcore::utility::IntrusivePtr<JX_StuffData> other(new jx::testing::TestPayload(2));
+  for (const auto& arg : {zelcore::utility::IntrusivePtr<JX_StuffData>(), other}) {
+    EXPECT_TRUE(base.JX_StuffData::CanSatisfyRequest(arg));
+    EXPECT_TRUE(base.JX_StuffData::IdenticalRequest(arg));
+  }
+  EXPECT_TRUE(base.JX_StuffData::ShouldAllowPurge());
   EXPECT_FALSE(base.JX_StuffData::CanDiskCache());
   EXPECT_EQ(base.JX_StuffData::GetSubclassMatchname(), nullptr);
 }

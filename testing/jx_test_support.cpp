@@ -74,7 +74,7 @@ double TestPayload::Read(zelcore::filesupport::IByteStream& in,
 
 bool TestPayload::CanSatisfyRequest(IntrusivePtr<JX_StuffData> request) const {
   auto* other = dynamic_cast<TestPayload*>(request.get());
-  return !other || other->variant_ == variant_;
+  return !other || satisfiesAny_ || other->variant_ == variant_;
 }
 
 bool TestPayload::Verify() const {
@@ -95,12 +95,24 @@ zelcore::utility::IntrusivePtr<JX_Stuff> MakeItem(unsigned int size,
 }
 
 zelcore::utility::IntrusivePtr<JX_Stuff> MakeRequest(const zelcore::utility::Guid& guid,
-                                                     int variant) {
+                                                     int variant,
+                                                     JX_CompressedAllowedOption option) {
   auto* payload = new TestPayload(0);
   payload->SetVariant(variant);
+  payload->SetCompressedAllowedOption(option);
   auto item = JX_Stuff::CreateNew(zelcore::utility::IntrusivePtr<JX_StuffData>(payload), 0.0);
   item->SetGuid(guid);
   return item;
+}
+
+TestPayload* PayloadOf(const JX_Stuff& item) {
+  return dynamic_cast<TestPayload*>(item.GetDataPtr().get());
+}
+
+long long PayloadBytesInBag(const JX_Bag& bag) {
+  unsigned long long inMemory = 0, withDiskCopy = 0;
+  bag.GetCacheSizesInBytes(inMemory, withDiskCopy);
+  return static_cast<long long>(inMemory);
 }
 
 long long SumOfItemSizes(JX_Bag& bag) {

@@ -42,6 +42,14 @@ class TestPayload : public JX_StuffData {
   // When set, the payload refuses requests of another variant (same GUID, other request).
   void SetVariant(int variant) { variant_ = variant; }
   int Variant() const { return variant_; }
+  // A payload that can stand in for every variant (while requests of its own variant only
+  // accept it): makes the direction of CanSatisfyRequest observable.
+  void SetSatisfiesAnyVariant(bool any) { satisfiesAny_ = any; }
+  // The compressed form of a payload, and the compression a request accepts.
+  void SetIsCompressed(bool compressed) override { compressed_ = compressed; }
+  bool IsCompressed() const override { return compressed_; }
+  void SetCompressedAllowedOption(JX_CompressedAllowedOption option) override { option_ = option; }
+  JX_CompressedAllowedOption GetCompressedAllowedOption() const override { return option_; }
   uint32_t Seed() const { return seed_; }
   // Whether the bytes are present and match the seed.
   bool Verify() const;
@@ -56,15 +64,22 @@ class TestPayload : public JX_StuffData {
   bool diskCacheable_;
   bool allowPurge_ = true;
   int variant_ = 0;
+  bool satisfiesAny_ = false;
+  bool compressed_ = false;
+  JX_CompressedAllowedOption option_ = kJX_CompressionNotAllowed;
 };
 
 // Creates a ready item holding a TestPayload, with `guid` (a fresh one when empty).
 zelcore::utility::IntrusivePtr<JX_Stuff> MakeItem(unsigned int size,
                                                   const zelcore::utility::Guid& guid = {},
                                                   uint32_t seed = 0);
-// A request item: a GUID and a request payload, for find-and-check-out.
-zelcore::utility::IntrusivePtr<JX_Stuff> MakeRequest(const zelcore::utility::Guid& guid,
-                                                     int variant = 0);
+// A request item: a GUID and a request payload, for find-and-check-out. `option`: which
+// compression the requester accepts.
+zelcore::utility::IntrusivePtr<JX_Stuff> MakeRequest(
+    const zelcore::utility::Guid& guid, int variant = 0,
+    JX_CompressedAllowedOption option = kJX_CompressionNotAllowed);
+// The TestPayload of an item (null when it holds none or another class).
+TestPayload* PayloadOf(const JX_Stuff& item);
 // The int code `fn` throws (the library's way of failing), or 0 when it does not throw.
 inline int ThrownCode(const std::function<void()>& fn) {
   try {
@@ -77,6 +92,9 @@ inline int ThrownCode(const std::function<void()>& fn) {
 
 // Sum of the accounted sizes of the bag's items.
 long long SumOfItemSizes(JX_Bag& bag);
+// What the bag's items hold in memory, asked of their payloads (GetCacheSizesInBytes): a figure
+// independent of the running totals, which at rest must equal them.
+long long PayloadBytesInBag(const JX_Bag& bag);
 
 // Starts the library (JX_Birth) with a quiet, deterministic host and a temporary folder;
 // stops it in TearDown and checks that nothing is left checked out.
