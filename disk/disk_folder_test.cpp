@@ -10,6 +10,7 @@
 #include "disk/disk_folder.h"
 #include "disk/disk_speed.h"
 #include "disk/disk_test_support.h"
+#include "disk/disk_writer.h"
 #include "host/file_utils.h"
 #include "host/standalone_host.h"
 #include "items/sc_checkout.h"
@@ -65,6 +66,7 @@ TEST(DiskFolderNames, MachineFolder) {
   EXPECT_EQ(jx::disk::MachineFolderName("a/b:c*d?e\"f<g>h|i\\j"),
             "Disk Cache - a-b-c-d-e-f-g-h-i-j.noindex");
   EXPECT_EQ(jx::disk::MachineFolderName(""), "Disk Cache - This Computer.noindex");
+  EXPECT_EQ(Dir("/cache").GetPath() + JX_KQVersDir("1A2B"), "/cache/1A2B");
 }
 
 TEST(DiskFolderNames, CacheFileVersion) {
