@@ -202,7 +202,9 @@ void JX_Bag::SetDiskCacheInfo(const std::string& folder, long long maxDiskCacheS
     diskCacheDirText_ = zelcore::utility::UTF8ToUTF16(diskCacheDir_.GetPath());
     maxDiskCacheSize_ = maxDiskCacheSize;
   }
-  EnableDiskCache(usable);
+  // Switching disk caching on is the host's call (EnableDiskCache); a folder that cannot be
+  // used switches it off, a usable one leaves the host's choice alone.
+  if (!usable) EnableDiskCache(false);
   // The deferred task scans the folder at start-up when the host wants it.
   if (usable) jx::QueueIdleDiskTask();
 }

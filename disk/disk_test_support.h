@@ -93,6 +93,7 @@ class DiskTest : public LibraryTest {
   void SetUp() override {
     zelappsupport::preferences::Clear();
     LibraryTest::SetUp();
+    bag_->EnableDiskCache(true);
     bag_->SetDiskCacheInfo(tempDir_, kDefaultMaxDisk);
     ASSERT_TRUE(bag_->IsDiskCacheEnabled());
   }
