@@ -3,6 +3,7 @@
 // the host once per shortage.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
 
 #include "disk/disk_folder.h"
@@ -46,7 +47,7 @@ class WriteRoomTest : public jx::testing::DiskTest {
     return false;
   }
 
-  int outOfSpace_ = 0;
+  std::atomic<int> outOfSpace_{0};  // raised on the writer's thread
 };
 
 TEST_F(WriteRoomTest, AWriteWithoutRoomInTheLimitIsSkippedCountedAndUntagged) {
