@@ -68,6 +68,7 @@ struct DiskLibrary {
     jx::StandaloneHost::Instance().SetMemoryLimit(1ull << 40);
     JX_Birth(false, 1, false);
     bag = JX_GlobalBag();
+    bag->EnableDiskCache(true);
     bag->SetDiskCacheInfo(root, 1ll << 40);
     JX_StuffData::Factory f = [](const JX_StuffData::Header&) {
       return IntrusivePtr<JX_StuffData>(new FramePayload(true));
@@ -194,12 +195,14 @@ constexpr int kScanFiles = 10000;
 std::string MakeScanFolder(const std::string& root) {
   auto& lib = Lib();
   std::filesystem::create_directories(root);
+  lib.bag->EnableDiskCache(true);
   lib.bag->SetDiskCacheInfo(root, 1ll << 40);
   const std::string dir = lib.Folder();
   for (int i = 0; i < kScanFiles; ++i) {
     const std::string name = dir + "/" + Guid::CreateUnique().AsString() + ".BenchFrame.1..kqcache";
     ::close(::open(name.c_str(), O_CREAT | O_WRONLY, 0644));
   }
+  lib.bag->EnableDiskCache(true);
   lib.bag->SetDiskCacheInfo(lib.root, 1ll << 40);
   return dir;
 }
@@ -219,6 +222,7 @@ void BM_DiskFolderScan10k(benchmark::State& state) {
   for (auto _ : state) {
     state.PauseTiming();
     lib.bag->ClearBagAndSortDir();
+    lib.bag->EnableDiskCache(true);
     lib.bag->SetDiskCacheInfo(ScanRoot(), 1ll << 40);
     lib.bag->RequestDiskCacheScan();
     state.ResumeTiming();
@@ -229,6 +233,7 @@ void BM_DiskFolderScan10k(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations() * kScanFiles);
   lib.bag->ClearBagAndSortDir();
+  lib.bag->EnableDiskCache(true);
   lib.bag->SetDiskCacheInfo(lib.root, 1ll << 40);
 }
 BENCHMARK(BM_DiskFolderScan10k)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(1.0);

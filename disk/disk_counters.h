@@ -11,6 +11,8 @@ struct Counters {
   std::atomic<uint64_t> bytesWritten{0};
   std::atomic<uint64_t> filesWritten{0};
   std::atomic<uint64_t> writesSkipped{0};  // a write found the file already there, or in progress
+  std::atomic<uint64_t> writesSkippedForRoom{0};    // the cache's limit could not be met
+  std::atomic<uint64_t> writesSkippedForVolume{0};  // the volume would drop below its margin
   std::atomic<uint64_t> failedWrites{0};
   std::atomic<uint64_t> bytesRead{0};
   std::atomic<uint64_t> filesRead{0};

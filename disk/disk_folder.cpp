@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <climits>
 #include <ctime>
 #include <map>
@@ -13,6 +14,7 @@
 
 #include "bag/bag.h"
 #include "disk/disk_speed.h"
+#include "disk/quiet_errors.h"
 #include "host/feature.h"
 #include "host/file_iterator.h"
 #include "host/file_utils.h"
@@ -44,15 +46,8 @@ constexpr int kThisComputerMessage = 23;
 constexpr bool kBetaBuild = false;
 
 std::atomic<int64_t> gMinVolumeFreeSpace{jx::disk::kDefaultMinVolumeFreeSpaceGB << 30};
-
-// Opens the host's quiet-errors mode for the current thread.
-class ScQuietErrors {
- public:
-  ScQuietErrors() { Y_StartQuietErrorsOnCurrentThread(); }
-  ~ScQuietErrors() { Y_EndQuietErrorsOnCurrentThread(); }
-  ScQuietErrors(const ScQuietErrors&) = delete;
-  ScQuietErrors& operator=(const ScQuietErrors&) = delete;
-};
+// Process-wide like the bag it reports for: one global bag is all a process has.
+std::atomic<bool> gOutOfSpace{false};
 
 // Only a person at the main thread can act on a folder warning; elsewhere the state change
 // happens silently.
@@ -157,7 +152,36 @@ int DeleteLeftoverTempFiles(const Dir& dir, int64_t minAgeSeconds) {
 
 int64_t GetMinimumVolumeFreeSpace() { return gMinVolumeFreeSpace.load(std::memory_order_relaxed); }
 
+bool VolumeKeepsMarginAfter(const JX_Bag& bag, int64_t bytes) {
+  const Dir dir = bag.GetDiskCacheDirSpec();
+  if (dir.IsEmpty()) return true;  // nothing will be written anyway
+  const int64_t volumeFree = FileUtils::GetVolumeFreeSpace(dir.GetPath());
+  if (volumeFree < 0) return true;
+  return volumeFree - bytes >= GetMinimumVolumeFreeSpace();
+}
+
+void NoteDiskOutOfSpace(JX_Bag& bag) {
+  if (gOutOfSpace.exchange(true, std::memory_order_acq_rel)) return;
+  ZC_TRACE("JX", 3, "disk cache out of space");
+  if (const auto& signal = bag.GetDiskOutOfSpaceSignal()) signal->Fire();
+}
+
+void NoteDiskWriteCommitted() {
+  // A plain load first: the commit path runs for every write and rarely finds a shortage.
+  if (gOutOfSpace.load(std::memory_order_relaxed)) gOutOfSpace.store(false);
+}
+
+bool IsOutOfSpaceErrno(int err) { return err == ENOSPC || err == EDQUOT; }
+
 }  // namespace jx::disk
+
+std::string JX_KQVersDir(const std::string& versionText) {
+#if defined(_WIN32)
+  return "\\" + versionText;
+#else
+  return "/" + versionText;
+#endif
+}
 
 void JX_Bag::SetDiskCacheInfo(const std::string& folder, long long maxDiskCacheSize) {
   Dir chosen(folder);
@@ -178,7 +202,9 @@ void JX_Bag::SetDiskCacheInfo(const std::string& folder, long long maxDiskCacheS
     diskCacheDirText_ = zelcore::utility::UTF8ToUTF16(diskCacheDir_.GetPath());
     maxDiskCacheSize_ = maxDiskCacheSize;
   }
-  EnableDiskCache(usable);
+  // Switching disk caching on is the host's call (EnableDiskCache); a folder that cannot be
+  // used switches it off, a usable one leaves the host's choice alone.
+  if (!usable) EnableDiskCache(false);
   // The deferred task scans the folder at start-up when the host wants it.
   if (usable) jx::QueueIdleDiskTask();
 }
@@ -233,7 +259,7 @@ bool JX_Bag::EnsureDiskSpace(long long bytesNeeded, unsigned long long lastUsedT
   const bool enough = free >= target;
   if (!enough) {
     ZC_TRACE("JX", 5, "EnsureDiskSpace: short of " << (target - free) << " bytes");
-    if (diskOutOfSpace_) diskOutOfSpace_->Fire();
+    jx::disk::NoteDiskOutOfSpace(*this);
   }
   return enough;
 }
@@ -251,7 +277,7 @@ int JX_Bag::ScanDiskCacheDir() {
   // The folder is copied out under the disk mutex and walked without it: adopting a file takes
   // the library lock, and the disk mutex is a leaf.
   std::lock_guard<std::mutex> scanLock(diskScanMutex_);
-  ScQuietErrors quiet;
+  jx::disk::ScQuietErrors quiet;
   const Dir dir = GetDiskCacheDirSpec();
   if (dir.IsEmpty()) return 0;
   jx::disk::DeleteLeftoverTempFiles(dir, jx::disk::kLeftoverTempAgeSeconds);

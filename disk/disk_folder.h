@@ -1,10 +1,24 @@
 // Helpers of the disk cache folder keeper (JX_Bag's folder methods live in disk_folder.cpp).
+//
+// Locks: the folder and the size limit live in the bag under its disk mutex, a leaf. The two
+// folder walks, ScanDiskCacheDir and PurgeAllDiskCaches, take the bag's scan mutex
+// (diskScanMutex_) before any other lock, the library lock included, and nothing else takes it:
+// one walk at a time, and a walk adopts or deletes through items (library lock, item locks)
+// while it holds it. Never start a walk while holding the library lock or an item lock.
+//
+// Leftover temporaries: a write goes to a SafeSave temporary beside its target, named after the
+// target plus the process and a per-process attempt count, ending in ".tmp". One left by a
+// process killed mid-write is never adopted (it is not a ".kqcache" name) and never blocks a
+// later write of the same item (a writer only looks at its own temporary). Both walks delete
+// the ones at least kLeftoverTempAgeSeconds old; a younger one may be a live writer's.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
 #include "host/file.h"
+
+class JX_Bag;
 
 namespace jx::disk {
 
@@ -33,5 +47,21 @@ inline constexpr const char* kSpeedCapName =
 inline constexpr int64_t kDefaultMinVolumeFreeSpaceGB = 10;
 // Bytes the volume must keep free beside the cache.
 int64_t GetMinimumVolumeFreeSpace();
+// Whether the volume holding `bag`'s folder still has its margin after `bytes` more are
+// written. A volume whose free space cannot be read does not stop writes.
+bool VolumeKeepsMarginAfter(const JX_Bag& bag, int64_t bytes);
+
+// The out-of-space state that the bag's disk-out-of-space signal reports to the host. It is
+// entered when a write is given up for want of room (the cache's limit cannot be met, the volume
+// would drop below its margin, or the volume reports itself full) and left when a write commits.
+// The signal fires on entering it, so the host hears once per shortage, not once per write.
+void NoteDiskOutOfSpace(JX_Bag& bag);
+void NoteDiskWriteCommitted();
+// Whether a failed file operation's errno means the volume is full (or the quota used up).
+bool IsOutOfSpaceErrno(int err);
 
 }  // namespace jx::disk
+
+// A version sub-path: the platform's path separator followed by `versionText` ("\\" on Windows,
+// "/" on POSIX), ready to be appended to a folder path.
+std::string JX_KQVersDir(const std::string& versionText);

@@ -10,6 +10,7 @@
 #include "disk/disk_folder.h"
 #include "disk/disk_speed.h"
 #include "disk/disk_test_support.h"
+#include "disk/disk_writer.h"
 #include "host/file_utils.h"
 #include "host/standalone_host.h"
 #include "items/sc_checkout.h"
@@ -65,6 +66,7 @@ TEST(DiskFolderNames, MachineFolder) {
   EXPECT_EQ(jx::disk::MachineFolderName("a/b:c*d?e\"f<g>h|i\\j"),
             "Disk Cache - a-b-c-d-e-f-g-h-i-j.noindex");
   EXPECT_EQ(jx::disk::MachineFolderName(""), "Disk Cache - This Computer.noindex");
+  EXPECT_EQ(Dir("/cache").GetPath() + JX_KQVersDir("1A2B"), "/cache/1A2B");
 }
 
 TEST(DiskFolderNames, CacheFileVersion) {
@@ -126,9 +128,22 @@ TEST_F(DiskFolderTest, UnwritableFolderDisablesDiskCaching) {
   EXPECT_EQ(Reports(kCantWriteText), 1u);
   EXPECT_EQ(Reports(kNonexistentText), 0u);
 
-  // A usable folder switches it back on.
+  // Switching it back on is the host's call: a usable folder alone does not.
   bag_->SetDiskCacheInfo(tempDir_, 1000);
+  EXPECT_FALSE(bag_->IsDiskCacheEnabled());
+  EXPECT_EQ(Folder().GetPath(), ExpectedFolder(tempDir_));
+  bag_->EnableDiskCache(true);
   EXPECT_TRUE(bag_->IsDiskCacheEnabled());
+}
+
+TEST_F(DiskFolderTest, ANewFolderLeavesTheHostsSwitchAlone) {
+  bag_->EnableDiskCache(false);
+  bag_->SetDiskCacheInfo(tempDir_, 1000);
+  EXPECT_FALSE(bag_->IsDiskCacheEnabled()) << "the host switched disk caching off";
+  auto item = AddDiskCacheableItem(4096);
+  item->MaybeWriteToDisk();
+  EXPECT_FALSE(item->WasTaggedToWriteToDisk());
+  EXPECT_EQ(JX_GetQueuedDiskWriteCount(), 0u);
 }
 
 TEST_F(DiskFolderTest, AdditionalSettingsAndDriveSpace) {

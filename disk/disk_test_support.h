@@ -3,14 +3,19 @@
 // with a disk cache folder whose items own real files in it.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bag/bag.h"
+#include "disk/disk_counters.h"
+#include "disk/disk_writer.h"
 #include "host/feature.h"
 #include "host/file.h"
 #include "items/stuff_data.h"
@@ -51,6 +56,36 @@ inline bool HasTempFiles(const zelcore::filesupport::Dir& dir) {
   return false;
 }
 
+// Sets the write queue's length counters for the scope of a test, as if that many writes were
+// queued: the policy and the back-pressure read nothing else.
+class ScQueueLengths {
+ public:
+  ScQueueLengths(uint32_t normal, uint32_t high) { Set(normal, high); }
+  ~ScQueueLengths() { Set(0, 0); }
+  static void Set(uint32_t normal, uint32_t high) {
+    jx::disk::GetCounters().normalQueued = normal;
+    jx::disk::GetCounters().highPriorityQueued = high;
+  }
+};
+
+// Waits until `done` holds, checking every millisecond, for at most a minute: a guard against a
+// hang, never a measure of how long anything took.
+inline bool EventuallyTrue(const std::function<bool()>& done) {
+  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > giveUp) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+// Waits until the writer has finished with every queued entry and handed every item back.
+inline bool WriterDrained() {
+  return EventuallyTrue([] {
+    return JX_GetQueuedDiskWriteCount() == 0 && JX_GetStuffCounters().itemsCheckedOut == 0;
+  });
+}
+
 class DiskTest : public LibraryTest {
  protected:
   static constexpr long long kDefaultMaxDisk = 1LL << 30;
@@ -58,6 +93,7 @@ class DiskTest : public LibraryTest {
   void SetUp() override {
     zelappsupport::preferences::Clear();
     LibraryTest::SetUp();
+    bag_->EnableDiskCache(true);
     bag_->SetDiskCacheInfo(tempDir_, kDefaultMaxDisk);
     ASSERT_TRUE(bag_->IsDiskCacheEnabled());
   }

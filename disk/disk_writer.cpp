@@ -2,7 +2,9 @@
 // back of writes while the foreground reads.
 #include "disk/disk_writer.h"
 
-#include <chrono>
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
 #include <deque>
 #include <exception>
 #include <mutex>
@@ -12,6 +14,7 @@
 
 #include "bag/bag.h"
 #include "disk/disk_counters.h"
+#include "disk/disk_folder.h"
 #include "disk/write_policy.h"
 #include "host/config.h"
 #include "host/profiler.h"
@@ -24,6 +27,7 @@
 
 namespace cf = jx::checkout_flags;
 namespace ci = jx::checkin_flags;
+using Clock = std::chrono::steady_clock;
 
 namespace {
 
@@ -36,13 +40,21 @@ constexpr auto kHoldBackAfterForegroundRead = std::chrono::milliseconds(250);
 struct Entry {
   zelcore::utility::IntrusivePtr<JX_Stuff> item;
   boost::shared_ptr<JX_ScCheckout> checkout;
+  // The item's tagged-to-write flag when the entry writes the item itself; null for a
+  // compressed copy, which never tags the item.
+  std::atomic<bool>* tag = nullptr;
+  uint64_t id = 0;
   uint8_t flag = 0;
+  bool urgent = false;  // asked for "now": never held back
 };
 
 struct WriteQueues {
   std::mutex mutex;
+  std::condition_variable changed;  // an urgent entry arrived, or the hold ended
   std::deque<Entry> high;
   std::deque<Entry> normal;
+  Clock::time_point holdUntil{};
+  uint64_t lastId = 0;
 };
 
 // Never destroyed: entries still queued at exit must not check items in while the library's
@@ -52,18 +64,62 @@ WriteQueues& Queues() {
   return *queues;
 }
 
-// The oldest entry of the highest class present.
-std::optional<Entry> TakeNextEntry() {
-  WriteQueues& q = Queues();
+// Takes `it` out of `from` and lowers that queue's counter. Caller holds the queue mutex.
+Entry PopLocked(WriteQueues& q, std::deque<Entry>& from, std::deque<Entry>::iterator it) {
+  Entry e = std::move(*it);
+  from.erase(it);
   auto& counters = jx::disk::GetCounters();
-  std::lock_guard<std::mutex> lock(q.mutex);
-  std::deque<Entry>* from = !q.high.empty() ? &q.high : &q.normal;
-  if (from->empty()) return std::nullopt;
-  Entry e = std::move(from->front());
-  from->pop_front();
-  (from == &q.high ? counters.highPriorityQueued : counters.normalQueued)
+  (&from == &q.high ? counters.highPriorityQueued : counters.normalQueued)
       .fetch_sub(1, std::memory_order_relaxed);
   return e;
+}
+
+// The oldest entry of the highest class present. Caller holds the queue mutex.
+std::optional<Entry> TakeFrontLocked(WriteQueues& q) {
+  std::deque<Entry>& from = !q.high.empty() ? q.high : q.normal;
+  if (from.empty()) return std::nullopt;
+  return PopLocked(q, from, from.begin());
+}
+
+// The entry a task is to write: the oldest of the highest class, once any hold-back has passed.
+// A write asked for "now" sits at the head of the high-priority queue and goes at once.
+std::optional<Entry> TakeNextEntryToWrite() {
+  WriteQueues& q = Queues();
+  std::unique_lock<std::mutex> lock(q.mutex);
+  for (;;) {
+    if (q.high.empty() && q.normal.empty()) return std::nullopt;
+    if (!q.high.empty() && q.high.front().urgent) break;
+    const Clock::time_point until = q.holdUntil;
+    if (Clock::now() >= until) break;
+    q.changed.wait_until(lock, until);
+  }
+  return TakeFrontLocked(q);
+}
+
+// Takes entry `id` back out of the queues, or the next one when a task has taken it already:
+// either way the queues keep exactly one entry per task still to run.
+std::optional<Entry> TakeBackEntry(uint64_t id) {
+  WriteQueues& q = Queues();
+  std::lock_guard<std::mutex> lock(q.mutex);
+  for (std::deque<Entry>* from : {&q.high, &q.normal}) {
+    auto it = std::find_if(from->begin(), from->end(), [id](const Entry& e) { return e.id == id; });
+    if (it != from->end()) return PopLocked(q, *from, it);
+  }
+  return TakeFrontLocked(q);
+}
+
+// After a write of the item is over, whatever its outcome: an item left without a file loses
+// its tag, unless another write of it is still queued. Decided under the queue mutex, where
+// queuing sets the tag, so a tag set by a new entry is never lost.
+void SettleTag(const Entry& e) {
+  if (!e.tag || e.item->HasDiskCacheFile()) return;
+  WriteQueues& q = Queues();
+  std::lock_guard<std::mutex> lock(q.mutex);
+  auto carriesTag = [&e](const Entry& other) { return other.tag == e.tag; };
+  if (std::none_of(q.high.begin(), q.high.end(), carriesTag) &&
+      std::none_of(q.normal.begin(), q.normal.end(), carriesTag)) {
+    e.tag->store(false, std::memory_order_release);
+  }
 }
 
 // Gives the item back without touching its place in the recency order.
@@ -73,6 +129,12 @@ void HandBack(boost::shared_ptr<JX_ScCheckout>& checkout) {
   checkout.reset();
 }
 
+// An entry that will not be written.
+void Drop(Entry& e) {
+  HandBack(e.checkout);
+  SettleTag(e);
+}
+
 // Travels with each posted task. A task that is destroyed without having run takes one entry
 // with it, so that every entry is matched by exactly one task.
 struct Ticket {
@@ -80,7 +142,7 @@ struct Ticket {
   ~Ticket() {
     if (ran) return;
     try {
-      if (std::optional<Entry> e = TakeNextEntry()) HandBack(e->checkout);
+      if (std::optional<Entry> e = TakeBackEntry(0)) Drop(*e);
     } catch (...) {
       ZC_TRACE("JX", 1, "dropping a cancelled disk write failed");
     }
@@ -88,6 +150,7 @@ struct Ticket {
 };
 
 std::atomic<uint64_t> gLastForegroundReadMs{0};
+std::atomic<uint64_t> gQueuedCountReads{0};
 
 }  // namespace
 
@@ -111,9 +174,28 @@ double CurrentQueueFreeFraction() {
                            WriteQueueCapacity());
 }
 
+void HoldBackWritesUntil(Clock::time_point until) {
+  WriteQueues& q = Queues();
+  std::lock_guard<std::mutex> lock(q.mutex);
+  // Waiting tasks see a longer hold when their current wait ends; nobody needs waking.
+  q.holdUntil = std::max(q.holdUntil, until);
+}
+
+void EndHoldBack() {
+  WriteQueues& q = Queues();
+  {
+    std::lock_guard<std::mutex> lock(q.mutex);
+    q.holdUntil = Clock::time_point{};
+  }
+  q.changed.notify_all();
+}
+
+uint64_t QueuedWriteCountReads() { return gQueuedCountReads.load(std::memory_order_relaxed); }
+
 }  // namespace jx::disk
 
 uint32_t JX_GetQueuedDiskWriteCount() {
+  gQueuedCountReads.fetch_add(1, std::memory_order_relaxed);
   const auto& c = jx::disk::GetCounters();
   return c.normalQueued.load(std::memory_order_relaxed) +
          c.highPriorityQueued.load(std::memory_order_relaxed);
@@ -122,9 +204,7 @@ uint32_t JX_GetQueuedDiskWriteCount() {
 void JX_DeprioritizeBackgroundWrites() {
   if (JX_IsImprovedDiskCacheBehaviorFullyEnabled()) return;
   gLastForegroundReadMs.store(Y_MillisecondsSinceBoot(), std::memory_order_relaxed);
-  if (auto executor = jx::DiskExecutor()) {
-    executor->HoldBackUntil(std::chrono::steady_clock::now() + kHoldBackAfterForegroundRead);
-  }
+  jx::disk::HoldBackWritesUntil(Clock::now() + kHoldBackAfterForegroundRead);
 }
 
 bool JX_Stuff::WriteToDiskAsyncOnDiskThread(IntrusivePtr<JX_Stuff> item, bool flag, bool now) {
@@ -135,10 +215,18 @@ bool JX_Stuff::WriteToDiskAsyncOnDiskThread(IntrusivePtr<JX_Stuff> item, bool fl
   const IntrusivePtr<JX_StuffData> data = item->GetDataPtr();
   const bool high = now || jx::disk::IsHighWritePriority(
                                flag, data ? data->GetCachePriority() : kJX_CachePriorityDefault);
+  Entry e;
+  e.item = item;
+  e.checkout = std::move(checkout);
+  e.tag = flag ? nullptr : &item->taggedToWrite_;
+  e.flag = flag ? 1 : 0;
+  e.urgent = now;
+  uint64_t id;
   {
     WriteQueues& q = Queues();
     std::lock_guard<std::mutex> lock(q.mutex);
-    Entry e{item, std::move(checkout), static_cast<uint8_t>(flag ? 1 : 0)};
+    id = e.id = ++q.lastId;
+    if (e.tag) e.tag->store(true, std::memory_order_release);
     auto& counters = jx::disk::GetCounters();
     if (high) {
       // Asked for "now": ahead of everything else; otherwise in arrival order of its class.
@@ -153,18 +241,24 @@ bool JX_Stuff::WriteToDiskAsyncOnDiskThread(IntrusivePtr<JX_Stuff> item, bool fl
       counters.normalQueued.fetch_add(1, std::memory_order_relaxed);
     }
   }
+  // A task waiting out a hold-back takes an urgent entry at once.
+  if (now) Queues().changed.notify_all();
   auto ticket = std::make_shared<Ticket>();
-  // When Post refuses, the task (and with it the ticket) is destroyed here, taking the entry
-  // back out of the queue.
-  executor->Post([ticket] {
-    ticket->ran = true;
-    WriteToDiskAsyncFromQueue();
-  });
-  return true;
+  if (executor->Post([ticket] {
+        ticket->ran = true;
+        WriteToDiskAsyncFromQueue();
+      })) {
+    return true;
+  }
+  // The executor stopped taking work after we looked: no task will come for this entry, so it
+  // leaves the queue now and nothing stays counted as queued.
+  ticket->ran = true;
+  if (std::optional<Entry> back = TakeBackEntry(id)) Drop(*back);
+  return false;
 }
 
 void JX_Stuff::WriteToDiskAsyncFromQueue() {
-  std::optional<Entry> e = TakeNextEntry();
+  std::optional<Entry> e = TakeNextEntryToWrite();
   if (!e) return;
   // The boundary of background work: nothing gets past it, everything is traced.
   try {
@@ -175,6 +269,11 @@ void JX_Stuff::WriteToDiskAsyncFromQueue() {
     ZC_TRACE("JX", 1, "WriteToDiskAsync failed: " << ex.what());
   } catch (...) {
     ZC_TRACE("JX", 1, "WriteToDiskAsync failed");
+  }
+  try {
+    Drop(*e);
+  } catch (...) {
+    ZC_TRACE("JX", 1, "settling a disk write failed");
   }
 }
 
@@ -197,12 +296,27 @@ void JX_Stuff::WriteToDiskAsync(IntrusivePtr<JX_Stuff> item,
     target->SetGuid(item->GetGuid());
     data = clone;
   }
+  auto& counters = jx::disk::GetCounters();
+  const unsigned int bytes = data->GetApproximateMemorySize();
   {
     ZC_PROFILE_SCOPE("KQ.JX_Stuff::WriteToDiskAsync - EnsureDisk", 6);
     // Room is made only from files used before this item: a write never evicts something more
     // recently wanted than itself. Without room the write is skipped rather than overrunning
     // the folder's limit.
-    if (!bag->EnsureDiskSpace(data->GetApproximateMemorySize(), item->GetLastUsedTime())) return;
+    if (!bag->EnsureDiskSpace(bytes, item->GetLastUsedTime())) {
+      counters.writesSkippedForRoom.fetch_add(1, std::memory_order_relaxed);
+      ZC_TRACE("JX", 3, "WriteToDiskAsync: no room for " << bytes << " bytes; write skipped");
+      return;
+    }
+  }
+  // The cache's own limit is not the only one: the volume keeps its margin for everyone else.
+  if (!jx::disk::VolumeKeepsMarginAfter(*bag, bytes)) {
+    counters.writesSkippedForVolume.fetch_add(1, std::memory_order_relaxed);
+    jx::disk::NoteDiskOutOfSpace(*bag);
+    ZC_TRACE("JX", 3,
+             "WriteToDiskAsync: " << bytes << " bytes would cut into the volume's free-space "
+                                  << "margin; write skipped");
+    return;
   }
   if (target->IsInMemory() && !target->HasDiskCacheFile()) target->PrepAndWrite(bag);
   if (flag && target->HasDiskCacheFile()) bag->AddToBagAndSortDir(target);

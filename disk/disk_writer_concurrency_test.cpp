@@ -2,7 +2,9 @@
 // on to, how the queue drains, and that shutting down mid-queue leaves nothing checked out.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
+#include <functional>
 #include <thread>
 
 #include "disk/disk_counters.h"
@@ -11,8 +13,14 @@
 #include "disk/performance_counters.h"
 #include "items/sc_checkout.h"
 #include "lifecycle/lifecycle.h"
+#include "lifecycle/settings.h"
 
+namespace cf = jx::checkout_flags;
 namespace ci = jx::checkin_flags;
+using jx::testing::EventuallyTrue;
+using jx::testing::ScQueueLengths;
+using jx::testing::TestPayload;
+using jx::testing::WriterDrained;
 using zelcore::utility::IntrusivePtr;
 
 namespace {
@@ -21,6 +29,11 @@ constexpr unsigned kPayload = 1 << 20;
 
 class DiskWriterTest : public jx::testing::DiskTest {
  protected:
+  void TearDown() override {
+    // A task waiting out a hold would keep the shut-down waiting with it.
+    jx::disk::EndHoldBack();
+    DiskTest::TearDown();
+  }
   // Keeps queued writes from starting, so a test can look at the queue.
   static void HoldWritesBack() {
     jx::DiskExecutor()->HoldBackUntil(std::chrono::steady_clock::now() + std::chrono::minutes(5));
@@ -29,17 +42,30 @@ class DiskWriterTest : public jx::testing::DiskTest {
     ASSERT_EQ(item->Checkout(0), kJX_CheckedOut);
     item->Checkin(0, computeTime);
   }
-  // Waits (bounded) until the writer has finished with every entry.
-  static bool Drained() {
-    for (int i = 0; i < 1000; ++i) {
-      if (JX_GetQueuedDiskWriteCount() == 0 && JX_GetStuffCounters().itemsCheckedOut == 0) {
-        return true;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-  }
+  static bool Drained() { return WriterDrained(); }
 };
+
+// Runs `complete` on another thread while the queue counters say writes are queued, and tells
+// whether it came back by itself. A completion that waits for the queue keeps reading its length;
+// two more reads without a return mean it is waiting, and the queue is then emptied to let it go.
+bool CompletesWhileWritesAreQueued(const std::function<void()>& complete) {
+  std::atomic<bool> returned{false};
+  const uint64_t reads = jx::disk::QueuedWriteCountReads();
+  std::thread t([&] {
+    complete();
+    returned = true;
+  });
+  EXPECT_TRUE(
+      EventuallyTrue([&] { return returned || jx::disk::QueuedWriteCountReads() >= reads + 2; }));
+  const bool byItself = returned;
+  ScQueueLengths::Set(0, 0);
+  t.join();
+  return byItself;
+}
+
+IntrusivePtr<JX_StuffData> SmallPayload() {
+  return IntrusivePtr<JX_StuffData>(new TestPayload(16));
+}
 
 TEST_F(DiskWriterTest, CheckinQueuesAndTheQueuePinsTheItem) {
   HoldWritesBack();
@@ -134,6 +160,92 @@ TEST_F(DiskWriterTest, WriterMakesRoomFromOlderFilesOnly) {
   EXPECT_TRUE(newer->HasDiskCacheFile()) << "used after the item being written";
   EXPECT_TRUE(item->HasDiskCacheFile());
   EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 100 + 150);
+}
+
+TEST_F(DiskWriterTest, WriteNowIsNotHeldBackByAForegroundRead) {
+  // A foreground read's hold, stretched so that nothing held can slip through during the test.
+  jx::disk::HoldBackWritesUntil(std::chrono::steady_clock::now() + std::chrono::hours(1));
+  auto waiting = AddDiskCacheableItem(kPayload);
+  WriteableCheckin(waiting, 10.0);
+  ASSERT_EQ(JX_GetDiskPerformanceCounters().normalQueueLength, 1u);
+
+  auto urgent = AddDiskCacheableItem(kPayload);
+  ASSERT_EQ(urgent->Checkout(cf::kReadOnly), kJX_CheckedOut);
+  urgent->Checkin(ci::kWriteNow, 0.0);
+  EXPECT_TRUE(EventuallyTrue([&] { return urgent->HasDiskCacheFile(); }))
+      << "the urgent write waited behind the hold";
+  EXPECT_TRUE(urgent->WasTaggedToWriteToDisk());
+  EXPECT_FALSE(waiting->HasDiskCacheFile()) << "the hold still holds the others";
+  EXPECT_EQ(JX_GetQueuedDiskWriteCount(), 1u);
+
+  jx::disk::EndHoldBack();
+  ASSERT_TRUE(Drained());
+  EXPECT_TRUE(waiting->HasDiskCacheFile());
+}
+
+TEST_F(DiskWriterTest, ARefusedPostLeavesNothingQueued) {
+  // The executor stops taking work between the writer's look at it and its post.
+  jx::DiskExecutor()->StopTakingWork();
+  const JX_DiskPerformanceCounters before = JX_GetDiskPerformanceCounters();
+  auto item = AddDiskCacheableItem(kPayload);
+  WriteableCheckin(item, 10.0);
+  item->MaybeWriteToDisk();
+  ASSERT_EQ(item->Checkout(cf::kReadOnly), kJX_CheckedOut);
+  item->Checkin(ci::kWriteNow, 0.0);
+
+  const JX_DiskPerformanceCounters after = JX_GetDiskPerformanceCounters();
+  EXPECT_EQ(JX_GetQueuedDiskWriteCount(), 0u);
+  EXPECT_EQ(after.normalQueueLength, 0u);
+  EXPECT_EQ(after.highPriorityQueueLength, 0u);
+  EXPECT_EQ(after.normalWriteRequests, before.normalWriteRequests) << "nothing was queued";
+  EXPECT_FALSE(item->WasTaggedToWriteToDisk());
+  EXPECT_EQ(item->GetCheckoutCount(), 0u);
+  EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut.load(), 0);
+  EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 0);
+}
+
+TEST_F(DiskWriterTest, BackPressureHoldsARendererUntilTheQueueIsEmpty) {
+  JX_PlaybackFromDiskLogicIsEnabled();
+  ASSERT_TRUE(JX_IsImprovedDiskCacheBehaviorFullyEnabled());
+  ScQueueLengths queued(201, 0);
+  auto item = JX_Stuff::CreatePending(zelcore::utility::Guid::CreateUnique(), {});
+  std::atomic<bool> returned{false};
+  const uint64_t reads = jx::disk::QueuedWriteCountReads();
+  std::thread renderer([&] {
+    item->SetStuffDataFromPendingRender(SmallPayload(), 1.0);
+    returned = true;
+  });
+  ASSERT_TRUE(EventuallyTrue([&] { return jx::disk::QueuedWriteCountReads() > reads; }));
+  // Under the threshold, and with only high-priority writes left, the renderer still waits:
+  // it is let go only when the queue is empty.
+  for (auto [normal, high] : {std::pair{150u, 0u}, std::pair{0u, 1u}}) {
+    ScQueueLengths::Set(normal, high);
+    const uint64_t from = jx::disk::QueuedWriteCountReads();
+    ASSERT_TRUE(
+        EventuallyTrue([&] { return returned || jx::disk::QueuedWriteCountReads() >= from + 2; }));
+    EXPECT_FALSE(returned) << normal << " + " << high << " queued";
+    EXPECT_TRUE(item->IsPendingRender());
+  }
+  ScQueueLengths::Set(0, 0);
+  renderer.join();
+  EXPECT_TRUE(returned);
+  EXPECT_FALSE(item->IsPendingRender());
+
+  // The disk writer completing an item itself is never held back.
+  ScQueueLengths::Set(201, 0);
+  auto own = JX_Stuff::CreatePending(zelcore::utility::Guid::CreateUnique(), {});
+  EXPECT_TRUE(CompletesWhileWritesAreQueued(
+      [&] { own->SetStuffDataFromPendingRender_Impl(SmallPayload(), 0.0, true); }));
+  EXPECT_FALSE(own->IsPendingRender());
+}
+
+TEST_F(DiskWriterTest, NoBackPressureWithoutTheImprovedBehaviour) {
+  ASSERT_FALSE(JX_IsImprovedDiskCacheBehaviorFullyEnabled());
+  ScQueueLengths queued(jx::disk::WriteQueueCapacity(), 0);
+  auto item = JX_Stuff::CreatePending(zelcore::utility::Guid::CreateUnique(), {});
+  EXPECT_TRUE(CompletesWhileWritesAreQueued(
+      [&] { item->SetStuffDataFromPendingRender(SmallPayload(), 1.0); }));
+  EXPECT_FALSE(item->IsPendingRender());
 }
 
 }  // namespace

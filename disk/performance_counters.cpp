@@ -28,6 +28,8 @@ JX_DiskPerformanceCounters JX_GetDiskPerformanceCounters() {
   }
   r.filesWritten = c.filesWritten.load();
   r.writesSkipped = c.writesSkipped.load();
+  r.writesSkippedForRoom = c.writesSkippedForRoom.load();
+  r.writesSkippedForVolume = c.writesSkippedForVolume.load();
   r.filesRead = c.filesRead.load();
   r.filesAdopted = c.filesAdopted.load();
   r.liveDiskCheckouts = JX_Stuff::GetNumDiskCacheCheckoutsGlobal().load();

@@ -12,6 +12,7 @@
 #include "bag/bag.h"
 #include "disk/cache_file_name.h"
 #include "disk/disk_counters.h"
+#include "disk/disk_folder.h"
 #include "disk/fast_write_stream.h"
 #include "disk/quiet_errors.h"
 #include "disk/scan_one_file.h"
@@ -142,6 +143,7 @@ void JX_Stuff::PrepAndWrite(const std::shared_ptr<JX_Bag>& bag) {
       counters.bytesWritten.fetch_add(size, std::memory_order_relaxed);
       counters.filesWritten.fetch_add(1, std::memory_order_relaxed);
       if (changed) changed->Fire(true, true);
+      jx::disk::NoteDiskWriteCommitted();
     }
   } catch (int code) {
     counters.failedWrites.fetch_add(1, std::memory_order_relaxed);
@@ -150,6 +152,12 @@ void JX_Stuff::PrepAndWrite(const std::shared_ptr<JX_Bag>& bag) {
     const int32_t code = Y_TranslateAndReportException();
     counters.failedWrites.fetch_add(1, std::memory_order_relaxed);
     ZC_TRACE("JX", 3, "PrepAndWrite failed with code " << code << ": " << e.what());
+    // A full volume is news for the host, not just a failed write: it may free space or
+    // point the cache elsewhere.
+    const auto* fileError = dynamic_cast<const zelcore::filesupport::FileError*>(&e);
+    if (bag && fileError && jx::disk::IsOutOfSpaceErrno(fileError->Errno())) {
+      jx::disk::NoteDiskOutOfSpace(*bag);
+    }
   }
   if (claimed) writeInProgress_.store(0, std::memory_order_release);
 }

@@ -104,12 +104,21 @@ void CountRequest(bool lowPriorityForced) {
       .fetch_add(1, std::memory_order_relaxed);
 }
 
-// A refusal: remember that the queue was the only obstacle, and count it under its reason.
-void CountRefusal(JX_StuffData& data, bool worthIfQueueEmpty) {
+// The last step of every offer: when the queue was the only obstacle, the payload remembers
+// that; then the offer is counted under whatever reason the payload gives (0: none).
+void RecordReason(JX_StuffData& data, bool worthIfQueueEmpty) {
   if (worthIfQueueEmpty) data.SetReasonWhyNoDiskCache(JX_StuffData::kQueueTooFull);
   const JX_StuffData::NoDiskCacheReason reason = data.GetReasonWhyNoDiskCache();
   if (reason >= 1 && reason <= 5) {
     jx::disk::GetCounters().refusedForReason[reason].fetch_add(1, std::memory_order_relaxed);
+  }
+}
+
+// A queued write: a "queue too full" the payload remembers from an earlier offer is over. The
+// other reasons belong to the payload and stay as it set them.
+void ForgetQueueTooFull(JX_StuffData& data) {
+  if (data.GetReasonWhyNoDiskCache() == JX_StuffData::kQueueTooFull) {
+    data.SetReasonWhyNoDiskCache(JX_StuffData::kNoReason);
   }
 }
 
@@ -172,24 +181,21 @@ void JX_Stuff::MaybeWriteToDisk() {
     bool lowForced = false;
     if (WorthWritingToDiskCache(computeTime, false, nullptr, &worthIfEmpty, &lowForced) &&
         WriteToDiskAsyncOnDiskThread(self, false)) {
-      taggedToWrite_.store(true, std::memory_order_release);
       CountRequest(lowForced);
+      ForgetQueueTooFull(*data);
       requested = true;
     }
   }
-  if (facts.canBeCompressed) {
-    if (JX_GetPlaybackCompressionAllowedOption() != kJX_CompressionAllowedForPlayback &&
-        requested) {
-      return;
-    }
-    if (!facts.compressed &&
-        WorthWritingToDiskCache(computeTime, true, nullptr, nullptr, nullptr) &&
-        WriteToDiskAsyncOnDiskThread(self, true)) {
-      jx::disk::GetCounters().compressedWriteRequests.fetch_add(1, std::memory_order_relaxed);
-      requested = true;
-    }
+  // A compressed copy is only worth it where playback may use one; elsewhere an uncompressed
+  // file, once asked for, is enough.
+  const bool compressedWanted =
+      facts.canBeCompressed && !facts.compressed &&
+      (JX_GetPlaybackCompressionAllowedOption() == kJX_CompressionAllowedForPlayback || !requested);
+  if (compressedWanted && WorthWritingToDiskCache(computeTime, true, nullptr, nullptr, nullptr) &&
+      WriteToDiskAsyncOnDiskThread(self, true)) {
+    jx::disk::GetCounters().compressedWriteRequests.fetch_add(1, std::memory_order_relaxed);
   }
-  if (!requested) CountRefusal(*data, worthIfEmpty);
+  RecordReason(*data, worthIfEmpty);
 }
 
 void JX_Stuff::OfferToDiskAtCheckin(int flags, bool wasWriteable, double computeTime) {
@@ -205,10 +211,10 @@ void JX_Stuff::OfferToDiskAtCheckin(int flags, bool wasWriteable, double compute
   }
   if (!facts.present || !facts.inMemory || !facts.canDiskCache) return;
   if (flags & ci::kWriteNow) {
+    // Other writes wait behind a foreground read; this one goes at once (it is queued urgent,
+    // which no hold-back holds).
     JX_DeprioritizeBackgroundWrites();
-    if (WriteToDiskAsyncOnDiskThread(self, false, true)) {
-      taggedToWrite_.store(true, std::memory_order_release);
-    }
+    WriteToDiskAsyncOnDiskThread(self, false, true);
     return;
   }
   // A read-only check-in leaves the payload as it was: nothing new to write.
@@ -219,12 +225,12 @@ void JX_Stuff::OfferToDiskAtCheckin(int flags, bool wasWriteable, double compute
   bool lowForced = false;
   if (WorthWritingToDiskCache(computeTime, false, nullptr, &worthIfEmpty, &lowForced)) {
     if (WriteToDiskAsyncOnDiskThread(self, false)) {
-      taggedToWrite_.store(true, std::memory_order_release);
       CountRequest(lowForced);
+      ForgetQueueTooFull(*data);
     }
     return;
   }
-  CountRefusal(*data, worthIfEmpty);
+  RecordReason(*data, worthIfEmpty);
 }
 
 void JX_Stuff::ReconsiderWriteToDisk() {

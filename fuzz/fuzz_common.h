@@ -37,6 +37,7 @@ inline std::shared_ptr<JX_Bag> StartLibrary() {
     JX_Birth(false, 1, false);
     jx::testing::KeyedPayload::RegisterFactory();
     auto b = JX_GlobalBag();
+    b->EnableDiskCache(true);
     b->SetDiskCacheInfo(folder, 1LL << 40);
     if (!b->IsDiskCacheEnabled()) std::abort();
     return b;

@@ -2,6 +2,8 @@
 #include "host/file_utils.h"
 
 #include <algorithm>
+#include <atomic>
+#include <climits>
 
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -17,6 +19,9 @@ namespace {
 constexpr size_t kMinDiskUnit = 512;
 constexpr size_t kMaxDiskUnit = 65536;
 constexpr size_t kDefaultDiskUnit = 4096;
+
+constexpr int64_t kNotFaked = INT64_MIN;
+std::atomic<int64_t> gFakedVolumeFreeSpace{kNotFaked};
 
 std::string StripTrailingSlashes(std::string path) {
   while (path.size() > 1 && path.back() == '/') path.pop_back();
@@ -75,9 +80,20 @@ bool FileUtils::EnsureDirectoryExists(const std::string& path, std::string* erro
 }
 
 int64_t FileUtils::GetVolumeFreeSpace(const std::string& path) {
+  const int64_t faked = gFakedVolumeFreeSpace.load(std::memory_order_relaxed);
+  if (faked != kNotFaked) return faked;
   struct statvfs vfs {};
   if (!StatVolume(path, &vfs)) return -1;
   return static_cast<int64_t>(vfs.f_bavail) * static_cast<int64_t>(vfs.f_frsize);
+}
+
+void FileUtils::FakeVolumeFreeSpace(int64_t bytes) {
+  gFakedVolumeFreeSpace.store(bytes == kNotFaked ? kNotFaked + 1 : bytes,
+                              std::memory_order_relaxed);
+}
+
+void FileUtils::StopFakingVolumeFreeSpace() {
+  gFakedVolumeFreeSpace.store(kNotFaked, std::memory_order_relaxed);
 }
 
 std::string FileUtils::ReplaceIllegalFileNameCharacters(std::string_view name, char replacement) {

@@ -15,6 +15,10 @@ class FileUtils {
   static bool EnsureDirectoryExists(const std::string& path, std::string* error = nullptr);
   // Bytes free for an unprivileged writer on the volume holding path; -1 when it cannot be read.
   static int64_t GetVolumeFreeSpace(const std::string& path);
+  // Tests only: GetVolumeFreeSpace answers `bytes` for every path until StopFakingVolumeFreeSpace,
+  // so that a test can play a nearly full volume without filling one.
+  static void FakeVolumeFreeSpace(int64_t bytes);
+  static void StopFakingVolumeFreeSpace();
   // Replaces every character that cannot stand in a file name on any of our platforms
   // (/ \ : * ? " < > | and control characters) by `replacement`.
   static std::string ReplaceIllegalFileNameCharacters(std::string_view name, char replacement);

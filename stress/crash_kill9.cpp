@@ -102,6 +102,7 @@ pid_t Spawn(const std::string& folder, int out,
   Findings findings;
   {
     auto bag = JX_GlobalBag();
+    bag->EnableDiskCache(true);
     bag->SetDiskCacheInfo(folder, 1LL << 40);
     if (!bag->IsDiskCacheEnabled()) {
       std::fprintf(stderr, "child %d: disk caching is off on %s\n", static_cast<int>(::getpid()),

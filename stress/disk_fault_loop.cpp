@@ -269,6 +269,7 @@ int main(int argc, char** argv) {
   JX_Birth(false, 1, false);
   KeyedPayload::RegisterFactory();
   auto bag = JX_GlobalBag();
+  bag->EnableDiskCache(true);
   bag->SetDiskCacheInfo(base, 1LL << 40);
   if (!bag->IsDiskCacheEnabled()) {
     std::fprintf(stderr, "disk_fault_loop: no usable disk cache folder under %s\n", base.c_str());

@@ -221,6 +221,7 @@ Report FillVolume(const std::string& mount) {
     prefs::SetValue(jx::disk::kPreferencesGroup, jx::disk::kMinVolumeFreeSpaceName, "0");
     const int64_t free0 = FileUtils::GetVolumeFreeSpace(mount);
     const long long max = free0 / 2;
+    bag.EnableDiskCache(true);
     bag.SetDiskCacheInfo(mount, max);
     if (!bag.IsDiskCacheEnabled()) {
       v.Report("disk caching is off on a writable volume");
@@ -260,6 +261,7 @@ Report FillVolume(const std::string& mount) {
 // A fresh process adopts what the last one left: only whole files, each reading back.
 Report AdoptFromVolume(const std::string& mount) {
   return RunPhase([&](JX_Bag& bag, Report& r, jx::stress::Violations& v) {
+    bag.EnableDiskCache(true);
     bag.SetDiskCacheInfo(mount, 1LL << 40);
     bag.RequestDiskCacheScan();
     bag.ScanDiskCacheDir();
@@ -299,6 +301,7 @@ Report UnusableFolders(const std::string& base, const std::string& readOnly) {
     std::filesystem::create_directories(cwd);
     if (::chdir(cwd.c_str()) != 0) v.Report("chdir");
     auto item = NewItem(bag, 4096);
+    bag.EnableDiskCache(true);
     bag.SetDiskCacheInfo(readOnly, 1LL << 30);
     v.Check(!bag.IsDiskCacheEnabled(), "disk caching stayed on with a read-only folder");
     v.Check(host.CountReports(jx::HostReport::Kind::kError, kCantWriteText) == 1,
@@ -312,6 +315,7 @@ Report UnusableFolders(const std::string& base, const std::string& readOnly) {
     const std::string systemTemp = base + "/systemp";
     std::filesystem::create_directories(systemTemp);
     ::setenv("TMPDIR", systemTemp.c_str(), 1);
+    bag.EnableDiskCache(true);
     bag.SetDiskCacheInfo(base + "/missing", 1LL << 30);
     v.Check(bag.IsDiskCacheEnabled(), "disk caching off with a missing folder");
     v.Check(host.CountReports(jx::HostReport::Kind::kError, kNonexistentText) == 1,

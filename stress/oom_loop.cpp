@@ -288,6 +288,7 @@ int main(int argc, char** argv) {
     });
   }
   auto bag = JX_GlobalBag();
+  bag->EnableDiskCache(true);
   bag->SetDiskCacheInfo(folder, 1LL << 30);
   gViolations.Check(bag->IsDiskCacheEnabled(), "disk cache not enabled on the folder");
 

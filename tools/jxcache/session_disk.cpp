@@ -47,6 +47,7 @@ void SessionDisk::Attach(const std::shared_ptr<JX_Bag>& bag, SessionResult* resu
     result->disk = {false, "switched off with --no-disk"};
     return;
   }
+  bag->EnableDiskCache(true);
   bag->SetDiskCacheInfo(folder_, static_cast<long long>(options_.diskLimit));
   if (!bag->IsDiskCacheEnabled())
     throw ToolError("--disk-cache: cannot use '" + folder_ + "' as a disk cache (not writable)");

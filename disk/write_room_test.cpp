@@ -1,0 +1,152 @@
+// Writes that find no room: the cache's own limit, the volume's free-space margin, a volume that
+// fills up under a write. Each is skipped or failed cleanly, counted, untags the item, and tells
+// the host once per shortage.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+
+#include "disk/disk_folder.h"
+#include "disk/disk_test_support.h"
+#include "disk/disk_writer.h"
+#include "disk/performance_counters.h"
+#include "host/fault_injection.h"
+#include "host/file_utils.h"
+
+using zelcore::filesupport::FaultInjection;
+using zelcore::filesupport::FileOp;
+using zelcore::utility::FileUtils;
+using zelcore::utility::IntrusivePtr;
+
+namespace {
+
+constexpr unsigned kSize = 64 * 1024;
+constexpr long long kGiB = 1LL << 30;
+
+class WriteRoomTest : public jx::testing::DiskTest {
+ protected:
+  void SetUp() override {
+    DiskTest::SetUp();
+    bag_->GetDiskOutOfSpaceSignal()->Connect([this] { ++outOfSpace_; });
+  }
+  void TearDown() override {
+    jx::disk::EndHoldBack();
+    FileUtils::StopFakingVolumeFreeSpace();
+    FaultInjection::Reset();
+    DiskTest::TearDown();
+  }
+  // Offers the item to the writer and waits until the writer is done with it.
+  static void OfferAndWait(const IntrusivePtr<JX_Stuff>& item) {
+    item->MaybeWriteToDisk();
+    ASSERT_TRUE(jx::testing::WriterDrained());
+  }
+  bool FolderHasCacheFiles() const {
+    for (const auto& name : jx::testing::FolderNames(Folder())) {
+      if (jx::disk::IsCacheFileName(name)) return true;
+    }
+    return false;
+  }
+
+  std::atomic<int> outOfSpace_{0};  // raised on the writer's thread
+};
+
+TEST_F(WriteRoomTest, AWriteWithoutRoomInTheLimitIsSkippedCountedAndUntagged) {
+  bag_->SetDiskCacheInfo(tempDir_, 1000);
+  auto pinned = AddItemWithFile(900);
+  auto pin = pinned->CheckoutDiskCache();
+  auto item = AddDiskCacheableItem(500);
+  const JX_DiskPerformanceCounters before = JX_GetDiskPerformanceCounters();
+
+  // Tagged while it waits in the queue...
+  jx::disk::HoldBackWritesUntil(std::chrono::steady_clock::now() + std::chrono::hours(1));
+  item->MaybeWriteToDisk();
+  EXPECT_TRUE(item->WasTaggedToWriteToDisk());
+  jx::disk::EndHoldBack();
+  ASSERT_TRUE(jx::testing::WriterDrained());
+  // ...and no longer once the write has been given up: it is neither queued nor written.
+  EXPECT_FALSE(item->HasDiskCacheFile());
+  EXPECT_FALSE(item->WasTaggedToWriteToDisk());
+  const JX_DiskPerformanceCounters after = JX_GetDiskPerformanceCounters();
+  EXPECT_EQ(after.writesSkippedForRoom, before.writesSkippedForRoom + 1);
+  EXPECT_EQ(after.failedWrites, before.failedWrites);
+  EXPECT_EQ(outOfSpace_, 1);
+  EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 900);
+
+  // Once the older file may go, the next offer is written in its place.
+  pin.reset();
+  OfferAndWait(item);
+  EXPECT_TRUE(item->HasDiskCacheFile());
+  EXPECT_TRUE(item->WasTaggedToWriteToDisk());
+  EXPECT_FALSE(pinned->HasDiskCacheFile());
+  EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 500);
+  EXPECT_EQ(outOfSpace_, 1);
+}
+
+TEST_F(WriteRoomTest, WritesLeaveTheVolumeItsMargin) {
+  zelappsupport::preferences::SetValue(jx::disk::kPreferencesGroup,
+                                       jx::disk::kMinVolumeFreeSpaceName, "1");
+  bag_->SetDiskCacheInfo(tempDir_, kDefaultMaxDisk);
+  ASSERT_EQ(jx::disk::GetMinimumVolumeFreeSpace(), kGiB);
+  const JX_DiskPerformanceCounters before = JX_GetDiskPerformanceCounters();
+
+  // One byte short of margin plus payload: skipped, however much room the cache's limit has.
+  FileUtils::FakeVolumeFreeSpace(kGiB + kSize - 1);
+  auto a = AddDiskCacheableItem(kSize);
+  auto b = AddDiskCacheableItem(kSize);
+  OfferAndWait(a);
+  OfferAndWait(b);
+  EXPECT_FALSE(a->HasDiskCacheFile());
+  EXPECT_FALSE(b->WasTaggedToWriteToDisk());
+  EXPECT_FALSE(FolderHasCacheFiles());
+  EXPECT_EQ(JX_GetDiskPerformanceCounters().writesSkippedForVolume,
+            before.writesSkippedForVolume + 2);
+  EXPECT_EQ(outOfSpace_, 1) << "one shortage, one signal";
+  EXPECT_TRUE(bag_->IsDiskCacheLimitedDueToDriveSpace());
+
+  // Exactly enough: written. A shortage after that is news again.
+  FileUtils::FakeVolumeFreeSpace(kGiB + kSize);
+  OfferAndWait(a);
+  EXPECT_TRUE(a->HasDiskCacheFile());
+  FileUtils::FakeVolumeFreeSpace(0);
+  OfferAndWait(b);
+  EXPECT_FALSE(b->HasDiskCacheFile());
+  EXPECT_EQ(outOfSpace_, 2);
+  EXPECT_EQ(JX_GetDiskPerformanceCounters().writesSkippedForRoom, before.writesSkippedForRoom);
+}
+
+TEST_F(WriteRoomTest, AVolumeThatFillsUpFailsTheWriteCleanlyAndTellsTheHost) {
+  JX_DiskPerformanceCounters before = JX_GetDiskPerformanceCounters();
+  auto item = AddDiskCacheableItem(kSize);
+  // Any other failure is a failed write, not a shortage.
+  FaultInjection::FailNth(FileOp::kWrite, 1, EIO);
+  OfferAndWait(item);
+  EXPECT_EQ(JX_GetDiskPerformanceCounters().failedWrites, before.failedWrites + 1);
+  EXPECT_EQ(outOfSpace_, 0);
+
+  for (int err : {ENOSPC, EDQUOT}) {
+    FaultInjection::Reset();
+    FaultInjection::FailNth(FileOp::kWrite, 1, err);
+    before = JX_GetDiskPerformanceCounters();
+    OfferAndWait(item);
+    EXPECT_EQ(JX_GetDiskPerformanceCounters().failedWrites, before.failedWrites + 1) << err;
+    EXPECT_FALSE(item->HasDiskCacheFile());
+    EXPECT_FALSE(item->WasTaggedToWriteToDisk());
+    EXPECT_FALSE(FolderHasCacheFiles());
+    EXPECT_FALSE(jx::testing::HasTempFiles(Folder()));
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
+  }
+  EXPECT_EQ(outOfSpace_, 1) << "still the same shortage";
+
+  // Room again: the same item is written, and the next full volume is reported again.
+  FaultInjection::Reset();
+  OfferAndWait(item);
+  EXPECT_TRUE(item->HasDiskCacheFile());
+  auto other = AddDiskCacheableItem(kSize);
+  FaultInjection::FailNth(FileOp::kWrite, 1, ENOSPC);
+  OfferAndWait(other);
+  EXPECT_EQ(outOfSpace_, 2);
+  EXPECT_TRUE(item->IsInMemory());
+  EXPECT_TRUE(other->IsInMemory()) << "a failed write loses nothing from memory";
+}
+
+}  // namespace
