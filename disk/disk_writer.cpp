@@ -74,11 +74,12 @@ void HandBack(boost::shared_ptr<JX_ScCheckout>& checkout) {
 }
 
 // Travels with each posted task. A task that is destroyed without having run takes one entry
-// with it, so that every entry is matched by exactly one task.
+// with it, so that every entry is matched by exactly one task. It owes an entry only once its
+// entry is in the queue.
 struct Ticket {
-  bool ran = false;
+  bool owesEntry = false;
   ~Ticket() {
-    if (ran) return;
+    if (!owesEntry) return;
     try {
       if (std::optional<Entry> e = TakeNextEntry()) HandBack(e->checkout);
     } catch (...) {
@@ -135,6 +136,9 @@ bool JX_Stuff::WriteToDiskAsyncOnDiskThread(IntrusivePtr<JX_Stuff> item, bool fl
   const IntrusivePtr<JX_StuffData> data = item->GetDataPtr();
   const bool high = now || jx::disk::IsHighWritePriority(
                                flag, data ? data->GetCachePriority() : kJX_CachePriorityDefault);
+  // Made before the entry is queued: an entry must never be in the queue without a ticket that
+  // will take it (it would hold its check-out for good).
+  auto ticket = std::make_shared<Ticket>();
   {
     WriteQueues& q = Queues();
     std::lock_guard<std::mutex> lock(q.mutex);
@@ -152,15 +156,14 @@ bool JX_Stuff::WriteToDiskAsyncOnDiskThread(IntrusivePtr<JX_Stuff> item, bool fl
       q.normal.push_back(std::move(e));
       counters.normalQueued.fetch_add(1, std::memory_order_relaxed);
     }
+    ticket->owesEntry = true;
   }
-  auto ticket = std::make_shared<Ticket>();
-  // When Post refuses, the task (and with it the ticket) is destroyed here, taking the entry
-  // back out of the queue.
-  executor->Post([ticket] {
-    ticket->ran = true;
+  // When Post refuses or throws, the last copy of the ticket (this one) takes the entry back out
+  // of the queue as it goes.
+  return executor->Post([ticket] {
+    ticket->owesEntry = false;
     WriteToDiskAsyncFromQueue();
   });
-  return true;
 }
 
 void JX_Stuff::WriteToDiskAsyncFromQueue() {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <new>
 
 #include "bag/bag.h"
 #include "disk/disk_counters.h"
@@ -152,44 +153,50 @@ bool JX_Stuff::WorthWritingToDiskCache(double computeTime, bool lowPriority, boo
 }
 
 void JX_Stuff::MaybeWriteToDisk() {
-  IntrusivePtr<JX_Stuff> self(this);
-  const std::shared_ptr<JX_Bag> bag = GetBag();
-  const double computeTime = GetComputeTime();
-  IntrusivePtr<JX_StuffData> data;
-  PayloadFacts facts;
-  {
-    ScopedReadLockWrapper r(mutex_);
-    data = data_;
-    facts = ReadFacts(data_.get());
-  }
-  if (!jx::DiskExecutor() || !(computeTime > 0.0) || !facts.present || !facts.inMemory ||
-      HasDiskCacheFile() || !bag || !bag->IsDiskCacheEnabled()) {
-    return;
-  }
-  bool requested = false;
-  bool worthIfEmpty = false;
-  if (facts.canDiskCache) {
-    bool lowForced = false;
-    if (WorthWritingToDiskCache(computeTime, false, nullptr, &worthIfEmpty, &lowForced) &&
-        WriteToDiskAsyncOnDiskThread(self, false)) {
-      taggedToWrite_.store(true, std::memory_order_release);
-      CountRequest(lowForced);
-      requested = true;
+  // An offer made on behalf of work that is already done (a filled or newly created item):
+  // memory refused while queuing means the write is not made now, not that the caller's work
+  // failed.
+  try {
+    IntrusivePtr<JX_Stuff> self(this);
+    const std::shared_ptr<JX_Bag> bag = GetBag();
+    const double computeTime = GetComputeTime();
+    IntrusivePtr<JX_StuffData> data;
+    PayloadFacts facts;
+    {
+      ScopedReadLockWrapper r(mutex_);
+      data = data_;
+      facts = ReadFacts(data_.get());
     }
-  }
-  if (facts.canBeCompressed) {
-    if (JX_GetPlaybackCompressionAllowedOption() != kJX_CompressionAllowedForPlayback &&
-        requested) {
+    if (!jx::DiskExecutor() || !(computeTime > 0.0) || !facts.present || !facts.inMemory ||
+        HasDiskCacheFile() || !bag || !bag->IsDiskCacheEnabled()) {
       return;
     }
-    if (!facts.compressed &&
-        WorthWritingToDiskCache(computeTime, true, nullptr, nullptr, nullptr) &&
-        WriteToDiskAsyncOnDiskThread(self, true)) {
-      jx::disk::GetCounters().compressedWriteRequests.fetch_add(1, std::memory_order_relaxed);
-      requested = true;
+    bool requested = false;
+    bool worthIfEmpty = false;
+    if (facts.canDiskCache) {
+      bool lowForced = false;
+      if (WorthWritingToDiskCache(computeTime, false, nullptr, &worthIfEmpty, &lowForced) &&
+          WriteToDiskAsyncOnDiskThread(self, false)) {
+        taggedToWrite_.store(true, std::memory_order_release);
+        CountRequest(lowForced);
+        requested = true;
+      }
     }
+    if (facts.canBeCompressed) {
+      if (JX_GetPlaybackCompressionAllowedOption() != kJX_CompressionAllowedForPlayback &&
+          requested) {
+        return;
+      }
+      if (!facts.compressed &&
+          WorthWritingToDiskCache(computeTime, true, nullptr, nullptr, nullptr) &&
+          WriteToDiskAsyncOnDiskThread(self, true)) {
+        jx::disk::GetCounters().compressedWriteRequests.fetch_add(1, std::memory_order_relaxed);
+        requested = true;
+      }
+    }
+    if (!requested) CountRefusal(*data, worthIfEmpty);
+  } catch (const std::bad_alloc&) {
   }
-  if (!requested) CountRefusal(*data, worthIfEmpty);
 }
 
 void JX_Stuff::OfferToDiskAtCheckin(int flags, bool wasWriteable, double computeTime) {

@@ -57,24 +57,31 @@ std::shared_ptr<JX_Bag> MakeTrackedBag(unsigned int bagArgument) {
 
 void JX_Birth(bool mediaMapAllowed, unsigned int bagArgument, bool gfxpakLimitAllowed) {
   YLOG_Log(10, "JX", "Birth", "JX Birth");
-  // The bag is the one allocation the host can refuse: make it before anything else changes, so
-  // that a start-up failing for memory leaves the previous state (bag, executors, settings) whole.
+  // Everything that allocates is made before anything changes, so that a start-up failing for
+  // memory leaves the previous state (bag, executors, settings) whole. The previous executor and
+  // idle task are shut down when the locals holding them go, after the swap.
   std::shared_ptr<JX_Bag> bag = MakeTrackedBag(bagArgument);
-  jx::settings::SetMediaMapAllowed(mediaMapAllowed);
-
   auto io = zelcore::threads::CreateIOBoundExecutor();
-  gDiskExecutor = zelcore::threads::CreateSubExecutor(io, kDiskExecutorConcurrency);
+  std::shared_ptr<zelcore::threads::Executor> diskExecutor =
+      zelcore::threads::CreateSubExecutor(io, kDiskExecutorConcurrency);
   auto idleIo = zelcore::threads::CreateIOBoundExecutor(1);
-  gIdleDiskTask = std::make_shared<zelcore::threads::QueueOnlyOnce>(
+  auto idleDiskTask = std::make_shared<zelcore::threads::QueueOnlyOnce>(
       idleIo, [] { JX_RunIdleDiskTask(); }, kIdleDiskTaskDelayMs, 0);
 
-  gGlobalBag = std::move(bag);
+  // Settings read for the first time allocate too.
+  const bool useMediaMapSetting = jx::settings::UseMediaMapSetting();
+  (void)JX_IsSetJXCacheLimitForGfxpaksEnabled();
+
+  jx::settings::SetMediaMapAllowed(mediaMapAllowed);
+  gDiskExecutor.swap(diskExecutor);
+  gIdleDiskTask.swap(idleDiskTask);
+  gGlobalBag.swap(bag);
   jx::settings::ExchangeGfxpakLimitAllowed(gfxpakLimitAllowed);
 
   if (JX_IsSetJXCacheLimitForGfxpaksEnabled()) {
     JX_MediaMapSetCacheLimit(jx::settings::CacheIdentity(), JX_GetMaxJXCacheSize());
   } else {
-    jx::settings::SetUseMediaMap(jx::settings::UseMediaMapSetting() && mediaMapAllowed);
+    jx::settings::SetUseMediaMap(useMediaMapSetting && mediaMapAllowed);
     if (jx::settings::UseMediaMap()) JX_MediaMapBirth();
   }
 }
