@@ -82,6 +82,7 @@ bool TimeIsUp(const char* before) {
 Report RunPhase(const std::function<void(JX_Bag&, Report&, jx::stress::Violations&)>& body) {
   int fds[2];
   if (::pipe(fds) != 0) return Report{.violations = 1};
+  std::fflush(stdout);  // or the child would print what is buffered a second time
   const pid_t pid = ::fork();
   if (pid == 0) {
     ::close(fds[0]);
