@@ -232,7 +232,7 @@ class Run {
 }  // namespace
 
 int main(int argc, char** argv) {
-  auto o = jx::stress::ParseOptions(argc, argv, "stress_checkout", 40000);
+  auto o = jx::stress::ParseOptions(argc, argv, "stress_checkout", 1000000);
   auto& host = jx::StandaloneHost::Instance();
   host.SetEchoReports(false);
   host.SetMemoryLimit(16 * 1024);  // a floor of 1.6 KB: purges reach most items
