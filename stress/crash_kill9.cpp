@@ -366,8 +366,8 @@ void KillRounds(const jx::stress::Options& o, const std::string& folder, Totals&
 
 // Two processes writing into one folder at once, then reading each other's files.
 void SharedFolder(const jx::stress::Options& o, const std::string& base, int rounds, Totals& t,
-                  jx::stress::Violations& v) {
-  for (int round = 0; round < rounds; ++round) {
+                  jx::stress::Violations& v, const jx::stress::Deadline& deadline) {
+  for (int round = 0; round < rounds && (round == 0 || !deadline.Passed()); ++round) {
     const std::string folder = base + "/shared" + std::to_string(round);
     // Keys 0..19 only the first writes, 20..39 only the second, 40..59 both.
     std::vector<Key> keys;
@@ -439,10 +439,12 @@ int main(int argc, char** argv) {
   jx::stress::Violations violations;
   Totals totals;
   // The shared-folder rounds are short; the kill rounds get the rest of the time.
-  jx::stress::Deadline deadline(o.seconds * 0.8);
-  KillRounds(o, base + "/killed", totals, violations, deadline);
+  // The kill rounds get half of the time; the rewrite after them and the shared-folder rounds
+  // (at least one) the rest.
+  const jx::stress::Deadline whole(o.seconds);
+  KillRounds(o, base + "/killed", totals, violations, jx::stress::Deadline(o.seconds * 0.5));
   const uint64_t killRounds = totals.rounds;
-  SharedFolder(o, base, 4, totals, violations);
+  SharedFolder(o, base, 4, totals, violations, whole);
   std::error_code ec;
   std::filesystem::remove_all(base, ec);
   std::printf(
