@@ -70,7 +70,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (data[0] & 2) FaultInjection::ShortNth(FileOp::kWrite, ((data[0] >> 2) & 7) + 1, true);
     const size_t unit = stream.GetUnit();
     const size_t cap = stream.GetBufferSize() + 2 * unit;
-    std::vector<uint8_t> chunk;
+    // Byte p of a write is p * 31 + 7 (mod 256): a pattern of period 256, made once, that any
+    // write copies from at its offset.
+    static std::vector<uint8_t> pattern;
+    if (pattern.size() < cap + 256) {
+      pattern.resize(cap + 256);
+      for (size_t p = 0; p < pattern.size(); ++p) pattern[p] = static_cast<uint8_t>(p * 31 + 7);
+    }
+    expected.reserve(cap);
     for (size_t i = 1; i + 1 < size && expected.size() < cap; i += 2) {
       const uint32_t word = data[i] | (uint32_t{data[i + 1]} << 8);
       if (word == 0xFFFF) {
@@ -82,11 +89,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       size_t length =
           (word & 0x8000) ? (word & 0x7FFF) * 977u % (stream.GetBufferSize() + unit + 1) : word;
       length = std::min(length, cap - expected.size());
-      chunk.resize(length);
-      for (size_t k = 0; k < length; ++k)
-        chunk[k] = static_cast<uint8_t>((expected.size() + k) * 31 + 7);
-      stream.Write(chunk.data(), chunk.size());
-      expected.insert(expected.end(), chunk.begin(), chunk.end());
+      const uint8_t* chunk = pattern.data() + expected.size() % 256;
+      stream.Write(chunk, length);
+      expected.insert(expected.end(), chunk, chunk + length);
     }
     JX_FUZZ_CHECK(stream.GetTotalCount() == expected.size());
     stream.Flush();
