@@ -171,13 +171,13 @@ void PoolWorker(const std::shared_ptr<PoolState>& s) {
   }
 }
 
-// Shut-down and the queue queries, the same for the pool and the sub-executor: both states keep
-// a mutex, a queue of not-yet-started tasks, a running count with its condition, a flag for
-// taking work and a hold-back time.
 // The task of a queue entry: the pool queues tasks, the sub-executor numbered tasks.
 Task TakeTask(Task& task) { return std::move(task); }
 Task TakeTask(std::pair<uint64_t, Task>& entry) { return std::move(entry.second); }
 
+// Shut-down and the queue queries, the same for the pool and the sub-executor: both states keep
+// a mutex, a queue of not-yet-started tasks, a running count with its condition, a flag for
+// taking work and a hold-back time.
 template <class State>
 class QueueingExecutor : public Executor {
  public:

@@ -58,8 +58,7 @@ std::shared_ptr<JX_Bag> MakeTrackedBag(unsigned int bagArgument) {
 void JX_Birth(bool mediaMapAllowed, unsigned int bagArgument, bool gfxpakLimitAllowed) {
   YLOG_Log(10, "JX", "Birth", "JX Birth");
   // Everything that allocates is made before anything changes, so that a start-up failing for
-  // memory leaves the previous state (bag, executors, settings) whole. The previous executor and
-  // idle task are shut down when the locals holding them go, after the swap.
+  // memory leaves the previous state (bag, executors, settings) whole.
   std::shared_ptr<JX_Bag> bag = MakeTrackedBag(bagArgument);
   auto io = zelcore::threads::CreateIOBoundExecutor();
   std::shared_ptr<zelcore::threads::Executor> diskExecutor =
@@ -72,10 +71,14 @@ void JX_Birth(bool mediaMapAllowed, unsigned int bagArgument, bool gfxpakLimitAl
   const bool useMediaMapSetting = jx::settings::UseMediaMapSetting();
   (void)JX_IsSetJXCacheLimitForGfxpaksEnabled();
 
+  // The previous ones go in the order they always went: executor, idle task, bag.
   jx::settings::SetMediaMapAllowed(mediaMapAllowed);
   gDiskExecutor.swap(diskExecutor);
+  diskExecutor.reset();
   gIdleDiskTask.swap(idleDiskTask);
+  idleDiskTask.reset();
   gGlobalBag.swap(bag);
+  bag.reset();
   jx::settings::ExchangeGfxpakLimitAllowed(gfxpakLimitAllowed);
 
   if (JX_IsSetJXCacheLimitForGfxpaksEnabled()) {
