@@ -136,13 +136,15 @@ void Drop(Entry& e) {
 }
 
 // Travels with each posted task. A task that is destroyed without having run takes one entry
-// with it, so that every entry is matched by exactly one task.
+// with it, so that every entry is matched by exactly one task. It owes an entry only once its
+// entry is in the queue.
 struct Ticket {
-  bool ran = false;
+  uint64_t id = 0;  // the entry queued with it
+  bool owesEntry = false;
   ~Ticket() {
-    if (ran) return;
+    if (!owesEntry) return;
     try {
-      if (std::optional<Entry> e = TakeBackEntry(0)) Drop(*e);
+      if (std::optional<Entry> e = TakeBackEntry(id)) Drop(*e);
     } catch (...) {
       ZC_TRACE("JX", 1, "dropping a cancelled disk write failed");
     }
@@ -221,11 +223,13 @@ bool JX_Stuff::WriteToDiskAsyncOnDiskThread(IntrusivePtr<JX_Stuff> item, bool fl
   e.tag = flag ? nullptr : &item->taggedToWrite_;
   e.flag = flag ? 1 : 0;
   e.urgent = now;
-  uint64_t id;
+  // Made before the entry is queued: an entry must never be in the queue without a ticket that
+  // will take it (it would hold its check-out for good).
+  auto ticket = std::make_shared<Ticket>();
   {
     WriteQueues& q = Queues();
     std::lock_guard<std::mutex> lock(q.mutex);
-    id = e.id = ++q.lastId;
+    ticket->id = e.id = ++q.lastId;
     if (e.tag) e.tag->store(true, std::memory_order_release);
     auto& counters = jx::disk::GetCounters();
     if (high) {
@@ -240,21 +244,17 @@ bool JX_Stuff::WriteToDiskAsyncOnDiskThread(IntrusivePtr<JX_Stuff> item, bool fl
       q.normal.push_back(std::move(e));
       counters.normalQueued.fetch_add(1, std::memory_order_relaxed);
     }
+    ticket->owesEntry = true;
   }
   // A task waiting out a hold-back takes an urgent entry at once.
   if (now) Queues().changed.notify_all();
-  auto ticket = std::make_shared<Ticket>();
-  if (executor->Post([ticket] {
-        ticket->ran = true;
-        WriteToDiskAsyncFromQueue();
-      })) {
-    return true;
-  }
-  // The executor stopped taking work after we looked: no task will come for this entry, so it
-  // leaves the queue now and nothing stays counted as queued.
-  ticket->ran = true;
-  if (std::optional<Entry> back = TakeBackEntry(id)) Drop(*back);
-  return false;
+  // When Post refuses (the executor stopped taking work after we looked) or throws, the last copy
+  // of the ticket (this one) takes the entry back out of the queue as it goes, and nothing stays
+  // counted as queued.
+  return executor->Post([ticket] {
+    ticket->owesEntry = false;
+    WriteToDiskAsyncFromQueue();
+  });
 }
 
 void JX_Stuff::WriteToDiskAsyncFromQueue() {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <new>
 
 #include "bag/bag.h"
 #include "disk/disk_counters.h"
@@ -161,41 +162,48 @@ bool JX_Stuff::WorthWritingToDiskCache(double computeTime, bool lowPriority, boo
 }
 
 void JX_Stuff::MaybeWriteToDisk() {
-  IntrusivePtr<JX_Stuff> self(this);
-  const std::shared_ptr<JX_Bag> bag = GetBag();
-  const double computeTime = GetComputeTime();
-  IntrusivePtr<JX_StuffData> data;
-  PayloadFacts facts;
-  {
-    ScopedReadLockWrapper r(mutex_);
-    data = data_;
-    facts = ReadFacts(data_.get());
-  }
-  if (!jx::DiskExecutor() || !(computeTime > 0.0) || !facts.present || !facts.inMemory ||
-      HasDiskCacheFile() || !bag || !bag->IsDiskCacheEnabled()) {
-    return;
-  }
-  bool requested = false;
-  bool worthIfEmpty = false;
-  if (facts.canDiskCache) {
-    bool lowForced = false;
-    if (WorthWritingToDiskCache(computeTime, false, nullptr, &worthIfEmpty, &lowForced) &&
-        WriteToDiskAsyncOnDiskThread(self, false)) {
-      CountRequest(lowForced);
-      ForgetQueueTooFull(*data);
-      requested = true;
+  // An offer made on behalf of work that is already done (a filled or newly created item):
+  // memory refused while queuing means the write is not made now, not that the caller's work
+  // failed.
+  try {
+    IntrusivePtr<JX_Stuff> self(this);
+    const std::shared_ptr<JX_Bag> bag = GetBag();
+    const double computeTime = GetComputeTime();
+    IntrusivePtr<JX_StuffData> data;
+    PayloadFacts facts;
+    {
+      ScopedReadLockWrapper r(mutex_);
+      data = data_;
+      facts = ReadFacts(data_.get());
     }
+    if (!jx::DiskExecutor() || !(computeTime > 0.0) || !facts.present || !facts.inMemory ||
+        HasDiskCacheFile() || !bag || !bag->IsDiskCacheEnabled()) {
+      return;
+    }
+    bool requested = false;
+    bool worthIfEmpty = false;
+    if (facts.canDiskCache) {
+      bool lowForced = false;
+      if (WorthWritingToDiskCache(computeTime, false, nullptr, &worthIfEmpty, &lowForced) &&
+          WriteToDiskAsyncOnDiskThread(self, false)) {
+        CountRequest(lowForced);
+        ForgetQueueTooFull(*data);
+        requested = true;
+      }
+    }
+    // A compressed copy is only worth it where playback may use one; elsewhere an uncompressed
+    // file, once asked for, is enough.
+    const bool compressedWanted =
+        facts.canBeCompressed && !facts.compressed &&
+        (JX_GetPlaybackCompressionAllowedOption() == kJX_CompressionAllowedForPlayback ||
+         !requested);
+    if (compressedWanted && WorthWritingToDiskCache(computeTime, true, nullptr, nullptr, nullptr) &&
+        WriteToDiskAsyncOnDiskThread(self, true)) {
+      jx::disk::GetCounters().compressedWriteRequests.fetch_add(1, std::memory_order_relaxed);
+    }
+    RecordReason(*data, worthIfEmpty);
+  } catch (const std::bad_alloc&) {
   }
-  // A compressed copy is only worth it where playback may use one; elsewhere an uncompressed
-  // file, once asked for, is enough.
-  const bool compressedWanted =
-      facts.canBeCompressed && !facts.compressed &&
-      (JX_GetPlaybackCompressionAllowedOption() == kJX_CompressionAllowedForPlayback || !requested);
-  if (compressedWanted && WorthWritingToDiskCache(computeTime, true, nullptr, nullptr, nullptr) &&
-      WriteToDiskAsyncOnDiskThread(self, true)) {
-    jx::disk::GetCounters().compressedWriteRequests.fetch_add(1, std::memory_order_relaxed);
-  }
-  RecordReason(*data, worthIfEmpty);
 }
 
 void JX_Stuff::OfferToDiskAtCheckin(int flags, bool wasWriteable, double computeTime) {

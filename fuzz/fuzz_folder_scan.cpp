@@ -1,6 +1,7 @@
 // fuzz_folder_scan: files of arbitrary names (one per input line) in the disk cache folder, then
-// the start-up scan. It must never crash, and every file it adopts has a name that parses as a
-// cache file of the running version and payload class, and is counted once in the disk size.
+// the start-up scan. It must never crash, every file it adopts has a name that parses as a cache
+// file of the running version and payload class, and is counted once in the disk size; and every
+// key that has such a file is adopted.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -10,6 +11,7 @@
 #include <string>
 
 #include "disk/cache_file_name.h"
+#include "disk/disk_folder.h"
 #include "fuzz_common.h"
 #include "host/safe_save.h"
 
@@ -52,12 +54,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       name += static_cast<char>(data[i]);
     }
   }
-  for (const auto& n : names) std::ofstream(dir.GetFile(n).GetPath()) << n.size();
+  // The keys the scan must adopt: those with a cache file of this version whose payload class
+  // builds from the name's header.
+  std::set<zelcore::utility::Guid> adoptable;
+  for (const auto& n : names) {
+    std::ofstream(dir.GetFile(n).GetPath()) << n.size();
+    jx::disk::CacheFileName parsed;
+    if (jx::disk::IsCacheFileName(n) && !zelcore::filesupport::SafeSave::IsTempFileName(n) &&
+        jx::disk::ParseCacheFileName(n, &parsed) == jx::disk::CacheFileNameError::kNone &&
+        parsed.version == bag->GetAppVersion() &&
+        parsed.matchName == jx::testing::kKeyedPayloadName && parsed.header.size() == 8) {
+      adoptable.insert(parsed.guid);
+    }
+  }
 
   bag->RequestDiskCacheScan();
   bag->ScanDiskCacheDir();
 
   long long adoptedBytes = 0;
+  std::set<zelcore::utility::Guid> adopted;
   for (const auto& item : bag->CopyMruItems()) {
     const auto file = item->GetDiskCacheFile();
     JX_FUZZ_CHECK(!file.IsEmpty());  // only adopted items are in the bag
@@ -69,8 +84,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     JX_FUZZ_CHECK(parsed.matchName == jx::testing::kKeyedPayloadName);
     JX_FUZZ_CHECK(names.count(file.GetName()) == 1);
     adoptedBytes += static_cast<long long>(file.Size());
+    adopted.insert(item->GetGuid());
   }
   JX_FUZZ_CHECK(bag->GetCurrentDiskCacheSize() == adoptedBytes);
+  JX_FUZZ_CHECK(adopted == adoptable);
 
   // Back to an empty folder and bag for the next input.
   bag->PurgeAllDiskCaches();

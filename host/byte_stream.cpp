@@ -117,8 +117,7 @@ void OPlatformByteStream::WriteBlock(const void* data, size_t length) {
   }
   const auto* bytes = static_cast<const uint8_t*>(data);
   while (length > 0) {
-    CheckInjected(FileOp::kWrite, path_);
-    const ssize_t n = ::write(fd_, bytes, length);
+    const ssize_t n = detail::WriteSome(fd_, bytes, length);
     if (n < 0) {
       if (errno == EINTR) continue;
       ThrowFileError(errno, FileOp::kWrite, path_);
@@ -126,7 +125,19 @@ void OPlatformByteStream::WriteBlock(const void* data, size_t length) {
     if (n == 0) ThrowFileError(EIO, FileOp::kWrite, path_);
     bytes += n;
     length -= static_cast<size_t>(n);
+    // A short count off a unit boundary leaves the rest misaligned in the file and in memory,
+    // which O_DIRECT refuses: the rest of the file goes through the page cache, synced at Close.
+    if (direct_ && length > 0 && static_cast<size_t>(n) % unit_ != 0) LeaveDirectMode();
   }
+}
+
+void OPlatformByteStream::LeaveDirectMode() {
+#if defined(O_DIRECT)
+  const int flags = ::fcntl(fd_, F_GETFL);
+  if (flags < 0 || ::fcntl(fd_, F_SETFL, flags & ~O_DIRECT) != 0)
+    ThrowFileError(errno, FileOp::kWrite, path_);
+#endif
+  direct_ = false;
 }
 
 void OPlatformByteStream::Flush() {
@@ -171,8 +182,7 @@ size_t IPlatformByteStream::Read(void* data, size_t length) {
   if (length == 0) return 0;
   if (length > 1 && FaultInjection::ShortReads()) --length;
   for (;;) {
-    CheckInjected(FileOp::kRead, path_);
-    const ssize_t n = ::read(fd_, data, length);
+    const ssize_t n = detail::ReadSome(fd_, data, length);
     if (n >= 0) return static_cast<size_t>(n);
     if (errno != EINTR) ThrowFileError(errno, FileOp::kRead, path_);
   }

@@ -67,7 +67,8 @@ class OPlatformByteStream : public OByteStream {
   // units are accepted, see WriteBlock).
   void Write(const void* data, size_t length) override;
   // Writes one block. In direct mode `data` must be aligned to the unit and `length` a multiple
-  // of it. Short writes are retried; errors throw FileError.
+  // of it. Short writes are retried (after one that ends off a unit boundary the stream is no
+  // longer direct); errors throw FileError.
   void WriteBlock(const void* data, size_t length);
   // Sets the length the file will have after Close.
   void SetFinalLength(uint64_t length) { finalLength_ = static_cast<int64_t>(length); }
@@ -77,6 +78,8 @@ class OPlatformByteStream : public OByteStream {
   bool IsDirect() const { return direct_; }
 
  private:
+  void LeaveDirectMode();
+
   int fd_ = -1;
   bool direct_ = false;
   size_t unit_ = 0;  // direct mode: the alignment every block's address and length must have

@@ -109,6 +109,41 @@ TEST(PlatformStreams, RefusedDirectOpenFallsBackToBufferedAndSyncs) {
   FaultInjection::FailNth(FileOp::kOpen, 1, EINVAL);
   EXPECT_THROW(OPlatformByteStream(file, false), FileError);
 }
+// A device may take part of a write. Halving a block of four units leaves whole units, so a
+// direct stream stays direct; halving a single unit does not, and the rest of the file must go
+// through the page cache and be synced. Either way the file is exactly what was written, and
+// short reads of it give the same bytes.
+TEST(PlatformStreams, ShortWritesAreFinishedOnAndOffUnitBoundaries) {
+  ScratchFolder scratch;
+  const size_t unit = FileUtils::GetEfficientDiskBufferSizeFromPath(scratch.dir().GetPath());
+  for (bool persistent : {false, true}) {
+    SCOPED_TRACE(persistent ? "every write from the first short" : "the first write short");
+    const File file = scratch.file(persistent ? "every" : "first");
+    file.Create();
+    std::vector<uint8_t> written;
+    bool directAtStart, directAtEnd;
+    {
+      OPlatformByteStream out(file, true);
+      directAtStart = out.IsDirect();
+      FaultInjection::ShortNth(FileOp::kWrite, 1, persistent);
+      written = WriteBlocks(out, unit, 3, 17);
+      directAtEnd = out.IsDirect();
+    }
+    // Once: the first block in two writes (2 units each), the others whole.
+    if (!persistent) {
+      EXPECT_EQ(FaultInjection::CallCount(FileOp::kWrite), 4u);
+    }
+    EXPECT_EQ(FaultInjection::CallCount(FileOp::kFlush), directAtEnd ? 0u : 1u);
+    if (directAtStart) {
+      EXPECT_EQ(directAtEnd, !persistent);
+    }
+    FaultInjection::Reset();
+    EXPECT_EQ(file.Size(), written.size());
+    FaultInjection::ShortNth(FileOp::kRead, 1, true);
+    EXPECT_EQ(ReadBack(file, unit), written);
+    FaultInjection::Reset();
+  }
+}
 
 TEST(PlatformStreams, MissingFilesAreReportedAsNotFound) {
   ScratchFolder scratch;

@@ -12,6 +12,7 @@
 #include <exception>
 #include <map>
 #include <mutex>
+#include <new>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -170,6 +171,10 @@ void PoolWorker(const std::shared_ptr<PoolState>& s) {
   }
 }
 
+// The task of a queue entry: the pool queues tasks, the sub-executor numbered tasks.
+Task TakeTask(Task& task) { return std::move(task); }
+Task TakeTask(std::pair<uint64_t, Task>& entry) { return std::move(entry.second); }
+
 // Shut-down and the queue queries, the same for the pool and the sub-executor: both states keep
 // a mutex, a queue of not-yet-started tasks, a running count with its condition, a flag for
 // taking work and a hold-back time.
@@ -182,10 +187,21 @@ class QueueingExecutor : public Executor {
   }
 
   void CancelQueued() override {
-    // Dropped tasks are destroyed after the lock is released: their destructors may post.
-    decltype(state_->queue) dropped;
-    std::lock_guard<std::mutex> lock(state_->mu);
-    dropped.swap(state_->queue);
+    // Dropped tasks are destroyed after the lock is released: their destructors may post. One
+    // at a time, because taking the whole queue would need a new one, which allocates, and
+    // executors' destructors come here. Tasks posted meanwhile stay.
+    size_t toDrop;
+    {
+      std::lock_guard<std::mutex> lock(state_->mu);
+      toDrop = state_->queue.size();
+    }
+    for (; toDrop > 0; --toDrop) {
+      Task dropped;
+      std::lock_guard<std::mutex> lock(state_->mu);
+      if (state_->queue.empty()) return;
+      dropped = TakeTask(state_->queue.front());
+      state_->queue.pop_front();
+    }
   }
 
   void WaitForRunning() override {
@@ -290,10 +306,24 @@ struct RunnerPlace {
 
 void RunOneSubTask(const std::shared_ptr<RunnerPlace>& place);
 
-bool PostRunner(const std::shared_ptr<SubState>& s) {
-  auto place = std::make_shared<RunnerPlace>(s);
-  // On refusal the task, and with it `place`, is dropped, which gives the place back.
-  return s->parent->Post([place] { RunOneSubTask(place); });
+// Posts a runner task carrying one of the places the caller counted in `runners`. False when the
+// parent refused it or memory ran out: the place is then given back. The caller must not hold
+// the sub-executor's mutex.
+bool PostRunner(const std::shared_ptr<SubState>& s) noexcept {
+  std::shared_ptr<RunnerPlace> place;
+  try {
+    place = std::make_shared<RunnerPlace>(s);
+  } catch (...) {
+    std::lock_guard<std::mutex> lock(s->mu);
+    --s->runners;
+    return false;
+  }
+  try {
+    // On refusal the task's copy of `place` is dropped; the last copy gives the place back.
+    return s->parent->Post([place] { RunOneSubTask(place); });
+  } catch (...) {
+    return false;
+  }
 }
 
 // Runs the oldest queued task, then hands the runner place to a fresh runner posted behind the
@@ -306,33 +336,45 @@ void RunOneSubTask(const std::shared_ptr<RunnerPlace>& place) {
     // Come back when the hold-back ends, keeping the place, rather than occupy a parent thread.
     const Clock::time_point until = s->holdUntil;
     lock.unlock();
-    DelayTimer::Instance().Schedule(until, [place] {
-      if (std::shared_ptr<SubState> state = place->state.lock()) {
-        state->parent->Post([place] { RunOneSubTask(place); });
-      }
-    });
-    return;
+    try {
+      DelayTimer::Instance().Schedule(until, [place] {
+        if (std::shared_ptr<SubState> state = place->state.lock()) {
+          state->parent->Post([place] { RunOneSubTask(place); });
+        }
+      });
+      return;
+    } catch (const std::bad_alloc&) {
+      // No memory to wait with: run now rather than drop the place. A hold-back is a wish.
+    }
+    lock.lock();
   }
   place->handedBack = true;
-  if (s->queue.empty()) {
-    --s->runners;
-    return;
+  for (;;) {
+    if (s->queue.empty()) {
+      --s->runners;
+      return;
+    }
+    Task task = std::move(s->queue.front().second);
+    s->queue.pop_front();
+    ++s->running;
+    lock.unlock();
+    RunTask(s.get(), task, "sub-executor");
+    task = nullptr;
+    lock.lock();
+    --s->running;
+    s->idleCv.notify_all();
+    if (s->queue.empty()) {
+      --s->runners;
+      return;
+    }
+    lock.unlock();
+    if (PostRunner(s)) return;
+    // The place came back (no memory for a new runner): this runner carries on with the queue,
+    // which nobody else may be about to run, unless another runner took the place meanwhile.
+    lock.lock();
+    if (s->runners >= s->maxConcurrent) return;
+    ++s->runners;
   }
-  Task task = std::move(s->queue.front().second);
-  s->queue.pop_front();
-  ++s->running;
-  lock.unlock();
-  RunTask(s.get(), task, "sub-executor");
-  task = nullptr;
-  lock.lock();
-  --s->running;
-  s->idleCv.notify_all();
-  if (s->queue.empty()) {
-    --s->runners;
-    return;
-  }
-  lock.unlock();
-  PostRunner(s);
 }
 
 class SubExecutor final : public QueueingExecutor<SubState> {
@@ -353,7 +395,8 @@ class SubExecutor final : public QueueingExecutor<SubState> {
       ++state_->runners;
     }
     if (PostRunner(state_)) return true;
-    // The parent refused: take the task back unless a runner already took it.
+    // The parent refused, or there was no memory for a runner: take the task back unless a
+    // runner already took it.
     Task dropped;
     std::lock_guard<std::mutex> lock(state_->mu);
     auto it = std::find_if(state_->queue.begin(), state_->queue.end(),

@@ -14,7 +14,7 @@ namespace {
 
 struct Plan {
   uint64_t call;  // the call count at which the fault fires
-  int err;
+  int err;        // or FaultInjection::kShortTransfer
   bool persistent;
 };
 
@@ -49,6 +49,10 @@ void FaultInjection::FailNth(FileOp op, uint64_t nth, int err, bool persistent) 
   const uint64_t now = s.calls[Index(op)].load(std::memory_order_relaxed);
   s.plans[Index(op)].push_back(Plan{now + (nth == 0 ? 1 : nth), err, persistent});
   s.armed.store(true, std::memory_order_release);
+}
+
+void FaultInjection::ShortNth(FileOp op, uint64_t nth, bool persistent) {
+  if (op == FileOp::kWrite || op == FileOp::kRead) FailNth(op, nth, kShortTransfer, persistent);
 }
 
 void FaultInjection::SetShortReads(bool on) {

@@ -1,8 +1,9 @@
 // Fault injection for the file layer (tests only). Every file operation of file.h, safe_save.h
 // and byte_stream.h asks ShouldFail before its system call; a planned fault makes the N-th call
-// of that operation fail with the chosen errno, once or from then on. Short reads make every
-// read return at most one byte less than asked (never zero when something was asked). The plan
-// is process-wide and thread-safe.
+// of that operation fail with the chosen errno, once or from then on. A planned short transfer
+// makes the N-th write or read move only part of what was asked, as a device may. Short reads
+// (SetShortReads) make every read return at most one byte less than asked (never zero when
+// something was asked). The plan is process-wide and thread-safe.
 #pragma once
 
 #include <cstdint>
@@ -18,6 +19,10 @@ class FaultInjection {
   // Fails the nth call (1-based, counted from now) of `op` with `err`; with `persistent`, that
   // call and every later one fail.
   static void FailNth(FileOp op, uint64_t nth, int err, bool persistent = false);
+  // Makes the nth call of kWrite or kRead (and with `persistent` every later one) move half of
+  // the bytes asked, rounded up: never none, and for a request of one disk unit not a whole
+  // number of units. Requests of one byte go through whole. Other operations are ignored.
+  static void ShortNth(FileOp op, uint64_t nth, bool persistent = false);
   static void SetShortReads(bool on);
   static bool ShortReads();
   // Clears every plan and the call counts.
@@ -26,8 +31,10 @@ class FaultInjection {
   static uint64_t CallCount(FileOp op);
   // Faults actually injected since the last Reset.
   static uint64_t InjectedCount();
-  // Called by the file layer: 0 to proceed, or the errno to fail with.
+  // Called by the file layer: 0 to proceed, kShortTransfer (writes and reads only) to move
+  // fewer bytes, or the errno to fail with.
   static int ShouldFail(FileOp op);
+  static constexpr int kShortTransfer = -1;
 };
 
 }  // namespace zelcore::filesupport

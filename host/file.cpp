@@ -22,7 +22,48 @@ void ThrowFileError(int err, FileOp op, const std::string& path) {
 }
 
 void CheckInjected(FileOp op, const std::string& path) {
-  if (int err = FaultInjection::ShouldFail(op)) ThrowFileError(err, op, path);
+  const int err = FaultInjection::ShouldFail(op);
+  if (err > 0) ThrowFileError(err, op, path);
+}
+
+namespace {
+
+size_t ShortCount(size_t length) { return length - length / 2; }
+
+}  // namespace
+
+ssize_t WriteSome(int fd, const void* data, size_t length) {
+  const int plan = FaultInjection::ShouldFail(FileOp::kWrite);
+  if (plan > 0) {
+    errno = plan;
+    return -1;
+  }
+  if (plan != FaultInjection::kShortTransfer || length < 2) return ::write(fd, data, length);
+  const size_t count = ShortCount(length);
+#if defined(O_DIRECT)
+  // An O_DIRECT descriptor takes whole units only. A device's short count need not be one, so
+  // the part is written through the page cache, as the kernel leaves it after such a write.
+  const int flags = ::fcntl(fd, F_GETFL);
+  if (flags >= 0 && (flags & O_DIRECT) != 0) {
+    if (::fcntl(fd, F_SETFL, flags & ~O_DIRECT) != 0) return -1;
+    const ssize_t n = ::write(fd, data, count);
+    const int err = errno;
+    ::fcntl(fd, F_SETFL, flags);
+    errno = err;
+    return n;
+  }
+#endif
+  return ::write(fd, data, count);
+}
+
+ssize_t ReadSome(int fd, void* data, size_t length) {
+  const int plan = FaultInjection::ShouldFail(FileOp::kRead);
+  if (plan > 0) {
+    errno = plan;
+    return -1;
+  }
+  if (plan == FaultInjection::kShortTransfer && length >= 2) length = ShortCount(length);
+  return ::read(fd, data, length);
 }
 
 int SyncData(int fd) {

@@ -61,30 +61,41 @@ std::shared_ptr<JX_Bag> MakeTrackedBag(unsigned int bagArgument) {
 
 void JX_Birth(bool mediaMapAllowed, unsigned int bagArgument, bool gfxpakLimitAllowed) {
   YLOG_Log(10, "JX", "Birth", "JX Birth");
-  // The bag is the one allocation the host can refuse: make it before anything else changes, so
-  // that a start-up failing for memory leaves the previous state (bag, executors, settings) whole.
+  // Everything that allocates is made before anything changes, so that a start-up failing for
+  // memory leaves the previous state (bag, executors, settings) whole.
   std::shared_ptr<JX_Bag> bag = MakeTrackedBag(bagArgument);
-  jx::settings::SetMediaMapAllowed(mediaMapAllowed);
-
   auto io = zelcore::threads::CreateIOBoundExecutor();
-  auto diskExecutor = zelcore::threads::CreateSubExecutor(io, kDiskExecutorConcurrency);
+  std::shared_ptr<zelcore::threads::Executor> diskExecutor =
+      zelcore::threads::CreateSubExecutor(io, kDiskExecutorConcurrency);
   auto idleIo = zelcore::threads::CreateIOBoundExecutor(1);
   auto idleDiskTask = std::make_shared<zelcore::threads::QueueOnlyOnce>(
       idleIo, [] { JX_RunIdleDiskTask(); }, kIdleDiskTaskDelayMs, 0);
+
+  // Settings read for the first time allocate too.
+  const bool useMediaMapSetting = jx::settings::UseMediaMapSetting();
+  (void)JX_IsSetJXCacheLimitForGfxpaksEnabled();
+
+  // The previous ones go in the order they always went: executor, idle task, bag. The handles
+  // are swapped under their mutex and released outside it.
+  jx::settings::SetMediaMapAllowed(mediaMapAllowed);
   {
     std::lock_guard<std::mutex> lock(gAsyncHandlesMutex);
     gDiskExecutor.swap(diskExecutor);
+  }
+  diskExecutor.reset();
+  {
+    std::lock_guard<std::mutex> lock(gAsyncHandlesMutex);
     gIdleDiskTask.swap(idleDiskTask);
   }
-  // The replaced handles (if any) go when this function returns, outside the mutex.
-
-  gGlobalBag = std::move(bag);
+  idleDiskTask.reset();
+  gGlobalBag.swap(bag);
+  bag.reset();
   jx::settings::ExchangeGfxpakLimitAllowed(gfxpakLimitAllowed);
 
   if (JX_IsSetJXCacheLimitForGfxpaksEnabled()) {
     JX_MediaMapSetCacheLimit(jx::settings::CacheIdentity(), JX_GetMaxJXCacheSize());
   } else {
-    jx::settings::SetUseMediaMap(jx::settings::UseMediaMapSetting() && mediaMapAllowed);
+    jx::settings::SetUseMediaMap(useMediaMapSetting && mediaMapAllowed);
     if (jx::settings::UseMediaMap()) JX_MediaMapBirth();
   }
 }

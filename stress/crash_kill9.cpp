@@ -2,15 +2,19 @@
 //
 // Kill rounds: a child process starts the library on a folder and writes items (payload bytes
 // derived from the key; some files are deleted again so that keys keep being rewritten) until
-// the parent kills it with SIGKILL at a seeded random moment. After each kill the folder must
-// hold only whole cache files, and a fresh process (new JX_Birth) that scans it must adopt only
-// those: every adopted file reads back byte-identical, a leftover temporary is never adopted.
+// the parent kills it with SIGKILL at a seeded random moment, over more than a hundred rounds by
+// default. After each kill the folder must hold only whole cache files, and a fresh process (new
+// JX_Birth) that scans it must adopt exactly those: every adopted file reads back
+// byte-identical, a leftover temporary is never adopted, no whole file is left out.
 // At the end a fresh process writes every key again, with leftovers of dead writers in the
 // way (including ones whose process ID and attempt number it now has, as after PID reuse):
 // every write must get through.
 //
 // Shared folder: two processes write disjoint and overlapping keys into one folder at once,
 // scanning it as they go, then each adopts and reads back the other's files byte-identically.
+//
+// Bytes lost: the payload bytes of every cache file found partial, every adopted file that did
+// not read back, every whole file a scan left out and every key that could not be written again.
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
@@ -56,7 +60,9 @@ struct Findings {
   uint64_t tempAdopted = 0;     // temporaries taken for cache files
   uint64_t readFailures = 0;    // adopted files that did not read back through the library
   uint64_t writesBlocked = 0;   // writes that did not get through
+  uint64_t notAdopted = 0;      // whole cache files in the folder that a scan left out
   uint64_t written = 0;
+  uint64_t bytesLost = 0;   // payload bytes of the files behind the failures above
   uint64_t violations = 0;  // anything else
 };
 
@@ -154,6 +160,17 @@ IntrusivePtr<JX_Stuff> NewItem(JX_Bag& bag, const Key& key) {
   return item;
 }
 
+// The payload size a cache file's name promises (0 for a name that is not one of ours).
+uint32_t PromisedSize(const std::string& fileName) {
+  jx::disk::CacheFileName name;
+  if (jx::disk::ParseCacheFileName(fileName, &name) != jx::disk::CacheFileNameError::kNone ||
+      name.header.size() != 8)
+    return 0;
+  uint32_t size;
+  std::memcpy(&size, name.header.data() + 4, 4);
+  return size;
+}
+
 // Whether the file holds exactly the bytes its name's payload has.
 bool FileIsWhole(const File& file) {
   jx::disk::CacheFileName name;
@@ -167,44 +184,75 @@ bool FileIsWhole(const File& file) {
          jx::testing::ReadWholeFile(file.GetPath()) == jx::testing::KeyedBytes(seed, size);
 }
 
+// The whole cache files in the folder, by name.
+std::set<std::string> WholeCacheFiles(const Dir& dir) {
+  std::set<std::string> whole;
+  for (const std::string& name : dir.ListNames()) {
+    if (!SafeSave::IsTempFileName(name) && jx::disk::IsCacheFileName(name) &&
+        FileIsWhole(dir.GetFile(name)))
+      whole.insert(name);
+  }
+  return whole;
+}
+
 // Scans the folder as a starting process does, then checks every adopted file byte for byte
-// and reads it back through the library. Returns the keys adopted.
-std::set<Guid> ScanAndCheck(JX_Bag& bag, Findings& f) {
+// and reads it back through the library. With `wholeBefore` (the whole files in the folder
+// before the scan, nobody writing), the files adopted must be exactly those. Returns the keys
+// adopted.
+std::set<Guid> ScanAndCheck(JX_Bag& bag, Findings& f,
+                            const std::set<std::string>* wholeBefore = nullptr) {
   bag.RequestDiskCacheScan();
   bag.ScanDiskCacheDir();
   std::set<Guid> adopted;
+  std::set<std::string> adoptedNames;
   for (const auto& item : bag.CopyMruItems()) {
     const File file = item->GetDiskCacheFile();
     if (file.IsEmpty()) continue;
     adopted.insert(item->GetGuid());
+    adoptedNames.insert(file.GetName());
     if (item->IsInMemory()) continue;  // this process's own write
     ++f.adopted;
+    const uint32_t size = PromisedSize(file.GetName());
     if (SafeSave::IsTempFileName(file.GetName())) ++f.tempAdopted;
     if (!FileIsWhole(file)) ++f.partialAdopted;
     try {
       auto* payload = dynamic_cast<KeyedPayload*>(item->GetDataPtr().get());
-      if (!item->EnsureInMemory() || !payload || !payload->HoldsBytesOf(item->GetGuid()))
+      if (!item->EnsureInMemory() || !payload || !payload->HoldsBytesOf(item->GetGuid())) {
         ++f.readFailures;
+        f.bytesLost += size;
+      }
     } catch (int) {
       ++f.readFailures;
+      f.bytesLost += size;
     }
     JX_Stuff::ReleaseQueue queue;
     item->FreeUpAsMuchAsPossible(false, &queue);
+  }
+  if (wholeBefore) {
+    for (const std::string& name : *wholeBefore) {
+      if (adoptedNames.count(name)) continue;
+      ++f.notAdopted;
+      f.bytesLost += PromisedSize(name);
+    }
+    // Anything adopted beyond them was partial or a temporary, counted above.
   }
   return adopted;
 }
 
 struct Totals {
   uint64_t rounds = 0, kills = 0, leftoverTemps = 0, adopted = 0, partialAdopted = 0,
-           tempAdopted = 0, rewrites = 0, bytesLost = 0;
+           tempAdopted = 0, notAdopted = 0, rewrites = 0, bytesLost = 0;
 };
 
 void Add(Totals& t, const Findings& f, jx::stress::Violations& v) {
   t.adopted += f.adopted;
   t.partialAdopted += f.partialAdopted;
   t.tempAdopted += f.tempAdopted;
+  t.notAdopted += f.notAdopted;
+  t.bytesLost += f.bytesLost;
   v.Check(f.partialAdopted == 0, "a partial file was adopted");
   v.Check(f.tempAdopted == 0, "a temporary was adopted");
+  v.Check(f.notAdopted == 0, "a whole cache file was not adopted");
   v.Check(f.readFailures == 0, "an adopted file did not read back byte-identical");
   v.Check(f.writesBlocked == 0, "a write did not get through");
   for (uint64_t i = 0; i < f.violations; ++i) v.Report("a child process failed");
@@ -260,12 +308,25 @@ void KillRounds(const jx::stress::Options& o, const std::string& folder, Totals&
         temps.insert(name);
       } else if (!FileIsWhole(dir.GetFile(name))) {
         v.Report("a partial cache file in the folder");
-        ++t.bytesLost;
+        t.bytesLost += PromisedSize(name);
       }
     }
-    Add(t, RunChild(folder, [](JX_Bag& bag, Findings& f) { ScanAndCheck(bag, f); }), v);
+    // A fresh process adopts exactly the whole files.
+    Add(t,
+        RunChild(folder,
+                 [&](JX_Bag& bag, Findings& f) {
+                   const std::set<std::string> whole = WholeCacheFiles(dir);
+                   ScanAndCheck(bag, f, &whole);
+                 }),
+        v);
   }
   t.leftoverTemps = temps.size();
+  if (t.rounds < o.ops) {
+    // Time running out is the bound doing its job; anything else stopping the rounds is not.
+    std::printf("crash_kill9: %llu of %llu kill rounds done%s\n", (unsigned long long)t.rounds,
+                (unsigned long long)o.ops, deadline.Passed() ? " before the time ran out" : "");
+    if (!deadline.Passed()) v.Report("the kill rounds stopped early");
+  }
 
   // Every key written again by a fresh process, with the dead writers' temporaries still there
   // and, as if this process had inherited a dead one's ID, leftovers named as its own next
@@ -293,6 +354,7 @@ void KillRounds(const jx::stress::Options& o, const std::string& folder, Totals&
       items[i]->PrepAndWrite(bag.shared_from_this());
       if (!items[i]->HasDiskCacheFile() || !FileIsWhole(items[i]->GetDiskCacheFile())) {
         ++f.writesBlocked;
+        f.bytesLost += keys[i].size;
       } else {
         ++f.written;
       }
@@ -305,8 +367,8 @@ void KillRounds(const jx::stress::Options& o, const std::string& folder, Totals&
 
 // Two processes writing into one folder at once, then reading each other's files.
 void SharedFolder(const jx::stress::Options& o, const std::string& base, int rounds, Totals& t,
-                  jx::stress::Violations& v) {
-  for (int round = 0; round < rounds; ++round) {
+                  jx::stress::Violations& v, const jx::stress::Deadline& deadline) {
+  for (int round = 0; round < rounds && (round == 0 || !deadline.Passed()); ++round) {
     const std::string folder = base + "/shared" + std::to_string(round);
     // Keys 0..19 only the first writes, 20..39 only the second, 40..59 both.
     std::vector<Key> keys;
@@ -350,7 +412,10 @@ void SharedFolder(const jx::stress::Options& o, const std::string& base, int rou
         }
         const std::set<Guid> adopted = ScanAndCheck(bag, f);
         for (int i = 0; i < 60; ++i) {
-          if (!adopted.count(keys[i].guid)) ++f.readFailures;  // a file of either that no scan took
+          if (!adopted.count(keys[i].guid)) {  // a file of either that no scan took
+            ++f.readFailures;
+            f.bytesLost += keys[i].size;
+          }
         }
       });
     }
@@ -365,7 +430,7 @@ void SharedFolder(const jx::stress::Options& o, const std::string& base, int rou
 }  // namespace
 
 int main(int argc, char** argv) {
-  auto o = jx::stress::ParseOptions(argc, argv, "crash_kill9", 100);
+  auto o = jx::stress::ParseOptions(argc, argv, "crash_kill9", 120);
   jx::StandaloneHost::Instance().SetEchoReports(false);
   std::string base = zelcore::utility::FileUtils::GetTempDirectoryPath() + "/jxkill9.XXXXXX";
   if (!mkdtemp(base.data())) {
@@ -375,20 +440,23 @@ int main(int argc, char** argv) {
   jx::stress::Violations violations;
   Totals totals;
   // The shared-folder rounds are short; the kill rounds get the rest of the time.
-  jx::stress::Deadline deadline(o.seconds * 0.8);
-  KillRounds(o, base + "/killed", totals, violations, deadline);
+  // The kill rounds get half of the time; the rewrite after them and the shared-folder rounds
+  // (at least one) the rest.
+  const jx::stress::Deadline whole(o.seconds);
+  KillRounds(o, base + "/killed", totals, violations, jx::stress::Deadline(o.seconds * 0.5));
   const uint64_t killRounds = totals.rounds;
-  SharedFolder(o, base, 4, totals, violations);
+  SharedFolder(o, base, 4, totals, violations, whole);
   std::error_code ec;
   std::filesystem::remove_all(base, ec);
   std::printf(
       "crash_kill9: rounds %llu (+%llu shared-folder), kills %llu, temporaries left by kills %llu, "
-      "adopted files %llu, partial files adopted %llu, temporaries adopted %llu, keys rewritten "
-      "%llu, violations %llu, bytes lost %llu\n",
+      "adopted files %llu, partial files adopted %llu, temporaries adopted %llu, whole files not "
+      "adopted %llu, keys rewritten %llu, violations %llu, bytes lost %llu\n",
       (unsigned long long)killRounds, (unsigned long long)(totals.rounds - killRounds),
       (unsigned long long)totals.kills, (unsigned long long)totals.leftoverTemps,
       (unsigned long long)totals.adopted, (unsigned long long)totals.partialAdopted,
-      (unsigned long long)totals.tempAdopted, (unsigned long long)totals.rewrites,
-      (unsigned long long)violations.Count(), (unsigned long long)totals.bytesLost);
+      (unsigned long long)totals.tempAdopted, (unsigned long long)totals.notAdopted,
+      (unsigned long long)totals.rewrites, (unsigned long long)violations.Count(),
+      (unsigned long long)totals.bytesLost);
   return violations.Count() == 0 ? 0 : 1;
 }

@@ -1,14 +1,19 @@
 // disk_fault_loop: every faultable file operation, failing on its N-th call for N = 1, 2, ...
 // until the disk write (PrepAndWrite) or the read back (EnsureInMemory after a purge) gets
-// through. Each fault is EIO, ENOSPC or EROFS, once or from then on; reads are also run short.
-// Payloads of 0 and 1 bytes, one disk unit and a byte either side of it, and 1 MiB. The write
-// path runs again with O_DIRECT refused (EINVAL on the first open), which must fall back to
-// buffered writes.
+// through. Each fault is EIO, ENOSPC or EROFS, once or from then on. Writes and reads are also
+// cut short (the N-th call, once or from then on, moves half of what it was asked, which for a
+// single unit leaves an O_DIRECT stream off a unit boundary) for N = 1, 2, ... until the N-th
+// call is no longer reached: a short transfer is not a failure, and every such attempt must
+// succeed. Payloads of 0 and 1 bytes, one disk unit and a byte either side of it, and 1 MiB. The
+// write path runs again with O_DIRECT refused (EINVAL on the first open), which must fall back
+// to buffered writes.
 //
 // After every attempt: every cache file in the folder holds exactly its payload's bytes (no
 // partial target), no temporary is left, a failure moved the failed-writes or failed-reads
-// counter by one and a success moved nothing, a failed write left the payload in memory, the
-// disk-size total equals the files on disk, and a clean write then reads back byte-identical.
+// counter by one and a success moved nothing, a success moved the bytes-written or bytes-read
+// counter by exactly the file's size and a failure did not move it, a failed write left the
+// payload in memory, the disk-size total equals the files on disk, and a clean write then reads
+// back byte-identical.
 #include <stdlib.h>
 
 #include <algorithm>
@@ -40,7 +45,8 @@ using zelcore::utility::IntrusivePtr;
 namespace {
 
 enum class Path { kWrite, kRead };
-constexpr int kShortReads = 0;  // in place of an errno: every read returns a byte short
+// In place of an errno: the planned call moves only part of what it was asked.
+constexpr int kShort = FaultInjection::kShortTransfer;
 // More calls of one operation than any single write or read makes.
 constexpr uint64_t kMaxNth = 200;
 
@@ -56,10 +62,9 @@ struct Case {
 std::string Describe(const Case& c, uint64_t nth) {
   std::string s = c.path == Path::kWrite ? "write" : "read";
   s += c.noDirect ? " (O_DIRECT refused)" : "";
-  if (c.err == kShortReads) return s + ", short reads, size " + std::to_string(c.size);
   s += std::string(", ") + zelcore::filesupport::FileOpName(c.op) + " call " + std::to_string(nth) +
        (c.persistent ? " onwards" : " once");
-  s += c.err == EIO ? " EIO" : c.err == ENOSPC ? " ENOSPC" : " EROFS";
+  s += c.err == kShort ? " short" : c.err == EIO ? " EIO" : c.err == ENOSPC ? " ENOSPC" : " EROFS";
   return s + ", size " + std::to_string(c.size);
 }
 
@@ -68,15 +73,17 @@ class FaultLoop {
   FaultLoop(std::shared_ptr<JX_Bag> bag)
       : bag_(std::move(bag)), dir_(bag_->GetDiskCacheDirSpec()) {}
 
-  // Runs one case up to its first success.
+  // Runs one case up to its first success (an errno), or until the planned call is no longer
+  // reached (a short transfer, which every attempt must survive).
   void Run(const Case& c) {
     for (uint64_t nth = 1; nth <= kMaxNth; ++nth) {
-      if (Attempt(c, nth)) {
+      const Outcome outcome = Attempt(c, nth);
+      if (c.err == kShort ? outcome.injected == 0 : outcome.ok) {
         ++cases;
         return;
       }
     }
-    Violation(c, kMaxNth, "never succeeded");
+    Violation(c, kMaxNth, "never finished");
   }
 
   uint64_t cases = 0, attempts = 0, faults = 0, bytesLost = 0;
@@ -141,8 +148,13 @@ class FaultLoop {
     }
   }
 
-  // One attempt with the fault on the nth call; returns whether the write or read got through.
-  bool Attempt(const Case& c, uint64_t nth) {
+  struct Outcome {
+    bool ok;  // the write or read got through
+    uint64_t injected;
+  };
+
+  // One attempt with the fault on the nth call.
+  Outcome Attempt(const Case& c, uint64_t nth) {
     ++attempts;
     auto& counters = jx::disk::GetCounters();
     auto item = NewItem(c.size);
@@ -152,17 +164,19 @@ class FaultLoop {
       file = item->GetDiskCacheFile();
       if (file.IsEmpty()) {
         Violation(c, nth, "the clean write before the read failed");
-        return true;
+        return {true, 0};
       }
       Purge(item);
     }
     const uint64_t failedWrites = counters.failedWrites.load();
     const uint32_t failedReads = counters.failedReads.load();
+    const uint64_t bytesWritten = counters.bytesWritten.load();
+    const uint64_t bytesRead = counters.bytesRead.load();
 
     FaultInjection::Reset();
     if (c.noDirect) FaultInjection::FailNth(FileOp::kOpen, 1, EINVAL);
-    if (c.err == kShortReads) {
-      FaultInjection::SetShortReads(true);
+    if (c.err == kShort) {
+      FaultInjection::ShortNth(c.op, nth, c.persistent);
     } else {
       FaultInjection::FailNth(c.op, nth, c.err, c.persistent);
     }
@@ -181,11 +195,24 @@ class FaultLoop {
     if (c.noDirect && ok && !refusedDirect) Violation(c, nth, "wrote without opening the file");
     faults += injected;
 
-    // Any fault fails the attempt (none is retried silently), and nothing else does.
-    if (ok != (injected == 0)) {
+    // Any error fails the attempt (none is retried silently), and nothing else does; a short
+    // transfer is finished by the stream.
+    if (c.err == kShort) {
+      if (!ok) Violation(c, nth, "a short transfer failed the attempt");
+    } else if (ok != (injected == 0)) {
       Violation(c, nth, ok ? "succeeded through an injected fault" : "failed without a fault");
     }
+    // A success moves the byte counter by the file's size (the payload's: its file is its bytes).
+    const uint64_t moved = (c.path == Path::kWrite ? counters.bytesWritten.load() - bytesWritten
+                                                   : counters.bytesRead.load() - bytesRead);
+    if (moved != (ok ? c.size : 0u)) {
+      Violation(c, nth,
+                std::string(c.path == Path::kWrite ? "bytes-written" : "bytes-read") +
+                    " counter moved by " + std::to_string(moved));
+    }
     if (c.path == Path::kWrite) {
+      if (ok && item->GetDiskCacheFile().Size() != c.size)
+        Violation(c, nth, "the written file is not the payload's size");
       if (counters.failedWrites.load() - failedWrites != (ok ? 0u : 1u))
         Violation(c, nth, "failed-writes counter did not move by exactly the failure");
       if (!Payload(item)->HoldsBytesOf(item->GetGuid())) {
@@ -217,7 +244,7 @@ class FaultLoop {
     item->DeleteDiskCacheFile();
     item->RemoveFromBagAndSortDir();
     CheckFolder(c, nth);
-    return ok;
+    return {ok, injected};
   }
 
   std::shared_ptr<JX_Bag> bag_;
@@ -240,9 +267,17 @@ std::vector<Case> AllCases(uint32_t unit) {
       }
     }
   }
-  for (uint32_t size : small)
-    cases.push_back({Path::kRead, FileOp::kRead, kShortReads, false, size, false});
-  cases.push_back({Path::kRead, FileOp::kRead, kShortReads, false, kMiB, false});
+  // Short transfers, with O_DIRECT and (writes) without it.
+  for (bool persistent : {false, true}) {
+    for (uint32_t size : small) {
+      cases.push_back({Path::kRead, FileOp::kRead, kShort, persistent, size, false});
+      for (bool noDirect : {false, true})
+        cases.push_back({Path::kWrite, FileOp::kWrite, kShort, persistent, size, noDirect});
+    }
+    cases.push_back({Path::kRead, FileOp::kRead, kShort, persistent, kMiB, false});
+    cases.push_back({Path::kWrite, FileOp::kWrite, kShort, persistent, kMiB, false});
+    cases.push_back({Path::kWrite, FileOp::kWrite, kShort, persistent, kMiB, true});
+  }
   // Buffered writes after O_DIRECT is refused: their close syncs, so flush faults land there.
   for (int op = 0; op < zelcore::filesupport::kFileOpCount; ++op) {
     for (bool persistent : {false, true}) {

@@ -10,7 +10,11 @@
 // file, no temporary, the payload still in memory, the disk-size total equal to the files);
 // the drive-space limit is reported while other data crowds the volume and lifts when it goes;
 // writes resume when space frees (other data deleted, or the cache purged); and a fresh process
-// adopts only whole files, each reading back byte-identical.
+// adopts only whole files, each reading back byte-identical. Every write and read that gets
+// through moves the bytes-written or bytes-read counter by exactly its file's size.
+//
+// Bounds: --ops caps the writes of each writer thread in one filling, --seconds the whole run
+// (phases not started in time are skipped, with a line saying so).
 #include <fcntl.h>
 #include <sched.h>
 #include <stdlib.h>
@@ -22,6 +26,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <random>
 #include <string>
@@ -64,12 +69,20 @@ struct Report {
 };
 
 jx::stress::Options gOptions;
+std::unique_ptr<jx::stress::Deadline> gDeadline;
+
+bool TimeIsUp(const char* before) {
+  if (!gDeadline->Passed()) return false;
+  std::printf("disk_full: time ran out before %s\n", before);
+  return true;
+}
 
 // Runs `body` in a child process with a fresh library; returns what it reported (a child that
 // died without reporting counts as a violation).
 Report RunPhase(const std::function<void(JX_Bag&, Report&, jx::stress::Violations&)>& body) {
   int fds[2];
   if (::pipe(fds) != 0) return Report{.violations = 1};
+  std::fflush(stdout);  // or the child would print what is buffered a second time
   const pid_t pid = ::fork();
   if (pid == 0) {
     ::close(fds[0]);
@@ -89,6 +102,7 @@ Report RunPhase(const std::function<void(JX_Bag&, Report&, jx::stress::Violation
     JX_StopAllAsyncWork();
     JX_Death();
     report.violations = violations.Count();
+    std::fflush(stdout);
     ::_exit(jx::stress::WriteAll(fds[1], &report, sizeof report) ? 0 : 3);
   }
   ::close(fds[1]);
@@ -146,20 +160,29 @@ void CheckFolder(JX_Bag& bag, jx::stress::Violations& v, const char* when) {
 void FillUp(JX_Bag& bag, Report& r, jx::stress::Violations& v,
             std::vector<IntrusivePtr<JX_Stuff>>& kept) {
   const uint64_t failedBefore = jx::disk::GetCounters().failedWrites.load();
+  const uint64_t bytesBefore = jx::disk::GetCounters().bytesWritten.load();
   std::mutex mutex;
-  uint64_t written = 0, failed = 0;
+  uint64_t written = 0, failed = 0, bytesWritten = 0;
+  bool cutShort = false;
   std::vector<std::thread> threads;
   const int writers = std::clamp(gOptions.threads, 1, 4);
   for (int t = 0; t < writers; ++t) {
     threads.emplace_back([&, t] {
       std::mt19937_64 rng(gOptions.seed * 31 + t + r.written);
       int inARow = 0;
-      for (int n = 0; n < 400 && inARow < 3; ++n) {
-        auto item = NewItem(bag, 16384 + static_cast<uint32_t>(rng() % (496 * 1024)));
+      for (uint64_t n = 0; inARow < 3; ++n) {
+        if (n >= gOptions.ops || gDeadline->Passed()) {
+          std::lock_guard lock(mutex);
+          cutShort = true;
+          break;
+        }
+        const uint32_t size = 16384 + static_cast<uint32_t>(rng() % (496 * 1024));
+        auto item = NewItem(bag, size);
         item->PrepAndWrite(bag.shared_from_this());
         std::lock_guard lock(mutex);
         if (item->HasDiskCacheFile()) {
           ++written;
+          bytesWritten += size;  // the file is the payload's bytes
           inARow = 0;
           kept.push_back(item);
         } else {
@@ -178,18 +201,29 @@ void FillUp(JX_Bag& bag, Report& r, jx::stress::Violations& v,
   for (auto& t : threads) t.join();
   r.written += written;
   r.failed += failed;
-  v.Check(failed > 0, "the volume never filled");
+  if (cutShort) {
+    std::printf("disk_full: a filling stopped at its bounds after %llu writes\n",
+                (unsigned long long)written);
+  } else {
+    v.Check(failed > 0, "the volume never filled");
+  }
   v.Check(jx::disk::GetCounters().failedWrites.load() - failedBefore == failed,
           "the failed-writes counter differs from the failures");
+  v.Check(jx::disk::GetCounters().bytesWritten.load() - bytesBefore == bytesWritten,
+          "the bytes-written counter differs from the files written");
 }
 
 // A few writes that must all get through.
 void WritesGetThrough(JX_Bag& bag, Report& r, jx::stress::Violations& v, const char* when) {
   for (int i = 0; i < 3; ++i) {
-    auto item = NewItem(bag, 65536 + i);
+    const uint32_t size = 65536 + i;
+    auto item = NewItem(bag, size);
+    const uint64_t bytesBefore = jx::disk::GetCounters().bytesWritten.load();
     item->PrepAndWrite(bag.shared_from_this());
     if (item->HasDiskCacheFile() && FileIsWhole(item->GetDiskCacheFile())) {
       ++r.written;
+      v.Check(jx::disk::GetCounters().bytesWritten.load() - bytesBefore == size,
+              (std::string(when) + ": the bytes-written counter did not move by the file").c_str());
     } else {
       v.Report((std::string(when) + ": a write did not get through").c_str());
     }
@@ -241,11 +275,13 @@ Report FillVolume(const std::string& mount) {
 
     // The other data goes: the limit lifts and writes get through again.
     std::filesystem::remove(other);
+    if (TimeIsUp("the rest of the volume's phases")) return;
     v.Check(!bag.IsDiskCacheLimitedDueToDriveSpace(), "still limited after the space freed");
     WritesGetThrough(bag, r, v, "after other data went");
     CheckFolder(bag, v, "after other data went");
 
     // The cache itself fills the volume; purging it makes room again.
+    if (TimeIsUp("filling the volume with the cache")) return;
     FillUp(bag, r, v, kept);
     CheckFolder(bag, v, "volume full of cache");
     const auto purged = bag.PurgeAllDiskCaches();
@@ -275,10 +311,14 @@ Report AdoptFromVolume(const std::string& mount) {
       ++r.adopted;
       if (!FileIsWhole(file)) ++r.partialAdopted;
       auto* payload = dynamic_cast<KeyedPayload*>(item->GetDataPtr().get());
+      const uint64_t bytesBefore = jx::disk::GetCounters().bytesRead.load();
       try {
         if (!item->EnsureInMemory() || !payload || !payload->HoldsBytesOf(item->GetGuid())) {
           v.Report("an adopted file did not read back byte-identical");
           r.bytesLost += payload ? payload->Size() : 0;
+        } else {
+          v.Check(jx::disk::GetCounters().bytesRead.load() - bytesBefore == payload->Size(),
+                  "the bytes-read counter did not move by the file");
         }
       } catch (int) {
         v.Report("an adopted file failed to read");
@@ -353,6 +393,7 @@ struct Totals {
 // In the private mount namespace: every variant the machine allows. Returns the exit code.
 int InNamespace(const std::string& base, Totals& t) {
   auto volume = [&](const char* name, const std::string& mount) {
+    if (TimeIsUp(name)) return;
     t.Add(FillVolume(mount));
     t.Add(AdoptFromVolume(mount));
     ++t.volumes;
@@ -385,7 +426,7 @@ int InNamespace(const std::string& base, Totals& t) {
   if (::mount("jxcache-ro", readOnly.c_str(), "tmpfs", MS_RDONLY, "size=1m") != 0) {
     std::printf("disk_full: unusable-folder phase skipped: cannot mount read-only (%s)\n",
                 std::strerror(errno));
-  } else {
+  } else if (!TimeIsUp("the read-only and missing folders")) {
     t.Add(UnusableFolders(base, readOnly));
     std::printf("disk_full: read-only and missing folders done\n");
   }
@@ -397,7 +438,8 @@ int InNamespace(const std::string& base, Totals& t) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  gOptions = jx::stress::ParseOptions(argc, argv, "disk_full", 1);
+  gOptions = jx::stress::ParseOptions(argc, argv, "disk_full", 400);
+  gDeadline = std::make_unique<jx::stress::Deadline>(gOptions.seconds);
   auto finish = [](const Totals& t) {
     std::printf(
         "disk_full: volumes %llu, writes %llu, clean write failures %llu, adopted files %llu, "

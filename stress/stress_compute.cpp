@@ -174,7 +174,7 @@ void Worker(const jx::stress::Options& o, int index, Figures& f) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  auto o = jx::stress::ParseOptions(argc, argv, "stress_compute", 100000);
+  auto o = jx::stress::ParseOptions(argc, argv, "stress_compute", 700000);
   if (o.threads < 1) o.threads = 1;
   auto& host = jx::StandaloneHost::Instance();
   host.SetEchoReports(false);

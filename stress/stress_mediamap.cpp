@@ -7,7 +7,8 @@
 //
 // Invariants: nothing checked out loses its memory; at rest the adapter's total, the sum of its
 // entries and what the manager holds for the map agree, every mirrored item is in memory at its
-// entry's size and every idle in-memory item is mirrored; a host budget of 0 then empties the
+// entry's size and every idle in-memory item is mirrored, every item accounts exactly its
+// payload's size; a host budget of 0 then empties the
 // cache; no deadlock (a watchdog aborts the run when it overstays its time); no payload is left
 // after shut-down.
 #include <condition_variable>
@@ -211,6 +212,10 @@ class Run {
     for (const auto& s : bag_->CopyMruItems()) {
       sum += s->GetAccountedMemorySize();
       violations.Check(s->GetCheckoutCount() == 0, "item checked out at rest");
+      const auto data = s->GetDataPtr();
+      violations.Check(
+          s->GetAccountedMemorySize() == (data ? data->GetApproximateMemorySize() : 0u),
+          "an item's accounted size is not its payload's size");
       if (s->IsInMemory() && s->GetDataPtr()->GetApproximateMemorySize() > 0 &&
           !mirroredItems.count(s.get())) {
         violations.Report("an idle in-memory item not mirrored");

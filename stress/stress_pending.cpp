@@ -1,7 +1,9 @@
 // stress_pending: rounds of several threads asking for one new key at once. Exactly one thread
 // creates the pending item per round; every waiter comes back promptly with the creator's payload
 // (or with nothing when the creator abandons the render); threads that hold a notifying host lock
-// never block on the render.
+// never block on the render: they get the pending item back as it stands. At the end every
+// round that was not abandoned still finds its payload under its key; a round's payload that
+// did not reach a waiter or cannot be found at the end counts as an item lost.
 #include <barrier>
 #include <random>
 #include <thread>
@@ -51,18 +53,23 @@ int main(int argc, char** argv) {
 
   std::vector<Guid> keys(rounds);
   for (auto& k : keys) k = Guid::CreateUnique();
-  std::atomic<int> creators{0}, withPayload{0}, withNothing{0}, hostLockNotBlocked{0};
+  // Per round: the creators, the waiters back with the payload or with nothing, and the
+  // host-lock holder back with the pending item as it stood.
+  std::atomic<int> creators{0}, withPayload{0}, withNothing{0}, holderGotPending{0};
+  std::atomic<int> hostLockNotBlocked{0};
   std::atomic<int64_t> filledAt{0};
   std::atomic<bool> holderReturned{false};
   std::atomic<bool> stop{false};
   std::atomic<uint64_t> roundsDone{0}, abandonedRounds{0}, blockedHostLockThreads{0},
-      slowWaiters{0};
+      slowWaiters{0}, itemsLost{0};
   std::mt19937_64 rng(o.seed);
   std::vector<int> abandon(rounds);
   for (auto& a : abandon) a = static_cast<int>(rng() % 8 == 0);
 
   std::barrier sync(o.threads, [&]() noexcept {
-    // Between rounds: check the round just finished.
+    // Between rounds: check the round just finished. After the deadline the threads leave
+    // without running another round, and there is nothing more to check.
+    if (stop.load()) return;
     const uint64_t r = roundsDone.load();
     if (r > 0) {
       const bool abandoned = abandon[r - 1];
@@ -70,11 +77,20 @@ int main(int argc, char** argv) {
       if (!abandoned && creators.load() != 1) violations.Report("two creators for one key");
       if (abandoned && withPayload.load() != 0)
         violations.Report("a payload from an abandoned render");
+      if (creators.load() + withPayload.load() + withNothing.load() + holderGotPending.load() !=
+          o.threads)
+        violations.Report("a thread of the round is unaccounted for");
+      if (!abandoned && (withNothing.load() != 0 ||
+                         withPayload.load() != o.threads - 1 - holderGotPending.load())) {
+        violations.Report("a waiter came back without the creator's payload");
+        itemsLost.fetch_add(1);
+      }
       if (abandoned) abandonedRounds.fetch_add(1);
     }
     creators = 0;
     withPayload = 0;
     withNothing = 0;
+    holderGotPending = 0;
     filledAt = 0;
     holderReturned = false;
     if (deadline.Passed()) stop = true;
@@ -98,6 +114,13 @@ int main(int argc, char** argv) {
               handle.FindAndCheckout(request, cf::kReadOnly | cf::kCreatePending | cf::kWaitAlways);
           holderReturned = true;
           if (res != kJX_CreatedPending) {
+            // The creator fills only after this thread is back, so the item is still pending.
+            const auto item = handle.GetStuffPtr();
+            if (res == kJX_CheckedOut && item && item->IsPendingRender() && !item->GetDataPtr()) {
+              holderGotPending.fetch_add(1);
+            } else {
+              violations.Report("a host-lock holder did not get the pending item as it stood");
+            }
             hostLockNotBlocked.fetch_add(1);
             continue;
           }
@@ -147,13 +170,29 @@ int main(int argc, char** argv) {
   violations.Check(bag->GetNumMruSortedItems() == bag->GetNumGuidSortedItems(),
                    "recency order and directory differ");
   const uint64_t done = roundsDone.load() > 0 ? roundsDone.load() - 1 : 0;
+  // Every finished round's payload is still there under its key.
+  for (uint64_t r = 0; r < done; ++r) {
+    if (abandon[r]) continue;
+    auto request = JX_Stuff::CreateNew({}, 0.0);
+    request->SetGuid(keys[r]);
+    JX_ScCheckout handle;
+    const int res = handle.FindAndCheckout(request, cf::kReadOnly);
+    auto* payload = res == kJX_CheckedOut
+                        ? dynamic_cast<RoundPayload*>(handle.GetStuffPtr()->GetDataPtr().get())
+                        : nullptr;
+    if (!payload || payload->Round() != r) {
+      violations.Report("a round's payload is gone from the bag");
+      itemsLost.fetch_add(1);
+    }
+  }
   bag.reset();
   JX_StopAllAsyncWork();
   JX_Death();
   std::printf(
       "stress_pending: rounds %llu (abandoned %llu), threads %d, host-lock holders not blocked "
-      "%d, violations %llu, items lost 0\n",
+      "%d, violations %llu, items lost %llu\n",
       (unsigned long long)done, (unsigned long long)abandonedRounds.load(), o.threads,
-      hostLockNotBlocked.load(), (unsigned long long)violations.Count());
+      hostLockNotBlocked.load(), (unsigned long long)violations.Count(),
+      (unsigned long long)itemsLost.load());
   return violations.Count() == 0 ? 0 : 1;
 }
