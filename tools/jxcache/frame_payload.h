@@ -1,7 +1,8 @@
 // The frames of `jxcache simulate`: a rendered RGBA8 image of one frame of the timeline, and the
 // payload class that caches it.
 //
-// Rendering is real CPU work (a procedural image: a few milliseconds per 1280x720 frame), so the
+// Rendering is real CPU work (a composite of procedural layers: some 20-30 ms per 1280x720 frame
+// on one core of a small virtual machine, more than reading the frame back costs), so the
 // cache's write-worthiness rule sees real compute times. The payload is disk-cacheable: its
 // header names width, height and frame index, which is all its factory needs to rebuild an empty
 // payload from a disk cache file name; Write and Read move the pixels.
@@ -32,8 +33,10 @@ class FramePayload : public JX_StuffData {
   static IntrusivePtr<FramePayload> Render(uint32_t width, uint32_t height, uint32_t frame);
   // The payload factory for the disk scan; registered after every JX_Birth (JX_Death forgets).
   static void RegisterFactory();
-  // The colour the procedural image has at (x, y) of `frame`: checks a frame read back.
-  static void ExpectedPixel(uint32_t x, uint32_t y, uint32_t frame, uint8_t rgba[4]);
+  // The colour the procedural image of a width x height frame has at (x, y): checks a frame read
+  // back.
+  static void ExpectedPixel(uint32_t width, uint32_t height, uint32_t x, uint32_t y, uint32_t frame,
+                            uint8_t rgba[4]);
 
   unsigned int GetApproximateMemorySize() const override;
   bool PurgeIfPossible(ReleaseQueue* toRelease) override;
