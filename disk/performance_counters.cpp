@@ -28,6 +28,7 @@ JX_DiskPerformanceCounters JX_GetDiskPerformanceCounters() {
   }
   r.filesWritten = c.filesWritten.load();
   r.writesSkipped = c.writesSkipped.load();
+  r.notWorthWriting = c.notWorthWriting.load();
   r.filesRead = c.filesRead.load();
   r.filesAdopted = c.filesAdopted.load();
   r.liveDiskCheckouts = JX_Stuff::GetNumDiskCacheCheckoutsGlobal().load();

@@ -24,7 +24,8 @@ struct JX_EXPORT JX_DiskPerformanceCounters {
   uint64_t notWrittenForReason[5] = {};  // index r - 1: refusals under no-disk reason r
   // Beyond the list above, for diagnosis.
   uint64_t filesWritten = 0;
-  uint64_t writesSkipped = 0;  // the file was already there, or being written
+  uint64_t writesSkipped = 0;    // the file was already there, or being written
+  uint64_t notWorthWriting = 0;  // refusals without a no-disk reason: the rule said not worth it
   uint64_t filesRead = 0;
   uint64_t filesAdopted = 0;
   uint32_t liveDiskCheckouts = 0;

@@ -104,12 +104,17 @@ void CountRequest(bool lowPriorityForced) {
       .fetch_add(1, std::memory_order_relaxed);
 }
 
-// A refusal: remember that the queue was the only obstacle, and count it under its reason.
-void CountRefusal(JX_StuffData& data, bool worthIfQueueEmpty) {
+// A refusal: remember that the queue was the only obstacle, and count it under its reason. A
+// payload without a reason was refused by the worthiness rule itself (`ruleSaidNo`): the most
+// common refusal of all, counted on its own so that a host can see why nothing is written.
+void CountRefusal(JX_StuffData& data, bool worthIfQueueEmpty, bool ruleSaidNo) {
   if (worthIfQueueEmpty) data.SetReasonWhyNoDiskCache(JX_StuffData::kQueueTooFull);
   const JX_StuffData::NoDiskCacheReason reason = data.GetReasonWhyNoDiskCache();
+  auto& counters = jx::disk::GetCounters();
   if (reason >= 1 && reason <= 5) {
-    jx::disk::GetCounters().refusedForReason[reason].fetch_add(1, std::memory_order_relaxed);
+    counters.refusedForReason[reason].fetch_add(1, std::memory_order_relaxed);
+  } else if (reason == JX_StuffData::kNoReason && ruleSaidNo) {
+    counters.notWorthWriting.fetch_add(1, std::memory_order_relaxed);
   }
 }
 
@@ -168,28 +173,35 @@ void JX_Stuff::MaybeWriteToDisk() {
   }
   bool requested = false;
   bool worthIfEmpty = false;
+  bool ruleSaidNo = false;
   if (facts.canDiskCache) {
     bool lowForced = false;
-    if (WorthWritingToDiskCache(computeTime, false, nullptr, &worthIfEmpty, &lowForced) &&
-        WriteToDiskAsyncOnDiskThread(self, false)) {
+    bool cacheable = true;
+    const bool worth =
+        WorthWritingToDiskCache(computeTime, false, &cacheable, &worthIfEmpty, &lowForced);
+    if (worth && WriteToDiskAsyncOnDiskThread(self, false)) {
       taggedToWrite_.store(true, std::memory_order_release);
       CountRequest(lowForced);
       requested = true;
     }
+    ruleSaidNo = cacheable && !worth;
   }
   if (facts.canBeCompressed) {
     if (JX_GetPlaybackCompressionAllowedOption() != kJX_CompressionAllowedForPlayback &&
         requested) {
       return;
     }
-    if (!facts.compressed &&
-        WorthWritingToDiskCache(computeTime, true, nullptr, nullptr, nullptr) &&
-        WriteToDiskAsyncOnDiskThread(self, true)) {
-      jx::disk::GetCounters().compressedWriteRequests.fetch_add(1, std::memory_order_relaxed);
-      requested = true;
+    if (!facts.compressed) {
+      bool cacheable = true;
+      const bool worth = WorthWritingToDiskCache(computeTime, true, &cacheable, nullptr, nullptr);
+      if (worth && WriteToDiskAsyncOnDiskThread(self, true)) {
+        jx::disk::GetCounters().compressedWriteRequests.fetch_add(1, std::memory_order_relaxed);
+        requested = true;
+      }
+      ruleSaidNo = ruleSaidNo || (cacheable && !worth);
     }
   }
-  if (!requested) CountRefusal(*data, worthIfEmpty);
+  if (!requested) CountRefusal(*data, worthIfEmpty, ruleSaidNo);
 }
 
 void JX_Stuff::OfferToDiskAtCheckin(int flags, bool wasWriteable, double computeTime) {
@@ -217,14 +229,15 @@ void JX_Stuff::OfferToDiskAtCheckin(int flags, bool wasWriteable, double compute
   if (!bag || !bag->IsDiskCacheEnabled() || HasDiskCacheFile()) return;
   bool worthIfEmpty = false;
   bool lowForced = false;
-  if (WorthWritingToDiskCache(computeTime, false, nullptr, &worthIfEmpty, &lowForced)) {
+  bool cacheable = true;
+  if (WorthWritingToDiskCache(computeTime, false, &cacheable, &worthIfEmpty, &lowForced)) {
     if (WriteToDiskAsyncOnDiskThread(self, false)) {
       taggedToWrite_.store(true, std::memory_order_release);
       CountRequest(lowForced);
     }
     return;
   }
-  CountRefusal(*data, worthIfEmpty);
+  CountRefusal(*data, worthIfEmpty, cacheable);
 }
 
 void JX_Stuff::ReconsiderWriteToDisk() {
