@@ -114,12 +114,34 @@ inline void Shade(const Shot& shot, uint32_t x, uint32_t y, uint8_t* px) {
 
 }  // namespace
 
-FramePayload::FramePayload(uint32_t width, uint32_t height, uint32_t frame)
-    : width_(width), height_(height), frame_(frame) {}
+FrameLedger::FrameLedger(uint32_t frames) : inMemory_(frames), rendered_(frames) {}
+
+void FrameLedger::Rendered(uint32_t frame) {
+  if (frame >= inMemory_.size()) return;
+  if (inMemory_[frame].fetch_add(1) > 0) {
+    rendersWhileInMemory_.fetch_add(1);
+  } else if (rendered_[frame].exchange(true)) {
+    rendersAfterPurge_.fetch_add(1);
+  } else {
+    firstRenders_.fetch_add(1);
+  }
+}
+
+void FrameLedger::Loaded(uint32_t frame) {
+  if (frame < inMemory_.size()) inMemory_[frame].fetch_add(1);
+}
+
+void FrameLedger::Purged(uint32_t frame) {
+  if (frame < inMemory_.size()) inMemory_[frame].fetch_sub(1);
+}
+
+FramePayload::FramePayload(uint32_t width, uint32_t height, uint32_t frame, FrameLedger* ledger)
+    : width_(width), height_(height), frame_(frame), ledger_(ledger) {}
 
 zelcore::utility::IntrusivePtr<FramePayload> FramePayload::Render(uint32_t width, uint32_t height,
-                                                                  uint32_t frame) {
-  IntrusivePtr<FramePayload> payload(new FramePayload(width, height, frame));
+                                                                  uint32_t frame,
+                                                                  FrameLedger* ledger) {
+  IntrusivePtr<FramePayload> payload(new FramePayload(width, height, frame, ledger));
   auto pixels = std::make_shared<Pixels>(payload->ByteCount());
   const Shot shot(width, height, frame);
   uint8_t* px = pixels->data();
@@ -128,6 +150,7 @@ zelcore::utility::IntrusivePtr<FramePayload> FramePayload::Render(uint32_t width
   }
   payload->pixels_ = std::move(pixels);
   payload->renderedAt_ = zelcore::utility::HighPrecisionTime::GetCurrentTimeStamp();
+  if (ledger) ledger->Rendered(frame);
   return payload;
 }
 
@@ -136,13 +159,13 @@ void FramePayload::ExpectedPixel(uint32_t width, uint32_t height, uint32_t x, ui
   Shade(Shot(width, height, frame), x, y, rgba);
 }
 
-void FramePayload::RegisterFactory() {
-  Factory factory = [](const Header& header) -> IntrusivePtr<JX_StuffData> {
+void FramePayload::RegisterFactory(FrameLedger* ledger) {
+  Factory factory = [ledger](const Header& header) -> IntrusivePtr<JX_StuffData> {
     if (header.size() != 12) return {};
     uint32_t v[3];
     std::memcpy(v, header.data(), 12);
     if (v[0] == 0 || v[1] == 0 || uint64_t{v[0]} * v[1] * 4 > UINT32_MAX) return {};
-    return IntrusivePtr<JX_StuffData>(new FramePayload(v[0], v[1], v[2]));
+    return IntrusivePtr<JX_StuffData>(new FramePayload(v[0], v[1], v[2], ledger));
   };
   JX_StuffData::RegisterFactory(kMatchname, factory);
 }
@@ -158,6 +181,7 @@ bool FramePayload::PurgeIfPossible(ReleaseQueue* toRelease) {
     pixels = std::move(pixels_);
   }
   if (!pixels) return false;
+  if (ledger_) ledger_->Purged(frame_);
   // The memory goes back after the cache's locks are released, when the queue's owner drops it.
   if (toRelease) toRelease->push_back(std::move(pixels));
   return true;
@@ -185,10 +209,13 @@ double FramePayload::Read(zelcore::filesupport::IByteStream& in,
   zelcore::utility::Timer timer;
   auto pixels = std::make_shared<Pixels>(ByteCount());
   in.ReadExactly(pixels->data(), pixels->size());
+  bool filled;
   {
     std::lock_guard<std::mutex> l(mutex_);
+    filled = pixels_ == nullptr;
     pixels_ = std::move(pixels);
   }
+  if (filled && ledger_) ledger_->Loaded(frame_);
   ++tReads;
   return timer.GetElapsedSeconds();
 }
