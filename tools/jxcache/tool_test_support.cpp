@@ -22,13 +22,14 @@ std::string Slurp(const std::string& path) {
 
 }  // namespace
 
-RunResult RunTool(const std::vector<std::string>& args) {
+RunResult RunTool(const std::vector<std::string>& args, const std::vector<std::string>& env) {
   TempDir io;
   const std::string outPath = io.File("out"), errPath = io.File("err");
   const pid_t pid = fork();
   if (pid == 0) {
     if (!freopen(outPath.c_str(), "w", stdout) || !freopen(errPath.c_str(), "w", stderr))
       _exit(127);
+    for (const auto& e : env) putenv(const_cast<char*>(e.c_str()));
     std::vector<char*> argv{const_cast<char*>(JXCACHE_BINARY)};
     for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);

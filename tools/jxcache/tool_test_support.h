@@ -14,8 +14,9 @@ struct RunResult {
   nlohmann::json Json() const { return nlohmann::json::parse(out); }
 };
 
-// Runs the jxcache binary with `args` (each passed as one argument, no shell).
-RunResult RunTool(const std::vector<std::string>& args);
+// Runs the jxcache binary with `args` (each passed as one argument, no shell), with the
+// variables of `env` ("NAME=value") added to its environment.
+RunResult RunTool(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
 
 // A fresh folder under the temporary directory, removed with everything in it on destruction.
 class TempDir {
