@@ -103,12 +103,20 @@ TEST(CommandLine, BadInputFailsCleanlyAndLeavesNothingBehind) {
   args = small;
   args.insert(args.end(), {"--no-disk", "--report", dir.File("no/such/dir/r.html")});
   expectFailure(RunTool(args), "--report");
+  // A report "file" that is a folder fails before the session starts: no disk cache folder.
+  std::filesystem::create_directory(dir.File("reports"));
+  args = small;
+  args.insert(args.end(), {"--disk-cache", dir.File("cache"), "--report", dir.File("reports")});
+  expectFailure(RunTool(args), "is a folder");
+  EXPECT_FALSE(std::filesystem::exists(dir.File("cache")));
+  EXPECT_TRUE(std::filesystem::is_empty(dir.File("reports")));
   size_t entries = 0;
   for (auto& e : std::filesystem::directory_iterator(dir.path())) {
     ++entries;
     EXPECT_EQ(e.path().filename().string().find("r.html"), std::string::npos) << e.path();
+    EXPECT_EQ(e.path().filename().string().find(".tmp-"), std::string::npos) << e.path();
   }
-  EXPECT_EQ(entries, 3u);  // cut.bin, bad.csv and plainfile
+  EXPECT_EQ(entries, 4u);  // cut.bin, bad.csv, plainfile and reports
 }
 
 }  // namespace
