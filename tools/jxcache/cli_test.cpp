@@ -41,14 +41,16 @@ TEST(CommandLine, HelpAndBadArgumentsExitCodes) {
     EXPECT_NE(r.out.find("Usage"), std::string::npos) << sub;
   }
   const std::vector<std::vector<std::string>> bad = {
-      {},                                // no subcommand
-      {"frobnicate"},                    // unknown subcommand
-      {"simulate", "--memory", "12MB"},  // unknown unit
-      {"simulate", "--memory", "lots"},  // not a number
-      {"simulate", "--frames", "0"},     // out of range
-      {"simulate", "--threads", "two"},  // not an integer
-      {"simulate", "--bogus"},           // unknown option
-      {"replay", "/nonexistent"},        // --cache-size missing
+      {},                                      // no subcommand
+      {"frobnicate"},                          // unknown subcommand
+      {"simulate", "--memory", "12MB"},        // unknown unit
+      {"simulate", "--memory", "lots"},        // not a number
+      {"simulate", "--frames", "0"},           // out of range
+      {"simulate", "--threads", "two"},        // not an integer
+      {"simulate", "--bogus"},                 // unknown option
+      {"simulate", "--disk-proclivity", "0"},  // divides the read speed: must be above 0
+      {"simulate", "--disk-proclivity", "1x"},
+      {"replay", "/nonexistent"},  // --cache-size missing
       {"replay", "/nonexistent", "--cache-size", "1MiB", "--format", "xml"},
       {"replay", "/nonexistent", "--cache-size", "0"},  // checked before the trace is read
       {"inspect", "/tmp", "--limit", "-3"},
