@@ -24,6 +24,9 @@ struct Counters {
   std::atomic<uint64_t> lowPriorityForcedWriteRequests{0};
   std::atomic<uint64_t> compressedWriteRequests{0};
   std::atomic<uint64_t> refusedForReason[6] = {};  // index 1..5: the payload's no-disk reason
+  // Refusals with no reason recorded on the payload because the worthiness rule found reading it
+  // back no faster than computing it again.
+  std::atomic<uint64_t> notWorthWriting{0};
 };
 
 inline Counters& GetCounters() {

@@ -3,6 +3,8 @@
 // with a disk cache folder whose items own real files in it.
 #pragma once
 
+#include "disk/disk_folder.h"
+
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -92,6 +94,9 @@ class DiskTest : public LibraryTest {
 
   void SetUp() override {
     zelappsupport::preferences::Clear();
+    // Tests write whatever the volume has left; those about the margin set one of their own.
+    zelappsupport::preferences::SetValue(jx::disk::kPreferencesGroup,
+                                         jx::disk::kMinVolumeFreeSpaceName, "0");
     LibraryTest::SetUp();
     bag_->EnableDiskCache(true);
     bag_->SetDiskCacheInfo(tempDir_, kDefaultMaxDisk);

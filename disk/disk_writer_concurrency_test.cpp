@@ -118,6 +118,29 @@ TEST_F(DiskWriterTest, CheckinQueuesAndTheQueuePinsTheItem) {
   EXPECT_EQ(late->GetCheckoutCount(), 0u);
 }
 
+// Each declined write is counted exactly once: under the reason the payload carries, or, when it
+// carries none, as the rule finding it not worth a file.
+TEST_F(DiskWriterTest, RefusalsAreCountedUnderTheirReason) {
+  HoldWritesBack();
+  const JX_DiskPerformanceCounters before = JX_GetDiskPerformanceCounters();
+  // A microsecond to compute a MiB: reading it back can never be faster.
+  auto cheap = AddDiskCacheableItem(kPayload, 1e-6);
+  WriteableCheckin(cheap, 1e-6);
+  auto flagged = AddDiskCacheableItem(kPayload, 1e-6);
+  flagged->GetDataPtr()->SetReasonWhyNoDiskCache(2);
+  WriteableCheckin(flagged, 1e-6);
+  auto worth = AddDiskCacheableItem(kPayload);
+  WriteableCheckin(worth, 10.0);
+
+  const JX_DiskPerformanceCounters after = JX_GetDiskPerformanceCounters();
+  EXPECT_EQ(after.notWorthWriting, before.notWorthWriting + 1);
+  EXPECT_EQ(after.notWrittenForReason[1], before.notWrittenForReason[1] + 1);  // reason 2
+  EXPECT_EQ(after.normalWriteRequests, before.normalWriteRequests + 1);
+  EXPECT_FALSE(cheap->WasTaggedToWriteToDisk());
+  EXPECT_TRUE(worth->WasTaggedToWriteToDisk());
+  JX_StopAllAsyncWork();
+}
+
 TEST_F(DiskWriterTest, ManyThreadsQueueAndTheWriterDrains) {
   constexpr int kThreads = 4, kPerThread = 25;
   std::vector<std::thread> threads;

@@ -30,6 +30,7 @@ JX_DiskPerformanceCounters JX_GetDiskPerformanceCounters() {
   r.writesSkipped = c.writesSkipped.load();
   r.writesSkippedForRoom = c.writesSkippedForRoom.load();
   r.writesSkippedForVolume = c.writesSkippedForVolume.load();
+  r.notWorthWriting = c.notWorthWriting.load();
   r.filesRead = c.filesRead.load();
   r.filesAdopted = c.filesAdopted.load();
   r.liveDiskCheckouts = JX_Stuff::GetNumDiskCacheCheckoutsGlobal().load();

@@ -27,6 +27,7 @@ struct JX_EXPORT JX_DiskPerformanceCounters {
   uint64_t writesSkipped = 0;           // the file was already there, or being written
   uint64_t writesSkippedForRoom = 0;    // no room within the cache's size limit
   uint64_t writesSkippedForVolume = 0;  // the volume would have dropped below its free margin
+  uint64_t notWorthWriting = 0;  // refusals without a no-disk reason: the rule said not worth it
   uint64_t filesRead = 0;
   uint64_t filesAdopted = 0;
   uint32_t liveDiskCheckouts = 0;

@@ -106,12 +106,18 @@ void CountRequest(bool lowPriorityForced) {
 }
 
 // The last step of every offer: when the queue was the only obstacle, the payload remembers
-// that; then the offer is counted under whatever reason the payload gives (0: none).
-void RecordReason(JX_StuffData& data, bool worthIfQueueEmpty) {
+// that; then the offer is counted under whatever reason the payload gives. An offer without a
+// reason that the worthiness rule itself turned down (`ruleSaidNo`, and nothing was queued) is
+// the most common refusal of all: it is counted on its own, so that a host can see why nothing
+// is written.
+void RecordReason(JX_StuffData& data, bool worthIfQueueEmpty, bool ruleSaidNo) {
   if (worthIfQueueEmpty) data.SetReasonWhyNoDiskCache(JX_StuffData::kQueueTooFull);
   const JX_StuffData::NoDiskCacheReason reason = data.GetReasonWhyNoDiskCache();
+  auto& counters = jx::disk::GetCounters();
   if (reason >= 1 && reason <= 5) {
-    jx::disk::GetCounters().refusedForReason[reason].fetch_add(1, std::memory_order_relaxed);
+    counters.refusedForReason[reason].fetch_add(1, std::memory_order_relaxed);
+  } else if (reason == JX_StuffData::kNoReason && ruleSaidNo) {
+    counters.notWorthWriting.fetch_add(1, std::memory_order_relaxed);
   }
 }
 
@@ -182,14 +188,18 @@ void JX_Stuff::MaybeWriteToDisk() {
     }
     bool requested = false;
     bool worthIfEmpty = false;
+    bool ruleSaidNo = false;
     if (facts.canDiskCache) {
       bool lowForced = false;
-      if (WorthWritingToDiskCache(computeTime, false, nullptr, &worthIfEmpty, &lowForced) &&
-          WriteToDiskAsyncOnDiskThread(self, false)) {
+      bool cacheable = true;
+      const bool worth =
+          WorthWritingToDiskCache(computeTime, false, &cacheable, &worthIfEmpty, &lowForced);
+      if (worth && WriteToDiskAsyncOnDiskThread(self, false)) {
         CountRequest(lowForced);
         ForgetQueueTooFull(*data);
         requested = true;
       }
+      ruleSaidNo = cacheable && !worth;
     }
     // A compressed copy is only worth it where playback may use one; elsewhere an uncompressed
     // file, once asked for, is enough.
@@ -197,11 +207,17 @@ void JX_Stuff::MaybeWriteToDisk() {
         facts.canBeCompressed && !facts.compressed &&
         (JX_GetPlaybackCompressionAllowedOption() == kJX_CompressionAllowedForPlayback ||
          !requested);
-    if (compressedWanted && WorthWritingToDiskCache(computeTime, true, nullptr, nullptr, nullptr) &&
-        WriteToDiskAsyncOnDiskThread(self, true)) {
-      jx::disk::GetCounters().compressedWriteRequests.fetch_add(1, std::memory_order_relaxed);
+    bool queuedCompressed = false;
+    if (compressedWanted) {
+      bool cacheable = true;
+      const bool worth = WorthWritingToDiskCache(computeTime, true, &cacheable, nullptr, nullptr);
+      if (worth && WriteToDiskAsyncOnDiskThread(self, true)) {
+        jx::disk::GetCounters().compressedWriteRequests.fetch_add(1, std::memory_order_relaxed);
+        queuedCompressed = true;
+      }
+      ruleSaidNo = ruleSaidNo || (cacheable && !worth);
     }
-    RecordReason(*data, worthIfEmpty);
+    RecordReason(*data, worthIfEmpty, ruleSaidNo && !requested && !queuedCompressed);
   } catch (const std::bad_alloc&) {
   }
 }
@@ -231,14 +247,15 @@ void JX_Stuff::OfferToDiskAtCheckin(int flags, bool wasWriteable, double compute
   if (!bag || !bag->IsDiskCacheEnabled() || HasDiskCacheFile()) return;
   bool worthIfEmpty = false;
   bool lowForced = false;
-  if (WorthWritingToDiskCache(computeTime, false, nullptr, &worthIfEmpty, &lowForced)) {
+  bool cacheable = true;
+  if (WorthWritingToDiskCache(computeTime, false, &cacheable, &worthIfEmpty, &lowForced)) {
     if (WriteToDiskAsyncOnDiskThread(self, false)) {
       CountRequest(lowForced);
       ForgetQueueTooFull(*data);
     }
     return;
   }
-  RecordReason(*data, worthIfEmpty);
+  RecordReason(*data, worthIfEmpty, cacheable);
 }
 
 void JX_Stuff::ReconsiderWriteToDisk() {

@@ -41,14 +41,16 @@ TEST(CommandLine, HelpAndBadArgumentsExitCodes) {
     EXPECT_NE(r.out.find("Usage"), std::string::npos) << sub;
   }
   const std::vector<std::vector<std::string>> bad = {
-      {},                                // no subcommand
-      {"frobnicate"},                    // unknown subcommand
-      {"simulate", "--memory", "12MB"},  // unknown unit
-      {"simulate", "--memory", "lots"},  // not a number
-      {"simulate", "--frames", "0"},     // out of range
-      {"simulate", "--threads", "two"},  // not an integer
-      {"simulate", "--bogus"},           // unknown option
-      {"replay", "/nonexistent"},        // --cache-size missing
+      {},                                      // no subcommand
+      {"frobnicate"},                          // unknown subcommand
+      {"simulate", "--memory", "12MB"},        // unknown unit
+      {"simulate", "--memory", "lots"},        // not a number
+      {"simulate", "--frames", "0"},           // out of range
+      {"simulate", "--threads", "two"},        // not an integer
+      {"simulate", "--bogus"},                 // unknown option
+      {"simulate", "--disk-proclivity", "0"},  // divides the read speed: must be above 0
+      {"simulate", "--disk-proclivity", "1x"},
+      {"replay", "/nonexistent"},  // --cache-size missing
       {"replay", "/nonexistent", "--cache-size", "1MiB", "--format", "xml"},
       {"replay", "/nonexistent", "--cache-size", "0"},  // checked before the trace is read
       {"inspect", "/tmp", "--limit", "-3"},
@@ -103,12 +105,20 @@ TEST(CommandLine, BadInputFailsCleanlyAndLeavesNothingBehind) {
   args = small;
   args.insert(args.end(), {"--no-disk", "--report", dir.File("no/such/dir/r.html")});
   expectFailure(RunTool(args), "--report");
+  // A report "file" that is a folder fails before the session starts: no disk cache folder.
+  std::filesystem::create_directory(dir.File("reports"));
+  args = small;
+  args.insert(args.end(), {"--disk-cache", dir.File("cache"), "--report", dir.File("reports")});
+  expectFailure(RunTool(args), "is a folder");
+  EXPECT_FALSE(std::filesystem::exists(dir.File("cache")));
+  EXPECT_TRUE(std::filesystem::is_empty(dir.File("reports")));
   size_t entries = 0;
   for (auto& e : std::filesystem::directory_iterator(dir.path())) {
     ++entries;
     EXPECT_EQ(e.path().filename().string().find("r.html"), std::string::npos) << e.path();
+    EXPECT_EQ(e.path().filename().string().find(".tmp-"), std::string::npos) << e.path();
   }
-  EXPECT_EQ(entries, 3u);  // cut.bin, bad.csv and plainfile
+  EXPECT_EQ(entries, 4u);  // cut.bin, bad.csv, plainfile and reports
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
 // The frames of `jxcache simulate`: a rendered RGBA8 image of one frame of the timeline, and the
 // payload class that caches it.
 //
-// Rendering is real CPU work (a procedural image: a few milliseconds per 1280x720 frame), so the
+// Rendering is real CPU work (a composite of procedural layers: some 20-30 ms per 1280x720 frame
+// on one core of a small virtual machine, more than reading the frame back costs), so the
 // cache's write-worthiness rule sees real compute times. The payload is disk-cacheable: its
 // header names width, height and frame index, which is all its factory needs to rebuild an empty
 // payload from a disk cache file name; Write and Read move the pixels.
@@ -12,6 +13,7 @@
 // from taking them away.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -21,19 +23,47 @@
 
 namespace jx::tool {
 
+// Which frames have their pixels in memory, kept by the payloads themselves: a render or a read
+// from disk puts a frame's pixels in, the cache purging the payload takes them out. Renders are
+// sorted by what the cache held at that moment: a frame's first render in the run, a render
+// after the cache had purged it, and a render while its pixels were still in memory, which a
+// cache that renders each frame once must never allow. The ledger follows the cache's own purge
+// calls, so these figures do not depend on how long anything took. Thread-safe.
+class FrameLedger {
+ public:
+  explicit FrameLedger(uint32_t frames);
+  void Rendered(uint32_t frame);
+  void Loaded(uint32_t frame);
+  void Purged(uint32_t frame);
+
+  uint64_t FirstRenders() const { return firstRenders_.load(); }
+  uint64_t RendersAfterPurge() const { return rendersAfterPurge_.load(); }
+  uint64_t RendersWhileInMemory() const { return rendersWhileInMemory_.load(); }
+
+ private:
+  std::vector<std::atomic<int>> inMemory_;
+  std::vector<std::atomic<bool>> rendered_;
+  std::atomic<uint64_t> firstRenders_{0}, rendersAfterPurge_{0}, rendersWhileInMemory_{0};
+};
+
 class FramePayload : public JX_StuffData {
  public:
   static constexpr const char* kMatchname = "JxSimFrame";
   using Pixels = std::vector<uint8_t>;
 
-  // An empty payload of the frame: a request, or a payload about to be read from disk.
-  FramePayload(uint32_t width, uint32_t height, uint32_t frame);
+  // An empty payload of the frame: a request, or a payload about to be read from disk. A payload
+  // with a ledger reports its pixels coming and going there; the ledger must outlive it.
+  FramePayload(uint32_t width, uint32_t height, uint32_t frame, FrameLedger* ledger = nullptr);
   // Renders the frame's procedural image.
-  static IntrusivePtr<FramePayload> Render(uint32_t width, uint32_t height, uint32_t frame);
+  static IntrusivePtr<FramePayload> Render(uint32_t width, uint32_t height, uint32_t frame,
+                                           FrameLedger* ledger = nullptr);
   // The payload factory for the disk scan; registered after every JX_Birth (JX_Death forgets).
-  static void RegisterFactory();
-  // The colour the procedural image has at (x, y) of `frame`: checks a frame read back.
-  static void ExpectedPixel(uint32_t x, uint32_t y, uint32_t frame, uint8_t rgba[4]);
+  // The payloads it makes report to `ledger` (may be null).
+  static void RegisterFactory(FrameLedger* ledger);
+  // The colour the procedural image of a width x height frame has at (x, y): checks a frame read
+  // back.
+  static void ExpectedPixel(uint32_t width, uint32_t height, uint32_t x, uint32_t y, uint32_t frame,
+                            uint8_t rgba[4]);
 
   unsigned int GetApproximateMemorySize() const override;
   bool PurgeIfPossible(ReleaseQueue* toRelease) override;
@@ -62,6 +92,7 @@ class FramePayload : public JX_StuffData {
 
  private:
   const uint32_t width_, height_, frame_;
+  FrameLedger* const ledger_;
   uint64_t renderedAt_ = 0;
   mutable std::mutex mutex_;  // guards pixels_
   std::shared_ptr<Pixels> pixels_;

@@ -8,14 +8,17 @@
 #include "y_vx_suite.h"
 
 namespace jx::tool {
+
 namespace {
 
 constexpr const char* kClassId = "jxcache.simulate.histogram";
 
-std::atomic<uint64_t> gComputes{0};
-
+// One call's request: the callbacks see it, and the compute callback marks it, so the caller
+// can tell a value it had computed from one the cache already held.
 struct Request {
   const FramePayload* frame;
+  std::atomic<uint64_t>* computes;  // the asking instance's count
+  bool computed = false;
 };
 
 struct Value {
@@ -31,8 +34,9 @@ int32_t GenerateKey(void* request, KQGP_GUID* outKey) {
   return kKQGPComputeCacheNoError;
 }
 
-int32_t Compute(void* request, intptr_t* outValue) {
-  const auto pixels = static_cast<Request*>(request)->frame->GetPixels();
+int32_t Compute(void* opaque, intptr_t* outValue) {
+  auto* request = static_cast<Request*>(opaque);
+  const auto pixels = request->frame->GetPixels();
   if (!pixels) return kKQGPComputeCacheBadParameter;
   auto* value = new Value;
   for (size_t i = 0; i + 3 < pixels->size(); i += 4) {
@@ -40,7 +44,8 @@ int32_t Compute(void* request, intptr_t* outValue) {
     ++value->bins[y & 255];
   }
   value->pixels = pixels->size() / 4;
-  gComputes.fetch_add(1, std::memory_order_relaxed);
+  request->computed = true;
+  request->computes->fetch_add(1, std::memory_order_relaxed);
   *outValue = reinterpret_cast<intptr_t>(value);
   return kKQGPComputeCacheNoError;
 }
@@ -67,7 +72,7 @@ HistogramPlugin::~HistogramPlugin() { suite_->ClassUnregister(kClassId); }
 
 uint64_t HistogramPlugin::Histogram(const FramePayload& frame) {
   calls_.fetch_add(1, std::memory_order_relaxed);
-  Request request{&frame};
+  Request request{&frame, &computes_};
   KQGP_JXComputeReceipt receipt = nullptr;
   intptr_t value = 0;
   uint64_t pixels = 0;
@@ -77,10 +82,12 @@ uint64_t HistogramPlugin::Histogram(const FramePayload& frame) {
     pixels = reinterpret_cast<const Value*>(value)->pixels;
   }
   suite_->CheckinReceipt(receipt);
-  if (pixels == 0) failures_.fetch_add(1, std::memory_order_relaxed);
+  if (pixels == 0) {
+    failures_.fetch_add(1, std::memory_order_relaxed);
+  } else if (!request.computed) {
+    hits_.fetch_add(1, std::memory_order_relaxed);
+  }
   return pixels;
 }
-
-uint64_t HistogramPlugin::Computes() { return gComputes.load(); }
 
 }  // namespace jx::tool

@@ -26,13 +26,16 @@ class HistogramPlugin {
   uint64_t Histogram(const FramePayload& frame);
 
   uint64_t Calls() const { return calls_.load(); }
+  // Times the cache had the histogram computed: counted by the compute callback itself.
+  uint64_t Computes() const { return computes_.load(); }
+  // Calls the cache answered with a value it already held (or that another caller was computing):
+  // counted by the caller, when the call succeeded without its compute callback running.
+  uint64_t Hits() const { return hits_.load(); }
   uint64_t Failures() const { return failures_.load(); }
-  // Computations that ran (process-wide: the callback cannot tell instances apart).
-  static uint64_t Computes();
 
  private:
   const KQGP_ComputeCacheSuite1* suite_ = nullptr;
-  std::atomic<uint64_t> calls_{0}, failures_{0};
+  std::atomic<uint64_t> calls_{0}, computes_{0}, hits_{0}, failures_{0};
 };
 
 }  // namespace jx::tool

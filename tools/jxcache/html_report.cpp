@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <sstream>
 
 #include "tools/jxcache/size_arg.h"
@@ -187,6 +188,9 @@ std::string RenderHtmlReport(const SessionResult& r) {
 }
 
 ReportFile::ReportFile(std::string path) : path_(std::move(path)) {
+  std::error_code ec;
+  if (std::filesystem::is_directory(path_, ec))
+    throw ToolError("--report: '" + path_ + "' is a folder; give the report's file name");
   temp_ = path_ + ".tmp-" + std::to_string(::getpid());
   FILE* f = std::fopen(temp_.c_str(), "wb");
   if (!f) throw ToolError("--report: cannot write '" + path_ + "': " + std::strerror(errno));

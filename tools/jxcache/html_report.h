@@ -18,7 +18,7 @@ std::string RenderHtmlReport(const SessionResult& r);
 // Destroyed uncommitted, it removes the temporary.
 class ReportFile {
  public:
-  // Throws ToolError when the temporary cannot be created.
+  // Throws ToolError when `path` is a folder or the temporary cannot be created.
   explicit ReportFile(std::string path);
   ~ReportFile();
   ReportFile(const ReportFile&) = delete;

@@ -24,8 +24,10 @@ LibraryRun::~LibraryRun() {
 }
 
 void UsePureRecencyPurging() {
-  // The floor is the host's memory limit times this ratio: zero means the walk may empty the
-  // cache. The settings are read once per process, so this must come first.
+  // The floor is the host's memory limit (here the cache size) times this ratio. At the default
+  // of 0.1 it never binds, since the walk stops as soon as the cache is back within its size;
+  // a settings file with a ratio of 1 or more would stop purging altogether. Zero lets the walk
+  // empty the cache whatever the settings say. They are read once per process: this comes first.
   zelcore::debug::DebugDatabase::Instance().SetEntry("KQ.MinJXSizeToPurgeLimitRatioR", "0");
   // Skips the walk's first pass (items with a disk copy first): recency alone decides.
   JX_PlaybackFromDiskLogicIsEnabled();

@@ -23,11 +23,13 @@ namespace jx::tool {
 namespace {
 
 // A payload that reports the object's size without allocating it: replay measures the cache's
-// decisions, not the machine's memory.
+// decisions, not the machine's memory. An object of size 0 costs the cache nothing, so purging
+// it would free nothing: it stays, and every later request for it is a hit.
 class ReplayPayload : public JX_StuffData {
  public:
-  explicit ReplayPayload(unsigned int size) : size_(size), inMemory_(size > 0) {}
+  explicit ReplayPayload(unsigned int size) : size_(size) {}
   unsigned int GetApproximateMemorySize() const override { return inMemory_ ? size_ : 0; }
+  bool ShouldAllowPurge() const override { return size_ > 0; }
   bool PurgeIfPossible(ReleaseQueue*) override {
     const bool was = inMemory_;
     inMemory_ = false;
@@ -37,7 +39,7 @@ class ReplayPayload : public JX_StuffData {
 
  private:
   unsigned int size_;
-  bool inMemory_;
+  bool inMemory_ = true;
 };
 
 // The object id in the first eight bytes, a fixed tag in the rest: id 0 still gives a GUID that

@@ -5,7 +5,7 @@
 // that reports the object's size without holding it; whenever the cache holds more than the
 // cache size the host asks the bag to free the excess. Purging goes by recency alone with no
 // floor, so the cache behaves as a byte-sized LRU. An object larger than the cache is a miss that
-// is not kept.
+// is not kept; an object of size 0 is kept for good (it holds no memory to free).
 #pragma once
 
 #include <cstdint>

@@ -6,6 +6,7 @@
 #include <list>
 #include <random>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "tools/jxcache/tool_test_support.h"
 
@@ -21,16 +22,19 @@ struct Request {
 };
 
 // The obvious LRU: a list in recency order and a byte total; an object larger than the cache
-// is a miss and never kept.
+// is a miss and never kept. An object of size 0 takes no room, so evicting it would make none:
+// it is kept for good.
 struct BruteForce {
   uint64_t misses = 0, bytesMissed = 0;
 };
 BruteForce BruteForceLru(const std::vector<Request>& trace, uint64_t capacity) {
   std::list<Request> order;  // most recent first
   std::unordered_map<uint64_t, std::list<Request>::iterator> where;
+  std::unordered_set<uint64_t> empty;  // objects of size 0 seen so far
   uint64_t held = 0;
   BruteForce r;
   for (const Request& q : trace) {
+    if (empty.count(q.id)) continue;
     auto it = where.find(q.id);
     if (it != where.end()) {
       order.splice(order.begin(), order, it->second);
@@ -38,6 +42,10 @@ BruteForce BruteForceLru(const std::vector<Request>& trace, uint64_t capacity) {
     }
     ++r.misses;
     r.bytesMissed += q.size;
+    if (q.size == 0) {
+      empty.insert(q.id);
+      continue;
+    }
     if (q.size > capacity) continue;
     order.push_front(q);
     where[q.id] = order.begin();
@@ -51,17 +59,23 @@ BruteForce BruteForceLru(const std::vector<Request>& trace, uint64_t capacity) {
   return r;
 }
 
-// A skewed trace: a hot set, a long tail, and now and then an object too large for the small
-// caches. Each object keeps one size.
+// A skewed trace: a hot set and a long tail, now and then an object too large for the small
+// caches, objects of 0.9 to 1 times the smallest cache (each of which empties that cache of
+// everything else), and objects of size 0. Each object keeps one size.
 std::vector<Request> MakeTrace(size_t n, uint32_t seed) {
   std::mt19937 rng(seed);
   std::vector<uint32_t> sizeOf(3000);
   for (auto& s : sizeOf) s = 500 + rng() % 20000;
   sizeOf[7] = 3u << 20;  // larger than the smallest caches below
+  for (uint32_t id = 2900; id < 2940; ++id) sizeOf[id] = (9u << 20) / 10 + rng() % (100u << 10);
+  for (uint32_t id = 2940; id < 2950; ++id) sizeOf[id] = 0;
   std::vector<Request> trace;
   std::uniform_real_distribution<double> u(0, 1);
   for (size_t i = 0; i < n; ++i) {
-    const uint64_t id = u(rng) < 0.7 ? rng() % 150 : rng() % sizeOf.size();
+    const double pick = u(rng);
+    const uint64_t id = pick < 0.65   ? rng() % 150
+                        : pick < 0.72 ? 2900 + rng() % 50
+                                      : rng() % sizeOf.size();
     trace.push_back({id, sizeOf[id]});
   }
   return trace;
@@ -81,13 +95,17 @@ void WriteOracle(const std::string& path, const std::vector<Request>& trace) {
   }
 }
 
+// Replay is a byte-sized LRU whatever the settings say: a settings file that puts the purge
+// floor above the cache size would otherwise stop the purges altogether.
 TEST(Replay, MissCountsEqualBruteForceLruAtSeveralSizes) {
   TempDir dir;
   const auto trace = MakeTrace(40000, 11);
   WriteOracle(dir.File("trace.bin"), trace);
+  std::ofstream(dir.File("settings")) << "KQ.MinJXSizeToPurgeLimitRatioR=2\n";
   const std::vector<uint64_t> sizes = {1u << 20, 2u << 20, 5u << 20, 16u << 20, 64u << 20};
   auto r = RunTool(
-      {"replay", dir.File("trace.bin"), "--cache-size", "1MiB,2MiB,5MiB,16MiB,64MiB", "--json"});
+      {"replay", dir.File("trace.bin"), "--cache-size", "1MiB,2MiB,5MiB,16MiB,64MiB", "--json"},
+      {"JX_SETTINGS=" + dir.File("settings")});
   ASSERT_EQ(r.exitCode, 0) << r.err;
   const auto j = r.Json();
   ASSERT_EQ(j["runs"].size(), sizes.size());

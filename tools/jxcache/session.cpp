@@ -109,10 +109,11 @@ class ScReservation {
 class PassRunner {
  public:
   PassRunner(const SimulateOptions& o, BudgetKeeper& budget, HistogramPlugin& plugin,
-             PassResult& pass)
+             FrameLedger& ledger, PassResult& pass)
       : o_(o),
         budget_(budget),
         plugin_(plugin),
+        ledger_(ledger),
         pass_(pass),
         frameBytes_(uint64_t{o.width} * o.height * 4) {}
 
@@ -158,9 +159,9 @@ class PassRunner {
     }
   }
 
-  // A found item may still be pending when the find could not wait for it (the handle's own lock
-  // is held across the find): wait here, where this thread holds no lock. False when the render
-  // was abandoned.
+  // The find has already waited for a render under way (this thread holds no lock, so it may
+  // wait); should it ever hand back an item still pending, wait here rather than use an empty
+  // one. False when the render was abandoned.
   static bool ReadyToUse(JX_ScCheckout& handle) {
     IntrusivePtr<JX_Stuff> item = handle.GetStuffPtr();
     if (!item) return false;
@@ -174,7 +175,8 @@ class PassRunner {
     {
       ScReservation room(budget_, frameBytes_);
       zelcore::utility::Timer timer;
-      IntrusivePtr<FramePayload> payload = FramePayload::Render(o_.width, o_.height, frame);
+      IntrusivePtr<FramePayload> payload =
+          FramePayload::Render(o_.width, o_.height, frame, &ledger_);
       const double seconds = timer.GetElapsedSeconds();
       renderMicros.fetch_add(static_cast<uint64_t>(seconds * 1e6), std::memory_order_relaxed);
       item->SetStuffDataFromPendingRender(payload, seconds);
@@ -201,6 +203,7 @@ class PassRunner {
   const SimulateOptions& o_;
   BudgetKeeper& budget_;
   HistogramPlugin& plugin_;
+  FrameLedger& ledger_;
   PassResult& pass_;
   const uint64_t frameBytes_;
   std::atomic<size_t> next_{0};
@@ -254,16 +257,17 @@ SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress) {
   result.options = o;
   result.frameBytes = uint64_t{o.width} * o.height * 4;
   SessionDisk disk(o);  // checks the folder before the library starts
+  // Outlives the library: the cache purges payloads until it dies.
+  FrameLedger ledger(o.frames);
   LibraryRun run(/*mediaMapAllowed=*/true, 1);
   JX_Bag& bag = run.bag();
-  FramePayload::RegisterFactory();
+  FramePayload::RegisterFactory(&ledger);
   ConfigureHost(o);
   HostMedia media(o.memoryBudget, &result);
   disk.Attach(run.bagPtr(), &result);
   JX_VX_Birth();
   HistogramPlugin plugin;
   result.compute = {true, ""};
-  const uint64_t computesBefore = HistogramPlugin::Computes();
   auto& host = StandaloneHost::Instance();
   const uint64_t purgedBefore = host.GetRecycledMemoryPurged();
   BudgetKeeper budget(bag, o.memoryBudget, media.Manager());
@@ -279,7 +283,7 @@ SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress) {
     PassResult pass;
     pass.frames = PassFrames(p, o.frames, o.seed, &pass.kind);
     pass.outcomes.assign(pass.frames.size(), Outcome::kMemoryHit);
-    PassRunner runner(o, budget, plugin, pass);
+    PassRunner runner(o, budget, plugin, ledger, pass);
     std::exception_ptr failure;
     std::mutex failureMutex;
     std::vector<std::thread> threads;
@@ -311,9 +315,13 @@ SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress) {
     result.passes.push_back(std::move(pass));
   }
   disk.Finish(&result);
-  result.computes = HistogramPlugin::Computes() - computesBefore;
-  result.computeHits = plugin.Calls() - result.computes - plugin.Failures();
+  result.computeCalls = plugin.Calls();
+  result.computes = plugin.Computes();
+  result.computeHits = plugin.Hits();
   result.computeFailures = plugin.Failures();
+  result.firstRenders = ledger.FirstRenders();
+  result.rendersAfterPurge = ledger.RendersAfterPurge();
+  result.rendersWhileInMemory = ledger.RendersWhileInMemory();
   media.Finish(&result);
   sample(o.passes ? o.passes - 1 : 0);
   result.seconds = clock.GetElapsedSeconds();

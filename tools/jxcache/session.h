@@ -27,6 +27,12 @@ struct SimulateOptions {
   std::string diskFolder;  // empty: the default folder under the temporary directory
   uint64_t diskLimit = 2ull << 30;
   bool noDisk = false;
+  // The host's "Proclivity Multiplier 2" disk cache preference (the write rule divides the
+  // measured read speed by it: below 1 writes more); 0 leaves it unset, at the library's default.
+  double diskProclivity = 0.0;
+  // The host's "Minimum Volume Free Space (Gigabytes)" preference: writes stop before the
+  // volume's free space falls below it. Negative leaves it unset, at the library's default.
+  int64_t diskMarginGiB = -1;
   uint32_t passes = 3;
   uint64_t seed = 1;
 };
@@ -70,17 +76,26 @@ struct SessionResult {
   uint64_t purges = 0;       // times the host asked the bag to free memory
   uint64_t bytesPurged = 0;  // what the bag reported freeing
   uint64_t renderMicrosTotal = 0;
+  // Renders by what the cache held of the frame at that moment (see FrameLedger).
+  uint64_t firstRenders = 0, rendersAfterPurge = 0, rendersWhileInMemory = 0;
   // Disk cache.
   Availability disk;
   std::string diskFolder;
   uint64_t diskFilesAtStart = 0, diskBytesAtStart = 0;
   uint64_t filesWritten = 0, bytesWritten = 0, filesRead = 0, bytesRead = 0;
-  uint64_t failedWrites = 0, failedReads = 0, writesSkipped = 0;
-  uint64_t refusedForReason[6] = {};
+  uint64_t failedWrites = 0, failedReads = 0;
+  // The write decisions: queued, or refused and why. A payload's no-disk reason 3 is a full write
+  // queue and 5 "reconsider later"; 1, 2 and 4 are reasons a host may give (this one never does).
+  uint64_t writeRequests = 0;
+  uint64_t notWorthWriting = 0;  // the write rule: reading back would be no faster than rendering
+  uint64_t refusedForReason[6] = {};    // index 1..5: by the payload's no-disk reason
+  uint64_t writesSkipped = 0;           // queued, but the file was already there or being written
+  uint64_t writesSkippedForRoom = 0;    // queued, but the folder could not make room in its limit
+  uint64_t writesSkippedForVolume = 0;  // queued, but the volume would drop below its margin
   uint64_t diskBytesAtEnd = 0;
   // Plug-in compute cache and media map.
   Availability compute;
-  uint64_t computes = 0, computeHits = 0, computeFailures = 0;
+  uint64_t computeCalls = 0, computes = 0, computeHits = 0, computeFailures = 0;
   Availability mediaMap;
   uint64_t hostMediaBytes = 0;      // the host's own media in the pool, at the start
   uint64_t hostMediaLeft = 0;       // what the pool still held of it at the end

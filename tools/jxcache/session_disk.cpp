@@ -1,11 +1,14 @@
 #include "tools/jxcache/session_disk.h"
 
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <thread>
 
+#include "disk/disk_folder.h"
 #include "disk/disk_writer.h"
 #include "disk/performance_counters.h"
+#include "host/feature.h"
 #include "lifecycle/lifecycle.h"
 #include "tools/jxcache/tool_error.h"
 
@@ -47,6 +50,18 @@ void SessionDisk::Attach(const std::shared_ptr<JX_Bag>& bag, SessionResult* resu
     result->disk = {false, "switched off with --no-disk"};
     return;
   }
+  if (options_.diskProclivity > 0) {
+    // A host keeps its disk cache preferences in this group; SetDiskCacheInfo reads them.
+    char text[32];
+    std::snprintf(text, sizeof text, "%.17g", options_.diskProclivity);
+    zelappsupport::preferences::SetValue(jx::disk::kPreferencesGroup, jx::disk::kProclivityName,
+                                         text);
+  }
+  if (options_.diskMarginGiB >= 0) {
+    zelappsupport::preferences::SetValue(jx::disk::kPreferencesGroup,
+                                         jx::disk::kMinVolumeFreeSpaceName,
+                                         std::to_string(options_.diskMarginGiB));
+  }
   bag->EnableDiskCache(true);
   bag->SetDiskCacheInfo(folder_, static_cast<long long>(options_.diskLimit));
   if (!bag->IsDiskCacheEnabled())
@@ -77,6 +92,13 @@ void SessionDisk::Finish(SessionResult* result) {
   result->failedWrites = c.failedWrites - start_.failedWrites;
   result->failedReads = c.failedReads - start_.failedReads;
   result->writesSkipped = c.writesSkipped - start_.writesSkipped;
+  result->writesSkippedForRoom = c.writesSkippedForRoom - start_.writesSkippedForRoom;
+  result->writesSkippedForVolume = c.writesSkippedForVolume - start_.writesSkippedForVolume;
+  result->writeRequests =
+      (c.normalWriteRequests - start_.normalWriteRequests) +
+      (c.lowPriorityForcedWriteRequests - start_.lowPriorityForcedWriteRequests) +
+      (c.compressedWriteRequests - start_.compressedWriteRequests);
+  result->notWorthWriting = c.notWorthWriting - start_.notWorthWriting;
   for (int i = 1; i < 6; ++i)
     result->refusedForReason[i] = c.notWrittenForReason[i - 1] - start_.notWrittenForReason[i - 1];
   result->diskBytesAtEnd = static_cast<uint64_t>(std::max(0LL, bag_->GetCurrentDiskCacheSize()));

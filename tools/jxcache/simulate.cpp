@@ -3,6 +3,8 @@
 #include <unistd.h>
 #include <CLI/CLI.hpp>
 
+#include <cmath>
+#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -21,6 +23,7 @@ struct SimulateArgs {
   SimulateOptions options;
   std::string memory = "256MiB";
   std::string diskLimit = "2GiB";
+  std::string proclivity;
   std::string report;
   bool json = false;
 };
@@ -40,6 +43,16 @@ SimulateOptions Validate(SimulateArgs& a) {
   Check(o.passes >= 1 && o.passes <= 100, "--passes: give 1 to 100 passes");
   Check(o.memoryBudget > 0, "--memory: the memory budget must be more than 0");
   Check(o.noDisk || o.diskLimit > 0, "--disk-limit: the disk limit must be more than 0");
+  Check(a.proclivity.empty() || !o.noDisk, "--disk-proclivity: not with --no-disk");
+  Check(o.diskMarginGiB >= -1 && o.diskMarginGiB <= (1 << 20),
+        "--disk-margin: give whole GiB from 0 to 1048576");
+  if (!a.proclivity.empty()) {
+    char* end = nullptr;
+    o.diskProclivity = std::strtod(a.proclivity.c_str(), &end);
+    Check(end == a.proclivity.c_str() + a.proclivity.size() && std::isfinite(o.diskProclivity) &&
+              o.diskProclivity > 0,
+          "--disk-proclivity: give a number above 0, like 0.5 or 2");
+  }
   return o;
 }
 
@@ -89,6 +102,13 @@ void AddSimulateCommand(CLI::App& app, int* exitCode) {
                   "Disk cache folder, reused across runs (default: " + DefaultDiskFolder() + ")");
   cmd->add_option("--disk-limit", args->diskLimit, "Disk cache size limit")->capture_default_str();
   cmd->add_flag("--no-disk", o.noDisk, "Run without the disk cache");
+  cmd->add_option("--disk-proclivity", args->proclivity,
+                  "The host's \"Proclivity Multiplier 2\" disk cache preference: the write rule "
+                  "divides the measured read speed by it, so below 1 more frames are worth a file "
+                  "(default: unset, 1)");
+  cmd->add_option("--disk-margin", o.diskMarginGiB,
+                  "The host's \"Minimum Volume Free Space (Gigabytes)\" preference: whole GiB the "
+                  "disk writer leaves free on the volume (default: unset, 10)");
   cmd->add_option("--passes", o.passes, "Playback passes: forward, forward, then scrubs")
       ->capture_default_str();
   cmd->add_option("--seed", o.seed, "Seed of the scrub passes")->capture_default_str();

@@ -1,21 +1,31 @@
 #include "tools/jxcache/summary.h"
 
+#include <string>
+#include <vector>
+
 #include "tools/jxcache/size_arg.h"
 #include "tools/jxcache/table.h"
 
 namespace jx::tool {
 namespace {
 
-// Why the library declined to write a payload, by its no-disk reason.
-const char* RefusalName(int reason) {
-  switch (reason) {
-    case 3:
-      return "write queue full";
-    case 5:
-      return "reconsider later";
-    default:
-      return "host reason";
-  }
+// Every reason a render was not written to the disk cache, with the figure behind it: the text
+// and the JSON list the same ones under the same names.
+struct Refusal {
+  const char* text;  // as the summary says it
+  const char* key;   // as the JSON names it
+  uint64_t count;
+};
+
+std::vector<Refusal> Refusals(const SessionResult& r) {
+  return {{"not worth writing", "not_worth_writing", r.notWorthWriting},
+          {"write queue full", "write_queue_full", r.refusedForReason[3]},
+          {"reconsider later", "reconsider_later", r.refusedForReason[5]},
+          {"host reason 1", "host_reason_1", r.refusedForReason[1]},
+          {"host reason 2", "host_reason_2", r.refusedForReason[2]},
+          {"host reason 4", "host_reason_4", r.refusedForReason[4]},
+          {"no room in the folder's limit", "no_room_in_limit", r.writesSkippedForRoom},
+          {"volume below its free-space margin", "volume_below_margin", r.writesSkippedForVolume}};
 }
 
 struct Totals {
@@ -39,6 +49,10 @@ Totals Sum(const SessionResult& r) {
 
 double PerSecond(uint64_t n, double seconds) { return seconds > 0 ? n / seconds : 0.0; }
 
+double MeanRenderMs(const SessionResult& r, const Totals& t) {
+  return t.renders ? r.renderMicrosTotal / 1000.0 / t.renders : 0.0;
+}
+
 std::string Unavailable(const Availability& a) { return "unavailable: " + a.why; }
 
 std::string DiskLine(const SessionResult& r) {
@@ -48,17 +62,21 @@ std::string DiskLine(const SessionResult& r) {
          " failed reads";
 }
 
-std::string RefusedLine(const SessionResult& r) {
-  std::string text;
-  for (int i = 1; i < 6; ++i) {
-    if (!r.refusedForReason[i]) continue;
-    if (!text.empty()) text += ", ";
-    text += std::to_string(r.refusedForReason[i]) + " " + RefusalName(i);
+std::string WritesLine(const SessionResult& r) {
+  std::string text = std::to_string(r.writeRequests) + " queued (" +
+                     std::to_string(r.writesSkipped) + " found already on disk); refused: ";
+  std::string refused;
+  for (const Refusal& f : Refusals(r)) {
+    // The host's reasons and the folder's and volume's limits are named only when they came up.
+    const std::string key = f.key;
+    if (f.count == 0 &&
+        (key.rfind("host_", 0) == 0 || key == "no_room_in_limit" || key == "volume_below_margin")) {
+      continue;
+    }
+    if (!refused.empty()) refused += ", ";
+    refused += std::to_string(f.count) + " " + f.text;
   }
-  if (r.writesSkipped) {
-    text += (text.empty() ? "" : ", ") + std::to_string(r.writesSkipped) + " already on disk";
-  }
-  return text.empty() ? "none" : text;
+  return text + refused;
 }
 
 }  // namespace
@@ -75,7 +93,9 @@ void PrintSummary(const SessionResult& r, std::ostream& out) {
       << "\n";
   if (r.disk.available) {
     out << "disk cache: " << r.diskFolder << " (limit " << FormatSize(o.diskLimit) << "), "
-        << r.diskFilesAtStart << " files (" << FormatSize(r.diskBytesAtStart) << ") at start\n";
+        << r.diskFilesAtStart << " files (" << FormatSize(r.diskBytesAtStart) << ") at start";
+    if (o.diskProclivity > 0) out << ", proclivity multiplier " << o.diskProclivity;
+    out << "\n";
   }
   out << '\n';
   TextTable passes(
@@ -103,23 +123,26 @@ void PrintSummary(const SessionResult& r, std::ostream& out) {
                                      " budget (cache and host media)"});
   overall.AddRow(
       {"purges", std::to_string(r.purges) + " (" + FormatSize(r.bytesPurged) + " freed)"});
-  overall.AddRow(
-      {"renders", std::to_string(t.renders) + ", " +
-                      Fixed(t.renders ? r.renderMicrosTotal / 1000.0 / t.renders : 0, 2) +
-                      " ms each; " + std::to_string(t.waited) +
-                      " requests waited for another thread's render"});
+  overall.AddRow({"renders", std::to_string(t.renders) + ", " + Fixed(MeanRenderMs(r, t), 2) +
+                                 " ms each: " + std::to_string(r.firstRenders) + " new frames, " +
+                                 std::to_string(r.rendersAfterPurge) + " again after a purge, " +
+                                 std::to_string(r.rendersWhileInMemory) +
+                                 " of a frame still in memory"});
+  overall.AddRow({"shared renders",
+                  std::to_string(t.waited) + " requests waited for another thread's render"});
   overall.AddRow({"served frames", std::to_string(t.requests - t.renders - t.badFrames) +
                                        " checked good, " + std::to_string(t.badFrames) + " bad"});
   if (r.disk.available) {
     overall.AddRow({"disk traffic", DiskLine(r)});
-    overall.AddRow({"writes refused", RefusedLine(r)});
+    overall.AddRow({"disk writes", WritesLine(r)});
     overall.AddRow({"disk folder",
                     FormatSize(r.diskBytesAtEnd) + " of " + FormatSize(o.diskLimit) + " limit"});
   } else {
     overall.AddRow({"disk cache", Unavailable(r.disk)});
   }
   overall.AddRow({"compute cache",
-                  r.compute.available ? std::to_string(r.computes) + " histograms computed, " +
+                  r.compute.available ? std::to_string(r.computeCalls) + " histograms asked for: " +
+                                            std::to_string(r.computes) + " computed, " +
                                             std::to_string(r.computeHits) + " served from cache, " +
                                             std::to_string(r.computeFailures) + " failed"
                                       : Unavailable(r.compute)});
@@ -138,15 +161,18 @@ void PrintSummary(const SessionResult& r, std::ostream& out) {
 nlohmann::ordered_json SummaryJson(const SessionResult& r) {
   const SimulateOptions& o = r.options;
   nlohmann::ordered_json j;
-  j["options"] = {{"frames", o.frames},
-                  {"width", o.width},
-                  {"height", o.height},
-                  {"threads", o.threads},
-                  {"memory_budget", o.memoryBudget},
-                  {"disk_limit", o.diskLimit},
-                  {"no_disk", o.noDisk},
-                  {"passes", o.passes},
-                  {"seed", o.seed}};
+  j["options"] = {
+      {"frames", o.frames},
+      {"width", o.width},
+      {"height", o.height},
+      {"threads", o.threads},
+      {"memory_budget", o.memoryBudget},
+      {"disk_limit", o.diskLimit},
+      {"no_disk", o.noDisk},
+      {"disk_proclivity", o.diskProclivity > 0 ? nlohmann::ordered_json(o.diskProclivity)
+                                               : nlohmann::ordered_json(nullptr)},
+      {"passes", o.passes},
+      {"seed", o.seed}};
   j["frame_bytes"] = r.frameBytes;
   j["passes"] = nlohmann::json::array();
   for (const PassResult& p : r.passes) {
@@ -167,6 +193,15 @@ nlohmann::ordered_json SummaryJson(const SessionResult& r) {
                   {"disk_hits", t.diskHits},
                   {"renders", t.renders},
                   {"hit_rate", HitRate(t.memoryHits, t.diskHits, t.requests)},
+                  {"frames_per_second", PerSecond(t.requests, t.seconds)},
+                  {"render_micros_total", r.renderMicrosTotal},
+                  {"render_ms_mean", MeanRenderMs(r, t)},
+                  {"first_renders", r.firstRenders},
+                  {"renders_after_purge", r.rendersAfterPurge},
+                  {"renders_while_in_memory", r.rendersWhileInMemory},
+                  {"waited_for_other_render", t.waited},
+                  {"frames_checked_good", t.requests - t.renders - t.badFrames},
+                  {"bad_frames", t.badFrames},
                   {"peak_memory", r.peakMemory},
                   {"memory_budget", o.memoryBudget},
                   {"purges", r.purges},
@@ -184,10 +219,11 @@ nlohmann::ordered_json SummaryJson(const SessionResult& r) {
     disk["bytes_read"] = r.bytesRead;
     disk["failed_writes"] = r.failedWrites;
     disk["failed_reads"] = r.failedReads;
+    disk["write_requests"] = r.writeRequests;
     disk["writes_skipped"] = r.writesSkipped;
     nlohmann::ordered_json refused = nlohmann::ordered_json::object();
-    for (int i = 1; i < 6; ++i) refused[std::to_string(i)] = r.refusedForReason[i];
-    disk["writes_refused_by_reason"] = refused;
+    for (const Refusal& f : Refusals(r)) refused[f.key] = f.count;
+    disk["writes_refused"] = refused;
     disk["folder_bytes"] = r.diskBytesAtEnd;
   } else {
     disk["reason"] = r.disk.why;
@@ -195,6 +231,7 @@ nlohmann::ordered_json SummaryJson(const SessionResult& r) {
   j["disk"] = disk;
   nlohmann::ordered_json compute = {{"available", r.compute.available}};
   if (r.compute.available) {
+    compute["calls"] = r.computeCalls;
     compute["computes"] = r.computes;
     compute["hits"] = r.computeHits;
     compute["failures"] = r.computeFailures;

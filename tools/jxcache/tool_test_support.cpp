@@ -10,6 +10,10 @@
 #include <fstream>
 #include <sstream>
 
+#ifdef JX_HAVE_EXPAT
+#include <expat.h>
+#endif
+
 namespace jx::tool::testing {
 namespace {
 
@@ -22,13 +26,14 @@ std::string Slurp(const std::string& path) {
 
 }  // namespace
 
-RunResult RunTool(const std::vector<std::string>& args) {
+RunResult RunTool(const std::vector<std::string>& args, const std::vector<std::string>& env) {
   TempDir io;
   const std::string outPath = io.File("out"), errPath = io.File("err");
   const pid_t pid = fork();
   if (pid == 0) {
     if (!freopen(outPath.c_str(), "w", stdout) || !freopen(errPath.c_str(), "w", stderr))
       _exit(127);
+    for (const auto& e : env) putenv(const_cast<char*>(e.c_str()));
     std::vector<char*> argv{const_cast<char*>(JXCACHE_BINARY)};
     for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
@@ -57,23 +62,49 @@ TempDir::~TempDir() {
 
 namespace {
 
+// A small well-formedness checker: one root element with only white space, comments, processing
+// instructions and a DOCTYPE before it and only white space, comments and processing
+// instructions after it; tags nested and closed in order; attributes quoted and not repeated;
+// entity references the five predefined ones or numeric.
 class XmlChecker {
  public:
   explicit XmlChecker(const std::string& t) : t_(t) {}
 
   bool Check(std::string* why) {
     std::vector<std::string> open;
-    int roots = 0;
+    bool rootSeen = false;
     while (p_ < t_.size()) {
       if (t_[p_] != '<') {
+        const size_t start = p_;
         if (!Text()) return Fail(why, "bad character data");
+        if (open.empty() && !IsSpace(start, p_)) return Fail(why, "text outside the root element");
         continue;
       }
-      if (Skip("<?", "?>") || Skip("<!--", "-->") || Skip("<!DOCTYPE", ">")) continue;
-      if (t_.compare(p_, 2, "</") == 0) {
+      if (At("<?")) {
+        if (!Skip("?>")) return Fail(why, "unterminated processing instruction");
+        continue;
+      }
+      if (At("<!--")) {
+        if (!Skip("-->")) return Fail(why, "unterminated comment");
+        continue;
+      }
+      if (At("<![CDATA[")) {
+        if (open.empty()) return Fail(why, "CDATA outside the root element");
+        if (!Skip("]]>")) return Fail(why, "unterminated CDATA section");
+        continue;
+      }
+      if (At("<!DOCTYPE")) {
+        if (rootSeen || !open.empty()) return Fail(why, "DOCTYPE after the root element began");
+        if (!Skip(">")) return Fail(why, "unterminated DOCTYPE");
+        continue;
+      }
+      if (At("</")) {
         p_ += 2;
         const std::string name = Name();
-        if (open.empty() || open.back() != name) return Fail(why, "unexpected </" + name + ">");
+        if (open.empty() || open.back() != name) {
+          return Fail(why, "</" + name + "> does not close " +
+                               (open.empty() ? std::string("anything") : "<" + open.back() + ">"));
+        }
         open.pop_back();
         SkipSpace();
         if (!Eat('>')) return Fail(why, "bad end tag");
@@ -82,9 +113,12 @@ class XmlChecker {
       ++p_;
       const std::string name = Name();
       if (name.empty()) return Fail(why, "empty tag name");
-      if (open.empty() && ++roots > 1) return Fail(why, "more than one root element");
+      if (open.empty()) {
+        if (rootSeen) return Fail(why, "more than one root element");
+        rootSeen = true;
+      }
       if (!Attributes()) return Fail(why, "bad attributes in <" + name + ">");
-      if (t_.compare(p_, 2, "/>") == 0) {
+      if (At("/>")) {
         p_ += 2;
       } else if (Eat('>')) {
         open.push_back(name);
@@ -93,7 +127,7 @@ class XmlChecker {
       }
     }
     if (!open.empty()) return Fail(why, "<" + open.back() + "> never closed");
-    if (roots != 1) return Fail(why, "no root element");
+    if (!rootSeen) return Fail(why, "no root element");
     return true;
   }
 
@@ -102,10 +136,12 @@ class XmlChecker {
     *why = what + " at offset " + std::to_string(p_);
     return false;
   }
-  bool Skip(const char* begin, const char* end) {
-    if (t_.compare(p_, std::strlen(begin), begin) != 0) return false;
-    const size_t e = t_.find(end, p_);
-    p_ = e == std::string::npos ? t_.size() : e + std::strlen(end);
+  bool At(const char* s) const { return t_.compare(p_, std::strlen(s), s) == 0; }
+  // Moves past the next `end`; false when there is none.
+  bool Skip(const char* end) {
+    const size_t e = t_.find(end, p_ + 1);
+    if (e == std::string::npos) return false;
+    p_ = e + std::strlen(end);
     return true;
   }
   bool Eat(char c) {
@@ -115,6 +151,11 @@ class XmlChecker {
     }
     return false;
   }
+  bool IsSpace(size_t from, size_t to) const {
+    for (size_t i = from; i < to; ++i)
+      if (!std::isspace(static_cast<unsigned char>(t_[i]))) return false;
+    return true;
+  }
   void SkipSpace() {
     while (p_ < t_.size() && std::isspace(static_cast<unsigned char>(t_[p_]))) ++p_;
   }
@@ -123,24 +164,35 @@ class XmlChecker {
     while (p_ < t_.size() && (std::isalnum(static_cast<unsigned char>(t_[p_])) || t_[p_] == '-' ||
                               t_[p_] == '_' || t_[p_] == ':' || t_[p_] == '.'))
       ++p_;
+    if (p_ > start && (std::isdigit(static_cast<unsigned char>(t_[start])) || t_[start] == '-' ||
+                       t_[start] == '.'))
+      return {};
     return t_.substr(start, p_ - start);
   }
   bool Entity() {
     static const char* kKnown[] = {"&amp;", "&lt;", "&gt;", "&quot;", "&apos;"};
     for (const char* k : kKnown) {
-      if (t_.compare(p_, std::strlen(k), k) == 0) {
+      if (At(k)) {
         p_ += std::strlen(k);
         return true;
       }
     }
-    return false;
+    if (!At("&#")) return false;
+    size_t q = p_ + 2;
+    const bool hex = q < t_.size() && t_[q] == 'x';
+    if (hex) ++q;
+    const size_t digits = q;
+    while (q < t_.size() && (hex ? std::isxdigit(static_cast<unsigned char>(t_[q]))
+                                 : std::isdigit(static_cast<unsigned char>(t_[q]))))
+      ++q;
+    if (q == digits || q >= t_.size() || t_[q] != ';') return false;
+    p_ = q + 1;
+    return true;
   }
   bool Text() {
     while (p_ < t_.size() && t_[p_] != '<') {
       if (t_[p_] == '&') {
         if (!Entity()) return false;
-      } else if (t_[p_] == '>') {
-        ++p_;  // allowed in text, though we never write it
       } else {
         ++p_;
       }
@@ -150,9 +202,11 @@ class XmlChecker {
   bool Attributes() {
     std::vector<std::string> seen;
     while (true) {
+      const size_t before = p_;
       SkipSpace();
       if (p_ >= t_.size()) return false;
       if (t_[p_] == '>' || t_[p_] == '/') return true;
+      if (p_ == before) return false;  // attributes are separated by white space
       const std::string name = Name();
       if (name.empty()) return false;
       for (const auto& s : seen)
@@ -181,8 +235,30 @@ class XmlChecker {
 
 }  // namespace
 
-bool IsWellFormedXml(const std::string& text, std::string* why) {
+bool IsWellFormedXmlByHand(const std::string& text, std::string* why) {
   return XmlChecker(text).Check(why);
 }
+
+#ifdef JX_HAVE_EXPAT
+bool HaveXmlParser() { return true; }
+
+bool IsWellFormedXml(const std::string& text, std::string* why) {
+  XML_Parser parser = XML_ParserCreate("UTF-8");
+  if (!parser) std::abort();
+  const bool ok = XML_Parse(parser, text.data(), static_cast<int>(text.size()), 1) != 0;
+  if (!ok) {
+    *why = std::string(XML_ErrorString(XML_GetErrorCode(parser))) + " at line " +
+           std::to_string(XML_GetCurrentLineNumber(parser));
+  }
+  XML_ParserFree(parser);
+  return ok;
+}
+#else
+bool HaveXmlParser() { return false; }
+
+bool IsWellFormedXml(const std::string& text, std::string* why) {
+  return IsWellFormedXmlByHand(text, why);
+}
+#endif
 
 }  // namespace jx::tool::testing

@@ -14,8 +14,9 @@ struct RunResult {
   nlohmann::json Json() const { return nlohmann::json::parse(out); }
 };
 
-// Runs the jxcache binary with `args` (each passed as one argument, no shell).
-RunResult RunTool(const std::vector<std::string>& args);
+// Runs the jxcache binary with `args` (each passed as one argument, no shell), with the
+// variables of `env` ("NAME=value") added to its environment.
+RunResult RunTool(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
 
 // A fresh folder under the temporary directory, removed with everything in it on destruction.
 class TempDir {
@@ -29,8 +30,14 @@ class TempDir {
   std::string path_;
 };
 
-// Whether `text` is well-formed XML: one root, tags nested and closed, attributes quoted,
-// entity references known. Sets *why on failure.
+// Whether `text` is well-formed XML, as an XML parser (expat) says when the build has one, and
+// otherwise as IsWellFormedXmlByHand says. Sets *why on failure.
 bool IsWellFormedXml(const std::string& text, std::string* why);
+bool HaveXmlParser();
+// A checker of our own for builds without a parser: one root element with nothing but white
+// space, comments and processing instructions (and before it a DOCTYPE) around it, tags nested
+// and closed in order, attributes quoted and not repeated, entity references predefined or
+// numeric. Sets *why on failure.
+bool IsWellFormedXmlByHand(const std::string& text, std::string* why);
 
 }  // namespace jx::tool::testing
