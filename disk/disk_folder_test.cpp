@@ -148,6 +148,8 @@ TEST_F(DiskFolderTest, ANewFolderLeavesTheHostsSwitchAlone) {
 
 TEST_F(DiskFolderTest, AdditionalSettingsAndDriveSpace) {
   namespace prefs = zelappsupport::preferences;
+  prefs::Clear();  // the fixture set a margin of 0: the defaults first
+  bag_->SetDiskCacheInfo(tempDir_, kDefaultMaxDisk);
   EXPECT_EQ(jx::disk::GetSpeedCap(), jx::disk::kDefaultSpeedCap);
   EXPECT_EQ(jx::disk::GetProclivityMultiplier(), 1.0);
   EXPECT_EQ(jx::disk::GetMinimumVolumeFreeSpace(), 10LL << 30);
