@@ -29,17 +29,29 @@ JX_Bag::JX_Bag(unsigned int appVersion)
 JX_Bag::~JX_Bag() {
   // The items' bytes were counted here and go with this bag's counters: forget them, so that an
   // item outliving its bag does not take them out of another bag. Then drop the set's
-  // references; the items' own links are weak and expire with this bag.
-  mru_.clear_and_dispose([](JX_Stuff* s) {
-    s->memSize_.store(0, std::memory_order_relaxed);
-    s->checkedOutSize_.store(0, std::memory_order_relaxed);
-    s->diskSize_.store(0, std::memory_order_relaxed);
-    s->mruBag_ = nullptr;
-    s->ReleaseObject();
-  });
+  // references; the items' own links are weak and expire with this bag. Under the library lock,
+  // which is what lets a check-in use its item's plain link to this bag; and under each item's
+  // lock, because size syncs hold it while they compare and store.
+  std::deque<StuffPtr> items;
+  {
+    JXp_ScLock lock;
+    mru_.clear_and_dispose([&items](JX_Stuff* s) {
+      {
+        ScopedWriteLockWrapper wl(s->mutex_);
+        s->memSize_.store(0, std::memory_order_relaxed);
+        s->checkedOutSize_.store(0, std::memory_order_relaxed);
+        s->diskSize_.store(0, std::memory_order_relaxed);
+      }
+      s->mruBag_ = nullptr;
+      items.emplace_back(s);
+      s->ReleaseObject();
+    });
+  }
+  // The items go, if these were the last references, after the lock is released.
 }
 
 void JX_Bag::AddStuff(const StuffPtr& stuff) {
+  ZC_PROFILE_SCOPE("KQ.JX_Bag::AddStuff", 7);
   if (!stuff) jx::ThrowNullPtr("JX_Stuff");
   JXp_ScLock lock;
   // Checked before the time stamp moves: an item's time is its key in the recency set.
@@ -49,6 +61,7 @@ void JX_Bag::AddStuff(const StuffPtr& stuff) {
 }
 
 void JX_Bag::RemoveStuff(const StuffPtr& stuff) {
+  ZC_PROFILE_SCOPE("KQ.JX_Bag::RemoveStuff", 7);
   if (!stuff) jx::ThrowNullPtr("JX_Stuff");
   JXp_ScLock lock;
   RemoveStuffGuts(stuff, lock, true);
@@ -84,20 +97,29 @@ void JX_Bag::RemoveStuffGuts(const StuffPtr& stuff, const JXp_ScLock&, bool remo
 }
 
 void JX_Bag::UpdateWithNewLastUsedTime(const StuffPtr& stuff, const JXp_ScLock& lock) {
+  ZC_PROFILE_SCOPE("KQ.JX_Bag::UpdateWithNewLastUsedTime", 7);
   if (!stuff) jx::ThrowNullPtr("JX_Stuff");
+  if (stuff->mruBag_ != this) jx::FailVerification("stuff not in the right bag");
+  MoveToYoungEnd(*stuff, lock);
+  // Leaving and re-entering the bag re-synchronises the item's size; the shortcut above keeps
+  // that promise here.
+  stuff->ResyncMemorySize(this);
+}
+
+void JX_Bag::MoveToYoungEnd(JX_Stuff& stuff, const JXp_ScLock& lock) {
   if (jx::settings::UseMediaMap()) {
     // The media map must see the item leave and come back so that its entry is renewed.
-    RemoveStuffGuts(stuff, lock, true);
-    stuff->lastUsedTime_.store(HighPrecisionTime::GetCurrentTimeStamp(), std::memory_order_release);
-    zelcore::config::ExecuteTopLevelFunction readd([&] { AddStuffGuts(stuff, lock, true); });
+    const StuffPtr held(&stuff);
+    RemoveStuffGuts(held, lock, true);
+    stuff.lastUsedTime_.store(HighPrecisionTime::GetCurrentTimeStamp(), std::memory_order_release);
+    zelcore::config::ExecuteTopLevelFunction readd([&] { AddStuffGuts(held, lock, true); });
     return;
   }
   // Without the media map, leaving and re-entering the bag only moves the item in the recency
-  // set: do just that, keeping the bag link and the (unchanged) accounted sizes.
-  if (stuff->mruBag_ != this) jx::FailVerification("stuff not in the right bag");
-  mru_.erase(mru_.iterator_to(*stuff));
-  stuff->lastUsedTime_.store(HighPrecisionTime::GetCurrentTimeStamp(), std::memory_order_release);
-  InsertByTime(*stuff);
+  // set: do just that, keeping the bag link and the accounted sizes.
+  mru_.erase(mru_.iterator_to(stuff));
+  stuff.lastUsedTime_.store(HighPrecisionTime::GetCurrentTimeStamp(), std::memory_order_release);
+  InsertByTime(stuff);
 }
 
 void JX_Bag::InsertByTime(JX_Stuff& stuff) {
@@ -112,6 +134,7 @@ void JX_Bag::InsertByTime(JX_Stuff& stuff) {
 }
 
 void JX_Bag::AccountForStuffDataModification(const StuffPtr& stuff) {
+  ZC_PROFILE_SCOPE("KQ.JX_Bag::AccountForStuffDataModification", 7);
   if (!stuff) jx::ThrowNullPtr("JX_Stuff");
   if (auto data = stuff->GetDataPtr())
     stuff->SyncMemorySizeWithBag(data->GetApproximateMemorySize());
@@ -189,7 +212,7 @@ void JX_Bag::AdjustInMemoryCacheSize(long long delta) {
 }
 
 void JX_Bag::AdjustCheckedOutMemoryCacheSize(long long delta) {
-  checkedOutSize_.fetch_add(delta);
+  checkedOutSize_.fetch_add(delta, std::memory_order_seq_cst);
   ZC_TRACE("JX", 7, "AdjustCheckedOutMemoryCacheSize: " << delta);
 }
 
@@ -200,6 +223,7 @@ void JX_Bag::AdjustOnDiskCacheSize(long long delta) {
 
 void JX_Bag::GetCacheSizesInBytes(unsigned long long& inMemory,
                                   unsigned long long& inMemoryWithDiskCopy) const {
+  ZC_PROFILE_SCOPE("KQ.JX_Bag::GetCacheSizesInBytes", 7);
   inMemory = 0;
   inMemoryWithDiskCopy = 0;
   JXp_ScLock lock;

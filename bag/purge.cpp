@@ -124,6 +124,14 @@ bool JX_Stuff::ShouldAllowPurge() {
 }
 
 unsigned int JX_Stuff::FreeUpAsMuchAsPossible(bool removeFromMediaMap, ReleaseQueue* toRelease) {
+  if (!toRelease) {
+    // A caller without a queue of its own: the memory is still released only once the library
+    // lock is let go.
+    ReleaseQueue owners;
+    const unsigned int freed = FreeUpAsMuchAsPossible(removeFromMediaMap, &owners);
+    JXp_ScLock::ReleaseOutsideLock(std::move(owners));
+    return freed;
+  }
   IntrusivePtr<JX_Stuff> self(this);
   JXp_ScLock lock;
   ScopedWriteLockWrapper wl(mutex_);
