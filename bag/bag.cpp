@@ -1,6 +1,7 @@
 // JX_Bag: membership in the recency order and size accounting.
 #include "bag/bag.h"
 
+#include "bag/recency_log.h"
 #include "bag/sort_dir.h"
 #include "host/config.h"
 #include "host/high_precision_time.h"
@@ -41,8 +42,8 @@ JX_Bag::~JX_Bag() {
         s->memSize_.store(0, std::memory_order_relaxed);
         s->checkedOutSize_.store(0, std::memory_order_relaxed);
         s->diskSize_.store(0, std::memory_order_relaxed);
+        s->mruBag_ = nullptr;
       }
-      s->mruBag_ = nullptr;
       items.emplace_back(s);
       s->ReleaseObject();
     });
@@ -72,10 +73,10 @@ void JX_Bag::AddStuffGuts(const StuffPtr& stuff, const JXp_ScLock&, bool addToMe
   if (stuff->mruBag_ || stuff->GetBag()) jx::FailVerification("stuff already in a bag");
   const bool mediaMap = jx::settings::UseMediaMap() && addToMediaMap;
   if (mediaMap && stuff->IsInMemory()) JX_MediaMapAddOrUpdate(stuff);
+  stuff->mruStamp_ = stuff->GetLastUsedTime();
   InsertByTime(*stuff);
   stuff->RetainObject();  // the set's reference
-  stuff->mruBag_ = this;
-  stuff->SetBagAndInMru(weak_from_this());
+  stuff->SetBagAndInMru(weak_from_this(), this);
   if (auto data = stuff->GetDataPtr())
     stuff->SyncMemorySizeWithBag(data->GetApproximateMemorySize());
   if (mediaMap) TraceMediaMapChange("Added stuff ", *stuff);
@@ -85,8 +86,7 @@ void JX_Bag::RemoveStuffGuts(const StuffPtr& stuff, const JXp_ScLock&, bool remo
   if (!stuff) jx::ThrowNullPtr("JX_Stuff");
   if (stuff->mruBag_ != this) jx::FailVerification("stuff not in the right bag");
   mru_.erase(mru_.iterator_to(*stuff));
-  stuff->mruBag_ = nullptr;
-  stuff->SetBagAndInMru({});
+  stuff->SetBagAndInMru({}, nullptr);
   const bool mediaMap = jx::settings::UseMediaMap() && removeFromMediaMap;
   if (mediaMap) {
     JX_MediaMapErase(stuff);
@@ -117,17 +117,23 @@ void JX_Bag::MoveToYoungEnd(JX_Stuff& stuff, const JXp_ScLock& lock) {
   }
   // Without the media map, leaving and re-entering the bag only moves the item in the recency
   // set: do just that, keeping the bag link and the accounted sizes.
+  const uint64_t now = HighPrecisionTime::GetCurrentTimeStamp();
+  stuff.lastUsedTime_.store(now, std::memory_order_release);
+  Reposition(stuff, now, lock);
+}
+
+void JX_Bag::Reposition(JX_Stuff& stuff, uint64_t stamp, const JXp_ScLock&) {
   mru_.erase(mru_.iterator_to(stuff));
-  stuff.lastUsedTime_.store(HighPrecisionTime::GetCurrentTimeStamp(), std::memory_order_release);
+  stuff.mruStamp_ = stamp;
   InsertByTime(stuff);
 }
 
 void JX_Bag::InsertByTime(JX_Stuff& stuff) {
-  const uint64_t t = stuff.GetLastUsedTime();
+  const uint64_t t = stuff.mruStamp_;
   auto pos = mru_.end();
   while (pos != mru_.begin()) {
     auto prev = std::prev(pos);
-    if (prev->GetLastUsedTime() <= t) break;
+    if (prev->mruStamp_ <= t) break;
     pos = prev;
   }
   mru_.insert(pos, stuff);
@@ -150,9 +156,10 @@ void JX_Bag::TraceMediaMapChange(const char* what, const JX_Stuff& stuff) {
                 << " num entries = " << JX_MediaMapEntryCount());
 }
 
-void JX_Stuff::SetBagAndInMru(const std::weak_ptr<JX_Bag>& bag) {
+void JX_Stuff::SetBagAndInMru(const std::weak_ptr<JX_Bag>& bag, JX_Bag* mruBag) {
   ScopedWriteLockWrapper wl(mutex_);
   bag_ = bag;
+  mruBag_ = mruBag;
 }
 
 void JX_Stuff::SyncMemorySizeWithBag(unsigned int newSize) {
@@ -172,26 +179,28 @@ void JX_Stuff::SyncMemorySizeLocked(unsigned int newSize, JX_Bag* knownBag) {
       checkedOutSize_.load(std::memory_order_acquire) == newCheckedOut) {
     return;
   }
-  std::shared_ptr<JX_Bag> held;
-  JX_Bag* bag = knownBag;
-  if (!bag) {
-    held = bag_.lock();
-    if (!held) held = JX_GlobalBag();
-    if (!held) return;
-    bag = held.get();
+  if (knownBag) {
+    MoveAccountedSizes(newSize, newCheckedOut, *knownBag);
+    return;
   }
+  std::shared_ptr<JX_Bag> bag = bag_.lock();
+  if (!bag) bag = JX_GlobalBag();
+  if (bag) MoveAccountedSizes(newSize, newCheckedOut, *bag);
+}
+
+void JX_Stuff::MoveAccountedSizes(unsigned int newSize, unsigned int newCheckedOut, JX_Bag& bag) {
   // Every caller holds the item's upgrade or write lock, so these fields have one writer at a
   // time: a load and a store do, without the cost of an atomic exchange on the hit path.
   const unsigned int old = memSize_.load(std::memory_order_relaxed);
   if (old != newSize) {
     memSize_.store(newSize, std::memory_order_release);
-    bag->AdjustInMemoryCacheSize(static_cast<long long>(newSize) - static_cast<long long>(old));
+    bag.AdjustInMemoryCacheSize(static_cast<long long>(newSize) - static_cast<long long>(old));
   }
   const unsigned int oldOut = checkedOutSize_.load(std::memory_order_relaxed);
   if (oldOut != newCheckedOut) {
     checkedOutSize_.store(newCheckedOut, std::memory_order_release);
-    bag->AdjustCheckedOutMemoryCacheSize(static_cast<long long>(newCheckedOut) -
-                                         static_cast<long long>(oldOut));
+    bag.AdjustCheckedOutMemoryCacheSize(static_cast<long long>(newCheckedOut) -
+                                        static_cast<long long>(oldOut));
   }
 }
 
@@ -270,6 +279,7 @@ int JX_Bag::GetNumGuidSortedItems() const {
 std::deque<JX_Bag::StuffPtr> JX_Bag::CopyMruItems() const {
   std::deque<StuffPtr> items;
   JXp_ScLock lock;
+  jx::recency::ApplyAll(lock);
   for (const JX_Stuff& s : mru_) items.emplace_back(const_cast<JX_Stuff*>(&s));
   return items;
 }

@@ -29,6 +29,9 @@
 #include "items/stuff.h"
 
 class JX_SortDir;
+namespace jx::recency {
+struct Applier;
+}
 
 class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
  public:
@@ -109,7 +112,8 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
   unsigned long long GetLastPurgedUsedTime() const {
     return lastPurgedUsedTime_.load(std::memory_order_relaxed);
   }
-  // The items in recency order, oldest first (a snapshot taken under the library lock).
+  // The items in recency order, oldest first (a snapshot taken under the library lock, after the
+  // check-ins' recency notes are applied).
   std::deque<StuffPtr> CopyMruItems() const;
 
   // ---- purging (bag/purge.cpp) ---------------------------------------------------------------
@@ -150,6 +154,7 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
   friend class JX_Stuff;
   friend class JX_SortDir;
   friend struct JX_BagTestAccess;  // tests that need equal time stamps
+  friend struct jx::recency::Applier;
 
   // The recency order, oldest first: a list kept sorted by last-used time, ties in insertion
   // order. Items enter with a time stamp taken under the library lock, so an insertion lands at
@@ -161,6 +166,8 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
   // Check-in's recency renewal: the item, which this bag's recency order links, gets a new
   // last-used time and goes to the young end. The caller has just re-synchronised its size.
   void MoveToYoungEnd(JX_Stuff& stuff, const JXp_ScLock& lock);
+  // Places the item, which this bag's recency order links, where `stamp` puts it.
+  void Reposition(JX_Stuff& stuff, uint64_t stamp, const JXp_ScLock& lock);
 
   void AddStuffGuts(const StuffPtr& stuff, const JXp_ScLock& lock, bool addToMediaMap);
   void RemoveStuffGuts(const StuffPtr& stuff, const JXp_ScLock& lock, bool removeFromMediaMap);

@@ -13,6 +13,7 @@
 
 #include <deque>
 #include <memory>
+#include <mutex>
 #include <optional>
 
 #include "host/export.h"
@@ -35,7 +36,13 @@ class JX_EXPORT JXp_ScLock {
     }
     locked_ = true;
   }
+  // Takes the lock only if nobody holds it (or the caller already does); see owns_lock().
+  explicit JXp_ScLock(std::try_to_lock_t) {
+    locked_ =
+        !zelcore::debug::CodeProfiler::IsConditionalProfiling(kProfileVolume) && Mutex().try_lock();
+  }
   ~JXp_ScLock() { Unlock(); }
+  bool owns_lock() const { return locked_; }
   JXp_ScLock(const JXp_ScLock&) = delete;
   JXp_ScLock& operator=(const JXp_ScLock&) = delete;
 

@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "bag/bag.h"
+#include "bag/recency_log.h"
 #include "bag/sort_dir.h"
 #include "host/profiler.h"
 #include "host/standalone_host.h"
@@ -50,6 +51,7 @@ void JX_Bag::FreeUpSomeMemory(unsigned long long /*amount: the host is asked ins
   unsigned long long totalFreed = 0;
   {
     JXp_ScLock lock;
+    jx::recency::ApplyAll(lock);  // the walk goes by recency: every check-in's move first
     const bool templateLimit = JX_IsSetJXCacheLimitForGfxpaksEnabled();
     const unsigned long long limit = templateLimit ? JX_GetMaxJXCacheSize() : 0;
     const int firstPass = jx::settings::PlaybackFromDiskLogic() ? 1 : 0;

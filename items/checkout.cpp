@@ -4,7 +4,9 @@
 
 #include "bag/bag.h"
 #include "bag/library_lock.h"
+#include "bag/recency_log.h"
 #include "bag/sort_dir.h"
+#include "host/high_precision_time.h"
 #include "host/profiler.h"
 #include "host/trace.h"
 #include "host/y_api.h"
@@ -148,6 +150,7 @@ void JX_Stuff::Checkin(int flags, double computeTime) {
 
 void JX_Stuff::CheckinImpl(int flags, double computeTime) {
   ZC_PROFILE_SCOPE("KQ.JX_Stuff::Checkin", 6);
+  if (CheckinReadOnly(flags)) return;
   bool wasWriteable;
   {
     JXp_ScLock lock;
@@ -208,6 +211,39 @@ void JX_Stuff::ConvertToWriteable() {
   }
   // The disk copy no longer matches what the writer will make of the payload.
   DeleteDiskCacheFile();
+}
+
+bool JX_Stuff::CheckinReadOnly(int flags) {
+  // The media map renews an item's entry as the item moves; that needs the library lock.
+  if ((flags & (ci::kRemove | ci::kPurge | ci::kWriteNow)) || jx::settings::UseMediaMap()) {
+    return false;
+  }
+  // Free library lock: move the item now. Held by another thread: note the move for later
+  // rather than queue behind it (see bag/recency_log.h).
+  JXp_ScLock lock(std::try_to_lock);
+  JX_Bag* bag;
+  {
+    ScopedWriteLockWrapper wl(mutex_);
+    if (writeable_) return false;
+    uint32_t n = checkoutCount_.load(std::memory_order_acquire);
+    while (n > 0 && !checkoutCount_.compare_exchange_weak(n, n - 1, std::memory_order_acq_rel)) {
+    }
+    // Holding the item's lock keeps its bag alive and linked while the sizes move.
+    bag = mruBag_;
+    SyncMemorySizeLocked(data_ ? data_->GetApproximateMemorySize() : 0, bag);
+  }
+  if (bag && !(flags & ci::kKeepRecency)) {
+    if (lock.owns_lock()) {
+      bag->MoveToYoungEnd(*this, lock);
+    } else {
+      const uint64_t now = zelcore::utility::HighPrecisionTime::GetCurrentTimeStamp();
+      lastUsedTime_.store(now, std::memory_order_release);
+      jx::recency::Note(*this, now);
+    }
+  }
+  lock.Unlock();
+  JX_GetStuffCounters().itemsCheckedOut.fetch_sub(1);
+  return true;
 }
 
 JX_CheckoutResult JX_Stuff::CheckinAndCheckout(int checkinFlags, double computeTime,

@@ -17,9 +17,10 @@
 //                  pendingThread_.
 //   guidSpin_ serialises writers of the GUID; readers never block: they re-read when the
 //   sequence word (guidSeq_) shows that a write overlapped their copy.
-//   The library lock guards: the recency-set hook (mruHook_), mruBag_ (the bag clears it under
-//                  that lock as it dies, so a holder may use the plain pointer) and directory
-//                  membership.
+//   The library lock guards: the recency-set hook (mruHook_) and mruStamp_ (the stamp that
+//                  places the item there), and directory membership. mruBag_ is written holding
+//                  both the library lock and mutex_, so holding either is enough to read it and
+//                  use the bag (which clears it, under both, as it dies).
 //   Atomics (no lock): checkoutCount_, pending_, lastUsedTime_, the accounted sizes,
 //                      purgeState_, writeInProgress_, diskCheckouts_, taggedToWrite_.
 //
@@ -49,6 +50,9 @@
 
 class JX_Bag;
 class JX_ScCheckout;
+namespace jx::recency {
+struct Applier;
+}
 class JX_SortDir;
 class JXp_ScLock;
 
@@ -206,6 +210,7 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   friend class JX_Bag;
   friend class JX_SortDir;
   friend class JX_ScCheckout;
+  friend struct jx::recency::Applier;
   struct SortDirHash;
   struct SortDirEqual;
 
@@ -225,6 +230,9 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   bool ReadBackIfOnDiskOnly();
   // Checkin without taking a reference of its own: the caller keeps the item alive.
   void CheckinImpl(int flags, double computeTime);
+  // The check-in of a read-only check-out that asks for nothing but the count and the recency:
+  // no library lock, the recency move noted for later. False when it is not such a check-in.
+  bool CheckinReadOnly(int flags);
   // Deletes the item's disk file once the calling thread holds no library lock, unless a disk
   // hold pins it. For items nobody can find any more.
   void DropDiskCacheFileOutsideLock();
@@ -245,10 +253,11 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // The exchange of the accounted sizes; the caller holds the item's upgrade or write lock, so
   // that no purge and no other sync interleaves between measuring and exchanging.
   void SyncMemorySizeLocked(unsigned int newSize, JX_Bag* knownBag);
+  void MoveAccountedSizes(unsigned int newSize, unsigned int newCheckedOut, JX_Bag& bag);
   // Hands a newly created pending item to its creator: checked out once, no wait.
   void CheckoutNewPending();
   void TempRemoveFromSortDir(const JXp_ScLock& lock);
-  void SetBagAndInMru(const std::weak_ptr<JX_Bag>& bag);
+  void SetBagAndInMru(const std::weak_ptr<JX_Bag>& bag, JX_Bag* mruBag);
   // Disk decision of a check-in (disk/): flag 8 writes at once, a writeable check-in asks the
   // write-worthiness rule.
   void OfferToDiskAtCheckin(int flags, bool wasWriteable, double computeTime);
@@ -295,7 +304,8 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   std::weak_ptr<JX_Bag> bag_;
   std::atomic<uint64_t> lastUsedTime_;
   MruHook mruHook_;
-  JX_Bag* mruBag_ = nullptr;  // the bag whose recency order links the item (library lock)
+  JX_Bag* mruBag_ = nullptr;  // the bag whose recency order links the item
+  uint64_t mruStamp_ = 0;     // the time stamp that places it there (library lock)
   std::shared_ptr<zelcore::filesupport::File> diskFile_;
 
   // Less frequently used: the rest of the disk and purge state, the directory link, the pending
