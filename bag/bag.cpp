@@ -1,6 +1,7 @@
 // JX_Bag: membership in the recency order and size accounting.
 #include "bag/bag.h"
 
+#include "bag/recency_log.h"
 #include "bag/sort_dir.h"
 #include "host/config.h"
 #include "host/high_precision_time.h"
@@ -29,17 +30,29 @@ JX_Bag::JX_Bag(unsigned int appVersion)
 JX_Bag::~JX_Bag() {
   // The items' bytes were counted here and go with this bag's counters: forget them, so that an
   // item outliving its bag does not take them out of another bag. Then drop the set's
-  // references; the items' own links are weak and expire with this bag.
-  mru_.clear_and_dispose([](JX_Stuff* s) {
-    s->memSize_.store(0, std::memory_order_relaxed);
-    s->checkedOutSize_.store(0, std::memory_order_relaxed);
-    s->diskSize_.store(0, std::memory_order_relaxed);
-    s->mruBag_ = nullptr;
-    s->ReleaseObject();
-  });
+  // references; the items' own links are weak and expire with this bag. Under the library lock,
+  // which is what lets a check-in use its item's plain link to this bag; and under each item's
+  // lock, because size syncs hold it while they compare and store.
+  std::deque<StuffPtr> items;
+  {
+    JXp_ScLock lock;
+    mru_.clear_and_dispose([&items](JX_Stuff* s) {
+      {
+        ScopedWriteLockWrapper wl(s->mutex_);
+        s->memSize_.store(0, std::memory_order_relaxed);
+        s->checkedOutSize_.store(0, std::memory_order_relaxed);
+        s->diskSize_.store(0, std::memory_order_relaxed);
+        s->mruBag_ = nullptr;
+      }
+      items.emplace_back(s);
+      s->ReleaseObject();
+    });
+  }
+  // The items go, if these were the last references, after the lock is released.
 }
 
 void JX_Bag::AddStuff(const StuffPtr& stuff) {
+  ZC_PROFILE_SCOPE("KQ.JX_Bag::AddStuff", 7);
   if (!stuff) jx::ThrowNullPtr("JX_Stuff");
   JXp_ScLock lock;
   // Checked before the time stamp moves: an item's time is its key in the recency set.
@@ -49,6 +62,7 @@ void JX_Bag::AddStuff(const StuffPtr& stuff) {
 }
 
 void JX_Bag::RemoveStuff(const StuffPtr& stuff) {
+  ZC_PROFILE_SCOPE("KQ.JX_Bag::RemoveStuff", 7);
   if (!stuff) jx::ThrowNullPtr("JX_Stuff");
   JXp_ScLock lock;
   RemoveStuffGuts(stuff, lock, true);
@@ -59,10 +73,10 @@ void JX_Bag::AddStuffGuts(const StuffPtr& stuff, const JXp_ScLock&, bool addToMe
   if (stuff->mruBag_ || stuff->GetBag()) jx::FailVerification("stuff already in a bag");
   const bool mediaMap = jx::settings::UseMediaMap() && addToMediaMap;
   if (mediaMap && stuff->IsInMemory()) JX_MediaMapAddOrUpdate(stuff);
+  stuff->mruStamp_ = stuff->GetLastUsedTime();
   InsertByTime(*stuff);
   stuff->RetainObject();  // the set's reference
-  stuff->mruBag_ = this;
-  stuff->SetBagAndInMru(weak_from_this());
+  stuff->SetBagAndInMru(weak_from_this(), this);
   if (auto data = stuff->GetDataPtr())
     stuff->SyncMemorySizeWithBag(data->GetApproximateMemorySize());
   if (mediaMap) TraceMediaMapChange("Added stuff ", *stuff);
@@ -72,8 +86,7 @@ void JX_Bag::RemoveStuffGuts(const StuffPtr& stuff, const JXp_ScLock&, bool remo
   if (!stuff) jx::ThrowNullPtr("JX_Stuff");
   if (stuff->mruBag_ != this) jx::FailVerification("stuff not in the right bag");
   mru_.erase(mru_.iterator_to(*stuff));
-  stuff->mruBag_ = nullptr;
-  stuff->SetBagAndInMru({});
+  stuff->SetBagAndInMru({}, nullptr);
   const bool mediaMap = jx::settings::UseMediaMap() && removeFromMediaMap;
   if (mediaMap) {
     JX_MediaMapErase(stuff);
@@ -84,34 +97,50 @@ void JX_Bag::RemoveStuffGuts(const StuffPtr& stuff, const JXp_ScLock&, bool remo
 }
 
 void JX_Bag::UpdateWithNewLastUsedTime(const StuffPtr& stuff, const JXp_ScLock& lock) {
+  ZC_PROFILE_SCOPE("KQ.JX_Bag::UpdateWithNewLastUsedTime", 7);
   if (!stuff) jx::ThrowNullPtr("JX_Stuff");
+  if (stuff->mruBag_ != this) jx::FailVerification("stuff not in the right bag");
+  MoveToYoungEnd(*stuff, lock);
+  // Leaving and re-entering the bag re-synchronises the item's size; the shortcut above keeps
+  // that promise here.
+  stuff->ResyncMemorySize(this);
+}
+
+void JX_Bag::MoveToYoungEnd(JX_Stuff& stuff, const JXp_ScLock& lock) {
   if (jx::settings::UseMediaMap()) {
     // The media map must see the item leave and come back so that its entry is renewed.
-    RemoveStuffGuts(stuff, lock, true);
-    stuff->lastUsedTime_.store(HighPrecisionTime::GetCurrentTimeStamp(), std::memory_order_release);
-    zelcore::config::ExecuteTopLevelFunction readd([&] { AddStuffGuts(stuff, lock, true); });
+    const StuffPtr held(&stuff);
+    RemoveStuffGuts(held, lock, true);
+    stuff.lastUsedTime_.store(HighPrecisionTime::GetCurrentTimeStamp(), std::memory_order_release);
+    zelcore::config::ExecuteTopLevelFunction readd([&] { AddStuffGuts(held, lock, true); });
     return;
   }
   // Without the media map, leaving and re-entering the bag only moves the item in the recency
-  // set: do just that, keeping the bag link and the (unchanged) accounted sizes.
-  if (stuff->mruBag_ != this) jx::FailVerification("stuff not in the right bag");
-  mru_.erase(mru_.iterator_to(*stuff));
-  stuff->lastUsedTime_.store(HighPrecisionTime::GetCurrentTimeStamp(), std::memory_order_release);
-  InsertByTime(*stuff);
+  // set: do just that, keeping the bag link and the accounted sizes.
+  const uint64_t now = HighPrecisionTime::GetCurrentTimeStamp();
+  stuff.lastUsedTime_.store(now, std::memory_order_release);
+  Reposition(stuff, now, lock);
+}
+
+void JX_Bag::Reposition(JX_Stuff& stuff, uint64_t stamp, const JXp_ScLock&) {
+  mru_.erase(mru_.iterator_to(stuff));
+  stuff.mruStamp_ = stamp;
+  InsertByTime(stuff);
 }
 
 void JX_Bag::InsertByTime(JX_Stuff& stuff) {
-  const uint64_t t = stuff.GetLastUsedTime();
+  const uint64_t t = stuff.mruStamp_;
   auto pos = mru_.end();
   while (pos != mru_.begin()) {
     auto prev = std::prev(pos);
-    if (prev->GetLastUsedTime() <= t) break;
+    if (prev->mruStamp_ <= t) break;
     pos = prev;
   }
   mru_.insert(pos, stuff);
 }
 
 void JX_Bag::AccountForStuffDataModification(const StuffPtr& stuff) {
+  ZC_PROFILE_SCOPE("KQ.JX_Bag::AccountForStuffDataModification", 7);
   if (!stuff) jx::ThrowNullPtr("JX_Stuff");
   if (auto data = stuff->GetDataPtr())
     stuff->SyncMemorySizeWithBag(data->GetApproximateMemorySize());
@@ -127,9 +156,10 @@ void JX_Bag::TraceMediaMapChange(const char* what, const JX_Stuff& stuff) {
                 << " num entries = " << JX_MediaMapEntryCount());
 }
 
-void JX_Stuff::SetBagAndInMru(const std::weak_ptr<JX_Bag>& bag) {
+void JX_Stuff::SetBagAndInMru(const std::weak_ptr<JX_Bag>& bag, JX_Bag* mruBag) {
   ScopedWriteLockWrapper wl(mutex_);
   bag_ = bag;
+  mruBag_ = mruBag;
 }
 
 void JX_Stuff::SyncMemorySizeWithBag(unsigned int newSize) {
@@ -149,26 +179,28 @@ void JX_Stuff::SyncMemorySizeLocked(unsigned int newSize, JX_Bag* knownBag) {
       checkedOutSize_.load(std::memory_order_acquire) == newCheckedOut) {
     return;
   }
-  std::shared_ptr<JX_Bag> held;
-  JX_Bag* bag = knownBag;
-  if (!bag) {
-    held = bag_.lock();
-    if (!held) held = JX_GlobalBag();
-    if (!held) return;
-    bag = held.get();
+  if (knownBag) {
+    MoveAccountedSizes(newSize, newCheckedOut, *knownBag);
+    return;
   }
+  std::shared_ptr<JX_Bag> bag = bag_.lock();
+  if (!bag) bag = JX_GlobalBag();
+  if (bag) MoveAccountedSizes(newSize, newCheckedOut, *bag);
+}
+
+void JX_Stuff::MoveAccountedSizes(unsigned int newSize, unsigned int newCheckedOut, JX_Bag& bag) {
   // Every caller holds the item's upgrade or write lock, so these fields have one writer at a
   // time: a load and a store do, without the cost of an atomic exchange on the hit path.
   const unsigned int old = memSize_.load(std::memory_order_relaxed);
   if (old != newSize) {
     memSize_.store(newSize, std::memory_order_release);
-    bag->AdjustInMemoryCacheSize(static_cast<long long>(newSize) - static_cast<long long>(old));
+    bag.AdjustInMemoryCacheSize(static_cast<long long>(newSize) - static_cast<long long>(old));
   }
   const unsigned int oldOut = checkedOutSize_.load(std::memory_order_relaxed);
   if (oldOut != newCheckedOut) {
     checkedOutSize_.store(newCheckedOut, std::memory_order_release);
-    bag->AdjustCheckedOutMemoryCacheSize(static_cast<long long>(newCheckedOut) -
-                                         static_cast<long long>(oldOut));
+    bag.AdjustCheckedOutMemoryCacheSize(static_cast<long long>(newCheckedOut) -
+                                        static_cast<long long>(oldOut));
   }
 }
 
@@ -189,7 +221,7 @@ void JX_Bag::AdjustInMemoryCacheSize(long long delta) {
 }
 
 void JX_Bag::AdjustCheckedOutMemoryCacheSize(long long delta) {
-  checkedOutSize_.fetch_add(delta);
+  checkedOutSize_.fetch_add(delta, std::memory_order_seq_cst);
   ZC_TRACE("JX", 7, "AdjustCheckedOutMemoryCacheSize: " << delta);
 }
 
@@ -200,6 +232,7 @@ void JX_Bag::AdjustOnDiskCacheSize(long long delta) {
 
 void JX_Bag::GetCacheSizesInBytes(unsigned long long& inMemory,
                                   unsigned long long& inMemoryWithDiskCopy) const {
+  ZC_PROFILE_SCOPE("KQ.JX_Bag::GetCacheSizesInBytes", 7);
   inMemory = 0;
   inMemoryWithDiskCopy = 0;
   JXp_ScLock lock;
@@ -246,6 +279,7 @@ int JX_Bag::GetNumGuidSortedItems() const {
 std::deque<JX_Bag::StuffPtr> JX_Bag::CopyMruItems() const {
   std::deque<StuffPtr> items;
   JXp_ScLock lock;
+  jx::recency::ApplyAll(lock);
   for (const JX_Stuff& s : mru_) items.emplace_back(const_cast<JX_Stuff*>(&s));
   return items;
 }

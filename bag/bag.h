@@ -29,6 +29,9 @@
 #include "items/stuff.h"
 
 class JX_SortDir;
+namespace jx::recency {
+struct Applier;
+}
 
 class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
  public:
@@ -53,7 +56,8 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
   // Removes the item; an item of another bag is reported ("stuff not in the right bag") and 3 is
   // thrown; nothing changes.
   void RemoveStuff(const StuffPtr& stuff);
-  // Renews the item's last-used time and moves it to the young end. Caller holds the lock.
+  // Renews the item's last-used time and moves it to the young end, re-synchronising its size.
+  // Caller holds the lock.
   void UpdateWithNewLastUsedTime(const StuffPtr& stuff, const JXp_ScLock& lock);
   // A payload changed size in place: re-synchronise the totals with its new size.
   void AccountForStuffDataModification(const StuffPtr& stuff);
@@ -94,9 +98,7 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
   long long GetInMemoryCacheSizeInBytes_LockFree() const {
     return inMemorySize_.load(std::memory_order_relaxed);
   }
-  long long GetCheckedOutMemoryCacheSizeInBytes() const {
-    return checkedOutSize_.load(std::memory_order_relaxed);
-  }
+  long long GetCheckedOutMemoryCacheSizeInBytes() const { return checkedOutSize_.load(); }
   long long GetCurrentDiskCacheSize() const { return onDiskSize_.load(std::memory_order_relaxed); }
   // What the cache holds plus what the host says may still be used before it must purge.
   unsigned long long GetCurrentMaxCacheSize() const;
@@ -110,7 +112,8 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
   unsigned long long GetLastPurgedUsedTime() const {
     return lastPurgedUsedTime_.load(std::memory_order_relaxed);
   }
-  // The items in recency order, oldest first (a snapshot taken under the library lock).
+  // The items in recency order, oldest first (a snapshot taken under the library lock, after the
+  // check-ins' recency notes are applied).
   std::deque<StuffPtr> CopyMruItems() const;
 
   // ---- purging (bag/purge.cpp) ---------------------------------------------------------------
@@ -150,6 +153,8 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
  private:
   friend class JX_Stuff;
   friend class JX_SortDir;
+  friend struct JX_BagTestAccess;  // tests that need equal time stamps
+  friend struct jx::recency::Applier;
 
   // The recency order, oldest first: a list kept sorted by last-used time, ties in insertion
   // order. Items enter with a time stamp taken under the library lock, so an insertion lands at
@@ -158,6 +163,11 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
       JX_Stuff, boost::intrusive::member_hook<JX_Stuff, JX_Stuff::MruHook, &JX_Stuff::mruHook_>,
       boost::intrusive::constant_time_size<true>>;
   void InsertByTime(JX_Stuff& stuff);
+  // Check-in's recency renewal: the item, which this bag's recency order links, gets a new
+  // last-used time and goes to the young end. The caller has just re-synchronised its size.
+  void MoveToYoungEnd(JX_Stuff& stuff, const JXp_ScLock& lock);
+  // Places the item, which this bag's recency order links, where `stamp` puts it.
+  void Reposition(JX_Stuff& stuff, uint64_t stamp, const JXp_ScLock& lock);
 
   void AddStuffGuts(const StuffPtr& stuff, const JXp_ScLock& lock, bool addToMediaMap);
   void RemoveStuffGuts(const StuffPtr& stuff, const JXp_ScLock& lock, bool removeFromMediaMap);
@@ -175,7 +185,8 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
   const unsigned int appVersion_;
   std::atomic<unsigned long long> lastPurgedUsedTime_{0};
   std::atomic<long long> inMemorySize_{0};
-  std::atomic<long long> checkedOutSize_{0};
+  // Changed twice by every hit, from whatever thread: striped so that threads do not contend.
+  zelcore::utility::StripedCounter<long long> checkedOutSize_;
   std::shared_ptr<DiskOutOfSpaceSignal> diskOutOfSpace_;
   std::atomic<bool> diskScanRequested_{false};
   // One folder walk (scan or purge) at a time. Taken before any other lock, and only by them.

@@ -25,6 +25,7 @@ bool MayWaitForPending(int flags) {
 JX_CheckoutResult JX_Bag::FindAndCheckout(const StuffPtr& request, int checkoutFlags,
                                           StuffPtr* found, bool* createdPending) {
   ZC_PROFILE_SCOPE("KQ.JX_SortDir::FindAndCheckout", 7);
+  ZC_PROFILE_SCOPE("KQ.JX_SortDir::FindAndCheckout 1", 7);
   if (!request) jx::ThrowNullPtr("JX_Stuff");
   if (!found || !createdPending) jx::ThrowNullPtr("JX_Bag::FindAndCheckout output");
   found->reset();
@@ -40,25 +41,32 @@ JX_CheckoutResult JX_Bag::FindAndCheckout(const StuffPtr& request, int checkoutF
     const JX_CompressedAllowedOption option =
         key ? key->GetCompressedAllowedOption() : kJX_CompressionNotAllowed;
     const int rounds = option != kJX_CompressionNotAllowed ? 2 : 1;
-    const auto guid = request->GetGuid();
+    size_t hash;
+    const auto guid = request->GetGuidAndHash(&hash);
 
     // Candidates are copied first: a writeable check-out takes its item out of the directory.
-    // Plain pointers suffice: the recency set holds a reference to every item of the bag, and
-    // nothing leaves the set while this thread holds the library lock.
+    // Plain pointers suffice while this thread holds the library lock: nothing leaves the
+    // directory meanwhile except through a writeable check-out made here, which keeps its own
+    // reference to the item (below).
     boost::container::small_vector<JX_Stuff*, 4> candidates;
-    sortDir_->ForEachWithGuid(guid, [&](const StuffPtr& s) {
+    sortDir_->ForEachWithGuid(guid, hash, [&](const StuffPtr& s) {
       candidates.push_back(s.get());
       return true;
     });
     // Disk reads happen after the library lock is released (below), never under it.
     const int lockedFlags = checkoutFlags | cf::kNoDiskRead;
+    const bool forWrite = !(checkoutFlags & cf::kReadOnly);
     bool pendingMatchRefused = false;
     for (int round = 0; round < rounds && !match; ++round) {
       const bool wantCompressed = round == 1;
       for (JX_Stuff* candidate : candidates) {
         bool matched = false;
         const JX_Stuff::MatchRequest request{&key, wantCompressed, &matched};
-        if (candidate->CheckoutInBag(lockedFlags, this, &matchWasPending, &request) ==
+        // Leaving the directory may drop its last reference to the item.
+        const StuffPtr held = forWrite ? StuffPtr(candidate) : StuffPtr();
+        // Its sizes are this bag's only while this bag's recency order links it.
+        JX_Bag* accountingBag = candidate->mruBag_ == this ? this : nullptr;
+        if (candidate->CheckoutInBag(lockedFlags, accountingBag, &matchWasPending, &request) ==
             kJX_CheckedOut) {
           match = StuffPtr(candidate);
           result = kJX_CheckedOut;

@@ -5,27 +5,68 @@
 // lock. A thread holding it must not wait on a pending item's gate, a condition, an executor or
 // a sleep, and must not free payload memory (purges hand memory to a deferred queue instead).
 // Functions taking `const JXp_ScLock&` require the caller to hold it; the argument proves it.
+//
+// Every cache hit takes it twice: construction and destruction are inline, and only open the
+// profiler scopes ("KQ.JXp_ScLock - wait", "KQ.JXp_ScLock - held") when conditional profiling
+// runs at volume 6 or more.
 #pragma once
 
+#include <deque>
+#include <memory>
+#include <mutex>
 #include <optional>
 
 #include "host/export.h"
 #include "host/profiler.h"
 #include "host/recursive_mutex.h"
 
+namespace jx::detail {
+extern JX_EXPORT constinit zelcore::threads::RecursiveMutex g_libraryMutex;
+// Set while the calling thread has memory waiting for its outermost release of the lock.
+extern JX_EXPORT thread_local constinit bool t_releaseDeferred;
+}  // namespace jx::detail
+
 class JX_EXPORT JXp_ScLock {
  public:
-  JXp_ScLock();
-  ~JXp_ScLock();
+  JXp_ScLock() {
+    if (zelcore::debug::CodeProfiler::IsConditionalProfiling(kProfileVolume)) {
+      LockProfiled();
+    } else {
+      Mutex().lock();
+    }
+    locked_ = true;
+  }
+  // Takes the lock only if nobody holds it (or the caller already does); see owns_lock().
+  explicit JXp_ScLock(std::try_to_lock_t) {
+    locked_ =
+        !zelcore::debug::CodeProfiler::IsConditionalProfiling(kProfileVolume) && Mutex().try_lock();
+  }
+  ~JXp_ScLock() { Unlock(); }
+  bool owns_lock() const { return locked_; }
   JXp_ScLock(const JXp_ScLock&) = delete;
   JXp_ScLock& operator=(const JXp_ScLock&) = delete;
 
   // Releases early; the destructor then does nothing.
-  void Unlock();
+  void Unlock() {
+    if (!locked_) return;
+    heldProfile_.reset();
+    locked_ = false;
+    Mutex().unlock();
+    if (jx::detail::t_releaseDeferred) [[unlikely]]
+      ReleaseDeferred();
+  }
+  // Releases `owners` (memory, files to drop) once the calling thread holds no library lock:
+  // at once when it holds none, else when its outermost hold ends. Freeing a large payload, or
+  // running a plug-in's delete callback, must never stall the threads waiting for the lock.
+  static void ReleaseOutsideLock(std::deque<std::shared_ptr<void>>&& owners);
   static bool IsLockedByCurrentThread() { return Mutex().IsLockedByCurrentThread(); }
-  static zelcore::threads::RecursiveMutex& Mutex();
+  static zelcore::threads::RecursiveMutex& Mutex() { return jx::detail::g_libraryMutex; }
 
  private:
+  static constexpr int kProfileVolume = 6;
+  void LockProfiled();
+  static void ReleaseDeferred();
+
   bool locked_ = false;
   std::optional<zelcore::debug::CodeProfiler> heldProfile_;
 };

@@ -4,6 +4,7 @@
 #include <ostream>
 
 #include "bag/bag.h"
+#include "bag/recency_log.h"
 #include "bag/sort_dir.h"
 #include "host/profiler.h"
 #include "host/standalone_host.h"
@@ -180,6 +181,7 @@ void JX_Bag::FreeUpSomeMemory(unsigned long long /*amount: the host is asked ins
   unsigned long long totalFreed = 0;
   {
     JXp_ScLock lock;
+    jx::recency::ApplyAll(lock);  // the walk goes by recency: every check-in's move first
     PurgeWalk walk(*this, &toRelease);
     for (int pass = walk.FirstPass(); pass <= 1; ++pass) {
       walk.StartPass(pass);
@@ -192,6 +194,8 @@ void JX_Bag::FreeUpSomeMemory(unsigned long long /*amount: the host is asked ins
     totalFreed = walk.TotalFreed();
   }
   if (totalFreed > 0) Y_PurgeRecycledMemory(totalFreed);
+  // Freed here, or, when the caller itself holds the library lock, once it lets go.
+  JXp_ScLock::ReleaseOutsideLock(std::move(toRelease));
 }
 
 void jx::PurgeOverBudget(JX_Bag& bag, unsigned long long bytes) {
@@ -210,6 +214,14 @@ bool JX_Stuff::ShouldAllowPurge() {
 }
 
 unsigned int JX_Stuff::FreeUpAsMuchAsPossible(bool removeFromMediaMap, ReleaseQueue* toRelease) {
+  if (!toRelease) {
+    // A caller without a queue of its own: the memory is still released only once the library
+    // lock is let go.
+    ReleaseQueue owners;
+    const unsigned int freed = FreeUpAsMuchAsPossible(removeFromMediaMap, &owners);
+    JXp_ScLock::ReleaseOutsideLock(std::move(owners));
+    return freed;
+  }
   IntrusivePtr<JX_Stuff> self(this);
   JXp_ScLock lock;
   ScopedWriteLockWrapper wl(mutex_);

@@ -40,7 +40,9 @@ void JX_SortDir::AddStuff(const StuffPtr& stuff) {
   auto key = stuff->GetFindKeyData();
   const bool compressed = stuff->IsCompressed();
   std::vector<StuffPtr> superseded;
-  ForEachWithGuid(stuff->GetGuid(), [&](const StuffPtr& old) {
+  size_t hash;
+  const zelcore::utility::Guid guid = stuff->GetGuidAndHash(&hash);
+  ForEachWithGuid(guid, hash, [&](const StuffPtr& old) {
     if (old == stuff) return true;
     bool sameCompression = old->IsCompressed() == compressed;
     // No find-key data: the new item answers any request for its GUID.
@@ -53,8 +55,13 @@ void JX_SortDir::AddStuff(const StuffPtr& stuff) {
   for (const StuffPtr& old : superseded) {
     if (auto bag = old->GetBag()) bag->RemoveStuffGuts(old, lock, true);
     old->RemoveFromBagAndSortDir();
+    // Nobody can find the old item any more: its disk copy would only take room in the folder,
+    // unless the new item answers from that very file.
+    if (!old->HasDiskCacheFile()) continue;
+    if (stuff->GetDiskCacheFile() == old->GetDiskCacheFile()) continue;
+    old->DropDiskCacheFileOutsideLock();
   }
-  items_.insert(stuff);
+  items_.insert(Entry{guid, hash, stuff});
   ScopedWriteLockWrapper wl(stuff->mutex_);
   stuff->sortDir_ = weak_from_this();
   stuff->tempRemovedFromSortDir_ = false;
@@ -81,9 +88,12 @@ void JX_SortDir::RemoveStuff(const StuffPtr& stuff) {
 void JX_SortDir::TempRemove(const StuffPtr& stuff, const JXp_ScLock&) { EraseNode(stuff); }
 
 void JX_SortDir::EraseNode(const StuffPtr& stuff) {
-  auto range = items_.equal_range(stuff);
-  for (auto it = range.first; it != range.second; ++it) {
-    if (*it == stuff) {
+  size_t hash;
+  const zelcore::utility::Guid guid = stuff->GetGuidAndHash(&hash);
+  const Key key{guid, hash};
+  Equal equal;
+  for (auto it = items_.find(key, Hash(), equal); it != items_.end() && equal(key, *it); ++it) {
+    if (it->stuff == stuff) {
       items_.erase(it);
       return;
     }
@@ -165,6 +175,7 @@ void JX_Bag::RemoveStuffFromBagAndSortDir(const StuffPtr& stuff, const JXp_ScLoc
 }
 
 void JX_Bag::ClearBagAndSortDir() {
+  ZC_PROFILE_SCOPE("KQ.JX_Bag::ClearBagAndSortDir", 7);
   std::deque<StuffPtr> items = CopyMruItems();
   for (const StuffPtr& s : items) s->RemoveFromBagAndSortDir();
 }

@@ -37,30 +37,41 @@ class JX_SortDir : public std::enable_shared_from_this<JX_SortDir> {
   void TempRemove(const StuffPtr& stuff, const JXp_ScLock& lock);
   size_t Size() const { return items_.size(); }
 
-  // Visits the items with `guid` (caller holds the library lock). `fn` returns false to stop.
+  // Visits the items with `guid`, whose directory hash is `hash` (caller holds the library
+  // lock). `fn` returns false to stop.
   template <class Fn>
-  void ForEachWithGuid(const zelcore::utility::Guid& guid, Fn&& fn) const;
+  void ForEachWithGuid(const zelcore::utility::Guid& guid, size_t hash, Fn&& fn) const;
+  template <class Fn>
+  void ForEachWithGuid(const zelcore::utility::Guid& guid, Fn&& fn) const {
+    ForEachWithGuid(guid, HashGuid(guid), std::forward<Fn>(fn));
+  }
 
   // Boost's hash_range over the GUID's sixteen bytes.
   static size_t HashGuid(const zelcore::utility::Guid& guid);
 
  private:
+  // A node keeps a copy of its item's key and hash: a search compares keys without touching
+  // (and missing the cache on) every item that shares the bucket. The copy cannot go stale: an
+  // item's GUID changes only while it is out of the directory.
+  struct Entry {
+    zelcore::utility::Guid guid;
+    size_t hash;
+    StuffPtr stuff;
+  };
+  struct Key {
+    const zelcore::utility::Guid& guid;
+    size_t hash;
+  };
   struct Hash {
-    size_t operator()(const StuffPtr& s) const { return HashGuid(s->GetGuid()); }
-    size_t operator()(const zelcore::utility::Guid& g) const { return HashGuid(g); }
+    size_t operator()(const Entry& e) const { return e.hash; }
+    size_t operator()(const Key& k) const { return k.hash; }
   };
   struct Equal {
-    bool operator()(const StuffPtr& a, const StuffPtr& b) const {
-      return a->GetGuid() == b->GetGuid();
-    }
-    bool operator()(const zelcore::utility::Guid& g, const StuffPtr& b) const {
-      return g == b->GetGuid();
-    }
-    bool operator()(const StuffPtr& a, const zelcore::utility::Guid& g) const {
-      return a->GetGuid() == g;
-    }
+    bool operator()(const Entry& a, const Entry& b) const { return a.guid == b.guid; }
+    bool operator()(const Key& k, const Entry& e) const { return k.guid == e.guid; }
+    bool operator()(const Entry& e, const Key& k) const { return e.guid == k.guid; }
   };
-  using Set = boost::unordered_multiset<StuffPtr, Hash, Equal>;
+  using Set = boost::unordered_multiset<Entry, Hash, Equal>;
 
   void EraseNode(const StuffPtr& stuff);
 
@@ -68,10 +79,11 @@ class JX_SortDir : public std::enable_shared_from_this<JX_SortDir> {
 };
 
 template <class Fn>
-void JX_SortDir::ForEachWithGuid(const zelcore::utility::Guid& guid, Fn&& fn) const {
+void JX_SortDir::ForEachWithGuid(const zelcore::utility::Guid& guid, size_t hash, Fn&& fn) const {
   // Equal elements of a multiset are adjacent: walk from the first until the GUID changes.
+  const Key key{guid, hash};
   Equal equal;
-  for (auto it = items_.find(guid, Hash(), equal); it != items_.end() && equal(guid, *it); ++it) {
-    if (!fn(*it)) return;
+  for (auto it = items_.find(key, Hash(), equal); it != items_.end() && equal(key, *it); ++it) {
+    if (!fn(it->stuff)) return;
   }
 }

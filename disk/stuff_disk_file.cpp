@@ -2,6 +2,7 @@
 #include <atomic>
 
 #include "bag/bag.h"
+#include "bag/library_lock.h"
 #include "items/stuff.h"
 
 using zelcore::filesupport::File;
@@ -35,6 +36,7 @@ void JX_Stuff::ClearDiskCacheFile() {
 
 bool JX_Stuff::DeleteDiskCacheFile() {
   bool inMemory;
+  MemDiskChangedSignal* signal = nullptr;
   {
     ScopedWriteLockWrapper wl(mutex_);
     if (!diskFile_) return false;
@@ -50,6 +52,8 @@ bool JX_Stuff::DeleteDiskCacheFile() {
     }
     diskFile_.reset();
     inMemory = data_ && data_->IsInMemory();
+    // The signal is created under this lock; read it here, fire it after.
+    signal = memDiskChanged_.get();
     if (size == 0) {
       // An empty or unreadable file still leaves the item: its counted size must go too.
       wl.Unlock();
@@ -57,9 +61,19 @@ bool JX_Stuff::DeleteDiskCacheFile() {
       return false;
     }
   }
-  if (memDiskChanged_) memDiskChanged_->Fire(inMemory, false);
+  if (signal) signal->Fire(inMemory, false);
   SyncDiskSizeWithBag(0);
   return true;
+}
+
+void JX_Stuff::DropDiskCacheFileOutsideLock() {
+  if (!HasDiskCacheFile() || GetNumDiskCacheCheckouts() != 0) return;
+  IntrusivePtr<JX_Stuff> self(this);
+  std::deque<std::shared_ptr<void>> owners;
+  owners.emplace_back(nullptr, [self](void*) {
+    if (self->GetNumDiskCacheCheckouts() == 0) self->DeleteDiskCacheFile();
+  });
+  JXp_ScLock::ReleaseOutsideLock(std::move(owners));
 }
 
 void JX_Stuff::MaybeDeleteDiskCacheFile(uint64_t lastUsedThreshold, bool* deleted, bool* skipped) {

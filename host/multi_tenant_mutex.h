@@ -11,12 +11,31 @@
 //
 // Waiting threads sleep on a process-wide parking table, so a mutex costs one word plus the
 // annotations ThreadSanitizer needs.
+//
+// Item locks are taken several times on every cache hit, so the uncontended cases (a first
+// acquisition that finds the way free, recursion, a release that wakes nobody) are inline and
+// cost one atomic operation; everything that may wait or must report lives in the .cpp.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <stdexcept>
 #include <utility>
+
+#include "host/export.h"
+#include "host/thread_id.h"
+
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define JX_TSAN_ANNOTATIONS 1
+#endif
+#endif
+#if !defined(JX_TSAN_ANNOTATIONS) && defined(__SANITIZE_THREAD__)
+#define JX_TSAN_ANNOTATIONS 1
+#endif
+#if defined(JX_TSAN_ANNOTATIONS)
+#include <sanitizer/tsan_interface.h>
+#endif
 
 namespace zelcore::threads {
 
@@ -25,32 +44,254 @@ class LockUsageError : public std::logic_error {
   using std::logic_error::logic_error;
 };
 
-class MultiTenantRecursiveMutex {
+namespace detail {
+
+// ThreadSanitizer hears about hand-written locks through these; they compile to nothing
+// otherwise. `read` marks a shared acquisition.
+#if defined(JX_TSAN_ANNOTATIONS)
+inline unsigned TsanReadFlag(bool read) { return read ? __tsan_mutex_read_lock : 0u; }
+inline void TsanCreate(void* m) { __tsan_mutex_create(m, 0); }
+inline void TsanDestroy(void* m) { __tsan_mutex_destroy(m, 0); }
+inline void TsanPreLock(void* m, bool read) { __tsan_mutex_pre_lock(m, TsanReadFlag(read)); }
+inline void TsanPostLock(void* m, bool read) { __tsan_mutex_post_lock(m, TsanReadFlag(read), 0); }
+inline void TsanPreUnlock(void* m, bool read) { __tsan_mutex_pre_unlock(m, TsanReadFlag(read)); }
+inline void TsanPostUnlock(void* m, bool read) { __tsan_mutex_post_unlock(m, TsanReadFlag(read)); }
+inline void TsanPreTryLock(void* m) { __tsan_mutex_pre_lock(m, __tsan_mutex_try_lock); }
+inline void TsanPostTryLock(void* m, bool ok) {
+  __tsan_mutex_post_lock(m, ok ? __tsan_mutex_try_lock : __tsan_mutex_try_lock_failed, 0);
+}
+#else
+inline void TsanCreate(void*) {}
+inline void TsanDestroy(void*) {}
+inline void TsanPreLock(void*, bool) {}
+inline void TsanPostLock(void*, bool) {}
+inline void TsanPreUnlock(void*, bool) {}
+inline void TsanPostUnlock(void*, bool) {}
+inline void TsanPreTryLock(void*) {}
+inline void TsanPostTryLock(void*, bool) {}
+#endif
+
+// A mutex the calling thread holds as a reader only, and how often.
+struct MtHolding {
+  const void* mutex;
+  uint32_t read;
+};
+
+// The calling thread's read holdings. A thread rarely holds more than a handful of item locks:
+// the inline array is trivially destructible, so reaching it needs no thread-local
+// initialisation check; holdings past it go to an overflow vector in the .cpp. `owned` counts
+// the mutexes the thread holds as upgrader or writer (those record their owner in the mutex).
+inline constexpr uint32_t kInlineMtHoldings = 8;
+struct MtHoldings {
+  MtHolding items[kInlineMtHoldings];
+  uint32_t count;
+  uint32_t overflowCount;
+  uint32_t owned;
+};
+extern JX_EXPORT thread_local constinit MtHoldings t_mtHoldings;
+
+}  // namespace detail
+
+class JX_EXPORT MultiTenantRecursiveMutex {
  public:
-  MultiTenantRecursiveMutex();
-  ~MultiTenantRecursiveMutex();
+  MultiTenantRecursiveMutex() { detail::TsanCreate(this); }
+  ~MultiTenantRecursiveMutex() { detail::TsanDestroy(this); }
   MultiTenantRecursiveMutex(const MultiTenantRecursiveMutex&) = delete;
   MultiTenantRecursiveMutex& operator=(const MultiTenantRecursiveMutex&) = delete;
 
-  void LockRead();
-  void UnlockRead();
-  void LockUpgrade();
-  void UnlockUpgrade();
-  void LockWrite();
-  void UnlockWrite();
+  void LockRead() {
+    if (IsOwner()) {
+      ++ownerReads_;  // the upgrade or write lock already covers reading
+      return;
+    }
+    if (detail::MtHolding* h = FindReader()) {
+      ++h->read;  // a reader already in is never held up, whoever waits
+      return;
+    }
+    detail::TsanPreLock(this, true);
+    Acquire(kReaderBlockers, kOneReader, false);
+    detail::TsanPostLock(this, true);
+    AddReader();
+  }
+  void LockUpgrade() {
+    if (IsOwner()) {
+      ++upgradeDepth_;
+      return;
+    }
+    if (FindReader() != nullptr) ThrowReadHeld();
+    detail::TsanPreLock(this, true);  // an upgrader reads, as far as ThreadSanitizer knows
+    Acquire(kUpgraderBlockers, kUpgrader, false);
+    detail::TsanPostLock(this, true);
+    TakeOwnership();
+    upgradeDepth_ = 1;
+  }
+  void LockWrite() {
+    if (IsOwner()) {
+      if (writeDepth_ != 0) {
+        ++writeDepth_;
+      } else {
+        ConvertToWrite();  // the upgrader waits for the other readers to leave
+      }
+      return;
+    }
+    if (FindReader() != nullptr) ThrowReadHeld();
+    detail::TsanPreLock(this, false);
+    Acquire(kWriterBlockers, kUpgrader | kWriter, true);
+    detail::TsanPostLock(this, false);
+    TakeOwnership();
+    writeDepth_ = 1;
+  }
+
+  void UnlockRead() {
+    if (IsOwner()) {
+      if (ownerReads_ == 0) ThrowBadUnlock("read");
+      --ownerReads_;
+      return;
+    }
+    detail::MtHolding* h = FindReader();
+    if (h == nullptr) ThrowBadUnlock("read");
+    if (--h->read != 0) return;
+    RemoveReader(h);
+    Release(kOneReader);
+  }
+  void UnlockUpgrade() {
+    if (!IsOwner() || upgradeDepth_ == 0) ThrowBadUnlock("upgrade");
+    if (--upgradeDepth_ != 0 || writeDepth_ != 0) return;
+    GiveUpOwnership(kUpgrader);
+  }
+  void UnlockWrite() {
+    if (!IsOwner() || writeDepth_ == 0) ThrowBadUnlock("write");
+    if (--writeDepth_ != 0) return;
+    if (upgradeDepth_ != 0) return Weaken(kUpgrader | kWriter, kUpgrader);
+    GiveUpOwnership(kUpgrader | kWriter);
+  }
 
   // What the calling thread holds (any depth).
-  bool IsReadLockedByCurrentThread() const;
-  bool IsUpgradeLockedByCurrentThread() const;
-  bool IsWriteLockedByCurrentThread() const;
+  bool IsReadLockedByCurrentThread() const {
+    if (IsOwner()) return ownerReads_ != 0;
+    return FindReader() != nullptr;
+  }
+  bool IsUpgradeLockedByCurrentThread() const { return IsOwner() && upgradeDepth_ != 0; }
+  bool IsWriteLockedByCurrentThread() const { return IsOwner() && writeDepth_ != 0; }
   // Whether the calling thread holds this mutex in any mode.
-  bool IsHeldByCurrentThread() const;
+  bool IsHeldByCurrentThread() const { return IsOwner() || FindReader() != nullptr; }
   // Whether the calling thread holds any MultiTenantRecursiveMutex at all (used to assert that
   // nobody waits while holding an item lock).
-  static bool CurrentThreadHoldsAny();
+  static bool CurrentThreadHoldsAny() {
+    const detail::MtHoldings& table = detail::t_mtHoldings;
+    return (table.count | table.overflowCount | table.owned) != 0;
+  }
 
  private:
+  // The shared word counts tenants, not lock calls: every thread that holds the mutex
+  // contributes exactly once, according to the strongest mode it holds (read only: one reader;
+  // upgrade: the upgrader bit; write: the upgrader and writer bits). There is at most one
+  // upgrader-or-writer, and it records itself in owner_ with its depths, which only it touches;
+  // readers keep their depth in their thread's holdings. Taking a lock the thread already holds
+  // therefore never touches the shared word and never waits.
+  static constexpr uint32_t kOneReader = 1;
+  static constexpr uint32_t kReaderMask = 0xFFFFu;
+  static constexpr uint32_t kOneWaitingWriter = 1u << 16;
+  static constexpr uint32_t kWaitingWriterMask = 0x1FFFu << 16;
+  static constexpr uint32_t kUpgrader = 1u << 29;
+  static constexpr uint32_t kWriter = 1u << 30;
+  static constexpr uint32_t kParked = 1u << 31;
+  // New tenants stop behind a writer and behind writers waiting for one; a writer needs the
+  // word empty.
+  static constexpr uint32_t kReaderBlockers = kWriter | kWaitingWriterMask;
+  static constexpr uint32_t kUpgraderBlockers = kUpgrader | kWriter | kWaitingWriterMask;
+  static constexpr uint32_t kWriterBlockers = kReaderMask | kUpgrader | kWriter;
+
+  // Only the calling thread ever stores its own id here, so a relaxed read cannot mistake
+  // another thread's ownership for its own, nor the reverse.
+  bool IsOwner() const { return owner_.load(std::memory_order_relaxed) == CurrentThreadId(); }
+
+  detail::MtHolding* FindReader() const {
+    detail::MtHoldings& table = detail::t_mtHoldings;
+    // Newest first: a thread usually releases what it took last.
+    for (uint32_t i = table.count; i-- > 0;) {
+      if (table.items[i].mutex == this) return &table.items[i];
+    }
+    return table.overflowCount != 0 ? FindOverflowReader() : nullptr;
+  }
+  void AddReader() {
+    detail::MtHoldings& table = detail::t_mtHoldings;
+    if (table.count < detail::kInlineMtHoldings) {
+      table.items[table.count++] = detail::MtHolding{this, 1};
+    } else {
+      AddOverflowReader(1);
+    }
+  }
+  void RemoveReader(detail::MtHolding* h) {
+    detail::MtHoldings& table = detail::t_mtHoldings;
+    if (table.overflowCount == 0) {
+      *h = table.items[--table.count];
+    } else {
+      RemoveReaderSlow(h);
+    }
+  }
+  void TakeOwnership() {
+    owner_.store(CurrentThreadId(), std::memory_order_relaxed);
+    ++detail::t_mtHoldings.owned;
+  }
+  // The owner lets go of upgrade and write; `before` is what it contributed. It stays a reader
+  // when it still holds read locks.
+  void GiveUpOwnership(uint32_t before) {
+    owner_.store(kNoOwner, std::memory_order_relaxed);
+    --detail::t_mtHoldings.owned;
+    if (ownerReads_ != 0) return BecomeReader(before);
+    Release(before);
+  }
+
+  // Adds `add` to the shared word once none of `blockers` is set.
+  void Acquire(uint32_t blockers, uint32_t add, bool isWriter) {
+    uint32_t s = state_.load(std::memory_order_relaxed);
+    if ((s & blockers) != 0 ||
+        !state_.compare_exchange_strong(s, s + add, std::memory_order_acquire,
+                                        std::memory_order_relaxed)) {
+      AcquireSlow(blockers, add, isWriter);
+    }
+  }
+  void Release(uint32_t before) {
+    const bool read = (before & kWriter) == 0;
+    detail::TsanPreUnlock(this, read);
+    const uint32_t old = state_.fetch_sub(before, std::memory_order_release);
+    if ((old & kParked) != 0) WakeAfterRelease(old - before, before, 0);
+    detail::TsanPostUnlock(this, read);
+  }
+
+  // Out of line: waiting, conversions, overflow, misuse.
+  void AcquireSlow(uint32_t blockers, uint32_t add, bool isWriter);
+  void ConvertToWrite();
+  void BecomeReader(uint32_t before);
+  void Weaken(uint32_t before, uint32_t after);
+  void WakeAfterRelease(uint32_t now, uint32_t before, uint32_t after);
+  detail::MtHolding* FindOverflowReader() const;
+  void AddOverflowReader(uint32_t depth);
+  static void RemoveReaderSlow(detail::MtHolding* h);
+  [[noreturn]] static void ThrowReadHeld();
+  [[noreturn]] static void ThrowBadUnlock(const char* mode);
+
+  static constexpr ThreadId kNoOwner = kNoThread;
+
   std::atomic<uint32_t> state_{0};
+  std::atomic<ThreadId> owner_{kNoOwner};
+  // Touched only by the owner, but one owner follows another: relaxed atomics, because
+  // ThreadSanitizer sees no order between an upgrader leaving and the next one arriving (both are
+  // shared holders to it), although the shared word orders them.
+  struct OwnerCount {
+    std::atomic<uint32_t> n{0};
+    operator uint32_t() const { return n.load(std::memory_order_relaxed); }
+    OwnerCount& operator=(uint32_t v) {
+      n.store(v, std::memory_order_relaxed);
+      return *this;
+    }
+    uint32_t operator++() { return (*this = *this + 1), *this; }
+    uint32_t operator--() { return (*this = *this - 1), *this; }
+  };
+  OwnerCount upgradeDepth_;
+  OwnerCount writeDepth_;
+  OwnerCount ownerReads_;  // read locks taken while upgrader or writer
 };
 
 class ScopedReadLockWrapper {

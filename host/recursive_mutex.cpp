@@ -1,23 +1,45 @@
-// RecursiveMutex: a std::mutex plus the owner's id and a depth only the owner touches.
-//
-// owner_ can be read relaxed: the only thread that can ever store the caller's id into it is the
-// caller itself, so a stale value can never look like "mine" when it is not, nor the reverse.
+// RecursiveMutex: the lock word is free, locked, or locked with sleepers. A thread that must
+// wait marks the word "with sleepers" by exchange and sleeps until the word changes; the unlock
+// that finds sleepers wakes them, and each woken thread marks the word again as it takes it, so
+// no sleeper is forgotten while others still wait.
 #include "host/recursive_mutex.h"
 
 #include <stdexcept>
 
-namespace zelcore::threads {
+#include "host/parking.h"
 
-void RecursiveMutex::lock() {
-  const ThreadId me = CurrentThreadId();
-  if (owner_.load(std::memory_order_relaxed) == me) {
-    ++depth_;
-    return;
-  }
-  mutex_.lock();
-  owner_.store(me, std::memory_order_relaxed);
-  depth_ = 1;
+namespace zelcore::threads {
+namespace {
+
+constexpr int kSpinLimit = 100;
+
+inline void CpuRelax() {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__) || defined(__arm__)
+  __asm__ __volatile__("yield");
+#endif
 }
+
+}  // namespace
+
+void RecursiveMutex::LockSlow() {
+  for (int spins = 0; spins < kSpinLimit; ++spins) {
+    CpuRelax();
+    uint32_t expected = kFree;
+    if (state_.load(std::memory_order_relaxed) == kFree &&
+        state_.compare_exchange_weak(expected, kLocked, std::memory_order_acquire,
+                                     std::memory_order_relaxed)) {
+      return;
+    }
+  }
+  while (state_.exchange(kLockedWithSleepers, std::memory_order_acquire) != kFree) {
+    detail::ParkUntil(
+        &state_, [this] { return state_.load(std::memory_order_relaxed) != kLockedWithSleepers; });
+  }
+}
+
+void RecursiveMutex::WakeSleepers() { detail::WakeAll(&state_); }
 
 bool RecursiveMutex::try_lock() {
   const ThreadId me = CurrentThreadId();
@@ -25,21 +47,19 @@ bool RecursiveMutex::try_lock() {
     ++depth_;
     return true;
   }
-  if (!mutex_.try_lock()) return false;
+  detail::TsanPreTryLock(this);
+  uint32_t expected = kFree;
+  const bool ok = state_.compare_exchange_strong(expected, kLocked, std::memory_order_acquire,
+                                                 std::memory_order_relaxed);
+  detail::TsanPostTryLock(this, ok);
+  if (!ok) return false;
   owner_.store(me, std::memory_order_relaxed);
   depth_ = 1;
   return true;
 }
 
-void RecursiveMutex::unlock() {
-  // Unlocking a mutex the thread does not hold would corrupt the owner's depth: fail loudly.
-  if (!IsLockedByCurrentThread()) {
-    throw std::logic_error("RecursiveMutex unlocked by a thread that does not hold it");
-  }
-  if (--depth_ == 0) {
-    owner_.store(kNoThread, std::memory_order_relaxed);
-    mutex_.unlock();
-  }
+void RecursiveMutex::ThrowNotOwner() {
+  throw std::logic_error("RecursiveMutex unlocked by a thread that does not hold it");
 }
 
 }  // namespace zelcore::threads

@@ -4,12 +4,15 @@
 
 #include "bag/bag.h"
 #include "bag/library_lock.h"
+#include "bag/recency_log.h"
 #include "bag/sort_dir.h"
+#include "host/high_precision_time.h"
 #include "host/profiler.h"
 #include "host/trace.h"
 #include "host/y_api.h"
 #include "items/stuff.h"
 #include "lifecycle/failures.h"
+#include "lifecycle/settings.h"
 
 namespace cf = jx::checkout_flags;
 namespace ci = jx::checkin_flags;
@@ -44,10 +47,32 @@ JX_CheckoutResult JX_Stuff::CheckoutInBag(int flags, JX_Bag* bag, bool* wasPendi
 
 JX_CheckoutResult JX_Stuff::CheckoutForWrite(int flags, JX_Bag* knownBag, bool* wasPending,
                                              const MatchRequest* match) {
-  // The directory removal needs the library lock, and it comes before the item lock.
-  JXp_ScLock lock;
-  ScopedUpgradeLockWrapper up(mutex_);
-  return CheckoutLocked(flags, up, &lock, knownBag, wasPending, match);
+  // Taking the item out of the directory may drop the directory's reference to it.
+  IntrusivePtr<JX_Stuff> self(this);
+  JX_CheckoutResult result;
+  {
+    // The directory removal needs the library lock, and it comes before the item lock. The disk
+    // read, if one is needed, waits until the lock is released.
+    JXp_ScLock lock;
+    ScopedUpgradeLockWrapper up(mutex_);
+    result = CheckoutLocked(flags | cf::kNoDiskRead, up, &lock, knownBag, wasPending, match);
+  }
+  if (result != kJX_CheckedOut || (flags & cf::kNoDiskRead) || match) return result;
+  if (!ReadBackIfOnDiskOnly()) {
+    // Refused after all: undo the check-out and leave the item where it was.
+    Checkin(ci::kKeepRecency, 0.0);
+    return kJX_CheckoutRefused;
+  }
+  return result;
+}
+
+bool JX_Stuff::ReadBackIfOnDiskOnly() {
+  if (IsPendingRender() || IsInMemory() || !HasDiskCacheFile()) return true;
+  try {
+    return EnsureInMemory();
+  } catch (...) {
+    return false;
+  }
 }
 
 JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, ScopedUpgradeLockWrapper& up,
@@ -103,7 +128,8 @@ JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, ScopedUpgradeLockWrapper& 
     writeable_ = true;
   }
   JX_GetStuffCounters().itemsCheckedOut.fetch_add(1, std::memory_order_relaxed);
-  ResyncMemorySize(knownBag);
+  // The upgrade lock held here is what a size sync needs.
+  SyncMemorySizeLocked(data_ ? data_->GetApproximateMemorySize() : 0, knownBag);
   if (wasPending) *wasPending = pending;
   return kJX_CheckedOut;
 }
@@ -115,13 +141,21 @@ void JX_Stuff::CheckoutNewPending() {
 }
 
 void JX_Stuff::Checkin(int flags, double computeTime) {
+  // The caller's reference keeps the item alive for the call; removal, purging and a media-map
+  // refresh may drop the bag's, so those paths hold their own.
+  IntrusivePtr<JX_Stuff> self;
+  if ((flags & (ci::kRemove | ci::kPurge)) || jx::settings::UseMediaMap()) self.reset(this);
+  CheckinImpl(flags, computeTime);
+}
+
+void JX_Stuff::CheckinImpl(int flags, double computeTime) {
   ZC_PROFILE_SCOPE("KQ.JX_Stuff::Checkin", 6);
-  IntrusivePtr<JX_Stuff> self(this);
+  if (CheckinReadOnly(flags)) return;
   bool wasWriteable;
-  std::shared_ptr<JX_Bag> bag;
   {
     JXp_ScLock lock;
     std::shared_ptr<JX_SortDir> dir;
+    JX_Bag* bag;
     {
       // One hold of the item's lock for all of the item's own bookkeeping.
       ScopedWriteLockWrapper wl(mutex_);
@@ -134,23 +168,26 @@ void JX_Stuff::Checkin(int flags, double computeTime) {
       uint32_t n = checkoutCount_.load(std::memory_order_acquire);
       while (n > 0 && !checkoutCount_.compare_exchange_weak(n, n - 1, std::memory_order_acq_rel)) {
       }
-      bag = bag_.lock();
+      // The bag whose recency order links the item; the library lock keeps it alive.
+      bag = mruBag_;
       // The checked-out share drops with the count, in this same hold. Removal and purging
       // below re-synchronise again after they change the item.
-      SyncMemorySizeLocked(data_ ? data_->GetApproximateMemorySize() : 0, bag.get());
+      SyncMemorySizeLocked(data_ ? data_->GetApproximateMemorySize() : 0, bag);
     }
     if (dir) {
       // Back into the directory under the (possibly new) GUID; holding the library lock is what
       // keeps membership consistent.
-      dir->AddStuff(self);
+      dir->AddStuff(IntrusivePtr<JX_Stuff>(this));
       ZC_TRACE("JX_Stuff", 6, "check-in updated w/ guid:" << GetGuid().AsString());
     }
-    if (bag && !(flags & ci::kKeepRecency)) bag->UpdateWithNewLastUsedTime(self, lock);
+    if (bag && !(flags & ci::kKeepRecency)) bag->MoveToYoungEnd(*this, lock);
   }
   // With every lock released.
-  JX_GetStuffCounters().itemsCheckedOut.fetch_sub(1, std::memory_order_relaxed);
+  JX_GetStuffCounters().itemsCheckedOut.fetch_sub(1);
   if (flags & ci::kRemove) {
     RemoveFromBagAndSortDir();
+    // Nobody can find the item any more: its disk copy would only take room in the folder.
+    DropDiskCacheFileOutsideLock();
   } else if (flags & ci::kPurge) {
     FreeUpAsMuchAsPossible(true, nullptr);
   } else {
@@ -176,9 +213,53 @@ void JX_Stuff::ConvertToWriteable() {
   DeleteDiskCacheFile();
 }
 
+bool JX_Stuff::CheckinReadOnly(int flags) {
+  // The media map renews an item's entry as the item moves; that needs the library lock.
+  if ((flags & (ci::kRemove | ci::kPurge | ci::kWriteNow)) || jx::settings::UseMediaMap()) {
+    return false;
+  }
+  // Free library lock: move the item now. Held by another thread: note the move for later
+  // rather than queue behind it (see bag/recency_log.h).
+  JXp_ScLock lock(std::try_to_lock);
+  JX_Bag* bag;
+  {
+    ScopedWriteLockWrapper wl(mutex_);
+    if (writeable_) return false;
+    uint32_t n = checkoutCount_.load(std::memory_order_acquire);
+    while (n > 0 && !checkoutCount_.compare_exchange_weak(n, n - 1, std::memory_order_acq_rel)) {
+    }
+    // Holding the item's lock keeps its bag alive and linked while the sizes move.
+    bag = mruBag_;
+    SyncMemorySizeLocked(data_ ? data_->GetApproximateMemorySize() : 0, bag);
+  }
+  if (bag && !(flags & ci::kKeepRecency)) {
+    if (lock.owns_lock()) {
+      bag->MoveToYoungEnd(*this, lock);
+    } else {
+      const uint64_t now = zelcore::utility::HighPrecisionTime::GetCurrentTimeStamp();
+      lastUsedTime_.store(now, std::memory_order_release);
+      jx::recency::Note(*this, now);
+    }
+  }
+  lock.Unlock();
+  JX_GetStuffCounters().itemsCheckedOut.fetch_sub(1);
+  return true;
+}
+
 JX_CheckoutResult JX_Stuff::CheckinAndCheckout(int checkinFlags, double computeTime,
                                                int checkoutFlags) {
-  JXp_ScLock lock;
-  Checkin(checkinFlags, computeTime);
-  return Checkout(checkoutFlags);
+  IntrusivePtr<JX_Stuff> self(this);
+  JX_CheckoutResult result;
+  {
+    JXp_ScLock lock;
+    Checkin(checkinFlags, computeTime);
+    // A read back from disk waits until nobody is kept out of the library lock by it.
+    result = Checkout(checkoutFlags | cf::kNoDiskRead);
+  }
+  if (result != kJX_CheckedOut || (checkoutFlags & cf::kNoDiskRead)) return result;
+  if (!ReadBackIfOnDiskOnly()) {
+    Checkin(ci::kKeepRecency, 0.0);
+    return kJX_CheckoutRefused;
+  }
+  return result;
 }

@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "bag/bag.h"
+#include "bag/library_lock.h"
 #include "host/config.h"
 #include "host/profiler.h"
 #include "host/trace.h"
@@ -31,10 +32,20 @@ class ScQuietErrors {
   ScQuietErrors& operator=(const ScQuietErrors&) = delete;
 };
 
+// The disk writer needs the library lock and the items' locks to drain its queue: a thread
+// holding one of them (or a host lock another thread may need) must not sleep until it drains.
+bool MaySleepForTheWriter() {
+  return !JXp_ScLock::IsLockedByCurrentThread() &&
+         !zelcore::threads::MultiTenantRecursiveMutex::CurrentThreadHoldsAny() &&
+         !Y::ScNotifyHoldingMutexLock::IsHoldingLock();
+}
+
 }  // namespace
 
 void JX_Stuff::WaitForPendingCompletion() const {
   if (!IsPendingRender()) return;
+  // The renderer itself would wait for ever: it is the one who must open the gate.
+  if (IsPendingFromThisThread()) return;
   ZC_PROFILE_SCOPE("KQ.JX_Stuff::WaitForPendingCompletion", 6);
   JX_GetStuffCounters().pendingWaits.fetch_add(1, std::memory_order_relaxed);
   pendingGate_.WaitUntil(std::chrono::steady_clock::now() + kPendingWaitDeadline);
@@ -58,7 +69,7 @@ void JX_Stuff::SetStuffDataFromPendingRender_Impl(IntrusivePtr<JX_StuffData> dat
   // A renderer that outruns the disk writer is held back until the whole queue has drained,
   // not merely until it is under the threshold: that keeps writes in long, even batches.
   if (!skipBackPressure && JX_IsImprovedDiskCacheBehaviorFullyEnabled() &&
-      JX_GetQueuedDiskWriteCount() > kBackPressureQueuedWrites) {
+      JX_GetQueuedDiskWriteCount() > kBackPressureQueuedWrites && MaySleepForTheWriter()) {
     while (JX_GetQueuedDiskWriteCount() > 0) std::this_thread::sleep_for(kBackPressureStep);
   }
   IntrusivePtr<JX_StuffData> findKey = GetFindKeyData();

@@ -57,16 +57,28 @@ JX_CheckoutResult JX_ScCheckout::CheckoutImpl(IntrusivePtr<JX_Stuff> item, int f
 }
 
 JX_CheckoutResult JX_ScCheckout::FindAndCheckout(IntrusivePtr<JX_Stuff> item, int flags) {
+  JX_Bag* bag = jx::GlobalBagUnretained();
+  if ((flags & cf::kWaitBits) == 0 && !(flags & cf::kHoldWithoutCheckout) && bag && item) {
+    // A search that may not wait can run under one hold of the handle's lock.
+    ScopedWriteLockWrapper wl(mutex_);
+    CheckinLocked(checkinFlags_, 0.0);
+    checkoutFlags_ = flags;
+    IntrusivePtr<JX_Stuff> found;
+    bool created = false;
+    const JX_CheckoutResult result = bag->FindAndCheckout(item, flags, &found, &created);
+    result_ = result;
+    if (result != kJX_CheckoutRefused) item_ = std::move(found);
+    return result;
+  }
   {
     ScopedWriteLockWrapper wl(mutex_);
     CheckinLocked(checkinFlags_, 0.0);
     checkoutFlags_ = flags;
   }
   if (flags & cf::kHoldWithoutCheckout) return kJX_CheckoutRefused;
-  JX_Bag* bag = jx::GlobalBagUnretained();
   if (!bag || !item) return kJX_CheckoutRefused;
-  // The handle's lock is not held across the search: the search may wait for another thread's
-  // render, and a thread holding any reader/writer lock is never allowed to wait.
+  // The handle's lock is not held across a search that may wait for another thread's render:
+  // a thread holding any reader/writer lock is never allowed to wait.
   IntrusivePtr<JX_Stuff> found;
   bool created = false;
   JX_CheckoutResult result = bag->FindAndCheckout(item, flags, &found, &created);

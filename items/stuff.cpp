@@ -41,13 +41,20 @@ class GuidSpinGuard {
 
 }  // namespace
 
-JX_StuffCounters& JX_GetStuffCounters() {
-  static JX_StuffCounters counters;
-  return counters;
+namespace jx::detail {
+constinit JX_StuffCounters g_stuffCounters;
+}  // namespace jx::detail
+
+namespace {
+uint64_t EmptyGuidHash() {
+  static const uint64_t hash = JX_SortDir::HashGuid(zelcore::utility::Guid());
+  return hash;
 }
+}  // namespace
 
 JX_Stuff::JX_Stuff(IntrusivePtr<JX_StuffData> data, double computeTime, bool pending)
-    : pending_(pending),
+    : guidHash_(EmptyGuidHash()),
+      pending_(pending),
       data_(std::move(data)),
       lastUsedTime_(HighPrecisionTime::GetCurrentTimeStamp()),
       computeTime_(computeTime) {
@@ -140,16 +147,28 @@ double JX_Stuff::GetComputeTime() const {
 }
 
 zelcore::utility::Guid JX_Stuff::GetGuid() const {
+  size_t hash;
+  return GetGuidAndHash(&hash);
+}
+
+zelcore::utility::Guid JX_Stuff::GetGuidAndHash(size_t* hash) const {
   std::array<uint8_t, 16> bytes;
   for (;;) {
     uint32_t seq = guidSeq_.load(std::memory_order_acquire);
-    if (seq & 1) continue;  // a writer is in the middle of it
+    if (seq & 1) {  // a writer is in the middle of it
+#if defined(__x86_64__) || defined(__i386__)
+      __builtin_ia32_pause();
+#endif
+      continue;
+    }
     uint64_t w0 = guidWords_[0].load(std::memory_order_relaxed);
     uint64_t w1 = guidWords_[1].load(std::memory_order_relaxed);
+    uint64_t h = guidHash_.load(std::memory_order_relaxed);
     std::atomic_thread_fence(std::memory_order_acquire);
     if (guidSeq_.load(std::memory_order_relaxed) != seq) continue;
     std::memcpy(bytes.data(), &w0, 8);
     std::memcpy(bytes.data() + 8, &w1, 8);
+    *hash = static_cast<size_t>(h);
     return Guid(bytes);
   }
 }
@@ -167,10 +186,14 @@ void JX_Stuff::StoreGuid(const Guid& guid) {
   uint64_t w0, w1;
   std::memcpy(&w0, guid.Bytes().data(), 8);
   std::memcpy(&w1, guid.Bytes().data() + 8, 8);
+  const uint64_t hash = JX_SortDir::HashGuid(guid);
   GuidSpinGuard g(guidSpin_);
   guidSeq_.fetch_add(1, std::memory_order_acq_rel);  // odd: write in progress
+  // Keeps the odd count ahead of the new words for a reader whose acquire fence follows them.
+  std::atomic_thread_fence(std::memory_order_release);
   guidWords_[0].store(w0, std::memory_order_relaxed);
   guidWords_[1].store(w1, std::memory_order_relaxed);
+  guidHash_.store(hash, std::memory_order_relaxed);
   guidSeq_.fetch_add(1, std::memory_order_release);  // even: stable again
 }
 

@@ -13,10 +13,14 @@
 // reader/writer lock (mutex_) -> this item's GUID spin lock. Never take the library lock while
 // holding an item lock, and never wait (gate, sleep, executor) while holding either.
 //   mutex_ guards: data_, findKeyData_, writeable_, tempRemovedFromSortDir_, bag_, sortDir_,
-//                  computeTime_, diskFile_, mediaMapGuid_, mediaMapID_, pendingThread_.
+//                  computeTime_, diskFile_, memDiskChanged_, mediaMapGuid_, mediaMapID_,
+//                  pendingThread_.
 //   guidSpin_ serialises writers of the GUID; readers never block: they re-read when the
 //   sequence word (guidSeq_) shows that a write overlapped their copy.
-//   The library lock guards: the recency-set hook (mruHook_) and directory membership.
+//   The library lock guards: the recency-set hook (mruHook_) and mruStamp_ (the stamp that
+//                  places the item there), and directory membership. mruBag_ is written holding
+//                  both the library lock and mutex_, so holding either is enough to read it and
+//                  use the bag (which clears it, under both, as it dies).
 //   Atomics (no lock): checkoutCount_, pending_, lastUsedTime_, the accounted sizes,
 //                      purgeState_, writeInProgress_, diskCheckouts_, taggedToWrite_.
 //
@@ -39,12 +43,16 @@
 #include "host/open_once_gate.h"
 #include "host/ref_counted.h"
 #include "host/signal.h"
+#include "host/striped_counter.h"
 #include "host/thread_id.h"
 #include "items/jx_types.h"
 #include "items/stuff_data.h"
 
 class JX_Bag;
 class JX_ScCheckout;
+namespace jx::recency {
+struct Applier;
+}
 class JX_SortDir;
 class JXp_ScLock;
 
@@ -84,7 +92,8 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   JX_CheckoutResult CheckinAndCheckout(int checkinFlags, double computeTime, int checkoutFlags);
 
   // ---- pending items (items/pending.cpp) -----------------------------------------------------
-  // Waits while the item is pending (at most 24 hours). Must not be called holding the library
+  // Waits while the item is pending (at most 24 hours); returns at once for the thread that
+  // renders it, which would otherwise wait for itself. Must not be called holding the library
   // lock or an item lock.
   void WaitForPendingCompletion() const;
   // Completes a pending item with `data` (empty: the render failed; the item leaves the bag and
@@ -120,6 +129,9 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
 
   // ---- key and directory (bag/sort_dir.cpp) --------------------------------------------------
   Guid GetGuid() const;
+  // The GUID and its directory hash, read together (the hash is computed when the GUID is
+  // stored, not on every search).
+  Guid GetGuidAndHash(size_t* hash) const;
   // Sets the GUID of an item that is in no directory (a request being built).
   void SetGuid(const Guid& guid);
   // Re-keys the item: leaves the directory, takes the new GUID, re-enters (superseding older
@@ -198,6 +210,7 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   friend class JX_Bag;
   friend class JX_SortDir;
   friend class JX_ScCheckout;
+  friend struct jx::recency::Applier;
   struct SortDirHash;
   struct SortDirEqual;
 
@@ -212,6 +225,17 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   };
   JX_CheckoutResult CheckoutForWrite(int flags, JX_Bag* knownBag, bool* wasPending,
                                      const MatchRequest* match);
+  // Reads the payload back when the item is only on disk; true when it is usable now (in
+  // memory, pending, or with nothing on disk to read). Never called under the library lock.
+  bool ReadBackIfOnDiskOnly();
+  // Checkin without taking a reference of its own: the caller keeps the item alive.
+  void CheckinImpl(int flags, double computeTime);
+  // The check-in of a read-only check-out that asks for nothing but the count and the recency:
+  // no library lock, the recency move noted for later. False when it is not such a check-in.
+  bool CheckinReadOnly(int flags);
+  // Deletes the item's disk file once the calling thread holds no library lock, unless a disk
+  // hold pins it. For items nobody can find any more.
+  void DropDiskCacheFileOutsideLock();
   JX_CheckoutResult CheckoutLocked(int flags, zelcore::threads::ScopedUpgradeLockWrapper& up,
                                    JXp_ScLock* libraryLock, JX_Bag* knownBag, bool* wasPending,
                                    const MatchRequest* match);
@@ -229,10 +253,11 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // The exchange of the accounted sizes; the caller holds the item's upgrade or write lock, so
   // that no purge and no other sync interleaves between measuring and exchanging.
   void SyncMemorySizeLocked(unsigned int newSize, JX_Bag* knownBag);
+  void MoveAccountedSizes(unsigned int newSize, unsigned int newCheckedOut, JX_Bag& bag);
   // Hands a newly created pending item to its creator: checked out once, no wait.
   void CheckoutNewPending();
   void TempRemoveFromSortDir(const JXp_ScLock& lock);
-  void SetBagAndInMru(const std::weak_ptr<JX_Bag>& bag);
+  void SetBagAndInMru(const std::weak_ptr<JX_Bag>& bag, JX_Bag* mruBag);
   // Disk decision of a check-in (disk/): flag 8 writes at once, a writeable check-in asks the
   // write-worthiness rule.
   void OfferToDiskAtCheckin(int flags, bool wasWriteable, double computeTime);
@@ -253,8 +278,10 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // The members are grouped by use: what every check-out and check-in touches comes first, so
   // that a cache hit reads as few cache lines of the item as possible.
 
-  // Key: the GUID's sixteen bytes as two words, written under guidSpin_ and read lock-free.
+  // Key: the GUID's sixteen bytes as two words and its directory hash, written under guidSpin_
+  // and read lock-free.
   std::atomic<uint64_t> guidWords_[2] = {};
+  std::atomic<uint64_t> guidHash_;
   std::atomic<uint32_t> guidSpin_{0};
   std::atomic<uint32_t> guidSeq_{0};
   mutable zelcore::threads::MultiTenantRecursiveMutex mutex_;
@@ -277,7 +304,8 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   std::weak_ptr<JX_Bag> bag_;
   std::atomic<uint64_t> lastUsedTime_;
   MruHook mruHook_;
-  JX_Bag* mruBag_ = nullptr;  // the bag whose recency order links the item (library lock)
+  JX_Bag* mruBag_ = nullptr;  // the bag whose recency order links the item
+  uint64_t mruStamp_ = 0;     // the time stamp that places it there (library lock)
   std::shared_ptr<zelcore::filesupport::File> diskFile_;
 
   // Less frequently used: the rest of the disk and purge state, the directory link, the pending
@@ -296,10 +324,14 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   uint64_t mediaMapID_ = 0;
 };
 
-// Process-wide counters of the check-out protocol.
+// Process-wide counters of the check-out protocol. Every hit changes itemsCheckedOut twice, on
+// whatever thread it runs, so that one is striped.
 struct JX_StuffCounters {
-  std::atomic<int64_t> itemsCheckedOut{0};
+  zelcore::utility::StripedCounter<int64_t> itemsCheckedOut;
   std::atomic<uint64_t> pendingRefusals{0};
   std::atomic<uint64_t> pendingWaits{0};
 };
-JX_EXPORT JX_StuffCounters& JX_GetStuffCounters();
+namespace jx::detail {
+extern JX_EXPORT constinit JX_StuffCounters g_stuffCounters;
+}  // namespace jx::detail
+inline JX_StuffCounters& JX_GetStuffCounters() { return jx::detail::g_stuffCounters; }
