@@ -92,6 +92,8 @@ void JX_Bag::RemoveStuffGuts(const StuffPtr& stuff, const JXp_ScLock&, bool remo
     JX_MediaMapErase(stuff);
     TraceMediaMapChange("Removed stuff ", *stuff);
   }
+  // Out of a bag, an item counts in the global bag: when this is another bag, its bytes move.
+  if (this != jx::GlobalBagUnretained()) stuff->ForgetAccountedSizes(*this);
   stuff->ResyncMemorySize(nullptr);
   stuff->ReleaseObject();  // the set's reference; the caller still holds one
 }
@@ -202,6 +204,14 @@ void JX_Stuff::MoveAccountedSizes(unsigned int newSize, unsigned int newCheckedO
     bag.AdjustCheckedOutMemoryCacheSize(static_cast<long long>(newCheckedOut) -
                                         static_cast<long long>(oldOut));
   }
+}
+
+void JX_Stuff::ForgetAccountedSizes(JX_Bag& bag) {
+  ScopedUpgradeLockWrapper up(mutex_);
+  const unsigned int old = memSize_.exchange(0, std::memory_order_acq_rel);
+  const unsigned int oldOut = checkedOutSize_.exchange(0, std::memory_order_acq_rel);
+  if (old != 0) bag.AdjustInMemoryCacheSize(-static_cast<long long>(old));
+  if (oldOut != 0) bag.AdjustCheckedOutMemoryCacheSize(-static_cast<long long>(oldOut));
 }
 
 void JX_Stuff::SyncDiskSizeWithBag(unsigned int newSize) {

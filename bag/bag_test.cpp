@@ -24,6 +24,17 @@ using jx::testing::ThrownCode;
 using zelcore::utility::Guid;
 using zelcore::utility::IntrusivePtr;
 
+// Adds items with a last-used time of the test's choosing: equal times are otherwise a matter of
+// clock resolution.
+struct JX_BagTestAccess {
+  static void AddUsedAt(JX_Bag& bag, const IntrusivePtr<JX_Stuff>& s, uint64_t usedAt) {
+    JXp_ScLock lock;
+    s->lastUsedTime_.store(usedAt);
+    bag.AddStuffGuts(s, lock, false);
+    bag.GetSortDir()->AddStuff(s);
+  }
+};
+
 namespace {
 
 class BagTest : public LibraryTest {
@@ -79,6 +90,21 @@ TEST_F(BagTest, RecencyOrderFollowsUseAndFlagOneKeepsThePlace) {
   EXPECT_EQ(b->GetLastUsedTime(), before);
 }
 
+TEST_F(BagTest, EqualTimesKeepTheirInsertionOrder) {
+  auto a = MakeItem(1), b = MakeItem(2), c = MakeItem(3), late = MakeItem(4), x = MakeItem(5);
+  const uint64_t t = 1000;
+  for (auto& s : {a, b, c}) JX_BagTestAccess::AddUsedAt(*bag_, s, t);
+  JX_BagTestAccess::AddUsedAt(*bag_, late, t + 5);
+  // Behind every item of its own time, ahead of the later one.
+  JX_BagTestAccess::AddUsedAt(*bag_, x, t);
+  EXPECT_EQ(Order(), (std::vector<JX_Stuff*>{a.get(), b.get(), c.get(), x.get(), late.get()}));
+  {
+    JXp_ScLock lock;
+    bag_->UpdateWithNewLastUsedTime(b, lock);
+  }
+  EXPECT_EQ(Order(), (std::vector<JX_Stuff*>{a.get(), c.get(), x.get(), late.get(), b.get()}));
+}
+
 TEST_F(BagTest, SizesAreExactAfterEveryKindOfChange) {
   auto item = MakeItem(100);
   auto* payload = static_cast<TestPayload*>(item->GetDataPtr().get());
@@ -110,6 +136,17 @@ TEST_F(BagTest, SizesAreExactAfterEveryKindOfChange) {
   bag_->GetCacheSizesInBytes(inMemory, withDisk);
   EXPECT_EQ(inMemory, 40u);
   EXPECT_EQ(withDisk, 0u);
+
+  // An item leaving another bag takes its bytes from that bag to the global one.
+  auto local = std::make_shared<JX_Bag>(1);
+  auto visitor = MakeItem(5);
+  local->AddToBagAndSortDir(visitor);
+  EXPECT_EQ(local->GetInMemoryCacheSizeInBytes_LockFree(), 5);
+  visitor->RemoveFromBagAndSortDir();
+  EXPECT_EQ(local->GetInMemoryCacheSizeInBytes_LockFree(), 0);
+  EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 45);
+  visitor.reset();
+  EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 40);
 }
 
 TEST_F(BagTest, ItemSyncedWithNoGlobalBagChangesNothing) {

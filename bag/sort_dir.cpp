@@ -8,6 +8,7 @@
 #include "bag/bag.h"
 #include "host/profiler.h"
 #include "lifecycle/failures.h"
+#include "lifecycle/lifecycle.h"
 
 using zelcore::threads::ScopedReadLockWrapper;
 using zelcore::threads::ScopedWriteLockWrapper;
@@ -52,6 +53,8 @@ void JX_SortDir::AddStuff(const StuffPtr& stuff) {
     }
     return true;
   });
+  // Inserted before anything else changes: a refused allocation leaves the directory as it was.
+  items_.insert(Entry{guid, hash, stuff});
   for (const StuffPtr& old : superseded) {
     if (auto bag = old->GetBag()) bag->RemoveStuffGuts(old, lock, true);
     old->RemoveFromBagAndSortDir();
@@ -61,7 +64,6 @@ void JX_SortDir::AddStuff(const StuffPtr& stuff) {
     if (stuff->GetDiskCacheFile() == old->GetDiskCacheFile()) continue;
     old->DropDiskCacheFileOutsideLock();
   }
-  items_.insert(Entry{guid, hash, stuff});
   ScopedWriteLockWrapper wl(stuff->mutex_);
   stuff->sortDir_ = weak_from_this();
   stuff->tempRemovedFromSortDir_ = false;
@@ -163,8 +165,18 @@ void JX_Bag::AddToBagAndSortDir(const StuffPtr& stuff) {
   if (!stuff) jx::ThrowNullPtr("JX_Stuff");
   JXp_ScLock lock;
   ZC_PROFILE_SCOPE("KQ.JX_Bag::AddToBagAndSortDir - post lock", 7);
+  const bool countedBefore = stuff->GetAccountedMemorySize() != 0;
   AddStuff(stuff);
-  sortDir_->AddStuff(stuff);
+  try {
+    sortDir_->AddStuff(stuff);
+  } catch (...) {
+    // Refused (for memory, say): the item is in neither, and counted as before the call.
+    RemoveStuffGuts(stuff, lock, true);
+    if (JX_Bag* global = jx::GlobalBagUnretained(); global && !countedBefore) {
+      stuff->ForgetAccountedSizes(*global);
+    }
+    throw;
+  }
 }
 
 void JX_Bag::RemoveStuffFromBagAndSortDir(const StuffPtr& stuff, const JXp_ScLock& lock,

@@ -14,7 +14,6 @@
 
 #include "bag/bag.h"
 #include "disk/disk_speed.h"
-#include "disk/quiet_errors.h"
 #include "host/feature.h"
 #include "host/file_iterator.h"
 #include "host/file_utils.h"
@@ -277,7 +276,7 @@ int JX_Bag::ScanDiskCacheDir() {
   // The folder is copied out under the disk mutex and walked without it: adopting a file takes
   // the library lock, and the disk mutex is a leaf.
   std::lock_guard<std::mutex> scanLock(diskScanMutex_);
-  jx::disk::ScQuietErrors quiet;
+  Y::ScQuietErrors quiet;
   const Dir dir = GetDiskCacheDirSpec();
   if (dir.IsEmpty()) return 0;
   jx::disk::DeleteLeftoverTempFiles(dir, jx::disk::kLeftoverTempAgeSeconds);

@@ -10,7 +10,6 @@
 #include "bag/bag.h"
 #include "disk/disk_counters.h"
 #include "disk/disk_writer.h"
-#include "disk/quiet_errors.h"
 #include "host/byte_stream.h"
 #include "host/profiler.h"
 #include "host/trace.h"
@@ -43,7 +42,7 @@ double SimulatedReadDelaySeconds() {
 
 void JX_Stuff::PrepAndRead(const ScopedUpgradeLockWrapper& lock) {
   ZC_PROFILE_SCOPE("KQ.JX_Stuff::PrepAndRead", 6);
-  jx::disk::ScQuietErrors quiet;
+  Y::ScQuietErrors quiet;
   auto& counters = jx::disk::GetCounters();
   int code = 0;
   try {

@@ -14,7 +14,6 @@
 #include "disk/disk_counters.h"
 #include "disk/disk_folder.h"
 #include "disk/fast_write_stream.h"
-#include "disk/quiet_errors.h"
 #include "disk/scan_one_file.h"
 #include "host/high_precision_time.h"
 #include "host/profiler.h"
@@ -98,7 +97,7 @@ uint64_t SizeOrDelete(const File& file) {
 
 void JX_Stuff::PrepAndWrite(const std::shared_ptr<JX_Bag>& bag) {
   ZC_PROFILE_SCOPE("KQ.JX_Stuff::PrepAndWrite", 6);
-  jx::disk::ScQuietErrors quiet;
+  Y::ScQuietErrors quiet;
   auto& counters = jx::disk::GetCounters();
   bool claimed = false;
   try {

@@ -7,7 +7,6 @@
 #include "bag/bag.h"
 #include "disk/cache_file_name.h"
 #include "disk/disk_counters.h"
-#include "disk/quiet_errors.h"
 #include "host/trace.h"
 #include "host/y_api.h"
 #include "items/sc_checkout.h"
@@ -58,7 +57,7 @@ void JX_ScanOneDiskCacheFile(const File& file) {
 
 void JX_Bag::ScanOneDiskCacheFile(const File& file) {
   try {
-    jx::disk::ScQuietErrors quiet;
+    Y::ScQuietErrors quiet;
     if (!file.Exists()) return;
     zelcore::utility::Guid guid;
     auto payload = PayloadForFile(file, GetAppVersion(), &guid);

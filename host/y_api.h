@@ -71,4 +71,25 @@ class ScNotifyHoldingMutexLock {
   ScNotifyHoldingMutexLock& operator=(const ScNotifyHoldingMutexLock&) = delete;
   static bool IsHoldingLock();
 };
+
+// The calling thread's quiet-errors mode for a scope: where a failure is an expected event (a
+// file that cannot be read), its reports are recorded but not shown. When the mode cannot be
+// entered, the scope throws the host's code, or, with `Refused::kCarryOn`, carries on loudly.
+class ScQuietErrors {
+ public:
+  enum class Refused { kThrow, kCarryOn };
+  explicit ScQuietErrors(Refused refused = Refused::kThrow) {
+    const int32_t err = Y_StartQuietErrorsOnCurrentThread();
+    entered_ = err == 0;
+    if (!entered_ && refused == Refused::kThrow) throw static_cast<int>(err);
+  }
+  ~ScQuietErrors() {
+    if (entered_) Y_EndQuietErrorsOnCurrentThread();
+  }
+  ScQuietErrors(const ScQuietErrors&) = delete;
+  ScQuietErrors& operator=(const ScQuietErrors&) = delete;
+
+ private:
+  bool entered_;
+};
 }  // namespace Y

@@ -4,6 +4,7 @@
 
 #include "bag/bag.h"
 #include "bag/library_lock.h"
+#include "disk/disk_writer.h"
 #include "host/config.h"
 #include "host/profiler.h"
 #include "host/trace.h"
@@ -14,23 +15,11 @@
 using zelcore::threads::ScopedUpgradeLockWrapper;
 using zelcore::threads::ScopedWriteLockWrapper;
 
-// Defined with the disk writer: writes queued for the disk thread.
-uint32_t JX_GetQueuedDiskWriteCount();
-
 namespace {
 
 constexpr auto kPendingWaitDeadline = std::chrono::hours(24);
 constexpr uint32_t kBackPressureQueuedWrites = 200;
 constexpr auto kBackPressureStep = std::chrono::milliseconds(100);
-
-// Opens and closes the host's quiet-errors mode for the current thread.
-class ScQuietErrors {
- public:
-  ScQuietErrors() { Y_StartQuietErrorsOnCurrentThread(); }
-  ~ScQuietErrors() { Y_EndQuietErrorsOnCurrentThread(); }
-  ScQuietErrors(const ScQuietErrors&) = delete;
-  ScQuietErrors& operator=(const ScQuietErrors&) = delete;
-};
 
 // The disk writer needs the library lock and the items' locks to drain its queue: a thread
 // holding one of them (or a host lock another thread may need) must not sleep until it drains.
@@ -63,6 +52,20 @@ void JX_Stuff::SetStuffDataFromPendingRender(IntrusivePtr<JX_StuffData> data, do
 void JX_Stuff::SetStuffDataFromPendingRender_Impl(IntrusivePtr<JX_StuffData> data,
                                                   double computeTime, bool skipBackPressure) {
   IntrusivePtr<JX_Stuff> self(this);
+  if (data) {
+    try {
+      PauseBeforeFilling(skipBackPressure);
+    } catch (...) {
+      // A fill that cannot even start (a setting refused for memory) must not leave anybody
+      // waiting at the gate: the render is abandoned.
+      CompletePending({}, 0.0);
+      throw;
+    }
+  }
+  CompletePending(std::move(data), computeTime);
+}
+
+void JX_Stuff::PauseBeforeFilling(bool skipBackPressure) {
   if (uint32_t sleepMs = jx::settings::DebugSleepTimeSetStuffDataMs()) {
     std::this_thread::sleep_for(std::chrono::milliseconds(sleepMs));
   }
@@ -72,6 +75,10 @@ void JX_Stuff::SetStuffDataFromPendingRender_Impl(IntrusivePtr<JX_StuffData> dat
       JX_GetQueuedDiskWriteCount() > kBackPressureQueuedWrites && MaySleepForTheWriter()) {
     while (JX_GetQueuedDiskWriteCount() > 0) std::this_thread::sleep_for(kBackPressureStep);
   }
+}
+
+void JX_Stuff::CompletePending(IntrusivePtr<JX_StuffData> data, double computeTime) {
+  // Kept until the end: the payload may answer the item's requests until then.
   IntrusivePtr<JX_StuffData> findKey = GetFindKeyData();
   {
     // The pending flag and the payload change together, so a check-out never sees an item that
@@ -96,7 +103,8 @@ void JX_Stuff::SetStuffDataFromPendingRender_Impl(IntrusivePtr<JX_StuffData> dat
 }
 
 bool JX_Stuff::EnsureInMemory() {
-  ScQuietErrors quiet;
+  // A file that cannot be read back is an expected event: its reports stay quiet.
+  Y::ScQuietErrors quiet(Y::ScQuietErrors::Refused::kCarryOn);
   ZC_TRACE("JX_Stuff", 1,
            "JX_Stuff::EnsureInMemory pre-prep " << zelcore::threads::CurrentThreadId());
   {

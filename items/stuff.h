@@ -152,6 +152,10 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   void SyncMemorySizeWithBag(unsigned int newSize);
   void SyncDiskSizeWithBag(unsigned int newSize);
   unsigned int GetAccountedMemorySize() const { return memSize_.load(std::memory_order_relaxed); }
+  // The share of it counted as checked out (0 when nobody has the item checked out).
+  unsigned int GetAccountedCheckedOutSize() const {
+    return checkedOutSize_.load(std::memory_order_relaxed);
+  }
   unsigned int GetAccountedDiskSize() const { return diskSize_.load(std::memory_order_relaxed); }
 
   // ---- purging (bag/purge.cpp) ---------------------------------------------------------------
@@ -190,6 +194,16 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   };
   // A pin on the item's disk file, or empty when the item has none.
   std::unique_ptr<DiskCacheCheckoutScoper> CheckoutDiskCache(bool unused = false);
+  // The disk speed statistics (disk/disk_speed.cpp): averages and maxima of reads and writes,
+  // in bytes per second; the adjusted read speed is the average after the proclivity multiplier
+  // (and, for low priority, the low-priority factor), and that times the write queue's free
+  // fraction squared. Either output may be null.
+  static double GetAverageDiskReadSpeed();
+  static double GetAverageDiskWriteSpeed();
+  static double GetMaxDiskReadSpeed();
+  static double GetMaxDiskWriteSpeed();
+  static void GetAdjustedAverageReadSpeed(double* average, double* adjusted, bool lowPriority);
+  static double GetAdjustedAverageReadSpeed(bool lowPriority, bool adjustForQueue);
   // The library-wide number of live disk pins.
   static std::atomic<uint32_t>& GetNumDiskCacheCheckoutsGlobal();
   // Offers the item to the background disk writer when it is worth writing.
@@ -211,6 +225,7 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   friend class JX_SortDir;
   friend class JX_ScCheckout;
   friend struct jx::recency::Applier;
+  friend struct JX_BagTestAccess;  // tests that need equal time stamps
   struct SortDirHash;
   struct SortDirEqual;
 
@@ -236,6 +251,10 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // Deletes the item's disk file once the calling thread holds no library lock, unless a disk
   // hold pins it. For items nobody can find any more.
   void DropDiskCacheFileOutsideLock();
+  // The steps of SetStuffDataFromPendingRender_Impl: the debugging pause and the back-pressure
+  // behind the disk writer, then the completion that opens the gate.
+  void PauseBeforeFilling(bool skipBackPressure);
+  void CompletePending(IntrusivePtr<JX_StuffData> data, double computeTime);
   JX_CheckoutResult CheckoutLocked(int flags, zelcore::threads::ScopedUpgradeLockWrapper& up,
                                    JXp_ScLock* libraryLock, JX_Bag* knownBag, bool* wasPending,
                                    const MatchRequest* match);
@@ -254,6 +273,8 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // that no purge and no other sync interleaves between measuring and exchanging.
   void SyncMemorySizeLocked(unsigned int newSize, JX_Bag* knownBag);
   void MoveAccountedSizes(unsigned int newSize, unsigned int newCheckedOut, JX_Bag& bag);
+  // Takes the item's accounted memory sizes out of `bag`'s totals (the item leaves it).
+  void ForgetAccountedSizes(JX_Bag& bag);
   // Hands a newly created pending item to its creator: checked out once, no wait.
   void CheckoutNewPending();
   void TempRemoveFromSortDir(const JXp_ScLock& lock);

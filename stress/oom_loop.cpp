@@ -22,12 +22,6 @@
 // memory what a clean success leaves. After shut-down no
 // payload and no computed value may be left alive; the AddressSanitizer build checks for leaks.
 //
-// One fault is known and counted apart, not as a violation, until the code it lives in is
-// reworked: JX_Bag::AddToBagAndSortDir adds the item to the bag and then to the directory, and
-// when the directory's insert is refused the item stays in the bag without a directory entry
-// (adding an item, and find-or-create making a pending item or a compute entry, show it). Such
-// an orphan is taken out again before the next attempt.
-//
 // Bounds: --ops caps N per operation and allocator, --seconds the whole run; an operation cut
 // short by either is reported, not counted as a violation.
 #include <cstdlib>
@@ -359,12 +353,7 @@ class Loop {
                          Name(a), static_cast<unsigned long long>(n));
             gViolations.Report("an operation failed with no allocation refused");
           }
-          if (IsOrphanInBag(before, after)) {
-            std::fprintf(stderr, "oom_loop: %s, %s N = %llu: known fault: %s\n", name, Name(a),
-                         static_cast<unsigned long long>(n), kOrphanFault);
-            ++knownFaults;
-            RemoveOrphans();
-          } else if (!(after == before)) {
+          if (!(after == before)) {
             std::fprintf(stderr,
                          "oom_loop: %s, %s N = %llu: counts changed\n  before %s\n  after  %s\n",
                          name, Name(a), static_cast<unsigned long long>(n),
@@ -413,27 +402,9 @@ class Loop {
         name, op, [] {}, [] {});
   }
 
-  uint64_t points = 0, injected = 0, absorbedCount = 0, cutShort = 0, knownFaults = 0;
+  uint64_t points = 0, injected = 0, absorbedCount = 0, cutShort = 0;
 
  private:
-  static constexpr const char* kOrphanFault =
-      "the item stayed in the bag without its directory entry";
-  // One item more in the bag and none in the directory, and nothing else changed but the
-  // item's own bytes.
-  static bool IsOrphanInBag(State before, State after) {
-    if (after.items != before.items + 1 || after.directory != before.directory) return false;
-    before.items = after.items;
-    before.inMemory = after.inMemory;
-    return before == after;
-  }
-  static void RemoveOrphans() {
-    if (auto bag = JX_GlobalBag()) {
-      for (const auto& s : bag->CopyMruItems()) {
-        if (!s->IsInSortDir() && s->GetCheckoutCount() == 0) s->RemoveFromBagAndSortDir();
-      }
-    }
-  }
-
   static void Arm(Allocator a, uint64_t n) {
     if (a == Allocator::kHost) {
       jx::StandaloneHost::Instance().FailNthAllocation(n);
@@ -705,10 +676,9 @@ int main(int argc, char** argv) {
   fs::remove_all(pattern, ec);
   std::printf(
       "oom_loop: points %llu, allocation failures injected %llu (absorbed %llu), operations cut "
-      "short %llu, known faults %llu, violations %llu, leaks %lld\n",
+      "short %llu, violations %llu, leaks %lld\n",
       (unsigned long long)loop.points, (unsigned long long)loop.injected,
       (unsigned long long)loop.absorbedCount, (unsigned long long)loop.cutShort,
-      (unsigned long long)loop.knownFaults, (unsigned long long)gViolations.Count(),
-      (long long)leaks);
+      (unsigned long long)gViolations.Count(), (long long)leaks);
   return gViolations.Count() == 0 ? 0 : 1;
 }
