@@ -44,6 +44,15 @@ StuffPtr MakeSearchItem(const KQGP_GUID& key) {
   return item;
 }
 
+// A request that only looks: one per thread, re-keyed for every call, so that a value already
+// cached is found without building (and then dropping) a search item of its own. Entries answer
+// any request for their key, so the request's payload carries nothing but the key's type.
+const StuffPtr& LookingRequest(const KQGP_GUID& key) {
+  thread_local StuffPtr request = MakeSearchItem(key);
+  request->SetGuid(Guid::FromBytes(key.bytes));
+  return request;
+}
+
 // Modes 1 and 2 ask the bag with the same flags, 0x53, under a notifying-lock scope, so that
 // the bag never blocks this thread: a pending match comes back checked out as it stands (or
 // refused, when this very thread is computing it), and the core decides what happens next. Mode 1
@@ -51,10 +60,16 @@ StuffPtr MakeSearchItem(const KQGP_GUID& key) {
 // then sees the abandoned entry and answers 3 (the bag would turn that into a plain refusal,
 // indistinguishable from "being computed"), and the wait can be timed. Dropping the wait bits in
 // mode 1 instead would refuse pending matches just the same; one rule for both modes is simpler.
-JX_CheckoutResult FindEntry(JX_ScCheckout& handle, const StuffPtr& search, Mode mode) {
-  if (mode == Mode::kCachedOnly) return handle.FindAndCheckout(search, kFindOnlyFlags);
+// A value already cached is looked for first with the looking request and the flags without the
+// creation bit; only when that finds nothing is a search item built, which the bag then enters as
+// the pending entry (another thread may have created it meanwhile: then it is found).
+JX_CheckoutResult FindEntry(JX_ScCheckout& handle, const KQGP_GUID& key, Mode mode) {
+  if (mode == Mode::kCachedOnly) return handle.FindAndCheckout(LookingRequest(key), kFindOnlyFlags);
   Y::ScNotifyHoldingMutexLock neverBlockInTheBag;
-  return handle.FindAndCheckout(search, kFindOrCreateFlags);
+  const JX_CheckoutResult found =
+      handle.FindAndCheckout(LookingRequest(key), kFindOrCreateFlags & ~cf::kCreatePending);
+  if (found != kJX_CheckoutRefused) return found;
+  return handle.FindAndCheckout(MakeSearchItem(key), kFindOrCreateFlags);
 }
 
 // The rule the bag applies to its own waits: a thread under a notifying host lock, or holding
@@ -77,11 +92,11 @@ void WaitForOtherCompute(const JX_Stuff& item) {
 
 // Has the plug-in compute the value of the pending `item` and fills the item with it. Returns 0
 // or compute's own code.
-int32_t ComputeInto(const StuffPtr& item, const std::string& classId,
+int32_t ComputeInto(const StuffPtr& item, std::string_view classId,
                     const KQGP_ComputeCacheCallbacks& callbacks, const KQGP_GUID& key,
                     void* request) {
-  // Leaving before the item is filled (compute failed or threw) abandons it: it leaves the bag
-  // and every waiter is released, so nothing is stored.
+  // Leaving before the item is filled (compute failed or threw, or memory was refused) abandons
+  // it: it leaves the bag and every waiter is released, so nothing is stored.
   JX_ScStuffSetter abandonUnlessFilled(item);
   zelcore::utility::IntrusivePtr<GenericJXComputeStuffData> payload(
       new GenericJXComputeStuffData(key));
@@ -89,13 +104,13 @@ int32_t ComputeInto(const StuffPtr& item, const std::string& classId,
   // The holder owns whatever compute leaves in the handle, also on failure.
   auto holder = std::make_unique<JXComputeValueHolder>(callbacks.delete_compute_value, 0);
   if (int32_t err = callbacks.compute(request, &holder->handle)) return err;
-  payload->SetValue(new JXComputeValue(classId, callbacks, std::move(holder)));
+  payload->SetValue(new JXComputeValue(std::string(classId), callbacks, std::move(holder)));
   item->SetStuffDataFromPendingRender(payload, timer.GetElapsedSeconds());
   return 0;
 }
 
 // The checks an entry must pass before its value is handed out; each reports and throws 3.
-void CheckEntry(const JX_Stuff& item, const std::string& classId) {
+void CheckEntry(const JX_Stuff& item, std::string_view classId) {
   zelcore::utility::IntrusivePtr<JX_StuffData> data = item.GetDataPtr();
   auto* entry = dynamic_cast<GenericJXComputeStuffData*>(data.get());
   // An item without any payload is one whose compute failed while we waited for it: it holds no
@@ -152,7 +167,7 @@ int32_t ComputeAndCheckout(const char* classId, void* request, Mode mode,
                            KQGP_JXComputeReceipt* receipt) {
   if (classId == nullptr) FailVerification("JXCompute null class identifier");
   if (receipt == nullptr) FailVerification("JXCompute null receipt pointer");
-  const std::string id(classId);
+  const std::string_view id(classId);
   KQGP_ComputeCacheCallbacks callbacks;
   if (int32_t err = JX_ComputeClassFind(classId, &callbacks)) return err;
   KQGP_GUID pluginKey{};
@@ -165,7 +180,7 @@ int32_t ComputeAndCheckout(const char* classId, void* request, Mode mode,
   ProbeHostAllocator();
   const bool callerHeldNotifyingLock = Y::ScNotifyHoldingMutexLock::IsHoldingLock();
   ReceiptPtr handle = NewReceipt();
-  const JX_CheckoutResult found = FindEntry(*handle, MakeSearchItem(key), mode);
+  const JX_CheckoutResult found = FindEntry(*handle, key, mode);
   StuffPtr item = handle->GetStuffPtr();
   if (found == kJX_CheckoutRefused || !item) return kNotAvailable;
 

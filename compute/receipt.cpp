@@ -47,7 +47,6 @@ class ReceiptPool {
     return ::operator new(sizeof(JX_ScCheckout));
   }
   void Give(void* block) noexcept {
-    __atomic_store_n(GuardWordAt(block), 0u, __ATOMIC_RELEASE);
     try {
       std::lock_guard<std::mutex> lock(mutex_);
       free_.push_back(block);
@@ -68,21 +67,49 @@ ReceiptPool& Pool() {
   return *pool;
 }
 
+// A few blocks kept by each thread, so that a thread taking and giving back receipts does not go
+// through the pool's mutex every time; a thread that ends gives them to the pool.
+class ThreadBlocks {
+ public:
+  ~ThreadBlocks() {
+    for (size_t i = 0; i < count_; ++i) Pool().Give(blocks_[i]);
+  }
+  void* Take() { return count_ != 0 ? blocks_[--count_] : Pool().Take(); }
+  void Give(void* block) noexcept {
+    if (count_ < kBlocks) {
+      blocks_[count_++] = block;
+    } else {
+      Pool().Give(block);
+    }
+  }
+
+ private:
+  static constexpr size_t kBlocks = 8;
+  void* blocks_[kBlocks] = {};
+  size_t count_ = 0;
+};
+
+ThreadBlocks& MyBlocks() {
+  thread_local ThreadBlocks blocks;
+  return blocks;
+}
+
 }  // namespace
 
 void ReceiptDeleter::operator()(JX_ScCheckout* receipt) const noexcept {
   if (receipt == nullptr) return;
   receipt->~JX_ScCheckout();
-  Pool().Give(receipt);
+  __atomic_store_n(GuardWordAt(receipt), 0u, __ATOMIC_RELEASE);
+  MyBlocks().Give(receipt);
 }
 
 ReceiptPtr NewReceipt() {
   GuardWordOffset();  // located before any block can be scrubbed
-  void* block = Pool().Take();
+  void* block = MyBlocks().Take();
   try {
     return ReceiptPtr(new (block) JX_ScCheckout());
   } catch (...) {
-    Pool().Give(block);
+    MyBlocks().Give(block);
     throw;
   }
 }

@@ -3,6 +3,7 @@
 #include "bag/bag.h"
 #include "host/config.h"
 #include "host/profiler.h"
+#include "host/y_api.h"
 #include "lifecycle/failures.h"
 #include "lifecycle/lifecycle.h"
 
@@ -58,8 +59,11 @@ JX_CheckoutResult JX_ScCheckout::CheckoutImpl(IntrusivePtr<JX_Stuff> item, int f
 
 JX_CheckoutResult JX_ScCheckout::FindAndCheckout(IntrusivePtr<JX_Stuff> item, int flags) {
   JX_Bag* bag = jx::GlobalBagUnretained();
-  if ((flags & cf::kWaitBits) == 0 && !(flags & cf::kHoldWithoutCheckout) && bag && item) {
-    // A search that may not wait can run under one hold of the handle's lock.
+  // A search that cannot wait (no wait bits, or a thread under a notifying host lock, which
+  // the bag never blocks) can run under one hold of the handle's lock.
+  const bool mayWait =
+      (flags & cf::kWaitBits) != 0 && !Y::ScNotifyHoldingMutexLock::IsHoldingLock();
+  if (!mayWait && !(flags & cf::kHoldWithoutCheckout) && bag && item) {
     ScopedWriteLockWrapper wl(mutex_);
     CheckinLocked(checkinFlags_, 0.0);
     checkoutFlags_ = flags;
