@@ -1,7 +1,7 @@
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-install(TARGETS jxcache jxhost EXPORT jxcacheTargets
+install(TARGETS jxcache EXPORT jxcacheTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
@@ -20,5 +20,5 @@ write_basic_package_version_file(${CMAKE_BINARY_DIR}/jxcacheConfigVersion.cmake
 install(FILES ${CMAKE_BINARY_DIR}/jxcacheConfig.cmake ${CMAKE_BINARY_DIR}/jxcacheConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/jxcache)
 file(WRITE ${CMAKE_BINARY_DIR}/jxcache.pc
-  "prefix=${CMAKE_INSTALL_PREFIX}\nlibdir=\${prefix}/${CMAKE_INSTALL_LIBDIR}\nincludedir=\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}\n\nName: jxcache\nDescription: Shared cache library of a video-compositing host\nVersion: ${PROJECT_VERSION}\nLibs: -L\${libdir} -ljxcache -ljxhost -lpthread\nCflags: -I\${includedir} -I\${includedir}/jxcache\n")
+  "prefix=${CMAKE_INSTALL_PREFIX}\nlibdir=\${prefix}/${CMAKE_INSTALL_LIBDIR}\nincludedir=\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}\n\nName: jxcache\nDescription: Shared cache library of a video-compositing host\nVersion: ${PROJECT_VERSION}\nLibs: -L\${libdir} -ljxcache -lpthread\nCflags: -I\${includedir} -I\${includedir}/jxcache\n")
 install(FILES ${CMAKE_BINARY_DIR}/jxcache.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

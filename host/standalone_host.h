@@ -14,6 +14,8 @@
 
 #include "host/thread_id.h"
 
+#include "host/export.h"
+
 namespace jx {
 
 // Codes Y_TranslateAndReportException returns for exceptions that carry no code of their own.
@@ -29,7 +31,7 @@ struct HostReport {
   bool quiet = false;
 };
 
-class StandaloneHost {
+class JX_EXPORT StandaloneHost {
  public:
   static StandaloneHost& Instance();
 
@@ -82,7 +84,7 @@ class StandaloneHost {
 };
 
 // Sets Y_AmountToPurge for the life of the scope: "the host is over budget by N bytes".
-class ScAmountToPurge {
+class JX_EXPORT ScAmountToPurge {
  public:
   explicit ScAmountToPurge(uint64_t bytes);
   ~ScAmountToPurge();

@@ -11,9 +11,11 @@
 #include <sstream>
 #include <string>
 
+#include "host/export.h"
+
 namespace zelcore::debug {
 
-class Tracing {
+class JX_EXPORT Tracing {
  public:
   static bool IsEnabled(const char* category, int level);
   static void SetLevel(const std::string& category, int level);  // 0 turns a category off
