@@ -181,6 +181,11 @@ class QueueingExecutor : public Executor {
     state_->takingWork = false;
   }
 
+  bool IsTakingWork() const override {
+    std::lock_guard<std::mutex> lock(state_->mu);
+    return state_->takingWork;
+  }
+
   void CancelQueued() override {
     // Dropped tasks are destroyed after the lock is released: their destructors may post.
     decltype(state_->queue) dropped;
@@ -389,6 +394,9 @@ struct QueueOnlyOnce::State : std::enable_shared_from_this<QueueOnlyOnce::State>
       : executor(std::move(e)), task(std::move(t)), delayMs(delay) {}
 
   bool Queue() {
+    // A delayed run is posted later, by the timer; an executor that already refuses work would
+    // drop it then, after this call had promised it.
+    if (delayMs != 0 && !executor->IsTakingWork()) return false;
     std::unique_lock<std::mutex> lock(mu);
     if (queued || closed) return false;
     const uint64_t generation = ++lastGeneration;

@@ -501,10 +501,21 @@ TEST(QueueOnlyOnce, CancelAndDestructionDropQueuedRunsAndWaitForRunning) {
   once.reset();
   EXPECT_TRUE(finished);
 
+  // Refused at once, delayed or not: a refusal must not wait for the delay to be noticed.
   QueueOnlyOnce afterShutdown(
       pool, [&] { ++runs; }, 0, 0);
+  QueueOnlyOnce delayedAfterShutdown(
+      pool, [&] { ++runs; }, 10, 0);
+  auto sub = CreateSubExecutor(CreateIOBoundExecutor(1), 1);
+  QueueOnlyOnce delayedOnStoppedSub(
+      sub, [&] { ++runs; }, 10, 0);
   pool->Shutdown();
+  sub->StopTakingWork();
+  EXPECT_FALSE(pool->IsTakingWork());
   EXPECT_FALSE(afterShutdown.Queue());
+  EXPECT_FALSE(delayedAfterShutdown.Queue());
+  EXPECT_FALSE(delayedAfterShutdown.IsQueued());
+  EXPECT_FALSE(delayedOnStoppedSub.Queue());
   EXPECT_EQ(runs.load(), 0);
 }
 
