@@ -3,8 +3,10 @@
 
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cstdio>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -20,6 +22,9 @@ uint64_t DefaultMemoryLimit() {
   if (pages <= 0 || pageSize <= 0) return uint64_t{1} << 30;  // unknown: assume a modest 1 GB
   return static_cast<uint64_t>(pages) * static_cast<uint64_t>(pageSize) / 2;
 }
+
+constexpr size_t kReportKinds = 4;
+size_t KindIndex(HostReport::Kind kind) { return static_cast<size_t>(kind); }
 
 const char* KindName(HostReport::Kind kind) {
   switch (kind) {
@@ -47,7 +52,8 @@ struct StandaloneHost::State {
   std::shared_ptr<const std::function<uint64_t()>> amountAvailableFunction;
   uint64_t recycledBytes = 0;
   uint64_t recycledCalls = 0;
-  std::vector<HostReport> reports;
+  std::deque<HostReport> reports;                     // the last kKeptReports
+  std::array<uint64_t, kReportKinds> reportCounts{};  // every report, by kind
   std::map<std::string, std::u16string> translations;
 
   // Read on hot paths without the lock.
@@ -60,6 +66,11 @@ struct StandaloneHost::State {
   std::atomic<bool> failPersistent{false};
   std::atomic<bool> failingForever{false};
 
+  void ClearReportsLocked() {
+    reports.clear();
+    reportCounts.fill(0);
+  }
+
   void ResetLocked() {
     memoryLimit = DefaultMemoryLimit();
     memUsageLimitsStatus = 0;
@@ -67,7 +78,7 @@ struct StandaloneHost::State {
     amountAvailableFunction.reset();
     recycledBytes = 0;
     recycledCalls = 0;
-    reports.clear();
+    ClearReportsLocked();
     translations.clear();
     amountToPurge.store(0);
     echoReports.store(true);
@@ -175,6 +186,8 @@ void StandaloneHost::AddReport(HostReport report) {
     line = std::string("jxcache host: ") + KindName(report.kind) + ": " + report.text + "\n";
   {
     std::lock_guard<std::mutex> lock(state_->mutex);
+    ++state_->reportCounts[KindIndex(report.kind)];
+    if (state_->reports.size() == kKeptReports) state_->reports.pop_front();
     state_->reports.push_back(std::move(report));
   }
   if (print) {
@@ -185,11 +198,12 @@ void StandaloneHost::AddReport(HostReport report) {
 
 std::vector<HostReport> StandaloneHost::GetReports() const {
   std::lock_guard<std::mutex> lock(state_->mutex);
-  return state_->reports;
+  return {state_->reports.begin(), state_->reports.end()};
 }
 
 size_t StandaloneHost::CountReports(HostReport::Kind kind, const std::string& fragment) const {
   std::lock_guard<std::mutex> lock(state_->mutex);
+  if (fragment.empty()) return state_->reportCounts[KindIndex(kind)];
   size_t n = 0;
   for (const HostReport& r : state_->reports) {
     if (r.kind == kind && r.text.find(fragment) != std::string::npos) ++n;
@@ -199,7 +213,7 @@ size_t StandaloneHost::CountReports(HostReport::Kind kind, const std::string& fr
 
 void StandaloneHost::ClearReports() {
   std::lock_guard<std::mutex> lock(state_->mutex);
-  state_->reports.clear();
+  state_->ClearReportsLocked();
 }
 
 void StandaloneHost::SetEchoReports(bool echo) { state_->echoReports.store(echo); }

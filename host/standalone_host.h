@@ -58,10 +58,14 @@ class JX_EXPORT StandaloneHost {
   void MakeCurrentThreadMain() { SetMainThread(zelcore::threads::CurrentThreadId()); }
   zelcore::threads::ThreadId GetMainThread() const;
 
-  // Reports.
+  // Reports. Every report is counted, but only the last kKeptReports are kept, so that a long
+  // run that keeps reporting does not grow without bound.
+  static constexpr size_t kKeptReports = 1000;
   void AddReport(HostReport report);
+  // The kept reports, oldest first.
   std::vector<HostReport> GetReports() const;
-  // Reports of that kind whose text contains `fragment` ("" matches all).
+  // Reports of that kind whose text contains `fragment`. With "" the count is exact since the
+  // last Clear or Reset; with a fragment it covers the kept reports only.
   size_t CountReports(HostReport::Kind kind, const std::string& fragment = "") const;
   void ClearReports();
   // Whether reports are printed to standard error (default true; quiet ones never are).
