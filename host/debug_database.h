@@ -4,11 +4,11 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 
 #include "host/export.h"
+#include "host/thread_annotations.h"
 
 namespace zelcore::debug {
 
@@ -26,8 +26,8 @@ class JX_EXPORT DebugDatabase {
 
  private:
   DebugDatabase();
-  mutable std::mutex mutex_;
-  std::unordered_map<std::string, std::string> entries_;
+  mutable jx::Mutex mutex_;
+  std::unordered_map<std::string, std::string> entries_ GUARDED_BY(mutex_);
 };
 
 // Conversions the library uses for typed settings: a bool is true only for the text "true";
