@@ -189,6 +189,10 @@ int32_t ComputeAndCheckout(const char* classId, void* request, Mode mode,
   } else if (item->IsPendingRender()) {
     if (mode != Mode::kWait || !MayWait(callerHeldNotifyingLock)) return kNotAvailable;
     WaitForOtherCompute(*item);
+  } else if (mode != Mode::kWait && !item->GetDataPtr()) {
+    // Found while another caller computed it, and abandoned since (its compute failed): for a
+    // caller that does not wait that is "not available", as if it had looked a moment earlier.
+    return kNotAvailable;
   }
   CheckEntry(*item, id);
   *receipt = ToHandle(handle.release());

@@ -15,7 +15,7 @@ using zelcore::filesupport::OPlatformByteStream;
 FastWriteOnlyStream::FastWriteOnlyStream(const File& file)
     : OPlatformByteStream(file, /*unbuffered=*/true),
       unit_(zelcore::utility::FileUtils::GetEfficientDiskBufferSizeFromPath(file.GetPath())),
-      bufferSize_(unit_ * kUnitsPerBuffer),
+      bufferSize_((kBufferBytes + unit_ - 1) / unit_ * unit_),
       buffer_(AllocateAligned(bufferSize_, unit_)) {}
 
 FastWriteOnlyStream::~FastWriteOnlyStream() = default;

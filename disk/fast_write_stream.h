@@ -2,8 +2,9 @@
 //
 // Cache files are large and written once; going through the system cache would evict the host's
 // own files for data nobody will read soon. So the stream writes unbuffered (O_DIRECT where the
-// file system allows it, see OPlatformByteStream) from a buffer of 64 units, aligned to a unit,
-// in whole blocks. The unit is the volume's efficient disk buffer size. The last, partial block
+// file system allows it, see OPlatformByteStream) from a buffer of about 4 MiB (64 units of
+// 64 KiB; a single unit where the volume's unit is larger), aligned to a unit, in whole blocks.
+// The unit is the volume's efficient disk buffer size. The last, partial block
 // is padded to whole units, written once, and the file is cut back to the true length at close.
 //
 // Ownership: owned by the one writer that made it; belongs to one thread. The file must exist.
@@ -20,7 +21,9 @@ namespace jx::disk {
 
 class FastWriteOnlyStream : public zelcore::filesupport::OPlatformByteStream {
  public:
-  static constexpr size_t kUnitsPerBuffer = 64;
+  // The buffer's size in bytes, rounded up to whole units. Volumes with huge blocks get larger
+  // units, not more of them: a fixed count of units would grow the buffer with the block size.
+  static constexpr size_t kBufferBytes = 4 * 1024 * 1024;
 
   // Opens the existing `file` for writing. Throws FileNotFoundError / FileError when it cannot
   // be opened, std::bad_alloc when the buffer cannot be had.

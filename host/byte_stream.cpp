@@ -117,27 +117,35 @@ void OPlatformByteStream::WriteBlock(const void* data, size_t length) {
   }
   const auto* bytes = static_cast<const uint8_t*>(data);
   while (length > 0) {
+    // Injected faults take the system call's own path (WriteSome sets errno for them).
     const ssize_t n = detail::WriteSome(fd_, bytes, length);
     if (n < 0) {
-      if (errno == EINTR) continue;
-      ThrowFileError(errno, FileOp::kWrite, path_);
+      const int err = errno;
+      if (err == EINTR) continue;
+      // Some file systems accept O_DIRECT at open and refuse it only at the first transfer. The
+      // block is aligned, so the refusal is about O_DIRECT itself: nothing was written and the
+      // position has not moved. Carry on buffered from the same place.
+      if (err == EINVAL && direct_ && LeaveDirectMode()) continue;
+      ThrowFileError(err, FileOp::kWrite, path_);
     }
     if (n == 0) ThrowFileError(EIO, FileOp::kWrite, path_);
     bytes += n;
     length -= static_cast<size_t>(n);
     // A short count off a unit boundary leaves the rest misaligned in the file and in memory,
     // which O_DIRECT refuses: the rest of the file goes through the page cache, synced at Close.
-    if (direct_ && length > 0 && static_cast<size_t>(n) % unit_ != 0) LeaveDirectMode();
+    if (direct_ && length > 0 && static_cast<size_t>(n) % unit_ != 0 && !LeaveDirectMode()) {
+      ThrowFileError(errno, FileOp::kWrite, path_);
+    }
   }
 }
 
-void OPlatformByteStream::LeaveDirectMode() {
+bool OPlatformByteStream::LeaveDirectMode() {
 #if defined(O_DIRECT)
   const int flags = ::fcntl(fd_, F_GETFL);
-  if (flags < 0 || ::fcntl(fd_, F_SETFL, flags & ~O_DIRECT) != 0)
-    ThrowFileError(errno, FileOp::kWrite, path_);
+  if (flags < 0 || ::fcntl(fd_, F_SETFL, flags & ~O_DIRECT) != 0) return false;
 #endif
   direct_ = false;
+  return true;
 }
 
 void OPlatformByteStream::Flush() {
@@ -154,7 +162,9 @@ void OPlatformByteStream::Close() {
     err = FaultInjection::ShouldFail(FileOp::kTruncate);
     if (err == 0 && ::ftruncate(fd, static_cast<off_t>(finalLength_)) != 0) err = errno;
   }
-  if (err == 0 && !direct_) {
+  // Direct writes bypass the page cache but not the device's cache, and neither the writes that
+  // grew the file nor the truncation have their new length on disk yet: sync either way.
+  if (err == 0) {
     failed = FileOp::kFlush;
     err = FaultInjection::ShouldFail(FileOp::kFlush);
     if (err == 0) err = detail::SyncData(fd);

@@ -2,9 +2,10 @@
 //
 // OPlatformByteStream writes whole blocks straight to disk where the file system allows it
 // (O_DIRECT with an aligned buffer; the caller supplies aligned blocks of whole units) and falls
-// back to buffered writes finished by fdatasync where it refuses O_DIRECT (EINVAL). Close sets
-// the file to its true length. IPlatformByteStream reads a file; BufferedIByteStream puts a
-// large buffer in front of another input stream. Streams belong to one thread.
+// back to buffered writes where it refuses O_DIRECT (EINVAL), whether at open or at the first
+// write. Close sets the file to its true length and syncs its data in either mode.
+// IPlatformByteStream reads a file; BufferedIByteStream puts a large buffer in front of another
+// input stream. Streams belong to one thread.
 #pragma once
 
 #include <cstddef>
@@ -68,17 +69,19 @@ class OPlatformByteStream : public OByteStream {
   void Write(const void* data, size_t length) override;
   // Writes one block. In direct mode `data` must be aligned to the unit and `length` a multiple
   // of it. Short writes are retried (after one that ends off a unit boundary the stream is no
-  // longer direct); errors throw FileError.
+  // longer direct); errors throw FileError. A direct write refused with EINVAL switches the
+  // stream to buffered mode (IsDirect turns false) and is retried there.
   void WriteBlock(const void* data, size_t length);
   // Sets the length the file will have after Close.
   void SetFinalLength(uint64_t length) { finalLength_ = static_cast<int64_t>(length); }
   void Flush() override;
-  // Truncates to the final length (if set), syncs data when not direct, closes. Throws FileError.
+  // Truncates to the final length (if set), syncs the data, closes. Throws FileError.
   void Close() override;
   bool IsDirect() const { return direct_; }
 
  private:
-  void LeaveDirectMode();
+  // Clears O_DIRECT on the open descriptor; false when the system will not.
+  bool LeaveDirectMode();
 
   int fd_ = -1;
   bool direct_ = false;

@@ -56,10 +56,13 @@ TEST(PlatformStreams, DirectBlocksWithFinalLengthRoundTripExactly) {
     const File file = scratch.file(shortReads ? "short" : "full");
     file.Create();
     std::vector<uint8_t> written;
+    const uint64_t syncs = FaultInjection::CallCount(FileOp::kFlush);
     {
       OPlatformByteStream out(file, true);
       written = WriteBlocks(out, unit, 5, 123);
     }
+    // The truncation to the true length must reach the disk too, even after direct writes.
+    EXPECT_EQ(FaultInjection::CallCount(FileOp::kFlush), syncs + 1);
     EXPECT_EQ(file.Size(), written.size());
     FaultInjection::SetShortReads(shortReads);
     EXPECT_EQ(ReadBack(file, unit), written);
@@ -111,7 +114,7 @@ TEST(PlatformStreams, RefusedDirectOpenFallsBackToBufferedAndSyncs) {
 }
 // A device may take part of a write. Halving a block of four units leaves whole units, so a
 // direct stream stays direct; halving a single unit does not, and the rest of the file must go
-// through the page cache and be synced. Either way the file is exactly what was written, and
+// through the page cache. Either way the file is synced, is exactly what was written, and
 // short reads of it give the same bytes.
 TEST(PlatformStreams, ShortWritesAreFinishedOnAndOffUnitBoundaries) {
   ScratchFolder scratch;
@@ -133,7 +136,8 @@ TEST(PlatformStreams, ShortWritesAreFinishedOnAndOffUnitBoundaries) {
     if (!persistent) {
       EXPECT_EQ(FaultInjection::CallCount(FileOp::kWrite), 4u);
     }
-    EXPECT_EQ(FaultInjection::CallCount(FileOp::kFlush), directAtEnd ? 0u : 1u);
+    // Close syncs the data in either mode: O_DIRECT alone does not reach the device.
+    EXPECT_EQ(FaultInjection::CallCount(FileOp::kFlush), 1u);
     if (directAtStart) {
       EXPECT_EQ(directAtEnd, !persistent);
     }
@@ -143,6 +147,43 @@ TEST(PlatformStreams, ShortWritesAreFinishedOnAndOffUnitBoundaries) {
     EXPECT_EQ(ReadBack(file, unit), written);
     FaultInjection::Reset();
   }
+}
+
+// Some file systems accept O_DIRECT at open and refuse it (EINVAL) only at the first transfer.
+TEST(PlatformStreams, DirectWriteRefusedAfterOpenCarriesOnBufferedWithEveryByte) {
+  ScratchFolder scratch;
+  const File file = scratch.file("f");
+  file.Create();
+  const size_t unit = FileUtils::GetEfficientDiskBufferSizeFromPath(file.GetPath());
+  std::vector<uint8_t> written;
+  {
+    OPlatformByteStream out(file, true);
+    if (!out.IsDirect()) GTEST_SKIP() << "this file system refuses O_DIRECT at open";
+    // The second block is refused: the first is already on disk, direct.
+    FaultInjection::FailNth(FileOp::kWrite, 2, EINVAL);
+    written = WriteBlocks(out, unit, 4, 77);
+    EXPECT_FALSE(out.IsDirect());
+  }
+  EXPECT_EQ(FaultInjection::InjectedCount(), 1u);
+  EXPECT_EQ(FaultInjection::CallCount(FileOp::kWrite), 5u);  // four blocks, one of them twice
+  EXPECT_EQ(FaultInjection::CallCount(FileOp::kFlush), 1u);
+  EXPECT_EQ(ReadBack(file, unit), written);
+
+  // A buffered write refused as well is a real error, reported once and not retried forever.
+  FaultInjection::Reset();
+  OPlatformByteStream out(file, true);
+  ASSERT_TRUE(out.IsDirect());
+  FaultInjection::FailNth(FileOp::kWrite, 1, EINVAL, /*persistent=*/true);
+  auto buffer = AllocateAligned(unit, unit);
+  std::memset(buffer.get(), 1, unit);
+  try {
+    out.WriteBlock(buffer.get(), unit);
+    ADD_FAILURE() << "a write refused in both modes was accepted";
+  } catch (const FileError& e) {
+    EXPECT_EQ(e.Errno(), EINVAL);
+  }
+  EXPECT_EQ(FaultInjection::InjectedCount(), 2u);
+  EXPECT_FALSE(out.IsDirect());
 }
 
 TEST(PlatformStreams, MissingFilesAreReportedAsNotFound) {

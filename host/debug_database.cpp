@@ -42,30 +42,30 @@ DebugDatabase::DebugDatabase() {
 }
 
 std::string DebugDatabase::GetEntry(const std::string& name, const std::string& defaultText) const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  jx::MutexLock lock(mutex_);
   ++lookups_[name];
   auto it = entries_.find(name);
   return it == entries_.end() ? defaultText : it->second;
 }
 
 uint64_t DebugDatabase::LookupCount(const std::string& name) const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  jx::MutexLock lock(mutex_);
   auto it = lookups_.find(name);
   return it == lookups_.end() ? 0 : it->second;
 }
 
 void DebugDatabase::SetEntry(const std::string& name, const std::string& value) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  jx::MutexLock lock(mutex_);
   entries_[name] = value;
 }
 
 void DebugDatabase::RemoveEntry(const std::string& name) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  jx::MutexLock lock(mutex_);
   entries_.erase(name);
 }
 
 bool DebugDatabase::HasEntry(const std::string& name) const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  jx::MutexLock lock(mutex_);
   return entries_.count(name) != 0;
 }
 
@@ -84,7 +84,7 @@ bool DebugDatabase::LoadFile(const std::string& path) {
     if (name.empty()) continue;
     loaded[name] = Trim(trimmed.substr(eq + 1));
   }
-  std::lock_guard<std::mutex> lock(mutex_);
+  jx::MutexLock lock(mutex_);
   for (auto& [name, value] : loaded) entries_[name] = std::move(value);
   return true;
 }

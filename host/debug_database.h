@@ -4,13 +4,15 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 
+#include "host/export.h"
+#include "host/thread_annotations.h"
+
 namespace zelcore::debug {
 
-class DebugDatabase {
+class JX_EXPORT DebugDatabase {
  public:
   static DebugDatabase& Instance();
 
@@ -27,18 +29,18 @@ class DebugDatabase {
 
  private:
   DebugDatabase();
-  mutable std::mutex mutex_;
-  std::unordered_map<std::string, std::string> entries_;
-  mutable std::unordered_map<std::string, uint64_t> lookups_;
+  mutable jx::Mutex mutex_;
+  std::unordered_map<std::string, std::string> entries_ GUARDED_BY(mutex_);
+  mutable std::unordered_map<std::string, uint64_t> lookups_ GUARDED_BY(mutex_);
 };
 
 // Conversions the library uses for typed settings: a bool is true only for the text "true";
 // numbers that do not parse give the default.
-bool ParseBoolSetting(const std::string& text);
-int32_t ParseInt32Setting(const std::string& text, int32_t defaultValue);
-uint32_t ParseUInt32Setting(const std::string& text, uint32_t defaultValue);
-double ParseDoubleSetting(const std::string& text, double defaultValue);
+JX_EXPORT bool ParseBoolSetting(const std::string& text);
+JX_EXPORT int32_t ParseInt32Setting(const std::string& text, int32_t defaultValue);
+JX_EXPORT uint32_t ParseUInt32Setting(const std::string& text, uint32_t defaultValue);
+JX_EXPORT double ParseDoubleSetting(const std::string& text, double defaultValue);
 // A double default as the database stores it ("%1.*lg" with full precision).
-std::string FormatDoubleSetting(double value);
+JX_EXPORT std::string FormatDoubleSetting(double value);
 
 }  // namespace zelcore::debug

@@ -11,12 +11,13 @@
 #include <deque>
 #include <exception>
 #include <map>
-#include <mutex>
 #include <new>
 #include <stdexcept>
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include "host/thread_annotations.h"
 
 namespace zelcore::threads {
 namespace {
@@ -69,7 +70,7 @@ class DelayTimer {
   }
 
   Key Schedule(Clock::time_point when, std::function<void()> fire) {
-    std::lock_guard<std::mutex> lock(mu_);
+    jx::MutexLock lock(mu_);
     if (!started_) {
       std::thread([this] { Loop(); }).detach();
       started_ = true;
@@ -82,7 +83,7 @@ class DelayTimer {
 
   void Unschedule(const Key& key) {
     std::function<void()> dropped;
-    std::lock_guard<std::mutex> lock(mu_);
+    jx::MutexLock lock(mu_);
     auto it = entries_.find(key);
     if (it == entries_.end()) return;
     dropped = std::move(it->second);
@@ -91,20 +92,20 @@ class DelayTimer {
 
  private:
   void Loop() {
-    std::unique_lock<std::mutex> lock(mu_);
+    jx::MutexLock lock(mu_);
     for (;;) {
       if (entries_.empty()) {
-        cv_.wait(lock);
+        cv_.wait(lock.Native());
         continue;
       }
       auto first = entries_.begin();
       if (Clock::now() < first->first.first) {
-        cv_.wait_until(lock, first->first.first);
+        cv_.wait_until(lock.Native(), first->first.first);
         continue;
       }
       std::function<void()> fire = std::move(first->second);
       entries_.erase(first);
-      lock.unlock();
+      lock.Unlock();
       try {
         fire();
       } catch (const std::exception& e) {
@@ -113,15 +114,15 @@ class DelayTimer {
         std::fprintf(stderr, "jxcache: a delayed post failed\n");
       }
       fire = nullptr;
-      lock.lock();
+      lock.Lock();
     }
   }
 
-  std::mutex mu_;
+  jx::Mutex mu_;
   std::condition_variable cv_;
-  std::map<Key, std::function<void()>> entries_;
-  uint64_t lastSeq_ = 0;
-  bool started_ = false;
+  std::map<Key, std::function<void()>> entries_ GUARDED_BY(mu_);
+  uint64_t lastSeq_ GUARDED_BY(mu_) = 0;
+  bool started_ GUARDED_BY(mu_) = false;
 };
 
 // ---- Thread pool ---------------------------------------------------------------------------
@@ -130,42 +131,42 @@ struct PoolState {
   explicit PoolState(unsigned max) : maxThreads(max) {}
 
   const unsigned maxThreads;
-  mutable std::mutex mu;
+  mutable jx::Mutex mu;
   std::condition_variable workCv;  // work queued, or the pool is exiting
   std::condition_variable idleCv;  // a task finished
-  std::deque<Task> queue;
-  std::vector<std::thread> threads;
-  unsigned idle = 0;  // threads waiting for work or for the hold-back to pass
-  unsigned running = 0;
-  bool takingWork = true;
-  bool exiting = false;
-  Clock::time_point holdUntil{};
+  std::deque<Task> queue GUARDED_BY(mu);
+  std::vector<std::thread> threads GUARDED_BY(mu);
+  unsigned idle GUARDED_BY(mu) = 0;  // threads waiting for work or for the hold-back to pass
+  unsigned running GUARDED_BY(mu) = 0;
+  bool takingWork GUARDED_BY(mu) = true;
+  bool exiting GUARDED_BY(mu) = false;
+  Clock::time_point holdUntil GUARDED_BY(mu){};
 };
 
 void PoolWorker(const std::shared_ptr<PoolState>& s) {
-  std::unique_lock<std::mutex> lock(s->mu);
+  jx::MutexLock lock(s->mu);
   for (;;) {
     if (s->exiting) return;
     if (s->queue.empty()) {
       ++s->idle;
-      s->workCv.wait(lock);
+      s->workCv.wait(lock.Native());
       --s->idle;
       continue;
     }
     const Clock::time_point hold = s->holdUntil;
     if (Clock::now() < hold) {
       ++s->idle;
-      s->workCv.wait_until(lock, hold);
+      s->workCv.wait_until(lock.Native(), hold);
       --s->idle;
       continue;
     }
     Task task = std::move(s->queue.front());
     s->queue.pop_front();
     ++s->running;
-    lock.unlock();
+    lock.Unlock();
     RunTask(s.get(), task, "I/O executor");
     task = nullptr;  // captures are released outside the pool's mutex too
-    lock.lock();
+    lock.Lock();
     --s->running;
     s->idleCv.notify_all();
   }
@@ -182,8 +183,13 @@ template <class State>
 class QueueingExecutor : public Executor {
  public:
   void StopTakingWork() override {
-    std::lock_guard<std::mutex> lock(state_->mu);
+    jx::MutexLock lock(state_->mu);
     state_->takingWork = false;
+  }
+
+  bool IsTakingWork() const override {
+    jx::MutexLock lock(state_->mu);
+    return state_->takingWork;
   }
 
   void CancelQueued() override {
@@ -192,12 +198,12 @@ class QueueingExecutor : public Executor {
     // executors' destructors come here. Tasks posted meanwhile stay.
     size_t toDrop;
     {
-      std::lock_guard<std::mutex> lock(state_->mu);
+      jx::MutexLock lock(state_->mu);
       toDrop = state_->queue.size();
     }
     for (; toDrop > 0; --toDrop) {
       Task dropped;
-      std::lock_guard<std::mutex> lock(state_->mu);
+      jx::MutexLock lock(state_->mu);
       if (state_->queue.empty()) return;
       dropped = TakeTask(state_->queue.front());
       state_->queue.pop_front();
@@ -207,17 +213,17 @@ class QueueingExecutor : public Executor {
   void WaitForRunning() override {
     // A task of this executor waiting for it does not wait for itself.
     const unsigned self = RunningTaskOf(state_.get()) ? 1 : 0;
-    std::unique_lock<std::mutex> lock(state_->mu);
-    state_->idleCv.wait(lock, [&] { return state_->running <= self; });
+    jx::MutexLock lock(state_->mu);
+    while (state_->running > self) state_->idleCv.wait(lock.Native());
   }
 
   void HoldBackUntil(Clock::time_point until) override {
-    std::lock_guard<std::mutex> lock(state_->mu);
+    jx::MutexLock lock(state_->mu);
     state_->holdUntil = std::max(state_->holdUntil, until);
   }
 
   size_t QueuedCount() const override {
-    std::lock_guard<std::mutex> lock(state_->mu);
+    jx::MutexLock lock(state_->mu);
     return state_->queue.size();
   }
 
@@ -235,7 +241,7 @@ class IOBoundExecutor final : public QueueingExecutor<PoolState> {
     Shutdown();
     std::vector<std::thread> threads;
     {
-      std::lock_guard<std::mutex> lock(state_->mu);
+      jx::MutexLock lock(state_->mu);
       state_->exiting = true;
       threads.swap(state_->threads);
     }
@@ -251,7 +257,7 @@ class IOBoundExecutor final : public QueueingExecutor<PoolState> {
   }
 
   bool Post(Task task) override {
-    std::lock_guard<std::mutex> lock(state_->mu);
+    jx::MutexLock lock(state_->mu);
     if (!state_->takingWork) return false;
     state_->queue.push_back(std::move(task));
     // Threads start on demand: a pool sized for the worst case costs nothing while it is quiet.
@@ -276,14 +282,14 @@ struct SubState {
 
   const std::shared_ptr<Executor> parent;
   const unsigned maxConcurrent;
-  mutable std::mutex mu;
+  mutable jx::Mutex mu;
   std::condition_variable idleCv;  // a task finished
-  std::deque<std::pair<uint64_t, Task>> queue;
-  uint64_t lastId = 0;
-  unsigned runners = 0;  // runner tasks handed to the parent and not finished
-  unsigned running = 0;
-  bool takingWork = true;
-  Clock::time_point holdUntil{};
+  std::deque<std::pair<uint64_t, Task>> queue GUARDED_BY(mu);
+  uint64_t lastId GUARDED_BY(mu) = 0;
+  unsigned runners GUARDED_BY(mu) = 0;  // runner tasks handed to the parent and not finished
+  unsigned running GUARDED_BY(mu) = 0;
+  bool takingWork GUARDED_BY(mu) = true;
+  Clock::time_point holdUntil GUARDED_BY(mu){};
 };
 
 // One of the sub-executor's `maxConcurrent` runner places, carried by the runner task posted to
@@ -293,7 +299,7 @@ struct RunnerPlace {
   ~RunnerPlace() {
     if (handedBack) return;
     if (std::shared_ptr<SubState> s = state.lock()) {
-      std::lock_guard<std::mutex> lock(s->mu);
+      jx::MutexLock lock(s->mu);
       --s->runners;
     }
   }
@@ -314,7 +320,7 @@ bool PostRunner(const std::shared_ptr<SubState>& s) noexcept {
   try {
     place = std::make_shared<RunnerPlace>(s);
   } catch (...) {
-    std::lock_guard<std::mutex> lock(s->mu);
+    jx::MutexLock lock(s->mu);
     --s->runners;
     return false;
   }
@@ -331,11 +337,11 @@ bool PostRunner(const std::shared_ptr<SubState>& s) noexcept {
 void RunOneSubTask(const std::shared_ptr<RunnerPlace>& place) {
   std::shared_ptr<SubState> s = place->state.lock();
   if (!s) return;  // the sub-executor is gone, and its tasks with it
-  std::unique_lock<std::mutex> lock(s->mu);
+  jx::MutexLock lock(s->mu);
   if (!s->queue.empty() && Clock::now() < s->holdUntil) {
     // Come back when the hold-back ends, keeping the place, rather than occupy a parent thread.
     const Clock::time_point until = s->holdUntil;
-    lock.unlock();
+    lock.Unlock();
     try {
       DelayTimer::Instance().Schedule(until, [place] {
         if (std::shared_ptr<SubState> state = place->state.lock()) {
@@ -346,7 +352,7 @@ void RunOneSubTask(const std::shared_ptr<RunnerPlace>& place) {
     } catch (const std::bad_alloc&) {
       // No memory to wait with: run now rather than drop the place. A hold-back is a wish.
     }
-    lock.lock();
+    lock.Lock();
   }
   place->handedBack = true;
   for (;;) {
@@ -357,21 +363,21 @@ void RunOneSubTask(const std::shared_ptr<RunnerPlace>& place) {
     Task task = std::move(s->queue.front().second);
     s->queue.pop_front();
     ++s->running;
-    lock.unlock();
+    lock.Unlock();
     RunTask(s.get(), task, "sub-executor");
     task = nullptr;
-    lock.lock();
+    lock.Lock();
     --s->running;
     s->idleCv.notify_all();
     if (s->queue.empty()) {
       --s->runners;
       return;
     }
-    lock.unlock();
+    lock.Unlock();
     if (PostRunner(s)) return;
     // The place came back (no memory for a new runner): this runner carries on with the queue,
     // which nobody else may be about to run, unless another runner took the place meanwhile.
-    lock.lock();
+    lock.Lock();
     if (s->runners >= s->maxConcurrent) return;
     ++s->runners;
   }
@@ -387,7 +393,7 @@ class SubExecutor final : public QueueingExecutor<SubState> {
   bool Post(Task task) override {
     uint64_t id = 0;
     {
-      std::lock_guard<std::mutex> lock(state_->mu);
+      jx::MutexLock lock(state_->mu);
       if (!state_->takingWork) return false;
       id = ++state_->lastId;
       state_->queue.emplace_back(id, std::move(task));
@@ -398,7 +404,7 @@ class SubExecutor final : public QueueingExecutor<SubState> {
     // The parent refused, or there was no memory for a runner: take the task back unless a
     // runner already took it.
     Task dropped;
-    std::lock_guard<std::mutex> lock(state_->mu);
+    jx::MutexLock lock(state_->mu);
     auto it = std::find_if(state_->queue.begin(), state_->queue.end(),
                            [id](const auto& entry) { return entry.first == id; });
     if (it == state_->queue.end()) return true;
@@ -432,13 +438,16 @@ struct QueueOnlyOnce::State : std::enable_shared_from_this<QueueOnlyOnce::State>
       : executor(std::move(e)), task(std::move(t)), delayMs(delay) {}
 
   bool Queue() {
-    std::unique_lock<std::mutex> lock(mu);
+    // A delayed run is posted later, by the timer; an executor that already refuses work would
+    // drop it then, after this call had promised it.
+    if (delayMs != 0 && !executor->IsTakingWork()) return false;
+    jx::MutexLock lock(mu);
     if (queued || closed) return false;
     const uint64_t generation = ++lastGeneration;
     queued = true;
     std::weak_ptr<State> weak = weak_from_this();
     if (delayMs == 0) {
-      lock.unlock();
+      lock.Unlock();
       return PostRun(generation);
     }
     timerKey = DelayTimer::Instance().Schedule(Clock::now() + std::chrono::milliseconds(delayMs),
@@ -451,26 +460,26 @@ struct QueueOnlyOnce::State : std::enable_shared_from_this<QueueOnlyOnce::State>
   }
 
   void Cancel() {
-    std::lock_guard<std::mutex> lock(mu);
+    jx::MutexLock lock(mu);
     CancelLocked();
   }
 
   // Cancels and waits for a run in progress (unless the caller is that run).
   void Close() {
     const unsigned self = RunningTaskOf(this) ? 1 : 0;
-    std::unique_lock<std::mutex> lock(mu);
+    jx::MutexLock lock(mu);
     closed = true;
     CancelLocked();
-    cv.wait(lock, [&] { return running <= self; });
+    while (running > self) cv.wait(lock.Native());
   }
 
   bool IsQueued() const {
-    std::lock_guard<std::mutex> lock(mu);
+    jx::MutexLock lock(mu);
     return queued;
   }
 
  private:
-  void CancelLocked() {
+  void CancelLocked() REQUIRES(mu) {
     if (!queued) return;
     queued = false;
     ++lastGeneration;
@@ -480,11 +489,13 @@ struct QueueOnlyOnce::State : std::enable_shared_from_this<QueueOnlyOnce::State>
     }
   }
 
-  bool StillQueued(uint64_t generation) const { return queued && lastGeneration == generation; }
+  bool StillQueued(uint64_t generation) const REQUIRES(mu) {
+    return queued && lastGeneration == generation;
+  }
 
   void Fire(uint64_t generation) {
     {
-      std::lock_guard<std::mutex> lock(mu);
+      jx::MutexLock lock(mu);
       if (!StillQueued(generation)) return;
       timerPending = false;
     }
@@ -498,21 +509,21 @@ struct QueueOnlyOnce::State : std::enable_shared_from_this<QueueOnlyOnce::State>
         })) {
       return true;
     }
-    std::lock_guard<std::mutex> lock(mu);
+    jx::MutexLock lock(mu);
     if (StillQueued(generation)) queued = false;
     return false;
   }
 
   void Run(uint64_t generation) {
     {
-      std::lock_guard<std::mutex> lock(mu);
+      jx::MutexLock lock(mu);
       if (!StillQueued(generation)) return;
       queued = false;
       ++running;
     }
     RunTask(this, task, "QueueOnlyOnce");
     {
-      std::lock_guard<std::mutex> lock(mu);
+      jx::MutexLock lock(mu);
       --running;
     }
     cv.notify_all();
@@ -521,14 +532,14 @@ struct QueueOnlyOnce::State : std::enable_shared_from_this<QueueOnlyOnce::State>
   const std::shared_ptr<Executor> executor;
   const Task task;
   const uint32_t delayMs;
-  mutable std::mutex mu;
+  mutable jx::Mutex mu;
   std::condition_variable cv;  // a run finished
-  bool queued = false;
-  bool closed = false;
-  bool timerPending = false;
-  uint64_t lastGeneration = 0;
-  unsigned running = 0;
-  DelayTimer::Key timerKey{};
+  bool queued GUARDED_BY(mu) = false;
+  bool closed GUARDED_BY(mu) = false;
+  bool timerPending GUARDED_BY(mu) = false;
+  uint64_t lastGeneration GUARDED_BY(mu) = 0;
+  unsigned running GUARDED_BY(mu) = 0;
+  DelayTimer::Key timerKey GUARDED_BY(mu){};
 };
 
 QueueOnlyOnce::QueueOnlyOnce(std::shared_ptr<Executor> executor, Task task, uint32_t delayMs,

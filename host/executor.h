@@ -23,6 +23,8 @@ class Executor {
   // Queues the task; false when the executor no longer takes work.
   virtual bool Post(Task task) = 0;
   virtual void StopTakingWork() = 0;
+  // False once StopTakingWork has been called.
+  virtual bool IsTakingWork() const = 0;
   virtual void CancelQueued() = 0;
   virtual void WaitForRunning() = 0;
   // Holds back queued tasks that have not started yet: none starts before `until`.

@@ -24,6 +24,7 @@ class ManualParent : public Executor {
     return true;
   }
   void StopTakingWork() override {}
+  bool IsTakingWork() const override { return true; }
   void CancelQueued() override { tasks_.clear(); }
   void WaitForRunning() override {}
   void HoldBackUntil(std::chrono::steady_clock::time_point) override {}

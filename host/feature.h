@@ -9,9 +9,11 @@
 #include <cstdint>
 #include <string>
 
+#include "host/export.h"
+
 namespace zelappsupport::feature {
 
-class BetaFeature {
+class JX_EXPORT BetaFeature {
  public:
   BetaFeature(const char* key, int stage, const char* nameString, const char* descriptionString,
               const char* trackingId, int visibleInAllClientApps, int enablementChanges,
@@ -37,19 +39,20 @@ class BetaFeature {
   int defaultEnablement_;
 };
 
-bool IsFeatureEnabled(const std::string& key);
-void SetFeatureEnabled(const std::string& key, bool enabled);
+JX_EXPORT bool IsFeatureEnabled(const std::string& key);
+JX_EXPORT void SetFeatureEnabled(const std::string& key, bool enabled);
 // The registered feature of that key, or null.
-const BetaFeature* FindFeature(const std::string& key);
+JX_EXPORT const BetaFeature* FindFeature(const std::string& key);
 
 }  // namespace zelappsupport::feature
 
 namespace zelappsupport::preferences {
 
 // Reads a value of a preference group; `defaultValue` when unset or unparsable.
-double GetDouble(const std::string& group, const std::string& name, double defaultValue);
-int64_t GetInt64(const std::string& group, const std::string& name, int64_t defaultValue);
-void SetValue(const std::string& group, const std::string& name, const std::string& value);
-void Clear();
+JX_EXPORT double GetDouble(const std::string& group, const std::string& name, double defaultValue);
+JX_EXPORT int64_t GetInt64(const std::string& group, const std::string& name, int64_t defaultValue);
+JX_EXPORT void SetValue(const std::string& group, const std::string& name,
+                        const std::string& value);
+JX_EXPORT void Clear();
 
 }  // namespace zelappsupport::preferences

@@ -17,8 +17,9 @@ namespace zelcore::utility {
 namespace {
 
 constexpr size_t kMinDiskUnit = 512;
-constexpr size_t kMaxDiskUnit = 65536;
 constexpr size_t kDefaultDiskUnit = 4096;
+// A larger block size is a file system reporting nonsense; the default serves better.
+constexpr unsigned long kMaxPlausibleBlock = 1ul << 30;
 
 constexpr int64_t kNotFaked = INT64_MIN;
 std::atomic<int64_t> gFakedVolumeFreeSpace{kNotFaked};
@@ -112,15 +113,20 @@ constexpr size_t kEfficientTransferUnit = 64 * 1024;
 size_t FileUtils::GetEfficientDiskBufferSizeFromPath(const std::string& path) {
   // The file system's preferred block size is a multiple of the device's logical sector on every
   // file system we have met, which is what O_DIRECT needs for offsets, lengths and addresses.
+  // Network and cluster file systems may prefer blocks of a megabyte or more: the unit never
+  // goes below the block size, or every transfer would split one of its blocks.
   struct statvfs vfs {};
-  size_t size = StatVolume(path, &vfs) && vfs.f_bsize > 0 ? static_cast<size_t>(vfs.f_bsize)
-                                                          : kDefaultDiskUnit;
-  size_t unit = kMinDiskUnit;
-  while (unit < size && unit < kMaxDiskUnit) unit *= 2;
+  size_t block = kDefaultDiskUnit;
+  if (StatVolume(path, &vfs) && vfs.f_bsize > 0 && vfs.f_bsize <= kMaxPlausibleBlock) {
+    block = static_cast<size_t>(vfs.f_bsize);
+  }
   // Efficient means large transfers: unbuffered writes wait for the device one call at a time,
-  // so a writer buffering 64 units should hand it megabytes, not 256 KiB. Any power of two at
-  // least the block size keeps O_DIRECT's alignment rules.
-  return std::max(unit, kEfficientTransferUnit);
+  // so a writer buffering several units should hand it megabytes, not 256 KiB. The smallest
+  // power of two at least both is a multiple of a power-of-two block size (the only kind we
+  // have seen reported) and a valid alignment for the buffer.
+  size_t unit = kMinDiskUnit;
+  while (unit < std::max(block, kEfficientTransferUnit)) unit *= 2;
+  return unit;
 }
 
 std::string FileUtils::GetComputerName() {

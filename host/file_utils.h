@@ -22,9 +22,10 @@ class FileUtils {
   // Replaces every character that cannot stand in a file name on any of our platforms
   // (/ \ : * ? " < > | and control characters) by `replacement`.
   static std::string ReplaceIllegalFileNameCharacters(std::string_view name, char replacement);
-  // The unit for efficient unbuffered I/O on the volume holding path: a power of two, a multiple
-  // of the file system's block size (so O_DIRECT accepts transfers and buffer addresses aligned
-  // to it), and at least 64 KiB so that a buffer of a few dozen units makes long transfers.
+  // The unit for efficient unbuffered I/O on the volume holding path: a power of two, never
+  // below the file system's block size and a multiple of it (so O_DIRECT accepts transfers and
+  // buffer addresses aligned to it), and at least 64 KiB so that a buffer of a few dozen units
+  // makes long transfers.
   static size_t GetEfficientDiskBufferSizeFromPath(const std::string& path);
   // The machine's name, or "" when it has none.
   static std::string GetComputerName();

@@ -13,9 +13,11 @@
 #include <string>
 #include <string_view>
 
+#include "host/export.h"
+
 namespace zelcore::utility {
 
-class Guid {
+class JX_EXPORT Guid {
  public:
   // The empty GUID: all sixteen bytes zero.
   Guid() = default;

@@ -19,13 +19,13 @@ void MediaManager::RegisterEntry(uint64_t id, uint64_t size, int32_t purgeable, 
   if (!owner) return;
   // Read before locking: the identifier is fixed, but it is still a call into the owner.
   const MediaMapID map = owner->GetMediaMapID();
-  std::lock_guard<std::mutex> lock(mutex_);
+  jx::MutexLock lock(mutex_);
   RemoveLocked({map, id});
   AddLocked({{map, id}, size, purgeable, flags, owner});
 }
 
 void MediaManager::NotifyEntry(uint64_t id, const MediaMapID& map) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  jx::MutexLock lock(mutex_);
   ++notifyCount_;
   auto it = index_.find({map, id});
   if (it == index_.end()) return;
@@ -33,12 +33,12 @@ void MediaManager::NotifyEntry(uint64_t id, const MediaMapID& map) {
 }
 
 void MediaManager::ForgetEntry(uint64_t id, const MediaMapID& map) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  jx::MutexLock lock(mutex_);
   RemoveLocked({map, id});
 }
 
 void MediaManager::UnregisterMediaMap(const MediaMapID& map) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  jx::MutexLock lock(mutex_);
   for (auto it = index_.lower_bound({map, 0}); it != index_.end() && it->first.first == map;) {
     total_ -= it->second->size;
     order_.erase(it->second);
@@ -47,12 +47,12 @@ void MediaManager::UnregisterMediaMap(const MediaMapID& map) {
 }
 
 void MediaManager::SetCacheMaxSize(const zelcore::utility::Guid& cache, uint64_t bytes) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  jx::MutexLock lock(mutex_);
   cacheMaxSizes_[cache] = bytes;
 }
 
 std::optional<uint64_t> MediaManager::GetCacheMaxSize(const zelcore::utility::Guid& cache) const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  jx::MutexLock lock(mutex_);
   auto it = cacheMaxSizes_.find(cache);
   if (it == cacheMaxSizes_.end()) return std::nullopt;
   return it->second;
@@ -61,7 +61,7 @@ std::optional<uint64_t> MediaManager::GetCacheMaxSize(const zelcore::utility::Gu
 uint64_t MediaManager::AddHostMedia(uint64_t bytes) {
   uint64_t handle;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    jx::MutexLock lock(mutex_);
     handle = ++nextHostMedia_;
     AddLocked({{hostMap_, handle}, bytes, 1, 0, {}});
   }
@@ -70,14 +70,14 @@ uint64_t MediaManager::AddHostMedia(uint64_t bytes) {
 }
 
 bool MediaManager::RemoveHostMedia(uint64_t handle) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  jx::MutexLock lock(mutex_);
   return RemoveLocked({hostMap_, handle});
 }
 
 bool MediaManager::PurgeEntry(const MediaMapID& map, uint64_t id) {
   std::shared_ptr<IMediaMap> owner;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    jx::MutexLock lock(mutex_);
     auto it = index_.find({map, id});
     if (it == index_.end()) return false;
     owner = it->second->owner.lock();
@@ -90,14 +90,14 @@ bool MediaManager::PurgeEntry(const MediaMapID& map, uint64_t id) {
 
 void MediaManager::SetBudget(uint64_t bytes) {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    jx::MutexLock lock(mutex_);
     budget_ = bytes;
   }
   EnforceBudget();
 }
 
 uint64_t MediaManager::GetBudget() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  jx::MutexLock lock(mutex_);
   return budget_;
 }
 
@@ -108,7 +108,7 @@ uint64_t MediaManager::EnforceBudget() {
   for (;;) {
     std::optional<Victim> victim;
     {
-      std::lock_guard<std::mutex> lock(mutex_);
+      jx::MutexLock lock(mutex_);
       if (total_ <= budget_) break;
       victim = OldestCandidateLocked(pinned);
       if (!victim) break;
@@ -126,7 +126,7 @@ uint64_t MediaManager::EnforceBudget() {
       continue;
     }
     {
-      std::lock_guard<std::mutex> lock(mutex_);
+      jx::MutexLock lock(mutex_);
       if (!RemoveLocked(victim->key)) continue;  // forgotten meanwhile: nothing to hand back
       taken += victim->size;
       if (owner) ++purgeCalls_;
@@ -137,14 +137,14 @@ uint64_t MediaManager::EnforceBudget() {
 }
 
 uint64_t MediaManager::GetTotalBytes() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  jx::MutexLock lock(mutex_);
   return total_;
 }
 
 uint64_t MediaManager::GetHostMediaBytes() const { return GetBytesOfMap(hostMap_); }
 
 uint64_t MediaManager::GetBytesOfMap(const MediaMapID& map) const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  jx::MutexLock lock(mutex_);
   uint64_t sum = 0;
   for (auto it = index_.lower_bound({map, 0}); it != index_.end() && it->first.first == map; ++it)
     sum += it->second->size;
@@ -152,7 +152,7 @@ uint64_t MediaManager::GetBytesOfMap(const MediaMapID& map) const {
 }
 
 std::vector<uint64_t> MediaManager::GetEntryIDsOfMap(const MediaMapID& map) const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  jx::MutexLock lock(mutex_);
   std::vector<uint64_t> ids;
   for (const Entry& e : order_) {
     if (e.key.first == map) ids.push_back(e.key.second);
@@ -161,17 +161,17 @@ std::vector<uint64_t> MediaManager::GetEntryIDsOfMap(const MediaMapID& map) cons
 }
 
 uint64_t MediaManager::GetNotifyCount() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  jx::MutexLock lock(mutex_);
   return notifyCount_;
 }
 
 uint64_t MediaManager::GetPurgeCallCount() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  jx::MutexLock lock(mutex_);
   return purgeCalls_;
 }
 
 void MediaManager::Reset() {
-  std::lock_guard<std::mutex> lock(mutex_);
+  jx::MutexLock lock(mutex_);
   order_.clear();
   index_.clear();
   cacheMaxSizes_.clear();

@@ -28,12 +28,12 @@
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <utility>
 #include <vector>
 
 #include "host/guid.h"
+#include "host/thread_annotations.h"
 
 namespace RV {
 
@@ -133,21 +133,20 @@ class MediaManager {
     std::weak_ptr<IMediaMap> owner;
   };
 
-  // All under mutex_.
-  void AddLocked(Entry entry);
-  bool RemoveLocked(const EntryKey& key);
-  std::optional<Victim> OldestCandidateLocked(const std::vector<EntryKey>& pinned);
+  void AddLocked(Entry entry) REQUIRES(mutex_);
+  bool RemoveLocked(const EntryKey& key) REQUIRES(mutex_);
+  std::optional<Victim> OldestCandidateLocked(const std::vector<EntryKey>& pinned) REQUIRES(mutex_);
 
   const MediaMapID hostMap_;  // the map the host's own media is filed under
-  mutable std::mutex mutex_;
-  std::list<Entry> order_;  // oldest first
-  std::map<EntryKey, std::list<Entry>::iterator> index_;
-  std::map<zelcore::utility::Guid, uint64_t> cacheMaxSizes_;
-  uint64_t total_ = 0;
-  uint64_t budget_ = kUnlimited;
-  uint64_t nextHostMedia_ = 0;
-  uint64_t notifyCount_ = 0;
-  uint64_t purgeCalls_ = 0;
+  mutable jx::Mutex mutex_;
+  std::list<Entry> order_ GUARDED_BY(mutex_);  // oldest first
+  std::map<EntryKey, std::list<Entry>::iterator> index_ GUARDED_BY(mutex_);
+  std::map<zelcore::utility::Guid, uint64_t> cacheMaxSizes_ GUARDED_BY(mutex_);
+  uint64_t total_ GUARDED_BY(mutex_) = 0;
+  uint64_t budget_ GUARDED_BY(mutex_) = kUnlimited;
+  uint64_t nextHostMedia_ GUARDED_BY(mutex_) = 0;
+  uint64_t notifyCount_ GUARDED_BY(mutex_) = 0;
+  uint64_t purgeCalls_ GUARDED_BY(mutex_) = 0;
 };
 
 // The process-wide media manager.

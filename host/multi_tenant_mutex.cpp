@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "host/parking.h"
+#include "host/y_api.h"
 
 namespace zelcore::threads {
 
@@ -177,7 +178,11 @@ void MultiTenantRecursiveMutex::WakeAfterRelease(uint32_t now, uint32_t before, 
   detail::WakeAll(&state_);
 }
 
-void MultiTenantRecursiveMutex::ThrowReadHeld() { throw LockUsageError(kReadHeldMessage); }
+// Two readers that both upgrade would wait for each other for ever: tell the host, then throw.
+void MultiTenantRecursiveMutex::ThrowReadHeld() {
+  Y_ReportFailedVerification(kReadHeldMessage);
+  throw LockUsageError(kReadHeldMessage);
+}
 
 void MultiTenantRecursiveMutex::ThrowBadUnlock(const char* mode) {
   throw LockUsageError(std::string("unlock of a ") + mode +

@@ -9,9 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "host/export.h"
+
 namespace zelcore::debug {
 
-class CodeProfiler {
+class JX_EXPORT CodeProfiler {
  public:
   static constexpr int kDefaultVolume = 5;
 
@@ -45,7 +47,7 @@ class CodeProfiler {
 };
 
 // A profile-data log: named series of durations (e.g. waits), kept only while profiling is on.
-class ProfileDataLog {
+class JX_EXPORT ProfileDataLog {
  public:
   explicit ProfileDataLog(const char* name) : name_(name) {}
   void Add(double seconds);

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -20,13 +21,20 @@ namespace {
 // here, during static initialisation: before main() and before the features below register.
 struct EnvironmentSeed {
   std::string path = "/tmp/jx_settings_test." + std::to_string(getpid());
+  std::string tracePath = "/tmp/jx_trace_test." + std::to_string(getpid());
   EnvironmentSeed() {
     std::ofstream(path) << "# a comment=not an entry\n  SettingsTest.Int =  42 \r\n"
                         << "SettingsTest.Text=a=b\nnot a setting\n = no name\n";
     setenv("JX_SETTINGS", path.c_str(), 1);
     setenv("JX_FEATURES", "SettingsTest.EnvOn, SettingsTest.EnvOnDefaultOff", 1);
+    std::remove(tracePath.c_str());
+    setenv("JX_TRACE", "SettingsTest.Env:3, SettingsTest.EnvAll,SettingsTest.Bad:x", 1);
+    setenv("JX_TRACE_FILE", tracePath.c_str(), 1);
   }
-  ~EnvironmentSeed() { std::remove(path.c_str()); }
+  ~EnvironmentSeed() {
+    std::remove(path.c_str());
+    std::remove(tracePath.c_str());
+  }
 } environmentSeed;
 
 using zelappsupport::feature::BetaFeature;
@@ -78,6 +86,25 @@ TEST(DebugDatabaseTest, TypedParsingFallsBackToTheDefault) {
   }
 }
 
+// First of the tracing tests: the others reconfigure tracing when the whole program runs in
+// one process.
+TEST(TracingTest, SeededFromTheEnvironmentAndWrittenToTheTraceFile) {
+  EXPECT_TRUE(Tracing::IsEnabled("SettingsTest.Env", 3));
+  EXPECT_FALSE(Tracing::IsEnabled("SettingsTest.Env", 4));
+  EXPECT_TRUE(Tracing::IsEnabled("SettingsTest.EnvAll", 1000));  // no level: every level
+  EXPECT_FALSE(Tracing::IsEnabled("SettingsTest.Bad", 1));       // a level that does not parse
+  EXPECT_FALSE(Tracing::IsEnabled("SettingsTest.Unnamed", 1));
+  ZC_TRACE("SettingsTest.Env", 3, "line " << 1);
+  ZC_TRACE("SettingsTest.Env", 4, "not this");
+  Tracing::Write("SettingsTest.Out", 3, "hello");
+  std::ifstream in(environmentSeed.tracePath);
+  const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  EXPECT_NE(text.find("[SettingsTest.Env:3] line 1\n[SettingsTest.Out:3] hello\n"),
+            std::string::npos)
+      << text;
+  EXPECT_EQ(text.find("not this"), std::string::npos);
+}
+
 int sideEffects = 0;
 int Counted(int v) { return ++sideEffects, v; }
 // One call site used repeatedly: its cached answer is what is under test.
@@ -115,13 +142,6 @@ TEST(TracingTest, ConfigureReplacesLevelsAndHonoursTheWildcard) {
   EXPECT_FALSE(Tracing::IsEnabled("SettingsTest.A", 4));
   EXPECT_FALSE(Tracing::IsEnabled("SettingsTest.B", 2));  // a named category beats "*"
   Tracing::Configure("");
-}
-
-TEST(TracingTest, WritesFormattedLinesToStandardError) {
-  if (std::getenv("JX_TRACE_FILE") != nullptr) GTEST_SKIP() << "traces go to JX_TRACE_FILE";
-  testing::internal::CaptureStderr();
-  Tracing::Write("SettingsTest.Out", 3, "hello");
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "[SettingsTest.Out:3] hello\n");
 }
 
 uint64_t CountOf(const std::string& name) {

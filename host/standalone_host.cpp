@@ -3,12 +3,15 @@
 
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cstdio>
+#include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
+
+#include "host/thread_annotations.h"
 
 namespace jx {
 
@@ -20,6 +23,9 @@ uint64_t DefaultMemoryLimit() {
   if (pages <= 0 || pageSize <= 0) return uint64_t{1} << 30;  // unknown: assume a modest 1 GB
   return static_cast<uint64_t>(pages) * static_cast<uint64_t>(pageSize) / 2;
 }
+
+constexpr size_t kReportKinds = 4;
+size_t KindIndex(HostReport::Kind kind) { return static_cast<size_t>(kind); }
 
 const char* KindName(HostReport::Kind kind) {
   switch (kind) {
@@ -38,18 +44,17 @@ const char* KindName(HostReport::Kind kind) {
 }  // namespace
 
 struct StandaloneHost::State {
-  mutable std::mutex mutex;
-
-  // Guarded by mutex.
-  uint64_t memoryLimit = 0;
-  int32_t memUsageLimitsStatus = 0;
-  std::optional<uint64_t> amountAvailableBeforePurge;  // unset: the memory limit
-  std::shared_ptr<const std::function<uint64_t()>> amountAvailableFunction;
-  uint64_t recycledBytes = 0;
-  uint64_t recycledCalls = 0;
-  std::shared_ptr<const std::function<void(uint64_t)>> recycledObserver;
-  std::vector<HostReport> reports;
-  std::map<std::string, std::u16string> translations;
+  mutable Mutex mutex;
+  uint64_t memoryLimit GUARDED_BY(mutex) = 0;
+  int32_t memUsageLimitsStatus GUARDED_BY(mutex) = 0;
+  std::optional<uint64_t> amountAvailableBeforePurge GUARDED_BY(mutex);  // unset: the memory limit
+  std::shared_ptr<const std::function<uint64_t()>> amountAvailableFunction GUARDED_BY(mutex);
+  uint64_t recycledBytes GUARDED_BY(mutex) = 0;
+  uint64_t recycledCalls GUARDED_BY(mutex) = 0;
+  std::shared_ptr<const std::function<void(uint64_t)>> recycledObserver GUARDED_BY(mutex);
+  std::deque<HostReport> reports GUARDED_BY(mutex);                     // the last kKeptReports
+  std::array<uint64_t, kReportKinds> reportCounts GUARDED_BY(mutex){};  // every report, by kind
+  std::map<std::string, std::u16string> translations GUARDED_BY(mutex);
 
   // Read on hot paths without the lock.
   std::atomic<uint64_t> amountToPurge{0};
@@ -61,7 +66,12 @@ struct StandaloneHost::State {
   std::atomic<bool> failPersistent{false};
   std::atomic<bool> failingForever{false};
 
-  void ResetLocked() {
+  void ClearReportsLocked() REQUIRES(mutex) {
+    reports.clear();
+    reportCounts.fill(0);
+  }
+
+  void ResetLocked() REQUIRES(mutex) {
     memoryLimit = DefaultMemoryLimit();
     memUsageLimitsStatus = 0;
     amountAvailableBeforePurge.reset();
@@ -69,7 +79,7 @@ struct StandaloneHost::State {
     recycledBytes = 0;
     recycledCalls = 0;
     recycledObserver.reset();
-    reports.clear();
+    ClearReportsLocked();
     translations.clear();
     amountToPurge.store(0);
     echoReports.store(true);
@@ -86,7 +96,7 @@ StandaloneHost& StandaloneHost::Instance() {
 }
 
 StandaloneHost::StandaloneHost() : state_(new State) {
-  std::lock_guard<std::mutex> lock(state_->mutex);
+  MutexLock lock(state_->mutex);
   state_->ResetLocked();
   // The first thread to touch the host plays the application's main thread.
   state_->mainThread.store(zelcore::threads::CurrentThreadId());
@@ -94,46 +104,46 @@ StandaloneHost::StandaloneHost() : state_(new State) {
 
 void StandaloneHost::Reset() {
   // The main thread stays what it was: it is a fact about the process, not a policy setting.
-  std::lock_guard<std::mutex> lock(state_->mutex);
+  MutexLock lock(state_->mutex);
   state_->ResetLocked();
 }
 
 void StandaloneHost::SetMemoryLimit(uint64_t bytes) {
-  std::lock_guard<std::mutex> lock(state_->mutex);
+  MutexLock lock(state_->mutex);
   state_->memoryLimit = bytes;
 }
 
 uint64_t StandaloneHost::GetMemoryLimit() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
+  MutexLock lock(state_->mutex);
   return state_->memoryLimit;
 }
 
 void StandaloneHost::SetMemUsageLimitsStatus(int32_t status) {
-  std::lock_guard<std::mutex> lock(state_->mutex);
+  MutexLock lock(state_->mutex);
   state_->memUsageLimitsStatus = status;
 }
 
 int32_t StandaloneHost::GetMemUsageLimitsStatus() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
+  MutexLock lock(state_->mutex);
   return state_->memUsageLimitsStatus;
 }
 
 void StandaloneHost::SetAmountAvailableBeforePurge(uint64_t bytes) {
-  std::lock_guard<std::mutex> lock(state_->mutex);
+  MutexLock lock(state_->mutex);
   state_->amountAvailableBeforePurge = bytes;
   state_->amountAvailableFunction.reset();
 }
 
 void StandaloneHost::SetAmountAvailableBeforePurgeFunction(std::function<uint64_t()> fn) {
   auto shared = fn ? std::make_shared<const std::function<uint64_t()>>(std::move(fn)) : nullptr;
-  std::lock_guard<std::mutex> lock(state_->mutex);
+  MutexLock lock(state_->mutex);
   state_->amountAvailableFunction = std::move(shared);
 }
 
 uint64_t StandaloneHost::GetAmountAvailableBeforePurge() const {
   std::shared_ptr<const std::function<uint64_t()>> fn;
   {
-    std::lock_guard<std::mutex> lock(state_->mutex);
+    MutexLock lock(state_->mutex);
     if (!state_->amountAvailableFunction) {
       return state_->amountAvailableBeforePurge.value_or(state_->memoryLimit);
     }
@@ -158,19 +168,19 @@ uint64_t StandaloneHost::GetAmountToPurge() const {
 }
 
 uint64_t StandaloneHost::GetRecycledMemoryPurged() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
+  MutexLock lock(state_->mutex);
   return state_->recycledBytes;
 }
 
 uint64_t StandaloneHost::GetRecycledMemoryPurgeCalls() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
+  MutexLock lock(state_->mutex);
   return state_->recycledCalls;
 }
 
 void StandaloneHost::NoteRecycledMemoryPurged(uint64_t bytes) {
   std::shared_ptr<const std::function<void(uint64_t)>> observer;
   {
-    std::lock_guard<std::mutex> lock(state_->mutex);
+    MutexLock lock(state_->mutex);
     state_->recycledBytes += bytes;
     ++state_->recycledCalls;
     observer = state_->recycledObserver;
@@ -180,7 +190,7 @@ void StandaloneHost::NoteRecycledMemoryPurged(uint64_t bytes) {
 
 void StandaloneHost::SetRecycledMemoryPurgeObserver(std::function<void(uint64_t)> fn) {
   auto shared = fn ? std::make_shared<const std::function<void(uint64_t)>>(std::move(fn)) : nullptr;
-  std::lock_guard<std::mutex> lock(state_->mutex);
+  MutexLock lock(state_->mutex);
   state_->recycledObserver = std::move(shared);
 }
 
@@ -196,7 +206,9 @@ void StandaloneHost::AddReport(HostReport report) {
   if (print)
     line = std::string("jxcache host: ") + KindName(report.kind) + ": " + report.text + "\n";
   {
-    std::lock_guard<std::mutex> lock(state_->mutex);
+    MutexLock lock(state_->mutex);
+    ++state_->reportCounts[KindIndex(report.kind)];
+    if (state_->reports.size() == kKeptReports) state_->reports.pop_front();
     state_->reports.push_back(std::move(report));
   }
   if (print) {
@@ -206,12 +218,13 @@ void StandaloneHost::AddReport(HostReport report) {
 }
 
 std::vector<HostReport> StandaloneHost::GetReports() const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  return state_->reports;
+  MutexLock lock(state_->mutex);
+  return {state_->reports.begin(), state_->reports.end()};
 }
 
 size_t StandaloneHost::CountReports(HostReport::Kind kind, const std::string& fragment) const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
+  MutexLock lock(state_->mutex);
+  if (fragment.empty()) return state_->reportCounts[KindIndex(kind)];
   size_t n = 0;
   for (const HostReport& r : state_->reports) {
     if (r.kind == kind && r.text.find(fragment) != std::string::npos) ++n;
@@ -220,8 +233,8 @@ size_t StandaloneHost::CountReports(HostReport::Kind kind, const std::string& fr
 }
 
 void StandaloneHost::ClearReports() {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  state_->reports.clear();
+  MutexLock lock(state_->mutex);
+  state_->ClearReportsLocked();
 }
 
 void StandaloneHost::SetEchoReports(bool echo) { state_->echoReports.store(echo); }
@@ -248,12 +261,12 @@ bool StandaloneHost::ShouldFailAllocation() {
 }
 
 void StandaloneHost::SetTranslation(const std::string& key, const std::u16string& text) {
-  std::lock_guard<std::mutex> lock(state_->mutex);
+  MutexLock lock(state_->mutex);
   state_->translations[key] = text;
 }
 
 bool StandaloneHost::FindTranslation(const std::string& key, std::u16string* text) const {
-  std::lock_guard<std::mutex> lock(state_->mutex);
+  MutexLock lock(state_->mutex);
   auto it = state_->translations.find(key);
   if (it == state_->translations.end()) return false;
   if (text != nullptr) *text = it->second;

@@ -14,6 +14,8 @@
 
 #include "host/thread_id.h"
 
+#include "host/export.h"
+
 namespace jx {
 
 // Codes Y_TranslateAndReportException returns for exceptions that carry no code of their own.
@@ -30,7 +32,7 @@ struct HostReport {
   bool quiet = false;
 };
 
-class StandaloneHost {
+class JX_EXPORT StandaloneHost {
  public:
   static StandaloneHost& Instance();
 
@@ -62,10 +64,14 @@ class StandaloneHost {
   void MakeCurrentThreadMain() { SetMainThread(zelcore::threads::CurrentThreadId()); }
   zelcore::threads::ThreadId GetMainThread() const;
 
-  // Reports.
+  // Reports. Every report is counted, but only the last kKeptReports are kept, so that a long
+  // run that keeps reporting does not grow without bound.
+  static constexpr size_t kKeptReports = 1000;
   void AddReport(HostReport report);
+  // The kept reports, oldest first.
   std::vector<HostReport> GetReports() const;
-  // Reports of that kind whose text contains `fragment` ("" matches all).
+  // Reports of that kind whose text contains `fragment`. With "" the count is exact since the
+  // last Clear or Reset; with a fragment it covers the kept reports only.
   size_t CountReports(HostReport::Kind kind, const std::string& fragment = "") const;
   void ClearReports();
   // Whether reports are printed to standard error (default true; quiet ones never are).
@@ -89,7 +95,7 @@ class StandaloneHost {
 
 // Sets Y_AmountToPurge on the calling thread for the life of the scope: "the host is over
 // budget by N bytes". Scopes nest; other threads keep seeing their own amount.
-class ScAmountToPurge {
+class JX_EXPORT ScAmountToPurge {
  public:
   explicit ScAmountToPurge(uint64_t bytes);
   ~ScAmountToPurge();

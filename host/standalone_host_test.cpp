@@ -100,6 +100,25 @@ TEST_F(StandaloneHostTest, EachReportIsRecordedOnceWithUtf8Text) {
   EXPECT_EQ(host.GetReports()[1].severity, 2);
 }
 
+TEST_F(StandaloneHostTest, OnlyTheLastReportsAreKeptButAllAreCounted) {
+  const size_t total = StandaloneHost::kKeptReports + 10;
+  for (size_t i = 0; i < total; ++i) {
+    Y_ReportFailedVerification(("check " + std::to_string(i) + ";").c_str());
+  }
+  Y_ReportError(0, 0, "$$$/JX/Err/Last=last");
+  EXPECT_EQ(host.CountReports(Kind::kFailedVerification), total);
+  EXPECT_EQ(host.CountReports(Kind::kError), 1u);
+  const auto reports = host.GetReports();
+  ASSERT_EQ(reports.size(), StandaloneHost::kKeptReports);
+  EXPECT_EQ(reports.front().text, "check 11;");  // the oldest that still fits
+  EXPECT_EQ(reports.back().text, "last");
+  EXPECT_EQ(host.CountReports(Kind::kFailedVerification, "check 5;"), 0u);  // dropped
+  EXPECT_EQ(host.CountReports(Kind::kFailedVerification, "check 1000;"), 1u);
+  host.ClearReports();
+  EXPECT_EQ(host.CountReports(Kind::kFailedVerification), 0u);
+  EXPECT_TRUE(host.GetReports().empty());
+}
+
 TEST_F(StandaloneHostTest, QuietScopesNestPerThreadAndSilenceTheEcho) {
   host.SetEchoReports(true);
   testing::internal::CaptureStderr();

@@ -15,6 +15,7 @@
 #include "host/open_once_gate.h"
 #include "host/parking.h"
 #include "host/recursive_mutex.h"
+#include "host/standalone_host.h"
 
 namespace zelcore::threads {
 namespace {
@@ -207,6 +208,9 @@ TEST(MultiTenantMutex, MisuseThrowsAndLeavesTheLockUsable) {
   MultiTenantRecursiveMutex m;
   EXPECT_THROW(m.UnlockRead(), LockUsageError);
   EXPECT_THROW(m.UnlockWrite(), LockUsageError);
+  auto& host = jx::StandaloneHost::Instance();
+  host.SetEchoReports(false);
+  host.ClearReports();
   m.LockRead();
   try {
     m.LockUpgrade();
@@ -215,6 +219,7 @@ TEST(MultiTenantMutex, MisuseThrowsAndLeavesTheLockUsable) {
     EXPECT_NE(std::string(e.what()).find("read lock held"), std::string::npos);
   }
   EXPECT_THROW(m.LockWrite(), LockUsageError);
+  EXPECT_EQ(host.CountReports(jx::HostReport::Kind::kFailedVerification, "read lock held"), 2u);
   EXPECT_THROW(m.UnlockUpgrade(), LockUsageError);
   EXPECT_TRUE(m.IsReadLockedByCurrentThread() && !m.IsUpgradeLockedByCurrentThread());
   EXPECT_TRUE(Contender(m, kUpgrade).AcquiresSoon());  // the failed calls took nothing
@@ -501,10 +506,21 @@ TEST(QueueOnlyOnce, CancelAndDestructionDropQueuedRunsAndWaitForRunning) {
   once.reset();
   EXPECT_TRUE(finished);
 
+  // Refused at once, delayed or not: a refusal must not wait for the delay to be noticed.
   QueueOnlyOnce afterShutdown(
       pool, [&] { ++runs; }, 0, 0);
+  QueueOnlyOnce delayedAfterShutdown(
+      pool, [&] { ++runs; }, 10, 0);
+  auto sub = CreateSubExecutor(CreateIOBoundExecutor(1), 1);
+  QueueOnlyOnce delayedOnStoppedSub(
+      sub, [&] { ++runs; }, 10, 0);
   pool->Shutdown();
+  sub->StopTakingWork();
+  EXPECT_FALSE(pool->IsTakingWork());
   EXPECT_FALSE(afterShutdown.Queue());
+  EXPECT_FALSE(delayedAfterShutdown.Queue());
+  EXPECT_FALSE(delayedAfterShutdown.IsQueued());
+  EXPECT_FALSE(delayedOnStoppedSub.Queue());
   EXPECT_EQ(runs.load(), 0);
 }
 

@@ -11,13 +11,15 @@
 #include <sstream>
 #include <string>
 
+#include "host/export.h"
+
 namespace zelcore::debug {
 
-class Tracing {
+class JX_EXPORT Tracing {
  public:
   static bool IsEnabled(const char* category, int level);
   static void SetLevel(const std::string& category, int level);  // 0 turns a category off
-  static void Configure(const std::string& spec);                // "JX:7,JX_Purge:6"
+  static void Configure(const std::string& config);              // "JX:7,JX_Purge:6"
   static void Write(const char* category, int level, const std::string& text);
   // Routes traces to `sink` (empty: back to the file or standard error).
   using Sink = std::function<void(const char* category, int level, const std::string& text)>;
@@ -27,18 +29,23 @@ class Tracing {
 };
 
 namespace detail {
+// A call site's cached answer: the generation it was computed for and whether the site is on,
+// in one word (generation << 1 | on), so that a thread can never pair one answer's generation
+// with another's flag. Two threads refreshing at once may store in either order; an older pair
+// written last only makes the next call look again.
 struct TraceSite {
+  static constexpr uint64_t kNeverLooked = ~0ull;
   const char* category;
   int level;
-  std::atomic<uint64_t> generation{~0ull};
-  std::atomic<bool> enabled{false};
+  std::atomic<uint64_t> cached{kNeverLooked};
   bool Enabled() {
-    uint64_t g = Tracing::Generation();
-    if (generation.load(std::memory_order_acquire) != g) {
-      enabled.store(Tracing::IsEnabled(category, level), std::memory_order_relaxed);
-      generation.store(g, std::memory_order_release);
+    const uint64_t g = Tracing::Generation();
+    uint64_t c = cached.load(std::memory_order_relaxed);
+    if (c == kNeverLooked || (c >> 1) != g) {
+      c = (g << 1) | (Tracing::IsEnabled(category, level) ? 1u : 0u);
+      cached.store(c, std::memory_order_relaxed);
     }
-    return enabled.load(std::memory_order_relaxed);
+    return (c & 1u) != 0;
   }
 };
 // Builds and writes the text of a trace whose call site found it on. Out of line and cold, so

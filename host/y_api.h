@@ -10,51 +10,54 @@
 
 #include "y_vx_suite.h"
 
+#include "host/export.h"
+
 // Memory budget. Y_GetMemUsageLimits returns 0 and the host's memory usage limit (and a second
 // limit, the host's soft limit), or a non-zero status.
-int32_t Y_GetMemUsageLimits(uint64_t* memoryLimit, uint64_t* softLimit);
+JX_EXPORT int32_t Y_GetMemUsageLimits(uint64_t* memoryLimit, uint64_t* softLimit);
 // How many more bytes the cache may use before the host has to purge.
-uint64_t Y_AmountAvailableBeforePurge();
+JX_EXPORT uint64_t Y_AmountAvailableBeforePurge();
 // How many bytes the host wants freed by the purge that is running now (0 when none runs).
-uint64_t Y_AmountToPurge();
+JX_EXPORT uint64_t Y_AmountToPurge();
 // A purge freed `bytes`; the host may now give back its own recycled memory.
-void Y_PurgeRecycledMemory(uint64_t bytes);
+JX_EXPORT void Y_PurgeRecycledMemory(uint64_t bytes);
 
 // Reports. All are recorded by the StandaloneHost (tests count them).
-void Y_ReportFailedVerification(const char* text);
-void Yp_ReportErrString(int32_t errorClass, int32_t severity, const std::u16string& text);
+JX_EXPORT void Y_ReportFailedVerification(const char* text);
+JX_EXPORT void Yp_ReportErrString(int32_t errorClass, int32_t severity, const std::u16string& text);
 // Reports the localised string `lstrKey` ("$$$/...=default text").
-void Y_ReportError(int32_t a, int32_t b, const char* lstrKey);
+JX_EXPORT void Y_ReportError(int32_t a, int32_t b, const char* lstrKey);
 // Call inside a catch block: reports the exception in flight and returns its code (an int
 // exception is its own code; a file error its errno; anything else a generic non-zero code).
-int32_t Y_TranslateAndReportException();
+JX_EXPORT int32_t Y_TranslateAndReportException();
 // Quiet-error scopes nest per thread; while one is open, reports are recorded but not shown.
-int32_t Y_StartQuietErrorsOnCurrentThread();
-void Y_EndQuietErrorsOnCurrentThread();
-bool Y_AreErrorsQuietOnCurrentThread();
+JX_EXPORT int32_t Y_StartQuietErrorsOnCurrentThread();
+JX_EXPORT void Y_EndQuietErrorsOnCurrentThread();
+JX_EXPORT bool Y_AreErrorsQuietOnCurrentThread();
 
-bool Y_IsOnMainThread();
+JX_EXPORT bool Y_IsOnMainThread();
 
 // Looks a localised string up by its key "$$$/Group/Name=default text": the host's translation
 // if it has one, else the default text, with "#{rsquo}" standing for U+2019.
-std::u16string Y_ZLookupLStrCache(const char* lstrKey);
-std::u16string Y_AsciiToUTF16String(const char* ascii);
+JX_EXPORT std::u16string Y_ZLookupLStrCache(const char* lstrKey);
+JX_EXPORT std::u16string Y_AsciiToUTF16String(const char* ascii);
 
 // Tagged, zeroed allocation; null when the host's allocator fails (tests can make it fail).
-void* Y_AllocatePtrClear(int32_t heap, const char* tag, size_t size);
-void Y_DisposePtr(void* p);
-uint64_t Y_MillisecondsSinceBoot();
+JX_EXPORT void* Y_AllocatePtrClear(int32_t heap, const char* tag, size_t size);
+JX_EXPORT void Y_DisposePtr(void* p);
+JX_EXPORT uint64_t Y_MillisecondsSinceBoot();
 
 // Host logging.
-void YLOG_Log(int level, const char* category, const char* shortText, const char* message);
+JX_EXPORT void YLOG_Log(int level, const char* category, const char* shortText,
+                        const char* message);
 
 // Publishes a table of functions to plug-ins; 0 on success. Publishing a name and version again
 // replaces the table.
-int32_t Y_VX_AddVXSuite(int32_t a, int32_t b, const char* name, int32_t version,
-                        int32_t internalVersion, int32_t entryCount, const void* table);
+JX_EXPORT int32_t Y_VX_AddVXSuite(int32_t a, int32_t b, const char* name, int32_t version,
+                                  int32_t internalVersion, int32_t entryCount, const void* table);
 
 // Objects allocated through the host's memory-tracked allocator.
-class Y_MemTrackedObject {
+class JX_EXPORT Y_MemTrackedObject {
  public:
   static void* operator new(size_t size);
   static void operator delete(void* p) noexcept;
@@ -63,7 +66,7 @@ class Y_MemTrackedObject {
 namespace Y {
 // Marks the calling thread as holding a lock that notifies other threads; such a thread must
 // never block waiting for another thread's work. Nests.
-class ScNotifyHoldingMutexLock {
+class JX_EXPORT ScNotifyHoldingMutexLock {
  public:
   ScNotifyHoldingMutexLock();
   ~ScNotifyHoldingMutexLock();

@@ -2,13 +2,18 @@
 #include <memory>
 
 #include "bag/bag.h"
+#include "bag/library_lock.h"
 #include "host/trace.h"
 #include "items/stuff.h"
 
 using zelcore::threads::ScopedReadLockWrapper;
 
 void JX_Stuff::PurgeFromMediaMap() {
-  std::shared_ptr<JX_Bag> bag;
+  std::shared_ptr<JX_Bag> bag;  // outlives the lock: a last reference is not dropped under it
+  // The library lock before the bag link: a check-in renews the item's entry by taking it out of
+  // the bag and putting it back under that lock, and a link read in between is empty, which
+  // would make this purge give up on an item that is in the bag.
+  JXp_ScLock lock;
   {
     ScopedReadLockWrapper r(mutex_);
     bag = bag_.lock();
