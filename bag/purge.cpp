@@ -111,10 +111,7 @@ void PurgeWalk::Visit(JX_Stuff& item) {
   if (freed != 0) CountFreed(freed, usedTime);
 }
 
-bool PurgeWalk::Eligible(JX_Stuff& item) const {
-  if (!item.ShouldAllowPurge() || !item.IsInMemory()) return false;
-  return pass_.number != 0 || item.HasDiskCacheFile();
-}
+bool PurgeWalk::Eligible(JX_Stuff& item) const { return item.IsPurgeCandidate(pass_.number == 0); }
 
 void PurgeWalk::CountFreed(unsigned int bytes, unsigned long long usedTime) {
   previousFreed_ = true;
@@ -206,6 +203,12 @@ void jx::PurgeOverBudget(JX_Bag& bag, unsigned long long bytes) {
 void JX_Bag::PurgeAllMemoryCaches() {
   std::deque<StuffPtr> items = CopyMruItems();
   for (const StuffPtr& s : items) s->FreeUpAsMuchAsPossible(true, nullptr);
+}
+
+bool JX_Stuff::IsPurgeCandidate(bool needsDiskCopy) const {
+  ScopedReadLockWrapper r(mutex_);
+  return data_ && data_->ShouldAllowPurge() && data_->IsInMemory() &&
+         (!needsDiskCopy || diskFile_ != nullptr);
 }
 
 bool JX_Stuff::ShouldAllowPurge() {

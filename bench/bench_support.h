@@ -10,6 +10,11 @@
 
 namespace jx::bench {
 
+// Every hit benchmark, the cache's and the peers', draws its keys from a ring of this many random
+// keys per thread: enough to spread over the whole of a 100,000-item cache.
+inline constexpr size_t kRequestRing = 65536;
+static_assert((kRequestRing & (kRequestRing - 1)) == 0, "a power of two: the ring is indexed by &");
+
 // A payload that reports a size without holding memory: the benchmarks measure bookkeeping.
 class SizedPayload : public JX_StuffData {
  public:

@@ -22,24 +22,30 @@ namespace {
 
 constexpr int kHitFlags = cf::kReadOnly | cf::kNoDiskRead;
 
+using jx::bench::kRequestRing;
+
 // Requests are built outside the timed loop: the hit path is the cache's, not the caller's.
 std::vector<IntrusivePtr<JX_Stuff>> MakeRequests(const std::vector<Guid>& guids, int thread) {
   std::vector<IntrusivePtr<JX_Stuff>> requests;
   std::mt19937 rng(17 + thread);
-  for (int i = 0; i < 4096; ++i) requests.push_back(Request(guids[rng() % guids.size()]));
+  for (size_t i = 0; i < kRequestRing; ++i)
+    requests.push_back(Request(guids[rng() % guids.size()]));
   return requests;
 }
 
+// Fills the bag before the benchmark's threads start, so that none reads it while it is filled.
+void FillForHits(const benchmark::State& state) { FillBag(static_cast<size_t>(state.range(0))); }
+
 void BM_BagFindAndCheckoutHit(benchmark::State& state) {
-  static std::vector<Guid> const* guids;
-  if (state.thread_index() == 0) guids = &FillBag(static_cast<size_t>(state.range(0)));
+  const std::vector<Guid>& guids = FillBag(static_cast<size_t>(state.range(0)));  // filled already
   auto bag = JX_GlobalBag();
-  auto requests = MakeRequests(*guids, state.thread_index());
+  auto requests = MakeRequests(guids, state.thread_index());
   size_t i = 0, hits = 0;
   for (auto _ : state) {
     IntrusivePtr<JX_Stuff> found;
     bool created = false;
-    if (bag->FindAndCheckout(requests[i++ & 4095], kHitFlags, &found, &created) == kJX_CheckedOut) {
+    if (bag->FindAndCheckout(requests[i++ & (kRequestRing - 1)], kHitFlags, &found, &created) ==
+        kJX_CheckedOut) {
       ++hits;
       found->Checkin(0, 0.0);
     }
@@ -47,21 +53,32 @@ void BM_BagFindAndCheckoutHit(benchmark::State& state) {
   if (hits != static_cast<size_t>(state.iterations())) state.SkipWithError("a lookup missed");
   state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_BagFindAndCheckoutHit)->Arg(10000)->Arg(100000)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(BM_BagFindAndCheckoutHit)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Threads(1)
+    ->Threads(2)
+    ->UseRealTime()
+    ->Setup(FillForHits);
 
 void BM_ScCheckoutHit(benchmark::State& state) {
-  static std::vector<Guid> const* guids;
-  if (state.thread_index() == 0) guids = &FillBag(static_cast<size_t>(state.range(0)));
-  auto requests = MakeRequests(*guids, state.thread_index());
+  const std::vector<Guid>& guids = FillBag(static_cast<size_t>(state.range(0)));  // filled already
+  auto requests = MakeRequests(guids, state.thread_index());
   size_t i = 0, hits = 0;
   for (auto _ : state) {
     JX_ScCheckout handle;
-    hits += handle.FindAndCheckout(requests[i++ & 4095], kHitFlags) == kJX_CheckedOut;
+    hits += handle.FindAndCheckout(requests[i++ & (kRequestRing - 1)], kHitFlags) == kJX_CheckedOut;
   }
   if (hits != static_cast<size_t>(state.iterations())) state.SkipWithError("a lookup missed");
   state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_ScCheckoutHit)->Arg(10000)->Arg(100000)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(BM_ScCheckoutHit)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Threads(1)
+    ->Threads(2)
+    ->UseRealTime()
+    ->Setup(FillForHits);
 
 void BM_MissCreateFillCheckin(benchmark::State& state) {
   jx::bench::EnsureLibrary();

@@ -70,12 +70,13 @@ void BM_ComputeHitAndCheckin(benchmark::State& state) {
   }
   // Requests are drawn outside the timed loop, as in the library's hit benchmark.
   std::mt19937 rng(17 + state.thread_index());
-  std::vector<int> requests(4096);
+  std::vector<int> requests(jx::bench::kRequestRing);
   for (int& r : requests) r = static_cast<int>(rng() % kKeys);
   size_t i = 0, hits = 0;
   for (auto _ : state) {
     KQGP_JXComputeReceipt receipt = nullptr;
-    if (suite.ComputeIfNeededAndCheckout(kBenchClass, &requests[i++ & 4095], true, &receipt) == 0) {
+    if (suite.ComputeIfNeededAndCheckout(
+            kBenchClass, &requests[i++ & (jx::bench::kRequestRing - 1)], true, &receipt) == 0) {
       ++hits;
       suite.CheckinReceipt(receipt);
     }

@@ -4,6 +4,8 @@
 #include <OpenImageIO/imageio.h>
 #include <benchmark/benchmark.h>
 
+#include "bench_support.h"
+
 #include <cstdio>
 #include <random>
 #include <string>
@@ -51,13 +53,13 @@ void BM_OiioGetTileHit(benchmark::State& state) {
   }
   OIIO::ustring name(path);
   std::mt19937 rng(17 + state.thread_index());
-  std::vector<std::pair<int, int>> coords(4096);
+  std::vector<std::pair<int, int>> coords(jx::bench::kRequestRing);
   for (auto& c : coords)
     c = {static_cast<int>(rng() % tilesPerSide) * kTile,
          static_cast<int>(rng() % tilesPerSide) * kTile};
   size_t i = 0, hits = 0;
   for (auto _ : state) {
-    auto& c = coords[i++ & 4095];
+    auto& c = coords[i++ & (jx::bench::kRequestRing - 1)];
     auto* tile = cache->get_tile(name, 0, 0, c.first, c.second, 0);
     if (tile) {
       ++hits;

@@ -2,6 +2,8 @@
 // and a recency list. No pinning, no pending items, no accounting.
 #include <benchmark/benchmark.h>
 
+#include "bench_support.h"
+
 #include <list>
 #include <mutex>
 #include <random>
@@ -46,12 +48,12 @@ void BM_SimpleLruHit(benchmark::State& state) {
     for (uint64_t k = 0; k < n; ++k) cache->Put(k, k * 3);
   }
   std::mt19937_64 rng(17 + state.thread_index());
-  std::vector<uint64_t> keys(4096);
+  std::vector<uint64_t> keys(jx::bench::kRequestRing);
   for (auto& k : keys) k = rng() % n;
   size_t i = 0, ok = 0;
   for (auto _ : state) {
     uint64_t v = 0;
-    const uint64_t key = keys[i++ & 4095];
+    const uint64_t key = keys[i++ & (jx::bench::kRequestRing - 1)];
     ok += cache->Get(key, &v) && v == key * 3;
   }
   if (ok != static_cast<size_t>(state.iterations())) state.SkipWithError("a lookup missed");

@@ -2,7 +2,9 @@
 // handles). Measured in the same run as the cache's own hit path.
 #define TBB_PREVIEW_CONCURRENT_LRU_CACHE 1
 #include <benchmark/benchmark.h>
+
 #include <tbb/concurrent_lru_cache.h>
+#include "bench_support.h"
 
 #include <random>
 
@@ -21,12 +23,12 @@ void BM_TbbLruHit(benchmark::State& state) {
     for (uint64_t k = 0; k < n; ++k) cache->operator[](k);
   }
   std::mt19937_64 rng(17 + state.thread_index());
-  std::vector<uint64_t> keys(4096);
+  std::vector<uint64_t> keys(jx::bench::kRequestRing);
   for (auto& k : keys) k = rng() % n;
   size_t i = 0, ok = 0;
   for (auto _ : state) {
-    auto handle = cache->operator[](keys[i++ & 4095]);
-    ok += handle.value() == Compute(keys[(i - 1) & 4095]);
+    auto handle = cache->operator[](keys[i++ & (jx::bench::kRequestRing - 1)]);
+    ok += handle.value() == Compute(keys[(i - 1) & (jx::bench::kRequestRing - 1)]);
   }
   if (ok != static_cast<size_t>(state.iterations())) state.SkipWithError("wrong value");
   state.SetItemsProcessed(state.iterations());

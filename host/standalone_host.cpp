@@ -45,8 +45,9 @@ const char* KindName(HostReport::Kind kind) {
 
 struct StandaloneHost::State {
   mutable Mutex mutex;
-  uint64_t memoryLimit GUARDED_BY(mutex) = 0;
-  int32_t memUsageLimitsStatus GUARDED_BY(mutex) = 0;
+  // Asked for every item a purge walk looks at (the cache's floor): read without the lock.
+  std::atomic<uint64_t> memoryLimit{0};
+  std::atomic<int32_t> memUsageLimitsStatus{0};
   std::optional<uint64_t> amountAvailableBeforePurge GUARDED_BY(mutex);  // unset: the memory limit
   std::shared_ptr<const std::function<uint64_t()>> amountAvailableFunction GUARDED_BY(mutex);
   uint64_t recycledBytes GUARDED_BY(mutex) = 0;
@@ -72,8 +73,8 @@ struct StandaloneHost::State {
   }
 
   void ResetLocked() REQUIRES(mutex) {
-    memoryLimit = DefaultMemoryLimit();
-    memUsageLimitsStatus = 0;
+    memoryLimit.store(DefaultMemoryLimit());
+    memUsageLimitsStatus.store(0);
     amountAvailableBeforePurge.reset();
     amountAvailableFunction.reset();
     recycledBytes = 0;
@@ -108,24 +109,16 @@ void StandaloneHost::Reset() {
   state_->ResetLocked();
 }
 
-void StandaloneHost::SetMemoryLimit(uint64_t bytes) {
-  MutexLock lock(state_->mutex);
-  state_->memoryLimit = bytes;
-}
+void StandaloneHost::SetMemoryLimit(uint64_t bytes) { state_->memoryLimit.store(bytes); }
 
-uint64_t StandaloneHost::GetMemoryLimit() const {
-  MutexLock lock(state_->mutex);
-  return state_->memoryLimit;
-}
+uint64_t StandaloneHost::GetMemoryLimit() const { return state_->memoryLimit.load(); }
 
 void StandaloneHost::SetMemUsageLimitsStatus(int32_t status) {
-  MutexLock lock(state_->mutex);
-  state_->memUsageLimitsStatus = status;
+  state_->memUsageLimitsStatus.store(status);
 }
 
 int32_t StandaloneHost::GetMemUsageLimitsStatus() const {
-  MutexLock lock(state_->mutex);
-  return state_->memUsageLimitsStatus;
+  return state_->memUsageLimitsStatus.load();
 }
 
 void StandaloneHost::SetAmountAvailableBeforePurge(uint64_t bytes) {
@@ -145,7 +138,7 @@ uint64_t StandaloneHost::GetAmountAvailableBeforePurge() const {
   {
     MutexLock lock(state_->mutex);
     if (!state_->amountAvailableFunction) {
-      return state_->amountAvailableBeforePurge.value_or(state_->memoryLimit);
+      return state_->amountAvailableBeforePurge.value_or(state_->memoryLimit.load());
     }
     fn = state_->amountAvailableFunction;
   }

@@ -164,6 +164,9 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // library lock, then the item's write lock.
   unsigned int FreeUpAsMuchAsPossible(bool removeFromMediaMap, ReleaseQueue* toRelease);
   bool ShouldAllowPurge();
+  // What the purge walk asks of each item, under one hold of its lock: the payload allows a
+  // purge and is in memory (and, with `needsDiskCopy`, the item has a disk file).
+  bool IsPurgeCandidate(bool needsDiskCopy) const;
 
   // ---- disk cache (disk/) --------------------------------------------------------------------
   // Writes the item's disk cache file if it has none (errors are caught and counted).
