@@ -99,8 +99,9 @@ JX_CheckoutResult JX_Bag::FindAndCheckout(const StuffPtr& request, int checkoutF
       match->Checkin(0, 0.0);
       return kJX_CheckoutRefused;
     }
-    if (!(checkoutFlags & cf::kNoDiskRead) && !match->IsPendingRender() && !match->IsInMemory() &&
-        match->HasDiskCacheFile()) {
+    // The file first: an item without one has nothing to read back, whatever its payload says.
+    if (!(checkoutFlags & cf::kNoDiskRead) && !match->IsPendingRender() &&
+        match->HasDiskCacheFile() && !match->IsInMemory()) {
       bool ok = false;
       try {
         ok = match->EnsureInMemory();

@@ -1,5 +1,6 @@
 #include "compute/compute_core.h"
 
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -147,12 +148,27 @@ void ProbeHostAllocator() {
 
 KQGP_GUID MakeEntryKey(std::string_view classId, const KQGP_GUID& pluginKey) {
   static constexpr char kDomain[] = "JX-Compute";
+  constexpr size_t kDomainSize = sizeof kDomain - 1;
   zelcore::utility::HashState state = zelcore::utility::MakeHashState();
-  zelcore::utility::UpdateHashState(state, kDomain, sizeof kDomain - 1);
-  // With its NUL, so that ("ab", key) and ("a", "b"+key) cannot meet.
-  zelcore::utility::UpdateHashState(state, classId.data(), classId.size());
-  zelcore::utility::UpdateHashState(state, "", 1);
-  zelcore::utility::UpdateHashState(state, pluginKey.bytes, sizeof pluginKey.bytes);
+  // The domain, the class identifier with its NUL (so that ("ab", key) and ("a", "b"+key)
+  // cannot meet) and the plug-in's key, in this order; fed in one run when they fit on the stack.
+  char run[256];
+  if (kDomainSize + classId.size() + 1 + sizeof pluginKey.bytes <= sizeof run) {
+    char* p = run;
+    std::memcpy(p, kDomain, kDomainSize);
+    p += kDomainSize;
+    std::memcpy(p, classId.data(), classId.size());
+    p += classId.size();
+    *p++ = '\0';
+    std::memcpy(p, pluginKey.bytes, sizeof pluginKey.bytes);
+    p += sizeof pluginKey.bytes;
+    zelcore::utility::UpdateHashState(state, run, static_cast<size_t>(p - run));
+  } else {
+    zelcore::utility::UpdateHashState(state, kDomain, kDomainSize);
+    zelcore::utility::UpdateHashState(state, classId.data(), classId.size());
+    zelcore::utility::UpdateHashState(state, "", 1);
+    zelcore::utility::UpdateHashState(state, pluginKey.bytes, sizeof pluginKey.bytes);
+  }
   KQGP_GUID key;
   zelcore::utility::GuidToBytes(Guid(zelcore::utility::GetHashResult(state)), key.bytes);
   return key;

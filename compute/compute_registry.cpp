@@ -1,7 +1,9 @@
 #include "compute/compute_registry.h"
 
+#include <atomic>
 #include <map>
 #include <mutex>
+#include <new>
 #include <shared_mutex>
 #include <string>
 #include <string_view>
@@ -15,6 +17,9 @@ constexpr int32_t kBadParameter = kKQGPComputeCacheBadParameter;
 
 struct Registry {
   std::shared_mutex mutex;
+  // Moves with every change of `classes` (under the lock), so that a thread's cached answer
+  // (below) knows when it is out of date.
+  std::atomic<uint64_t> generation{1};
   // std::string compares through char_traits<char>, i.e. bytewise as unsigned char with the
   // shorter string first on a common prefix; std::less<> lets lookups use a string_view.
   std::map<std::string, KQGP_ComputeCacheCallbacks, std::less<>> classes;
@@ -25,6 +30,15 @@ Registry& TheRegistry() {
   static Registry* registry = new Registry;
   return *registry;
 }
+
+// Every compute request looks its class up, nearly always the class it looked up last: each
+// thread keeps its last answer for as long as the registry stays as it was.
+struct LastFound {
+  uint64_t generation = 0;
+  std::string classId;
+  KQGP_ComputeCacheCallbacks callbacks{};
+};
+thread_local LastFound tLastFound;
 
 bool HasAllCallbacks(const KQGP_ComputeCacheCallbacks& c) {
   return c.generate_key && c.compute && c.approx_size_value && c.delete_compute_value;
@@ -45,7 +59,9 @@ int32_t JX_ComputeClassRegister(const char* classId, const KQGP_ComputeCacheCall
     Registry& r = TheRegistry();
     std::unique_lock lock(r.mutex);
     // First registration wins: a plug-in that wants other callbacks unregisters first.
-    r.classes.try_emplace(std::string(classId), *callbacks);
+    if (r.classes.try_emplace(std::string(classId), *callbacks).second) {
+      r.generation.fetch_add(1, std::memory_order_acq_rel);
+    }
     return 0;
   } catch (...) {
     return Y_TranslateAndReportException();
@@ -59,10 +75,23 @@ int32_t JX_ComputeClassFind(const char* classId, KQGP_ComputeCacheCallbacks* out
       return kBadParameter;
     }
     Registry& r = TheRegistry();
+    LastFound& last = tLastFound;
+    const uint64_t generation = r.generation.load(std::memory_order_acquire);
+    if (last.generation == generation && last.classId == classId) {
+      *outCallbacks = last.callbacks;
+      return 0;
+    }
     std::shared_lock lock(r.mutex);
     auto it = r.classes.find(std::string_view(classId));
     if (it == r.classes.end()) return kNotRegistered;
     *outCallbacks = it->second;
+    try {
+      last.classId = classId;
+      last.callbacks = it->second;
+      last.generation = r.generation.load(std::memory_order_relaxed);
+    } catch (const std::bad_alloc&) {
+      last.generation = 0;  // no memory to remember it: the next lookup asks the map again
+    }
     return 0;
   } catch (...) {
     return Y_TranslateAndReportException();
@@ -78,7 +107,10 @@ int32_t JX_ComputeClassUnregister(const char* classId) {
     Registry& r = TheRegistry();
     std::unique_lock lock(r.mutex);
     auto it = r.classes.find(std::string_view(classId));
-    if (it != r.classes.end()) r.classes.erase(it);
+    if (it != r.classes.end()) {
+      r.classes.erase(it);
+      r.generation.fetch_add(1, std::memory_order_acq_rel);
+    }
     return 0;
   } catch (...) {
     return Y_TranslateAndReportException();
