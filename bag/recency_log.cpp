@@ -9,6 +9,7 @@
 
 #include "bag/bag.h"
 #include "bag/library_lock.h"
+#include "host/cpu_relax.h"
 #include "host/ref_counted.h"
 
 namespace jx::recency {
@@ -40,11 +41,7 @@ class SpinGuard {
  public:
   explicit SpinGuard(std::atomic<bool>& word) : word_(word) {
     while (word_.exchange(true, std::memory_order_acquire)) {
-      while (word_.load(std::memory_order_relaxed)) {
-#if defined(__x86_64__) || defined(__i386__)
-        __builtin_ia32_pause();
-#endif
-      }
+      while (word_.load(std::memory_order_relaxed)) zelcore::threads::CpuRelax();
     }
   }
   ~SpinGuard() { word_.store(false, std::memory_order_release); }

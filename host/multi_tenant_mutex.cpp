@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "host/cpu_relax.h"
 #include "host/parking.h"
 #include "host/y_api.h"
 
@@ -37,14 +38,6 @@ constexpr const char* kReadHeldMessage =
 
 // Read holdings past the inline array; rare, so a plain vector.
 thread_local std::vector<MtHolding> t_overflow;
-
-inline void CpuRelax() {
-#if defined(__x86_64__) || defined(__i386__)
-  __builtin_ia32_pause();
-#elif defined(__aarch64__) || defined(__arm__)
-  __asm__ __volatile__("yield");
-#endif
-}
 
 // Waits until `ready(state)` holds, then applies `next(state)` by compare-and-swap. A writer
 // (`isWriter`) counts itself as waiting from its first failed attempt until the attempt that

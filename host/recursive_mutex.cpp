@@ -6,20 +6,13 @@
 
 #include <stdexcept>
 
+#include "host/cpu_relax.h"
 #include "host/parking.h"
 
 namespace zelcore::threads {
 namespace {
 
 constexpr int kSpinLimit = 100;
-
-inline void CpuRelax() {
-#if defined(__x86_64__) || defined(__i386__)
-  __builtin_ia32_pause();
-#elif defined(__aarch64__) || defined(__arm__)
-  __asm__ __volatile__("yield");
-#endif
-}
 
 }  // namespace
 

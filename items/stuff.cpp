@@ -6,6 +6,7 @@
 
 #include "bag/bag.h"
 #include "bag/sort_dir.h"
+#include "host/cpu_relax.h"
 #include "host/high_precision_time.h"
 #include "lifecycle/failures.h"
 
@@ -23,7 +24,7 @@ class GuidSpinGuard {
     unsigned backoff = 1;
     while (word_.exchange(1, std::memory_order_acquire) != 0) {
       do {
-        for (unsigned i = 0; i < backoff; ++i) Pause();
+        for (unsigned i = 0; i < backoff; ++i) zelcore::threads::CpuRelax();
         if (backoff < 64) backoff <<= 1;
       } while (word_.load(std::memory_order_relaxed) != 0);
     }
@@ -31,11 +32,6 @@ class GuidSpinGuard {
   ~GuidSpinGuard() { word_.store(0, std::memory_order_release); }
 
  private:
-  static void Pause() {
-#if defined(__x86_64__) || defined(__i386__)
-    __builtin_ia32_pause();
-#endif
-  }
   std::atomic<uint32_t>& word_;
 };
 
@@ -156,9 +152,7 @@ zelcore::utility::Guid JX_Stuff::GetGuidAndHash(size_t* hash) const {
   for (;;) {
     uint32_t seq = guidSeq_.load(std::memory_order_acquire);
     if (seq & 1) {  // a writer is in the middle of it
-#if defined(__x86_64__) || defined(__i386__)
-      __builtin_ia32_pause();
-#endif
+      zelcore::threads::CpuRelax();
       continue;
     }
     uint64_t w0 = guidWords_[0].load(std::memory_order_relaxed);
