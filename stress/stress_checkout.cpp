@@ -1,7 +1,8 @@
 // stress_checkout: threads over a small hot key set doing read and writeable check-outs, GUID
-// changes, find-or-create with some renders abandoned, ConvertToWriteable races, purges and
-// check-ins that remove or purge. Every payload carries bytes derived from its key and a
-// checksum, verified at every check-out and again before check-in.
+// changes, find-or-create with some renders abandoned, ConvertToWriteable races, purges (inline
+// and from a purging thread of their own) and check-ins that remove or purge. Every payload
+// carries bytes derived from its key and a checksum, verified at every check-out and again
+// before check-in.
 //
 // Invariants: at most one writer and no reader beside it; no checked-out payload is purged;
 // ConvertToWriteable on a held read check-out is refused only because another reader holds the
@@ -210,6 +211,16 @@ class Run {
     handle.SetCheckinFlags(CheckinFlags(rng));
   }
 
+  // A purging thread of its own, as a host's memory-pressure thread would be: purges until the
+  // workers are done, racing their check-outs the whole time.
+  void Purger() {
+    std::mt19937_64 rng(o_.seed * 1000003 + 999);
+    while (!workersDone.load(std::memory_order_acquire)) {
+      Purge(rng);
+      std::this_thread::yield();
+    }
+  }
+
   void Purge(std::mt19937_64& rng) {
     figures.purges.fetch_add(1);
     if (rng() % 4 == 0) {
@@ -220,6 +231,7 @@ class Run {
   }
 
   static constexpr uint32_t kKeys = 12;
+  std::atomic<bool> workersDone{false};
   Figures figures;
   jx::stress::Violations violations;
 
@@ -241,7 +253,10 @@ int main(int argc, char** argv) {
   Run run(o, bag);
   std::vector<std::thread> threads;
   for (int t = 0; t < o.threads; ++t) threads.emplace_back([&run, t] { run.Worker(t); });
+  std::thread purger([&run] { run.Purger(); });
   for (auto& t : threads) t.join();
+  run.workersDone.store(true, std::memory_order_release);
+  purger.join();
 
   // At rest: each item accounts what its payload really holds.
   long long sum = 0;
