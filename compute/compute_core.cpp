@@ -3,6 +3,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <typeinfo>
 
 #include "bag/library_lock.h"
 #include "compute/compute_registry.h"
@@ -113,16 +114,20 @@ int32_t ComputeInto(const StuffPtr& item, std::string_view classId,
 // The checks an entry must pass before its value is handed out; each reports and throws 3.
 void CheckEntry(const JX_Stuff& item, std::string_view classId) {
   zelcore::utility::IntrusivePtr<JX_StuffData> data = item.GetDataPtr();
-  auto* entry = dynamic_cast<GenericJXComputeStuffData*>(data.get());
+  // The entry class is final: its exact type is the test.
+  auto* entry = data && typeid(*data) == typeid(GenericJXComputeStuffData)
+                    ? static_cast<GenericJXComputeStuffData*>(data.get())
+                    : nullptr;
   // An item without any payload is one whose compute failed while we waited for it: it holds no
   // value, which is what the second check is about, not a payload of the wrong type.
   if (data && !entry) FailVerification("JXCompute unexpected stuff of wrong type. corrupt cache??");
-  std::shared_ptr<JXComputeValue> value = entry ? entry->GetValue() : nullptr;
+  Guid key;
+  std::shared_ptr<JXComputeValue> value = entry ? entry->GetKeyAndValue(&key) : nullptr;
   if (!value) {
     FailVerification(
         "JXCompute unexpected missing compute value on successful checkout. corrupt cache??");
   }
-  if (item.GetGuid() != entry->GetKey()) {
+  if (item.GetGuid() != key) {
     FailVerification(
         "JXCompute unexpected mismatch between Stuff GUID and ComputeStuff Key! corrupt cached??");
   }

@@ -46,6 +46,13 @@ std::shared_ptr<JXComputeValue> GenericJXComputeStuffData::GetValue() const {
   return value_;
 }
 
+std::shared_ptr<JXComputeValue> GenericJXComputeStuffData::GetKeyAndValue(
+    zelcore::utility::Guid* key) const {
+  Lock lock(mutex_);
+  *key = zelcore::utility::Guid::FromBytes(key_.bytes);
+  return value_;
+}
+
 void GenericJXComputeStuffData::SetValue(JXComputeValue* value) {
   std::shared_ptr<JXComputeValue> incoming(value);
   {

@@ -56,7 +56,8 @@ class JX_EXPORT JXComputeValue {
   std::unique_ptr<JXComputeValueHolder> holder_;
 };
 
-class JX_EXPORT GenericJXComputeStuffData : public JX_StuffData {
+// Final: the compute core tells its entries from other payloads by their exact type.
+class JX_EXPORT GenericJXComputeStuffData final : public JX_StuffData {
  public:
   explicit GenericJXComputeStuffData(const KQGP_GUID& key);
   GenericJXComputeStuffData(const KQGP_GUID& key, std::shared_ptr<JXComputeValue> value);
@@ -65,6 +66,8 @@ class JX_EXPORT GenericJXComputeStuffData : public JX_StuffData {
   zelcore::utility::Guid GetKey() const;
   // A share of the value (empty when none is held).
   std::shared_ptr<JXComputeValue> GetValue() const;
+  // Both, under one hold of the entry's mutex.
+  std::shared_ptr<JXComputeValue> GetKeyAndValue(zelcore::utility::Guid* key) const;
   // Takes ownership of `value`, dropping this entry's share of the previous one.
   void SetValue(JXComputeValue* value);
 
