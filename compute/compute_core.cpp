@@ -115,8 +115,9 @@ int32_t ComputeInto(const StuffPtr& item, std::string_view classId,
 void CheckEntry(const JX_Stuff& item, std::string_view classId) {
   zelcore::utility::IntrusivePtr<JX_StuffData> data = item.GetDataPtr();
   // The entry class is final: its exact type is the test.
-  auto* entry = data && typeid(*data) == typeid(GenericJXComputeStuffData)
-                    ? static_cast<GenericJXComputeStuffData*>(data.get())
+  JX_StuffData* payload = data.get();
+  auto* entry = payload && typeid(*payload) == typeid(GenericJXComputeStuffData)
+                    ? static_cast<GenericJXComputeStuffData*>(payload)
                     : nullptr;
   // An item without any payload is one whose compute failed while we waited for it: it holds no
   // value, which is what the second check is about, not a payload of the wrong type.
