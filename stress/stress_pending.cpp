@@ -112,11 +112,14 @@ int main(int argc, char** argv) {
           Y::ScNotifyHoldingMutexLock hostLock;
           res =
               handle.FindAndCheckout(request, cf::kReadOnly | cf::kCreatePending | cf::kWaitAlways);
-          holderReturned = true;
           if (res != kJX_CreatedPending) {
-            // The creator fills only after this thread is back, so the item is still pending.
+            // The creator fills only after this thread says it is back, so the item is still
+            // pending here; it is looked at before saying so.
             const auto item = handle.GetStuffPtr();
-            if (res == kJX_CheckedOut && item && item->IsPendingRender() && !item->GetDataPtr()) {
+            const bool gotPending =
+                res == kJX_CheckedOut && item && item->IsPendingRender() && !item->GetDataPtr();
+            holderReturned = true;
+            if (gotPending) {
               holderGotPending.fetch_add(1);
             } else {
               violations.Report("a host-lock holder did not get the pending item as it stood");
@@ -124,6 +127,7 @@ int main(int argc, char** argv) {
             hostLockNotBlocked.fetch_add(1);
             continue;
           }
+          holderReturned = true;
         } else {
           res =
               handle.FindAndCheckout(request, cf::kReadOnly | cf::kCreatePending | cf::kWaitAlways);
