@@ -85,6 +85,8 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
   //      was abandoned while we waited, or a disk read that failed.
   // Never waits while holding the library lock: the wait happens after it is released, and a
   // thread that already holds the library lock (or a notifying host lock) does not wait.
+  // A read-only search first looks without the library lock (see FindReadOnlyUnlocked); what it
+  // takes that way is an item a locked search could have returned at that moment.
   JX_CheckoutResult FindAndCheckout(const StuffPtr& request, int checkoutFlags, StuffPtr* found,
                                     bool* createdPending);
 
@@ -169,6 +171,9 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
   // Places the item, which this bag's recency order links, where `stamp` puts it.
   void Reposition(JX_Stuff& stuff, uint64_t stamp, const JXp_ScLock& lock);
 
+  // A read-only search's first try, without the library lock: checks out an in-memory, ready
+  // item that answers the request, or returns false and leaves the decision to the locked search.
+  bool FindReadOnlyUnlocked(const JX_Stuff& request, int checkoutFlags, StuffPtr* match);
   void AddStuffGuts(const StuffPtr& stuff, const JXp_ScLock& lock, bool addToMediaMap);
   void RemoveStuffGuts(const StuffPtr& stuff, const JXp_ScLock& lock, bool removeFromMediaMap);
   void TrackLastPurgedUsedTime(unsigned long long usedTime);

@@ -22,6 +22,35 @@ bool MayWaitForPending(int flags) {
 
 }  // namespace
 
+bool JX_Bag::FindReadOnlyUnlocked(const JX_Stuff& request, int checkoutFlags, StuffPtr* match) {
+  const auto key = request.GetFindKeyData();
+  const JX_CompressedAllowedOption option =
+      key ? key->GetCompressedAllowedOption() : kJX_CompressionNotAllowed;
+  const int rounds = option != kJX_CompressionNotAllowed ? 2 : 1;
+  size_t hash;
+  const auto guid = request.GetGuidAndHash(&hash);
+  // Held references: without the library lock a candidate may leave the directory at any time.
+  boost::container::small_vector<StuffPtr, 4> candidates;
+  sortDir_->ForEachWithGuidUnlocked(guid, hash, [&](const StuffPtr& s) {
+    candidates.push_back(s);
+    return true;
+  });
+  for (int round = 0; round < rounds; ++round) {
+    for (StuffPtr& candidate : candidates) {
+      bool matched = false;
+      const JX_Stuff::MatchRequest ask{&key, round == 1, &matched, this, &guid};
+      if (candidate->CheckoutInBag(checkoutFlags | cf::kNoDiskRead, this, nullptr, &ask) ==
+          kJX_CheckedOut) {
+        *match = std::move(candidate);
+        return true;
+      }
+    }
+  }
+  // Nothing taken: a miss, a pending or on-disk match, or a directory in mid-change. The locked
+  // search decides.
+  return false;
+}
+
 JX_CheckoutResult JX_Bag::FindAndCheckout(const StuffPtr& request, int checkoutFlags,
                                           StuffPtr* found, bool* createdPending) {
   ZC_PROFILE_SCOPE("KQ.JX_SortDir::FindAndCheckout", 7);
@@ -34,7 +63,9 @@ JX_CheckoutResult JX_Bag::FindAndCheckout(const StuffPtr& request, int checkoutF
   StuffPtr match;
   JX_CheckoutResult result = kJX_CheckoutRefused;
   bool matchWasPending = false;
-  {
+  if ((checkoutFlags & cf::kReadOnly) && FindReadOnlyUnlocked(*request, checkoutFlags, &match)) {
+    result = kJX_CheckedOut;
+  } else {
     JXp_ScLock lock;
     ZC_PROFILE_SCOPE("KQ.JX_SortDir::FindAndCheckout 1 - post lock attempt", 7);
     const auto key = request->GetFindKeyData();

@@ -1,5 +1,6 @@
-// Check-ins made while another thread holds the library lock: they renew recency through the
-// recency log, and whoever reads the order sees it as if every move had been made at once.
+// Read-only check-ins renew recency through per-thread logs, without the library lock; whoever
+// reads the order sees it as if every move had been made at once, in stamp order, whichever
+// thread made it, whether that thread still runs or ended while the lock was taken.
 #include <gtest/gtest.h>
 
 #include <condition_variable>
@@ -17,8 +18,8 @@ using zelcore::utility::IntrusivePtr;
 
 namespace {
 
-// Holds the library lock on a thread of its own until Release(): every read-only check-in made
-// meanwhile has to note its move instead of making it.
+// Holds the library lock on a thread of its own until Release(): nothing can apply the notes
+// meanwhile, not even a thread that ends.
 class LockHolder {
  public:
   LockHolder() : thread_([this] { Run(); }) {
@@ -102,13 +103,52 @@ TEST_F(RecencyTest, StaleNotesAndNotesOfItemsThatLeftOrDiedChangeNothing) {
     Use(b);
     Use(c);
   }
-  // With the lock free again, a is moved at once, later than its note: the note is stale.
+  // A newer note of a: the older one is stale.
   Use(a);
   b->RemoveFromBagAndSortDir();
   b.reset();  // the note's reference is weak: the item dies here
   EXPECT_EQ(Order(), (std::vector<JX_Stuff*>{c.get(), a.get()}));
   EXPECT_EQ(bag_->GetNumMruSortedItems(), 2);
   EXPECT_EQ(bag_->GetNumGuidSortedItems(), 2);
+}
+
+// Two threads take turns using items; their logs are applied together, interleaved by stamp.
+TEST_F(RecencyTest, TwoThreadsMovesInterleaveByStamp) {
+  constexpr int kItems = 40;
+  std::vector<IntrusivePtr<JX_Stuff>> items;
+  for (int i = 0; i < kItems; ++i) {
+    items.push_back(MakeItem(10));
+    bag_->AddToBagAndSortDir(items.back());
+  }
+  // Uses in turn: item k by thread k % 2, in the reverse of the order they were added.
+  std::mutex m;
+  std::condition_variable cv;
+  int turn = kItems - 1;
+  auto run = [&](int parity) {
+    for (;;) {
+      std::unique_lock<std::mutex> l(m);
+      cv.wait(l, [&] { return turn < 0 || turn % 2 == parity; });
+      if (turn < 0) return;
+      Use(items[turn]);
+      --turn;
+      cv.notify_all();
+    }
+  };
+  std::thread even(run, 0), odd(run, 1);
+  // Read before the threads end, so that both logs are still live.
+  {
+    std::unique_lock<std::mutex> l(m);
+    cv.wait(l, [&] { return turn < 0; });
+  }
+  std::vector<JX_Stuff*> expected;
+  for (int i = kItems - 1; i >= 0; --i) expected.push_back(items[i].get());
+  EXPECT_EQ(Order(), expected);
+  {
+    std::lock_guard<std::mutex> l(m);
+    cv.notify_all();
+  }
+  even.join();
+  odd.join();
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <vector>
 
 #include "bag/bag.h"
@@ -17,6 +18,7 @@ namespace jx::recency {
 // Moves the item to where its stamp puts it, unless it has left the bag (or been moved by a newer
 // stamp) since the note was taken.
 struct Applier {
+  static bool InBag(const JX_Stuff& stuff) { return stuff.mruBag_ != nullptr; }
   static void Apply(JX_Stuff& stuff, uint64_t stamp, const JXp_ScLock& lock) {
     JX_Bag* bag = stuff.mruBag_;
     if (bag && stamp > stuff.mruStamp_) bag->Reposition(stuff, stamp, lock);
@@ -37,14 +39,17 @@ struct Noted {
 // move shows in the order and the memory the notes take.
 constexpr size_t kNotesPerThread = 256;
 
+void Acquire(std::atomic<bool>& word) {
+  while (word.exchange(true, std::memory_order_acquire)) {
+    while (word.load(std::memory_order_relaxed)) zelcore::threads::CpuRelax();
+  }
+}
+void Release(std::atomic<bool>& word) { word.store(false, std::memory_order_release); }
+
 class SpinGuard {
  public:
-  explicit SpinGuard(std::atomic<bool>& word) : word_(word) {
-    while (word_.exchange(true, std::memory_order_acquire)) {
-      while (word_.load(std::memory_order_relaxed)) zelcore::threads::CpuRelax();
-    }
-  }
-  ~SpinGuard() { word_.store(false, std::memory_order_release); }
+  explicit SpinGuard(std::atomic<bool>& word) : word_(word) { Acquire(word_); }
+  ~SpinGuard() { Release(word_); }
   SpinGuard(const SpinGuard&) = delete;
   SpinGuard& operator=(const SpinGuard&) = delete;
 
@@ -52,7 +57,18 @@ class SpinGuard {
   std::atomic<bool>& word_;
 };
 
-struct Log;
+struct Log {
+  std::atomic<bool> spin{false};
+  // Guarded by spin. Reserved once: a note never allocates. One thread's stamps only grow, so
+  // the notes are in stamp order.
+  std::vector<Noted> notes;
+  size_t next = 0;  // the applier's cursor (registry mutex)
+
+  Log();
+  ~Log();
+  Log(const Log&) = delete;
+  Log& operator=(const Log&) = delete;
+};
 
 // Every thread's log, and the notes of threads that have ended.
 struct Registry {
@@ -65,79 +81,154 @@ Registry& TheRegistry() {
   return *registry;
 }
 
-struct Log {
-  std::atomic<bool> spin{false};
-  std::vector<Noted> notes;  // guarded by spin
-
-  Log() {
-    notes.reserve(kNotesPerThread);
-    Registry& r = TheRegistry();
-    std::lock_guard<std::mutex> g(r.mutex);
-    r.logs.push_back(this);
-  }
-  ~Log() {
-    Registry& r = TheRegistry();
-    std::lock_guard<std::mutex> g(r.mutex);
-    r.logs.erase(std::find(r.logs.begin(), r.logs.end(), this));
-    SpinGuard s(spin);
-    for (Noted& n : notes) r.orphans.push_back(std::move(n));
-  }
-  Log(const Log&) = delete;
-  Log& operator=(const Log&) = delete;
-};
-
-Log& MyLog() {
-  thread_local Log log;
-  return log;
-}
-
-std::vector<Noted> TakeEveryNote() {
-  std::vector<Noted> all;
+Log::Log() {
+  notes.reserve(kNotesPerThread);
   Registry& r = TheRegistry();
   std::lock_guard<std::mutex> g(r.mutex);
-  all.swap(r.orphans);
-  for (Log* log : r.logs) {
-    SpinGuard s(log->spin);
-    for (Noted& n : log->notes) all.push_back(std::move(n));
-    log->notes.clear();
+  r.logs.push_back(this);
+}
+
+Log::~Log() {
+  // Kept for the next reader rather than applied here: a thread must not wait for the library
+  // lock on its way out (the thread holding it may be joining this one), and an apply could hand
+  // items to this thread's deferred-release list, which may already be gone.
+  Registry& r = TheRegistry();
+  std::lock_guard<std::mutex> g(r.mutex);
+  r.logs.erase(std::find(r.logs.begin(), r.logs.end(), this));
+  SpinGuard s(spin);
+  try {
+    r.orphans.reserve(r.orphans.size() + notes.size());
+    for (Noted& n : notes) r.orphans.push_back(std::move(n));
+  } catch (const std::bad_alloc&) {
+    // Out of memory as the thread ends: these items keep their older places.
   }
-  return all;
+}
+
+// The calling thread's log; null when it could not be made (out of memory).
+Log* MyLog() noexcept {
+  try {
+    thread_local Log log;
+    return &log;
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+// Holds every log's spin word for the applier. Only one thread at a time takes more than one
+// (the applier holds the library lock and the registry mutex), so they cannot deadlock.
+class AllLogs {
+ public:
+  explicit AllLogs(const std::vector<Log*>& logs) : logs_(logs) {
+    for (Log* log : logs_) Acquire(log->spin);
+  }
+  ~AllLogs() {
+    for (Log* log : logs_) Release(log->spin);
+  }
+  AllLogs(const AllLogs&) = delete;
+  AllLogs& operator=(const AllLogs&) = delete;
+
+ private:
+  const std::vector<Log*>& logs_;
+};
+
+// The log whose next note is the oldest (each log is in order already); null when every log is
+// used up. Ties go to the earlier log.
+Log* OldestNext(const std::vector<Log*>& logs) {
+  Log* best = nullptr;
+  for (Log* log : logs) {
+    if (log->next < log->notes.size() &&
+        (!best || log->notes[log->next].stamp < best->notes[best->next].stamp)) {
+      best = log;
+    }
+  }
+  return best;
+}
+
+void ApplyOne(Noted& note, const JXp_ScLock& lock, std::vector<IntrusivePtr<JX_Stuff>>& outside) {
+  IntrusivePtr<JX_Stuff> stuff = note.stuff.Lock();
+  if (!stuff) return;
+  if (Applier::InBag(*stuff)) {
+    // The bag holds a reference of its own for as long as the library lock is held: letting go of
+    // this one here never frees the item.
+    Applier::Apply(*stuff, note.stamp, lock);
+  } else {
+    // Out of every bag, this may be the last reference: it goes once the lock is let go. The
+    // room was reserved before the walk.
+    outside.push_back(std::move(stuff));
+  }
 }
 
 }  // namespace
 
-void Note(JX_Stuff& stuff, uint64_t stamp) {
-  Log& log = MyLog();
-  bool full;
-  {
-    SpinGuard s(log.spin);
-    log.notes.push_back(Noted{WeakPtr<JX_Stuff>(&stuff), stamp});
-    full = log.notes.size() >= kNotesPerThread;
+void Note(JX_Stuff& stuff, uint64_t stamp) noexcept {
+  if (Log* log = MyLog()) {
+    bool full;
+    {
+      SpinGuard s(log->spin);
+      // The log was emptied when it reached its size, unless that apply ran out of memory.
+      if (log->notes.size() < kNotesPerThread) {
+        log->notes.push_back(Noted{WeakPtr<JX_Stuff>(&stuff), stamp});
+        full = log->notes.size() == kNotesPerThread;
+      } else {
+        full = true;
+        log = nullptr;  // not noted: made below
+      }
+    }
+    if (!full) return;
+    try {
+      JXp_ScLock lock;
+      ApplyAll(lock);
+    } catch (...) {
+      // Out of memory: the notes stay where they are, and this move is made on its own.
+    }
+    if (log) return;
   }
-  if (full) {
-    JXp_ScLock lock;
-    ApplyAll(lock);
-  }
+  // The caller's reference keeps the item alive.
+  JXp_ScLock lock;
+  Applier::Apply(stuff, stamp, lock);
 }
 
 void ApplyAll(const JXp_ScLock& lock) {
-  std::vector<Noted> all = TakeEveryNote();
-  if (all.empty()) return;
-  // In stamp order every move lands at the young end; ties keep the order they were noted in.
-  std::stable_sort(all.begin(), all.end(),
-                   [](const Noted& a, const Noted& b) { return a.stamp < b.stamp; });
-  auto held = std::make_shared<std::vector<IntrusivePtr<JX_Stuff>>>();
-  held->reserve(all.size());
-  for (const Noted& note : all) {
-    IntrusivePtr<JX_Stuff> stuff = note.stuff.Lock();
-    if (!stuff) continue;
-    Applier::Apply(*stuff, note.stamp, lock);
-    held->push_back(std::move(stuff));
+  Registry& r = TheRegistry();
+  std::lock_guard<std::mutex> g(r.mutex);
+  auto outside = std::make_shared<std::vector<IntrusivePtr<JX_Stuff>>>();
+  {
+    AllLogs held(r.logs);
+    size_t count = r.orphans.size();
+    for (Log* log : r.logs) count += log->notes.size();
+    if (count == 0) return;
+    // Every allocation before anything moves: out of memory, the notes stay for the next reader.
+    outside->reserve(count);
+    // Orphans come from several ended threads: into stamp order first (without memory for a
+    // buffer the sort still works, only slower).
+    std::stable_sort(r.orphans.begin(), r.orphans.end(),
+                     [](const Noted& a, const Noted& b) { return a.stamp < b.stamp; });
+    for (Log* log : r.logs) log->next = 0;
+    size_t orphan = 0;
+    for (;;) {
+      Log* log = OldestNext(r.logs);
+      Noted* note;
+      if (orphan < r.orphans.size() &&
+          (!log || r.orphans[orphan].stamp <= log->notes[log->next].stamp)) {
+        note = &r.orphans[orphan++];
+      } else if (log) {
+        note = &log->notes[log->next++];
+      } else {
+        break;
+      }
+      ApplyOne(*note, lock, *outside);
+    }
+    for (Log* log : r.logs) log->notes.clear();
+    r.orphans.clear();
   }
-  // The last reference to an item may go with these: that happens once the lock is let go.
+  if (outside->empty()) return;
   std::deque<std::shared_ptr<void>> owners;
-  owners.push_back(std::move(held));
-  JXp_ScLock::ReleaseOutsideLock(std::move(owners));
+  try {
+    owners.push_back(std::move(outside));
+    JXp_ScLock::ReleaseOutsideLock(std::move(owners));
+  } catch (const std::bad_alloc&) {
+    // Out of memory with nowhere to defer them: they go now, under the lock.
+  }
 }
 
 }  // namespace jx::recency

@@ -5,12 +5,15 @@
 // every check-in take the library lock and write the end of one shared list: with several render
 // threads that is where the time goes. Instead the check-in stamps the item's last-used time at
 // once and notes (item, stamp) in its own thread's log; whoever needs the order (a purge walk, a
-// copy of the items) applies every thread's notes first, in stamp order, under the library lock.
-// What they see is the order the moves would have made: an item stands where its latest stamp
-// puts it. A note holds a weak reference, so it never keeps an item alive.
+// copy of the items) applies every thread's notes first, in stamp order, under the library lock,
+// and so does a thread whose log fills up. What they see is the order the moves would have made:
+// an item stands where its latest stamp puts it. A note holds a weak reference, so it never
+// keeps an item alive.
 //
-// Locks: the library lock, then the registry's mutex, then one log's spin word (leaves). Note()
+// Locks: the library lock, then the registry's mutex, then the logs' spin words (leaves). Note()
 // takes only its own log's spin word (and, once the log is full, the library lock to apply it).
+// Memory: a log is reserved once per thread; a note never allocates, and out of memory a move is
+// made at once rather than lost.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +24,7 @@ class JXp_ScLock;
 namespace jx::recency {
 
 // Notes that `stuff` was used at `stamp`, on behalf of the bag whose recency order links it.
-void Note(JX_Stuff& stuff, uint64_t stamp);
+void Note(JX_Stuff& stuff, uint64_t stamp) noexcept;
 // Applies every thread's notes to the bags' recency orders. The caller holds the library lock.
 void ApplyAll(const JXp_ScLock& lock);
 

@@ -23,8 +23,17 @@ bool IsDead(const JX_Stuff& s) {
 }
 }  // namespace
 
-JX_SortDir::JX_SortDir() : items_(kDirectoryInitialBuckets) {
-  items_.max_load_factor(kDirectoryMaxLoadFactor);
+JX_SortDir::JX_SortDir() : shards_(new Shard[kShards]) {
+  for (size_t i = 0; i < kShards; ++i) {
+    shards_[i].items.rehash(kDirectoryInitialBuckets / kShards);
+    shards_[i].items.max_load_factor(kDirectoryMaxLoadFactor);
+  }
+}
+
+size_t JX_SortDir::Size() const {
+  size_t n = 0;
+  for (size_t i = 0; i < kShards; ++i) n += shards_[i].items.size();
+  return n;
 }
 
 JX_SortDir::~JX_SortDir() = default;
@@ -54,7 +63,11 @@ void JX_SortDir::AddStuff(const StuffPtr& stuff) {
     return true;
   });
   // Inserted before anything else changes: a refused allocation leaves the directory as it was.
-  items_.insert(Entry{guid, hash, stuff});
+  {
+    Shard& shard = ShardOf(hash);
+    ShardSpin spin(shard);
+    shard.items.insert(Entry{guid, hash, stuff});
+  }
   for (const StuffPtr& old : superseded) {
     if (auto bag = old->GetBag()) bag->RemoveStuffGuts(old, lock, true);
     old->RemoveFromBagAndSortDir();
@@ -67,6 +80,7 @@ void JX_SortDir::AddStuff(const StuffPtr& stuff) {
   ScopedWriteLockWrapper wl(stuff->mutex_);
   stuff->sortDir_ = weak_from_this();
   stuff->tempRemovedFromSortDir_ = false;
+  stuff->inSortDir_.store(true, std::memory_order_release);
 }
 
 void JX_SortDir::RemoveStuff(const StuffPtr& stuff) {
@@ -83,6 +97,7 @@ void JX_SortDir::RemoveStuff(const StuffPtr& stuff) {
   {
     ScopedWriteLockWrapper wl(stuff->mutex_);
     stuff->sortDir_.reset();
+    stuff->inSortDir_.store(false, std::memory_order_release);
   }
   EraseNode(stuff);
 }
@@ -94,9 +109,13 @@ void JX_SortDir::EraseNode(const StuffPtr& stuff) {
   const zelcore::utility::Guid guid = stuff->GetGuidAndHash(&hash);
   const Key key{guid, hash};
   Equal equal;
-  for (auto it = items_.find(key, Hash(), equal); it != items_.end() && equal(key, *it); ++it) {
+  Shard& shard = ShardOf(hash);
+  // The caller holds a reference to the item: erasing the node never releases it under the spin.
+  ShardSpin spin(shard);
+  for (auto it = shard.items.find(key, Hash(), equal); it != shard.items.end() && equal(key, *it);
+       ++it) {
     if (it->stuff == stuff) {
-      items_.erase(it);
+      shard.items.erase(it);
       return;
     }
   }
@@ -109,6 +128,7 @@ void JX_Stuff::TempRemoveFromSortDir(const JXp_ScLock& lock) {
   if (auto dir = sortDir_.lock()) {
     dir->TempRemove(self, lock);
     tempRemovedFromSortDir_ = true;
+    inSortDir_.store(false, std::memory_order_release);
   }
 }
 
@@ -154,6 +174,7 @@ void JX_Stuff::RemoveFromBagAndSortDir() {
     ScopedWriteLockWrapper wl(mutex_);
     sortDir_.reset();
     tempRemovedFromSortDir_ = false;
+    inSortDir_.store(false, std::memory_order_release);
   } else if (dir) {
     dir->RemoveStuff(self);
   }

@@ -6,17 +6,23 @@
 // check-in. Internal to the library: callers reach it through JX_Bag and JX_Stuff.
 //
 // Ownership: held by its bag through std::shared_ptr; items refer to it by weak pointer; it holds
-// one reference per item. Locks: every method requires or takes the library lock; item GUIDs are
-// read under each item's GUID spin lock (innermost lock).
+// one reference per item. Locks: every change requires or takes the library lock. The entries are
+// split into shards by hash, each with a spin word that a change also holds while it edits the
+// shard: a read-only search looks up under that word alone (ForEachWithGuidUnlocked), so that
+// render threads hitting the cache do not queue behind one another on the library lock. The spin
+// word is a leaf: nothing else is taken, and no item is released, while it is held.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <utility>
 
 #include <boost/unordered_set.hpp>
 
 #include "bag/library_lock.h"
+#include "host/cpu_relax.h"
 #include "host/guid.h"
 #include "items/stuff.h"
 
@@ -35,7 +41,7 @@ class JX_SortDir : public std::enable_shared_from_this<JX_SortDir> {
   void RemoveStuff(const StuffPtr& stuff);
   // Erases the node of a writeable item but keeps its link, so check-in can put it back.
   void TempRemove(const StuffPtr& stuff, const JXp_ScLock& lock);
-  size_t Size() const { return items_.size(); }
+  size_t Size() const;
 
   // Visits the items with `guid`, whose directory hash is `hash` (caller holds the library
   // lock). `fn` returns false to stop.
@@ -45,6 +51,11 @@ class JX_SortDir : public std::enable_shared_from_this<JX_SortDir> {
   void ForEachWithGuid(const zelcore::utility::Guid& guid, Fn&& fn) const {
     ForEachWithGuid(guid, HashGuid(guid), std::forward<Fn>(fn));
   }
+
+  // The same walk without the library lock, under the shard's spin word: `fn` may only copy what
+  // it is given (taking a reference is fine); it must not take a lock or release an item.
+  template <class Fn>
+  void ForEachWithGuidUnlocked(const zelcore::utility::Guid& guid, size_t hash, Fn&& fn) const;
 
   // Boost's hash_range over the GUID's sixteen bytes.
   static size_t HashGuid(const zelcore::utility::Guid& guid);
@@ -73,17 +84,67 @@ class JX_SortDir : public std::enable_shared_from_this<JX_SortDir> {
   };
   using Set = boost::unordered_multiset<Entry, Hash, Equal>;
 
+  // Changed under the library lock and `spin`; read under either. On its own cache line, so that
+  // threads searching different shards share nothing.
+  struct alignas(64) Shard {
+    mutable std::atomic<uint32_t> spin{0};
+    Set items;
+  };
+  static constexpr size_t kShardBits = 6;
+  static constexpr size_t kShards = size_t{1} << kShardBits;
+
+  class ShardSpin {
+   public:
+    explicit ShardSpin(const Shard& shard);
+    ~ShardSpin() { word_.store(0, std::memory_order_release); }
+    ShardSpin(const ShardSpin&) = delete;
+    ShardSpin& operator=(const ShardSpin&) = delete;
+
+   private:
+    std::atomic<uint32_t>& word_;
+  };
+
+  // The top bits of the hash, mixed once more, pick the shard; the set's own bucket choice
+  // works on the whole hash.
+  static size_t ShardIndex(size_t hash) {
+    return static_cast<size_t>((static_cast<uint64_t>(hash) * 0x9E3779B97F4A7C15ull) >>
+                               (64 - kShardBits));
+  }
+  Shard& ShardOf(size_t hash) { return shards_[ShardIndex(hash)]; }
+  const Shard& ShardOf(size_t hash) const { return shards_[ShardIndex(hash)]; }
+  template <class Fn>
+  static void Walk(const Set& items, const zelcore::utility::Guid& guid, size_t hash, Fn&& fn);
+
   void EraseNode(const StuffPtr& stuff);
 
-  Set items_;  // guarded by the library lock
+  std::unique_ptr<Shard[]> shards_;
 };
 
+inline JX_SortDir::ShardSpin::ShardSpin(const Shard& shard) : word_(shard.spin) {
+  while (word_.exchange(1, std::memory_order_acquire)) {
+    while (word_.load(std::memory_order_relaxed)) zelcore::threads::CpuRelax();
+  }
+}
+
 template <class Fn>
-void JX_SortDir::ForEachWithGuid(const zelcore::utility::Guid& guid, size_t hash, Fn&& fn) const {
+void JX_SortDir::Walk(const Set& items, const zelcore::utility::Guid& guid, size_t hash, Fn&& fn) {
   // Equal elements of a multiset are adjacent: walk from the first until the GUID changes.
   const Key key{guid, hash};
   Equal equal;
-  for (auto it = items_.find(key, Hash(), equal); it != items_.end() && equal(key, *it); ++it) {
+  for (auto it = items.find(key, Hash(), equal); it != items.end() && equal(key, *it); ++it) {
     if (!fn(it->stuff)) return;
   }
+}
+
+template <class Fn>
+void JX_SortDir::ForEachWithGuid(const zelcore::utility::Guid& guid, size_t hash, Fn&& fn) const {
+  Walk(ShardOf(hash).items, guid, hash, std::forward<Fn>(fn));
+}
+
+template <class Fn>
+void JX_SortDir::ForEachWithGuidUnlocked(const zelcore::utility::Guid& guid, size_t hash,
+                                         Fn&& fn) const {
+  const Shard& shard = ShardOf(hash);
+  ShardSpin spin(shard);
+  Walk(shard.items, guid, hash, std::forward<Fn>(fn));
 }

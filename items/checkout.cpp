@@ -86,6 +86,11 @@ JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, ScopedUpgradeLockWrapper& 
     *match->matched =
         compressed == match->wantCompressed && (!key || key->CanSatisfyRequest(*match->key));
     if (!*match->matched) return kJX_CheckoutRefused;
+    // Found without the library lock: taken only in a state a locked search could have found it
+    // in, which this hold of the item's lock keeps (membership changes need its write lock).
+    if (match->unlockedIn && !IsFindableUnlocked(*match->unlockedIn, *match->guid)) {
+      return kJX_CheckoutRefused;
+    }
   }
   const bool forWrite = libraryLock != nullptr;
   const WaitDecision w = DecodeWait(flags);
@@ -132,6 +137,14 @@ JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, ScopedUpgradeLockWrapper& 
   SyncMemorySizeLocked(data_ ? data_->GetApproximateMemorySize() : 0, knownBag);
   if (wasPending) *wasPending = pending;
   return kJX_CheckedOut;
+}
+
+bool JX_Stuff::IsFindableUnlocked(const JX_Bag& bag, const Guid& guid) const {
+  if (!inSortDir_.load(std::memory_order_relaxed) || mruBag_ != &bag) return false;
+  // Re-keyed meanwhile (out of the directory and back under another GUID)?
+  if (GetGuid() != guid) return false;
+  // The locked search handles the rest: waiting for a render, reading back from disk.
+  return !pending_.load(std::memory_order_acquire) && !writeable_ && data_ && data_->IsInMemory();
 }
 
 void JX_Stuff::CheckoutNewPending() {
@@ -218,9 +231,8 @@ bool JX_Stuff::CheckinReadOnly(int flags) {
   if ((flags & (ci::kRemove | ci::kPurge | ci::kWriteNow)) || jx::settings::UseMediaMap()) {
     return false;
   }
-  // Free library lock: move the item now. Held by another thread: note the move for later
-  // rather than queue behind it (see bag/recency_log.h).
-  JXp_ScLock lock(std::try_to_lock);
+  // The move is noted for later (see bag/recency_log.h): no library lock. Moving some items at
+  // once and noting others would make the noted ones, older, walk back past the moved ones.
   JX_Bag* bag;
   {
     ScopedWriteLockWrapper wl(mutex_);
@@ -233,15 +245,10 @@ bool JX_Stuff::CheckinReadOnly(int flags) {
     SyncMemorySizeLocked(data_ ? data_->GetApproximateMemorySize() : 0, bag);
   }
   if (bag && !(flags & ci::kKeepRecency)) {
-    if (lock.owns_lock()) {
-      bag->MoveToYoungEnd(*this, lock);
-    } else {
-      const uint64_t now = zelcore::utility::HighPrecisionTime::GetCurrentTimeStamp();
-      lastUsedTime_.store(now, std::memory_order_release);
-      jx::recency::Note(*this, now);
-    }
+    const uint64_t now = zelcore::utility::HighPrecisionTime::GetCurrentTimeStamp();
+    lastUsedTime_.store(now, std::memory_order_release);
+    jx::recency::Note(*this, now);
   }
-  lock.Unlock();
   JX_GetStuffCounters().itemsCheckedOut.fetch_sub(1);
   return true;
 }

@@ -201,10 +201,7 @@ std::shared_ptr<JX_SortDir> JX_Stuff::GetSortDir() const {
   return sortDir_.lock();
 }
 
-bool JX_Stuff::IsInSortDir() const {
-  ScopedReadLockWrapper r(mutex_);
-  return !sortDir_.expired() && !tempRemovedFromSortDir_;
-}
+bool JX_Stuff::IsInSortDir() const { return inSortDir_.load(std::memory_order_acquire); }
 
 JX_Stuff::Guid JX_Stuff::GetMediaMapGuid() const {
   ScopedReadLockWrapper r(mutex_);

@@ -236,10 +236,15 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
 
   // What a search asks of a candidate before checking it out: the request it must answer and
   // the compression state wanted. `matched` says whether the candidate answered it.
+  // `unlockedIn`: the search found the candidate without the library lock, in that bag's
+  // directory under `guid`; the candidate is then taken only if, under its own lock, it is still
+  // there, in memory and not pending (anything else is left to the locked search).
   struct MatchRequest {
     const IntrusivePtr<JX_StuffData>* key;
     bool wantCompressed;
     bool* matched;
+    JX_Bag* unlockedIn = nullptr;
+    const Guid* guid = nullptr;
   };
   JX_CheckoutResult CheckoutForWrite(int flags, JX_Bag* knownBag, bool* wasPending,
                                      const MatchRequest* match);
@@ -258,6 +263,9 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // behind the disk writer, then the completion that opens the gate.
   void PauseBeforeFilling(bool skipBackPressure);
   void CompletePending(IntrusivePtr<JX_StuffData> data, double computeTime);
+  // For a candidate found without the library lock (caller holds this item's upgrade lock):
+  // still in `bag`'s directory under `guid`, readable, in memory and not pending.
+  bool IsFindableUnlocked(const JX_Bag& bag, const Guid& guid) const;
   JX_CheckoutResult CheckoutLocked(int flags, zelcore::threads::ScopedUpgradeLockWrapper& up,
                                    JXp_ScLock* libraryLock, JX_Bag* knownBag, bool* wasPending,
                                    const MatchRequest* match);
@@ -314,6 +322,9 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   std::atomic<uint32_t> checkoutCount_{0};
   bool writeable_ = false;
   std::atomic<bool> pending_{false};
+  // In a directory and not taken out for a writeable check-out: sortDir_ set and
+  // tempRemovedFromSortDir_ clear. Written with them; readable without the lock.
+  std::atomic<bool> inSortDir_{false};
   zelcore::threads::ThreadId pendingThread_ = zelcore::threads::kNoThread;
 
   // Payload and request.
