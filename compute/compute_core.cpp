@@ -111,14 +111,18 @@ int32_t ComputeInto(const StuffPtr& item, std::string_view classId,
   return 0;
 }
 
+// The compute entry a payload is, or null. The entry class is final: its exact type is the test,
+// cheaper than a dynamic_cast on every hit.
+GenericJXComputeStuffData* EntryOf(JX_StuffData* payload) {
+  return payload && typeid(*payload) == typeid(GenericJXComputeStuffData)
+             ? static_cast<GenericJXComputeStuffData*>(payload)
+             : nullptr;
+}
+
 // The checks an entry must pass before its value is handed out; each reports and throws 3.
 void CheckEntry(const JX_Stuff& item, std::string_view classId) {
   zelcore::utility::IntrusivePtr<JX_StuffData> data = item.GetDataPtr();
-  // The entry class is final: its exact type is the test.
-  JX_StuffData* payload = data.get();
-  auto* entry = payload && typeid(*payload) == typeid(GenericJXComputeStuffData)
-                    ? static_cast<GenericJXComputeStuffData*>(payload)
-                    : nullptr;
+  auto* entry = EntryOf(data.get());
   // An item without any payload is one whose compute failed while we waited for it: it holds no
   // value, which is what the second check is about, not a payload of the wrong type.
   if (data && !entry) FailVerification("JXCompute unexpected stuff of wrong type. corrupt cache??");
@@ -229,7 +233,7 @@ void GetReceiptValue(KQGP_JXComputeReceipt receipt, intptr_t* outValue) {
   }
   if (outValue == nullptr) FailVerification("JXCompute null out value");
   zelcore::utility::IntrusivePtr<JX_StuffData> data = item->GetDataPtr();
-  auto* entry = dynamic_cast<GenericJXComputeStuffData*>(data.get());
+  auto* entry = EntryOf(data.get());
   std::shared_ptr<JXComputeValue> value = entry ? entry->GetValue() : nullptr;
   if (!value) FailVerification("bad compute receipt or not checked out");
   *outValue = value->GetRefcon();

@@ -36,7 +36,16 @@ class JX_EXPORT Guid {
   bool IsEmpty() const;
   const std::array<uint8_t, 16>& Bytes() const { return bytes_; }
 
-  friend bool operator==(const Guid&, const Guid&) = default;
+  // Two word compares: directory searches compare keys on every hit, and the defaulted form
+  // calls memcmp.
+  friend bool operator==(const Guid& a, const Guid& b) {
+    uint64_t a0, a1, b0, b1;
+    std::memcpy(&a0, a.bytes_.data(), 8);
+    std::memcpy(&a1, a.bytes_.data() + 8, 8);
+    std::memcpy(&b0, b.bytes_.data(), 8);
+    std::memcpy(&b1, b.bytes_.data() + 8, 8);
+    return ((a0 ^ b0) | (a1 ^ b1)) == 0;
+  }
   friend auto operator<=>(const Guid& a, const Guid& b) { return a.bytes_ <=> b.bytes_; }
 
  private:
