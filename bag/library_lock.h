@@ -1,14 +1,16 @@
 // JXp_ScLock: the library lock, one process-wide recursive mutex held through a scoped object.
 //
-// It guards every bag's recency set and counts, every sort directory, and every item's bag
-// membership. It is the first lock in the order: library lock -> item lock -> item GUID spin
-// lock. A thread holding it must not wait on a pending item's gate, a condition, an executor or
-// a sleep, and must not free payload memory (purges hand memory to a deferred queue instead).
+// It guards every bag's recency set and counts, every change to a sort directory, and every
+// item's bag membership. (A read-only search reads a directory shard under that shard's spin
+// word instead, and takes an item only after checking, under the item's lock, that it is still
+// there.) It is the first lock in the order: library lock -> item lock -> item GUID spin lock.
+// A thread holding it must not wait on a pending item's gate, a condition, an executor or a
+// sleep, and must not free payload memory (purges hand memory to a deferred queue instead).
 // Functions taking `const JXp_ScLock&` require the caller to hold it; the argument proves it.
 //
-// Every cache hit takes it twice: construction and destruction are inline, and only open the
-// profiler scopes ("KQ.JXp_ScLock - wait", "KQ.JXp_ScLock - held") when conditional profiling
-// runs at volume 6 or more.
+// Construction and destruction are inline, and only open the profiler scopes
+// ("KQ.JXp_ScLock - wait", "KQ.JXp_ScLock - held") when conditional profiling runs at volume 6
+// or more.
 #pragma once
 
 #include <deque>

@@ -14,7 +14,9 @@
 // holding an item lock, and never wait (gate, sleep, executor) while holding either.
 //   mutex_ guards: data_, findKeyData_, writeable_, tempRemovedFromSortDir_, bag_, sortDir_,
 //                  computeTime_, diskFile_, memDiskChanged_, mediaMapGuid_, mediaMapID_,
-//                  pendingThread_.
+//                  pendingThread_. Directory membership (sortDir_, tempRemovedFromSortDir_ and
+//                  inSortDir_) changes under both the library lock and the write lock, which is
+//                  what lets a search without the library lock check it under this lock.
 //   guidSpin_ serialises writers of the GUID; readers never block: they re-read when the
 //   sequence word (guidSeq_) shows that a write overlapped their copy.
 //   The library lock guards: the recency-set hook (mruHook_) and mruStamp_ (the stamp that
