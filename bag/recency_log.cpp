@@ -10,8 +10,8 @@
 
 #include "bag/bag.h"
 #include "bag/library_lock.h"
-#include "host/cpu_relax.h"
 #include "host/ref_counted.h"
+#include "host/spin_word.h"
 
 namespace jx::recency {
 
@@ -39,26 +39,12 @@ struct Noted {
 // move shows in the order and the memory the notes take.
 constexpr size_t kNotesPerThread = 256;
 
-void Acquire(std::atomic<bool>& word) {
-  while (word.exchange(true, std::memory_order_acquire)) {
-    while (word.load(std::memory_order_relaxed)) zelcore::threads::CpuRelax();
-  }
-}
-void Release(std::atomic<bool>& word) { word.store(false, std::memory_order_release); }
-
-class SpinGuard {
- public:
-  explicit SpinGuard(std::atomic<bool>& word) : word_(word) { Acquire(word_); }
-  ~SpinGuard() { Release(word_); }
-  SpinGuard(const SpinGuard&) = delete;
-  SpinGuard& operator=(const SpinGuard&) = delete;
-
- private:
-  std::atomic<bool>& word_;
-};
+using zelcore::threads::LockSpinWord;
+using zelcore::threads::SpinWordGuard;
+using zelcore::threads::UnlockSpinWord;
 
 struct Log {
-  std::atomic<bool> spin{false};
+  std::atomic<uint32_t> spin{0};
   // Guarded by spin. Reserved once: a note never allocates. One thread's stamps only grow, so
   // the notes are in stamp order.
   std::vector<Noted> notes;
@@ -95,7 +81,7 @@ Log::~Log() {
   Registry& r = TheRegistry();
   std::lock_guard<std::mutex> g(r.mutex);
   r.logs.erase(std::find(r.logs.begin(), r.logs.end(), this));
-  SpinGuard s(spin);
+  SpinWordGuard s(spin);
   try {
     r.orphans.reserve(r.orphans.size() + notes.size());
     for (Noted& n : notes) r.orphans.push_back(std::move(n));
@@ -119,10 +105,10 @@ Log* MyLog() noexcept {
 class AllLogs {
  public:
   explicit AllLogs(const std::vector<Log*>& logs) : logs_(logs) {
-    for (Log* log : logs_) Acquire(log->spin);
+    for (Log* log : logs_) LockSpinWord(log->spin);
   }
   ~AllLogs() {
-    for (Log* log : logs_) Release(log->spin);
+    for (Log* log : logs_) UnlockSpinWord(log->spin);
   }
   AllLogs(const AllLogs&) = delete;
   AllLogs& operator=(const AllLogs&) = delete;
@@ -164,7 +150,7 @@ void Note(JX_Stuff& stuff, uint64_t stamp) noexcept {
   if (Log* log = MyLog()) {
     bool full;
     {
-      SpinGuard s(log->spin);
+      SpinWordGuard s(log->spin);
       // The log was emptied when it reached its size, unless that apply ran out of memory.
       if (log->notes.size() < kNotesPerThread) {
         log->notes.push_back(Noted{WeakPtr<JX_Stuff>(&stuff), stamp});

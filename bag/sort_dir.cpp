@@ -65,7 +65,7 @@ void JX_SortDir::AddStuff(const StuffPtr& stuff) {
   // Inserted before anything else changes: a refused allocation leaves the directory as it was.
   {
     Shard& shard = ShardOf(hash);
-    ShardSpin spin(shard);
+    ShardSpin spin(shard.spin);
     shard.items.insert(Entry{guid, hash, stuff});
   }
   for (const StuffPtr& old : superseded) {
@@ -111,7 +111,7 @@ void JX_SortDir::EraseNode(const StuffPtr& stuff) {
   Equal equal;
   Shard& shard = ShardOf(hash);
   // The caller holds a reference to the item: erasing the node never releases it under the spin.
-  ShardSpin spin(shard);
+  ShardSpin spin(shard.spin);
   for (auto it = shard.items.find(key, Hash(), equal); it != shard.items.end() && equal(key, *it);
        ++it) {
     if (it->stuff == stuff) {

@@ -22,8 +22,8 @@
 #include <boost/unordered_set.hpp>
 
 #include "bag/library_lock.h"
-#include "host/cpu_relax.h"
 #include "host/guid.h"
+#include "host/spin_word.h"
 #include "items/stuff.h"
 
 class JX_SortDir : public std::enable_shared_from_this<JX_SortDir> {
@@ -93,16 +93,7 @@ class JX_SortDir : public std::enable_shared_from_this<JX_SortDir> {
   static constexpr size_t kShardBits = 6;
   static constexpr size_t kShards = size_t{1} << kShardBits;
 
-  class ShardSpin {
-   public:
-    explicit ShardSpin(const Shard& shard);
-    ~ShardSpin() { word_.store(0, std::memory_order_release); }
-    ShardSpin(const ShardSpin&) = delete;
-    ShardSpin& operator=(const ShardSpin&) = delete;
-
-   private:
-    std::atomic<uint32_t>& word_;
-  };
+  using ShardSpin = zelcore::threads::SpinWordGuard;
 
   // The top bits of the hash, mixed once more, pick the shard; the set's own bucket choice
   // works on the whole hash.
@@ -119,12 +110,6 @@ class JX_SortDir : public std::enable_shared_from_this<JX_SortDir> {
 
   std::unique_ptr<Shard[]> shards_;
 };
-
-inline JX_SortDir::ShardSpin::ShardSpin(const Shard& shard) : word_(shard.spin) {
-  while (word_.exchange(1, std::memory_order_acquire)) {
-    while (word_.load(std::memory_order_relaxed)) zelcore::threads::CpuRelax();
-  }
-}
 
 template <class Fn>
 void JX_SortDir::Walk(const Set& items, const zelcore::utility::Guid& guid, size_t hash, Fn&& fn) {
@@ -145,6 +130,6 @@ template <class Fn>
 void JX_SortDir::ForEachWithGuidUnlocked(const zelcore::utility::Guid& guid, size_t hash,
                                          Fn&& fn) const {
   const Shard& shard = ShardOf(hash);
-  ShardSpin spin(shard);
+  ShardSpin spin(shard.spin);
   Walk(shard.items, guid, hash, std::forward<Fn>(fn));
 }

@@ -8,34 +8,14 @@
 #include "bag/sort_dir.h"
 #include "host/cpu_relax.h"
 #include "host/high_precision_time.h"
+#include "host/spin_word.h"
 #include "lifecycle/failures.h"
 
 using zelcore::threads::ScopedReadLockWrapper;
 using zelcore::threads::ScopedWriteLockWrapper;
 using zelcore::utility::HighPrecisionTime;
 
-namespace {
-
-// The GUID spin lock: exchange to 1 to take, store 0 to release; between attempts a waiter
-// re-reads the word with a back-off that doubles from 1 up to 64 pause iterations.
-class GuidSpinGuard {
- public:
-  explicit GuidSpinGuard(std::atomic<uint32_t>& word) : word_(word) {
-    unsigned backoff = 1;
-    while (word_.exchange(1, std::memory_order_acquire) != 0) {
-      do {
-        for (unsigned i = 0; i < backoff; ++i) zelcore::threads::CpuRelax();
-        if (backoff < 64) backoff <<= 1;
-      } while (word_.load(std::memory_order_relaxed) != 0);
-    }
-  }
-  ~GuidSpinGuard() { word_.store(0, std::memory_order_release); }
-
- private:
-  std::atomic<uint32_t>& word_;
-};
-
-}  // namespace
+using GuidSpinGuard = zelcore::threads::SpinWordGuard;  // the item's GUID spin lock
 
 namespace jx::detail {
 constinit JX_StuffCounters g_stuffCounters;
