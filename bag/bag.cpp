@@ -231,7 +231,7 @@ void JX_Bag::AdjustInMemoryCacheSize(long long delta) {
 }
 
 void JX_Bag::AdjustCheckedOutMemoryCacheSize(long long delta) {
-  checkedOutSize_.fetch_add(delta, std::memory_order_seq_cst);
+  checkedOutSize_.fetch_add(delta);
   ZC_TRACE("JX", 7, "AdjustCheckedOutMemoryCacheSize: " << delta);
 }
 

@@ -1,12 +1,15 @@
 // StripedCounter: a process-wide statistic that many threads change at once.
 //
-// A single atomic word bounced between the cores of every thread that touches it; here each
-// thread adds to the stripe of its own id, and a read sums the stripes. A read that races
-// changes may be momentarily off, as any counter read is; at rest it is exact.
+// A single atomic word bounced between the cores of every thread that touches it, and even
+// uncontended, a locked add costs as much as an uncontended lock. Here each live thread owns a
+// stripe (see CurrentThreadSlot): only the owner writes it, with a plain load and store, and a
+// read sums the stripes. Threads beyond the stripes share one word with locked adds. A read that
+// races changes may be momentarily off, as any counter read is; at rest it is exact.
 #pragma once
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 
 #include "host/thread_id.h"
 
@@ -19,27 +22,30 @@ class StripedCounter {
   StripedCounter(const StripedCounter&) = delete;
   StripedCounter& operator=(const StripedCounter&) = delete;
 
-  void fetch_add(T delta, std::memory_order order = std::memory_order_relaxed) {
-    Mine().fetch_add(delta, order);
+  // Relaxed: a counter orders nothing else. A thread's own changes stay in its order.
+  void fetch_add(T delta) {
+    const uint32_t slot = zelcore::threads::CurrentThreadSlot();
+    if (slot < zelcore::threads::kThreadSlots) {
+      std::atomic<T>& mine = stripes_[slot].value;
+      mine.store(mine.load(std::memory_order_relaxed) + delta, std::memory_order_relaxed);
+    } else {
+      shared_.fetch_add(delta, std::memory_order_relaxed);
+    }
   }
-  void fetch_sub(T delta, std::memory_order order = std::memory_order_relaxed) {
-    Mine().fetch_sub(delta, order);
-  }
-  T load(std::memory_order order = std::memory_order_relaxed) const {
-    T sum{};
-    for (const Stripe& s : stripes_) sum += s.value.load(order);
+  void fetch_sub(T delta) { fetch_add(static_cast<T>(T{} - delta)); }
+  T load() const {
+    T sum = shared_.load(std::memory_order_relaxed);
+    for (const Stripe& s : stripes_) sum += s.value.load(std::memory_order_relaxed);
     return sum;
   }
   operator T() const { return load(); }
 
  private:
-  static constexpr size_t kStripes = 16;
-  struct alignas(64) Stripe {
+  struct alignas(128) Stripe {
     std::atomic<T> value{};
   };
-  std::atomic<T>& Mine() { return stripes_[zelcore::threads::CurrentThreadId() % kStripes].value; }
-
-  Stripe stripes_[kStripes];
+  Stripe stripes_[zelcore::threads::kThreadSlots];
+  alignas(128) std::atomic<T> shared_{};
 };
 
 }  // namespace zelcore::utility

@@ -24,4 +24,21 @@ inline ThreadId CurrentThreadId() {
   return id != kNoThread ? id : detail::AssignThreadId();
 }
 
+// A stripe index owned by the calling thread alone, below kThreadSlots, or kNoThreadSlot when
+// every slot is taken (or the thread is ending). A slot is handed on when its thread ends; what
+// the old owner wrote stays and the new owner goes on from it, which keeps every sum exact.
+inline constexpr uint32_t kThreadSlots = 64;
+inline constexpr uint32_t kNoThreadSlot = kThreadSlots;
+
+namespace detail {
+inline constexpr uint32_t kSlotUnassigned = ~0u;
+extern JX_EXPORT thread_local constinit uint32_t t_threadSlot;
+JX_EXPORT uint32_t AssignThreadSlot();
+}  // namespace detail
+
+inline uint32_t CurrentThreadSlot() {
+  const uint32_t slot = detail::t_threadSlot;
+  return slot != detail::kSlotUnassigned ? slot : detail::AssignThreadSlot();
+}
+
 }  // namespace zelcore::threads

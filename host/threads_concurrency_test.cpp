@@ -11,11 +11,13 @@
 #include <vector>
 
 #include "host/executor.h"
+#include "host/high_precision_time.h"
 #include "host/multi_tenant_mutex.h"
 #include "host/open_once_gate.h"
 #include "host/parking.h"
 #include "host/recursive_mutex.h"
 #include "host/standalone_host.h"
+#include "host/striped_counter.h"
 
 namespace zelcore::threads {
 namespace {
@@ -307,6 +309,56 @@ TEST(RecursiveMutex, RecursesForTheOwnerAndExcludesOthers) {
   m.unlock();
   m.unlock();
   EXPECT_FALSE(m.IsLockedByCurrentThread());
+}
+
+// More threads than stripes, in waves: ended threads hand their stripes on, and the threads past
+// the stripes share one word. Nothing written may be lost on the way.
+TEST(StripedCounter, StaysExactAcrossSlotHandoverAndOverflow) {
+  static zelcore::utility::StripedCounter<long long> counter;
+  const long long before = counter.load();
+  constexpr int kPerThread = 5000;
+  constexpr int kThreads = static_cast<int>(kThreadSlots) + 8;
+  for (int wave = 0; wave < 2; ++wave) {
+    std::atomic<int> started{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&] {
+        counter.fetch_add(1);
+        // All of the wave alive at once, so that some of it finds every stripe taken.
+        started.fetch_add(1);
+        while (started.load() < kThreads) std::this_thread::yield();
+        for (int i = 1; i < kPerThread; ++i) counter.fetch_add(2);
+        counter.fetch_sub(static_cast<long long>(kPerThread - 1));
+      });
+    }
+    for (auto& t : threads) t.join();
+  }
+  EXPECT_EQ(counter.load() - before, 2LL * kThreads * kPerThread);
+}
+
+// Stamps read on two threads never run backwards on either, and they keep pace with the steady
+// clock (a badly measured counter rate would not).
+TEST(HighPrecisionTime, MonotonicOnEveryThreadAndKeepsPaceWithTheSteadyClock) {
+  using zelcore::utility::HighPrecisionTime;
+  auto run = [] {
+    uint64_t last = HighPrecisionTime::GetCurrentTimeStamp();
+    for (int i = 0; i < 200000; ++i) {
+      const uint64_t now = HighPrecisionTime::GetCurrentTimeStamp();
+      ASSERT_GE(now, last);
+      last = now;
+    }
+  };
+  std::thread a(run), b(run);
+  a.join();
+  b.join();
+  const auto steady0 = std::chrono::steady_clock::now();
+  const uint64_t stamp0 = HighPrecisionTime::GetCurrentTimeStamp();
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  const uint64_t stamp1 = HighPrecisionTime::GetCurrentTimeStamp();
+  const auto steady1 = std::chrono::steady_clock::now();
+  const double stampSeconds = HighPrecisionTime::ToSeconds(stamp1 - stamp0);
+  const double steadySeconds = std::chrono::duration<double>(steady1 - steady0).count();
+  EXPECT_NEAR(stampSeconds, steadySeconds, steadySeconds * 0.01);
 }
 
 TEST(Parking, NoWakeUpIsLostInAPingPong) {

@@ -132,7 +132,7 @@ JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, ScopedUpgradeLockWrapper& 
     ScopedWriteLockWrapper wl(up.mutex());
     writeable_ = true;
   }
-  JX_GetStuffCounters().itemsCheckedOut.fetch_add(1, std::memory_order_relaxed);
+  JX_GetStuffCounters().itemsCheckedOut.fetch_add(1);
   // The upgrade lock held here is what a size sync needs.
   SyncMemorySizeLocked(data_ ? data_->GetApproximateMemorySize() : 0, knownBag);
   if (wasPending) *wasPending = pending;
@@ -149,7 +149,7 @@ bool JX_Stuff::IsFindableUnlocked(const JX_Bag& bag, const Guid& guid) const {
 
 void JX_Stuff::CheckoutNewPending() {
   checkoutCount_.fetch_add(1, std::memory_order_acq_rel);
-  JX_GetStuffCounters().itemsCheckedOut.fetch_add(1, std::memory_order_relaxed);
+  JX_GetStuffCounters().itemsCheckedOut.fetch_add(1);
   ResyncMemorySize(nullptr);
 }
 

@@ -57,7 +57,7 @@ JX_CheckoutResult JX_ScCheckout::CheckoutImpl(IntrusivePtr<JX_Stuff> item, int f
   return result;
 }
 
-JX_CheckoutResult JX_ScCheckout::FindAndCheckout(IntrusivePtr<JX_Stuff> item, int flags) {
+JX_CheckoutResult JX_ScCheckout::FindAndCheckout(const IntrusivePtr<JX_Stuff>& item, int flags) {
   JX_Bag* bag = jx::GlobalBagUnretained();
   // A search that cannot wait (no wait bits, or a thread under a notifying host lock, which
   // the bag never blocks) can run under one hold of the handle's lock.

@@ -42,7 +42,7 @@ class JX_EXPORT JX_ScCheckout {
   // Checks in what the handle holds, then finds a matching item in the global bag (or creates a
   // pending one with flag 0x10: result 2, the caller must fill it). The item held may differ
   // from the one passed in. Bit 7 returns 0 without looking.
-  JX_CheckoutResult FindAndCheckout(IntrusivePtr<JX_Stuff> item, int flags);
+  JX_CheckoutResult FindAndCheckout(const IntrusivePtr<JX_Stuff>& item, int flags);
   // Adds `item` to `bag` and its directory, then checks it out as Checkout does.
   JX_CheckoutResult AddToBagAndSortDirAndCheckout(IntrusivePtr<JX_Stuff> item,
                                                   const std::shared_ptr<JX_Bag>& bag, int flags);

@@ -162,13 +162,15 @@ void JX_Stuff::StoreGuid(const Guid& guid) {
   std::memcpy(&w1, guid.Bytes().data() + 8, 8);
   const uint64_t hash = JX_SortDir::HashGuid(guid);
   GuidSpinGuard g(guidSpin_);
-  guidSeq_.fetch_add(1, std::memory_order_acq_rel);  // odd: write in progress
+  // The spin word makes this the only writer: the count moves with plain stores.
+  const uint32_t seq = guidSeq_.load(std::memory_order_relaxed);
+  guidSeq_.store(seq + 1, std::memory_order_relaxed);  // odd: write in progress
   // Keeps the odd count ahead of the new words for a reader whose acquire fence follows them.
   std::atomic_thread_fence(std::memory_order_release);
   guidWords_[0].store(w0, std::memory_order_relaxed);
   guidWords_[1].store(w1, std::memory_order_relaxed);
   guidHash_.store(hash, std::memory_order_relaxed);
-  guidSeq_.fetch_add(1, std::memory_order_release);  // even: stable again
+  guidSeq_.store(seq + 2, std::memory_order_release);  // even: stable again
 }
 
 std::shared_ptr<JX_Bag> JX_Stuff::GetBag() const {
