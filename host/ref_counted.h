@@ -10,7 +10,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <new>
 #include <utility>
+
+#include "host/export.h"
 
 namespace zelcore::utility {
 
@@ -56,13 +59,37 @@ class RefCountedObject : public virtual RefCountedInterface, public RefCountedIm
 namespace detail {
 // Shared between an object and its weak references; outlives the object while weak
 // references remain. `strong` is the object's own count.
+//
+// An object made by `new` carries its block in front of its own memory (see
+// RefCountedObjectWithWeakPtr::operator new): one allocation instead of two, and the count
+// sits next to the object, where the first touch of the object has already brought it in. The
+// memory then counts as one weak reference, given up by operator delete, and the last weak
+// reference frees block and memory together. An object made any other way (on the stack, as a
+// member, by placement) gets a block of its own, as before.
 struct WeakControlBlock {
   std::atomic<int32_t> strong{0};
-  std::atomic<int32_t> weak{1};  // the object's own weak reference
+  std::atomic<int32_t> weak{1};  // the object's own weak reference (or its memory's)
+  bool inFront = false;          // heads the object's allocation
   void ReleaseWeak() {
-    if (weak.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+    if (weak.fetch_sub(1, std::memory_order_acq_rel) == 1) Free();
+  }
+  void Free() {
+    if (!inFront) {
+      delete this;
+      return;
+    }
+    this->~WeakControlBlock();
+    ::operator delete(static_cast<void*>(this));
   }
 };
+
+// Room in front of an object for its block, keeping the object as aligned as `new` would.
+inline constexpr size_t kControlBlockRoom = alignof(std::max_align_t);
+static_assert(sizeof(WeakControlBlock) <= kControlBlockRoom);
+
+// The block the calling thread's last operator new put in front of its memory, until the object
+// built there claims it.
+extern JX_EXPORT thread_local constinit WeakControlBlock* t_unclaimedBlock;
 }  // namespace detail
 
 class RefCountedObjectWithWeakPtr : public virtual RefCountedInterface {
@@ -74,12 +101,47 @@ class RefCountedObjectWithWeakPtr : public virtual RefCountedInterface {
   int32_t GetRefCount() const { return ctrl_->strong.load(std::memory_order_relaxed); }
   detail::WeakControlBlock* GetWeakControlBlock() const { return ctrl_; }
 
+  // Out of line: the block and the memory are one allocation, which a compiler looking at both
+  // ends at once would take for a mismatched pair.
+  JX_EXPORT static void* operator new(size_t size);
+  JX_EXPORT static void operator delete(void* object);
+  // Over-aligned classes, arrays and placement keep the plain forms, and a block of their own.
+  static void* operator new(size_t size, std::align_val_t align) {
+    return ::operator new(size, align);
+  }
+  static void operator delete(void* object, std::align_val_t align) {
+    ::operator delete(object, align);
+  }
+  static void* operator new(size_t, void* where) noexcept { return where; }
+  static void operator delete(void*, void*) noexcept {}
+
  protected:
-  RefCountedObjectWithWeakPtr() : ctrl_(new detail::WeakControlBlock) {}
+  RefCountedObjectWithWeakPtr() : ctrl_(ClaimBlock(this)) {}
   RefCountedObjectWithWeakPtr(const RefCountedObjectWithWeakPtr&) = delete;
-  ~RefCountedObjectWithWeakPtr() override { ctrl_->ReleaseWeak(); }
+  ~RefCountedObjectWithWeakPtr() override {
+    // A block in front of the object is given up with the memory, by operator delete.
+    if (!ctrl_->inFront) ctrl_->ReleaseWeak();
+  }
 
  private:
+  static detail::WeakControlBlock* BlockInFront(void* object) {
+    return reinterpret_cast<detail::WeakControlBlock*>(static_cast<char*>(object) -
+                                                       detail::kControlBlockRoom);
+  }
+  // The block in front of this object's memory when operator new just made it for this very
+  // object (this base at the start of it); a block of its own otherwise.
+  static detail::WeakControlBlock* ClaimBlock(RefCountedObjectWithWeakPtr* self) {
+    detail::WeakControlBlock* block = detail::t_unclaimedBlock;
+    // Compared as addresses: for an object not made by operator new there is nothing in front.
+    if (block != nullptr && reinterpret_cast<uintptr_t>(block) + detail::kControlBlockRoom ==
+                                reinterpret_cast<uintptr_t>(self)) {
+      detail::t_unclaimedBlock = nullptr;
+      // The memory's reference becomes the object's: operator delete gives it up.
+      return block;
+    }
+    return new detail::WeakControlBlock;
+  }
+
   detail::WeakControlBlock* const ctrl_;
 };
 

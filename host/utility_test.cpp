@@ -1,15 +1,17 @@
-// Guid, MurmurHash3, base64 and UTF conversion.
+// Guid, MurmurHash3, base64, UTF conversion, and where weak references keep their counts.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <random>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "host/guid.h"
 #include "host/murmur3.h"
+#include "host/ref_counted.h"
 #include "host/text_encoding.h"
 
 namespace zelcore::utility {
@@ -167,6 +169,54 @@ TEST(UtfTest, InvalidSequencesBecomeReplacementCharacters) {
   };
   for (const auto& [input, expected] : cases) EXPECT_EQ(UTF8ToUTF16(input), expected);
   EXPECT_EQ(UTF16ToUTF8(std::u16string{0xD83D, u'x', 0xDE00}), "\xEF\xBF\xBDx\xEF\xBF\xBD");
+}
+
+class Counted : public RefCountedObjectWithWeakPtr {
+ public:
+  explicit Counted(bool fail = false) {
+    if (fail) throw std::runtime_error("refused");
+  }
+  char payload[40] = {};
+};
+
+struct Holder {
+  int before = 0;
+  Counted member;
+};
+
+// An object made by new keeps its counts in front of its own memory, which outlives the object
+// while weak references remain (the sanitizer builds check that nothing is freed twice or
+// leaked); objects made any other way, and one whose constructor throws, are unaffected.
+TEST(WeakControlBlockTest, HeapObjectsCarryTheirCountsAndOthersGetTheirOwn) {
+  WeakPtr<Counted> weak;
+  {
+    IntrusivePtr<Counted> p(new Counted);
+    auto* block = reinterpret_cast<const char*>(p->GetWeakControlBlock());
+    EXPECT_EQ(block + detail::kControlBlockRoom, reinterpret_cast<const char*>(p.get()));
+    weak = p;
+    EXPECT_EQ(weak.Lock().get(), p.get());
+    EXPECT_EQ(p->GetRefCount(), 1);
+  }
+  EXPECT_TRUE(weak.Expired());
+  EXPECT_FALSE(weak.Lock());
+  weak.reset();
+
+  Counted onStack;
+  EXPECT_NE(
+      reinterpret_cast<const char*>(onStack.GetWeakControlBlock()) + detail::kControlBlockRoom,
+      reinterpret_cast<const char*>(&onStack));
+  // A member of a heap object is not at the start of that object's memory.
+  auto* holder = new Holder;
+  EXPECT_NE(reinterpret_cast<const char*>(holder->member.GetWeakControlBlock()) +
+                detail::kControlBlockRoom,
+            reinterpret_cast<const char*>(&holder->member));
+  delete holder;
+
+  EXPECT_THROW(new Counted(true), std::runtime_error);
+  // The next object made by new claims its own block, not the one freed by the throw.
+  IntrusivePtr<Counted> next(new Counted);
+  EXPECT_EQ(reinterpret_cast<const char*>(next->GetWeakControlBlock()) + detail::kControlBlockRoom,
+            reinterpret_cast<const char*>(next.get()));
 }
 
 }  // namespace
