@@ -64,7 +64,10 @@ JX_CheckoutResult JX_Bag::FindAndCheckout(const StuffPtr& request, int checkoutF
   JX_CheckoutResult result = kJX_CheckoutRefused;
   bool matchWasPending = false;
   if ((checkoutFlags & cf::kReadOnly) && FindReadOnlyUnlocked(*request, checkoutFlags, &match)) {
-    result = kJX_CheckedOut;
+    // Taken in memory and not pending; checked out, it stays so (a checked-out payload is never
+    // purged, and an item is pending only from its creation). Nothing below applies.
+    *found = std::move(match);
+    return kJX_CheckedOut;
   } else {
     JXp_ScLock lock;
     ZC_PROFILE_SCOPE("KQ.JX_SortDir::FindAndCheckout 1 - post lock attempt", 7);

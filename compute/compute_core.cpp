@@ -126,21 +126,21 @@ void CheckEntry(const JX_Stuff& item, std::string_view classId) {
   // An item without any payload is one whose compute failed while we waited for it: it holds no
   // value, which is what the second check is about, not a payload of the wrong type.
   if (data && !entry) FailVerification("JXCompute unexpected stuff of wrong type. corrupt cache??");
-  Guid key;
-  std::shared_ptr<JXComputeValue> value = entry ? entry->GetKeyAndValue(&key) : nullptr;
-  if (!value) {
+  const GenericJXComputeStuffData::Facts facts =
+      entry ? entry->Inspect(classId) : GenericJXComputeStuffData::Facts{};
+  if (!facts.hasValue) {
     FailVerification(
         "JXCompute unexpected missing compute value on successful checkout. corrupt cache??");
   }
-  if (item.GetGuid() != key) {
+  if (item.GetGuid() != facts.key) {
     FailVerification(
         "JXCompute unexpected mismatch between Stuff GUID and ComputeStuff Key! corrupt cached??");
   }
-  if (value->GetClassId() != classId) {
+  if (!facts.sameClass) {
     FailVerification(
         "JXCompute unexpected creator of cached item/version should match! corrupt cached??");
   }
-  if (value->GetRefcon() == 0) {
+  if (facts.refcon == 0) {
     FailVerification("JXCompute unexpected missing refcon in value! corrupt cached??");
   }
 }

@@ -32,7 +32,7 @@ GenericJXComputeStuffData::GenericJXComputeStuffData(const KQGP_GUID& key) : key
 
 GenericJXComputeStuffData::GenericJXComputeStuffData(const KQGP_GUID& key,
                                                      std::shared_ptr<JXComputeValue> value)
-    : key_(key), value_(std::move(value)) {}
+    : key_(key), value_(std::move(value)), holdsValue_(value_ != nullptr) {}
 
 GenericJXComputeStuffData::~GenericJXComputeStuffData() = default;
 
@@ -46,27 +46,39 @@ std::shared_ptr<JXComputeValue> GenericJXComputeStuffData::GetValue() const {
   return value_;
 }
 
-std::shared_ptr<JXComputeValue> GenericJXComputeStuffData::GetKeyAndValue(
-    zelcore::utility::Guid* key) const {
+GenericJXComputeStuffData::Facts GenericJXComputeStuffData::Inspect(
+    std::string_view classId) const {
   Lock lock(mutex_);
-  *key = zelcore::utility::Guid::FromBytes(key_.bytes);
-  return value_;
+  Facts facts;
+  facts.key = zelcore::utility::Guid::FromBytes(key_.bytes);
+  if (!value_) return facts;
+  facts.hasValue = true;
+  facts.sameClass = value_->GetClassId() == classId;
+  facts.refcon = value_->GetRefcon();
+  return facts;
+}
+
+void GenericJXComputeStuffData::ReplaceValueLocked(std::shared_ptr<JXComputeValue>& value) {
+  value_.swap(value);
+  holdsValue_.store(value_ != nullptr, std::memory_order_release);
 }
 
 void GenericJXComputeStuffData::SetValue(JXComputeValue* value) {
   std::shared_ptr<JXComputeValue> incoming(value);
   {
     Lock lock(mutex_);
-    value_.swap(incoming);
+    ReplaceValueLocked(incoming);
   }
   // `incoming` now holds the previous value: dropped here, outside the entry's lock.
 }
 
 unsigned int GenericJXComputeStuffData::GetApproximateMemorySize() const {
-  std::shared_ptr<JXComputeValue> value = GetValue();
-  if (!value) return 0;
+  // Asked on every check-out and check-in: the value is asked in place, under the mutex, rather
+  // than through a share of it.
+  Lock lock(mutex_);
+  if (!value_) return 0;
   try {
-    return static_cast<unsigned int>(value->GetApproximateSize());
+    return static_cast<unsigned int>(value_->GetApproximateSize());
   } catch (...) {
     Y_TranslateAndReportException();
     return 0;
@@ -77,7 +89,7 @@ bool GenericJXComputeStuffData::PurgeIfPossible(ReleaseQueue* toRelease) {
   std::shared_ptr<JXComputeValue> value;
   {
     Lock lock(mutex_);
-    value.swap(value_);
+    ReplaceValueLocked(value);
   }
   if (!value) return false;
   // use_count() is exact when it reads 1: the entry no longer hands out shares, so nobody can
@@ -90,6 +102,5 @@ bool GenericJXComputeStuffData::PurgeIfPossible(ReleaseQueue* toRelease) {
 }
 
 bool GenericJXComputeStuffData::IsInMemory() const {
-  Lock lock(mutex_);
-  return value_ != nullptr;
+  return holdsValue_.load(std::memory_order_acquire);
 }

@@ -12,9 +12,11 @@
 // guards the key and the value pointer and is a leaf: plug-in callbacks run outside it.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "host/export.h"
 #include "host/guid.h"
@@ -66,8 +68,15 @@ class JX_EXPORT GenericJXComputeStuffData final : public JX_StuffData {
   zelcore::utility::Guid GetKey() const;
   // A share of the value (empty when none is held).
   std::shared_ptr<JXComputeValue> GetValue() const;
-  // Both, under one hold of the entry's mutex.
-  std::shared_ptr<JXComputeValue> GetKeyAndValue(zelcore::utility::Guid* key) const;
+  // What the compute core checks before it hands a value out, read under one hold of the entry's
+  // mutex without taking a share of the value.
+  struct Facts {
+    bool hasValue = false;
+    zelcore::utility::Guid key;
+    bool sameClass = false;  // the value was made by the class asked about
+    intptr_t refcon = 0;
+  };
+  Facts Inspect(std::string_view classId) const;
   // Takes ownership of `value`, dropping this entry's share of the previous one.
   void SetValue(JXComputeValue* value);
 
@@ -81,7 +90,13 @@ class JX_EXPORT GenericJXComputeStuffData final : public JX_StuffData {
   bool IsInMemory() const override;
 
  private:
+  // Changes the value and the flag together.
+  void ReplaceValueLocked(std::shared_ptr<JXComputeValue>& value);
+
   mutable zelcore::threads::RecursiveMutex mutex_;
   KQGP_GUID key_;                          // guarded by mutex_
   std::shared_ptr<JXComputeValue> value_;  // guarded by mutex_
+  // Whether value_ is set: written with it, read without the mutex (every check-out and check-in
+  // asks, and the answer is stale the moment the mutex is let go all the same).
+  std::atomic<bool> holdsValue_{false};
 };
