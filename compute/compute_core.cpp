@@ -121,13 +121,16 @@ GenericJXComputeStuffData* EntryOf(JX_StuffData* payload) {
 
 // The checks an entry must pass before its value is handed out; each reports and throws 3.
 void CheckEntry(const JX_Stuff& item, std::string_view classId) {
-  zelcore::utility::IntrusivePtr<JX_StuffData> data = item.GetDataPtr();
-  auto* entry = EntryOf(data.get());
-  // An item without any payload is one whose compute failed while we waited for it: it holds no
-  // value, which is what the second check is about, not a payload of the wrong type.
-  if (data && !entry) FailVerification("JXCompute unexpected stuff of wrong type. corrupt cache??");
-  const GenericJXComputeStuffData::Facts facts =
-      entry ? entry->Inspect(classId) : GenericJXComputeStuffData::Facts{};
+  bool wrongType = false;
+  // The entry's mutex comes after the item's lock, as on every size sync.
+  const GenericJXComputeStuffData::Facts facts = item.VisitData([&](JX_StuffData* data) {
+    auto* entry = EntryOf(data);
+    // An item without any payload is one whose compute failed while we waited for it: it holds
+    // no value, which is what the second check is about, not a payload of the wrong type.
+    wrongType = data && !entry;
+    return entry ? entry->Inspect(classId) : GenericJXComputeStuffData::Facts{};
+  });
+  if (wrongType) FailVerification("JXCompute unexpected stuff of wrong type. corrupt cache??");
   if (!facts.hasValue) {
     FailVerification(
         "JXCompute unexpected missing compute value on successful checkout. corrupt cache??");

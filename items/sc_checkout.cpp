@@ -26,7 +26,8 @@ JX_ScCheckout::JX_ScCheckout(IntrusivePtr<JX_Stuff> item, int flags) {
 
 JX_ScCheckout::~JX_ScCheckout() {
   try {
-    Checkin();
+    // No other thread may use a handle that is being destroyed: its lock would guard nothing.
+    CheckinLocked(checkinFlags_, 0.0);
   } catch (...) {
     // A destructor must not throw; the item's own state already reflects the failure.
   }

@@ -118,6 +118,13 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   void ThrowIfCheckedOutMoreThan(uint32_t count) const;
   void ThrowIfCheckedOutLessThan(uint32_t count) const;
   IntrusivePtr<JX_StuffData> GetDataPtr() const;
+  // Calls fn with the payload (or null) under the item's read lock, without taking a reference
+  // to it. fn must not take item locks or the library lock.
+  template <class Fn>
+  auto VisitData(Fn&& fn) const {
+    zelcore::threads::ScopedReadLockWrapper r(mutex_);
+    return fn(data_.get());
+  }
   // The request this item answers: the find-key data while pending, else the payload itself.
   IntrusivePtr<JX_StuffData> GetFindKeyData() const;
   // GetFindKeyData and IsCompressed under one hold of the item's lock.
