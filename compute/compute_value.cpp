@@ -8,6 +8,21 @@
 
 using Lock = std::lock_guard<zelcore::threads::RecursiveMutex>;
 
+namespace {
+
+// The value's approximate size truncated to 32 bits; 0 with no value, or when the plug-in throws.
+unsigned int SizeOf(const JXComputeValue* value) {
+  if (value == nullptr) return 0;
+  try {
+    return static_cast<unsigned int>(value->GetApproximateSize());
+  } catch (...) {
+    Y_TranslateAndReportException();
+    return 0;
+  }
+}
+
+}  // namespace
+
 JXComputeValueHolder::~JXComputeValueHolder() {
   if (handle == 0 || deleter == nullptr) return;
   try {
@@ -32,7 +47,10 @@ GenericJXComputeStuffData::GenericJXComputeStuffData(const KQGP_GUID& key) : key
 
 GenericJXComputeStuffData::GenericJXComputeStuffData(const KQGP_GUID& key,
                                                      std::shared_ptr<JXComputeValue> value)
-    : key_(key), value_(std::move(value)), holdsValue_(value_ != nullptr) {}
+    : key_(key),
+      value_(std::move(value)),
+      holdsValue_(value_ != nullptr),
+      valueSize_(SizeOf(value_.get())) {}
 
 GenericJXComputeStuffData::~GenericJXComputeStuffData() = default;
 
@@ -58,38 +76,33 @@ GenericJXComputeStuffData::Facts GenericJXComputeStuffData::Inspect(
   return facts;
 }
 
-void GenericJXComputeStuffData::ReplaceValueLocked(std::shared_ptr<JXComputeValue>& value) {
+void GenericJXComputeStuffData::ReplaceValueLocked(std::shared_ptr<JXComputeValue>& value,
+                                                   unsigned int size) {
   value_.swap(value);
   holdsValue_.store(value_ != nullptr, std::memory_order_release);
+  valueSize_.store(size, std::memory_order_release);
 }
 
 void GenericJXComputeStuffData::SetValue(JXComputeValue* value) {
   std::shared_ptr<JXComputeValue> incoming(value);
+  // Asked before the value is shared, and outside the entry's mutex: it is plug-in code.
+  const unsigned int size = SizeOf(incoming.get());
   {
     Lock lock(mutex_);
-    ReplaceValueLocked(incoming);
+    ReplaceValueLocked(incoming, size);
   }
   // `incoming` now holds the previous value: dropped here, outside the entry's lock.
 }
 
 unsigned int GenericJXComputeStuffData::GetApproximateMemorySize() const {
-  // Asked on every check-out and check-in: the value is asked in place, under the mutex, rather
-  // than through a share of it.
-  Lock lock(mutex_);
-  if (!value_) return 0;
-  try {
-    return static_cast<unsigned int>(value_->GetApproximateSize());
-  } catch (...) {
-    Y_TranslateAndReportException();
-    return 0;
-  }
+  return valueSize_.load(std::memory_order_acquire);
 }
 
 bool GenericJXComputeStuffData::PurgeIfPossible(ReleaseQueue* toRelease) {
   std::shared_ptr<JXComputeValue> value;
   {
     Lock lock(mutex_);
-    ReplaceValueLocked(value);
+    ReplaceValueLocked(value, 0);
   }
   if (!value) return false;
   // use_count() is exact when it reads 1: the entry no longer hands out shares, so nobody can

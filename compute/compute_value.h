@@ -90,8 +90,8 @@ class JX_EXPORT GenericJXComputeStuffData final : public JX_StuffData {
   bool IsInMemory() const override;
 
  private:
-  // Changes the value and the flag together.
-  void ReplaceValueLocked(std::shared_ptr<JXComputeValue>& value);
+  // Changes the value, the flag and the size together; `size` is the new value's.
+  void ReplaceValueLocked(std::shared_ptr<JXComputeValue>& value, unsigned int size);
 
   mutable zelcore::threads::RecursiveMutex mutex_;
   KQGP_GUID key_;                          // guarded by mutex_
@@ -99,4 +99,8 @@ class JX_EXPORT GenericJXComputeStuffData final : public JX_StuffData {
   // Whether value_ is set: written with it, read without the mutex (every check-out and check-in
   // asks, and the answer is stale the moment the mutex is let go all the same).
   std::atomic<bool> holdsValue_{false};
+  // The value's size, asked once when the entry takes the value: a computed value is shared
+  // read-only by every receipt, so its size does not change, and every check-out and check-in
+  // reads it. Written with value_.
+  std::atomic<unsigned int> valueSize_{0};
 };
