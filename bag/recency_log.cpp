@@ -130,17 +130,27 @@ Log* OldestNext(const std::vector<Log*>& logs) {
   return best;
 }
 
-void ApplyOne(Noted& note, const JXp_ScLock& lock, std::vector<IntrusivePtr<JX_Stuff>>& outside) {
+// What an apply lets go of once the library lock is released. Room for every note is reserved
+// before the walk, so filling it never allocates.
+struct LetGo {
+  std::vector<IntrusivePtr<JX_Stuff>> items;  // out of every bag: maybe the last reference
+  std::vector<WeakPtr<JX_Stuff>> dead;        // destroyed already: maybe the last weak reference
+};
+
+void ApplyOne(Noted& note, const JXp_ScLock& lock, LetGo& letGo) {
   IntrusivePtr<JX_Stuff> stuff = note.stuff.Lock();
-  if (!stuff) return;
+  if (!stuff) {
+    // The item is gone but its memory may still be held by weak references such as this one:
+    // the last of them frees it, which must not happen under the library lock.
+    letGo.dead.push_back(std::move(note.stuff));
+    return;
+  }
   if (Applier::InBag(*stuff)) {
     // The bag holds a reference of its own for as long as the library lock is held: letting go of
     // this one here never frees the item.
     Applier::Apply(*stuff, note.stamp, lock);
   } else {
-    // Out of every bag, this may be the last reference: it goes once the lock is let go. The
-    // room was reserved before the walk.
-    outside.push_back(std::move(stuff));
+    letGo.items.push_back(std::move(stuff));
   }
 }
 
@@ -177,14 +187,15 @@ void Note(JX_Stuff& stuff, uint64_t stamp) noexcept {
 void ApplyAll(const JXp_ScLock& lock) {
   Registry& r = TheRegistry();
   std::lock_guard<std::mutex> g(r.mutex);
-  auto outside = std::make_shared<std::vector<IntrusivePtr<JX_Stuff>>>();
+  auto letGo = std::make_shared<LetGo>();
   {
     AllLogs held(r.logs);
     size_t count = r.orphans.size();
     for (Log* log : r.logs) count += log->notes.size();
     if (count == 0) return;
     // Every allocation before anything moves: out of memory, the notes stay for the next reader.
-    outside->reserve(count);
+    letGo->items.reserve(count);
+    letGo->dead.reserve(count);
     // Orphans come from several ended threads: into stamp order first (without memory for a
     // buffer the sort still works, only slower).
     std::stable_sort(r.orphans.begin(), r.orphans.end(),
@@ -202,15 +213,17 @@ void ApplyAll(const JXp_ScLock& lock) {
       } else {
         break;
       }
-      ApplyOne(*note, lock, *outside);
+      ApplyOne(*note, lock, *letGo);
     }
+    // Every note left is of a live item (the reference taken above, or the bag's, keeps it), so
+    // dropping them frees nothing.
     for (Log* log : r.logs) log->notes.clear();
     r.orphans.clear();
   }
-  if (outside->empty()) return;
+  if (letGo->items.empty() && letGo->dead.empty()) return;
   std::deque<std::shared_ptr<void>> owners;
   try {
-    owners.push_back(std::move(outside));
+    owners.push_back(std::move(letGo));
     JXp_ScLock::ReleaseOutsideLock(std::move(owners));
   } catch (const std::bad_alloc&) {
     // Out of memory with nowhere to defer them: they go now, under the lock.
