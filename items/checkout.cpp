@@ -107,9 +107,9 @@ JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, ScopedUpgradeLockWrapper& 
   // A thread never waits for the item it is rendering itself.
   if (pending && pendingThread_ == zelcore::threads::CurrentThreadId()) return kJX_CheckoutRefused;
 
-  checkoutCount_.fetch_add(1, std::memory_order_acq_rel);
+  StepCheckoutCountLocked(+1);
   auto refuse = [this] {
-    checkoutCount_.fetch_sub(1, std::memory_order_acq_rel);
+    StepCheckoutCountLocked(-1);
     return kJX_CheckoutRefused;
   };
   const bool onDisk = diskFile_ != nullptr;
@@ -148,7 +148,11 @@ bool JX_Stuff::IsFindableUnlocked(const JX_Bag& bag, const Guid& guid) const {
 }
 
 void JX_Stuff::CheckoutNewPending() {
-  checkoutCount_.fetch_add(1, std::memory_order_acq_rel);
+  {
+    // Already in the directory: a waiter may be checking it out meanwhile.
+    ScopedUpgradeLockWrapper up(mutex_);
+    StepCheckoutCountLocked(+1);
+  }
   JX_GetStuffCounters().itemsCheckedOut.fetch_add(1);
   ResyncMemorySize(nullptr);
 }
@@ -178,9 +182,7 @@ void JX_Stuff::CheckinImpl(int flags, double computeTime) {
         if (!dir) tempRemovedFromSortDir_ = false;
       }
       writeable_ = false;
-      uint32_t n = checkoutCount_.load(std::memory_order_acquire);
-      while (n > 0 && !checkoutCount_.compare_exchange_weak(n, n - 1, std::memory_order_acq_rel)) {
-      }
+      if (checkoutCount_.load(std::memory_order_relaxed) > 0) StepCheckoutCountLocked(-1);
       // The bag whose recency order links the item; the library lock keeps it alive.
       bag = mruBag_;
       // The checked-out share drops with the count, in this same hold. Removal and purging
@@ -237,9 +239,7 @@ bool JX_Stuff::CheckinReadOnly(int flags) {
   {
     ScopedWriteLockWrapper wl(mutex_);
     if (writeable_) return false;
-    uint32_t n = checkoutCount_.load(std::memory_order_acquire);
-    while (n > 0 && !checkoutCount_.compare_exchange_weak(n, n - 1, std::memory_order_acq_rel)) {
-    }
+    if (checkoutCount_.load(std::memory_order_relaxed) > 0) StepCheckoutCountLocked(-1);
     // Holding the item's lock keeps its bag alive and linked while the sizes move.
     bag = mruBag_;
     SyncMemorySizeLocked(data_ ? data_->GetApproximateMemorySize() : 0, bag);

@@ -25,6 +25,9 @@
 //                  use the bag (which clears it, under both, as it dies).
 //   Atomics (no lock): checkoutCount_, pending_, lastUsedTime_, the accounted sizes,
 //                      purgeState_, writeInProgress_, diskCheckouts_, taggedToWrite_.
+//                      checkoutCount_ and the accounted sizes are read without a lock but written
+//                      only under mutex_'s upgrade or write lock, which has one holder at a time:
+//                      their writers use a load and a store, not an atomic read-modify-write.
 //
 // The methods of one behaviour live in the folder that owns the behaviour: check-out and pending
 // in items/, bag membership and purging in bag/, disk files in disk/, the media map in mediamap/.
@@ -292,6 +295,11 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // The exchange of the accounted sizes; the caller holds the item's upgrade or write lock, so
   // that no purge and no other sync interleaves between measuring and exchanging.
   void SyncMemorySizeLocked(unsigned int newSize, JX_Bag* knownBag);
+  // Moves the check-out count by `step`; the caller holds the upgrade or write lock.
+  void StepCheckoutCountLocked(int step) {
+    checkoutCount_.store(checkoutCount_.load(std::memory_order_relaxed) + step,
+                         std::memory_order_release);
+  }
   void MoveAccountedSizes(unsigned int newSize, unsigned int newCheckedOut, JX_Bag& bag);
   // Takes the item's accounted memory sizes out of `bag`'s totals (the item leaves it).
   void ForgetAccountedSizes(JX_Bag& bag);
