@@ -225,7 +225,10 @@ class JX_EXPORT MultiTenantRecursiveMutex {
   void RemoveReader(detail::MtHolding* h) {
     detail::MtHoldings& table = detail::t_mtHoldings;
     if (table.overflowCount == 0) {
-      *h = table.items[--table.count];
+      // Usually the newest holding: copying it onto itself would read back, as one wide load,
+      // the narrow stores that just made it, which stalls the store forwarding.
+      detail::MtHolding* last = &table.items[--table.count];
+      if (h != last) *h = *last;
     } else {
       RemoveReaderSlow(h);
     }
