@@ -19,6 +19,13 @@ namespace jx::recency {
 // stamp) since the note was taken.
 struct Applier {
   static bool InBag(const JX_Stuff& stuff) { return stuff.mruBag_ != nullptr; }
+  // InBag of an item that may have been destroyed since it was seen alive, in memory a weak
+  // reference keeps. mruBag_ was cleared before the bag let go of its reference, and nothing
+  // writes it after. Exempt from the sanitizer's dynamic-type check, which would read the type
+  // word a destructor on another thread may be rewriting.
+  __attribute__((no_sanitize("vptr"))) static bool InBagPeeked(const JX_Stuff* stuff) {
+    return stuff->mruBag_ != nullptr;
+  }
   static void Apply(JX_Stuff& stuff, uint64_t stamp, const JXp_ScLock& lock) {
     JX_Bag* bag = stuff.mruBag_;
     if (bag && stamp > stuff.mruStamp_) bag->Reposition(stuff, stamp, lock);
@@ -138,6 +145,14 @@ struct LetGo {
 };
 
 void ApplyOne(Noted& note, const JXp_ScLock& lock, LetGo& letGo) {
+  // Most notes are of items still in their bag: the bag's reference keeps such an item alive for
+  // as long as the library lock is held, and only that lock links or unlinks it, so it is moved
+  // without a reference of the note's own (two locked instructions a note fewer).
+  if (const JX_Stuff* peeked = note.stuff.PeekIfMemoryKept();
+      peeked && Applier::InBagPeeked(peeked)) {
+    Applier::Apply(*const_cast<JX_Stuff*>(peeked), note.stamp, lock);
+    return;
+  }
   IntrusivePtr<JX_Stuff> stuff = note.stuff.Lock();
   if (!stuff) {
     // The item is gone but its memory may still be held by weak references such as this one:

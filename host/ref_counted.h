@@ -225,6 +225,17 @@ class WeakPtr {
     std::swap(ctrl_, o.ctrl_);
   }
 
+  // The object, without taking a reference, when this weak reference keeps its memory (the block
+  // heads the object's allocation) and the object was alive as this was read; null otherwise.
+  // The object may be destroyed at any moment after, though its memory stays until this
+  // reference goes: a caller that uses it as an object must know by other means that it lives.
+  T* PeekIfMemoryKept() const noexcept {
+    if (!ctrl_ || !ctrl_->inFront || ctrl_->strong.load(std::memory_order_acquire) <= 0) {
+      return nullptr;
+    }
+    return p_;
+  }
+
   // A strong reference, or empty when the object is gone (or was never set).
   IntrusivePtr<T> Lock() const noexcept {
     if (!ctrl_) return {};

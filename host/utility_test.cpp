@@ -196,12 +196,16 @@ TEST(WeakControlBlockTest, HeapObjectsCarryTheirCountsAndOthersGetTheirOwn) {
     weak = p;
     EXPECT_EQ(weak.Lock().get(), p.get());
     EXPECT_EQ(p->GetRefCount(), 1);
+    EXPECT_EQ(weak.PeekIfMemoryKept(), p.get());
   }
   EXPECT_TRUE(weak.Expired());
   EXPECT_FALSE(weak.Lock());
+  EXPECT_EQ(weak.PeekIfMemoryKept(), nullptr);  // memory kept, object gone
   weak.reset();
 
   Counted onStack;
+  // Nothing keeps a stack object's memory for its weak references.
+  EXPECT_EQ(WeakPtr<Counted>(&onStack).PeekIfMemoryKept(), nullptr);
   EXPECT_NE(
       reinterpret_cast<const char*>(onStack.GetWeakControlBlock()) + detail::kControlBlockRoom,
       reinterpret_cast<const char*>(&onStack));
