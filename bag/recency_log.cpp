@@ -11,7 +11,6 @@
 #include "bag/bag.h"
 #include "bag/library_lock.h"
 #include "host/ref_counted.h"
-#include "host/spin_word.h"
 
 namespace jx::recency {
 
@@ -46,21 +45,23 @@ struct Noted {
 // move shows in the order and the memory the notes take.
 constexpr size_t kNotesPerThread = 256;
 
-using zelcore::threads::LockSpinWord;
-using zelcore::threads::SpinWordGuard;
-using zelcore::threads::UnlockSpinWord;
-
+// One thread's notes: a ring with one writer (the owning thread) and one reader (the applier,
+// under the registry mutex), so that taking a note needs no locked instruction. Slots
+// [applied, taken) hold notes; the owner fills a slot and then publishes it by moving `taken`,
+// the applier empties slots and then hands them back by moving `applied`.
 struct Log {
-  std::atomic<uint32_t> spin{0};
-  // Guarded by spin. Reserved once: a note never allocates. One thread's stamps only grow, so
-  // the notes are in stamp order.
-  std::vector<Noted> notes;
-  size_t next = 0;  // the applier's cursor (registry mutex)
+  std::atomic<uint64_t> taken{0};    // written by the owner
+  std::atomic<uint64_t> applied{0};  // written by the applier
+  Noted notes[kNotesPerThread];      // in stamp order: one thread's stamps only grow
+  uint64_t next = 0;                 // the applier's cursor and the end it saw (registry mutex)
+  uint64_t end = 0;
 
   Log();
   ~Log();
   Log(const Log&) = delete;
   Log& operator=(const Log&) = delete;
+
+  Noted& Slot(uint64_t n) { return notes[n % kNotesPerThread]; }
 };
 
 // Every thread's log, and the notes of threads that have ended.
@@ -75,7 +76,6 @@ Registry& TheRegistry() {
 }
 
 Log::Log() {
-  notes.reserve(kNotesPerThread);
   Registry& r = TheRegistry();
   std::lock_guard<std::mutex> g(r.mutex);
   r.logs.push_back(this);
@@ -88,10 +88,11 @@ Log::~Log() {
   Registry& r = TheRegistry();
   std::lock_guard<std::mutex> g(r.mutex);
   r.logs.erase(std::find(r.logs.begin(), r.logs.end(), this));
-  SpinWordGuard s(spin);
+  const uint64_t from = applied.load(std::memory_order_relaxed);
+  const uint64_t to = taken.load(std::memory_order_relaxed);
   try {
-    r.orphans.reserve(r.orphans.size() + notes.size());
-    for (Noted& n : notes) r.orphans.push_back(std::move(n));
+    r.orphans.reserve(r.orphans.size() + (to - from));
+    for (uint64_t n = from; n < to; ++n) r.orphans.push_back(std::move(Slot(n)));
   } catch (const std::bad_alloc&) {
     // Out of memory as the thread ends: these items keep their older places.
   }
@@ -107,30 +108,13 @@ Log* MyLog() noexcept {
   }
 }
 
-// Holds every log's spin word for the applier. Only one thread at a time takes more than one
-// (the applier holds the library lock and the registry mutex), so they cannot deadlock.
-class AllLogs {
- public:
-  explicit AllLogs(const std::vector<Log*>& logs) : logs_(logs) {
-    for (Log* log : logs_) LockSpinWord(log->spin);
-  }
-  ~AllLogs() {
-    for (Log* log : logs_) UnlockSpinWord(log->spin);
-  }
-  AllLogs(const AllLogs&) = delete;
-  AllLogs& operator=(const AllLogs&) = delete;
-
- private:
-  const std::vector<Log*>& logs_;
-};
-
 // The log whose next note is the oldest (each log is in order already); null when every log is
 // used up. Ties go to the earlier log.
 Log* OldestNext(const std::vector<Log*>& logs) {
   Log* best = nullptr;
   for (Log* log : logs) {
-    if (log->next < log->notes.size() &&
-        (!best || log->notes[log->next].stamp < best->notes[best->next].stamp)) {
+    if (log->next < log->end &&
+        (!best || log->Slot(log->next).stamp < best->Slot(best->next).stamp)) {
       best = log;
     }
   }
@@ -173,28 +157,26 @@ void ApplyOne(Noted& note, const JXp_ScLock& lock, LetGo& letGo) {
 
 void Note(JX_Stuff& stuff, uint64_t stamp) noexcept {
   if (Log* log = MyLog()) {
-    bool full;
-    {
-      SpinWordGuard s(log->spin);
-      // The log was emptied when it reached its size, unless that apply ran out of memory.
-      if (log->notes.size() < kNotesPerThread) {
-        log->notes.push_back(Noted{WeakPtr<JX_Stuff>(&stuff), stamp});
-        full = log->notes.size() == kNotesPerThread;
-      } else {
-        full = true;
-        log = nullptr;  // not noted: made below
-      }
+    const uint64_t taken = log->taken.load(std::memory_order_relaxed);
+    const uint64_t applied = log->applied.load(std::memory_order_acquire);
+    // The log is applied when it fills up, unless that apply ran out of memory.
+    const bool room = taken - applied < kNotesPerThread;
+    if (room) {
+      Noted& slot = log->Slot(taken);  // emptied by the applier before it handed the slot back
+      slot.stuff = WeakPtr<JX_Stuff>(&stuff);
+      slot.stamp = stamp;
+      log->taken.store(taken + 1, std::memory_order_release);
+      if (taken + 1 - applied < kNotesPerThread) return;
     }
-    if (!full) return;
     try {
       JXp_ScLock lock;
       ApplyAll(lock);
     } catch (...) {
       // Out of memory: the notes stay where they are, and this move is made on its own.
     }
-    if (log) return;
+    if (room) return;
   }
-  // The caller's reference keeps the item alive.
+  // Not noted. The caller's reference keeps the item alive.
   JXp_ScLock lock;
   Applier::Apply(stuff, stamp, lock);
 }
@@ -202,39 +184,45 @@ void Note(JX_Stuff& stuff, uint64_t stamp) noexcept {
 void ApplyAll(const JXp_ScLock& lock) {
   Registry& r = TheRegistry();
   std::lock_guard<std::mutex> g(r.mutex);
-  auto letGo = std::make_shared<LetGo>();
-  {
-    AllLogs held(r.logs);
-    size_t count = r.orphans.size();
-    for (Log* log : r.logs) count += log->notes.size();
-    if (count == 0) return;
-    // Every allocation before anything moves: out of memory, the notes stay for the next reader.
-    letGo->items.reserve(count);
-    letGo->dead.reserve(count);
-    // Orphans come from several ended threads: into stamp order first (without memory for a
-    // buffer the sort still works, only slower).
-    std::stable_sort(r.orphans.begin(), r.orphans.end(),
-                     [](const Noted& a, const Noted& b) { return a.stamp < b.stamp; });
-    for (Log* log : r.logs) log->next = 0;
-    size_t orphan = 0;
-    for (;;) {
-      Log* log = OldestNext(r.logs);
-      Noted* note;
-      if (orphan < r.orphans.size() &&
-          (!log || r.orphans[orphan].stamp <= log->notes[log->next].stamp)) {
-        note = &r.orphans[orphan++];
-      } else if (log) {
-        note = &log->notes[log->next++];
-      } else {
-        break;
-      }
-      ApplyOne(*note, lock, *letGo);
-    }
-    // Every note left is of a live item (the reference taken above, or the bag's, keeps it), so
-    // dropping them frees nothing.
-    for (Log* log : r.logs) log->notes.clear();
-    r.orphans.clear();
+  size_t count = r.orphans.size();
+  for (Log* log : r.logs) {
+    log->next = log->applied.load(std::memory_order_relaxed);
+    // Notes taken after this are left for the next apply.
+    log->end = log->taken.load(std::memory_order_acquire);
+    count += log->end - log->next;
   }
+  if (count == 0) return;
+  // Every allocation before anything moves: out of memory, the notes stay for the next reader.
+  auto letGo = std::make_shared<LetGo>();
+  letGo->items.reserve(count);
+  letGo->dead.reserve(count);
+  // Orphans come from several ended threads: into stamp order first (without memory for a
+  // buffer the sort still works, only slower).
+  std::stable_sort(r.orphans.begin(), r.orphans.end(),
+                   [](const Noted& a, const Noted& b) { return a.stamp < b.stamp; });
+  size_t orphan = 0;
+  for (;;) {
+    Log* log = OldestNext(r.logs);
+    Noted* note;
+    if (orphan < r.orphans.size() &&
+        (!log || r.orphans[orphan].stamp <= log->Slot(log->next).stamp)) {
+      note = &r.orphans[orphan++];
+    } else if (log) {
+      note = &log->Slot(log->next++);
+    } else {
+      break;
+    }
+    ApplyOne(*note, lock, *letGo);
+  }
+  // Every note left is of a live item (the reference taken above, or the bag's, keeps it), so
+  // dropping them frees nothing. Each slot is emptied before its log's owner gets it back.
+  for (Log* log : r.logs) {
+    for (uint64_t n = log->applied.load(std::memory_order_relaxed); n < log->end; ++n) {
+      log->Slot(n).stuff.reset();
+    }
+    log->applied.store(log->end, std::memory_order_release);
+  }
+  r.orphans.clear();
   if (letGo->items.empty() && letGo->dead.empty()) return;
   std::deque<std::shared_ptr<void>> owners;
   try {
