@@ -3,6 +3,7 @@
 // thread made it, whether that thread still runs or ended while the lock was taken.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -149,6 +150,33 @@ TEST_F(RecencyTest, TwoThreadsMovesInterleaveByStamp) {
   }
   even.join();
   odd.join();
+}
+
+// One thread's log fills and wraps around many times while another thread keeps applying it:
+// no move is lost or applied twice, and the order ends as the last uses left it.
+TEST_F(RecencyTest, AWrappingLogAppliedMeanwhileKeepsEveryMove) {
+  constexpr int kItems = 50;
+  constexpr int kUses = 5000;  // about twenty times a log's room
+  std::vector<IntrusivePtr<JX_Stuff>> items;
+  for (int i = 0; i < kItems; ++i) {
+    items.push_back(MakeItem(10));
+    bag_->AddToBagAndSortDir(items.back());
+  }
+  std::atomic<bool> done{false};
+  std::thread user([&] {
+    for (int i = 0; i < kUses; ++i) Use(items[i % kItems]);
+    done = true;
+  });
+  int applies = 0;
+  while (!done) {
+    EXPECT_EQ(Order().size(), static_cast<size_t>(kItems));
+    ++applies;
+  }
+  user.join();
+  std::vector<JX_Stuff*> expected;
+  for (auto& s : items) expected.push_back(s.get());
+  EXPECT_EQ(Order(), expected);
+  EXPECT_GT(applies, 0);
 }
 
 }  // namespace
