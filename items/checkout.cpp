@@ -83,8 +83,12 @@ JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, ScopedUpgradeLockWrapper& 
     // answers any request for its GUID, as the base class does.
     const IntrusivePtr<JX_StuffData>& key = findKeyData_ ? findKeyData_ : data_;
     const bool compressed = key && key->IsCompressed();
-    *match->matched =
-        compressed == match->wantCompressed && (!key || key->CanSatisfyRequest(*match->key));
+    bool matched = compressed == match->wantCompressed;
+    if (matched && key) {
+      matched = match->lastUseOfKey ? key->CanSatisfyRequest(std::move(*match->lastUseOfKey))
+                                    : key->CanSatisfyRequest(*match->key);
+    }
+    *match->matched = matched;
     if (!*match->matched) return kJX_CheckoutRefused;
     // Found without the library lock: taken only in a state a locked search could have found it
     // in, which this hold of the item's lock keeps (membership changes need its write lock).

@@ -257,6 +257,9 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
     bool* matched;
     JX_Bag* unlockedIn = nullptr;
     const Guid* guid = nullptr;
+    // Set on the search's last use of `key`: the caller's own reference, handed to the payload's
+    // CanSatisfyRequest (which takes it by value) instead of a copy.
+    IntrusivePtr<JX_StuffData>* lastUseOfKey = nullptr;
   };
   JX_CheckoutResult CheckoutForWrite(int flags, JX_Bag* knownBag, bool* wasPending,
                                      const MatchRequest* match);
