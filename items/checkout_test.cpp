@@ -152,6 +152,31 @@ TEST_F(CheckoutTest, PendingItemIsRefusedWithoutWaitBitsAndCountedWhenAsked) {
   pending->Checkin(0, 0.0);
 }
 
+// A search reads its request's key without the request's lock once that key can no longer
+// change: each change of find-key data or pending state must show in what it reads.
+TEST_F(CheckoutTest, TheFindKeyFollowsFindKeyDataAndAPendingItemsFill) {
+  auto item = MakeItem(100);
+  const auto payload = item->GetDataPtr();
+  EXPECT_EQ(item->GetFindKeyData(), payload);
+  const IntrusivePtr<JX_StuffData> key(new TestPayload(1));
+  item->SetFindKeyData(key);
+  EXPECT_EQ(item->GetFindKeyData(), key);
+  item->SetFindKeyData({});
+  EXPECT_EQ(item->GetFindKeyData(), payload);
+
+  auto request = MakeRequest(Guid::CreateUnique());
+  IntrusivePtr<JX_Stuff> pending;
+  bool created = false;
+  ASSERT_EQ(bag_->FindAndCheckout(request, cf::kReadOnly | cf::kCreatePending, &pending, &created),
+            kJX_CreatedPending);
+  // Pending, the item answers with the request's key; filled, with its payload.
+  EXPECT_EQ(pending->GetFindKeyData(), request->GetFindKeyData());
+  const IntrusivePtr<JX_StuffData> filled(new TestPayload(10));
+  pending->SetStuffDataFromPendingRender(filled, 0.0);
+  EXPECT_EQ(pending->GetFindKeyData(), filled);
+  pending->Checkin(0, 0.0);
+}
+
 TEST_F(CheckoutTest, CheckinFlagsRemoveAndPurge) {
   auto removed = MakeItem(50);
   auto purged = MakeItem(70);

@@ -96,6 +96,7 @@ void JX_Stuff::CompletePending(IntrusivePtr<JX_StuffData> data, double computeTi
     MaybeWriteToDisk();
     ScopedWriteLockWrapper wl(mutex_);
     findKeyData_.reset();
+    UpdateKeyIsFinalPayload();
   } else {
     // The render failed: the key is free again.
     RemoveFromBagAndSortDir();

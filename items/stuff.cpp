@@ -35,6 +35,7 @@ JX_Stuff::JX_Stuff(IntrusivePtr<JX_StuffData> data, double computeTime, bool pen
       lastUsedTime_(HighPrecisionTime::GetCurrentTimeStamp()),
       computeTime_(computeTime) {
   if (pending) pendingThread_ = zelcore::threads::CurrentThreadId();
+  UpdateKeyIsFinalPayload();
 }
 
 JX_Stuff::IntrusivePtr<JX_Stuff> JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData> data,
@@ -47,6 +48,7 @@ JX_Stuff::IntrusivePtr<JX_Stuff> JX_Stuff::CreatePending(const Guid& guid,
   IntrusivePtr<JX_Stuff> stuff(new JX_Stuff({}, 0.0, true));
   stuff->StoreGuid(guid);
   stuff->findKeyData_ = std::move(findKeyData);
+  stuff->UpdateKeyIsFinalPayload();
   return stuff;
 }
 
@@ -89,6 +91,9 @@ JX_Stuff::IntrusivePtr<JX_StuffData> JX_Stuff::GetDataPtr() const {
 }
 
 JX_Stuff::IntrusivePtr<JX_StuffData> JX_Stuff::GetFindKeyData() const {
+  // Every search asks its request for this: most requests are plain items whose key cannot
+  // change any more.
+  if (keyIsFinalPayload_.load(std::memory_order_acquire)) return data_;
   ScopedReadLockWrapper r(mutex_);
   return findKeyData_ ? findKeyData_ : data_;
 }
@@ -96,6 +101,7 @@ JX_Stuff::IntrusivePtr<JX_StuffData> JX_Stuff::GetFindKeyData() const {
 void JX_Stuff::SetFindKeyData(IntrusivePtr<JX_StuffData> data) {
   ScopedWriteLockWrapper w(mutex_);
   findKeyData_ = std::move(data);
+  UpdateKeyIsFinalPayload();
 }
 
 bool JX_Stuff::IsInMemory() const {

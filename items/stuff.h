@@ -298,6 +298,11 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // The exchange of the accounted sizes; the caller holds the item's upgrade or write lock, so
   // that no purge and no other sync interleaves between measuring and exchanging.
   void SyncMemorySizeLocked(unsigned int newSize, JX_Bag* knownBag);
+  // After findKeyData_ or pending_ changed: under the write lock, or before the item is shared.
+  void UpdateKeyIsFinalPayload() {
+    keyIsFinalPayload_.store(!findKeyData_ && !pending_.load(std::memory_order_relaxed),
+                             std::memory_order_release);
+  }
   // Moves the check-out count by `step`; the caller holds the upgrade or write lock.
   void StepCheckoutCountLocked(int step) {
     checkoutCount_.store(checkoutCount_.load(std::memory_order_relaxed) + step,
@@ -350,6 +355,10 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // Payload and request.
   IntrusivePtr<JX_StuffData> data_;
   IntrusivePtr<JX_StuffData> findKeyData_;
+  // Set when the key is the payload for good: no find-key data, and not pending (data_ is
+  // written only at construction and when a pending item is completed). Written under the write
+  // lock after either changes; while it is set, data_ may be read without the lock.
+  std::atomic<bool> keyIsFinalPayload_{false};
 
   // Accounted sizes (what this item currently contributes to the bag's totals).
   std::atomic<uint32_t> memSize_{0};
