@@ -210,11 +210,12 @@ int32_t ComputeAndCheckout(const char* classId, void* request, Mode mode,
   const bool callerHeldNotifyingLock = Y::ScNotifyHoldingMutexLock::IsHoldingLock();
   ReceiptPtr handle = NewReceipt();
   const JX_CheckoutResult found = FindEntry(*handle, key, mode);
-  StuffPtr item = handle->GetStuffPtr();
+  // Nobody else has the receipt yet: the item is read from it without its lock or a reference.
+  JX_Stuff* item = handle->GetStuffOfUnsharedHandle();
   if (found == kJX_CheckoutRefused || !item) return kNotAvailable;
 
   if (found == kJX_CreatedPending) {
-    if (int32_t err = ComputeInto(item, id, callbacks, key, request)) return err;
+    if (int32_t err = ComputeInto(StuffPtr(item), id, callbacks, key, request)) return err;
   } else if (item->IsPendingRender()) {
     if (mode != Mode::kWait || !MayWait(callerHeldNotifyingLock)) return kNotAvailable;
     WaitForOtherCompute(*item);

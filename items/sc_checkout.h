@@ -59,6 +59,10 @@ class JX_EXPORT JX_ScCheckout {
   bool DidCreateNewPending() const { return GetResult() == kJX_CreatedPending; }
   // The held item, or empty.
   IntrusivePtr<JX_Stuff> GetStuffPtr() const;
+  // The held item, or null, without the handle's lock and without a reference: only for a handle
+  // no other thread can reach (just made and not yet handed out), which keeps the item while it
+  // holds it.
+  JX_Stuff* GetStuffOfUnsharedHandle() const { return item_.get(); }
   // Hands the duty to check in over to the caller: result and check-in flags become 0 and the
   // held item is returned (the handle keeps its pointer but will never check it in).
   IntrusivePtr<JX_Stuff> Release();
