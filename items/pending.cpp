@@ -84,8 +84,11 @@ void JX_Stuff::CompletePending(IntrusivePtr<JX_StuffData> data, double computeTi
     // The pending flag and the payload change together, so a check-out never sees an item that
     // is neither pending nor filled.
     ScopedWriteLockWrapper wl(mutex_);
-    if (!pending_.exchange(false, std::memory_order_acq_rel)) return;
+    // The payload before the flag: whoever sees the item no longer pending sees its final
+    // payload, also without the lock.
+    if (!pending_.load(std::memory_order_relaxed)) return;
     data_ = data;
+    pending_.store(false, std::memory_order_release);
     computeTime_ = computeTime;
     pendingThread_ = zelcore::threads::kNoThread;
   }

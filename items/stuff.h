@@ -17,6 +17,9 @@
 //                  pendingThread_. Directory membership (sortDir_, tempRemovedFromSortDir_ and
 //                  inSortDir_) changes under both the library lock and the write lock, which is
 //                  what lets a search without the library lock check it under this lock.
+//                  data_ is written only at construction and when a pending item is completed,
+//                  before pending_ clears: once pending_ reads false, data_ is final and may be
+//                  read without the lock.
 //   guidSpin_ serialises writers of the GUID; readers never block: they re-read when the
 //   sequence word (guidSeq_) shows that a write overlapped their copy.
 //   The library lock guards: the recency-set hook (mruHook_) and mruStamp_ (the stamp that
@@ -121,10 +124,12 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   void ThrowIfCheckedOutMoreThan(uint32_t count) const;
   void ThrowIfCheckedOutLessThan(uint32_t count) const;
   IntrusivePtr<JX_StuffData> GetDataPtr() const;
-  // Calls fn with the payload (or null) under the item's read lock, without taking a reference
-  // to it. fn must not take item locks or the library lock.
+  // Calls fn with the payload (or null), without taking a reference to it: under the item's read
+  // lock while the item is pending, without it after (the payload is final then, and the item
+  // keeps it). The caller keeps the item alive. fn must not take item locks or the library lock.
   template <class Fn>
   auto VisitData(Fn&& fn) const {
+    if (!pending_.load(std::memory_order_acquire)) return fn(data_.get());
     zelcore::threads::ScopedReadLockWrapper r(mutex_);
     return fn(data_.get());
   }
