@@ -1,5 +1,6 @@
 // FastWriteOnlyStream: every length comes back byte for byte and at its true length, through
-// O_DIRECT and through the buffered fallback of a file system that refuses it.
+// O_DIRECT and through the buffered fallback of a file system that refuses it. Full blocks are
+// written on the stream's helper thread, so these run under ThreadSanitizer too.
 #include "disk/fast_write_stream.h"
 
 #include <gtest/gtest.h>
