@@ -2,7 +2,6 @@
 #include "disk/fast_write_stream.h"
 
 #include <cstring>
-#include <new>
 #include <stdexcept>
 
 #include "host/file_utils.h"
@@ -39,15 +38,7 @@ void FastWriteOnlyStream::Write(const void* data, size_t length) {
     // the other meanwhile.
     WriteBlockBehind(Filling(), blockSize_);
     filling_ ^= 1;
-    if (!buffers_[filling_]) {
-      try {
-        buffers_[filling_] = AllocateAligned(blockSize_, unit_);
-      } catch (const std::bad_alloc&) {
-        // No memory for a second buffer: the first is filled again once its block is on disk.
-        filling_ ^= 1;
-        WaitForBlockBehind();
-      }
-    }
+    if (!buffers_[filling_]) buffers_[filling_] = AllocateAligned(blockSize_, unit_);
     cursor_ = 0;
     bytes += room;
     length -= room;

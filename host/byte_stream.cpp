@@ -171,9 +171,6 @@ void OPlatformByteStream::WriteBlockBehind(const void* data, size_t length) {
     } catch (const std::system_error&) {
       WriteBlockNow(data, length);  // no thread to be had: the caller waits for the disk instead
       return;
-    } catch (const std::bad_alloc&) {
-      WriteBlockNow(data, length);
-      return;
     }
   }
   {
