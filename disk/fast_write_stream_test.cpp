@@ -1,6 +1,5 @@
 // FastWriteOnlyStream: every length comes back byte for byte and at its true length, through
-// O_DIRECT and through the buffered fallback of a file system that refuses it. Full blocks are
-// written on the stream's helper thread, so these run under ThreadSanitizer too.
+// O_DIRECT and through the buffered fallback of a file system that refuses it.
 #include "disk/fast_write_stream.h"
 
 #include <gtest/gtest.h>
