@@ -12,39 +12,28 @@ using zelcore::filesupport::AllocateAligned;
 using zelcore::filesupport::File;
 using zelcore::filesupport::OPlatformByteStream;
 
-namespace {
-void NoBuffer(uint8_t*) {}
-}  // namespace
-
 FastWriteOnlyStream::FastWriteOnlyStream(const File& file)
     : OPlatformByteStream(file, /*unbuffered=*/true),
       unit_(zelcore::utility::FileUtils::GetEfficientDiskBufferSizeFromPath(file.GetPath())),
-      blockSize_((kBufferBytes / 2 + unit_ - 1) / unit_ * unit_),
-      buffers_{AllocateAligned(blockSize_, unit_), Buffer(nullptr, &NoBuffer)} {}
+      bufferSize_((kBufferBytes + unit_ - 1) / unit_ * unit_),
+      buffer_(AllocateAligned(bufferSize_, unit_)) {}
 
-FastWriteOnlyStream::~FastWriteOnlyStream() {
-  // The block in flight is read from one of the buffers, which go with this object.
-  AbandonBlockBehind();
-}
+FastWriteOnlyStream::~FastWriteOnlyStream() = default;
 
 void FastWriteOnlyStream::Write(const void* data, size_t length) {
   if (finalBlockWritten_) throw std::logic_error("FastWriteOnlyStream: write after the last block");
   const auto* bytes = static_cast<const uint8_t*>(data);
   totalCount_ += length;
-  while (length >= blockSize_ - cursor_) {
-    const size_t room = blockSize_ - cursor_;
-    std::memcpy(Filling() + cursor_, bytes, room);
-    // Waits for the other buffer's block (if one is in flight), then sends this one and fills
-    // the other meanwhile.
-    WriteBlockBehind(Filling(), blockSize_);
-    filling_ ^= 1;
-    if (!buffers_[filling_]) buffers_[filling_] = AllocateAligned(blockSize_, unit_);
+  while (length >= bufferSize_ - cursor_) {
+    const size_t room = bufferSize_ - cursor_;
+    std::memcpy(buffer_.get() + cursor_, bytes, room);
+    WriteBlock(buffer_.get(), bufferSize_);
     cursor_ = 0;
     bytes += room;
     length -= room;
   }
   if (length > 0) {
-    std::memcpy(Filling() + cursor_, bytes, length);
+    std::memcpy(buffer_.get() + cursor_, bytes, length);
     cursor_ += length;
   }
 }
@@ -52,12 +41,11 @@ void FastWriteOnlyStream::Write(const void* data, size_t length) {
 void FastWriteOnlyStream::WriteFinalBlock() {
   if (finalBlockWritten_) return;
   finalBlockWritten_ = 1;
-  WaitForBlockBehind();
   if (cursor_ > 0) {
     // Unbuffered transfers take whole units only; the padding is cut off again at close.
     const size_t padded = (cursor_ + unit_ - 1) / unit_ * unit_;
-    std::memset(Filling() + cursor_, 0, padded - cursor_);
-    WriteBlock(Filling(), padded);
+    std::memset(buffer_.get() + cursor_, 0, padded - cursor_);
+    WriteBlock(buffer_.get(), padded);
     cursor_ = 0;
   }
   SetFinalLength(totalCount_);

@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <vector>
 
 #include "host/fault_injection.h"
 
@@ -84,21 +83,6 @@ TEST_F(FastWriteStreamTest, AnUnclosedStreamWritesNoTail) {
     stream.Write("abc", 3);
   }
   EXPECT_EQ(file.Size(), 0u);
-}
-
-// Blocks go to disk on the stream's helper thread while the next one fills: a block that failed
-// there is reported by the stream's next call that waits for it, and the stream stops.
-TEST_F(FastWriteStreamTest, ABlockThatFailedBehindIsReportedByTheNextCall) {
-  File file(dir_ + "/f");
-  file.Create();
-  FaultInjection::FailNth(FileOp::kWrite, 2, EIO);
-  FastWriteOnlyStream stream(file);
-  const std::vector<uint8_t> bytes(stream.GetBufferSize() * 2, 7);  // four blocks
-  // The second block fails behind; the third waits for it and reports it.
-  EXPECT_THROW(stream.Write(bytes.data(), bytes.size()), zelcore::filesupport::FileError);
-  EXPECT_EQ(FaultInjection::CallCount(FileOp::kWrite), 2u);
-  // Nothing was written after the failed block.
-  EXPECT_EQ(file.Size(), stream.GetBufferSize() / 2);
 }
 
 }  // namespace

@@ -7,15 +7,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
-#include <mutex>
 #include <new>
-#include <system_error>
-#include <thread>
-#include <utility>
 
 #include "host/file_syscall.h"
 #include "host/file_utils.h"
@@ -104,56 +98,7 @@ OPlatformByteStream::OPlatformByteStream(const File& file, bool unbuffered)
   if (direct_) unit_ = utility::FileUtils::GetEfficientDiskBufferSizeFromPath(path_);
 }
 
-// The helper thread of WriteBlockBehind and the one block it writes at a time. The owner hands a
-// block over and takes the outcome back under the mutex; the stream's own fields are touched by
-// one side at a time: by the helper while a block is in flight, by the owner otherwise.
-struct OPlatformByteStream::Behind {
-  std::mutex mutex;
-  std::condition_variable changed;
-  const void* data = nullptr;
-  size_t length = 0;
-  bool busy = false;
-  bool stop = false;
-  std::exception_ptr error;
-  std::thread thread;
-
-  explicit Behind(OPlatformByteStream& stream) : thread([this, &stream] { Run(stream); }) {}
-  ~Behind() {
-    {
-      std::lock_guard<std::mutex> l(mutex);
-      stop = true;
-    }
-    changed.notify_all();
-    thread.join();
-  }
-  void Run(OPlatformByteStream& stream) {
-    std::unique_lock<std::mutex> l(mutex);
-    for (;;) {
-      changed.wait(l, [this] { return busy || stop; });
-      if (!busy) return;
-      l.unlock();
-      std::exception_ptr failed;
-      try {
-        stream.WriteBlockNow(data, length);
-      } catch (...) {
-        failed = std::current_exception();
-      }
-      l.lock();
-      error = failed;
-      busy = false;
-      changed.notify_all();
-    }
-  }
-  // Waits for the block in flight; its error, if any, is handed back.
-  std::exception_ptr Wait() {
-    std::unique_lock<std::mutex> l(mutex);
-    changed.wait(l, [this] { return !busy; });
-    return std::exchange(error, nullptr);
-  }
-};
-
 OPlatformByteStream::~OPlatformByteStream() {
-  AbandonBlockBehind();
   try {
     Close();
   } catch (...) {
@@ -163,40 +108,7 @@ OPlatformByteStream::~OPlatformByteStream() {
 
 void OPlatformByteStream::Write(const void* data, size_t length) { WriteBlock(data, length); }
 
-void OPlatformByteStream::WriteBlockBehind(const void* data, size_t length) {
-  WaitForBlockBehind();
-  if (!behind_) {
-    try {
-      behind_ = std::make_unique<Behind>(*this);
-    } catch (const std::system_error&) {
-      WriteBlockNow(data, length);  // no thread to be had: the caller waits for the disk instead
-      return;
-    }
-  }
-  {
-    std::lock_guard<std::mutex> l(behind_->mutex);
-    behind_->data = data;
-    behind_->length = length;
-    behind_->busy = true;
-  }
-  behind_->changed.notify_all();
-}
-
-void OPlatformByteStream::WaitForBlockBehind() {
-  if (!behind_) return;
-  if (std::exception_ptr error = behind_->Wait()) std::rethrow_exception(error);
-}
-
-void OPlatformByteStream::AbandonBlockBehind() noexcept {
-  if (behind_) behind_->Wait();
-}
-
 void OPlatformByteStream::WriteBlock(const void* data, size_t length) {
-  WaitForBlockBehind();
-  WriteBlockNow(data, length);
-}
-
-void OPlatformByteStream::WriteBlockNow(const void* data, size_t length) {
   if (fd_ < 0) throw FileError(EBADF, "write " + path_ + ": stream is closed");
   // O_DIRECT would refuse a misaligned transfer with a bare EINVAL from deep inside; say why.
   if (direct_ && !IsAligned(data, length, unit_)) {
@@ -241,13 +153,6 @@ void OPlatformByteStream::Flush() {
 }
 
 void OPlatformByteStream::Close() {
-  // The helper goes first, also when its block failed: nothing may write after the close.
-  std::exception_ptr behindError = behind_ ? behind_->Wait() : nullptr;
-  behind_.reset();
-  if (behindError) {
-    if (fd_ >= 0) ::close(std::exchange(fd_, -1));
-    std::rethrow_exception(behindError);
-  }
   if (fd_ < 0) return;
   const int fd = fd_;
   fd_ = -1;  // a failed Close is not retried: the stream is finished either way

@@ -5,8 +5,7 @@
 // back to buffered writes where it refuses O_DIRECT (EINVAL), whether at open or at the first
 // write. Close sets the file to its true length and syncs its data in either mode.
 // IPlatformByteStream reads a file; BufferedIByteStream puts a large buffer in front of another
-// input stream. Streams belong to one thread (an output stream's helper thread, which writes
-// blocks behind the owner's back, is the stream's own business).
+// input stream. Streams belong to one thread.
 #pragma once
 
 #include <cstddef>
@@ -73,17 +72,6 @@ class OPlatformByteStream : public OByteStream {
   // longer direct); errors throw FileError. A direct write refused with EINVAL switches the
   // stream to buffered mode (IsDirect turns false) and is retried there.
   void WriteBlock(const void* data, size_t length);
-  // WriteBlock on a helper thread: returns at once, so that the caller can fill its next block
-  // while this one goes to disk. The memory must stay untouched until the block is written, which
-  // the next WriteBlockBehind, WriteBlock, WaitForBlockBehind or Close waits for; the block's
-  // error is thrown by whichever of them comes first. One block is in flight at a time, and
-  // blocks reach the file in the order given. Where no helper thread can be had, the block is
-  // written at once.
-  void WriteBlockBehind(const void* data, size_t length);
-  // Returns once no block is in flight; throws the error of the one that was.
-  void WaitForBlockBehind();
-  // The same, for a writer that gives up (a destructor): the error, if any, is dropped.
-  void AbandonBlockBehind() noexcept;
   // Sets the length the file will have after Close.
   void SetFinalLength(uint64_t length) { finalLength_ = static_cast<int64_t>(length); }
   void Flush() override;
@@ -92,12 +80,9 @@ class OPlatformByteStream : public OByteStream {
   bool IsDirect() const { return direct_; }
 
  private:
-  struct Behind;
-  void WriteBlockNow(const void* data, size_t length);
   // Clears O_DIRECT on the open descriptor; false when the system will not.
   bool LeaveDirectMode();
 
-  std::unique_ptr<Behind> behind_;  // the helper thread, once a block went behind
   int fd_ = -1;
   bool direct_ = false;
   size_t unit_ = 0;  // direct mode: the alignment every block's address and length must have
