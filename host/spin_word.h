@@ -1,6 +1,6 @@
 // A spin word: a 32-bit lock for critical sections of a few instructions (a key copy, a directory
-// shard, a recency log). Exchange to 1 takes it, store 0 releases it; between attempts a waiter
-// re-reads the word with a back-off that doubles from 1 up to 64 pauses.
+// shard). Exchange to 1 takes it, store 0 releases it; between attempts a waiter re-reads the
+// word with a back-off that doubles from 1 up to 64 pauses and then yields (SpinBackoff).
 #pragma once
 
 #include <atomic>
@@ -11,11 +11,10 @@
 namespace zelcore::threads {
 
 inline void LockSpinWord(std::atomic<uint32_t>& word) {
-  unsigned backoff = 1;
+  SpinBackoff backoff;
   while (word.exchange(1, std::memory_order_acquire) != 0) {
     do {
-      for (unsigned i = 0; i < backoff; ++i) CpuRelax();
-      if (backoff < 64) backoff <<= 1;
+      backoff.Wait();
     } while (word.load(std::memory_order_relaxed) != 0);
   }
 }

@@ -135,10 +135,11 @@ zelcore::utility::Guid JX_Stuff::GetGuid() const {
 
 zelcore::utility::Guid JX_Stuff::GetGuidAndHash(size_t* hash) const {
   std::array<uint8_t, 16> bytes;
+  zelcore::threads::SpinBackoff backoff;
   for (;;) {
     uint32_t seq = guidSeq_.load(std::memory_order_acquire);
     if (seq & 1) {  // a writer is in the middle of it
-      zelcore::threads::CpuRelax();
+      backoff.Wait();
       continue;
     }
     uint64_t w0 = guidWords_[0].load(std::memory_order_relaxed);
