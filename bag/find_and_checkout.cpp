@@ -31,8 +31,8 @@ bool JX_Bag::FindReadOnlyUnlocked(const JX_Stuff& request, int checkoutFlags, St
   const auto guid = request.GetGuidAndHash(&hash);
   // Held references: without the library lock a candidate may leave the directory at any time.
   boost::container::small_vector<StuffPtr, 4> candidates;
-  sortDir_->ForEachWithGuidUnlocked(guid, hash, [&](const StuffPtr& s) {
-    candidates.push_back(s);
+  sortDir_->ForEachWithGuidUnlocked(guid, hash, [&](JX_Stuff& s) {
+    candidates.emplace_back(&s);
     return true;
   });
   for (int round = 0; round < rounds; ++round) {

@@ -65,8 +65,12 @@ void JX_SortDir::AddStuff(const StuffPtr& stuff) {
   // Inserted before anything else changes: a refused allocation leaves the directory as it was.
   {
     Shard& shard = ShardOf(hash);
+    // Made before the spin word, and the old slots freed after it.
+    std::unique_ptr<SoleIndex> grown = shard.sole.GrownForOneMore();
     ShardSpin spin(shard.spin);
     shard.items.insert(Entry{guid, hash, stuff});
+    if (grown) shard.sole.Adopt(*grown);
+    shard.sole.Add(hash, stuff.get());
   }
   for (const StuffPtr& old : superseded) {
     if (auto bag = old->GetBag()) bag->RemoveStuffGuts(old, lock, true);
@@ -116,9 +120,82 @@ void JX_SortDir::EraseNode(const StuffPtr& stuff) {
        ++it) {
     if (it->stuff == stuff) {
       shard.items.erase(it);
+      // What is left under the hash (other GUIDs may share it) decides its slot.
+      size_t left = 0;
+      JX_Stuff* other = nullptr;
+      const size_t bucket = shard.items.bucket(Entry{guid, hash, nullptr});
+      for (auto b = shard.items.begin(bucket); b != shard.items.end(bucket); ++b) {
+        if (b->hash != hash) continue;
+        ++left;
+        other = b->stuff.get();
+      }
+      shard.sole.Remove(hash, left, other);
       return;
     }
   }
+}
+
+JX_SortDir::SoleIndex::SoleIndex() : SoleIndex(16) {}
+
+JX_SortDir::SoleIndex::SoleIndex(size_t capacity)
+    : slots_(new Slot[capacity]()),
+      mask_(capacity - 1),
+      shift_(64 - static_cast<unsigned>(__builtin_ctzll(capacity))) {}
+
+std::unique_ptr<JX_SortDir::SoleIndex> JX_SortDir::SoleIndex::GrownForOneMore() const {
+  if ((used_ + 1) * 2 <= mask_ + 1) return nullptr;
+  return std::unique_ptr<SoleIndex>(new SoleIndex((mask_ + 1) * 2));
+}
+
+void JX_SortDir::SoleIndex::Adopt(SoleIndex& grown) {
+  for (size_t i = 0; i <= mask_; ++i) {
+    const Slot& slot = slots_[i];
+    if (slot.item == kNone) continue;
+    size_t j = grown.Home(slot.hash);
+    while (grown.slots_[j].item != kNone) j = (j + 1) & grown.mask_;
+    grown.slots_[j] = slot;
+  }
+  grown.used_ = used_;
+  std::swap(*this, grown);
+}
+
+size_t JX_SortDir::SoleIndex::SlotOf(size_t hash) const {
+  size_t i = Home(hash);
+  while (slots_[i].item != kNone && slots_[i].hash != hash) i = (i + 1) & mask_;
+  return i;
+}
+
+void JX_SortDir::SoleIndex::Add(size_t hash, JX_Stuff* item) {
+  Slot& slot = slots_[SlotOf(hash)];
+  if (slot.item != kNone) {
+    slot.item = kSeveral;
+    return;
+  }
+  slot = Slot{hash, reinterpret_cast<uintptr_t>(item)};
+  ++used_;
+}
+
+void JX_SortDir::SoleIndex::Remove(size_t hash, size_t left, JX_Stuff* item) {
+  size_t i = SlotOf(hash);
+  if (slots_[i].item == kNone) return;
+  if (left != 0) {
+    slots_[i].item = left == 1 ? reinterpret_cast<uintptr_t>(item) : kSeveral;
+    return;
+  }
+  // Backward shift: every later slot of the probe run that may move into the hole does, so
+  // that a search never stops early at an empty slot and no tombstones pile up.
+  for (size_t j = i;;) {
+    j = (j + 1) & mask_;
+    if (slots_[j].item == kNone) break;
+    const size_t home = Home(slots_[j].hash);
+    // The entry at j may fill the hole at i when its home is not cyclically within (i, j].
+    const bool stays = i <= j ? (i < home && home <= j) : (i < home || home <= j);
+    if (stays) continue;
+    slots_[i] = slots_[j];
+    i = j;
+  }
+  slots_[i] = Slot{0, kNone};
+  --used_;
 }
 
 void JX_Stuff::TempRemoveFromSortDir(const JXp_ScLock& lock) {

@@ -11,11 +11,18 @@
 // shard: a read-only search looks up under that word alone (ForEachWithGuidUnlocked), so that
 // render threads hitting the cache do not queue behind one another on the library lock. The spin
 // word is a leaf: nothing else is taken, and no item is released, while it is held.
+//
+// Beside its set, each shard keeps a flat table from hash to item for the hashes that exactly
+// one of its entries has (SoleIndex). The set reaches an entry through three dependent reads
+// (the bucket, the node before the bucket's first, the node), each likely a cache miss on a
+// large directory; the table reaches the item through one. Hashes that several entries share
+// are marked in the table and searched in the set.
 #pragma once
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <utility>
 
@@ -52,8 +59,9 @@ class JX_SortDir : public std::enable_shared_from_this<JX_SortDir> {
     ForEachWithGuid(guid, HashGuid(guid), std::forward<Fn>(fn));
   }
 
-  // The same walk without the library lock, under the shard's spin word: `fn` may only copy what
-  // it is given (taking a reference is fine); it must not take a lock or release an item.
+  // The same walk without the library lock, under the shard's spin word: `fn(JX_Stuff&)` may
+  // only copy what it is given (taking a reference is fine); it must not take a lock or release
+  // an item.
   template <class Fn>
   void ForEachWithGuidUnlocked(const zelcore::utility::Guid& guid, size_t hash, Fn&& fn) const;
 
@@ -84,11 +92,55 @@ class JX_SortDir : public std::enable_shared_from_this<JX_SortDir> {
   };
   using Set = boost::unordered_multiset<Entry, Hash, Equal>;
 
+  // Open addressing with linear probing, at most half full. A slot holds a hash and either the
+  // one item filed under it (its address; the set's entry keeps the reference) or kSeveral.
+  class SoleIndex {
+   public:
+    static constexpr uintptr_t kNone = 0;
+    static constexpr uintptr_t kSeveral = 1;
+
+    SoleIndex();
+    // kNone, kSeveral, or the address of the one item under `hash`.
+    uintptr_t Find(size_t hash) const {
+      for (size_t i = Home(hash);; i = (i + 1) & mask_) {
+        const Slot& slot = slots_[i];
+        if (slot.item == kNone || slot.hash == hash) return slot.item;
+      }
+    }
+    // A larger table when one more hash would make this one more than half full; empty
+    // otherwise. Made without the shard's spin word, handed to Adopt under it.
+    std::unique_ptr<SoleIndex> GrownForOneMore() const;
+    // Takes over `grown`'s slots after copying this table's into them; `grown` keeps the old.
+    void Adopt(SoleIndex& grown);
+    // An entry with `hash` joined the set (there is room: see GrownForOneMore).
+    void Add(size_t hash, JX_Stuff* item);
+    // After an entry with `hash` left the set: `left` entries of the set still have it, and
+    // `item` is the one when left == 1.
+    void Remove(size_t hash, size_t left, JX_Stuff* item);
+
+   private:
+    struct Slot {
+      size_t hash;
+      uintptr_t item;
+    };
+    explicit SoleIndex(size_t capacity);
+    size_t Home(size_t hash) const {
+      return static_cast<size_t>(static_cast<uint64_t>(hash) * 0xD6E8FEB86659FD93ull >> shift_);
+    }
+    size_t SlotOf(size_t hash) const;
+
+    std::unique_ptr<Slot[]> slots_;
+    size_t mask_;
+    unsigned shift_;
+    size_t used_ = 0;
+  };
+
   // Changed under the library lock and `spin`; read under either. On its own cache line, so that
   // threads searching different shards share nothing.
   struct alignas(64) Shard {
     mutable std::atomic<uint32_t> spin{0};
     Set items;
+    SoleIndex sole;
   };
   static constexpr size_t kShardBits = 6;
   static constexpr size_t kShards = size_t{1} << kShardBits;
@@ -107,6 +159,14 @@ class JX_SortDir : public std::enable_shared_from_this<JX_SortDir> {
   static void Walk(const Set& items, const zelcore::utility::Guid& guid, size_t hash, Fn&& fn);
 
   void EraseNode(const StuffPtr& stuff);
+  // Whether the item in the directory is filed under `guid` (it cannot be re-keyed while in it).
+  static bool IsFiledUnder(const JX_Stuff& stuff, const zelcore::utility::Guid& guid) {
+    uint64_t w0, w1;
+    std::memcpy(&w0, guid.Bytes().data(), 8);
+    std::memcpy(&w1, guid.Bytes().data() + 8, 8);
+    return stuff.guidWords_[0].load(std::memory_order_relaxed) == w0 &&
+           stuff.guidWords_[1].load(std::memory_order_relaxed) == w1;
+  }
 
   std::unique_ptr<Shard[]> shards_;
 };
@@ -131,5 +191,12 @@ void JX_SortDir::ForEachWithGuidUnlocked(const zelcore::utility::Guid& guid, siz
                                          Fn&& fn) const {
   const Shard& shard = ShardOf(hash);
   ShardSpin spin(shard.spin);
-  Walk(shard.items, guid, hash, std::forward<Fn>(fn));
+  const uintptr_t sole = shard.sole.Find(hash);
+  if (sole == SoleIndex::kNone) return;
+  if (sole != SoleIndex::kSeveral) {
+    JX_Stuff& stuff = *reinterpret_cast<JX_Stuff*>(sole);
+    if (IsFiledUnder(stuff, guid)) fn(stuff);
+    return;
+  }
+  Walk(shard.items, guid, hash, [&](const StuffPtr& s) { return fn(*s); });
 }
