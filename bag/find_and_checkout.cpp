@@ -23,7 +23,8 @@ bool MayWaitForPending(int flags) {
 }  // namespace
 
 bool JX_Bag::FindReadOnlyUnlocked(const JX_Stuff& request, int checkoutFlags, StuffPtr* match) {
-  auto key = request.GetFindKeyData();
+  bool keyKeptByRequest;
+  auto key = request.GetFindKeyData(&keyKeptByRequest);
   const JX_CompressedAllowedOption option =
       key ? key->GetCompressedAllowedOption() : kJX_CompressionNotAllowed;
   const int rounds = option != kJX_CompressionNotAllowed ? 2 : 1;
@@ -38,7 +39,8 @@ bool JX_Bag::FindReadOnlyUnlocked(const JX_Stuff& request, int checkoutFlags, St
   for (int round = 0; round < rounds; ++round) {
     for (StuffPtr& candidate : candidates) {
       bool matched = false;
-      const bool lastUse = round == rounds - 1 && &candidate == &candidates.back();
+      const bool lastUse =
+          keyKeptByRequest && round == rounds - 1 && &candidate == &candidates.back();
       const JX_Stuff::MatchRequest ask{&key, round == 1, &matched,
                                        this, &guid,      lastUse ? &key : nullptr};
       if (candidate->CheckoutInBag(checkoutFlags | cf::kNoDiskRead, this, nullptr, &ask) ==

@@ -46,7 +46,8 @@ struct Noted {
 constexpr size_t kNotesPerThread = 256;
 
 // One thread's notes: a ring with one writer (the owning thread) and one reader (the applier,
-// under the registry mutex), so that taking a note needs no locked instruction. Slots
+// under the registry mutex), so that taking a note needs no spin word or lock (the note's weak
+// reference is still one locked add). Slots
 // [applied, taken) hold notes; the owner fills a slot and then publishes it by moving `taken`,
 // the applier empties slots and then hands them back by moving `applied`.
 struct Log {

@@ -10,9 +10,9 @@
 // an item stands where its latest stamp puts it. A note holds a weak reference, so it never
 // keeps an item alive.
 //
-// Locks: the library lock, then the registry's mutex (a leaf). Note() takes no lock: each log is
-// a ring with one writer, its thread, and one reader, the applier (once the log is full, the
-// thread takes the library lock to apply it).
+// Locks: the library lock, then the registry's mutex (a leaf). Note() takes no lock (its one
+// locked instruction is the weak reference): each log is a ring with one writer, its thread, and
+// one reader, the applier (once the log is full, the thread takes the library lock to apply it).
 // Memory: a log is made once per thread; a note never allocates, and out of memory a move is
 // made at once rather than lost.
 #pragma once

@@ -53,6 +53,9 @@ JX_Stuff::IntrusivePtr<JX_Stuff> JX_Stuff::CreatePending(const Guid& guid,
 }
 
 JX_Stuff::~JX_Stuff() {
+  // Nothing in here, nor in any member's destructor, may write mruBag_: the recency apply reads
+  // it through a weak reference's memory after the item's last strong reference went (see
+  // Applier::InBagPeeked), and relies on it staying null once the bag let go of the item.
   // An item outside any bag still counted its bytes in the global bag; take them out so that the
   // totals stay exact when the last reference goes.
   try {
@@ -91,9 +94,15 @@ JX_Stuff::IntrusivePtr<JX_StuffData> JX_Stuff::GetDataPtr() const {
 }
 
 JX_Stuff::IntrusivePtr<JX_StuffData> JX_Stuff::GetFindKeyData() const {
+  bool keptByItem;
+  return GetFindKeyData(&keptByItem);
+}
+
+JX_Stuff::IntrusivePtr<JX_StuffData> JX_Stuff::GetFindKeyData(bool* keptByItem) const {
   // Every search asks its request for this: most requests are plain items whose key cannot
   // change any more.
-  if (keyIsFinalPayload_.load(std::memory_order_acquire)) return data_;
+  *keptByItem = keyIsFinalPayload_.load(std::memory_order_acquire);
+  if (*keptByItem) return data_;
   ScopedReadLockWrapper r(mutex_);
   return findKeyData_ ? findKeyData_ : data_;
 }

@@ -30,7 +30,9 @@
 //                      purgeState_, writeInProgress_, diskCheckouts_, taggedToWrite_.
 //                      checkoutCount_ and the accounted sizes are read without a lock but written
 //                      only under mutex_'s upgrade or write lock, which has one holder at a time:
-//                      their writers use a load and a store, not an atomic read-modify-write.
+//                      the hit path's writers use a load and a store, not an atomic
+//                      read-modify-write (the rarer ForgetAccountedSizes and SyncDiskSizeWithBag
+//                      keep their exchanges).
 //
 // The methods of one behaviour live in the folder that owns the behaviour: check-out and pending
 // in items/, bag membership and purging in bag/, disk files in disk/, the media map in mediamap/.
@@ -263,7 +265,9 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
     JX_Bag* unlockedIn = nullptr;
     const Guid* guid = nullptr;
     // Set on the search's last use of `key`: the caller's own reference, handed to the payload's
-    // CanSatisfyRequest (which takes it by value) instead of a copy.
+    // CanSatisfyRequest (which takes it by value) instead of a copy. Only for a key its request
+    // keeps for good (see GetFindKeyData(bool*)): one that another thread could replace might
+    // lose its last reference inside that call, under this item's lock.
     IntrusivePtr<JX_StuffData>* lastUseOfKey = nullptr;
   };
   JX_CheckoutResult CheckoutForWrite(int flags, JX_Bag* knownBag, bool* wasPending,
@@ -286,6 +290,9 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // For a candidate found without the library lock (caller holds this item's upgrade lock):
   // still in `bag`'s directory under `guid`, readable, in memory and not pending.
   bool IsFindableUnlocked(const JX_Bag& bag, const Guid& guid) const;
+  // GetFindKeyData, telling whether the key is this item's final payload, which the item keeps
+  // for as long as it lives (so a caller holding the item may give its own copy away anywhere).
+  IntrusivePtr<JX_StuffData> GetFindKeyData(bool* keptByItem) const;
   JX_CheckoutResult CheckoutLocked(int flags, zelcore::threads::ScopedUpgradeLockWrapper& up,
                                    JXp_ScLock* libraryLock, JX_Bag* knownBag, bool* wasPending,
                                    const MatchRequest* match);
