@@ -143,7 +143,7 @@ JX_SortDir::SoleIndex::SoleIndex(size_t capacity)
       shift_(64 - static_cast<unsigned>(__builtin_ctzll(capacity))) {}
 
 std::unique_ptr<JX_SortDir::SoleIndex> JX_SortDir::SoleIndex::GrownForOneMore() const {
-  if ((used_ + 1) * 2 <= mask_ + 1) return nullptr;
+  if ((used_ + 1) * 4 <= (mask_ + 1) * 3) return nullptr;
   return std::unique_ptr<SoleIndex>(new SoleIndex((mask_ + 1) * 2));
 }
 

@@ -92,8 +92,9 @@ class JX_SortDir : public std::enable_shared_from_this<JX_SortDir> {
   };
   using Set = boost::unordered_multiset<Entry, Hash, Equal>;
 
-  // Open addressing with linear probing, at most half full. A slot holds a hash and either the
-  // one item filed under it (its address; the set's entry keeps the reference) or kSeveral.
+  // Open addressing with linear probing, at most three quarters full. A slot holds a hash and
+  // either the one item filed under it (its address; the set's entry keeps the reference) or
+  // kSeveral.
   class SoleIndex {
    public:
     static constexpr uintptr_t kNone = 0;
@@ -107,7 +108,7 @@ class JX_SortDir : public std::enable_shared_from_this<JX_SortDir> {
         if (slot.item == kNone || slot.hash == hash) return slot.item;
       }
     }
-    // A larger table when one more hash would make this one more than half full; empty
+    // A larger table when one more hash would make this one more than three quarters full; empty
     // otherwise. Made without the shard's spin word, handed to Adopt under it.
     std::unique_ptr<SoleIndex> GrownForOneMore() const;
     // Takes over `grown`'s slots after copying this table's into them; `grown` keeps the old.
