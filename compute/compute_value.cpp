@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <mutex>
+#include <unordered_set>
 #include <utility>
 
 #include "host/y_api.h"
@@ -21,6 +22,17 @@ unsigned int SizeOf(const JXComputeValue* value) {
   }
 }
 
+// The process's one copy of `classId`. Never destroyed: values may outlive every static.
+const std::string* InternClassId(std::string classId) {
+  struct Table {
+    std::mutex mutex;
+    std::unordered_set<std::string> ids;  // nodes: a string never moves once in
+  };
+  static Table* table = new Table;
+  std::lock_guard lock(table->mutex);
+  return &*table->ids.insert(std::move(classId)).first;
+}
+
 }  // namespace
 
 JXComputeValueHolder::~JXComputeValueHolder() {
@@ -35,7 +47,9 @@ JXComputeValueHolder::~JXComputeValueHolder() {
 
 JXComputeValue::JXComputeValue(std::string classId, const KQGP_ComputeCacheCallbacks& callbacks,
                                std::unique_ptr<JXComputeValueHolder> holder)
-    : classId_(std::move(classId)), callbacks_(callbacks), holder_(std::move(holder)) {}
+    : classId_(InternClassId(std::move(classId))),
+      callbacks_(callbacks),
+      holder_(std::move(holder)) {}
 
 JXComputeValue::~JXComputeValue() = default;
 
@@ -50,7 +64,9 @@ GenericJXComputeStuffData::GenericJXComputeStuffData(const KQGP_GUID& key,
     : key_(key),
       value_(std::move(value)),
       holdsValue_(value_ != nullptr),
-      valueSize_(SizeOf(value_.get())) {}
+      valueSize_(SizeOf(value_.get())),
+      valueClassId_(value_ ? &value_->GetClassId() : nullptr),
+      valueRefcon_(value_ ? value_->GetRefcon() : 0) {}
 
 GenericJXComputeStuffData::~GenericJXComputeStuffData() = default;
 
@@ -71,8 +87,8 @@ GenericJXComputeStuffData::Facts GenericJXComputeStuffData::Inspect(
   facts.key = zelcore::utility::Guid::FromBytes(key_.bytes);
   if (!value_) return facts;
   facts.hasValue = true;
-  facts.sameClass = value_->GetClassId() == classId;
-  facts.refcon = value_->GetRefcon();
+  facts.sameClass = *valueClassId_ == classId;
+  facts.refcon = valueRefcon_;
   return facts;
 }
 
@@ -81,6 +97,8 @@ void GenericJXComputeStuffData::ReplaceValueLocked(std::shared_ptr<JXComputeValu
   value_.swap(value);
   holdsValue_.store(value_ != nullptr, std::memory_order_release);
   valueSize_.store(size, std::memory_order_release);
+  valueClassId_ = value_ ? &value_->GetClassId() : nullptr;
+  valueRefcon_ = value_ ? value_->GetRefcon() : 0;
 }
 
 void GenericJXComputeStuffData::SetValue(JXComputeValue* value) {

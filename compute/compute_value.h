@@ -3,9 +3,11 @@
 //
 // JXComputeValue wraps the plug-in's value handle together with a copy of its class's callbacks
 // (so the value can be sized and deleted after the class is unregistered) and the identifier of
-// the class that computed it. It is shared (std::shared_ptr) between the entry and anyone who
-// took it with GetValue; the last one to let go deletes the handle through the class's
-// delete_compute_value, on its own thread, exactly once.
+// the class that computed it. Identifiers are kept once per process (a table that only grows, by
+// one string per identifier ever computed with): every value of a class points at the same
+// string, which therefore stays in the cache for the hit path's class check. It is shared
+// (std::shared_ptr) between the entry and anyone who took it with GetValue; the last one to let go
+// deletes the handle through the class's delete_compute_value, on its own thread, exactly once.
 //
 // GenericJXComputeStuffData is the entry's JX_StuffData: its 16-byte key and its value. It keeps
 // the base class's disk behaviour (compute entries are not written to disk). Its recursive mutex
@@ -48,12 +50,12 @@ class JX_EXPORT JXComputeValue {
   // approx_size_value(handle).
   virtual size_t GetApproximateSize() const;
 
-  const std::string& GetClassId() const { return classId_; }
+  const std::string& GetClassId() const { return *classId_; }
   intptr_t GetRefcon() const { return holder_ ? holder_->handle : 0; }
   const KQGP_ComputeCacheCallbacks& GetCallbacks() const { return callbacks_; }
 
  private:
-  std::string classId_;
+  const std::string* classId_;  // the process's one copy
   KQGP_ComputeCacheCallbacks callbacks_;
   std::unique_ptr<JXComputeValueHolder> holder_;
 };
@@ -103,4 +105,8 @@ class JX_EXPORT GenericJXComputeStuffData final : public JX_StuffData {
   // read-only by every receipt, so its size does not change, and every check-out and check-in
   // reads it. Written with value_.
   std::atomic<unsigned int> valueSize_{0};
+  // What Inspect reports of the value, copied when the entry takes it (neither changes during the
+  // value's life), so that a hit does not reach into the value's own memory. Guarded by mutex_.
+  const std::string* valueClassId_ = nullptr;
+  intptr_t valueRefcon_ = 0;
 };
