@@ -117,7 +117,9 @@ JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, ScopedUpgradeLockWrapper& 
     return kJX_CheckoutRefused;
   };
   const bool onDisk = diskFile_ != nullptr;
-  bool inMemory = data_ && data_->IsInMemory();
+  // A candidate found without the library lock was just seen in memory under this same hold of
+  // the lock, which keeps purging out: no need to ask its payload again.
+  bool inMemory = (match && match->unlockedIn) || (data_ && data_->IsInMemory());
   if (!inMemory && onDisk && !(flags & cf::kNoDiskRead)) {
     bool readOk = false;
     try {
