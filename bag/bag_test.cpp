@@ -396,9 +396,10 @@ TEST_F(BagTest, NewItemSupersedesDeadItemsAndThoseItCanStandFor) {
 
 // A read-only search without the library lock finds candidates through each shard's table of
 // sole items, and through the set only where several items share a hash. Adds, supersessions,
-// removals and re-keyings, many of them on shared GUIDs, must leave both ways agreeing on every
-// GUID: same items, same order, nothing left behind (an item freed but still in the table would
-// be read after its release here, which the sanitizer run catches).
+// removals and re-keyings, many of them on shared GUIDs, and the tables growing and shrinking,
+// must leave both ways agreeing on every GUID: same items, same order, nothing left behind (an
+// item freed but still in the table would be read after its release here, which the sanitizer
+// run catches).
 TEST_F(BagTest, TheSearchWithoutTheLibraryLockSeesWhatTheDirectoryHolds) {
   std::mt19937 rng(7);
   std::vector<Guid> guids(1500);
@@ -454,6 +455,15 @@ TEST_F(BagTest, TheSearchWithoutTheLibraryLockSeesWhatTheDirectoryHolds) {
   }
   EXPECT_GT(several, 1000u) << "shared GUIDs were exercised";
   EXPECT_GT(live.size(), 64u * 16u) << "the tables grew past their first size";
+  // Emptied one by one, the tables shrink back with items still in them.
+  for (size_t k = 0; live.size() > 8; ++k) {
+    live.back()->RemoveFromBagAndSortDir();
+    live.pop_back();
+    if (k % 100 == 0) {
+      for (const Guid& any : guids) ASSERT_TRUE(agree(any)) << live.size() << " left";
+    }
+  }
+  for (const Guid& g : guids) ASSERT_TRUE(agree(g));
   bag_->ClearBagAndSortDir();
   for (const Guid& g : guids) EXPECT_TRUE(agree(g));
 }

@@ -114,11 +114,13 @@ void JX_SortDir::EraseNode(const StuffPtr& stuff) {
   const Key key{guid, hash};
   Equal equal;
   Shard& shard = ShardOf(hash);
-  // The caller holds a reference to the item: erasing the node never releases it under the spin.
-  ShardSpin spin(shard.spin);
-  for (auto it = shard.items.find(key, Hash(), equal); it != shard.items.end() && equal(key, *it);
-       ++it) {
-    if (it->stuff == stuff) {
+  {
+    // The caller holds a reference to the item: erasing the node never releases it under the
+    // spin.
+    ShardSpin spin(shard.spin);
+    for (auto it = shard.items.find(key, Hash(), equal); it != shard.items.end() && equal(key, *it);
+         ++it) {
+      if (it->stuff != stuff) continue;
       shard.items.erase(it);
       // What is left under the hash (other GUIDs may share it) decides its slot.
       size_t left = 0;
@@ -130,12 +132,18 @@ void JX_SortDir::EraseNode(const StuffPtr& stuff) {
         other = b->stuff.get();
       }
       shard.sole.Remove(hash, left, other);
-      return;
+      break;
     }
+  }
+  // Only changes, all under the library lock, write the table: this one may read it without the
+  // spin. The old slots are freed after the spin is let go.
+  if (std::unique_ptr<SoleIndex> smaller = shard.sole.ShrunkIfSparse()) {
+    ShardSpin spin(shard.spin);
+    shard.sole.Adopt(*smaller);
   }
 }
 
-JX_SortDir::SoleIndex::SoleIndex() : SoleIndex(16) {}
+JX_SortDir::SoleIndex::SoleIndex() : SoleIndex(kInitialCapacity) {}
 
 JX_SortDir::SoleIndex::SoleIndex(size_t capacity)
     : slots_(new Slot[capacity]()),
@@ -147,16 +155,25 @@ std::unique_ptr<JX_SortDir::SoleIndex> JX_SortDir::SoleIndex::GrownForOneMore() 
   return std::unique_ptr<SoleIndex>(new SoleIndex((mask_ + 1) * 2));
 }
 
-void JX_SortDir::SoleIndex::Adopt(SoleIndex& grown) {
+std::unique_ptr<JX_SortDir::SoleIndex> JX_SortDir::SoleIndex::ShrunkIfSparse() const {
+  const size_t capacity = mask_ + 1;
+  if (capacity <= kInitialCapacity || used_ * 8 >= capacity) return nullptr;
+  // Half full at most afterwards: a few more adds do not grow it straight back.
+  size_t smaller = kInitialCapacity;
+  while (smaller < used_ * 2) smaller *= 2;
+  return std::unique_ptr<SoleIndex>(new SoleIndex(smaller));
+}
+
+void JX_SortDir::SoleIndex::Adopt(SoleIndex& resized) {
   for (size_t i = 0; i <= mask_; ++i) {
     const Slot& slot = slots_[i];
     if (slot.item == kNone) continue;
-    size_t j = grown.Home(slot.hash);
-    while (grown.slots_[j].item != kNone) j = (j + 1) & grown.mask_;
-    grown.slots_[j] = slot;
+    size_t j = resized.Home(slot.hash);
+    while (resized.slots_[j].item != kNone) j = (j + 1) & resized.mask_;
+    resized.slots_[j] = slot;
   }
-  grown.used_ = used_;
-  std::swap(*this, grown);
+  resized.used_ = used_;
+  std::swap(*this, resized);
 }
 
 size_t JX_SortDir::SoleIndex::SlotOf(size_t hash) const {

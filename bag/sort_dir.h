@@ -99,6 +99,7 @@ class JX_SortDir : public std::enable_shared_from_this<JX_SortDir> {
    public:
     static constexpr uintptr_t kNone = 0;
     static constexpr uintptr_t kSeveral = 1;
+    static constexpr size_t kInitialCapacity = 16;
 
     SoleIndex();
     // kNone, kSeveral, or the address of the one item under `hash`.
@@ -108,11 +109,14 @@ class JX_SortDir : public std::enable_shared_from_this<JX_SortDir> {
         if (slot.item == kNone || slot.hash == hash) return slot.item;
       }
     }
-    // A larger table when one more hash would make this one more than three quarters full; empty
+    // A larger table when one more hash would make this one more than three quarters full, and a
+    // smaller one when this one is less than an eighth full (a directory that shrank should not
+    // keep probing, and missing the cache, across the table of its largest size); empty
     // otherwise. Made without the shard's spin word, handed to Adopt under it.
     std::unique_ptr<SoleIndex> GrownForOneMore() const;
-    // Takes over `grown`'s slots after copying this table's into them; `grown` keeps the old.
-    void Adopt(SoleIndex& grown);
+    std::unique_ptr<SoleIndex> ShrunkIfSparse() const;
+    // Takes over `resized`'s slots after copying this table's into them; `resized` keeps the old.
+    void Adopt(SoleIndex& resized);
     // An entry with `hash` joined the set (there is room: see GrownForOneMore).
     void Add(size_t hash, JX_Stuff* item);
     // After an entry with `hash` left the set: `left` entries of the set still have it, and
