@@ -251,7 +251,8 @@ int32_t CheckinReceipt(KQGP_JXComputeReceipt receipt) {
     return kKQGPComputeCacheInvalidReceipt;
   }
   ReceiptPtr owned(live);  // destroyed and recycled also when the check-in throws
-  owned->Checkin();
+  // The plug-in hands the receipt back for good: no other thread may use it from here on.
+  owned->CheckinUnsharedHandle();
   return 0;
 }
 

@@ -63,6 +63,9 @@ class JX_EXPORT JX_ScCheckout {
   // no other thread can reach (just made and not yet handed out), which keeps the item while it
   // holds it.
   JX_Stuff* GetStuffOfUnsharedHandle() const { return item_.get(); }
+  // Checkin() without the handle's lock, for a handle no other thread can reach any more (one
+  // about to be destroyed): there is nobody for the lock to keep out.
+  void CheckinUnsharedHandle() { CheckinLocked(checkinFlags_, 0.0); }
   // Hands the duty to check in over to the caller: result and check-in flags become 0 and the
   // held item is returned (the handle keeps its pointer but will never check it in).
   IntrusivePtr<JX_Stuff> Release();
