@@ -135,6 +135,7 @@ void SetUseMediaMap(bool use) { gUseMediaMap = use; }
 bool UseMediaMap() { return gUseMediaMap; }
 bool ExchangeGfxpakLimitAllowed(bool allowed) { return gGfxpakLimitAllowed.exchange(allowed); }
 bool PlaybackFromDiskLogic() { return gPlaybackFromDiskLogic.load(std::memory_order_relaxed); }
+void SwitchPlaybackFromDiskLogicOffForTests() { gPlaybackFromDiskLogic.store(false); }
 const zelcore::utility::Guid& CacheIdentity() { return gCacheIdentity; }
 
 }  // namespace jx::settings

@@ -56,6 +56,9 @@ void SetUseMediaMap(bool use);
 bool UseMediaMap();
 bool ExchangeGfxpakLimitAllowed(bool allowed);
 bool PlaybackFromDiskLogic();
+// Tests only: the playback-from-disk logic off again, so that a test that switched it on does not
+// leave it on for the next test run in the same process.
+JX_EXPORT void SwitchPlaybackFromDiskLogicOffForTests();
 
 // This library's cache identity towards the host's media manager (made at load time).
 const zelcore::utility::Guid& CacheIdentity();

@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "host/y_api.h"
+#include "lifecycle/settings.h"
 
 namespace jx::testing {
 
@@ -124,6 +125,7 @@ long long SumOfItemSizes(JX_Bag& bag) {
 void LibraryTest::SetUp() {
   auto& host = StandaloneHost::Instance();
   host.Reset();
+  jx::settings::SwitchPlaybackFromDiskLogicOffForTests();
   host.SetEchoReports(false);
   host.MakeCurrentThreadMain();
   char pattern[] = "/tmp/jxtest.XXXXXX";
