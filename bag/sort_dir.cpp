@@ -3,6 +3,8 @@
 #include "bag/sort_dir.h"
 
 #include <boost/functional/hash.hpp>
+#include <deque>
+#include <new>
 #include <vector>
 
 #include "bag/bag.h"
@@ -16,6 +18,19 @@ using zelcore::threads::ScopedWriteLockWrapper;
 namespace {
 constexpr unsigned int kDirectoryInitialBuckets = 1024;
 constexpr float kDirectoryMaxLoadFactor = 1.0f;
+
+// Frees what `old` owns once the library lock is let go, as all memory is; at once only when
+// there is no memory left to queue it.
+template <class T>
+void FreeOutsideLock(std::unique_ptr<T> old) {
+  if (!old) return;
+  try {
+    std::deque<std::shared_ptr<void>> owners;
+    owners.push_back(std::shared_ptr<T>(std::move(old)));
+    JXp_ScLock::ReleaseOutsideLock(std::move(owners));
+  } catch (const std::bad_alloc&) {
+  }
+}
 
 // Dead: keeps nothing a request could use.
 bool IsDead(const JX_Stuff& s) {
@@ -65,12 +80,15 @@ void JX_SortDir::AddStuff(const StuffPtr& stuff) {
   // Inserted before anything else changes: a refused allocation leaves the directory as it was.
   {
     Shard& shard = ShardOf(hash);
-    // Made before the spin word, and the old slots freed after it.
+    // Made before the spin word; the old slots are freed after the library lock.
     std::unique_ptr<SoleIndex> grown = shard.sole.GrownForOneMore();
-    ShardSpin spin(shard.spin);
-    shard.items.insert(Entry{guid, hash, stuff});
-    if (grown) shard.sole.Adopt(*grown);
-    shard.sole.Add(hash, stuff.get());
+    {
+      ShardSpin spin(shard.spin);
+      shard.items.insert(Entry{guid, hash, stuff});
+      if (grown) shard.sole.Adopt(*grown);
+      shard.sole.Add(hash, stuff.get());
+    }
+    FreeOutsideLock(std::move(grown));
   }
   for (const StuffPtr& old : superseded) {
     if (auto bag = old->GetBag()) bag->RemoveStuffGuts(old, lock, true);
@@ -136,10 +154,13 @@ void JX_SortDir::EraseNode(const StuffPtr& stuff) {
     }
   }
   // Only changes, all under the library lock, write the table: this one may read it without the
-  // spin. The old slots are freed after the spin is let go.
+  // spin. The old slots are freed after the library lock.
   if (std::unique_ptr<SoleIndex> smaller = shard.sole.ShrunkIfSparse()) {
-    ShardSpin spin(shard.spin);
-    shard.sole.Adopt(*smaller);
+    {
+      ShardSpin spin(shard.spin);
+      shard.sole.Adopt(*smaller);
+    }
+    FreeOutsideLock(std::move(smaller));
   }
 }
 
@@ -167,10 +188,8 @@ std::unique_ptr<JX_SortDir::SoleIndex> JX_SortDir::SoleIndex::ShrunkIfSparse() c
 void JX_SortDir::SoleIndex::Adopt(SoleIndex& resized) {
   for (size_t i = 0; i <= mask_; ++i) {
     const Slot& slot = slots_[i];
-    if (slot.item == kNone) continue;
-    size_t j = resized.Home(slot.hash);
-    while (resized.slots_[j].item != kNone) j = (j + 1) & resized.mask_;
-    resized.slots_[j] = slot;
+    // Hashes are unique in a table: the slot found is the first free one of the probe run.
+    if (slot.item != kNone) resized.slots_[resized.SlotOf(slot.hash)] = slot;
   }
   resized.used_ = used_;
   std::swap(*this, resized);
