@@ -85,4 +85,30 @@ TEST_F(FastWriteStreamTest, AnUnclosedStreamWritesNoTail) {
   EXPECT_EQ(file.Size(), 0u);
 }
 
+// Slots past the first are written by the stream's own thread: its failure reaches the caller,
+// later slots are not written after it, and a stream dropped with slots queued does not hang.
+TEST_F(FastWriteStreamTest, ABackgroundFailureReachesTheCallerAndNothingFollowsIt) {
+  File file(dir_ + "/f");
+  file.Create();
+  const size_t slot = FastWriteOnlyStream(file).GetBufferSize() / FastWriteOnlyStream::kSlots;
+  const std::vector<uint8_t> bytes(3 * FastWriteOnlyStream::kSlots * slot + 5, 0x33);
+  FaultInjection::FailNth(FileOp::kWrite, 2, EIO);
+  EXPECT_THROW(
+      {
+        FastWriteOnlyStream stream(file);
+        stream.Write(bytes.data(), bytes.size());
+        stream.Close();
+      },
+      zelcore::filesupport::FileError);
+  EXPECT_EQ(FaultInjection::CallCount(FileOp::kWrite), 2u);
+  EXPECT_LE(file.Size(), FastWriteOnlyStream::kSlots * slot);  // no more than one run of slots
+
+  FaultInjection::Reset();
+  {
+    FastWriteOnlyStream stream(file);
+    stream.Write(bytes.data(), bytes.size());
+  }
+  EXPECT_LT(file.Size(), bytes.size());
+}
+
 }  // namespace

@@ -128,7 +128,7 @@ void JX_Stuff::PrepAndWrite(const std::shared_ptr<JX_Bag>& bag) {
     } else {
       const double seconds = WriteBody(*data, temp);
       if (seconds > 0.0) jx::disk::AddWriteSpeedSample(data->GetApproximateMemorySize(), seconds);
-      save.Commit();
+      save.Commit(SafeSave::Sync::kAlreadySynced);  // the stream's Close synced the data
 
       uint64_t size;
       MemDiskChangedSignal* changed;

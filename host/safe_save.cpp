@@ -74,10 +74,10 @@ SafeSave::~SafeSave() {
   if (!committed_ && temp_.Exists()) DeleteQuietly(temp_);
 }
 
-void SafeSave::Commit() {
+void SafeSave::Commit(Sync sync) {
   if (committed_) return;
   try {
-    SyncFile(temp_);
+    if (sync == Sync::kNeeded) SyncFile(temp_);
     temp_.Rename(target_);
   } catch (...) {
     DeleteQuietly(temp_);

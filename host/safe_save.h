@@ -21,8 +21,10 @@ class SafeSave {
   const File& GetTarget() const { return target_; }
   const File& GetTempFile() const { return temp_; }
   // Syncs the temporary file's data to disk, then renames it over the target. Throws FileError
-  // (and deletes the temporary) on failure.
-  void Commit();
+  // (and deletes the temporary) on failure. A writer that synced the temporary itself, after its
+  // last write, passes kAlreadySynced and saves a second sync.
+  enum class Sync { kNeeded, kAlreadySynced };
+  void Commit(Sync sync = Sync::kNeeded);
   bool IsCommitted() const { return committed_; }
 
   // The suffix every temporary file carries; a folder scan can recognise leftovers by it.
