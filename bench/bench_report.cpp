@@ -1,10 +1,14 @@
 // Turns the benchmark outputs of one run into the comparison table: figure, jxcache, peer or
 // limit, ratio. Ratios are "jxcache relative to the peer": above 1 means jxcache is ahead, for
 // throughputs as for sizes (where the limit is a ceiling). Writes the same rows as JSON.
+// A benchmark found in several files (passes of the same program, run one after the other) counts
+// with the median of its passes, jxcache's and the peers' alike: the speed of a shared machine
+// drifts over seconds, and one pass can catch one side in a slow moment.
 //
 // Usage: bench_report <out.json> <bookkeeping.json> <benchmark.json>... [--extra figures.json...]
 // Benchmark files are Google Benchmark JSON outputs; extra files hold
 // {"figures": [{"figure":..., "jxcache":..., "peer":..., "peer_name":..., "unit":...}]}.
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -27,28 +31,47 @@ struct Row {
   bool higherIsBetter = true;
 };
 
-void LoadBenchmarks(const std::string& path, std::map<std::string, json>& out) {
+using Passes = std::map<std::string, std::vector<json>>;
+
+void LoadBenchmarks(const std::string& path, Passes& out) {
   std::ifstream in(path);
   if (!in) return;
   json doc = json::parse(in, nullptr, false);
   if (doc.is_discarded() || !doc.contains("benchmarks")) return;
   for (auto& b : doc["benchmarks"]) {
     if (b.contains("error_occurred") && b["error_occurred"].get<bool>()) continue;
-    out[b["name"].get<std::string>()] = b;
+    out[b["name"].get<std::string>()].push_back(b);
   }
 }
 
-std::optional<double> Rate(const std::map<std::string, json>& b, const std::string& name) {
+// The median of `field` over the passes of benchmark `name` (the mean of the middle two for an
+// even count); nothing when no pass has it.
+std::optional<double> Median(const Passes& b, const std::string& name, const std::string& field) {
   auto it = b.find(name);
-  if (it == b.end() || !it->second.contains("items_per_second")) return std::nullopt;
-  return it->second["items_per_second"].get<double>();
+  if (it == b.end()) return std::nullopt;
+  std::vector<double> values;
+  for (const json& pass : it->second) {
+    if (pass.contains(field)) values.push_back(pass[field].get<double>());
+  }
+  if (values.empty()) return std::nullopt;
+  std::sort(values.begin(), values.end());
+  const size_t n = values.size();
+  return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
 }
 
-std::optional<double> Counter(const std::map<std::string, json>& b, const std::string& name,
+std::optional<double> Rate(const Passes& b, const std::string& name) {
+  return Median(b, name, "items_per_second");
+}
+
+std::optional<double> Counter(const Passes& b, const std::string& name,
                               const std::string& counter) {
-  auto it = b.find(name);
-  if (it == b.end() || !it->second.contains(counter)) return std::nullopt;
-  return it->second[counter].get<double>();
+  return Median(b, name, counter);
+}
+
+size_t MostPasses(const Passes& b) {
+  size_t most = 0;
+  for (const auto& [name, passes] : b) most = std::max(most, passes.size());
+  return most;
 }
 
 std::string Fmt(std::optional<double> v, const std::string& unit) {
@@ -75,7 +98,7 @@ int main(int argc, char** argv) {
   }
   const std::string outPath = argv[1];
   const std::string bookkeepingPath = argv[2];
-  std::map<std::string, json> b;
+  Passes b;
   std::vector<std::string> extras;
   std::string replayPath;
   bool extra = false;
@@ -169,6 +192,7 @@ int main(int argc, char** argv) {
   }
 
   json out = json::array();
+  if (MostPasses(b) > 1) std::printf("(median of %zu passes)\n", MostPasses(b));
   std::printf("%-62s %14s %14s %8s\n", "figure", "jxcache", "peer/limit", "ratio");
   for (const Row& r : rows) {
     std::optional<double> ratio;
@@ -186,6 +210,6 @@ int main(int argc, char** argv) {
     row["ratio"] = ratio ? json(*ratio) : json(nullptr);
     out.push_back(row);
   }
-  std::ofstream(outPath) << json{{"figures", out}}.dump(2) << "\n";
+  std::ofstream(outPath) << json{{"passes", MostPasses(b)}, {"figures", out}}.dump(2) << "\n";
   return 0;
 }
