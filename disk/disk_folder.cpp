@@ -271,11 +271,14 @@ void JX_Bag::RequestDiskCacheScan() {
 int JX_Bag::ScanDiskCacheDir() {
   ZC_PROFILE_SCOPE("KQ.JX_SortDir::ScanDiskCacheDir", 6);
   if (!IsDiskCacheEnabled()) return 0;
+  // The request is taken under the scan mutex: a caller that finds it taken by another thread
+  // (the deferred disk task, say) returns only once that thread's scan has ended, so that
+  // "request, then scan" always leaves the folder adopted when it returns.
+  std::lock_guard<std::mutex> scanLock(diskScanMutex_);
   const bool requested = diskScanRequested_.exchange(false, std::memory_order_acq_rel);
   if (!requested && !jx::settings::MediaMapAllowed()) return 0;
   // The folder is copied out under the disk mutex and walked without it: adopting a file takes
   // the library lock, and the disk mutex is a leaf.
-  std::lock_guard<std::mutex> scanLock(diskScanMutex_);
   Y::ScQuietErrors quiet;
   const Dir dir = GetDiskCacheDirSpec();
   if (dir.IsEmpty()) return 0;

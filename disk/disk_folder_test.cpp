@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <thread>
 
@@ -243,6 +244,29 @@ TEST_F(DiskFolderTest, ScanHandsOverCacheFilesAndClearsLeftovers) {
   bag_->EnableDiskCache(false);
   bag_->RequestDiskCacheScan();
   EXPECT_EQ(bag_->ScanDiskCacheDir(), 0);
+}
+
+TEST_F(DiskFolderTest, AScanThatFindsTheRequestTakenReturnsOnlyOnceThatScanHasEnded) {
+  // The other scanner is this test's own thread, standing in for the deferred disk task.
+  JX_StopAllAsyncWork();
+  jx::testing::RegisterTestPayloadFactory();
+  constexpr size_t kFiles = 2000;
+  for (size_t i = 0; i < kFiles; ++i) {
+    const uint32_t header[2] = {static_cast<uint32_t>(i), 8};
+    MakeFile(jx::disk::MakeCacheFileName(Guid::CreateUnique(), "TestPayload", bag_->GetAppVersion(),
+                                         reinterpret_cast<const uint8_t*>(header), sizeof header),
+             8);
+  }
+  bag_->RequestDiskCacheScan();
+  std::thread other([&] { bag_->ScanDiskCacheDir(); });
+  // Once the other thread adopts, it holds the request; the caller here finds none left.
+  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+  while (bag_->GetNumItems() == 0 && std::chrono::steady_clock::now() < giveUp) {
+    std::this_thread::yield();
+  }
+  bag_->ScanDiskCacheDir();
+  EXPECT_EQ(bag_->GetNumItems(), kFiles) << "returned while the other scan was still adopting";
+  other.join();
 }
 
 TEST_F(DiskFolderTest, PurgeAllDiskCachesKeepsOnlyPinnedFiles) {
