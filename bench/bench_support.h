@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <random>
 #include <vector>
 
 #include "bag/bag.h"
@@ -38,5 +39,28 @@ void EnsureLibrary();
 const std::vector<zelcore::utility::Guid>& FillBag(size_t count);
 // A request item for `guid`.
 zelcore::utility::IntrusivePtr<JX_Stuff> Request(const zelcore::utility::Guid& guid);
+
+// A host asks with a request it has just built or re-keyed: each lookup re-keys one of a few warm
+// request items (inside the timed loop) with a key drawn from a ring that spans the cache.
+class Requests {
+ public:
+  Requests(const std::vector<zelcore::utility::Guid>& guids, int thread) {
+    std::mt19937 rng(17 + thread);
+    keys_.reserve(kRequestRing);
+    for (size_t i = 0; i < kRequestRing; ++i) keys_.push_back(guids[rng() % guids.size()]);
+    for (auto& item : items_) item = Request(keys_[0]);
+  }
+  const zelcore::utility::IntrusivePtr<JX_Stuff>& Next() {
+    const zelcore::utility::IntrusivePtr<JX_Stuff>& item = items_[next_ & (kItems - 1)];
+    item->SetGuid(keys_[next_++ & (kRequestRing - 1)]);
+    return item;
+  }
+
+ private:
+  static constexpr size_t kItems = 16;
+  std::vector<zelcore::utility::Guid> keys_;
+  zelcore::utility::IntrusivePtr<JX_Stuff> items_[kItems];
+  size_t next_ = 0;
+};
 
 }  // namespace jx::bench

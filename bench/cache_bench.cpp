@@ -4,7 +4,6 @@
 #include <benchmark/benchmark.h>
 
 #include <atomic>
-#include <random>
 
 #include "bench_support.h"
 #include "disk/performance_counters.h"
@@ -23,29 +22,7 @@ namespace {
 constexpr int kHitFlags = cf::kReadOnly | cf::kNoDiskRead;
 
 using jx::bench::kRequestRing;
-
-// A host asks with a request it has just built or re-keyed: each lookup re-keys one of a few warm
-// request items (inside the timed loop) with a key drawn from a ring that spans the cache.
-class Requests {
- public:
-  Requests(const std::vector<Guid>& guids, int thread) {
-    std::mt19937 rng(17 + thread);
-    keys_.reserve(kRequestRing);
-    for (size_t i = 0; i < kRequestRing; ++i) keys_.push_back(guids[rng() % guids.size()]);
-    for (auto& item : items_) item = Request(keys_[0]);
-  }
-  const IntrusivePtr<JX_Stuff>& Next() {
-    const IntrusivePtr<JX_Stuff>& item = items_[next_ & (kItems - 1)];
-    item->SetGuid(keys_[next_++ & (kRequestRing - 1)]);
-    return item;
-  }
-
- private:
-  static constexpr size_t kItems = 16;
-  std::vector<Guid> keys_;
-  IntrusivePtr<JX_Stuff> items_[kItems];
-  size_t next_ = 0;
-};
+using jx::bench::Requests;
 
 // Fills the bag before the benchmark's threads start, so that none reads it while it is filled.
 void FillForHits(const benchmark::State& state) { FillBag(static_cast<size_t>(state.range(0))); }
