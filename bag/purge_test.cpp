@@ -15,36 +15,23 @@
 #include "host/feature.h"
 #include "host/media_manager.h"
 #include "host/standalone_host.h"
-#include "host/trace.h"
 #include "items/sc_checkout.h"
 #include "lifecycle/settings.h"
+#include "mediamap/media_map_hooks.h"
 #include "testing/jx_test_support.h"
 
 namespace cf = jx::checkout_flags;
 using jx::StandaloneHost;
 using jx::testing::LibraryTest;
 using jx::testing::MakeItem;
+using jx::testing::PayloadOf;
 using jx::testing::SumOfItemSizes;
 using jx::testing::TestPayload;
 using jx::testing::ThrownCode;
-using zelcore::debug::Tracing;
 using zelcore::utility::Guid;
 using zelcore::utility::IntrusivePtr;
 
 namespace {
-
-// Turns the categories of `config` on and collects their lines for the life of the scope.
-struct TraceLines {
-  explicit TraceLines(const std::string& config) {
-    Tracing::Configure(config);
-    Tracing::SetSink([this](const char*, int, const std::string& text) { lines.push_back(text); });
-  }
-  ~TraceLines() {
-    Tracing::SetSink(nullptr);
-    Tracing::Configure("");
-  }
-  std::vector<std::string> lines;  // single-threaded tests only
-};
 
 // Queues its memory like any payload, then makes the host's memory limits fail.
 class LimitsFailAfterPurgePayload : public TestPayload {
@@ -93,32 +80,48 @@ class PurgeTest : public LibraryTest {
     }
     return items;
   }
+  // Counts the payloads whose memory goes from now on, and those that go under the library lock.
+  void CountReleases() {
+    TestPayload::OnRelease() = [this] {
+      ++released_;
+      if (JXp_ScLock::IsLockedByCurrentThread()) ++releasedUnderLock_;
+    };
+  }
+  long long InMemory() const { return bag_->GetInMemoryCacheSizeInBytes_LockFree(); }
+
+  int released_ = 0, releasedUnderLock_ = 0;
 };
 
-TEST_F(PurgeTest, StopsWhenTheHostIsSatisfiedAndIgnoresTheArgument) {
-  for (unsigned long long argument : {0ull, 1ull << 40}) {
-    auto items = AddItems(6, 50, false);
-    jx::ScAmountToPurge amount(120);
-    bag_->FreeUpSomeMemory(argument);
-    // 120 bytes asked: three items of 50, oldest first.
-    for (int i = 0; i < 6; ++i) EXPECT_EQ(items[i]->IsInMemory(), i >= 3) << i;
+// The host's amount, never the argument, says when a purge has done enough; the floor stops one
+// the host would let run on.
+TEST_F(PurgeTest, StopsWhenTheHostIsSatisfiedOrAtTheFloor) {
+  const struct {
+    int items;
+    unsigned long long hostAmount, argument;
+    int freed;  // the oldest ones
+  } cases[] = {
+      {6, 120, 0, 3},           // three items of 50 cover 120 bytes
+      {6, 120, 1ull << 40, 3},  // the argument is not consulted
+      {10, 1 << 20, 0, 9},      // 500 -> 50: frees while the cache holds the floor's 100 bytes
+  };
+  for (const auto& c : cases) {
+    auto items = AddItems(c.items, 50, false);
+    jx::ScAmountToPurge amount(c.hostAmount);
+    bag_->FreeUpSomeMemory(c.argument);
+    for (int i = 0; i < c.items; ++i) EXPECT_EQ(items[i]->IsInMemory(), i >= c.freed) << i;
+    EXPECT_EQ(InMemory(), 50 * (c.items - c.freed));
+    EXPECT_EQ(InMemory(), SumOfItemSizes(*bag_));
     bag_->ClearBagAndSortDir();
   }
 }
 
-TEST_F(PurgeTest, StopsAtTheFloor) {
-  auto items = AddItems(10, 50, false);
-  jx::PurgeOverBudget(*bag_, 1 << 20);
-  // Frees while the cache holds at least 100 bytes: 500 -> 50.
-  EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 50);
-  EXPECT_TRUE(items.back()->IsInMemory());
-  EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), SumOfItemSizes(*bag_));
-}
-
+// Pass 0 frees only items with a disk copy, pass 1 any. The host is asked again only after an
+// item that freed something, and that carries from pass 0 into pass 1: a host satisfied by pass
+// 0's very last item gets nothing more.
 TEST_F(PurgeTest, DiskBackedItemsGoFirstAndKeepTheirPlace) {
   auto plain = AddItems(3, 50, false);
   auto backed = AddItems(3, 50, true);
-  const uint64_t examined = JX_GetPurgeExaminedCount();
+  uint64_t examined = JX_GetPurgeExaminedCount();
   jx::PurgeOverBudget(*bag_, 100);
   EXPECT_EQ(JX_GetPurgeExaminedCount() - examined, 5u) << "three passed over, two freed";
   EXPECT_FALSE(backed[0]->IsInMemory());
@@ -127,8 +130,13 @@ TEST_F(PurgeTest, DiskBackedItemsGoFirstAndKeepTheirPlace) {
   for (auto& p : plain) EXPECT_TRUE(p->IsInMemory()) << "older, but without a disk copy";
   EXPECT_TRUE(backed[0]->GetBag()) << "a disk copy is worth keeping the item for";
   EXPECT_EQ(bag_->GetNumItems(), 6);
-  EXPECT_GT(bag_->GetLastPurgedUsedTime(), 0u);
   EXPECT_EQ(bag_->GetLastPurgedUsedTime(), backed[1]->GetLastUsedTime());
+
+  examined = JX_GetPurgeExaminedCount();
+  jx::PurgeOverBudget(*bag_, 50);
+  EXPECT_FALSE(backed[2]->IsInMemory());
+  for (auto& p : plain) EXPECT_TRUE(p->IsInMemory());
+  EXPECT_EQ(JX_GetPurgeExaminedCount() - examined, 6u) << "pass 1 stops before its first item";
 }
 
 TEST_F(PurgeTest, PlaybackFromDiskLogicGoesByRecencyAlone) {
@@ -144,85 +152,56 @@ TEST_F(PurgeTest, PlaybackFromDiskLogicGoesByRecencyAlone) {
   EXPECT_EQ(bag_->GetNumGuidSortedItems(), 4);
 }
 
-TEST_F(PurgeTest, AHostSatisfiedByTheLastItemOfPassZeroIsNotAskedForMore) {
-  auto plain = AddItems(2, 50, false);
-  auto backed = AddItems(1, 50, true);
-  TraceLines traces("JX_Purge:6");
-  jx::PurgeOverBudget(*bag_, 50);
-  EXPECT_FALSE(backed[0]->IsInMemory());
-  for (auto& p : plain) EXPECT_TRUE(p->IsInMemory()) << "pass 1 stops before its first item";
-  // Pass 0 ran off its end without meeting a stop rule, so it did not succeed.
-  const std::string pass =
-      "Pass-Stats: pass, totalStuffs, attemptedStuffs, freedStuffs, amountFreedInPass, "
-      "amtToPurge, success:";
-  EXPECT_EQ(traces.lines, (std::vector<std::string>{
-                              "Stuff-Stats: pass, index, stuffFreedAmount, amtToPurge:0, 2, 50, 50",
-                              pass + "0, 3, 1, 1, 50, 50, 0",
-                              pass + "1, 3, 0, 0, 0, 50, 1",
-                          }));
-}
-
-TEST_F(PurgeTest, CheckedOutAndRefusingItemsAreSkipped) {
-  auto items = AddItems(4, 50, false);
-  static_cast<TestPayload*>(items[1]->GetDataPtr().get())->SetAllowPurge(false);
+// A checked-out item and one whose payload refuses are passed over, and keep their places. The
+// freed memory goes only after the library lock is let go: freeing a large payload under it
+// would stall every thread waiting for it.
+TEST_F(PurgeTest, SkipsHeldAndRefusingItemsAndFreesMemoryOutsideTheLock) {
+  auto items = AddItems(5, 50, false);
+  PayloadOf(*items[1])->SetAllowPurge(false);
   JX_ScCheckout held(items[0], cf::kReadOnly);
   const uint64_t heldTime = items[0]->GetLastUsedTime();
-  jx::PurgeOverBudget(*bag_, 50);
-  EXPECT_TRUE(items[0]->IsInMemory());
-  EXPECT_TRUE(items[1]->IsInMemory());
-  EXPECT_FALSE(items[2]->GetBag());
-  EXPECT_TRUE(items[3]->IsInMemory());
-  EXPECT_EQ(items[0]->GetLastUsedTime(), heldTime);
-  EXPECT_EQ(bag_->CopyMruItems().front(), items[0]) << "a checked-out item keeps its place";
-}
-
-TEST_F(PurgeTest, MemoryAndTheHostsRecycledMemoryGoAfterTheLibraryLockIsFree) {
-  auto items = AddItems(5, 50, false);
-  int released = 0, releasedUnderLock = 0;
-  TestPayload::OnRelease() = [&] {
-    ++released;
-    if (JXp_ScLock::IsLockedByCurrentThread()) ++releasedUnderLock;
-  };
+  CountReleases();
   std::vector<uint64_t> told;
   int toldUnderLock = 0, releasedWhenTold = -1;
   StandaloneHost::Instance().SetRecycledMemoryPurgeObserver([&](uint64_t bytes) {
     told.push_back(bytes);
     toldUnderLock += JXp_ScLock::IsLockedByCurrentThread();
-    releasedWhenTold = released;
+    releasedWhenTold = released_;
   });
   jx::PurgeOverBudget(*bag_, 150);
-  EXPECT_EQ(released, 3);
-  EXPECT_EQ(releasedUnderLock, 0);
+  EXPECT_TRUE(items[0]->IsInMemory());
+  EXPECT_TRUE(items[1]->IsInMemory());
+  for (int i = 2; i < 5; ++i) EXPECT_FALSE(items[i]->GetBag()) << i;
+  EXPECT_EQ(items[0]->GetLastUsedTime(), heldTime);
+  EXPECT_EQ(bag_->CopyMruItems().front(), items[0]) << "a checked-out item keeps its place";
+  EXPECT_EQ(released_, 3);
+  EXPECT_EQ(releasedUnderLock_, 0);
   EXPECT_EQ(told, std::vector<uint64_t>{150}) << "told once, the call's total";
   EXPECT_EQ(toldUnderLock, 0);
   EXPECT_EQ(releasedWhenTold, 0) << "the host hears of it before the blocks go";
 
   // Nothing freed: the host is not told.
-  for (auto& i : items) static_cast<TestPayload*>(i->GetDataPtr().get())->SetAllowPurge(false);
   jx::PurgeOverBudget(*bag_, 150);
   EXPECT_EQ(told.size(), 1u);
 }
 
+// An exception out of the walk must still release what was queued, outside the lock.
 TEST_F(PurgeTest, FailingMemoryLimitsEscapeWithTheQueueReleasedAndExactBooks) {
   auto first = Add(new LimitsFailAfterPurgePayload(50));
   auto rest = AddItems(3, 50, false);
-  int released = 0, releasedUnderLock = 0;
-  TestPayload::OnRelease() = [&] {
-    ++released;
-    if (JXp_ScLock::IsLockedByCurrentThread()) ++releasedUnderLock;
-  };
+  CountReleases();
   // The first item goes into the deferred queue; the floor check before the second throws.
   const int thrown = ThrownCode([&] { jx::PurgeOverBudget(*bag_, 100); });
   StandaloneHost::Instance().SetMemUsageLimitsStatus(0);
   EXPECT_EQ(thrown, -12);
-  EXPECT_EQ(released, 1) << "the queued block, once";
-  EXPECT_EQ(releasedUnderLock, 0);
+  EXPECT_EQ(released_, 1) << "the queued block, once";
+  EXPECT_EQ(releasedUnderLock_, 0);
   EXPECT_FALSE(first->GetBag()) << "freed and, keeping nothing, removed";
   for (auto& i : rest) EXPECT_TRUE(i->IsInMemory());
   EXPECT_EQ(bag_->GetNumItems(), 3);
   EXPECT_EQ(bag_->GetNumGuidSortedItems(), 3);
-  EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 150);
-  EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), SumOfItemSizes(*bag_));
+  EXPECT_EQ(InMemory(), 150);
+  EXPECT_EQ(InMemory(), SumOfItemSizes(*bag_));
 }
 
 TEST_F(PurgeTest, AnItemKeepingNothingLeavesAndCountsItsNotedSize) {
@@ -243,12 +222,12 @@ TEST_F(PurgeTest, EmptyBagAndPurgeAll) {
   jx::PurgeOverBudget(*bag_, 100);
   EXPECT_EQ(bag_->GetLastPurgedUsedTime(), 0u);
   auto items = AddItems(3, 10, false);  // below the floor: the walk would free nothing
-  static_cast<TestPayload*>(items[0]->GetDataPtr().get())->SetAllowPurge(false);
+  PayloadOf(*items[0])->SetAllowPurge(false);
   jx::PurgeOverBudget(*bag_, 100);
   EXPECT_EQ(bag_->GetNumItems(), 3);
   bag_->PurgeAllMemoryCaches();  // ignores the floor, the host and the payload's wish
   EXPECT_EQ(bag_->GetNumItems(), 0);
-  EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 0);
+  EXPECT_EQ(InMemory(), 0);
 }
 
 class PurgeMediaMapTest : public PurgeTest {
@@ -260,28 +239,20 @@ class PurgeMediaMapTest : public PurgeTest {
   }
 };
 
-TEST_F(PurgeMediaMapTest, TracesTheSizesAfterEachItem) {
+// An item freed but kept for its disk copy stays in the bag, so nothing on the way out erases
+// its media-map entry: the purge must, or the host would keep counting bytes that are gone.
+TEST_F(PurgeMediaMapTest, FreedItemsLeaveTheMediaMap) {
   auto backed = AddItems(1, 50, true)[0];
   auto plain = AddItems(1, 60, false)[0];
-  const std::string plainGuid = plain->GetGuid().AsString();
+  ASSERT_EQ(JX_MediaMapSizeBytes(), 110u);
   JX_Stuff::ReleaseQueue queue;
-  TraceLines traces("JX_MediaMap:6");
-  backed->FreeUpAsMuchAsPossible(true, &queue);  // freed, kept for its disk copy: entry erased
-  backed->FreeUpAsMuchAsPossible(true, &queue);  // nothing left to free
-  plain->FreeUpAsMuchAsPossible(true, &queue);   // freed and removed, which erases the entry
-  EXPECT_EQ(traces.lines,
-            (std::vector<std::string>{
-                "FreeUpAsMuchAsPossible  JX Cache size 60 num entries = 2 MediaMap size 60 "
-                "num entries = 1",
-                "Stuff was purged from Strandel  JX Cache size 60 num entries = 2 MediaMap size "
-                "60 num entries = 1",
-                "FreeUpAsMuchAsPossible - couldn't free anything  JX Cache size 60 num entries = "
-                "2 MediaMap size 60 num entries = 1 freed_anything = 0 removedFromBag = 0",
-                "Removed stuff " + plainGuid +
-                    " JX Cache size 0 num entries = 1 MediaMap size 0 num entries = 0",
-                "FreeUpAsMuchAsPossible  JX Cache size 0 num entries = 1 MediaMap size 0 "
-                "num entries = 0",
-            }));
+  EXPECT_EQ(backed->FreeUpAsMuchAsPossible(true, &queue), 50u);
+  EXPECT_TRUE(backed->GetBag());
+  EXPECT_EQ(JX_MediaMapSizeBytes(), 60u);
+  EXPECT_EQ(JX_MediaMapEntryCount(), 1u);
+  EXPECT_EQ(plain->FreeUpAsMuchAsPossible(true, &queue), 60u);  // freed and removed
+  EXPECT_EQ(JX_MediaMapSizeBytes(), 0u);
+  EXPECT_EQ(JX_MediaMapEntryCount(), 0u);
 }
 
 // The fixed limit for templates is a feature read once per process, so this purge runs in a
