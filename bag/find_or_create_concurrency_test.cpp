@@ -1,5 +1,6 @@
 // Find-or-create under contention: one creator per key, every waiter released, no thread ever
-// blocked on its own render or while holding a notifying host lock; and a mixed stress run.
+// blocked on its own render or while holding a notifying host lock; read-only searches without
+// the library lock taking only what a locked search could have returned; and a mixed stress run.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -25,20 +26,34 @@ using zelcore::utility::IntrusivePtr;
 
 namespace {
 
-class FindOrCreateTest : public LibraryTest {};
-
 constexpr int kFindOrCreate = cf::kReadOnly | cf::kCreatePending | cf::kWaitAlways;
+
+class FindOrCreateTest : public LibraryTest {
+ protected:
+  JX_CheckoutResult Ask(const Guid& key, int flags, IntrusivePtr<JX_Stuff>* found) {
+    bool created = false;
+    return bag_->FindAndCheckout(MakeRequest(key), flags, found, &created);
+  }
+  // Once every thread is done, nothing is checked out and the totals are what the payloads hold.
+  void ExpectAtRest() {
+    EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut.load(), 0);
+    EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 0);
+    EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), PayloadBytesInBag(*bag_));
+    EXPECT_EQ(bag_->GetNumMruSortedItems(), bag_->GetNumGuidSortedItems());
+  }
+};
+class UnlockedSearchTest : public FindOrCreateTest {};
 
 // Rounds of N threads asking for one new key at once. The creator fills the item (or abandons it
 // every third round); every other thread must come back with the creator's payload, or nothing.
 TEST_F(FindOrCreateTest, ExactlyOneCreatorAndEveryWaiterReleased) {
   constexpr int kThreads = 4;
   constexpr int kRounds = 60;
-  std::vector<Guid> keys(kRounds);
-  for (auto& k : keys) k = Guid::CreateUnique();
-  std::atomic<int> creators[kRounds] = {};
-  std::atomic<int> gotPayload[kRounds] = {};
-  std::atomic<int> gotNothing[kRounds] = {};
+  struct Round {
+    Guid key = Guid::CreateUnique();
+    std::atomic<int> creators{0}, payloads{0}, nothing{0};
+  };
+  std::vector<Round> rounds(kRounds);
   std::barrier sync(kThreads);
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
@@ -46,11 +61,9 @@ TEST_F(FindOrCreateTest, ExactlyOneCreatorAndEveryWaiterReleased) {
       for (int r = 0; r < kRounds; ++r) {
         sync.arrive_and_wait();
         IntrusivePtr<JX_Stuff> found;
-        bool created = false;
-        JX_CheckoutResult res =
-            bag_->FindAndCheckout(MakeRequest(keys[r]), kFindOrCreate, &found, &created);
+        const JX_CheckoutResult res = Ask(rounds[r].key, kFindOrCreate, &found);
         if (res == kJX_CreatedPending) {
-          creators[r].fetch_add(1);
+          ++rounds[r].creators;
           std::this_thread::sleep_for(std::chrono::microseconds(200));
           if (r % 3 == 2) {
             found->SetStuffDataFromPendingRender({}, 0.0);  // the render failed
@@ -62,59 +75,122 @@ TEST_F(FindOrCreateTest, ExactlyOneCreatorAndEveryWaiterReleased) {
         } else if (res == kJX_CheckedOut) {
           auto* payload = dynamic_cast<TestPayload*>(found->GetDataPtr().get());
           EXPECT_FALSE(found->IsPendingRender());
-          ASSERT_NE(payload, nullptr);
-          EXPECT_EQ(payload->Seed(), static_cast<uint32_t>(r));
-          EXPECT_TRUE(payload->Verify());
-          gotPayload[r].fetch_add(1);
+          EXPECT_TRUE(payload && payload->Seed() == static_cast<uint32_t>(r) && payload->Verify());
+          ++rounds[r].payloads;
           found->Checkin(0, 0.0);
         } else {
-          gotNothing[r].fetch_add(1);
+          ++rounds[r].nothing;
         }
       }
     });
   }
   for (auto& t : threads) t.join();
+  ExpectAtRest();
   for (int r = 0; r < kRounds; ++r) {
+    const Round& round = rounds[r];
     if (r % 3 == 2) {
       // Waiters of an abandoned render get nothing. A thread that arrives only after the
       // abandonment finds the key free and starts a fresh attempt of its own.
-      EXPECT_GE(creators[r].load(), 1) << "round " << r;
-      EXPECT_EQ(gotPayload[r].load(), 0) << "round " << r;
-      EXPECT_EQ(creators[r].load() + gotNothing[r].load(), kThreads) << "round " << r;
+      EXPECT_GE(round.creators, 1) << "round " << r;
+      EXPECT_EQ(round.payloads, 0) << "round " << r;
+      EXPECT_EQ(round.creators + round.nothing, kThreads) << "round " << r;
     } else {
-      EXPECT_EQ(creators[r].load(), 1) << "round " << r;
-      EXPECT_EQ(gotNothing[r].load(), 0) << "round " << r;
-      EXPECT_EQ(gotPayload[r].load(), kThreads - 1) << "round " << r;
+      EXPECT_EQ(round.creators, 1) << "round " << r;
+      EXPECT_EQ(round.payloads, kThreads - 1) << "round " << r;
     }
   }
-  EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 0);
-  EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), PayloadBytesInBag(*bag_));
 }
 
+// No thread may block on a pending item where the render could never finish: the renderer
+// asking again for its own key, or a thread holding a notifying host lock. Asked here without a
+// payload (regression): such a request has no find-key data, and the pending item must still
+// answer by GUID instead of every caller creating its own.
 TEST_F(FindOrCreateTest, HostLockHolderAndRendererNeverBlock) {
   const Guid key = Guid::CreateUnique();
-  IntrusivePtr<JX_Stuff> pending;
-  bool created = false;
-  ASSERT_EQ(bag_->FindAndCheckout(MakeRequest(key), kFindOrCreate, &pending, &created),
-            kJX_CreatedPending);
-  // The renderer asking again for its own key: no wait, no second pending item.
-  IntrusivePtr<JX_Stuff> again;
-  EXPECT_EQ(bag_->FindAndCheckout(MakeRequest(key), kFindOrCreate, &again, &created),
-            kJX_CheckoutRefused);
+  auto ask = [&](IntrusivePtr<JX_Stuff>* found) {
+    auto bare = JX_Stuff::CreateNew({}, 0.0);
+    bare->SetGuid(key);
+    bool created = false;
+    return bag_->FindAndCheckout(bare, kFindOrCreate, found, &created);
+  };
+  IntrusivePtr<JX_Stuff> pending, again;
+  ASSERT_EQ(ask(&pending), kJX_CreatedPending);
+  EXPECT_EQ(ask(&again), kJX_CheckoutRefused) << "no wait, no second pending item";
   EXPECT_EQ(bag_->GetNumGuidSortedItems(), 1);
-
   std::thread holder([&] {
     Y::ScNotifyHoldingMutexLock hostLock;
     IntrusivePtr<JX_Stuff> found;
-    bool c = false;
     // Would wait for ever if it blocked: the renderer fills only after this thread is done.
-    EXPECT_EQ(bag_->FindAndCheckout(MakeRequest(key), kFindOrCreate, &found, &c), kJX_CheckedOut);
+    EXPECT_EQ(ask(&found), kJX_CheckedOut);
+    EXPECT_EQ(found, pending);
     EXPECT_TRUE(found->IsPendingRender()) << "handed back as it stands";
     found->Checkin(0, 0.0);
   });
   holder.join();
   pending->SetStuffDataFromPendingRender(IntrusivePtr<JX_StuffData>(new TestPayload(8)), 0.0);
   pending->Checkin(0, 0.0);
+  ASSERT_EQ(ask(&again), kJX_CheckedOut);
+  EXPECT_EQ(again, pending);
+  again->Checkin(0, 0.0);
+  EXPECT_EQ(bag_->GetNumGuidSortedItems(), 1);
+}
+
+// Whatever a read-only search takes without the library lock must be an item under the GUID
+// asked for, in the bag, with its payload, while other threads re-key, take writeable, remove and
+// re-add the very items being searched for.
+TEST_F(UnlockedSearchTest, WhatASearchTakesIsUnderItsKeyInTheBagAndReadable) {
+  constexpr int kItems = 8;
+  constexpr int kSearches = 20000;
+  std::vector<Guid> home(kItems), away(kItems);
+  std::vector<IntrusivePtr<JX_Stuff>> items;
+  for (int i = 0; i < kItems; ++i) {
+    home[i] = Guid::CreateUnique();
+    away[i] = Guid::CreateUnique();
+    items.push_back(MakeItem(64, home[i]));
+    bag_->AddToBagAndSortDir(items.back());
+  }
+  std::atomic<bool> stop{false};
+  std::atomic<int> wrong{0}, hits{0};
+  // Re-keys items through writeable check-outs (out of the directory and back under the other
+  // GUID), and takes others out of the bag and puts them back.
+  std::thread changer([&] {
+    for (unsigned n = 0; !stop.load(std::memory_order_relaxed); ++n) {
+      const int i = static_cast<int>(n % kItems);
+      if (n % 3 == 0) {
+        items[i]->RemoveFromBagAndSortDir();
+        bag_->AddToBagAndSortDir(items[i]);
+      } else if (items[i]->Checkout(0) == kJX_CheckedOut) {
+        const Guid now = items[i]->GetGuid();
+        items[i]->SetGuid(now == home[i] ? away[i] : home[i]);
+        items[i]->Checkin(0, 0.0);
+      }
+    }
+  });
+  std::vector<std::thread> searchers;
+  for (int t = 0; t < 2; ++t) {
+    searchers.emplace_back([&, t] {
+      for (int n = 0; n < kSearches; ++n) {
+        const int i = (n + t) % kItems;
+        const Guid& want = n % 2 ? home[i] : away[i];
+        IntrusivePtr<JX_Stuff> found;
+        if (Ask(want, cf::kReadOnly, &found) != kJX_CheckedOut) continue;
+        hits.fetch_add(1, std::memory_order_relaxed);
+        // A read-only check-out keeps the item from being re-keyed by the changer, which needs
+        // a writeable one: its key is the one it was found under.
+        if (found->GetGuid() != want || !found->IsInMemory() || found.get() != items[i].get()) {
+          wrong.fetch_add(1);
+        }
+        found->Checkin(0, 0.0);
+      }
+    });
+  }
+  for (auto& s : searchers) s.join();
+  stop = true;
+  changer.join();
+  EXPECT_EQ(wrong.load(), 0);
+  EXPECT_GT(hits.load(), 0);
+  EXPECT_EQ(bag_->GetNumItems(), kItems);
+  ExpectAtRest();
 }
 
 // Threads over a small hot key set: find-or-create with waits, read and writeable check-outs,
@@ -136,8 +212,7 @@ TEST_F(FindOrCreateTest, MixedOperationsKeepTheCountersConsistent) {
         const int op = static_cast<int>(rng() % 10);
         const int flags = op < 3 ? (kFindOrCreate & ~cf::kReadOnly) : kFindOrCreate;
         IntrusivePtr<JX_Stuff> found;
-        bool created = false;
-        JX_CheckoutResult res = bag_->FindAndCheckout(MakeRequest(key), flags, &found, &created);
+        const JX_CheckoutResult res = Ask(key, flags, &found);
         if (res == kJX_CreatedPending) {
           if (op == 9) {
             found->SetStuffDataFromPendingRender({}, 0.0);
@@ -162,18 +237,12 @@ TEST_F(FindOrCreateTest, MixedOperationsKeepTheCountersConsistent) {
     });
   }
   for (auto& t : threads) t.join();
-  EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 0);
-  EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), PayloadBytesInBag(*bag_));
-  EXPECT_EQ(bag_->GetNumMruSortedItems(), bag_->GetNumGuidSortedItems());
-  EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut.load(), 0);
+  ExpectAtRest();
   // Every request here is the same one, so supersession leaves one item per key, and each item
   // must be found under the key it holds now, however often it was re-keyed.
   for (auto& s : bag_->CopyMruItems()) {
-    EXPECT_EQ(s->GetCheckoutCount(), 0u);
     IntrusivePtr<JX_Stuff> found;
-    bool created = false;
-    EXPECT_EQ(bag_->FindAndCheckout(MakeRequest(s->GetGuid()), cf::kReadOnly, &found, &created),
-              kJX_CheckedOut);
+    EXPECT_EQ(Ask(s->GetGuid(), cf::kReadOnly, &found), kJX_CheckedOut);
     EXPECT_EQ(found, s);
     if (found) found->Checkin(0, 0.0);
   }

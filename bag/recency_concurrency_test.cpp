@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <future>
 #include <mutex>
 #include <thread>
 
@@ -19,41 +20,36 @@ using zelcore::utility::IntrusivePtr;
 
 namespace {
 
-// Holds the library lock on a thread of its own until Release(): nothing can apply the notes
+// Holds the library lock on a thread of its own for its lifetime: nothing can apply the notes
 // meanwhile, not even a thread that ends.
 class LockHolder {
  public:
-  LockHolder() : thread_([this] { Run(); }) {
-    std::unique_lock<std::mutex> l(m_);
-    cv_.wait(l, [this] { return holding_; });
-  }
-  ~LockHolder() { Release(); }
-  void Release() {
-    {
-      std::lock_guard<std::mutex> l(m_);
-      release_ = true;
-    }
-    cv_.notify_all();
-    if (thread_.joinable()) thread_.join();
+  LockHolder() { held_.get_future().wait(); }
+  ~LockHolder() {
+    release_.set_value();
+    thread_.join();
   }
 
  private:
-  void Run() {
+  std::promise<void> held_, release_;
+  std::future<void> released_ = release_.get_future();
+  std::thread thread_{[this] {
     JXp_ScLock lock;
-    std::unique_lock<std::mutex> l(m_);
-    holding_ = true;
-    cv_.notify_all();
-    cv_.wait(l, [this] { return release_; });
-  }
-  std::mutex m_;
-  std::condition_variable cv_;
-  bool holding_ = false;
-  bool release_ = false;
-  std::thread thread_;
+    held_.set_value();
+    released_.wait();
+  }};
 };
 
 class RecencyTest : public LibraryTest {
  protected:
+  std::vector<IntrusivePtr<JX_Stuff>> AddItems(int n) {
+    std::vector<IntrusivePtr<JX_Stuff>> items;
+    for (int i = 0; i < n; ++i) {
+      items.push_back(MakeItem(10 * (i + 1)));
+      bag_->AddToBagAndSortDir(items.back());
+    }
+    return items;
+  }
   std::vector<JX_Stuff*> Order() {
     std::vector<JX_Stuff*> order;
     for (auto& s : bag_->CopyMruItems()) order.push_back(s.get());
@@ -66,8 +62,8 @@ class RecencyTest : public LibraryTest {
 };
 
 TEST_F(RecencyTest, NotedMovesShowInStampOrderAndThePurgeFreesTheOldest) {
-  auto a = MakeItem(10), b = MakeItem(20), c = MakeItem(30), d = MakeItem(40);
-  for (auto& s : {a, b, c, d}) bag_->AddToBagAndSortDir(s);
+  auto items = AddItems(4);
+  auto &a = items[0], &b = items[1], &c = items[2], &d = items[3];
   const uint64_t aBefore = a->GetLastUsedTime();
   {
     LockHolder holder;
@@ -83,44 +79,39 @@ TEST_F(RecencyTest, NotedMovesShowInStampOrderAndThePurgeFreesTheOldest) {
   }
   EXPECT_EQ(Order(), (std::vector<JX_Stuff*>{d.get(), c.get(), a.get(), b.get()}));
 
-  // A purge goes by the same order: d is the oldest, then c.
+  // A note older than an immediate move of its item is stale (a writeable check-in moves d at
+  // once), and a note of an item that left the bag and died (b's: the note's reference is weak)
+  // changes nothing.
   {
     LockHolder holder;
     Use(d);
+    Use(a);
+  }
+  ASSERT_EQ(d->Checkout(0), kJX_CheckedOut);
+  d->Checkin(0, 0.0);
+  Use(b);
+  b->RemoveFromBagAndSortDir();
+  b.reset();
+  EXPECT_EQ(Order(), (std::vector<JX_Stuff*>{c.get(), a.get(), d.get()}));
+  EXPECT_EQ(bag_->GetNumMruSortedItems(), 3);
+  EXPECT_EQ(bag_->GetNumGuidSortedItems(), 3);
+
+  // A purge applies the notes first: c, noted last, is not the oldest any more; a is.
+  {
+    LockHolder holder;
+    Use(c);
   }
   jx::StandaloneHost::Instance().SetMemoryLimit(100);  // a floor of 10 bytes
   jx::PurgeOverBudget(*bag_, 1);
+  EXPECT_FALSE(a->IsInMemory());
+  EXPECT_TRUE(c->IsInMemory());
   EXPECT_TRUE(d->IsInMemory());
-  EXPECT_FALSE(c->IsInMemory());
-  EXPECT_TRUE(a->IsInMemory());
-}
-
-TEST_F(RecencyTest, StaleNotesAndNotesOfItemsThatLeftOrDiedChangeNothing) {
-  auto a = MakeItem(10), b = MakeItem(20), c = MakeItem(30);
-  for (auto& s : {a, b, c}) bag_->AddToBagAndSortDir(s);
-  {
-    LockHolder holder;
-    Use(a);
-    Use(b);
-    Use(c);
-  }
-  // A newer note of a: the older one is stale.
-  Use(a);
-  b->RemoveFromBagAndSortDir();
-  b.reset();  // the note's reference is weak: the item dies here
-  EXPECT_EQ(Order(), (std::vector<JX_Stuff*>{c.get(), a.get()}));
-  EXPECT_EQ(bag_->GetNumMruSortedItems(), 2);
-  EXPECT_EQ(bag_->GetNumGuidSortedItems(), 2);
 }
 
 // Two threads take turns using items; their logs are applied together, interleaved by stamp.
 TEST_F(RecencyTest, TwoThreadsMovesInterleaveByStamp) {
   constexpr int kItems = 40;
-  std::vector<IntrusivePtr<JX_Stuff>> items;
-  for (int i = 0; i < kItems; ++i) {
-    items.push_back(MakeItem(10));
-    bag_->AddToBagAndSortDir(items.back());
-  }
+  auto items = AddItems(kItems);
   // Uses in turn: item k by thread k % 2, in the reverse of the order they were added.
   std::mutex m;
   std::condition_variable cv;
@@ -157,12 +148,8 @@ TEST_F(RecencyTest, TwoThreadsMovesInterleaveByStamp) {
 TEST_F(RecencyTest, AWrappingLogAppliedMeanwhileKeepsEveryMove) {
   constexpr int kItems = 50;
   constexpr int kUses = 5000;  // about twenty times a log's room
-  std::vector<IntrusivePtr<JX_Stuff>> items;
-  for (int i = 0; i < kItems; ++i) {
-    items.push_back(MakeItem(10));
-    bag_->AddToBagAndSortDir(items.back());
-  }
   constexpr int kUsesPerMeeting = 300;
+  auto items = AddItems(kItems);
   std::atomic<bool> done{false};
   std::atomic<int> applies{0};
   std::thread user([&] {
