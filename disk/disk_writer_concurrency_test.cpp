@@ -1,5 +1,7 @@
-// The background writer with a live disk executor: what a check-in queues, what the queue holds
-// on to, how the queue drains, and that shutting down mid-queue leaves nothing checked out.
+// The background writer with a live disk executor: what a check-in queues or declines, what the
+// queue holds on to, how it drains (past a foreground read's hold, making room as it goes), how
+// it holds back a renderer that outruns it, and that shutting down mid-queue leaves nothing
+// checked out.
 #include <gtest/gtest.h>
 
 #include <atomic>
