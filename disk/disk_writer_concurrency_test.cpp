@@ -1,13 +1,16 @@
-// The background writer with a live disk executor: what a check-in queues, what the queue holds
-// on to, how the queue drains, and that shutting down mid-queue leaves nothing checked out.
+// The background writer with a live disk executor: what a check-in queues or declines, what the
+// queue holds on to, how it drains (past a foreground read's hold, making room as it goes), how
+// it holds back a renderer that outruns it, and that shutting down mid-queue leaves nothing
+// checked out.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <initializer_list>
 #include <thread>
+#include <utility>
 
-#include "disk/disk_counters.h"
 #include "disk/disk_test_support.h"
 #include "disk/disk_writer.h"
 #include "disk/performance_counters.h"
@@ -34,81 +37,81 @@ class DiskWriterTest : public jx::testing::DiskTest {
     jx::disk::EndHoldBack();
     DiskTest::TearDown();
   }
-  // Keeps queued writes from starting, so a test can look at the queue.
-  static void HoldWritesBack() {
-    jx::DiskExecutor()->HoldBackUntil(std::chrono::steady_clock::now() + std::chrono::minutes(5));
-  }
   static void WriteableCheckin(const IntrusivePtr<JX_Stuff>& item, double computeTime) {
     ASSERT_EQ(item->Checkout(0), kJX_CheckedOut);
     item->Checkin(0, computeTime);
   }
-  static bool Drained() { return WriterDrained(); }
+  static void WriteNowCheckin(const IntrusivePtr<JX_Stuff>& item) {
+    ASSERT_EQ(item->Checkout(cf::kReadOnly), kJX_CheckedOut);
+    item->Checkin(ci::kWriteNow, 0.0);
+  }
 };
 
-// Runs `complete` on another thread while the queue counters say writes are queued, and tells
-// whether it came back by itself. A completion that waits for the queue keeps reading its length;
-// two more reads without a return mean it is waiting, and the queue is then emptied to let it go.
-bool CompletesWhileWritesAreQueued(const std::function<void()>& complete) {
+// Runs `complete` on another thread while the queue counters say writes are queued (each of
+// `queued` in turn), and tells whether it came back by itself before the queue was emptied. A
+// completion that waits for the queue keeps reading its length: two more reads without a return
+// mean it is still waiting.
+bool CompletesWhileWritesAreQueued(const std::function<void()>& complete,
+                                   std::initializer_list<std::pair<uint32_t, uint32_t>> queued) {
   std::atomic<bool> returned{false};
-  const uint64_t reads = jx::disk::QueuedWriteCountReads();
+  ScQueueLengths::Set(queued.begin()->first, queued.begin()->second);
   std::thread t([&] {
     complete();
     returned = true;
   });
-  EXPECT_TRUE(
-      EventuallyTrue([&] { return returned || jx::disk::QueuedWriteCountReads() >= reads + 2; }));
+  for (auto [normal, high] : queued) {
+    ScQueueLengths::Set(normal, high);
+    const uint64_t reads = jx::disk::QueuedWriteCountReads();
+    EXPECT_TRUE(
+        EventuallyTrue([&] { return returned || jx::disk::QueuedWriteCountReads() >= reads + 2; }));
+  }
   const bool byItself = returned;
   ScQueueLengths::Set(0, 0);
   t.join();
   return byItself;
 }
 
-IntrusivePtr<JX_StuffData> SmallPayload() {
-  return IntrusivePtr<JX_StuffData>(new TestPayload(16));
-}
-
 TEST_F(DiskWriterTest, CheckinQueuesAndTheQueuePinsTheItem) {
-  HoldWritesBack();
+  // Keeps queued writes from starting, so that the test can look at the queue.
+  jx::DiskExecutor()->HoldBackUntil(std::chrono::steady_clock::now() + std::chrono::minutes(5));
   const JX_DiskPerformanceCounters before = JX_GetDiskPerformanceCounters();
   auto item = AddDiskCacheableItem(kPayload);
   WriteableCheckin(item, 10.0);
-
-  const JX_DiskPerformanceCounters after = JX_GetDiskPerformanceCounters();
-  EXPECT_EQ(after.normalWriteRequests, before.normalWriteRequests + 1);
-  EXPECT_EQ(after.normalQueueLength, 1u);
-  EXPECT_EQ(after.highPriorityQueueLength, 0u);
-  EXPECT_EQ(JX_GetQueuedDiskWriteCount(), 1u);
+  EXPECT_EQ(JX_GetDiskPerformanceCounters().normalQueueLength, 1u);
+  EXPECT_EQ(JX_GetDiskPerformanceCounters().highPriorityQueueLength, 0u);
   EXPECT_TRUE(item->WasTaggedToWriteToDisk());
   EXPECT_EQ(item->GetCheckoutCount(), 1u) << "held by the queue";
-  EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), kPayload);
-  EXPECT_EQ(item->FreeUpAsMuchAsPossible(true, nullptr), 0u);
   jx::PurgeOverBudget(*bag_, 1ull << 40);
   EXPECT_TRUE(item->IsInMemory()) << "a queued item cannot be purged";
 
-  // A read-only check-in never writes; one that took no time to compute is not worth a file.
+  // A read-only check-in never writes. Each declined offer is counted once: under the reason
+  // the payload carries, or, when it carries none, as not worth a file (a microsecond to compute
+  // a MiB: reading it back can never be faster).
   const auto reads = JX_GetStuffCounters().itemsCheckedOut.load();
-  ASSERT_EQ(item->Checkout(jx::checkout_flags::kReadOnly), kJX_CheckedOut);
+  ASSERT_EQ(item->Checkout(cf::kReadOnly), kJX_CheckedOut);
   item->Checkin(0, 10.0);
   EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut.load(), reads);
-  auto cheap = AddDiskCacheableItem(kPayload, 0.0);
-  WriteableCheckin(cheap, 0.0);
-  cheap->MaybeWriteToDisk();
+  auto cheap = AddDiskCacheableItem(kPayload, 1e-6);
+  WriteableCheckin(cheap, 1e-6);
+  auto flagged = AddDiskCacheableItem(kPayload, 1e-6);
+  flagged->GetDataPtr()->SetReasonWhyNoDiskCache(2);
+  WriteableCheckin(flagged, 1e-6);
+  const JX_DiskPerformanceCounters after = JX_GetDiskPerformanceCounters();
+  EXPECT_EQ(after.normalWriteRequests, before.normalWriteRequests + 1);
+  EXPECT_EQ(after.notWorthWriting, before.notWorthWriting + 1);
+  EXPECT_EQ(after.notWrittenForReason[1], before.notWrittenForReason[1] + 1);  // reason 2
   EXPECT_FALSE(cheap->WasTaggedToWriteToDisk());
   EXPECT_EQ(JX_GetQueuedDiskWriteCount(), 1u);
 
   // "Write now" goes to the front of the line, whatever the check-in.
   auto urgent = AddDiskCacheableItem(kPayload);
-  ASSERT_EQ(urgent->Checkout(jx::checkout_flags::kReadOnly), kJX_CheckedOut);
-  urgent->Checkin(ci::kWriteNow, 0.0);
+  WriteNowCheckin(urgent);
   EXPECT_EQ(JX_GetDiskPerformanceCounters().highPriorityQueueLength, 1u);
 
   // Shutting down cancels the queued writes: every hold is given back.
   JX_StopAllAsyncWork();
   EXPECT_EQ(JX_GetQueuedDiskWriteCount(), 0u);
-  EXPECT_EQ(item->GetCheckoutCount(), 0u);
-  EXPECT_EQ(urgent->GetCheckoutCount(), 0u);
   EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut.load(), 0);
-  EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 0);
 
   // Without a disk thread nothing is queued at all.
   auto late = AddDiskCacheableItem(kPayload);
@@ -116,29 +119,6 @@ TEST_F(DiskWriterTest, CheckinQueuesAndTheQueuePinsTheItem) {
   late->MaybeWriteToDisk();
   EXPECT_FALSE(late->WasTaggedToWriteToDisk());
   EXPECT_EQ(late->GetCheckoutCount(), 0u);
-}
-
-// Each declined write is counted exactly once: under the reason the payload carries, or, when it
-// carries none, as the rule finding it not worth a file.
-TEST_F(DiskWriterTest, RefusalsAreCountedUnderTheirReason) {
-  HoldWritesBack();
-  const JX_DiskPerformanceCounters before = JX_GetDiskPerformanceCounters();
-  // A microsecond to compute a MiB: reading it back can never be faster.
-  auto cheap = AddDiskCacheableItem(kPayload, 1e-6);
-  WriteableCheckin(cheap, 1e-6);
-  auto flagged = AddDiskCacheableItem(kPayload, 1e-6);
-  flagged->GetDataPtr()->SetReasonWhyNoDiskCache(2);
-  WriteableCheckin(flagged, 1e-6);
-  auto worth = AddDiskCacheableItem(kPayload);
-  WriteableCheckin(worth, 10.0);
-
-  const JX_DiskPerformanceCounters after = JX_GetDiskPerformanceCounters();
-  EXPECT_EQ(after.notWorthWriting, before.notWorthWriting + 1);
-  EXPECT_EQ(after.notWrittenForReason[1], before.notWrittenForReason[1] + 1);  // reason 2
-  EXPECT_EQ(after.normalWriteRequests, before.normalWriteRequests + 1);
-  EXPECT_FALSE(cheap->WasTaggedToWriteToDisk());
-  EXPECT_TRUE(worth->WasTaggedToWriteToDisk());
-  JX_StopAllAsyncWork();
 }
 
 TEST_F(DiskWriterTest, ManyThreadsQueueAndTheWriterDrains) {
@@ -156,13 +136,11 @@ TEST_F(DiskWriterTest, ManyThreadsQueueAndTheWriterDrains) {
     });
   }
   for (auto& th : threads) th.join();
-  ASSERT_TRUE(Drained());
+  ASSERT_TRUE(WriterDrained()) << "a write still queued, or an item never handed back";
   for (const auto& item : items) {
     EXPECT_TRUE(item->WasTaggedToWriteToDisk());
-    EXPECT_EQ(item->GetCheckoutCount(), 0u);
     EXPECT_TRUE(item->IsInMemory());
   }
-  EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 0);
 }
 
 TEST_F(DiskWriterTest, WriterMakesRoomFromOlderFilesOnly) {
@@ -177,7 +155,7 @@ TEST_F(DiskWriterTest, WriterMakesRoomFromOlderFilesOnly) {
   // Check the item in without renewing its use, so that `newer` stays more recent.
   item->Checkin(ci::kKeepRecency, 10.0);
   ASSERT_TRUE(item->WasTaggedToWriteToDisk());
-  ASSERT_TRUE(Drained());
+  ASSERT_TRUE(WriterDrained());
   EXPECT_FALSE(old1->HasDiskCacheFile());
   EXPECT_FALSE(old2->HasDiskCacheFile());
   EXPECT_TRUE(newer->HasDiskCacheFile()) << "used after the item being written";
@@ -193,8 +171,7 @@ TEST_F(DiskWriterTest, WriteNowIsNotHeldBackByAForegroundRead) {
   ASSERT_EQ(JX_GetDiskPerformanceCounters().normalQueueLength, 1u);
 
   auto urgent = AddDiskCacheableItem(kPayload);
-  ASSERT_EQ(urgent->Checkout(cf::kReadOnly), kJX_CheckedOut);
-  urgent->Checkin(ci::kWriteNow, 0.0);
+  WriteNowCheckin(urgent);
   EXPECT_TRUE(EventuallyTrue([&] { return urgent->HasDiskCacheFile(); }))
       << "the urgent write waited behind the hold";
   EXPECT_TRUE(urgent->WasTaggedToWriteToDisk());
@@ -202,7 +179,7 @@ TEST_F(DiskWriterTest, WriteNowIsNotHeldBackByAForegroundRead) {
   EXPECT_EQ(JX_GetQueuedDiskWriteCount(), 1u);
 
   jx::disk::EndHoldBack();
-  ASSERT_TRUE(Drained());
+  ASSERT_TRUE(WriterDrained());
   EXPECT_TRUE(waiting->HasDiskCacheFile());
 }
 
@@ -213,62 +190,36 @@ TEST_F(DiskWriterTest, ARefusedPostLeavesNothingQueued) {
   auto item = AddDiskCacheableItem(kPayload);
   WriteableCheckin(item, 10.0);
   item->MaybeWriteToDisk();
-  ASSERT_EQ(item->Checkout(cf::kReadOnly), kJX_CheckedOut);
-  item->Checkin(ci::kWriteNow, 0.0);
+  WriteNowCheckin(item);
 
-  const JX_DiskPerformanceCounters after = JX_GetDiskPerformanceCounters();
   EXPECT_EQ(JX_GetQueuedDiskWriteCount(), 0u);
-  EXPECT_EQ(after.normalQueueLength, 0u);
-  EXPECT_EQ(after.highPriorityQueueLength, 0u);
-  EXPECT_EQ(after.normalWriteRequests, before.normalWriteRequests) << "nothing was queued";
+  EXPECT_EQ(JX_GetDiskPerformanceCounters().normalWriteRequests, before.normalWriteRequests)
+      << "nothing was queued";
   EXPECT_FALSE(item->WasTaggedToWriteToDisk());
-  EXPECT_EQ(item->GetCheckoutCount(), 0u);
   EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut.load(), 0);
-  EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 0);
 }
 
 TEST_F(DiskWriterTest, BackPressureHoldsARendererUntilTheQueueIsEmpty) {
+  auto small = [] { return IntrusivePtr<JX_StuffData>(new TestPayload(16)); };
+  auto renderer = JX_Stuff::CreatePending(zelcore::utility::Guid::CreateUnique(), {});
+  auto fill = [&] { renderer->SetStuffDataFromPendingRender(small(), 1.0); };
+  // Without the improved behaviour a renderer is never held back.
+  ASSERT_FALSE(JX_IsImprovedDiskCacheBehaviorFullyEnabled());
+  EXPECT_TRUE(CompletesWhileWritesAreQueued(fill, {{1000, 0}}));
+
   JX_PlaybackFromDiskLogicIsEnabled();
-  ASSERT_TRUE(JX_IsImprovedDiskCacheBehaviorFullyEnabled());
-  ScQueueLengths queued(201, 0);
-  auto item = JX_Stuff::CreatePending(zelcore::utility::Guid::CreateUnique(), {});
-  std::atomic<bool> returned{false};
-  const uint64_t reads = jx::disk::QueuedWriteCountReads();
-  std::thread renderer([&] {
-    item->SetStuffDataFromPendingRender(SmallPayload(), 1.0);
-    returned = true;
-  });
-  ASSERT_TRUE(EventuallyTrue([&] { return jx::disk::QueuedWriteCountReads() > reads; }));
-  // Under the threshold, and with only high-priority writes left, the renderer still waits:
-  // it is let go only when the queue is empty.
-  for (auto [normal, high] : {std::pair{150u, 0u}, std::pair{0u, 1u}}) {
-    ScQueueLengths::Set(normal, high);
-    const uint64_t from = jx::disk::QueuedWriteCountReads();
-    ASSERT_TRUE(
-        EventuallyTrue([&] { return returned || jx::disk::QueuedWriteCountReads() >= from + 2; }));
-    EXPECT_FALSE(returned) << normal << " + " << high << " queued";
-    EXPECT_TRUE(item->IsPendingRender());
-  }
-  ScQueueLengths::Set(0, 0);
-  renderer.join();
-  EXPECT_TRUE(returned);
-  EXPECT_FALSE(item->IsPendingRender());
+  renderer = JX_Stuff::CreatePending(zelcore::utility::Guid::CreateUnique(), {});
+  EXPECT_TRUE(CompletesWhileWritesAreQueued(fill, {{200, 0}})) << "at the threshold";
+  // Over it the renderer waits; under it again, and with only high-priority writes left, it still
+  // waits: it is let go only when the queue is empty.
+  renderer = JX_Stuff::CreatePending(zelcore::utility::Guid::CreateUnique(), {});
+  EXPECT_FALSE(CompletesWhileWritesAreQueued(fill, {{201, 0}, {150, 0}, {0, 1}}));
+  EXPECT_FALSE(renderer->IsPendingRender()) << "filled once the queue was empty";
 
   // The disk writer completing an item itself is never held back.
-  ScQueueLengths::Set(201, 0);
   auto own = JX_Stuff::CreatePending(zelcore::utility::Guid::CreateUnique(), {});
   EXPECT_TRUE(CompletesWhileWritesAreQueued(
-      [&] { own->SetStuffDataFromPendingRender_Impl(SmallPayload(), 0.0, true); }));
-  EXPECT_FALSE(own->IsPendingRender());
-}
-
-TEST_F(DiskWriterTest, NoBackPressureWithoutTheImprovedBehaviour) {
-  ASSERT_FALSE(JX_IsImprovedDiskCacheBehaviorFullyEnabled());
-  ScQueueLengths queued(jx::disk::WriteQueueCapacity(), 0);
-  auto item = JX_Stuff::CreatePending(zelcore::utility::Guid::CreateUnique(), {});
-  EXPECT_TRUE(CompletesWhileWritesAreQueued(
-      [&] { item->SetStuffDataFromPendingRender(SmallPayload(), 1.0); }));
-  EXPECT_FALSE(item->IsPendingRender());
+      [&] { own->SetStuffDataFromPendingRender_Impl(small(), 0.0, true); }, {{201, 0}}));
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 
 using jx::testing::ScQueueLengths;
 using jx::testing::TestPayload;
+using jx::testing::WriterDrained;
 using zelcore::debug::DebugDatabase;
 using zelcore::utility::IntrusivePtr;
 
@@ -41,16 +42,30 @@ class CompressiblePayload : public TestPayload {
   std::atomic<bool> compressed_{false};
 };
 
+// What one offer added to the counters.
+struct Offered {
+  uint64_t requests = 0, compressed = 0, refused[6] = {};  // refused[reason], 1..5
+};
+
 class WriteDecisionTest : public jx::testing::DiskTest {
  protected:
-  IntrusivePtr<JX_Stuff> AddItem(JX_StuffData* payload, double computeTime = 10.0) {
-    auto item = JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(payload), computeTime);
+  IntrusivePtr<JX_Stuff> AddItem(JX_StuffData* payload) {
+    auto item = JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(payload), 10.0);
     item->SetGuid(zelcore::utility::Guid::CreateUnique());
     bag_->AddToBagAndSortDir(item);
     return item;
   }
-  static uint64_t Refusals(const JX_DiskPerformanceCounters& c, int reason) {
-    return c.notWrittenForReason[reason - 1];
+  static Offered Offer(const IntrusivePtr<JX_Stuff>& item) {
+    const JX_DiskPerformanceCounters before = JX_GetDiskPerformanceCounters();
+    item->MaybeWriteToDisk();
+    const JX_DiskPerformanceCounters after = JX_GetDiskPerformanceCounters();
+    Offered o;
+    o.requests = after.normalWriteRequests - before.normalWriteRequests;
+    o.compressed = after.compressedWriteRequests - before.compressedWriteRequests;
+    for (int r = 1; r <= 5; ++r) {
+      o.refused[r] = after.notWrittenForReason[r - 1] - before.notWrittenForReason[r - 1];
+    }
+    return o;
   }
 };
 
@@ -59,57 +74,45 @@ TEST_F(WriteDecisionTest, EveryOfferIsCountedUnderThePayloadsReason) {
   for (int reason = 1; reason <= 5; ++reason) {
     auto item = AddItem(new TestPayload(kSize, 0, /*diskCacheable=*/false));
     item->GetDataPtr()->SetReasonWhyNoDiskCache(reason);
-    const JX_DiskPerformanceCounters before = JX_GetDiskPerformanceCounters();
-    item->MaybeWriteToDisk();
-    const JX_DiskPerformanceCounters after = JX_GetDiskPerformanceCounters();
-    for (int r = 1; r <= 5; ++r) {
-      EXPECT_EQ(Refusals(after, r), Refusals(before, r) + (r == reason ? 1 : 0)) << reason;
-    }
+    const Offered o = Offer(item);
+    for (int r = 1; r <= 5; ++r) EXPECT_EQ(o.refused[r], r == reason ? 1u : 0u) << reason;
   }
 
   // The count is taken whatever happened before it: a payload that names a reason of its own
   // and is written all the same is counted under that reason too.
   auto written = AddItem(new TestPayload(kSize, 1, true));
   written->GetDataPtr()->SetReasonWhyNoDiskCache(4);
-  JX_DiskPerformanceCounters before = JX_GetDiskPerformanceCounters();
-  written->MaybeWriteToDisk();
-  JX_DiskPerformanceCounters after = JX_GetDiskPerformanceCounters();
-  EXPECT_EQ(after.normalWriteRequests, before.normalWriteRequests + 1);
-  EXPECT_EQ(Refusals(after, 4), Refusals(before, 4) + 1);
-  ASSERT_TRUE(jx::testing::WriterDrained());
+  Offered o = Offer(written);
+  EXPECT_EQ(o.requests, 1u);
+  EXPECT_EQ(o.refused[4], 1u);
+  ASSERT_TRUE(WriterDrained());
   EXPECT_TRUE(written->HasDiskCacheFile());
 
   // Worth a file but for the queue: the payload learns that the queue was to blame.
   auto refused = AddItem(new TestPayload(kSize, 2, true));
   {
     ScQueueLengths full(jx::disk::WriteQueueCapacity() + 1, 0);
-    before = JX_GetDiskPerformanceCounters();
-    refused->MaybeWriteToDisk();
-    after = JX_GetDiskPerformanceCounters();
+    o = Offer(refused);
   }
   EXPECT_EQ(refused->GetDataPtr()->GetReasonWhyNoDiskCache(), JX_StuffData::kQueueTooFull);
-  EXPECT_EQ(Refusals(after, 3), Refusals(before, 3) + 1);
-  EXPECT_EQ(after.normalWriteRequests, before.normalWriteRequests);
+  EXPECT_EQ(o.refused[3], 1u);
+  EXPECT_EQ(o.requests, 0u);
   // Offered again with room: queued, and the stale "queue too full" is forgotten, not counted.
-  before = JX_GetDiskPerformanceCounters();
-  refused->MaybeWriteToDisk();
-  after = JX_GetDiskPerformanceCounters();
-  EXPECT_EQ(after.normalWriteRequests, before.normalWriteRequests + 1);
+  o = Offer(refused);
+  EXPECT_EQ(o.requests, 1u);
   EXPECT_EQ(refused->GetDataPtr()->GetReasonWhyNoDiskCache(), JX_StuffData::kNoReason);
-  EXPECT_EQ(Refusals(after, 3), Refusals(before, 3));
-  ASSERT_TRUE(jx::testing::WriterDrained());
+  EXPECT_EQ(o.refused[3], 0u);
+  ASSERT_TRUE(WriterDrained());
 }
 
 TEST_F(WriteDecisionTest, APlaybackCompressibleItemAlsoGetsACompressedCopyUnderItsGuid) {
   DebugDatabase::Instance().SetEntry("KQ.IsDiskCompressionEnabledR", "true");
   ASSERT_EQ(JX_GetPlaybackCompressionAllowedOption(), kJX_CompressionAllowedForPlayback);
-  const JX_DiskPerformanceCounters before = JX_GetDiskPerformanceCounters();
   auto item = AddItem(new CompressiblePayload(kSize, 3));
-  item->MaybeWriteToDisk();
-  const JX_DiskPerformanceCounters after = JX_GetDiskPerformanceCounters();
-  EXPECT_EQ(after.normalWriteRequests, before.normalWriteRequests + 1);
-  EXPECT_EQ(after.compressedWriteRequests, before.compressedWriteRequests + 1);
-  ASSERT_TRUE(jx::testing::WriterDrained());
+  const Offered o = Offer(item);
+  EXPECT_EQ(o.requests, 1u);
+  EXPECT_EQ(o.compressed, 1u);
+  ASSERT_TRUE(WriterDrained());
 
   // The item keeps its own file; the copy is a second item of the same GUID, compressed, with
   // a file of its own.
@@ -127,24 +130,19 @@ TEST_F(WriteDecisionTest, APlaybackCompressibleItemAlsoGetsACompressedCopyUnderI
   // A copy is never compressed again.
   auto compressed = new CompressiblePayload(kSize, 4);
   compressed->SetIsCompressed(true);
-  auto already = AddItem(compressed);
-  const JX_DiskPerformanceCounters later = JX_GetDiskPerformanceCounters();
-  already->MaybeWriteToDisk();
-  EXPECT_EQ(JX_GetDiskPerformanceCounters().compressedWriteRequests, later.compressedWriteRequests);
-  ASSERT_TRUE(jx::testing::WriterDrained());
+  EXPECT_EQ(Offer(AddItem(compressed)).compressed, 0u);
+  ASSERT_TRUE(WriterDrained());
 }
 
 TEST_F(WriteDecisionTest, WithoutPlaybackCompressionOneFileIsEnough) {
   DebugDatabase::Instance().SetEntry("KQ.IsDiskCompressionEnabledR", "true");
   DebugDatabase::Instance().SetEntry("KQ.JX.PlaybackCompressionOptionR", "0");
   ASSERT_EQ(JX_GetPlaybackCompressionAllowedOption(), kJX_CompressionAllowed);
-  JX_DiskPerformanceCounters before = JX_GetDiskPerformanceCounters();
   auto item = AddItem(new CompressiblePayload(kSize, 5));
-  item->MaybeWriteToDisk();
-  JX_DiskPerformanceCounters after = JX_GetDiskPerformanceCounters();
-  EXPECT_EQ(after.normalWriteRequests, before.normalWriteRequests + 1);
-  EXPECT_EQ(after.compressedWriteRequests, before.compressedWriteRequests);
-  ASSERT_TRUE(jx::testing::WriterDrained());
+  Offered o = Offer(item);
+  EXPECT_EQ(o.requests, 1u);
+  EXPECT_EQ(o.compressed, 0u);
+  ASSERT_TRUE(WriterDrained());
   EXPECT_TRUE(item->HasDiskCacheFile());
   EXPECT_EQ(bag_->GetNumItems(), 1);
 
@@ -153,14 +151,12 @@ TEST_F(WriteDecisionTest, WithoutPlaybackCompressionOneFileIsEnough) {
   auto refused = AddItem(new CompressiblePayload(kSize, 6));
   {
     ScQueueLengths full(jx::disk::WriteQueueCapacity() + 1, 0);
-    before = JX_GetDiskPerformanceCounters();
-    refused->MaybeWriteToDisk();
-    after = JX_GetDiskPerformanceCounters();
+    o = Offer(refused);
   }
-  EXPECT_EQ(after.normalWriteRequests, before.normalWriteRequests);
-  EXPECT_EQ(after.compressedWriteRequests, before.compressedWriteRequests);
+  EXPECT_EQ(o.requests, 0u);
+  EXPECT_EQ(o.compressed, 0u);
   EXPECT_EQ(refused->GetDataPtr()->GetReasonWhyNoDiskCache(), JX_StuffData::kQueueTooFull);
-  EXPECT_EQ(Refusals(after, 3), Refusals(before, 3) + 1);
+  EXPECT_EQ(o.refused[3], 1u);
 }
 
 }  // namespace
