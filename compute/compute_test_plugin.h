@@ -21,7 +21,7 @@ namespace jx::testing {
 
 // What the plug-in saw; outlives the library so that deletes at shut-down are counted.
 struct PluginStats {
-  std::atomic<int> keys{0}, computes{0}, creates{0}, deletes{0};
+  std::atomic<int> computes{0}, creates{0}, deletes{0};
   std::mutex mutex;
   std::vector<std::thread::id> deleteThreads;  // guarded by mutex
 };
@@ -51,7 +51,6 @@ inline int KeyOfValue(intptr_t value) { return reinterpret_cast<PluginValue*>(va
 inline constexpr KQGP_ComputeCacheCallbacks kPluginCallbacks = {
     [](void* request, KQGP_GUID* outKey) -> int32_t {
       auto* r = static_cast<PluginRequest*>(request);
-      r->stats->keys.fetch_add(1);
       if (r->keyError == 0) *outKey = PluginKeyOf(r->key);
       return r->keyError;
     },

@@ -1,4 +1,5 @@
-// Start-up, shut-down and the tuning settings: defaults, read-once, the media-map decision.
+// Start-up, shut-down and the tuning settings: defaults, read-once, the media-map decision, and
+// the payload factories that shut-down forgets.
 #include <gtest/gtest.h>
 
 #include "bag/bag.h"
@@ -8,8 +9,8 @@
 #include "host/standalone_host.h"
 #include "items/stuff_data.h"
 #include "lifecycle/lifecycle.h"
-#include "lifecycle/messages.h"
 #include "lifecycle/settings.h"
+#include "mediamap/media_map_impl.h"
 #include "testing/jx_test_support.h"
 
 using zelcore::debug::DebugDatabase;
@@ -21,13 +22,16 @@ void QuietHost() {
   jx::StandaloneHost::Instance().SetEchoReports(false);
 }
 
-TEST(LifecycleTest, GlobalBagExistsOnlyBetweenBirthAndDeath) {
+// The media-map setting switched off keeps the media map off even when the start-up allows it.
+TEST(LifecycleTest, StartUpMakesTheGlobalBagAndShutDownEmptiesIt) {
   QuietHost();
+  DebugDatabase::Instance().SetEntry("JX.UseMediaMap1", "false");
   EXPECT_FALSE(JX_GlobalBag());
-  JX_Birth(false, 0x80000005u, false);
+  JX_Birth(true, 0x80000005u, false);
   auto bag = JX_GlobalBag();
   ASSERT_TRUE(bag);
   EXPECT_EQ(bag->GetAppVersion(), 5u);
+  EXPECT_FALSE(jx::settings::UseMediaMap() || jx::mediamap::CurrentAdapter());
   auto item = jx::testing::MakeItem(10);
   bag->AddToBagAndSortDir(item);
   JX_StopAllAsyncWork();
@@ -57,39 +61,31 @@ TEST(LifecycleTest, StartUpRefusedForMemoryChangesNothing) {
   JX_Death();
 }
 
-TEST(LifecycleTest, MediaMapIsUsedOnlyWhenAllowedAndSwitchedOn) {
-  QuietHost();
-  JX_Birth(false, 1, false);
-  EXPECT_FALSE(jx::settings::UseMediaMap());
-  EXPECT_EQ(JX_GetMediaMapSize(), 0u);
-  JX_Death();
-  JX_Birth(true, 1, false);
-  EXPECT_TRUE(jx::settings::UseMediaMap());
-  JX_Death();
-}
-
-TEST(LifecycleTest, MediaMapSwitchedOffBySetting) {
-  QuietHost();
-  DebugDatabase::Instance().SetEntry("JX.UseMediaMap1", "false");
-  JX_Birth(true, 1, false);
-  EXPECT_FALSE(jx::settings::UseMediaMap());
-  EXPECT_EQ(JX_GetMediaMapSize(), 0u);
-  JX_Death();
-}
-
-TEST(LifecycleTest, GfxpakLimitNeedsFeatureAndPermission) {
+// With the Gfxpak limit (the feature and the start-up's permission) the media manager is told the
+// cache's maximum and the media map stays off; otherwise the media map is used when allowed, and
+// then mirrors the bag's items.
+TEST(LifecycleTest, StartUpChoosesBetweenTheGfxpakLimitAndTheMediaMap) {
   QuietHost();
   zelappsupport::feature::SetFeatureEnabled(kJX_GfxpakLimitFeature, true);
-  JX_Birth(true, 1, false);
-  EXPECT_FALSE(JX_IsSetJXCacheLimitForGfxpaksEnabled());
-  EXPECT_TRUE(jx::settings::UseMediaMap()) << "without permission the media-map branch is taken";
-  JX_Death();
-  JX_Birth(true, 1, true);
-  EXPECT_TRUE(JX_IsSetJXCacheLimitForGfxpaksEnabled());
-  EXPECT_TRUE(JX_IsGlobalBagSizeAboveMinimum()) << "even an empty bag, under the fixed limit";
   RV::MM::SetFixedMaxCacheSize(1000);
-  EXPECT_EQ(JX_GetMaxJXCacheSize(), 100u);
-  JX_Death();
+  const struct {
+    bool mediaMapAllowed, gfxpakAllowed, limit, mediaMap;
+  } cases[] = {{true, true, true, false}, {false, false, false, false}, {true, false, false, true}};
+  for (const auto& c : cases) {
+    JX_Birth(c.mediaMapAllowed, 1, c.gfxpakAllowed);
+    EXPECT_EQ(JX_IsSetJXCacheLimitForGfxpaksEnabled(), c.limit);
+    EXPECT_EQ(jx::settings::UseMediaMap(), c.mediaMap);
+    EXPECT_EQ(jx::mediamap::CurrentAdapter() != nullptr, c.mediaMap);
+    auto item = jx::testing::MakeItem(10);
+    JX_GlobalBag()->AddToBagAndSortDir(item);
+    EXPECT_EQ(JX_GetMediaMapSize(), c.mediaMap ? 10u : 0u);
+    if (c.limit) {
+      auto limit = RV::GetMediaManager()->GetCacheMaxSize(jx::settings::CacheIdentity());
+      EXPECT_TRUE(limit && *limit == 100 && JX_GetMaxJXCacheSize() == 100);
+      EXPECT_TRUE(JX_IsGlobalBagSizeAboveMinimum()) << "whatever the bag holds, under the limit";
+    }
+    JX_Death();
+  }
 }
 
 uint64_t Lookups(const char* name) { return DebugDatabase::Instance().LookupCount(name); }
@@ -119,30 +115,19 @@ TEST(SettingsTest, DefaultsAndFallbacks) {
   EXPECT_EQ(Lookups("KQ.JX.WriteToDiskPriorityR"), 0u) << "improved behaviour is off";
 }
 
-// The write priority is not read while the improved behaviour is off, so a value set then is
-// still the one read once it comes on.
-TEST(SettingsTest, WritePriorityIsReadOnlyOnceImprovedBehaviourIsOn) {
-  DebugDatabase::Instance().SetEntry("KQ.JX.WriteToDiskPriorityR", "0");
-  ASSERT_FALSE(JX_IsImprovedDiskCacheBehaviorFullyEnabled());
-  EXPECT_EQ(jx::settings::WriteToDiskPriority(), 2);
-  EXPECT_EQ(Lookups("KQ.JX.WriteToDiskPriorityR"), 0u);
-  JX_PlaybackFromDiskLogicIsEnabled();
-  EXPECT_EQ(jx::settings::WriteToDiskPriority(), 0);
-  EXPECT_EQ(jx::settings::WriteToDiskPriority(), 0);
-  EXPECT_EQ(Lookups("KQ.JX.WriteToDiskPriorityR"), 1u);
-}
-
-TEST(SettingsTest, ReadOnceAndKeptForTheProcess) {
+// Values set before first use are the ones read (a write priority of 3 or more falls back to 2),
+// and kept when the entries change later. The playback option is read only once compression is on.
+TEST(SettingsTest, SetValuesAreReadOnceAndKeptForTheProcess) {
+  zelappsupport::feature::SetFeatureEnabled(kJX_ImprovedDiskCacheFeature, true);
+  DebugDatabase::Instance().SetEntry("KQ.JX.WriteToDiskPriorityR", "7");
   DebugDatabase::Instance().SetEntry("KQ.JX.LowPriorityFactorR", "4.5");
-  EXPECT_DOUBLE_EQ(jx::settings::LowPriorityFactor(), 4.5);
-  DebugDatabase::Instance().SetEntry("KQ.JX.LowPriorityFactorR", "8");
-  EXPECT_DOUBLE_EQ(jx::settings::LowPriorityFactor(), 4.5);
-}
-
-TEST(SettingsTest, CompressionOptionOnceCompressionIsOn) {
   DebugDatabase::Instance().SetEntry("KQ.IsDiskCompressionEnabledR", "true");
+  EXPECT_EQ(jx::settings::WriteToDiskPriority(), 2);
+  EXPECT_DOUBLE_EQ(jx::settings::LowPriorityFactor(), 4.5);
   EXPECT_EQ(JX_GetPlaybackCompressionAllowedOption(), kJX_CompressionAllowedForPlayback);
+  DebugDatabase::Instance().SetEntry("KQ.JX.LowPriorityFactorR", "8");
   DebugDatabase::Instance().SetEntry("KQ.JX.PlaybackCompressionOptionR", "0");
+  EXPECT_DOUBLE_EQ(jx::settings::LowPriorityFactor(), 4.5);
   EXPECT_EQ(JX_GetPlaybackCompressionAllowedOption(), kJX_CompressionAllowedForPlayback);
   EXPECT_EQ(Lookups("KQ.JX.PlaybackCompressionOptionR"), 1u);
 }
@@ -153,95 +138,35 @@ TEST(SettingsTest, PlaybackCompressionSettingZeroGivesOptionOne) {
   EXPECT_EQ(JX_GetPlaybackCompressionAllowedOption(), kJX_CompressionAllowed);
 }
 
-TEST(SettingsTest, WritePriorityOutOfRangeFallsBackToTwo) {
-  zelappsupport::feature::SetFeatureEnabled(kJX_ImprovedDiskCacheFeature, true);
-  DebugDatabase::Instance().SetEntry("KQ.JX.WriteToDiskPriorityR", "7");
-  EXPECT_EQ(jx::settings::WriteToDiskPriority(), 2);
-}
-
-TEST(SettingsTest, WritePriorityInRangeIsUsed) {
-  zelappsupport::feature::SetFeatureEnabled(kJX_ImprovedDiskCacheFeature, true);
+// The write priority is not read while the improved behaviour is off, so a value set then is
+// still the one read once the playback-from-disk logic turns the behaviour on.
+TEST(SettingsTest, WritePriorityIsReadOnlyOnceImprovedBehaviourIsOn) {
   DebugDatabase::Instance().SetEntry("KQ.JX.WriteToDiskPriorityR", "0");
-  EXPECT_EQ(jx::settings::WriteToDiskPriority(), 0);
-}
-
-TEST(SettingsTest, PlaybackFromDiskLogicTurnsImprovedBehaviourOn) {
-  EXPECT_FALSE(JX_IsImprovedDiskCacheBehaviorFullyEnabled());
+  ASSERT_FALSE(JX_IsImprovedDiskCacheBehaviorFullyEnabled());
+  EXPECT_EQ(jx::settings::WriteToDiskPriority(), 2);
+  EXPECT_EQ(Lookups("KQ.JX.WriteToDiskPriorityR"), 0u);
   JX_PlaybackFromDiskLogicIsEnabled();
   EXPECT_TRUE(JX_IsImprovedDiskCacheBehaviorFullyEnabled());
-  EXPECT_TRUE(jx::settings::PlaybackFromDiskLogic());
-}
-
-TEST(SettingsTest, FeaturesAreDeclaredWithTheirTexts) {
-  auto* f = zelappsupport::feature::FindFeature(kJX_ImprovedDiskCacheFeature);
-  ASSERT_NE(f, nullptr);
-  EXPECT_EQ(f->Stage(), 2);
-  EXPECT_NE(f->DescriptionString().find("efficiently.  Writes less"), std::string::npos);
-  ASSERT_NE(zelappsupport::feature::FindFeature(kJX_GfxpakLimitFeature), nullptr);
-}
-
-TEST(MessagesTest, TableIsLookedUpThroughTheHost) {
-  EXPECT_EQ(jx::LookupMessage(11), u"cached item already checked-out read/write");
-  EXPECT_EQ(jx::LookupMessage(22), u"can\u2019t convert to writeable when not checked out");
-  EXPECT_EQ(jx::LookupMessage(23), u"This Computer");
-  EXPECT_EQ(jx::MessageKey(27), nullptr);
-}
-
-TEST(PayloadRegistryTest, FactoriesByMatchName) {
-  using jx::testing::TestPayload;
-  JX_StuffData::Header header;
-  EXPECT_FALSE(JX_StuffData::CreateSubclass("Frame", header)) << "nothing registered yet";
-  JX_StuffData::Factory factory = [](const JX_StuffData::Header&) {
-    return zelcore::utility::IntrusivePtr<JX_StuffData>(new TestPayload(5));
-  };
-  JX_StuffData::RegisterFactory("Frame", factory);
-  auto made = JX_StuffData::CreateSubclass("Frame", header);
-  ASSERT_TRUE(made);
-  EXPECT_EQ(made->GetApproximateMemorySize(), 5u);
-  JX_StuffData::Death();
-  EXPECT_FALSE(JX_StuffData::CreateSubclass("Frame", header));
+  EXPECT_EQ(jx::settings::WriteToDiskPriority(), 0);
+  EXPECT_EQ(jx::settings::WriteToDiskPriority(), 0);
+  EXPECT_EQ(Lookups("KQ.JX.WriteToDiskPriorityR"), 1u);
 }
 
 // Asking for an unknown name leaves an empty entry behind; registering the name later must fill
-// that entry, not be shadowed by it.
+// that entry, not be shadowed by it. Shut-down forgets every factory.
 TEST(PayloadRegistryTest, NameAskedForBeforeItsFactoryIsRegisteredFindsItLater) {
-  using jx::testing::TestPayload;
-  JX_StuffData::Factory frame = [](const JX_StuffData::Header&) {
-    return zelcore::utility::IntrusivePtr<JX_StuffData>(new TestPayload(1));
-  };
-  JX_StuffData::RegisterFactory("Frame", frame);
-  JX_StuffData::Header header{7, 8, 9};
-  EXPECT_FALSE(JX_StuffData::CreateSubclass("Later", header));
-
-  int calls = 0;
-  JX_StuffData::Header seen;
-  JX_StuffData::Factory later = [&](const JX_StuffData::Header& h) {
-    ++calls;
+  JX_StuffData::Header header{7, 8, 9}, seen;
+  JX_StuffData::Factory factory = [&](const JX_StuffData::Header& h) {
     seen = h;
-    return zelcore::utility::IntrusivePtr<JX_StuffData>(new TestPayload(5));
+    return zelcore::utility::IntrusivePtr<JX_StuffData>(new jx::testing::TestPayload(5));
   };
-  JX_StuffData::RegisterFactory("Later", later);
-  auto made = JX_StuffData::CreateSubclass("Later", header);
-  ASSERT_TRUE(made);
-  EXPECT_EQ(made->GetApproximateMemorySize(), 5u);
-  EXPECT_EQ(calls, 1);
+  JX_StuffData::RegisterFactory("Frame", factory);  // the registry exists from here on
+  EXPECT_FALSE(JX_StuffData::CreateSubclass("Later", header));
+  JX_StuffData::RegisterFactory("Later", factory);
+  EXPECT_TRUE(JX_StuffData::CreateSubclass("Later", header));
   EXPECT_EQ(seen, header);
   JX_StuffData::Death();
-}
-
-TEST(PayloadRegistryTest, BaseClassOptsOutOfDiskAndCompression) {
-  zelcore::utility::IntrusivePtr<JX_StuffData> hold(new jx::testing::TestPayload(1));
-  const JX_StuffData& base = *hold;
-  EXPECT_FALSE(base.CanBeCompressed());
-  EXPECT_EQ(base.GetCompressedAllowedOption(), kJX_CompressionNotAllowed);
-  zelcore::utility::IntrusivePtr<JX_StuffData> other(new jx::testing::TestPayload(2));
-  for (const auto& arg : {zelcore::utility::IntrusivePtr<JX_StuffData>(), other}) {
-    EXPECT_TRUE(base.JX_StuffData::CanSatisfyRequest(arg));
-    EXPECT_TRUE(base.JX_StuffData::IdenticalRequest(arg));
-  }
-  EXPECT_TRUE(base.JX_StuffData::ShouldAllowPurge());
-  EXPECT_FALSE(base.JX_StuffData::CanDiskCache());
-  EXPECT_EQ(base.JX_StuffData::GetSubclassMatchname(), nullptr);
+  EXPECT_FALSE(JX_StuffData::CreateSubclass("Later", header));
 }
 
 }  // namespace

@@ -1,162 +1,80 @@
-// The media-map adapter: what is mirrored, re-adding, purges by ID, the pin flag, the switch,
-// host purges through the manager, and exact totals over random sequences.
+// The media-map adapter: what is mirrored, re-adding, purges by ID, host purges through the
+// manager (checked-out and pinned items survive them), and exact totals over random sequences.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <iostream>
 #include <random>
-#include <sstream>
-#include <string>
 #include <vector>
 
 #include "bag/bag.h"
-#include "host/feature.h"
-#include "host/trace.h"
-#include "lifecycle/settings.h"
 #include "mediamap/media_map_hooks.h"
 #include "mediamap/mediamap_test_support.h"
 
 namespace cf = jx::checkout_flags;
 using jx::testing::CheckMediaMapBooks;
-using jx::testing::LibraryTest;
 using jx::testing::MakeItem;
 using jx::testing::MediaMapTest;
+using jx::testing::PayloadOf;
 using jx::testing::TestPayload;
 using kq::JX_MediaMapDataKey;
-using zelcore::debug::Tracing;
 using zelcore::utility::Guid;
 using zelcore::utility::IntrusivePtr;
 
 namespace {
 
-// Turns the categories of `config` on and collects their lines for the life of the scope.
-struct TraceCapture {
-  explicit TraceCapture(const std::string& config) {
-    Tracing::Configure(config);
-    Tracing::SetSink([this](const char*, int, const std::string& text) { text_ += text; });
-  }
-  ~TraceCapture() {
-    Tracing::SetSink(nullptr);
-    Tracing::Configure("");
-  }
-  bool Contains(const std::string& text) const { return text_.find(text) != std::string::npos; }
-  std::string text_;  // single-threaded tests only
-};
-
-TestPayload* Payload(const IntrusivePtr<JX_Stuff>& s) {
-  return static_cast<TestPayload*>(s->GetDataPtr().get());
-}
-
-TEST_F(MediaMapTest, MirrorsOnlyItemsInMemoryWithASize) {
-  auto item = MakeItem(100);
+// Only items in memory with a size are mirrored, each once: re-adding one (as every check-in
+// does) erases its old entry first, after telling the host that entry was used again.
+TEST_F(MediaMapTest, MirrorsInMemoryItemsOnceAndRenewsTheirEntry) {
+  auto item = MakeItem(100), empty = MakeItem(0), purged = MakeItem(70);
   bag_->AddToBagAndSortDir(item);
-  EXPECT_EQ(JX_GetMediaMapSize(), 100u);
-  EXPECT_EQ(ManagerBytes(), 100u);
   EXPECT_EQ(item->GetMediaMapID(), 1u) << "entry IDs start at 1";
-
-  auto empty = MakeItem(0);
   bag_->AddToBagAndSortDir(empty);
-  auto purged = MakeItem(70);
-  Payload(purged)->PurgeIfPossible(nullptr);
-  ASSERT_FALSE(purged->IsInMemory());
+  PayloadOf(*purged)->PurgeIfPossible(nullptr);
   bag_->AddToBagAndSortDir(purged);
   EXPECT_FALSE(JX_MediaMapAddOrUpdate(purged));
-  EXPECT_EQ(JX_GetMediaMapSize(), 100u);
   EXPECT_EQ(adapter_->GetNumEntries(), 1u);
-  EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
-}
 
-TEST_F(MediaMapTest, ReaddingErasesTheOldEntryFirstAndCountsOnce) {
-  auto item = MakeItem(100);
-  bag_->AddToBagAndSortDir(item);
   const Guid oldGuid = item->GetMediaMapGuid();
-  const uint64_t oldID = item->GetMediaMapID();
   const uint64_t notified = RV::GetMediaManager()->GetNotifyCount();
-  {
-    TraceCapture traces("KQLIB.MediaMapImpl:6");
-    EXPECT_TRUE(JX_MediaMapAddOrUpdate(item));
-    EXPECT_TRUE(traces.Contains("Purged entry " + std::to_string(oldID) + " hash " +
-                                oldGuid.AsString() + " with 100 bytes. Current cache size 100\n"));
-  }
-  EXPECT_NE(item->GetMediaMapGuid(), oldGuid);
-  EXPECT_GT(item->GetMediaMapID(), oldID);
+  EXPECT_TRUE(JX_MediaMapAddOrUpdate(item));
   EXPECT_FALSE(adapter_->Find(JX_MediaMapDataKey(oldGuid, 0)));
   EXPECT_EQ(RV::GetMediaManager()->GetNotifyCount(), notified + 1);
-  EXPECT_EQ(RV::GetMediaManager()->GetEntryIDsOfMap(adapter_->GetMediaMapID()),
-            std::vector<uint64_t>{item->GetMediaMapID()});
-  EXPECT_EQ(JX_GetMediaMapSize(), 100u);
-
-  // A check-in renews the entry the same way.
   const uint64_t beforeCheckin = item->GetMediaMapID();
   ASSERT_EQ(item->Checkout(cf::kReadOnly), kJX_CheckedOut);
   item->Checkin(0, 0.0);
-  EXPECT_GT(item->GetMediaMapID(), beforeCheckin);
-  EXPECT_EQ(JX_GetMediaMapSize(), 100u);
+  EXPECT_GT(item->GetMediaMapID(), beforeCheckin) << "a check-in renews the entry";
+  EXPECT_EQ(adapter_->GetNumTemplateEntries(), 1u);
   EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
 }
 
-TEST_F(MediaMapTest, PurgingAnUnknownIDFlushesTheTemplateEntryOnly) {
-  auto item = MakeItem(100);
-  bag_->AddToBagAndSortDir(item);
-  // An entry the template holds but the adapter does not mirror.
-  JX_MediaMapDataKey key(Guid::CreateUnique(), 0);
-  const uint64_t id = adapter_->Insert(key, kq::JX_MediaMapData{item, 100});
-  ASSERT_TRUE(adapter_->Find(key));
-  adapter_->PurgeEntry(id);
-  adapter_->PurgeEntry(999999);
-  EXPECT_FALSE(adapter_->Find(key));
-  EXPECT_TRUE(item->IsInMemory());
-  EXPECT_EQ(item->GetBag(), bag_);
-  EXPECT_EQ(JX_GetMediaMapSize(), 100u);
-  EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 100);
-}
-
-TEST_F(MediaMapTest, PurgingAnItemWhoseBagIsGoneOnlyTraces) {
+// The host may hand back an ID it was never given, an entry of the map that mirrors no item, or
+// the entry of an item no longer in the bag. None of these frees an item: the last one's memory
+// goes with its last reference.
+TEST_F(MediaMapTest, PurgesOfEntriesWithoutAnItemInTheBagFreeNothing) {
   const int liveBefore = TestPayload::LiveCount().load();
-  auto item = MakeItem(100);
-  bag_->AddToBagAndSortDir(item);
+  auto kept = MakeItem(100), removed = MakeItem(50);
+  bag_->AddToBagAndSortDir(kept);
+  bag_->AddToBagAndSortDir(removed);
   {
     JXp_ScLock lock;
-    bag_->RemoveStuffFromBagAndSortDir(item, lock, false);  // leaves the entry behind
+    bag_->RemoveStuffFromBagAndSortDir(removed, lock, false);  // leaves the entry behind
   }
-  ASSERT_EQ(JX_GetMediaMapSize(), 100u);
-  std::ostringstream address;
-  address << static_cast<const void*>(item.get());
-  {
-    TraceCapture traces("JX_MediaMap:6");
-    adapter_->PurgeEntry(item->GetMediaMapID());
-    EXPECT_TRUE(traces.Contains("PurgeFromMediaMap " + address.str() +
-                                " stuff ain't got no bag, this should be harmless and mem will "
-                                "go away when stuff ref does."));
-  }
-  EXPECT_TRUE(item->IsInMemory());
-  EXPECT_EQ(JX_GetMediaMapSize(), 0u);
-  item.reset();
-  EXPECT_EQ(TestPayload::LiveCount().load(), liveBefore) << "memory goes with the last reference";
-}
-
-TEST_F(MediaMapTest, PinFlagDoesNotCountAndTheManagerHonoursIt) {
-  auto pinned = MakeItem(100);
-  auto other = MakeItem(100);
-  bag_->AddToBagAndSortDir(pinned);
-  bag_->AddToBagAndSortDir(other);
-  JX_MediaMapDataKey key(pinned->GetMediaMapGuid(), 0);
-  adapter_->MakeNonPurgeable(key);
-  adapter_->MakeNonPurgeable(key);
-  EXPECT_TRUE(adapter_->IsNonPurgeable(pinned->GetMediaMapID()));
-  adapter_->MakePurgeable(key);
-  EXPECT_FALSE(adapter_->IsNonPurgeable(pinned->GetMediaMapID()));
-  EXPECT_FALSE(adapter_->IsNonPurgeable(424242));
-
-  adapter_->MakeNonPurgeable(key);
-  RV::GetMediaManager()->SetBudget(0);
-  EXPECT_TRUE(pinned->IsInMemory()) << "the older entry is pinned";
-  EXPECT_FALSE(other->IsInMemory());
+  JX_MediaMapDataKey bare(Guid::CreateUnique(), 0);
+  const uint64_t bareID = adapter_->Insert(bare, kq::JX_MediaMapData{kept, 100});
+  ASSERT_EQ(JX_GetMediaMapSize(), 150u);
+  for (uint64_t id : {bareID, uint64_t{999999}, removed->GetMediaMapID()}) adapter_->PurgeEntry(id);
+  EXPECT_FALSE(adapter_->Find(bare));
+  EXPECT_TRUE(kept->IsInMemory() && removed->IsInMemory());
   EXPECT_EQ(JX_GetMediaMapSize(), 100u);
-  EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
+  removed.reset();
+  EXPECT_EQ(TestPayload::LiveCount().load(), liveBefore + 1);
 }
 
-TEST_F(MediaMapTest, HostPurgeFreesTheOldestButNeverACheckedOutItem) {
+// The host and the cache are one pool: the host's budget drops the oldest entries, its own media
+// and our items alike, but never frees an item that is checked out or pinned. A pin does not
+// count: one MakePurgeable undoes any number of MakeNonPurgeable.
+TEST_F(MediaMapTest, HostPurgeFreesTheOldestButNeverACheckedOutOrPinnedItem) {
   auto manager = RV::GetMediaManager();
   manager->AddHostMedia(100);  // the oldest entry of the pool
   std::vector<IntrusivePtr<JX_Stuff>> items;
@@ -165,21 +83,27 @@ TEST_F(MediaMapTest, HostPurgeFreesTheOldestButNeverACheckedOutItem) {
     bag_->AddToBagAndSortDir(items.back());
   }
   ASSERT_EQ(items[0]->Checkout(cf::kReadOnly), kJX_CheckedOut);
+  const JX_MediaMapDataKey pin(items[1]->GetMediaMapGuid(), 0);
+  adapter_->MakeNonPurgeable(pin);
+  adapter_->MakeNonPurgeable(pin);
 
-  manager->SetBudget(250);  // 500 held: host media, item 0 and item 1 go, in that order
+  manager->SetBudget(250);  // 500 held: the host's media, item 0's entry and item 2 go
   EXPECT_EQ(manager->GetHostMediaBytes(), 0u);
-  EXPECT_TRUE(items[0]->IsInMemory() && Payload(items[0])->Verify()) << "checked out";
-  EXPECT_FALSE(items[1]->IsInMemory());
-  EXPECT_FALSE(items[1]->GetBag()) << "no disk copy: nothing left to keep";
-  EXPECT_TRUE(items[2]->IsInMemory() && items[3]->IsInMemory());
+  EXPECT_TRUE(items[0]->IsInMemory() && PayloadOf(*items[0])->Verify()) << "checked out";
+  EXPECT_TRUE(items[1]->IsInMemory()) << "pinned";
+  EXPECT_FALSE(items[2]->IsInMemory());
+  EXPECT_FALSE(items[2]->GetBag()) << "no disk copy: nothing left to keep";
+  EXPECT_TRUE(items[3]->IsInMemory());
   EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 300);
   EXPECT_EQ(JX_GetMediaMapSize(), 200u);
 
   items[0]->Checkin(0, 0.0);  // mirrored again, now the youngest entry
   EXPECT_EQ(JX_GetMediaMapSize(), 300u);
+  adapter_->MakePurgeable(pin);
+  EXPECT_FALSE(adapter_->IsNonPurgeable(items[1]->GetMediaMapID()));
   manager->EnforceBudget();
-  EXPECT_FALSE(items[2]->IsInMemory());
-  EXPECT_TRUE(items[0]->IsInMemory());
+  EXPECT_FALSE(items[1]->IsInMemory());
+  EXPECT_TRUE(items[0]->IsInMemory() && items[3]->IsInMemory());
   EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 200);
   EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
 }
@@ -198,94 +122,44 @@ TEST_F(MediaMapTest, RandomSequencesKeepTheTotalsExact) {
     auto items = bag_->CopyMruItems();
     const int op = static_cast<int>(pick(items.empty() ? 1 : 10));
     auto any = items.empty() ? IntrusivePtr<JX_Stuff>() : items[pick(items.size())];
-    switch (op) {
-      case 0:
-        bag_->AddToBagAndSortDir(MakeItem(static_cast<unsigned>(pick(200)), {}, step));
-        break;
-      case 1:
-        if (any->Checkout(cf::kReadOnly) == kJX_CheckedOut) any->Checkin(0, 0.0);
-        break;
-      case 2:
-        if (held.size() < 3 && any->Checkout(cf::kReadOnly) == kJX_CheckedOut) {
-          held.push_back(any);
-        } else if (!held.empty()) {
-          held.back()->Checkin(0, 0.0);
-          held.pop_back();
-        }
-        break;
-      case 3:
-        any->FreeUpAsMuchAsPossible(true, nullptr);
-        break;
-      case 4:
-        jx::PurgeOverBudget(*bag_, pick(400));
-        break;
-      case 5:
-        manager->SetBudget(pick(1500));
-        manager->SetBudget(RV::MediaManager::kUnlimited);
-        break;
-      case 6:
-        if (pick(2)) {
-          manager->PurgeEntry(adapter_->GetMediaMapID(), any->GetMediaMapID());
-        } else {
-          adapter_->PurgeEntry(1000000 + pick(1000));  // never handed out
-        }
-        break;
-      case 7:
-        if (any->GetCheckoutCount() == 0) any->RemoveFromBagAndSortDir();
-        break;
-      case 8:
-        JX_MediaMapAddOrUpdate(any);
-        break;
-      case 9:
-        if (pick(2) || hostMedia.empty()) {
-          hostMedia.push_back(manager->AddHostMedia(pick(300)));
-        } else {
-          manager->RemoveHostMedia(hostMedia[pick(hostMedia.size())]);
-        }
-        break;
+    if (op == 0) {
+      bag_->AddToBagAndSortDir(MakeItem(static_cast<unsigned>(pick(200)), {}, step));
+    } else if (op == 1) {
+      if (any->Checkout(cf::kReadOnly) == kJX_CheckedOut) any->Checkin(0, 0.0);
+    } else if (op == 2) {  // hold up to three items checked out
+      if (held.size() < 3 && any->Checkout(cf::kReadOnly) == kJX_CheckedOut) {
+        held.push_back(any);
+      } else if (!held.empty()) {
+        held.back()->Checkin(0, 0.0);
+        held.pop_back();
+      }
+    } else if (op == 3) {
+      any->FreeUpAsMuchAsPossible(true, nullptr);
+    } else if (op == 4) {
+      jx::PurgeOverBudget(*bag_, pick(400));
+    } else if (op == 5) {
+      manager->SetBudget(pick(1500));
+      manager->SetBudget(RV::MediaManager::kUnlimited);
+    } else if (op == 6) {
+      if (pick(2)) {
+        manager->PurgeEntry(adapter_->GetMediaMapID(), any->GetMediaMapID());
+      } else {
+        adapter_->PurgeEntry(1000000 + pick(1000));  // never handed out
+      }
+    } else if (op == 7) {
+      if (any->GetCheckoutCount() == 0) any->RemoveFromBagAndSortDir();
+    } else if (op == 8) {
+      JX_MediaMapAddOrUpdate(any);
+    } else if (pick(2) || hostMedia.empty()) {
+      hostMedia.push_back(manager->AddHostMedia(pick(300)));
+    } else {
+      manager->RemoveHostMedia(hostMedia[pick(hostMedia.size())]);
     }
     ASSERT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "") << "step " << step << " op " << op;
+    ASSERT_EQ(adapter_->GetNumTemplateEntries(), adapter_->GetNumEntries()) << "step " << step;
   }
   for (auto& s : held) s->Checkin(0, 0.0);
   EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
-}
-
-class MediaMapOffTest : public LibraryTest {
-  void Birth() override {
-    RV::GetMediaManager()->Reset();
-    JX_Birth(false, 1, false);
-  }
-};
-
-TEST_F(MediaMapOffTest, NothingIsMirrored) {
-  auto item = MakeItem(100);
-  bag_->AddToBagAndSortDir(item);
-  ASSERT_EQ(item->Checkout(cf::kReadOnly), kJX_CheckedOut);
-  item->Checkin(0, 0.0);
-  item->FreeUpAsMuchAsPossible(true, nullptr);
-  EXPECT_FALSE(jx::mediamap::CurrentAdapter());
-  EXPECT_EQ(JX_GetMediaMapSize(), 0u);
-  EXPECT_EQ(item->GetMediaMapID(), 0u);
-  EXPECT_EQ(RV::GetMediaManager()->GetTotalBytes(), 0u);
-}
-
-// The feature is read once per process, so the start-up runs in a fresh one.
-TEST(MediaMapGfxpakTest, LimitBranchTellsTheManagerTheCacheMaximum) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        jx::StandaloneHost::Instance().SetEchoReports(false);
-        RV::MM::SetFixedMaxCacheSize(5000);
-        zelappsupport::feature::SetFeatureEnabled(kJX_GfxpakLimitFeature, true);
-        JX_Birth(true, 1, true);
-        auto limit = RV::GetMediaManager()->GetCacheMaxSize(jx::settings::CacheIdentity());
-        const bool ok = limit && *limit == JX_GetMaxJXCacheSize() && *limit == 500 &&
-                        !jx::settings::UseMediaMap() && !jx::mediamap::CurrentAdapter();
-        JX_StopAllAsyncWork();
-        JX_Death();
-        std::exit(ok ? 0 : 1);
-      },
-      ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
