@@ -31,8 +31,9 @@ std::vector<std::string_view> SplitAtSeparator(std::string_view name) {
   }
 }
 
-// Upper or lower case hex digits, nothing else; false on anything beyond 32 bits.
-bool ParseHexVersion(std::string_view text, uint32_t* out) {
+}  // namespace
+
+bool ParseVersionField(std::string_view text, uint32_t* out) {
   if (text.empty()) return false;
   uint64_t value = 0;
   for (char c : text) {
@@ -52,8 +53,6 @@ bool ParseHexVersion(std::string_view text, uint32_t* out) {
   *out = static_cast<uint32_t>(value);
   return true;
 }
-
-}  // namespace
 
 const char* DescribeCacheFileNameError(CacheFileNameError error) {
   switch (error) {
@@ -113,7 +112,7 @@ CacheFileNameError ParseCacheFileName(std::string_view name, CacheFileName* out)
   }
   if (fields[1].empty()) return CacheFileNameError::kBadMatchName;
   out->matchName = std::string(fields[1]);
-  if (!ParseHexVersion(fields[2], &out->version)) return CacheFileNameError::kBadVersion;
+  if (!ParseVersionField(fields[2], &out->version)) return CacheFileNameError::kBadVersion;
   std::string headerText(fields[3]);
   std::replace(headerText.begin(), headerText.end(), kNameSlash, kEncodedSlash);
   if (!zelcore::utility::DecodeBinaryDataFromUTF8String(headerText, &out->header)) {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "bag/bag.h"
+#include "disk/cache_file_name.h"
 #include "disk/disk_speed.h"
 #include "host/feature.h"
 #include "host/file_iterator.h"
@@ -109,21 +110,7 @@ bool IsCacheFileName(const std::string& name) {
 
 bool ParseCacheFileVersion(const std::string& name, uint32_t* version) {
   const std::vector<std::string> fields = SplitAtDots(name);
-  if (fields.size() < 4 || fields[2].empty() || fields[2].size() > 8) return false;
-  uint32_t v = 0;
-  for (char c : fields[2]) {
-    int digit;
-    if (c >= '0' && c <= '9') {
-      digit = c - '0';
-    } else if (c >= 'A' && c <= 'F') {
-      digit = c - 'A' + 10;
-    } else {
-      return false;
-    }
-    v = (v << 4) | static_cast<uint32_t>(digit);
-  }
-  *version = v;
-  return true;
+  return fields.size() >= 4 && ParseVersionField(fields[2], version);
 }
 
 int DeleteLeftoverTempFiles(const Dir& dir, int64_t minAgeSeconds) {
@@ -250,10 +237,11 @@ bool JX_Bag::EnsureDiskSpace(long long bytesNeeded, unsigned long long lastUsedT
   }
   for (const StuffPtr& item : items) {
     if (free >= target) break;
-    bool deleted = false;
     bool skipped = false;
-    item->MaybeDeleteDiskCacheFile(lastUsedThreshold, &deleted, &skipped);
-    if (deleted) free = GetCurFreeSpace();
+    item->MaybeDeleteDiskCacheFile(lastUsedThreshold, nullptr, &skipped);
+    // Measured again also when the deletion reports nothing freed: a file found empty (or
+    // already gone) still gives back the size the item had counted.
+    if (!skipped) free = GetCurFreeSpace();
   }
   const bool enough = free >= target;
   if (!enough) {

@@ -50,7 +50,9 @@ TEST(DiskFolderNames, MachineFolderAndCacheFileVersion) {
   uint32_t v = 0;
   EXPECT_TRUE(jx::disk::ParseCacheFileVersion("G.M.1A2B..kqcache", &v));
   EXPECT_EQ(v, 0x1A2Bu);
-  EXPECT_FALSE(jx::disk::ParseCacheFileVersion("G.M.1a2b..kqcache", &v)) << "upper case only";
+  EXPECT_TRUE(jx::disk::ParseCacheFileVersion("G.M.1a2b..kqcache", &v))
+      << "read as the scan reads it";
+  EXPECT_EQ(v, 0x1A2Bu);
   EXPECT_FALSE(jx::disk::ParseCacheFileVersion("G.M.123456789..kqcache", &v)) << "above 32 bits";
   EXPECT_FALSE(jx::disk::ParseCacheFileVersion("G.M.kqcache", &v));
   EXPECT_TRUE(jx::disk::IsCacheFileName("x.kqcache"));
@@ -177,6 +179,14 @@ TEST_F(DiskFolderTest, EnsureDiskSpaceDeletesOldestUnpinnedFirst) {
   EXPECT_TRUE(items[5]->HasDiskCacheFile());
   EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 300);
   hold1.ReleaseSuspendedCheckout();
+
+  // A file found empty (emptied by a cleaner) still gives back what its item counted: that is
+  // room too, and no further file goes for it.
+  std::ofstream(items[5]->GetDiskCacheFile().GetPath(), std::ios::trunc).close();
+  EXPECT_TRUE(bag_->EnsureDiskSpace(400, ~0ull));
+  EXPECT_FALSE(items[5]->HasDiskCacheFile());
+  EXPECT_TRUE(items[1]->HasDiskCacheFile());
+  EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 200);
 }
 
 TEST_F(DiskFolderTest, ScanHandsOverCacheFilesAndClearsLeftovers) {
