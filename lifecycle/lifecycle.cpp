@@ -91,6 +91,9 @@ void JX_Birth(bool mediaMapAllowed, unsigned int bagArgument, bool gfxpakLimitAl
   gGlobalBag.swap(bag);
   bag.reset();
   jx::settings::ExchangeGfxpakLimitAllowed(gfxpakLimitAllowed);
+  // An earlier start-up's media map mirrors the items of the bag just replaced: it leaves the
+  // host's media manager whatever is decided below, and with it its hold on those items.
+  JX_MediaMapDeath();
 
   if (JX_IsSetJXCacheLimitForGfxpaksEnabled()) {
     JX_MediaMapSetCacheLimit(jx::settings::CacheIdentity(), JX_GetMaxJXCacheSize());

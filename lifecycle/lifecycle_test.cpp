@@ -88,6 +88,28 @@ TEST(LifecycleTest, StartUpChoosesBetweenTheGfxpakLimitAndTheMediaMap) {
   }
 }
 
+// A second start-up replaces the bag. The first one's media map mirrors the first bag's items: it
+// must leave the host's media manager whichever way the second start-up decides, or the host
+// would keep purging (and the map keep alive) items of a bag that is gone.
+TEST(LifecycleTest, ASecondStartUpDetachesTheFirstOnesMediaMap) {
+  QuietHost();
+  zelappsupport::feature::SetFeatureEnabled(kJX_GfxpakLimitFeature, true);
+  auto manager = RV::GetMediaManager();
+  for (bool secondTakesGfxpakLimit : {false, true}) {
+    JX_Birth(true, 1, false);
+    auto first = jx::testing::MakeItem(10);
+    JX_GlobalBag()->AddToBagAndSortDir(first);
+    ASSERT_EQ(manager->GetTotalBytes(), 10u);
+    JX_Birth(secondTakesGfxpakLimit, 1, secondTakesGfxpakLimit);
+    EXPECT_EQ(jx::mediamap::CurrentAdapter(), nullptr);
+    EXPECT_EQ(manager->GetTotalBytes(), 0u);
+    EXPECT_EQ(first->GetRefCount(), 1) << "nothing but the test holds the first bag's item";
+    JX_GlobalBag()->AddToBagAndSortDir(jx::testing::MakeItem(10));
+    EXPECT_EQ(manager->GetTotalBytes(), 0u);
+    JX_Death();
+  }
+}
+
 uint64_t Lookups(const char* name) { return DebugDatabase::Instance().LookupCount(name); }
 
 // Each accessor is asked twice: a setting is looked up once, on first use, and never again.
