@@ -77,6 +77,11 @@ void JX_Bag::AddStuffGuts(const StuffPtr& stuff, const JXp_ScLock&, bool addToMe
   InsertByTime(*stuff);
   stuff->RetainObject();  // the set's reference
   stuff->SetBagAndInMru(weak_from_this(), this);
+  // Out of a bag, an item counts in the global bag (see RemoveStuffGuts): entering another bag,
+  // its bytes leave the global totals here and join this bag's in the sync below.
+  if (JX_Bag* global = jx::GlobalBagUnretained(); global && global != this) {
+    stuff->ForgetAccountedSizes(*global);
+  }
   if (auto data = stuff->GetDataPtr())
     stuff->SyncMemorySizeWithBag(data->GetApproximateMemorySize());
   if (mediaMap) TraceMediaMapChange("Added stuff ", *stuff);
