@@ -176,7 +176,7 @@ void JX_Bag::FreeUpSomeMemory(unsigned long long /*amount: the host is asked ins
   // owns is freed outside the library lock, also when an exception leaves the walk.
   ReleaseQueue toRelease;
   unsigned long long totalFreed = 0;
-  {
+  try {
     JXp_ScLock lock;
     jx::recency::ApplyAll(lock);  // the walk goes by recency: every check-in's move first
     PurgeWalk walk(*this, &toRelease);
@@ -189,6 +189,11 @@ void JX_Bag::FreeUpSomeMemory(unsigned long long /*amount: the host is asked ins
     }
     if (walk.AnyFreed()) TrackLastPurgedUsedTime(walk.NewestFreedUsedTime());
     totalFreed = walk.TotalFreed();
+  } catch (...) {
+    // A caller that holds the library lock itself would otherwise see the queue destroyed, and
+    // the memory freed, while it still holds the lock.
+    JXp_ScLock::ReleaseOutsideLock(std::move(toRelease));
+    throw;
   }
   if (totalFreed > 0) Y_PurgeRecycledMemory(totalFreed);
   // Freed here, or, when the caller itself holds the library lock, once it lets go.
