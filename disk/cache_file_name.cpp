@@ -31,8 +31,7 @@ std::vector<std::string_view> SplitAtSeparator(std::string_view name) {
   }
 }
 
-}  // namespace
-
+// Upper or lower case hex digits, nothing else; false on anything beyond 32 bits.
 bool ParseVersionField(std::string_view text, uint32_t* out) {
   if (text.empty()) return false;
   uint64_t value = 0;
@@ -53,6 +52,8 @@ bool ParseVersionField(std::string_view text, uint32_t* out) {
   *out = static_cast<uint32_t>(value);
   return true;
 }
+
+}  // namespace
 
 const char* DescribeCacheFileNameError(CacheFileNameError error) {
   switch (error) {
@@ -119,6 +120,11 @@ CacheFileNameError ParseCacheFileName(std::string_view name, CacheFileName* out)
     return CacheFileNameError::kBadHeader;
   }
   return CacheFileNameError::kNone;
+}
+
+bool ParseCacheFileVersion(std::string_view name, uint32_t* version) {
+  const std::vector<std::string_view> fields = SplitAtSeparator(name);
+  return fields.size() >= kFieldCount - 1 && ParseVersionField(fields[2], version);
 }
 
 }  // namespace jx::disk

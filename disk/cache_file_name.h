@@ -53,13 +53,13 @@ const char* DescribeCacheFileNameError(CacheFileNameError error);
 std::string MakeCacheFileName(const zelcore::utility::Guid& guid, std::string_view matchName,
                               uint32_t version, const uint8_t* header, size_t headerLength);
 
-// The version field's text: hex digits of either case, at most 32 bits. Both the folder scan and
-// the folder purge read versions through this, so that they agree on which files are the running
-// version's.
-bool ParseVersionField(std::string_view text, uint32_t* out);
-
 // Splits `name` (a file name, no folder) and fills *out; returns kNone on success. On failure
 // *out may be partly filled.
 CacheFileNameError ParseCacheFileName(std::string_view name, CacheFileName* out);
+
+// Only the version field (the third), read as ParseCacheFileName reads it, of a name whose other
+// fields may not parse: the folder purge tells the running version's files from others' by it,
+// and must take the same files for the running version's as the folder scan does.
+bool ParseCacheFileVersion(std::string_view name, uint32_t* version);
 
 }  // namespace jx::disk

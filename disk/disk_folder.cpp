@@ -82,17 +82,6 @@ bool MakeWritableFolder(const Dir& dir) {
   }
 }
 
-std::vector<std::string> SplitAtDots(const std::string& name) {
-  std::vector<std::string> fields;
-  size_t start = 0;
-  for (;;) {
-    const size_t dot = name.find('.', start);
-    fields.push_back(name.substr(start, dot - start));
-    if (dot == std::string::npos) return fields;
-    start = dot + 1;
-  }
-}
-
 }  // namespace
 
 namespace jx::disk {
@@ -106,11 +95,6 @@ std::string MachineFolderName(const std::string& computerName) {
 bool IsCacheFileName(const std::string& name) {
   const std::string_view ext(kCacheFileSuffix);
   return name.size() > ext.size() && std::string_view(name).substr(name.size() - ext.size()) == ext;
-}
-
-bool ParseCacheFileVersion(const std::string& name, uint32_t* version) {
-  const std::vector<std::string> fields = SplitAtDots(name);
-  return fields.size() >= 4 && ParseVersionField(fields[2], version);
 }
 
 int DeleteLeftoverTempFiles(const Dir& dir, int64_t minAgeSeconds) {

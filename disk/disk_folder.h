@@ -33,9 +33,6 @@ inline constexpr int64_t kLeftoverTempAgeSeconds = 60;
 // a name gets the localised "This Computer".
 std::string MachineFolderName(const std::string& computerName);
 bool IsCacheFileName(const std::string& name);
-// The version field of a cache file name (third "."-separated field), read as ParseCacheFileName
-// reads it.
-bool ParseCacheFileVersion(const std::string& name, uint32_t* version);
 // Deletes the SafeSave temporaries in `dir` at least `minAgeSeconds` old; returns how many.
 int DeleteLeftoverTempFiles(const zelcore::filesupport::Dir& dir, int64_t minAgeSeconds);
 
