@@ -1,10 +1,10 @@
 // JX_Stuff::PrepAndRead: reading an item's payload back from its disk cache file.
 //
-// A file that cannot be read back is deleted at once, so it is never tried twice; the caller
-// gets the error and treats the item like one that was never cached (it is recomputed). A read
-// that fails for want of memory keeps the file: nothing is wrong with it.
+// A file that cannot be read back, for whatever reason, is deleted at once, so it is never tried
+// twice; the caller gets the error and treats the item like one that was never cached (it is
+// recomputed). That includes a read that ran out of memory: a damaged file whose header claims
+// a huge frame fails that way on every try, and a good file costs one render to replace.
 #include <chrono>
-#include <new>
 #include <thread>
 
 #include "bag/bag.h"
@@ -70,10 +70,6 @@ void JX_Stuff::PrepAndRead(const ScopedUpgradeLockWrapper& lock) {
     return;
   } catch (int c) {
     code = c;
-  } catch (const std::bad_alloc&) {
-    // Memory ran out, not the file: it stays for a later read, and its size stays counted.
-    counters.failedReads.fetch_add(1, std::memory_order_relaxed);
-    throw Y_TranslateAndReportException();
   } catch (const std::exception& e) {
     code = Y_TranslateAndReportException();
     ZC_TRACE("JX", 3, "PrepAndRead: " << e.what());

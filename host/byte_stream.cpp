@@ -76,6 +76,16 @@ void IByteStream::ReadExactly(void* data, size_t length) {
   }
 }
 
+void IByteStream::ExpectAtLeast(uint64_t length, const char* what) const {
+  const uint64_t left = Remaining();
+  if (left == kUnknownLength || length <= left) return;
+  throw CorruptDataError(std::string(what) + " needs " + std::to_string(length) +
+                         " bytes, the stream holds " + std::to_string(left));
+}
+
+CorruptDataError::CorruptDataError(const std::string& what)
+    : FileError(EBADMSG, "corrupt data: " + what) {}
+
 // ---- Memory streams ----
 
 void VectorOByteStream::Write(const void* data, size_t length) {
@@ -182,6 +192,18 @@ IPlatformByteStream::IPlatformByteStream(const File& file) : path_(file.GetPath(
   CheckInjected(FileOp::kOpen, path_);
   fd_ = OpenWithRetry(path_, O_RDONLY);
   if (fd_ < 0) ThrowFileError(errno, FileOp::kOpen, path_);
+  struct stat st {};
+  if (::fstat(fd_, &st) != 0) {
+    const int err = errno;
+    ::close(fd_);
+    fd_ = -1;
+    ThrowFileError(err, FileOp::kSize, path_);
+  }
+  openedSize_ = static_cast<uint64_t>(st.st_size);
+}
+
+uint64_t IPlatformByteStream::Remaining() const {
+  return read_ < openedSize_ ? openedSize_ - read_ : 0;
 }
 
 IPlatformByteStream::~IPlatformByteStream() {
@@ -193,7 +215,10 @@ size_t IPlatformByteStream::Read(void* data, size_t length) {
   if (length > 1 && FaultInjection::ShortReads()) --length;
   for (;;) {
     const ssize_t n = detail::ReadSome(fd_, data, length);
-    if (n >= 0) return static_cast<size_t>(n);
+    if (n >= 0) {
+      read_ += static_cast<uint64_t>(n);
+      return static_cast<size_t>(n);
+    }
     if (errno != EINTR) ThrowFileError(errno, FileOp::kRead, path_);
   }
 }
@@ -237,6 +262,11 @@ size_t BufferedIByteStream::Read(void* data, size_t length) {
     done += n;
   }
   return done;
+}
+
+uint64_t BufferedIByteStream::Remaining() const {
+  const uint64_t source = source_.Remaining();
+  return source == kUnknownLength ? source : source + (end_ - pos_);
 }
 
 // ---- AllocateAligned ----

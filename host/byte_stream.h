@@ -28,11 +28,26 @@ class OByteStream {
 
 class IByteStream {
  public:
+  static constexpr uint64_t kUnknownLength = UINT64_MAX;
+
   virtual ~IByteStream() = default;
   // Reads up to `length` bytes; returns how many were read, 0 at the end.
   virtual size_t Read(void* data, size_t length) = 0;
+  // Bytes left to read, or kUnknownLength where the stream cannot tell. A reader checks what a
+  // header claims against it before it allocates: a damaged file must not make it allocate more
+  // than the file can hold.
+  virtual uint64_t Remaining() const { return kUnknownLength; }
   // Reads exactly `length` bytes or throws FileError(EIO) ("unexpected end of file").
   void ReadExactly(void* data, size_t length);
+  // Throws CorruptDataError when fewer than `length` bytes are left (see Remaining).
+  void ExpectAtLeast(uint64_t length, const char* what) const;
+};
+
+// Bytes that cannot be what their writer wrote: a header that does not fit the stream, a
+// checksum that does not match. A reader throws it; the cache then treats the file as damaged.
+class CorruptDataError : public FileError {
+ public:
+  explicit CorruptDataError(const std::string& what);
 };
 
 // An OByteStream that collects bytes in memory (for tests and for payloads that serialise first).
@@ -50,6 +65,7 @@ class MemoryIByteStream : public IByteStream {
  public:
   MemoryIByteStream(const uint8_t* data, size_t length) : data_(data), length_(length) {}
   size_t Read(void* data, size_t length) override;
+  uint64_t Remaining() const override { return length_ - pos_; }
 
  private:
   const uint8_t* data_;
@@ -96,10 +112,15 @@ class IPlatformByteStream : public IByteStream {
   explicit IPlatformByteStream(const File& file);
   ~IPlatformByteStream() override;
   size_t Read(void* data, size_t length) override;
+  // The file's size when it was opened, less what was read since (a cache file is replaced by a
+  // rename, never rewritten in place, so the open file keeps its size).
+  uint64_t Remaining() const override;
   uint64_t Size() const;
 
  private:
   int fd_ = -1;
+  uint64_t openedSize_ = 0;
+  uint64_t read_ = 0;
   std::string path_;
 };
 
@@ -108,6 +129,7 @@ class BufferedIByteStream : public IByteStream {
   // Reads from `source` in chunks of `bufferSize` bytes (a multiple of blockSize).
   BufferedIByteStream(IByteStream& source, size_t bufferSize, size_t blockSize);
   size_t Read(void* data, size_t length) override;
+  uint64_t Remaining() const override;
 
  private:
   IByteStream& source_;

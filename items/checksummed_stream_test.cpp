@@ -1,0 +1,104 @@
+#include "items/checksummed_stream.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+namespace {
+
+using jx::ChecksummedIByteStream;
+using jx::ChecksummedOByteStream;
+using zelcore::filesupport::CorruptDataError;
+using zelcore::filesupport::IByteStream;
+using zelcore::filesupport::MemoryIByteStream;
+using zelcore::filesupport::VectorOByteStream;
+
+std::vector<uint8_t> Pattern(size_t n) {
+  std::vector<uint8_t> v(n);
+  for (size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(i * 131 + (i >> 9));
+  return v;
+}
+
+// Writes `payload` in pieces of `piece` bytes, with the trailer.
+std::vector<uint8_t> Sealed(const std::vector<uint8_t>& payload, size_t piece) {
+  VectorOByteStream out;
+  ChecksummedOByteStream sum(out);
+  for (size_t at = 0; at < payload.size(); at += piece) {
+    sum.Write(payload.data() + at, std::min(piece, payload.size() - at));
+  }
+  sum.Finish();
+  return out.Bytes();
+}
+
+// Reads back `n` payload bytes and verifies; returns what was read (throws as Verify does).
+std::vector<uint8_t> Open(const std::vector<uint8_t>& file, size_t n) {
+  MemoryIByteStream raw(file.data(), file.size());
+  ChecksummedIByteStream in(raw);
+  std::vector<uint8_t> got(n);
+  in.ReadExactly(got.data(), n);
+  in.Verify();
+  return got;
+}
+
+TEST(ChecksummedStream, RoundTripsWhateverTheWritesSizesAndTellsThePayloadWhatIsLeft) {
+  for (size_t size : {size_t{0}, size_t{1}, size_t{4095}, size_t{300000}}) {
+    const auto payload = Pattern(size);
+    const auto one = Sealed(payload, size ? size : 1);
+    const auto many = Sealed(payload, 7);
+    EXPECT_EQ(one, many) << "the trailer depends on the bytes, not on how they were written";
+    ASSERT_EQ(one.size(), size + jx::kChecksumTrailerSize);
+
+    MemoryIByteStream raw(one.data(), one.size());
+    ChecksummedIByteStream in(raw);
+    EXPECT_EQ(in.Remaining(), size) << "the trailer is not the payload's to read";
+    std::vector<uint8_t> got(size + 10);
+    // A greedy reader gets the payload's bytes and no more: the trailer stays for Verify.
+    size_t n = 0;
+    while (size_t r = in.Read(got.data() + n, got.size() - n)) n += r;
+    EXPECT_EQ(n, size);
+    got.resize(n);
+    EXPECT_EQ(got, payload);
+    EXPECT_NO_THROW(in.Verify());
+  }
+}
+
+TEST(ChecksummedStream, EveryFlippedBitTruncationOrTailIsCaught) {
+  const auto payload = Pattern(200);
+  const auto good = Sealed(payload, 64);
+  ASSERT_EQ(Open(good, payload.size()), payload);
+  int caught = 0, tried = 0;
+  for (size_t byte = 0; byte < good.size(); ++byte) {
+    for (int bit = 0; bit < 8; ++bit) {
+      auto bad = good;
+      bad[byte] ^= static_cast<uint8_t>(1u << bit);
+      ++tried;
+      try {
+        Open(bad, payload.size());
+      } catch (const CorruptDataError&) {
+        ++caught;
+      }
+    }
+  }
+  EXPECT_EQ(caught, tried) << "a flipped bit in the body or the trailer must never verify";
+
+  for (size_t cut : {size_t{1}, size_t{8}, size_t{9}, good.size()}) {
+    std::vector<uint8_t> shorter(good.begin(), good.end() - static_cast<long>(cut));
+    EXPECT_THROW(Open(shorter, std::min(shorter.size(), payload.size())), std::exception)
+        << "cut by " << cut;
+  }
+  auto longer = good;
+  longer.push_back(0);
+  EXPECT_THROW(Open(longer, payload.size()), CorruptDataError);
+}
+
+TEST(ChecksummedStream, AHeaderThatClaimsMoreThanTheStreamHoldsIsRefusedBeforeAllocating) {
+  const auto file = Sealed(Pattern(100), 100);
+  MemoryIByteStream raw(file.data(), file.size());
+  ChecksummedIByteStream in(raw);
+  EXPECT_NO_THROW(in.ExpectAtLeast(100, "frame"));
+  EXPECT_THROW(in.ExpectAtLeast(101, "frame"), CorruptDataError);
+  EXPECT_THROW(in.ExpectAtLeast(uint64_t{65535} * 16383 * 4, "frame"), CorruptDataError);
+}
+
+}  // namespace
