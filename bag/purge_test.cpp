@@ -72,9 +72,13 @@ class PurgeTest : public LibraryTest {
     std::vector<IntrusivePtr<JX_Stuff>> items;
     for (int i = 0; i < n; ++i) {
       auto item = MakeItem(size);
-      // Purging only looks at the link to the file; no file is read here.
-      if (withDiskCopy)
-        item->SetDiskCacheFile(zelcore::filesupport::File("/nonexistent.kqcache"), false);
+      // Purging only looks at the link to the file; no file is read here. A file belongs to one
+      // item, so each gets a name of its own.
+      if (withDiskCopy) {
+        EXPECT_TRUE(item->SetDiskCacheFile(
+            zelcore::filesupport::File("/nonexistent/" + item->GetGuid().AsString() + ".kqcache"),
+            false));
+      }
       bag_->AddToBagAndSortDir(item);
       items.push_back(item);
     }

@@ -255,6 +255,9 @@ void JX_Stuff::UpdateWithNewGuid(const Guid& guid) {
     writeable = writeable_;
     dir = sortDir_.lock();
   }
+  // The disk copy is filed under the old key: read back, or adopted by a later process, it
+  // would answer the old key with what the item now holds for the new one.
+  if ((writeable || dir) && GetGuid() != guid) DiscardDiskCopy(/*onlyIfInMemory=*/false);
   if (writeable || !dir) {
     // Out of the directory for now: check-in (or the next add) files it under the new key.
     StoreGuid(guid);

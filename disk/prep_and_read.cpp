@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "bag/bag.h"
+#include "disk/claimed_file.h"
 #include "disk/disk_counters.h"
 #include "disk/disk_writer.h"
 #include "host/byte_stream.h"
@@ -48,7 +49,8 @@ void JX_Stuff::PrepAndRead(const ScopedUpgradeLockWrapper& lock) {
   try {
     const double delaySeconds = SimulatedReadDelaySeconds();
     IntrusivePtr<JX_StuffData> data;
-    std::shared_ptr<File> file;
+    // Held for the read: the path stays claimed even if the item lets go of it meanwhile.
+    std::shared_ptr<jx::disk::ClaimedFile> file;
     {
       ScopedReadLockWrapper r(mutex_);
       data = data_;
@@ -58,7 +60,7 @@ void JX_Stuff::PrepAndRead(const ScopedUpgradeLockWrapper& lock) {
     JX_DeprioritizeBackgroundWrites();
     if (!file) return;
 
-    IPlatformByteStream raw(*file);
+    IPlatformByteStream raw(file->File());
     const uint64_t fileSize = raw.Size();
     BufferedIByteStream in(raw, kReadBufferSize, kReadBlockSize);
     const double seconds = data->Read(in, lock.mutex()) + delaySeconds;

@@ -11,6 +11,7 @@
 
 #include "bag/bag.h"
 #include "disk/cache_file_name.h"
+#include "disk/claimed_file.h"
 #include "disk/disk_counters.h"
 #include "disk/disk_folder.h"
 #include "disk/fast_write_stream.h"
@@ -123,7 +124,13 @@ void JX_Stuff::PrepAndWrite(const std::shared_ptr<JX_Bag>& bag) {
 
     uint32_t idle = 0;
     claimed = writeInProgress_.compare_exchange_strong(idle, 1, std::memory_order_acq_rel);
-    if (!claimed || HasDiskCacheFile() || temp.Exists() || target.Exists()) {
+    // The target's path is claimed before the file exists: a scan cannot adopt it between its
+    // rename into place and this item linking to it.
+    std::shared_ptr<jx::disk::ClaimedFile> claim;
+    if (claimed && !HasDiskCacheFile() && !temp.Exists() && !target.Exists()) {
+      claim = jx::disk::ClaimedFile::TryClaim(target);
+    }
+    if (!claim) {
       counters.writesSkipped.fetch_add(1, std::memory_order_relaxed);
     } else {
       const double seconds = WriteBody(*data, temp);
@@ -132,10 +139,11 @@ void JX_Stuff::PrepAndWrite(const std::shared_ptr<JX_Bag>& bag) {
 
       uint64_t size;
       MemDiskChangedSignal* changed;
+      std::shared_ptr<jx::disk::ClaimedFile> replaced;  // released after the lock
       {
         ScopedWriteLockWrapper wl(mutex_);
         size = SizeOrDelete(target);
-        diskFile_ = std::make_shared<File>(target);
+        replaced = std::exchange(diskFile_, std::move(claim));
         changed = memDiskChanged_.get();
       }
       SyncDiskSizeWithBag(static_cast<unsigned int>(std::min<uint64_t>(size, UINT32_MAX)));

@@ -6,6 +6,7 @@
 
 #include "bag/bag.h"
 #include "disk/cache_file_name.h"
+#include "disk/claimed_file.h"
 #include "disk/disk_counters.h"
 #include "host/trace.h"
 #include "host/y_api.h"
@@ -62,10 +63,14 @@ void JX_Bag::ScanOneDiskCacheFile(const File& file) {
     zelcore::utility::Guid guid;
     auto payload = PayloadForFile(file, GetAppVersion(), &guid);
     if (!payload) return;
+    // A file some item already links to is part of the cache: that item may be out of the
+    // directory just now (checked out writeable, re-keyed), which the lookup below would take
+    // for a file nobody has.
+    std::shared_ptr<jx::disk::ClaimedFile> claim = jx::disk::ClaimedFile::TryClaim(file);
+    if (!claim) return;
     const unsigned int size = AccountableSize(file.Size());
 
     auto candidate = JX_Stuff::CreateNew(payload, 0.0);
-    candidate->SetDiskCacheFile(file, false);
     candidate->SetGuid(guid);
     // Lookup and insertion under one hold of the library lock, so that two threads adopting
     // the same file cannot both add an item for it. Neither step waits.
@@ -74,11 +79,12 @@ void JX_Bag::ScanOneDiskCacheFile(const File& file) {
     existing.FindAndCheckout(candidate, kAdoptLookupFlags);
     if (auto found = existing.GetStuffPtr()) {
       existing.SetCheckinFlags(jx::checkin_flags::kKeepRecency);  // adopting is not a use
-      if (found->SetDiskCacheFile(file, true)) {
+      if (found->TakeDiskCacheFile(claim, true)) {
         found->SyncDiskSizeWithBag(size);
         jx::disk::GetCounters().filesAdopted.fetch_add(1, std::memory_order_relaxed);
       }
     } else {
+      candidate->TakeDiskCacheFile(claim, false);
       candidate->AddToBagAndSortDir(shared_from_this());
       candidate->SyncDiskSizeWithBag(size);
       jx::disk::GetCounters().filesAdopted.fetch_add(1, std::memory_order_relaxed);

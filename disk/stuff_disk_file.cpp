@@ -1,24 +1,38 @@
 // The link between an item and its disk cache file, and the pins that keep the file.
 #include <atomic>
+#include <new>
 
 #include "bag/bag.h"
 #include "bag/library_lock.h"
+#include "disk/claimed_file.h"
 #include "items/stuff.h"
 
+using jx::disk::ClaimedFile;
 using zelcore::filesupport::File;
 using zelcore::threads::ScopedReadLockWrapper;
 using zelcore::threads::ScopedWriteLockWrapper;
 
 bool JX_Stuff::SetDiskCacheFile(const File& file, bool onlyIfNone) {
+  {
+    ScopedReadLockWrapper r(mutex_);
+    if (diskFile_ && (onlyIfNone || diskFile_->File() == file)) return !onlyIfNone;
+  }
+  std::shared_ptr<ClaimedFile> claim = ClaimedFile::TryClaim(file);
+  return claim && TakeDiskCacheFile(claim, onlyIfNone);
+}
+
+bool JX_Stuff::TakeDiskCacheFile(std::shared_ptr<ClaimedFile>& claim, bool onlyIfNone) {
+  if (!claim) return false;
+  std::shared_ptr<ClaimedFile> previous;  // released after the lock
   ScopedWriteLockWrapper wl(mutex_);
   if (onlyIfNone && diskFile_) return false;
-  diskFile_ = std::make_shared<File>(file);
+  previous = std::exchange(diskFile_, std::move(claim));
   return true;
 }
 
 File JX_Stuff::GetDiskCacheFile() const {
   ScopedReadLockWrapper r(mutex_);
-  return diskFile_ ? *diskFile_ : File();
+  return diskFile_ ? diskFile_->File() : File();
 }
 
 bool JX_Stuff::HasDiskCacheFile() const {
@@ -27,9 +41,10 @@ bool JX_Stuff::HasDiskCacheFile() const {
 }
 
 void JX_Stuff::ClearDiskCacheFile() {
+  std::shared_ptr<ClaimedFile> forgotten;
   {
     ScopedWriteLockWrapper wl(mutex_);
-    diskFile_.reset();
+    forgotten = std::move(diskFile_);
   }
   SyncDiskSizeWithBag(0);
 }
@@ -37,20 +52,22 @@ void JX_Stuff::ClearDiskCacheFile() {
 bool JX_Stuff::DeleteDiskCacheFile() {
   bool inMemory;
   MemDiskChangedSignal* signal = nullptr;
+  // Released once the file is gone: until then no scan can adopt it.
+  std::shared_ptr<ClaimedFile> claim;
   {
     ScopedWriteLockWrapper wl(mutex_);
     if (!diskFile_) return false;
+    claim = std::move(diskFile_);
     uint64_t size = 0;
     try {
-      size = diskFile_->Size();
+      size = claim->File().Size();
     } catch (...) {
       size = 0;
     }
     try {
-      diskFile_->Delete();
+      claim->File().Delete();
     } catch (...) {
     }
-    diskFile_.reset();
     inMemory = data_ && data_->IsInMemory();
     // The signal is created under this lock; read it here, fire it after.
     signal = memDiskChanged_.get();
@@ -74,6 +91,48 @@ void JX_Stuff::DropDiskCacheFileOutsideLock() {
     if (self->GetNumDiskCacheCheckouts() == 0) self->DeleteDiskCacheFile();
   });
   JXp_ScLock::ReleaseOutsideLock(std::move(owners));
+}
+
+void JX_Stuff::DiscardDiskCopy(bool onlyIfInMemory) {
+  DetachedDiskCopy stale;
+  {
+    ScopedWriteLockWrapper wl(mutex_);
+    stale = DetachDiskCopyLocked(onlyIfInMemory);
+  }
+  DropDetachedDiskCopy(std::move(stale));
+}
+
+JX_Stuff::DetachedDiskCopy JX_Stuff::DetachDiskCopyLocked(bool onlyIfInMemory) {
+  DetachedDiskCopy stale;
+  if (!diskFile_) return stale;
+  stale.inMemory = data_ && data_->IsInMemory();
+  if (onlyIfInMemory && !stale.inMemory) return stale;
+  stale.claim = std::move(diskFile_);
+  stale.signal = memDiskChanged_.get();
+  return stale;
+}
+
+void JX_Stuff::DropDetachedDiskCopy(DetachedDiskCopy stale) {
+  if (!stale.claim) return;
+  // The written or re-keyed payload is not what the old copy holds; it is a candidate again.
+  taggedToWrite_.store(false, std::memory_order_release);
+  SyncDiskSizeWithBag(0);
+  if (stale.signal) stale.signal->Fire(stale.inMemory, false);
+  // The claim goes with the file, so that no scan adopts the file in between.
+  auto unlink = [claim = std::move(stale.claim)] {
+    try {
+      claim->File().Delete();
+    } catch (...) {
+      // Gone already, or the folder refuses: either way no item links to it any more.
+    }
+  };
+  try {
+    std::deque<std::shared_ptr<void>> owners;
+    owners.emplace_back(nullptr, [unlink](void*) { unlink(); });
+    JXp_ScLock::ReleaseOutsideLock(std::move(owners));
+  } catch (const std::bad_alloc&) {
+    unlink();  // no memory to put it off: now, even under the lock
+  }
 }
 
 void JX_Stuff::MaybeDeleteDiskCacheFile(uint64_t lastUsedThreshold, bool* deleted, bool* skipped) {

@@ -175,6 +175,7 @@ void JX_Stuff::CheckinImpl(int flags, double computeTime) {
   ZC_PROFILE_SCOPE("KQ.JX_Stuff::Checkin", 6);
   if (CheckinReadOnly(flags)) return;
   bool wasWriteable;
+  DetachedDiskCopy stale;
   {
     JXp_ScLock lock;
     std::shared_ptr<JX_SortDir> dir;
@@ -183,6 +184,10 @@ void JX_Stuff::CheckinImpl(int flags, double computeTime) {
       // One hold of the item's lock for all of the item's own bookkeeping.
       ScopedWriteLockWrapper wl(mutex_);
       wasWriteable = writeable_;
+      // Whoever held the item writeable may have changed its payload: the disk copy holds the
+      // old one, and would be read back after the next purge. It goes before the item can be
+      // found again.
+      if (wasWriteable) stale = DetachDiskCopyLocked(/*onlyIfInMemory=*/true);
       if (wasWriteable && tempRemovedFromSortDir_) {
         dir = sortDir_.lock();
         if (!dir) tempRemovedFromSortDir_ = false;
@@ -205,6 +210,7 @@ void JX_Stuff::CheckinImpl(int flags, double computeTime) {
   }
   // With every lock released.
   JX_GetStuffCounters().itemsCheckedOut.fetch_sub(1);
+  DropDetachedDiskCopy(std::move(stale));
   if (flags & ci::kRemove) {
     RemoveFromBagAndSortDir();
     // Nobody can find the item any more: its disk copy would only take room in the folder.

@@ -60,6 +60,9 @@
 
 class JX_Bag;
 class JX_ScCheckout;
+namespace jx::disk {
+class ClaimedFile;
+}
 namespace jx::recency {
 struct Applier;
 }
@@ -193,12 +196,24 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // Reads the payload back from the item's file; the caller holds the item's upgrade lock.
   // On failure the file is deleted, the failed-reads counter raised and the error thrown on.
   void PrepAndRead(const zelcore::threads::ScopedUpgradeLockWrapper& lock);
+  // Links the item to `file` (replacing its link, unless `onlyIfNone` and it has one). False
+  // when nothing changed, also when another item's link holds the file: a file belongs to one
+  // item. Does not touch the disk or the sizes.
   bool SetDiskCacheFile(const zelcore::filesupport::File& file, bool onlyIfNone);
+  // The same with a claim already taken (disk/claimed_file.h); on success the item holds it and
+  // `claim` is left empty.
+  bool TakeDiskCacheFile(std::shared_ptr<jx::disk::ClaimedFile>& claim, bool onlyIfNone);
   zelcore::filesupport::File GetDiskCacheFile() const;
   bool HasDiskCacheFile() const;
   bool IsOnDisk() const { return HasDiskCacheFile(); }
   void ClearDiskCacheFile();
   bool DeleteDiskCacheFile();
+  // The disk copy no longer holds what the item answers (the payload was written to through a
+  // writeable check-out, or the item was re-keyed): the item forgets it at once, so that nothing
+  // can read it back, and the file is deleted once the calling thread holds no library lock.
+  // With `onlyIfInMemory`, an item whose payload is not in memory keeps its copy (it is the only
+  // one, and nothing can have changed it). The item may then be written to disk again.
+  void DiscardDiskCopy(bool onlyIfInMemory);
   void MaybeDeleteDiskCacheFile(uint64_t lastUsedThreshold, bool* deleted, bool* skipped);
   uint32_t GetNumDiskCacheCheckouts() const {
     return diskCheckouts_.load(std::memory_order_acquire);
@@ -283,6 +298,16 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // Deletes the item's disk file once the calling thread holds no library lock, unless a disk
   // hold pins it. For items nobody can find any more.
   void DropDiskCacheFileOutsideLock();
+  // DiscardDiskCopy in two steps: the link is taken away under the item's write lock, in the same
+  // hold that makes the item usable again (so that no purge frees the payload while the stale
+  // copy still looks like its backup), and the rest is done with the locks released.
+  struct DetachedDiskCopy {
+    std::shared_ptr<jx::disk::ClaimedFile> claim;
+    bool inMemory = false;
+    MemDiskChangedSignal* signal = nullptr;
+  };
+  DetachedDiskCopy DetachDiskCopyLocked(bool onlyIfInMemory);
+  void DropDetachedDiskCopy(DetachedDiskCopy stale);
   // The steps of SetStuffDataFromPendingRender_Impl: the debugging pause and the back-pressure
   // behind the disk writer, then the completion that opens the gate.
   void PauseBeforeFilling(bool skipBackPressure);
@@ -382,7 +407,8 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   MruHook mruHook_;
   JX_Bag* mruBag_ = nullptr;  // the bag whose recency order links the item
   uint64_t mruStamp_ = 0;     // the time stamp that places it there (library lock)
-  std::shared_ptr<zelcore::filesupport::File> diskFile_;
+  // The item's claim on its disk file (disk/claimed_file.h): a file belongs to one item.
+  std::shared_ptr<jx::disk::ClaimedFile> diskFile_;
 
   // Less frequently used: the rest of the disk and purge state, the directory link, the pending
   // gate, the media map.

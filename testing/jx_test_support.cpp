@@ -20,6 +20,13 @@ TestPayload::TestPayload(unsigned int size, uint32_t seed, bool diskCacheable)
   LiveCount().fetch_add(1);
 }
 
+void TestPayload::Rewrite(uint32_t seed) {
+  seed_ = seed;
+  if (!bytes_) return;
+  for (unsigned int i = 0; i < size_; ++i)
+    (*bytes_)[i] = static_cast<uint8_t>((seed * 131 + i) & 0xFF);
+}
+
 TestPayload::~TestPayload() {
   if (bytes_ && OnRelease()) OnRelease()();
   LiveCount().fetch_sub(1);

@@ -37,6 +37,9 @@ class TestPayload : public JX_StuffData {
   bool CanSatisfyRequest(IntrusivePtr<JX_StuffData> request) const override;
 
   void SetAllowPurge(bool allow) { allowPurge_ = allow; }
+  // Gives the payload the bytes (and header) of `seed` in place, as a holder of a writeable
+  // check-out rewrites what it holds.
+  void Rewrite(uint32_t seed);
   // Changes the reported size in place (the bytes are not reallocated).
   void SetReportedSize(unsigned int size) { size_ = size; }
   // When set, the payload refuses requests of another variant (same GUID, other request).

@@ -1,0 +1,146 @@
+// What an item's disk copy becomes when the item changes under it: a payload rewritten through a
+// writeable check-out, an item re-keyed, an item out of the directory while the folder is
+// scanned. The copy must never be read back for what the item holds now, and a file must never
+// stand for two items.
+#include <gtest/gtest.h>
+
+#include "bag/bag.h"
+#include "disk/claimed_file.h"
+#include "disk/disk_test_support.h"
+#include "disk/scan_one_file.h"
+#include "items/sc_checkout.h"
+
+namespace cf = jx::checkout_flags;
+using jx::testing::TestPayload;
+using zelcore::filesupport::File;
+using zelcore::utility::Guid;
+using zelcore::utility::IntrusivePtr;
+
+namespace {
+
+constexpr unsigned int kSize = 50000;
+constexpr uint32_t kOldSeed = 7, kNewSeed = 8;
+constexpr double kWorthWriting = 10.0;  // seconds of compute: any disk is faster
+
+class RewriteTest : public jx::testing::DiskTest {
+ protected:
+  void SetUp() override {
+    DiskTest::SetUp();
+    jx::testing::RegisterTestPayloadFactory();
+  }
+
+  // An item in the bag whose payload (seed kOldSeed) is on disk.
+  IntrusivePtr<JX_Stuff> WrittenItem() {
+    auto item = AddDiskCacheableItem(kSize);
+    item->PrepAndWrite(bag_);
+    EXPECT_TRUE(item->HasDiskCacheFile());
+    return item;
+  }
+  // Frees the item's memory as a purge does; an item left with nothing leaves the bag.
+  void Purge(const IntrusivePtr<JX_Stuff>& item) {
+    ASSERT_TRUE(jx::testing::WriterDrained());
+    JX_Stuff::ReleaseQueue queue;
+    EXPECT_GT(item->FreeUpAsMuchAsPossible(false, &queue), 0u);
+  }
+  // What a render thread asking for `guid` gets: the seed of the payload it was served (checked
+  // byte for byte), or -1 when nothing was cached and it would render.
+  long Served(const Guid& guid) {
+    JX_ScCheckout handle;
+    const auto result =
+        handle.FindAndCheckout(jx::testing::MakeRequest(guid), cf::kReadOnly | cf::kCreatePending);
+    if (result == kJX_CreatedPending) {
+      handle.GetStuffPtr()->SetStuffDataFromPendingRender({}, 0.0);  // abandon: leave no trace
+      return -1;
+    }
+    EXPECT_EQ(result, kJX_CheckedOut);
+    auto* payload = jx::testing::PayloadOf(*handle.GetStuffPtr());
+    if (!payload) return -2;
+    EXPECT_TRUE(payload->Verify()) << "served bytes that are not its seed's";
+    return payload->Verify() ? static_cast<long>(payload->Seed()) : -3;
+  }
+  void ExpectFolderMatchesBag() {
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), jx::testing::SumOfFileSizes(Folder()));
+  }
+};
+
+TEST_F(RewriteTest, APayloadRewrittenThroughAWriteableCheckoutIsNeverReadBackOld) {
+  for (double computeTime : {0.0, kWorthWriting}) {
+    SCOPED_TRACE(computeTime == 0.0 ? "not worth writing again" : "worth writing again");
+    auto item = WrittenItem();
+    const File old = item->GetDiskCacheFile();
+    {
+      JX_ScCheckout handle;
+      ASSERT_EQ(handle.Checkout(item, 0), kJX_CheckedOut);  // writeable, not converted
+      jx::testing::PayloadOf(*item)->Rewrite(kNewSeed);
+      handle.Checkin(0, computeTime);
+    }
+    ASSERT_TRUE(jx::testing::WriterDrained());
+    EXPECT_FALSE(old.Exists()) << "the old payload's copy is still in the folder";
+    if (computeTime > 0.0) {
+      EXPECT_TRUE(item->HasDiskCacheFile()) << "the new payload was not written again";
+      EXPECT_TRUE(item->WasTaggedToWriteToDisk());
+    } else {
+      EXPECT_FALSE(item->HasDiskCacheFile());
+    }
+    ExpectFolderMatchesBag();
+
+    Purge(item);
+    const long served = Served(item->GetGuid());
+    EXPECT_NE(served, long{kOldSeed}) << "served the payload as it was before the write";
+    EXPECT_EQ(served, computeTime > 0.0 ? long{kNewSeed} : -1);
+    ExpectFolderMatchesBag();
+  }
+}
+
+TEST_F(RewriteTest, AReKeyedItemLeavesNoCopyUnderItsOldKey) {
+  for (bool writeable : {false, true}) {
+    SCOPED_TRACE(writeable ? "re-keyed while checked out writeable" : "re-keyed in place");
+    auto item = WrittenItem();
+    const Guid oldKey = item->GetGuid(), newKey = Guid::CreateUnique();
+    const File old = item->GetDiskCacheFile();
+    {
+      JX_ScCheckout handle;
+      if (writeable) {
+        ASSERT_EQ(handle.Checkout(item, 0), kJX_CheckedOut);
+      }
+      item->UpdateWithNewGuid(newKey);
+    }
+    EXPECT_FALSE(old.Exists());
+    EXPECT_FALSE(item->HasDiskCacheFile());
+    ExpectFolderMatchesBag();
+    EXPECT_EQ(Served(newKey), long{kOldSeed}) << "the payload itself is still good";
+    Purge(item);
+    EXPECT_EQ(Served(oldKey), -1) << "the old key still finds the item's payload";
+    EXPECT_EQ(Served(newKey), -1) << "read back from a file filed under the old key";
+  }
+}
+
+TEST_F(RewriteTest, AScanWhileTheItemIsOutOfTheDirectoryDoesNotAdoptItsFile) {
+  for (bool rekeyed : {false, true}) {
+    SCOPED_TRACE(rekeyed ? "and re-keyed" : "checked out writeable");
+    auto item = WrittenItem();
+    const File file = item->GetDiskCacheFile();
+    const int items = bag_->GetNumItems();
+    const uint64_t adopted = jx::disk::GetCounters().filesAdopted;
+    JX_ScCheckout writer;
+    ASSERT_EQ(writer.Checkout(item, 0), kJX_CheckedOut);  // out of the directory meanwhile
+    if (rekeyed) {
+      // Re-keying lets go of the copy; hand the item a file under its new key as a scan would
+      // see it, written by another process of this version.
+      item->UpdateWithNewGuid(Guid::CreateUnique());
+      ASSERT_FALSE(file.Exists());
+      item->PrepAndWrite(bag_);
+      ASSERT_TRUE(item->HasDiskCacheFile());
+    }
+    for (const auto& name : jx::testing::FolderNames(Folder()))
+      JX_ScanOneDiskCacheFile(Folder().GetFile(name));
+    EXPECT_EQ(bag_->GetNumItems(), items) << "the scan made a second item of an owned file";
+    EXPECT_EQ(jx::disk::GetCounters().filesAdopted, adopted);
+    ExpectFolderMatchesBag();
+    writer.Checkin();
+    EXPECT_EQ(bag_->GetNumItems(), items);
+    ExpectFolderMatchesBag();
+  }
+}
+
+}  // namespace
