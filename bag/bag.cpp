@@ -1,6 +1,9 @@
 // JX_Bag: membership in the recency order and size accounting.
 #include "bag/bag.h"
 
+#include <mutex>
+#include <unordered_map>
+
 #include "bag/recency_log.h"
 #include "bag/sort_dir.h"
 #include "host/config.h"
@@ -20,14 +23,41 @@ using zelcore::utility::HighPrecisionTime;
 
 namespace {
 constexpr unsigned int kAppVersionMask = 0x7FFFFFFF;
+
+// The bags that exist, by serial number: where an item's sizes go back to when it finds them
+// counted in another bag than the one it now counts in. The mutex is a leaf; the bag's counters
+// are changed under it, so that a bag cannot be destroyed in the middle.
+struct LiveBags {
+  std::mutex mutex;
+  std::unordered_map<uint64_t, JX_Bag*> bags;
+  uint64_t nextSerial = 1;
+};
+LiveBags& Bags() {
+  static auto* bags = new LiveBags();  // never destroyed: items may outlive static destruction
+  return *bags;
 }
 
+uint64_t RegisterBag(JX_Bag* bag) {
+  LiveBags& live = Bags();
+  std::lock_guard<std::mutex> lock(live.mutex);
+  const uint64_t serial = live.nextSerial++;
+  live.bags.emplace(serial, bag);
+  return serial;
+}
+}  // namespace
+
 JX_Bag::JX_Bag(unsigned int appVersion)
-    : sortDir_(std::make_shared<JX_SortDir>()),
+    : serial_(RegisterBag(this)),
+      sortDir_(std::make_shared<JX_SortDir>()),
       appVersion_(appVersion & kAppVersionMask),
       diskOutOfSpace_(std::make_shared<DiskOutOfSpaceSignal>()) {}
 
 JX_Bag::~JX_Bag() {
+  {
+    LiveBags& live = Bags();
+    std::lock_guard<std::mutex> lock(live.mutex);
+    live.bags.erase(serial_);
+  }
   // The items' bytes were counted here and go with this bag's counters: forget them, so that an
   // item outliving its bag does not take them out of another bag. Then drop the set's
   // references; the items' own links are weak and expire with this bag. Under the library lock,
@@ -42,6 +72,7 @@ JX_Bag::~JX_Bag() {
         s->memSize_.store(0, std::memory_order_relaxed);
         s->checkedOutSize_.store(0, std::memory_order_relaxed);
         s->diskSize_.store(0, std::memory_order_relaxed);
+        s->accountedIn_ = 0;
         s->mruBag_ = nullptr;
       }
       items.emplace_back(s);
@@ -196,6 +227,8 @@ void JX_Stuff::SyncMemorySizeLocked(unsigned int newSize, JX_Bag* knownBag) {
 }
 
 void JX_Stuff::MoveAccountedSizes(unsigned int newSize, unsigned int newCheckedOut, JX_Bag& bag) {
+  if (accountedIn_ != bag.serial_) [[unlikely]]
+    AccountIn(bag);
   // Every caller holds the item's upgrade or write lock, so these fields have one writer at a
   // time: a load and a store do, without the cost of an atomic exchange on the hit path.
   const unsigned int old = memSize_.load(std::memory_order_relaxed);
@@ -211,8 +244,32 @@ void JX_Stuff::MoveAccountedSizes(unsigned int newSize, unsigned int newCheckedO
   }
 }
 
+void JX_Stuff::AccountIn(JX_Bag& bag) {
+  const unsigned int mem = memSize_.exchange(0, std::memory_order_acq_rel);
+  const unsigned int out = checkedOutSize_.exchange(0, std::memory_order_acq_rel);
+  const unsigned int disk = diskSize_.load(std::memory_order_acquire);
+  if (accountedIn_ != 0) JX_Bag::TakeBackAccounts(accountedIn_, mem, out, disk);
+  accountedIn_ = bag.serial_;
+  if (disk != 0) bag.AdjustOnDiskCacheSize(disk);
+}
+
+void JX_Bag::TakeBackAccounts(uint64_t serial, long long memory, long long checkedOut,
+                              long long disk) {
+  if (memory == 0 && checkedOut == 0 && disk == 0) return;
+  LiveBags& live = Bags();
+  std::lock_guard<std::mutex> lock(live.mutex);
+  auto it = live.bags.find(serial);
+  if (it == live.bags.end()) return;  // gone, and its counts with it
+  JX_Bag& bag = *it->second;
+  if (memory != 0) bag.AdjustInMemoryCacheSize(-memory);
+  if (checkedOut != 0) bag.AdjustCheckedOutMemoryCacheSize(-checkedOut);
+  if (disk != 0) bag.AdjustOnDiskCacheSize(-disk);
+}
+
 void JX_Stuff::ForgetAccountedSizes(JX_Bag& bag) {
   ScopedUpgradeLockWrapper up(mutex_);
+  // Counted elsewhere: nothing of it is in `bag` to forget.
+  if (accountedIn_ != bag.serial_) return;
   const unsigned int old = memSize_.exchange(0, std::memory_order_acq_rel);
   const unsigned int oldOut = checkedOutSize_.exchange(0, std::memory_order_acq_rel);
   if (old != 0) bag.AdjustInMemoryCacheSize(-static_cast<long long>(old));
@@ -224,6 +281,7 @@ void JX_Stuff::SyncDiskSizeWithBag(unsigned int newSize) {
   std::shared_ptr<JX_Bag> bag = bag_.lock();
   if (!bag) bag = JX_GlobalBag();
   if (!bag) return;
+  if (accountedIn_ != bag->serial_) AccountIn(*bag);
   unsigned int old = diskSize_.exchange(newSize, std::memory_order_acq_rel);
   if (old != newSize) {
     bag->AdjustOnDiskCacheSize(static_cast<long long>(newSize) - static_cast<long long>(old));

@@ -181,6 +181,14 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
   void TrackLastPurgedUsedTime(unsigned long long usedTime);
   void TraceMediaMapChange(const char* what, const JX_Stuff& stuff);
 
+  // Takes back the sizes an item had counted in the bag numbered `serial`, if that bag still
+  // exists (see JX_Stuff::accountedIn_).
+  static void TakeBackAccounts(uint64_t serial, long long memory, long long checkedOut,
+                               long long disk);
+
+  // This bag's number, never reused in the process: an item remembers the bag its sizes are
+  // counted in by it, so that a bag made later at the same address is never taken for it.
+  const uint64_t serial_;
   MruSet mru_;  // guarded by the library lock; holds one reference per item
   std::shared_ptr<JX_SortDir> sortDir_;
   std::atomic<uint8_t> diskCacheEnabled_{0};

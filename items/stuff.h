@@ -346,6 +346,10 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
                          std::memory_order_release);
   }
   void MoveAccountedSizes(unsigned int newSize, unsigned int newCheckedOut, JX_Bag& bag);
+  // Before `bag` counts anything of this item: what the item counted in another bag goes back
+  // to that bag (when it still exists), and its disk size joins `bag`. The caller holds the
+  // item's upgrade or write lock.
+  void AccountIn(JX_Bag& bag);
   // Takes the item's accounted memory sizes out of `bag`'s totals (the item leaves it).
   void ForgetAccountedSizes(JX_Bag& bag);
   // Hands a newly created pending item to its creator: checked out once, no wait.
@@ -397,9 +401,13 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // lock after either changes; while it is set, data_ may be read without the lock.
   std::atomic<bool> keyIsFinalPayload_{false};
 
-  // Accounted sizes (what this item currently contributes to the bag's totals).
+  // Accounted sizes (what this item currently contributes to the bag's totals), and the serial
+  // number of the bag they are counted in (0: none). Sizes belong to the bag that counted them:
+  // an item that outlives a restart of the library, say, must not take what it counted in the
+  // old global bag out of the new one. Written with the sizes, under the upgrade or write lock.
   std::atomic<uint32_t> memSize_{0};
   std::atomic<uint32_t> checkedOutSize_{0};
+  uint64_t accountedIn_ = 0;
 
   // Bag and recency.
   std::weak_ptr<JX_Bag> bag_;

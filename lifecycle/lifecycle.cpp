@@ -71,9 +71,10 @@ void JX_Birth(bool mediaMapAllowed, unsigned int bagArgument, bool gfxpakLimitAl
   auto idleDiskTask = std::make_shared<zelcore::threads::QueueOnlyOnce>(
       idleIo, [] { JX_RunIdleDiskTask(); }, kIdleDiskTaskDelayMs, 0);
 
-  // Settings read for the first time allocate too.
-  const bool useMediaMapSetting = jx::settings::UseMediaMapSetting();
-  (void)JX_IsSetJXCacheLimitForGfxpaksEnabled();
+  // Settings read for the first time allocate too. Under the Gfxpak limit the media-map
+  // setting is not consulted at all.
+  const bool gfxpakLimit = jx::settings::GfxpakLimitFeatureOn() && gfxpakLimitAllowed;
+  const bool useMediaMapSetting = !gfxpakLimit && jx::settings::UseMediaMapSetting();
 
   // The previous ones go in the order they always went: executor, idle task, bag. The handles
   // are swapped under their mutex and released outside it.
@@ -95,7 +96,7 @@ void JX_Birth(bool mediaMapAllowed, unsigned int bagArgument, bool gfxpakLimitAl
   // host's media manager whatever is decided below, and with it its hold on those items.
   JX_MediaMapDeath();
 
-  if (JX_IsSetJXCacheLimitForGfxpaksEnabled()) {
+  if (gfxpakLimit) {
     JX_MediaMapSetCacheLimit(jx::settings::CacheIdentity(), JX_GetMaxJXCacheSize());
   } else {
     jx::settings::SetUseMediaMap(useMediaMapSetting && mediaMapAllowed);

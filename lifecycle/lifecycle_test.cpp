@@ -7,6 +7,7 @@
 #include "host/feature.h"
 #include "host/media_manager.h"
 #include "host/standalone_host.h"
+#include "items/sc_checkout.h"
 #include "items/stuff_data.h"
 #include "lifecycle/lifecycle.h"
 #include "lifecycle/settings.h"
@@ -16,6 +17,8 @@
 using zelcore::debug::DebugDatabase;
 
 namespace {
+
+uint64_t Lookups(const char* name) { return DebugDatabase::Instance().LookupCount(name); }
 
 void QuietHost() {
   jx::StandaloneHost::Instance().Reset();
@@ -73,6 +76,11 @@ TEST(LifecycleTest, StartUpChoosesBetweenTheGfxpakLimitAndTheMediaMap) {
   } cases[] = {{true, true, true, false}, {false, false, false, false}, {true, false, false, true}};
   for (const auto& c : cases) {
     JX_Birth(c.mediaMapAllowed, 1, c.gfxpakAllowed);
+    // Under the Gfxpak limit the media-map setting is not consulted at all: the first case
+    // starts the process under it.
+    if (c.limit) {
+      EXPECT_EQ(Lookups("JX.UseMediaMap1"), 0u);
+    }
     EXPECT_EQ(JX_IsSetJXCacheLimitForGfxpaksEnabled(), c.limit);
     EXPECT_EQ(jx::settings::UseMediaMap(), c.mediaMap);
     EXPECT_EQ(jx::mediamap::CurrentAdapter() != nullptr, c.mediaMap);
@@ -84,6 +92,39 @@ TEST(LifecycleTest, StartUpChoosesBetweenTheGfxpakLimitAndTheMediaMap) {
       EXPECT_TRUE(limit && *limit == 100 && JX_GetMaxJXCacheSize() == 100);
       EXPECT_TRUE(JX_IsGlobalBagSizeAboveMinimum()) << "whatever the bag holds, under the limit";
     }
+    JX_Death();
+  }
+}
+
+// An item still checked out when the library stops, and checked in after it started again: what
+// it counted belongs to the bag that counted it, never to the new one. Once with the old bag gone
+// and once with the host still holding it.
+TEST(LifecycleTest, AnItemThatOutlivesARestartTakesItsSizesBackFromItsOwnBag) {
+  QuietHost();
+  for (bool hostKeepsOldBag : {false, true}) {
+    SCOPED_TRACE(hostKeepsOldBag ? "old bag kept" : "old bag gone");
+    JX_Birth(false, 1, false);
+    std::shared_ptr<JX_Bag> old = JX_GlobalBag();
+    auto item = jx::testing::MakeItem(1000);
+    old->AddToBagAndSortDir(item);
+    auto handle = std::make_unique<JX_ScCheckout>(item, jx::checkout_flags::kReadOnly);
+    ASSERT_EQ(old->GetCheckedOutMemoryCacheSizeInBytes(), 1000);
+    JX_Death();
+    if (!hostKeepsOldBag) old.reset();
+    JX_Birth(false, 1, false);
+    auto bag = JX_GlobalBag();
+    handle.reset();  // checks the item in
+    EXPECT_GE(bag->GetInMemoryCacheSizeInBytes_LockFree(), 0);
+    EXPECT_EQ(bag->GetCheckedOutMemoryCacheSizeInBytes(), 0);
+    item.reset();
+    EXPECT_EQ(bag->GetInMemoryCacheSizeInBytes_LockFree(), 0);
+    EXPECT_EQ(bag->GetCheckedOutMemoryCacheSizeInBytes(), 0);
+    if (old) {
+      EXPECT_EQ(old->GetInMemoryCacheSizeInBytes_LockFree(), 0);
+      EXPECT_EQ(old->GetCheckedOutMemoryCacheSizeInBytes(), 0);
+    }
+    bag.reset();
+    JX_StopAllAsyncWork();
     JX_Death();
   }
 }
@@ -109,8 +150,6 @@ TEST(LifecycleTest, ASecondStartUpDetachesTheFirstOnesMediaMap) {
     JX_Death();
   }
 }
-
-uint64_t Lookups(const char* name) { return DebugDatabase::Instance().LookupCount(name); }
 
 // Each accessor is asked twice: a setting is looked up once, on first use, and never again.
 TEST(SettingsTest, DefaultsAndFallbacks) {

@@ -52,11 +52,6 @@ bool ImprovedDiskCacheFeatureOn() {
   static const bool on = zelappsupport::feature::IsFeatureEnabled(kJX_ImprovedDiskCacheFeature);
   return on;
 }
-bool GfxpakLimitFeatureOn() {
-  static const bool on = zelappsupport::feature::IsFeatureEnabled(kJX_GfxpakLimitFeature);
-  return on;
-}
-
 }  // namespace
 
 bool JX_IsImprovedDiskCacheBehaviorFullyEnabled() {
@@ -67,8 +62,16 @@ void JX_PlaybackFromDiskLogicIsEnabled() {
   gPlaybackFromDiskLogic.store(true, std::memory_order_relaxed);
 }
 
+namespace jx::settings {
+bool GfxpakLimitFeatureOn() {
+  static const bool on = zelappsupport::feature::IsFeatureEnabled(kJX_GfxpakLimitFeature);
+  return on;
+}
+}  // namespace jx::settings
+
 bool JX_IsSetJXCacheLimitForGfxpaksEnabled() {
-  return GfxpakLimitFeatureOn() && gGfxpakLimitAllowed.load(std::memory_order_relaxed);
+  return jx::settings::GfxpakLimitFeatureOn() &&
+         gGfxpakLimitAllowed.load(std::memory_order_relaxed);
 }
 
 bool JX_IsDiskCompressionEnabled() {

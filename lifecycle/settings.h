@@ -32,6 +32,8 @@ JX_EXPORT JX_CompressedAllowedOption JX_GetPlaybackCompressionAllowedOption();
 
 namespace jx::settings {
 
+// "Graphics.SetJXCacheLimitForGfxpaks", asked once.
+bool GfxpakLimitFeatureOn();
 // "JX.UseMediaMap1" (default true), read by JX_Birth.
 bool UseMediaMapSetting();
 // "KQ.JX.WriteToDiskPriorityR" (default 2; 3 or more falls back to 2), read only while the
