@@ -14,17 +14,35 @@ MediaManager::MediaManager() : hostMap_(FreshID()) {}
 
 MediaMapID MediaManager::NewMediaMapID() { return FreshID(); }
 
+std::unique_lock<std::recursive_mutex> MediaManager::HostLock() const {
+  if (!callbacksUnderHostLock_.load(std::memory_order_acquire)) return {};
+  return std::unique_lock<std::recursive_mutex>(hostLock_);
+}
+
+void MediaManager::SetPurgeDuringRegistration(bool on) { purgeDuringRegistration_ = on; }
+void MediaManager::SetCallbacksUnderHostLock(bool on) { callbacksUnderHostLock_ = on; }
+uint64_t MediaManager::GetPurgesDuringRegistration() const { return purgesDuringRegistration_; }
+
 void MediaManager::RegisterEntry(uint64_t id, uint64_t size, int32_t purgeable, int32_t flags,
                                  const std::shared_ptr<IMediaMap>& owner) {
   if (!owner) return;
+  auto host = HostLock();
   // Read before locking: the identifier is fixed, but it is still a call into the owner.
   const MediaMapID map = owner->GetMediaMapID();
-  jx::MutexLock lock(mutex_);
-  RemoveLocked({map, id});
-  AddLocked({{map, id}, size, purgeable, flags, owner});
+  {
+    jx::MutexLock lock(mutex_);
+    RemoveLocked({map, id});
+    AddLocked({{map, id}, size, purgeable, flags, owner});
+  }
+  if (purgeDuringRegistration_.load(std::memory_order_acquire)) {
+    const uint64_t before = GetPurgeCallCount();
+    EnforceBudget();
+    purgesDuringRegistration_ += GetPurgeCallCount() - before;
+  }
 }
 
 void MediaManager::NotifyEntry(uint64_t id, const MediaMapID& map) {
+  auto host = HostLock();
   jx::MutexLock lock(mutex_);
   ++notifyCount_;
   auto it = index_.find({map, id});
@@ -33,11 +51,13 @@ void MediaManager::NotifyEntry(uint64_t id, const MediaMapID& map) {
 }
 
 void MediaManager::ForgetEntry(uint64_t id, const MediaMapID& map) {
+  auto host = HostLock();
   jx::MutexLock lock(mutex_);
   RemoveLocked({map, id});
 }
 
 void MediaManager::UnregisterMediaMap(const MediaMapID& map) {
+  auto host = HostLock();
   jx::MutexLock lock(mutex_);
   for (auto it = index_.lower_bound({map, 0}); it != index_.end() && it->first.first == map;) {
     total_ -= it->second->size;
@@ -59,6 +79,7 @@ std::optional<uint64_t> MediaManager::GetCacheMaxSize(const zelcore::utility::Gu
 }
 
 uint64_t MediaManager::AddHostMedia(uint64_t bytes) {
+  auto host = HostLock();
   uint64_t handle;
   {
     jx::MutexLock lock(mutex_);
@@ -75,6 +96,7 @@ bool MediaManager::RemoveHostMedia(uint64_t handle) {
 }
 
 bool MediaManager::PurgeEntry(const MediaMapID& map, uint64_t id) {
+  auto host = HostLock();
   std::shared_ptr<IMediaMap> owner;
   {
     jx::MutexLock lock(mutex_);
@@ -89,6 +111,7 @@ bool MediaManager::PurgeEntry(const MediaMapID& map, uint64_t id) {
 }
 
 void MediaManager::SetBudget(uint64_t bytes) {
+  auto host = HostLock();
   {
     jx::MutexLock lock(mutex_);
     budget_ = bytes;
@@ -102,6 +125,7 @@ uint64_t MediaManager::GetBudget() const {
 }
 
 uint64_t MediaManager::EnforceBudget() {
+  auto host = HostLock();
   uint64_t taken = 0;
   // Entries whose owner pinned them when asked; passed over for the rest of this walk.
   std::vector<EntryKey> pinned;
@@ -179,6 +203,9 @@ void MediaManager::Reset() {
   budget_ = kUnlimited;
   notifyCount_ = 0;
   purgeCalls_ = 0;
+  purgeDuringRegistration_ = false;
+  callbacksUnderHostLock_ = false;
+  purgesDuringRegistration_ = 0;
 }
 
 void MediaManager::AddLocked(Entry entry) {

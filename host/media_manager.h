@@ -13,21 +13,24 @@
 // Ownership: one process-wide manager, shared (GetMediaManager). The manager holds its maps only
 // weakly: an entry whose map has gone is dropped without a call.
 //
-// Locks, in the only order they may be taken across the library and this manager:
-//   library lock (JXp_ScLock) -> an item's lock -> { a media map's mutex | the manager's mutex }
-// The last two are leaves: the manager never calls a map while holding its mutex (it picks its
-// victims under the mutex, lets go, then calls PurgeEntry / IsNonPurgeable), and a map calls the
-// manager and its items only with its own mutex released. A purge callback therefore arrives on
-// the purging thread with no lock held and may take the library lock itself.
+// Locks. This stand-in never calls a map while holding its mutex (it picks its victims under the
+// mutex, lets go, then calls PurgeEntry / IsNonPurgeable). A real host may not be so careful: it
+// may purge inside RegisterEntry, or call PurgeEntry with a lock of its own held that
+// RegisterEntry also takes (SetPurgeDuringRegistration and SetCallbacksUnderHostLock act that
+// way). The cache copes with both because it calls RegisterEntry, NotifyEntry and ForgetEntry
+// only with none of its locks held; in return a host must let the thread that is inside its
+// PurgeEntry callback take the cache's locks (the callback frees the item there).
 // Threads: any thread may call any method.
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <limits>
 #include <list>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -115,8 +118,20 @@ class MediaManager {
   uint64_t GetNotifyCount() const;
   // Entries handed back to their owners through PurgeEntry so far.
   uint64_t GetPurgeCallCount() const;
-  // Back to an empty pool with an unlimited budget; only while no map is registered.
+  // Back to an empty pool with an unlimited budget and the plain behaviour; only while no map is
+  // registered.
   void Reset();
+
+  // ---- how real hosts behave, for tests ------------------------------------------------------
+  // A host may enforce its budget inside a registration: owners' PurgeEntry then runs on the
+  // registering thread before RegisterEntry returns.
+  void SetPurgeDuringRegistration(bool on);
+  // A host may serialise its manager under one big lock of its own (recursive, as such locks
+  // usually are) and call owners back with it held: every method takes it for its whole run,
+  // callbacks included.
+  void SetCallbacksUnderHostLock(bool on);
+  // PurgeEntry callbacks made from inside a registration so far.
+  uint64_t GetPurgesDuringRegistration() const;
 
  private:
   using EntryKey = std::pair<MediaMapID, uint64_t>;
@@ -137,7 +152,14 @@ class MediaManager {
   bool RemoveLocked(const EntryKey& key) REQUIRES(mutex_);
   std::optional<Victim> OldestCandidateLocked(const std::vector<EntryKey>& pinned) REQUIRES(mutex_);
 
+  // Holds the host lock when SetCallbacksUnderHostLock is on, nothing otherwise.
+  std::unique_lock<std::recursive_mutex> HostLock() const;
+
   const MediaMapID hostMap_;  // the map the host's own media is filed under
+  std::atomic<bool> purgeDuringRegistration_{false};
+  std::atomic<bool> callbacksUnderHostLock_{false};
+  std::atomic<uint64_t> purgesDuringRegistration_{0};
+  mutable std::recursive_mutex hostLock_;  // the big host lock of SetCallbacksUnderHostLock
   mutable jx::Mutex mutex_;
   std::list<Entry> order_ GUARDED_BY(mutex_);  // oldest first
   std::map<EntryKey, std::list<Entry>::iterator> index_ GUARDED_BY(mutex_);

@@ -5,6 +5,7 @@
 
 #include "host/media_manager.h"
 #include "host/recursive_mutex.h"
+#include "mediamap/manager_outbox.h"
 #include "mediamap/media_map_impl.h"
 
 namespace {
@@ -56,12 +57,15 @@ uint64_t JX_MediaMapEntryCount() {
 }
 
 void JX_MediaMapBirth() {
+  // What the earlier adapter still has to tell the manager goes before it is unregistered.
+  jx::mediamap::ManagerOutbox::Deliver();
   std::lock_guard<zelcore::threads::RecursiveMutex> lock(MediaMapLock());
   TearDownAdapterLocked();  // a second start-up replaces the adapter
   gAdapter = std::make_shared<kq::JX_MediaMapImpl>();
 }
 
 void JX_MediaMapDeath() {
+  jx::mediamap::ManagerOutbox::Deliver();
   // A failure to release the lock escapes the guard's destructor and ends the process: the
   // adapter's state could no longer be trusted.
   std::lock_guard<zelcore::threads::RecursiveMutex> lock(MediaMapLock());

@@ -4,9 +4,11 @@
 //
 // Locks: the adapter handle sits under its own recursive media-map lock, held only to copy the
 // handle and, by JX_MediaMapDeath, for the whole tear-down. The order across the library is
-//   library lock (JXp_ScLock) -> item lock -> media-map lock -> { adapter mutex | manager mutex }
-// with the last two as leaves (see host/media_manager.h): the bag may call these hooks holding
-// the library lock and an item's lock, and nothing below ever takes those back.
+//   library lock (JXp_ScLock) -> item lock -> media-map lock -> adapter mutex -> outbox mutex
+// The bag may call these hooks holding the library lock and an item's lock. The host's media
+// manager is never called under any of them: the adapter posts its calls to an outbox that is
+// delivered once the library lock is let go (mediamap/manager_outbox.h), because a host may call
+// back into the cache from inside those calls, or around its callbacks hold a lock of its own.
 #pragma once
 
 #include <cstdint>

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "host/trace.h"
+#include "mediamap/manager_outbox.h"
 
 namespace kq {
 
@@ -16,12 +17,30 @@ constexpr const char* kSizeLabel = "JX_MediaMapImpl::Size";
 constexpr const char* kFlushAllLabel = "JX_MediaMapImpl::FlushAll";
 }  // namespace
 
+using jx::mediamap::ManagerOutbox;
+
+// The letters hold the adapter: a call queued for the manager keeps the map it speaks for.
+ManagerOutbox::Letter JX_MediaMapImpl::RegisterLetter(uint64_t size) {
+  auto self = std::static_pointer_cast<JX_MediaMapImpl>(shared_from_this());
+  return ManagerOutbox::Letter([self, size](uint64_t id) { self->RegisterWithManager(id, size); });
+}
+
+ManagerOutbox::Letter JX_MediaMapImpl::NotifyLetter(uint64_t id) {
+  auto self = std::static_pointer_cast<JX_MediaMapImpl>(shared_from_this());
+  return ManagerOutbox::Letter([self](uint64_t entry) { self->NotifyManager(entry); }, id);
+}
+
+ManagerOutbox::Letter JX_MediaMapImpl::ForgetLetter() {
+  auto self = std::static_pointer_cast<JX_MediaMapImpl>(shared_from_this());
+  return ManagerOutbox::Letter([self](uint64_t id) { self->ForgetWithManager(id); });
+}
+
 bool JX_MediaMapImpl::AddOrUpdate(const StuffPtr& stuff) {
   if (!stuff) return false;
   // An item still mirrored under its previous GUID: the host hears that the entry was used again
   // before it goes, and the item is counted once.
   if (auto stored = Find(JX_MediaMapDataKey(stuff->GetMediaMapGuid(), 0))) {
-    NotifyManager(stored->id);
+    ManagerOutbox::Post(NotifyLetter(stored->id));
     EraseStuff(stuff);
   }
   const zelcore::utility::Guid guid = zelcore::utility::Guid::CreateUnique();
@@ -35,14 +54,18 @@ bool JX_MediaMapImpl::AddOrUpdate(const StuffPtr& stuff) {
   uint64_t id;
   {
     // The template entry and our own record appear together, before the manager knows the ID:
-    // a purge of the ID can then never find one without the other.
+    // a purge of the ID can then never find one without the other. The registration is posted
+    // in the same hold, so that it reaches the manager before any later call about the entry.
+    ManagerOutbox::Letter letter = RegisterLetter(size);
     RV::ScopedLabelledLock lock(Mutex(), Holder(), kAddOrUpdateLabel);
     id = InsertEntry(key, JX_MediaMapData{stuff, size});
     mirrored_.try_emplace(id, Mirror{stuff, size});
     cacheSize_ += size;
+    letter.SetID(id);
+    ManagerOutbox::Post(std::move(letter));
   }
   stuff->SetMediaMapID(id);
-  RegisterWithManager(id, size);
+  ManagerOutbox::ScheduleDelivery();
   return true;
 }
 
@@ -53,10 +76,13 @@ bool JX_MediaMapImpl::EraseStuff(const StuffPtr& stuff) {
   // Declared before the lock so that the item references they hold go after it.
   std::optional<Removed> removed;
   Mirror dropped;
+  ManagerOutbox::Letter letter = ForgetLetter();
   {
     RV::ScopedLabelledLock lock(Mutex(), Holder(), kEraseLabel);
     removed = EraseEntry(key);
     if (!removed) return false;
+    letter.SetID(removed->first);
+    ManagerOutbox::Post(std::move(letter));
     auto it = mirrored_.find(removed->first);
     if (it != mirrored_.end()) {
       ZC_TRACE("KQLIB.MediaMapImpl", 6,
@@ -68,11 +94,14 @@ bool JX_MediaMapImpl::EraseStuff(const StuffPtr& stuff) {
       mirrored_.erase(it);
     }
   }
-  ForgetWithManager(removed->first);
+  ManagerOutbox::ScheduleDelivery();
   return true;
 }
 
 void JX_MediaMapImpl::PurgeEntry(uint64_t id) {
+  // The host may hold locks of its own around this call: whatever the purge posts for the
+  // manager waits for a thread outside the host's callback.
+  ManagerOutbox::ScInHostCallback inCallback;
   StuffPtr stuff;
   std::optional<Removed> flushed;
   {

@@ -10,9 +10,10 @@
 // Ownership: one adapter per process, made by JX_MediaMapBirth and dropped by JX_MediaMapDeath
 // (mediamap/media_map_hooks.h); held by std::shared_ptr, weakly by the media manager.
 // Threads: any. Adding and erasing come from the bag under the library lock (and, when freeing
-// an item, under the item's write lock); the host's PurgeEntry comes with no lock held. The
-// adapter's mutex is a leaf: the manager and items are called only after it is released, and an
-// item's own purge (which takes the library lock) runs last, with nothing held.
+// an item, under the item's write lock); the host's PurgeEntry comes with none of our locks held
+// (the host may hold its own). The adapter's mutex is a leaf: the manager is never called from
+// here directly but through the outbox (mediamap/manager_outbox.h), once the library's locks are
+// released, and an item's own purge (which takes the library lock) runs last, with nothing held.
 #pragma once
 
 #include <cstdint>
@@ -24,6 +25,7 @@
 #include "host/guid.h"
 #include "host/ref_counted.h"
 #include "items/stuff.h"
+#include "mediamap/manager_outbox.h"
 #include "mediamap/media_map.h"
 
 namespace kq {
@@ -84,6 +86,11 @@ class JX_MediaMapImpl final : public JX_MediaMapBase {
   std::vector<Mirrored> Snapshot() const;
 
  private:
+  // The manager calls about an entry, written before the adapter's mutex is taken.
+  jx::mediamap::ManagerOutbox::Letter RegisterLetter(uint64_t size);
+  jx::mediamap::ManagerOutbox::Letter NotifyLetter(uint64_t id);
+  jx::mediamap::ManagerOutbox::Letter ForgetLetter();
+
   struct Mirror {
     StuffPtr stuff;
     uint32_t size = 0;

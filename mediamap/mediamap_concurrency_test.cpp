@@ -6,7 +6,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <random>
 #include <thread>
 #include <vector>
@@ -44,7 +48,93 @@ TEST_F(MediaMapTest, HostPurgeRacingACheckinLeavesNoStaleEntry) {
   EXPECT_EQ(JX_GetMediaMapSize(), 0u);
 }
 
+// Fails the whole run, saying what it waited for, when `done` is not set within the limit: a
+// deadlock must end the test loudly, not wait for the test runner's time-out.
+class Watchdog {
+ public:
+  Watchdog(const char* what, std::chrono::seconds limit)
+      : thread_([this, what, limit] {
+          std::unique_lock<std::mutex> lock(mutex_);
+          if (!cv_.wait_for(lock, limit, [this] { return done_; })) {
+            std::fprintf(stderr, "HANG: %s did not finish within %lld s\n", what,
+                         static_cast<long long>(limit.count()));
+            std::_Exit(3);
+          }
+        }) {}
+  ~Watchdog() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      done_ = true;
+    }
+    cv_.notify_all();
+    thread_.join();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable cv_;
+  bool done_ = false;
+  std::thread thread_;
+};
+
+void RendersHostPurgesAndCachePurgesTogether(MediaMapTest& test);
+
 TEST_F(MediaMapTest, RendersHostPurgesAndCachePurgesTogether) {
+  Watchdog watchdog("renders, host purges and cache purges", std::chrono::seconds(90));
+  RendersHostPurgesAndCachePurgesTogether(*this);
+}
+
+// A host that enforces its budget inside a registration, and calls its purges back with its own
+// big lock held: the cache never calls the manager with its own locks held, so neither can
+// close a cycle of locks.
+TEST_F(MediaMapTest, AHostThatPurgesInsideRegistrationsAndUnderItsOwnLockNeverDeadlocks) {
+  auto manager = RV::GetMediaManager();
+  manager->SetPurgeDuringRegistration(true);
+  manager->SetCallbacksUnderHostLock(true);
+  {
+    Watchdog watchdog(
+        "renders, host purges and cache purges with a host calling back under its lock",
+        std::chrono::seconds(90));
+    RendersHostPurgesAndCachePurgesTogether(*this);
+  }
+  EXPECT_GT(manager->GetPurgesDuringRegistration(), 0u) << "no purge ran inside a registration";
+  EXPECT_GT(manager->GetPurgeCallCount(), manager->GetPurgesDuringRegistration())
+      << "no purge came back under the host's lock from the host's own thread";
+}
+
+// The cycle itself, step by step: the host's purge holds the host's lock and waits for ours
+// inside its callback, while we, holding ours, mirror a new item. The host hears of the new item
+// only once we let go.
+TEST_F(MediaMapTest, AHostPurgeHoldingItsOwnLockNeverWaitsForAnAddThatWaitsForIt) {
+  auto manager = RV::GetMediaManager();
+  manager->SetCallbacksUnderHostLock(true);
+  auto victim = MakeItem(100);
+  bag_->AddToBagAndSortDir(victim);
+  auto added = MakeItem(200);
+  std::thread hostPurge;
+  {
+    Watchdog watchdog("an add under the library lock while the host purges under its own",
+                      std::chrono::seconds(60));
+    {
+      JXp_ScLock lock;
+      hostPurge = std::thread(
+          [&] { manager->PurgeEntry(adapter_->GetMediaMapID(), victim->GetMediaMapID()); });
+      // The host's purge has reached our callback: it holds the host's lock and waits for ours.
+      while (adapter_->GetNumEntries() != 0) std::this_thread::yield();
+      bag_->AddToBagAndSortDir(added);
+      EXPECT_EQ(manager->GetBytesOfMap(adapter_->GetMediaMapID()), 0u)
+          << "the host heard of the new item while the library lock was held";
+    }
+    hostPurge.join();
+  }
+  EXPECT_FALSE(victim->IsInMemory());
+  EXPECT_EQ(manager->GetBytesOfMap(adapter_->GetMediaMapID()), 200u);
+  EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
+}
+
+void RendersHostPurgesAndCachePurgesTogether(MediaMapTest& test) {
+  JX_Bag* bag = test.Bag();
+  auto adapter = test.Adapter();
   constexpr int kRenderers = 3, kSlotsPerRenderer = 24, kRenderOps = 3000;
   constexpr int kHostOps = 1000, kPurgeOps = 400;
   const uint32_t seed = std::getenv("JX_SEED") ? std::atoi(std::getenv("JX_SEED")) : 2024;
@@ -56,7 +146,7 @@ TEST_F(MediaMapTest, RendersHostPurgesAndCachePurgesTogether) {
     std::mt19937 rng(seed + r);
     auto render = [&] {
       auto item = MakeItem(500 + rng() % 2000, {}, rng());
-      bag_->AddToBagAndSortDir(item);
+      bag->AddToBagAndSortDir(item);
       return item;
     };
     std::vector<IntrusivePtr<JX_Stuff>> slots;
@@ -97,7 +187,7 @@ TEST_F(MediaMapTest, RendersHostPurgesAndCachePurgesTogether) {
   auto cachePurger = [&] {
     std::mt19937 rng(seed + 200);
     for (int op = 0; op < kPurgeOps && !renderersDone.load(); ++op) {
-      jx::PurgeOverBudget(*bag_, 2000 + rng() % 20000);
+      jx::PurgeOverBudget(*bag, 2000 + rng() % 20000);
       std::this_thread::yield();
     }
   };
@@ -111,7 +201,7 @@ TEST_F(MediaMapTest, RendersHostPurgesAndCachePurgesTogether) {
   purgeThread.join();
 
   EXPECT_EQ(violations.load(), 0) << "a checked-out item lost its memory";
-  EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
+  EXPECT_EQ(CheckMediaMapBooks(*adapter, *bag), "");
 }
 
 }  // namespace

@@ -2,18 +2,25 @@
 // adapter's books against the items and the media manager.
 #pragma once
 
+#include <chrono>
 #include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 
 #include "host/media_manager.h"
 #include "host/standalone_host.h"
+#include "mediamap/manager_outbox.h"
 #include "mediamap/media_map_impl.h"
 #include "testing/jx_test_support.h"
 
 namespace jx::testing {
 
 class MediaMapTest : public LibraryTest {
+ public:
+  JX_Bag* Bag() const { return bag_.get(); }
+  const std::shared_ptr<kq::JX_MediaMapImpl>& Adapter() const { return adapter_; }
+
  protected:
   void Birth() override {
     RV::GetMediaManager()->Reset();
@@ -40,6 +47,15 @@ class MediaMapTest : public LibraryTest {
 // checked out must be mirrored (one purged while checked out is mirrored again at check-in).
 inline std::string CheckMediaMapBooks(const kq::JX_MediaMapImpl& adapter, JX_Bag& bag) {
   std::ostringstream why;
+  // The manager hears of changes once the library's locks are let go, and of those made inside
+  // its own callbacks from a background thread: everything posted so far must have reached it.
+  using jx::mediamap::ManagerOutbox;
+  const uint64_t posted = ManagerOutbox::Posted();
+  ManagerOutbox::Deliver();
+  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (ManagerOutbox::Delivered() < posted && std::chrono::steady_clock::now() < giveUp)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  if (ManagerOutbox::Delivered() < posted) why << "calls to the manager never delivered; ";
   uint64_t recorded = 0;
   std::set<const JX_Stuff*> items;
   std::set<uint64_t> ids;
