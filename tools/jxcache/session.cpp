@@ -22,21 +22,11 @@
 #include "tools/jxcache/tool_error.h"
 
 namespace cf = jx::checkout_flags;
-using zelcore::utility::Guid;
 using zelcore::utility::HighPrecisionTime;
 using zelcore::utility::IntrusivePtr;
 
 namespace jx::tool {
 namespace {
-
-// Same frame, same size: same GUID in every run, so a second run finds the first run's files.
-Guid FrameGuid(uint32_t width, uint32_t height, uint32_t frame) {
-  std::array<uint8_t, 16> bytes{};
-  const uint32_t v[3] = {width, height, frame};
-  std::memcpy(bytes.data(), "JXSF", 4);
-  std::memcpy(bytes.data() + 4, v, 12);
-  return Guid(bytes);
-}
 
 // The stand-in host's side of the session: the memory budget and its bookkeeping.
 class BudgetKeeper {
@@ -130,7 +120,7 @@ class PassRunner {
   Outcome Serve(uint32_t frame) {
     IntrusivePtr<JX_Stuff> request = JX_Stuff::CreateNew(
         IntrusivePtr<JX_StuffData>(new FramePayload(o_.width, o_.height, frame)), 0.0);
-    request->SetGuid(FrameGuid(o_.width, o_.height, frame));
+    request->SetGuid(FramePayload::KeyOf(o_.width, o_.height, frame));
     const uint64_t askedAt = HighPrecisionTime::GetCurrentTimeStamp();
     // Disk reads are done here, outside the find, so that a disk hit can be told from the rest.
     const int flags = cf::kReadOnly | cf::kCreatePending | cf::kWaitAlways | cf::kNoDiskRead;

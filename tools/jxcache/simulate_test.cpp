@@ -9,6 +9,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "items/checksummed_stream.h"
 #include "tools/jxcache/tool_test_support.h"
 
 namespace jx::tool {
@@ -100,7 +101,9 @@ TEST(Simulate, FiguresAddUpAndTheSecondRunStartsWarm) {
   EXPECT_EQ(a["disk"]["writes_skipped"].get<uint64_t>(), 0u);
   const uint64_t written = a["disk"]["files_written"];
   EXPECT_EQ(written, 12u);
-  EXPECT_EQ(a["disk"]["bytes_written"].get<uint64_t>(), 12 * a["frame_bytes"].get<uint64_t>());
+  // Each file holds the pixels and their checksum.
+  EXPECT_EQ(a["disk"]["bytes_written"].get<uint64_t>(),
+            12 * (a["frame_bytes"].get<uint64_t>() + jx::kChecksumTrailerSize));
   EXPECT_EQ(a["disk"]["bytes_written"].get<uint64_t>(), a["disk"]["folder_bytes"].get<uint64_t>());
 
   // A second run on the same folder: what the first wrote is found and read back, not rendered.

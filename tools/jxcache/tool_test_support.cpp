@@ -10,6 +10,10 @@
 #include <fstream>
 #include <sstream>
 
+#include "disk/cache_file_name.h"
+#include "host/byte_stream.h"
+#include "tools/jxcache/frame_payload.h"
+
 #ifdef JX_HAVE_EXPAT
 #include <expat.h>
 #endif
@@ -47,6 +51,32 @@ RunResult RunTool(const std::vector<std::string>& args, const std::vector<std::s
   r.out = Slurp(outPath);
   r.err = Slurp(errPath);
   return r;
+}
+
+std::string FrameFileName(uint32_t width, uint32_t height, uint32_t frame, uint32_t version) {
+  JX_StuffData::Header header;
+  FramePayload(width, height, frame).GetHeader(header);
+  return jx::disk::MakeCacheFileName(FramePayload::KeyOf(width, height, frame),
+                                     FramePayload::kMatchname, version, header.data(),
+                                     header.size());
+}
+
+std::vector<uint8_t> FrameFileBytes(uint32_t width, uint32_t height, uint32_t frame) {
+  zelcore::filesupport::VectorOByteStream out;
+  FramePayload::Render(width, height, frame)->Write(out);
+  return out.Bytes();
+}
+
+std::vector<uint8_t> ReadBytes(const std::string& path) {
+  const std::string s = Slurp(path);
+  return {s.begin(), s.end()};
+}
+
+void WriteBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(bytes.data()),
+            static_cast<std::streamsize>(bytes.size()));
+  if (!out) std::abort();
 }
 
 TempDir::TempDir() {
