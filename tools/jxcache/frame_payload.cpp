@@ -187,12 +187,14 @@ unsigned int FramePayload::GetApproximateMemorySize() const {
 
 bool FramePayload::PurgeIfPossible(ReleaseQueue* toRelease) {
   std::shared_ptr<Pixels> pixels;
+  bool counted;
   {
     std::lock_guard<std::mutex> l(mutex_);
     pixels = std::move(pixels_);
+    counted = !disowned_;
   }
   if (!pixels) return false;
-  if (ledger_) ledger_->Purged(frame_);
+  if (ledger_ && counted) ledger_->Purged(frame_);
   // The memory goes back after the cache's locks are released, when the queue's owner drops it.
   if (toRelease) toRelease->push_back(std::move(pixels));
   return true;
@@ -231,12 +233,22 @@ double FramePayload::Read(zelcore::filesupport::IByteStream& in,
   bool filled;
   {
     std::lock_guard<std::mutex> l(mutex_);
-    filled = pixels_ == nullptr;
+    filled = pixels_ == nullptr && !disowned_;
     pixels_ = std::move(pixels);
   }
   if (filled && ledger_) ledger_->Loaded(frame_);
   ++tReads;
   return timer.GetElapsedSeconds();
+}
+
+void FramePayload::Disown() {
+  bool counted;
+  {
+    std::lock_guard<std::mutex> l(mutex_);
+    counted = pixels_ != nullptr && !disowned_;
+    disowned_ = true;
+  }
+  if (ledger_ && counted) ledger_->Purged(frame_);
 }
 
 bool FramePayload::CanSatisfyRequest(IntrusivePtr<JX_StuffData> request) const {

@@ -98,6 +98,9 @@ class FramePayload : public JX_StuffData {
   std::shared_ptr<const Pixels> GetPixels() const;
   // Whether sampled pixels match the procedural image (catches a corrupt disk read).
   bool Verify() const;
+  // Takes the payload out of the ledger's figures for good, leaving its pixels to whoever still
+  // holds it: a wrong frame dropped from the cache is no copy of the frame it claims to be.
+  void Disown();
   // Pixel reads from disk done by the calling thread so far: tells a thread that read a frame
   // back itself from one that found it read by another thread meanwhile.
   static uint64_t ReadsOnThisThread();
@@ -108,8 +111,9 @@ class FramePayload : public JX_StuffData {
   const uint32_t width_, height_, frame_;
   FrameLedger* const ledger_;
   uint64_t renderedAt_ = 0;
-  mutable std::mutex mutex_;  // guards pixels_
+  mutable std::mutex mutex_;  // guards pixels_ and disowned_
   std::shared_ptr<Pixels> pixels_;
+  bool disowned_ = false;
 };
 
 }  // namespace jx::tool

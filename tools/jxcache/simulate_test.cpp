@@ -45,6 +45,7 @@ void ExpectPassesAddUp(const nlohmann::json& j) {
     EXPECT_EQ(n, j["options"]["frames"].get<uint64_t>());
     EXPECT_EQ(n, p["memory_hits"].get<uint64_t>() + p["disk_hits"].get<uint64_t>() +
                      p["renders"].get<uint64_t>());
+    EXPECT_EQ(p["frames_checked"].get<uint64_t>(), n);  // every frame served, rendered or not
     EXPECT_EQ(p["bad_frames"].get<uint64_t>(), 0u);
     requests += n;
     renders += p["renders"].get<uint64_t>();

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
 
 #include "disk/cache_file_name.h"
@@ -30,11 +31,20 @@ std::string Slurp(const std::string& path) {
 
 }  // namespace
 
-RunResult RunTool(const std::vector<std::string>& args, const std::vector<std::string>& env) {
-  TempDir io;
-  const std::string outPath = io.File("out"), errPath = io.File("err");
-  const pid_t pid = fork();
-  if (pid == 0) {
+namespace {
+
+// A started run of the binary: its process and where its output goes.
+struct Started {
+  pid_t pid = -1;
+  std::unique_ptr<TempDir> io;
+};
+
+Started StartTool(const std::vector<std::string>& args, const std::vector<std::string>& env) {
+  Started s;
+  s.io = std::make_unique<TempDir>();
+  const std::string outPath = s.io->File("out"), errPath = s.io->File("err");
+  s.pid = fork();
+  if (s.pid == 0) {
     if (!freopen(outPath.c_str(), "w", stdout) || !freopen(errPath.c_str(), "w", stderr))
       _exit(127);
     for (const auto& e : env) putenv(const_cast<char*>(e.c_str()));
@@ -44,13 +54,31 @@ RunResult RunTool(const std::vector<std::string>& args, const std::vector<std::s
     execv(JXCACHE_BINARY, argv.data());
     _exit(127);
   }
+  return s;
+}
+
+RunResult WaitFor(const Started& s) {
   int status = 0;
-  waitpid(pid, &status, 0);
+  waitpid(s.pid, &status, 0);
   RunResult r;
   r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  r.out = Slurp(outPath);
-  r.err = Slurp(errPath);
+  r.out = Slurp(s.io->File("out"));
+  r.err = Slurp(s.io->File("err"));
   return r;
+}
+
+}  // namespace
+
+RunResult RunTool(const std::vector<std::string>& args, const std::vector<std::string>& env) {
+  return WaitFor(StartTool(args, env));
+}
+
+std::vector<RunResult> RunToolsAtOnce(const std::vector<std::vector<std::string>>& runs) {
+  std::vector<Started> started;
+  for (const auto& args : runs) started.push_back(StartTool(args, {}));
+  std::vector<RunResult> results;
+  for (const auto& s : started) results.push_back(WaitFor(s));
+  return results;
 }
 
 std::string FrameFileName(uint32_t width, uint32_t height, uint32_t frame, uint32_t version) {

@@ -18,6 +18,8 @@ struct RunResult {
 // Runs the jxcache binary with `args` (each passed as one argument, no shell), with the
 // variables of `env` ("NAME=value") added to its environment.
 RunResult RunTool(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
+// Runs the binary once per argument list, all at the same time, and waits for every one.
+std::vector<RunResult> RunToolsAtOnce(const std::vector<std::vector<std::string>>& runs);
 
 // A fresh folder under the temporary directory, removed with everything in it on destruction.
 class TempDir {
