@@ -80,11 +80,21 @@ TEST(SimulateDamagedFolder, DamagedFilesAreServedAsMissesAndWrittenAgain) {
   bytes = ReadBytes(path(9));
   bytes[bytes.size() / 2] ^= 0x08;
   WriteBytes(path(9), bytes);
+  // Names the scan does not adopt: a frame too large to be one `simulate` wrote, a frame of
+  // another version, a class nobody registered, and a file that is not the cache's.
+  WriteBytes(folder + "/" + FrameFileName(65535, 16383, 0), std::vector<uint8_t>(100, 0x5A));
+  WriteBytes(folder + "/" + FrameFileName(kWidth, kHeight, 0, 2),
+             FrameFileBytes(kWidth, kHeight, 0));
+  std::string otherClass = FrameFileName(kWidth, kHeight, 4);
+  otherClass.insert(otherClass.find(FramePayload::kMatchname), "Not");
+  WriteBytes(folder + "/" + otherClass, FrameFileBytes(kWidth, kHeight, 4));
+  WriteBytes(folder + "/notes.txt", {'x'});
 
   const auto r = RunTool(Session(dir));
   ASSERT_EQ(r.exitCode, 0) << r.err;
   const auto j = r.Json();
   ExpectServedWell(j);
+  EXPECT_EQ(j["disk"]["files_at_start"].get<uint64_t>(), kFrames);
   EXPECT_EQ(j["disk"]["failed_reads"].get<uint64_t>(), 3u);
   EXPECT_EQ(j["passes"][0]["renders"].get<uint64_t>(), 3u);
   EXPECT_EQ(j["passes"][0]["disk_hits"].get<uint64_t>(), kFrames - 3);

@@ -96,7 +96,8 @@ void PrintSummary(const SessionResult& r, std::ostream& out) {
       << "\n";
   if (r.disk.available) {
     out << "disk cache: " << r.diskFolder << " (limit " << FormatSize(o.diskLimit) << "), "
-        << r.diskFilesAtStart << " files (" << FormatSize(r.diskBytesAtStart) << ") at start";
+        << r.diskFilesAtStart << " files (" << FormatSize(r.diskBytesAtStart)
+        << ") adopted at start";
     if (o.diskProclivity > 0) out << ", proclivity multiplier " << o.diskProclivity;
     out << "\n";
   }
