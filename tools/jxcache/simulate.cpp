@@ -78,7 +78,9 @@ int RunSimulate(SimulateArgs& args) {
   if (tty) std::cerr << '\r' << std::string(78, ' ') << '\r' << std::flush;
   if (report) report->Commit(RenderHtmlReport(result));
   if (args.json) {
-    std::cout << SummaryJson(result).dump(2) << '\n';
+    // A folder name need not be UTF-8; JSON must be.
+    std::cout << SummaryJson(result).dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
+              << '\n';
   } else {
     PrintSummary(result, std::cout);
     if (report) std::cout << "\nreport written to " << args.report << '\n';

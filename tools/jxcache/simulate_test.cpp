@@ -171,6 +171,29 @@ TEST(Simulate, ThreadsWantingTheSameFrameRenderItOnce) {
   EXPECT_GT(o["purges"].get<uint64_t>(), 0u);
 }
 
+// Names are bytes; JSON is UTF-8. A name that is not valid UTF-8 is shown with U+FFFD in place of
+// its bad bytes, whichever subcommand prints it.
+TEST(Inspect, JsonSurvivesNamesThatAreNotUtf8) {
+  TempDir dir;
+  const std::string name = "frame\xff\xfe";
+  const std::string replaced = "\xEF\xBF\xBD";  // U+FFFD
+  std::filesystem::create_directories(dir.File("cache"));
+  std::ofstream(dir.File("cache/" + name + ".kqcache")) << "x";
+  auto r = RunTool({"inspect", dir.File("cache"), "--json"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  const auto j = r.Json();
+  ASSERT_EQ(j["unparsed_names"].size(), 1u);
+  const std::string shown = j["unparsed_names"][0]["name"];
+  EXPECT_EQ(shown.rfind("frame" + replaced, 0), 0u) << shown;
+  EXPECT_TRUE(shown.ends_with(".kqcache")) << shown;
+
+  auto s = RunTool({"simulate", "--frames", "2", "--width", "16", "--height", "16", "--passes", "1",
+                    "--json", "--disk-cache", dir.File(name)});
+  ASSERT_EQ(s.exitCode, 0) << s.err;
+  const std::string folder = s.Json()["disk"]["folder"];
+  EXPECT_NE(folder.find(dir.path() + "/frame" + replaced), std::string::npos) << folder;
+}
+
 // What in a page would make a browser reach off the page: a scheme, a protocol-relative or
 // external address, a style sheet import or url(), a src, an href other than to the page itself.
 // Namespace declarations name a namespace and are never fetched, so they are left out. Returns
