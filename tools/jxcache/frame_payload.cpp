@@ -1,10 +1,13 @@
 #include "tools/jxcache/frame_payload.h"
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
 #include <cmath>
 #include <cstring>
 
 #include "host/high_precision_time.h"
+#include "items/checksummed_stream.h"
 
 namespace jx::tool {
 namespace {
@@ -135,6 +138,14 @@ void FrameLedger::Purged(uint32_t frame) {
   if (frame < inMemory_.size()) inMemory_[frame].fetch_sub(1);
 }
 
+zelcore::utility::Guid FramePayload::KeyOf(uint32_t width, uint32_t height, uint32_t frame) {
+  std::array<uint8_t, 16> bytes{};
+  const uint32_t v[3] = {width, height, frame};
+  std::memcpy(bytes.data(), "JXSF", 4);
+  std::memcpy(bytes.data() + 4, v, 12);
+  return zelcore::utility::Guid(bytes);
+}
+
 FramePayload::FramePayload(uint32_t width, uint32_t height, uint32_t frame, FrameLedger* ledger)
     : width_(width), height_(height), frame_(frame), ledger_(ledger) {}
 
@@ -164,7 +175,7 @@ void FramePayload::RegisterFactory(FrameLedger* ledger) {
     if (header.size() != 12) return {};
     uint32_t v[3];
     std::memcpy(v, header.data(), 12);
-    if (v[0] == 0 || v[1] == 0 || uint64_t{v[0]} * v[1] * 4 > UINT32_MAX) return {};
+    if (v[0] == 0 || v[1] == 0 || uint64_t{v[0]} * v[1] * 4 > kMaxFrameBytes) return {};
     return IntrusivePtr<JX_StuffData>(new FramePayload(v[0], v[1], v[2], ledger));
   };
   JX_StuffData::RegisterFactory(kMatchname, factory);
@@ -176,12 +187,14 @@ unsigned int FramePayload::GetApproximateMemorySize() const {
 
 bool FramePayload::PurgeIfPossible(ReleaseQueue* toRelease) {
   std::shared_ptr<Pixels> pixels;
+  bool counted;
   {
     std::lock_guard<std::mutex> l(mutex_);
     pixels = std::move(pixels_);
+    counted = !disowned_;
   }
   if (!pixels) return false;
-  if (ledger_) ledger_->Purged(frame_);
+  if (ledger_ && counted) ledger_->Purged(frame_);
   // The memory goes back after the cache's locks are released, when the queue's owner drops it.
   if (toRelease) toRelease->push_back(std::move(pixels));
   return true;
@@ -200,24 +213,42 @@ void FramePayload::GetHeader(Header& header) const {
 
 double FramePayload::Write(zelcore::filesupport::OByteStream& out) const {
   auto pixels = GetPixels();
-  if (pixels) out.Write(pixels->data(), pixels->size());
+  if (!pixels) throw zelcore::filesupport::FileError(EINVAL, "frame purged before its write");
+  ChecksummedOByteStream sum(out);
+  sum.Write(pixels->data(), pixels->size());
+  sum.Finish();
   return 0.0;
 }
 
 double FramePayload::Read(zelcore::filesupport::IByteStream& in,
                           zelcore::threads::MultiTenantRecursiveMutex&) {
   zelcore::utility::Timer timer;
+  ChecksummedIByteStream sum(in);
+  // The header comes from the file's name: a damaged one must not make us allocate more than the
+  // file holds.
+  sum.ExpectAtLeast(ByteCount(), "frame pixels");
   auto pixels = std::make_shared<Pixels>(ByteCount());
-  in.ReadExactly(pixels->data(), pixels->size());
+  sum.ReadExactly(pixels->data(), pixels->size());
+  sum.Verify();
   bool filled;
   {
     std::lock_guard<std::mutex> l(mutex_);
-    filled = pixels_ == nullptr;
+    filled = pixels_ == nullptr && !disowned_;
     pixels_ = std::move(pixels);
   }
   if (filled && ledger_) ledger_->Loaded(frame_);
   ++tReads;
   return timer.GetElapsedSeconds();
+}
+
+void FramePayload::Disown() {
+  bool counted;
+  {
+    std::lock_guard<std::mutex> l(mutex_);
+    counted = pixels_ != nullptr && !disowned_;
+    disowned_ = true;
+  }
+  if (ledger_ && counted) ledger_->Purged(frame_);
 }
 
 bool FramePayload::CanSatisfyRequest(IntrusivePtr<JX_StuffData> request) const {

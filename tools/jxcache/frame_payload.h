@@ -5,7 +5,8 @@
 // on one core of a small virtual machine, more than reading the frame back costs), so the
 // cache's write-worthiness rule sees real compute times. The payload is disk-cacheable: its
 // header names width, height and frame index, which is all its factory needs to rebuild an empty
-// payload from a disk cache file name; Write and Read move the pixels.
+// payload from a disk cache file name; Write and Read move the pixels, followed by a checksum of
+// them, so that a damaged file is refused instead of shown.
 //
 // Threads: the cache calls PurgeIfPossible and Read under the item's write lock and the size and
 // residency queries under the item's lock or none; the pixel pointer has its own small mutex so
@@ -19,9 +20,14 @@
 #include <mutex>
 #include <vector>
 
+#include "host/guid.h"
 #include "items/stuff_data.h"
 
 namespace jx::tool {
+
+// The largest frame the tool makes: `simulate` refuses a larger size, and the frame factory a
+// cache file whose name claims one, which can only be a damaged name.
+inline constexpr uint64_t kMaxFrameBytes = uint64_t{1} << 31;
 
 // Which frames have their pixels in memory, kept by the payloads themselves: a render or a read
 // from disk puts a frame's pixels in, the cache purging the payload takes them out. Renders are
@@ -54,11 +60,14 @@ class FramePayload : public JX_StuffData {
   // An empty payload of the frame: a request, or a payload about to be read from disk. A payload
   // with a ledger reports its pixels coming and going there; the ledger must outlive it.
   FramePayload(uint32_t width, uint32_t height, uint32_t frame, FrameLedger* ledger = nullptr);
+  // The key of a frame: the same in every run, so that a run finds the files of earlier ones.
+  static zelcore::utility::Guid KeyOf(uint32_t width, uint32_t height, uint32_t frame);
   // Renders the frame's procedural image.
   static IntrusivePtr<FramePayload> Render(uint32_t width, uint32_t height, uint32_t frame,
                                            FrameLedger* ledger = nullptr);
   // The payload factory for the disk scan; registered after every JX_Birth (JX_Death forgets).
-  // The payloads it makes report to `ledger` (may be null).
+  // The payloads it makes report to `ledger` (may be null). A header with no pixels or more than
+  // kMaxFrameBytes of them gets no payload: the file is not adopted.
   static void RegisterFactory(FrameLedger* ledger);
   // The colour the procedural image of a width x height frame has at (x, y): checks a frame read
   // back.
@@ -71,7 +80,12 @@ class FramePayload : public JX_StuffData {
   bool CanDiskCache() const override { return true; }
   const char* GetSubclassMatchname() const override { return kMatchname; }
   void GetHeader(Header& header) const override;
+  // The pixels, then the checksum trailer. Throws FileError when the pixels were purged meanwhile
+  // (a file without them could never be read back).
   double Write(zelcore::filesupport::OByteStream& out) const override;
+  // Takes the pixels only when the stream holds all of them and their checksum matches: throws
+  // CorruptDataError otherwise (before allocating anything when the stream is too short) and
+  // leaves the payload as it was.
   double Read(zelcore::filesupport::IByteStream& in,
               zelcore::threads::MultiTenantRecursiveMutex& itemMutex) override;
   bool CanSatisfyRequest(IntrusivePtr<JX_StuffData> request) const override;
@@ -84,6 +98,9 @@ class FramePayload : public JX_StuffData {
   std::shared_ptr<const Pixels> GetPixels() const;
   // Whether sampled pixels match the procedural image (catches a corrupt disk read).
   bool Verify() const;
+  // Takes the payload out of the ledger's figures for good, leaving its pixels to whoever still
+  // holds it: a wrong frame dropped from the cache is no copy of the frame it claims to be.
+  void Disown();
   // Pixel reads from disk done by the calling thread so far: tells a thread that read a frame
   // back itself from one that found it read by another thread meanwhile.
   static uint64_t ReadsOnThisThread();
@@ -94,8 +111,9 @@ class FramePayload : public JX_StuffData {
   const uint32_t width_, height_, frame_;
   FrameLedger* const ledger_;
   uint64_t renderedAt_ = 0;
-  mutable std::mutex mutex_;  // guards pixels_
+  mutable std::mutex mutex_;  // guards pixels_ and disowned_
   std::shared_ptr<Pixels> pixels_;
+  bool disowned_ = false;
 };
 
 }  // namespace jx::tool

@@ -102,7 +102,9 @@ void PrintJson(const std::string& dir, const FolderContents& c, uint64_t limit) 
     j["limit"] = limit;
     j["over_limit"] = total > limit;
   }
-  std::cout << j.dump(2) << '\n';
+  // File names are bytes, not necessarily UTF-8, and JSON must be: a name that is not valid
+  // UTF-8 is shown with U+FFFD in place of its bad bytes.
+  std::cout << j.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
 }
 
 void PrintText(const std::string& dir, const FolderContents& c, uint64_t limit) {

@@ -22,21 +22,12 @@
 #include "tools/jxcache/tool_error.h"
 
 namespace cf = jx::checkout_flags;
-using zelcore::utility::Guid;
+namespace ci = jx::checkin_flags;
 using zelcore::utility::HighPrecisionTime;
 using zelcore::utility::IntrusivePtr;
 
 namespace jx::tool {
 namespace {
-
-// Same frame, same size: same GUID in every run, so a second run finds the first run's files.
-Guid FrameGuid(uint32_t width, uint32_t height, uint32_t frame) {
-  std::array<uint8_t, 16> bytes{};
-  const uint32_t v[3] = {width, height, frame};
-  std::memcpy(bytes.data(), "JXSF", 4);
-  std::memcpy(bytes.data() + 4, v, 12);
-  return Guid(bytes);
-}
 
 // The stand-in host's side of the session: the memory budget and its bookkeeping.
 class BudgetKeeper {
@@ -124,13 +115,13 @@ class PassRunner {
     }
   }
   uint64_t Done() const { return done_.load(std::memory_order_relaxed); }
-  std::atomic<uint64_t> waited{0}, badFrames{0}, renderMicros{0};
+  std::atomic<uint64_t> waited{0}, checked{0}, badFrames{0}, failedReads{0}, renderMicros{0};
 
  private:
   Outcome Serve(uint32_t frame) {
     IntrusivePtr<JX_Stuff> request = JX_Stuff::CreateNew(
         IntrusivePtr<JX_StuffData>(new FramePayload(o_.width, o_.height, frame)), 0.0);
-    request->SetGuid(FrameGuid(o_.width, o_.height, frame));
+    request->SetGuid(FramePayload::KeyOf(o_.width, o_.height, frame));
     const uint64_t askedAt = HighPrecisionTime::GetCurrentTimeStamp();
     // Disk reads are done here, outside the find, so that a disk hit can be told from the rest.
     const int flags = cf::kReadOnly | cf::kCreatePending | cf::kWaitAlways | cf::kNoDiskRead;
@@ -143,11 +134,23 @@ class PassRunner {
         if (!handle.IsInMemory()) {
           ScReservation room(budget_, frameBytes_);
           const uint64_t readsBefore = FramePayload::ReadsOnThisThread();
-          if (!handle.EnsureInMemory()) continue;  // the file was bad and is gone: ask again
+          const ReadBack read = ReadBackFromDisk(handle);
+          // The file is gone either way (the library deletes a file it could not read): asking
+          // again finds no copy and renders the frame, or waits for another thread's render.
+          if (read == ReadBack::kFailed) failedReads.fetch_add(1, std::memory_order_relaxed);
+          if (read != ReadBack::kRead) continue;
           // Another thread may have read it back while we asked: then it came from memory.
           if (FramePayload::ReadsOnThisThread() != readsBefore) outcome = Outcome::kDiskHit;
         }
-        Use(handle, askedAt, outcome);
+        if (!Use(handle, askedAt, outcome)) {
+          // Counted as bad; the viewer is not left with it. Out of the cache with its file, and
+          // rendered again: a render the ledger must not take for one of a frame in memory.
+          IntrusivePtr<JX_Stuff> item = handle.GetStuffPtr();
+          if (auto* bad = dynamic_cast<FramePayload*>(item ? item->GetDataPtr().get() : nullptr))
+            bad->Disown();
+          handle.Checkin(ci::kRemove, 0.0);
+          continue;
+        }
         handle.Checkin(0, 0.0);
         budget_.Release(0);
         return outcome;
@@ -156,6 +159,20 @@ class PassRunner {
       // a frame that never comes is a failure of the session.
       if (attempt > 100) throw ToolError("frame " + std::to_string(frame) + " never became ready");
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
+
+  enum class ReadBack { kRead, kFailed, kNothingToRead };
+
+  // Reads the checked-out frame back from its disk file. A file that cannot be read (damaged,
+  // emptied, or deleted by another process sharing the folder) is an ordinary event: the library
+  // counts it, deletes the file and throws the error on as a bare code, which must not end the
+  // session. kNothingToRead: another thread's read of the same file failed first.
+  static ReadBack ReadBackFromDisk(JX_ScCheckout& handle) {
+    try {
+      return handle.EnsureInMemory() ? ReadBack::kRead : ReadBack::kNothingToRead;
+    } catch (...) {
+      return ReadBack::kFailed;
     }
   }
 
@@ -179,6 +196,9 @@ class PassRunner {
           FramePayload::Render(o_.width, o_.height, frame, &ledger_);
       const double seconds = timer.GetElapsedSeconds();
       renderMicros.fetch_add(static_cast<uint64_t>(seconds * 1e6), std::memory_order_relaxed);
+      // Checked like every frame served: the figure of bad frames covers all of them.
+      checked.fetch_add(1, std::memory_order_relaxed);
+      if (!payload->Verify()) badFrames.fetch_add(1, std::memory_order_relaxed);
       item->SetStuffDataFromPendingRender(payload, seconds);
       plugin_.Histogram(*payload);
       handle.Checkin(0, seconds);
@@ -186,18 +206,21 @@ class PassRunner {
     return Outcome::kRendered;
   }
 
-  // What the viewer does with a frame it was given: checks it is the frame it asked for.
-  void Use(JX_ScCheckout& handle, uint64_t askedAt, Outcome outcome) {
+  // What the viewer does with a frame it was given: checks it is the frame it asked for. False
+  // (and counted) when it is not.
+  bool Use(JX_ScCheckout& handle, uint64_t askedAt, Outcome outcome) {
     IntrusivePtr<JX_Stuff> item = handle.GetStuffPtr();
     auto* frame = dynamic_cast<FramePayload*>(item ? item->GetDataPtr().get() : nullptr);
+    checked.fetch_add(1, std::memory_order_relaxed);
     if (!frame || !frame->Verify()) {
       badFrames.fetch_add(1, std::memory_order_relaxed);
-      return;
+      return false;
     }
     plugin_.Histogram(*frame);
     // Finished after we asked, by someone else: we waited for that render.
     if (outcome == Outcome::kMemoryHit && frame->RenderedAt() > askedAt)
       waited.fetch_add(1, std::memory_order_relaxed);
+    return true;
   }
 
   const SimulateOptions& o_;
@@ -308,7 +331,9 @@ SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress) {
     if (failure) std::rethrow_exception(failure);
     pass.seconds = passClock.GetElapsedSeconds();
     pass.waitedForOtherRender = runner.waited.load();
+    pass.framesChecked = runner.checked.load();
     pass.badFrames = runner.badFrames.load();
+    pass.failedReads = runner.failedReads.load();
     result.renderMicrosTotal += runner.renderMicros.load();
     Tally(pass);
     sample(p);

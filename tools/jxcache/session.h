@@ -47,7 +47,13 @@ struct PassResult {
   std::vector<Outcome> outcomes;  // per request
   uint64_t memoryHits = 0, diskHits = 0, renders = 0;
   uint64_t waitedForOtherRender = 0;  // memory hits that waited for another thread's render
-  uint64_t badFrames = 0;             // frames whose pixels did not match the image
+  // Frames checked against the image, and those whose pixels did not match it. Every frame served
+  // is checked, rendered or not; a bad one found in the cache is dropped from it, with its file,
+  // and rendered again (and checked again).
+  uint64_t framesChecked = 0, badFrames = 0;
+  // Requests whose read back from disk failed (a damaged or vanished file): asked again, they
+  // were served like a miss.
+  uint64_t failedReads = 0;
   double seconds = 0.0;
   uint64_t Requests() const { return frames.size(); }
 };

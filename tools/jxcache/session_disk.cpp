@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "disk/disk_counters.h"
 #include "disk/disk_folder.h"
 #include "disk/disk_writer.h"
 #include "disk/performance_counters.h"
@@ -62,14 +63,19 @@ void SessionDisk::Attach(const std::shared_ptr<JX_Bag>& bag, SessionResult* resu
                                          jx::disk::kMinVolumeFreeSpaceName,
                                          std::to_string(options_.diskMarginGiB));
   }
+  // Read before the disk cache is on: a scan of the library's own may adopt files from then on.
+  const uint64_t adoptedBefore = jx::disk::GetCounters().filesAdopted.load();
   bag->EnableDiskCache(true);
   bag->SetDiskCacheInfo(folder_, static_cast<long long>(options_.diskLimit));
   if (!bag->IsDiskCacheEnabled())
     throw ToolError("--disk-cache: cannot use '" + folder_ + "' as a disk cache (not writable)");
   result->diskFolder = bag->GetDiskCacheDirSpec().GetPath();
   // The files of earlier runs become items now, so that the first pass can already hit them.
+  // The scan's own figure counts every cache-like name it looked at; what it adopted is what the
+  // first pass can hit (a name of another version, or one the frame factory refuses, is not).
   bag->RequestDiskCacheScan();
-  result->diskFilesAtStart = static_cast<uint64_t>(std::max(0, bag->ScanDiskCacheDir()));
+  bag->ScanDiskCacheDir();
+  result->diskFilesAtStart = jx::disk::GetCounters().filesAdopted.load() - adoptedBefore;
   result->diskBytesAtStart = static_cast<uint64_t>(std::max(0LL, bag->GetCurrentDiskCacheSize()));
   result->disk = {true, ""};
   start_ = JX_GetDiskPerformanceCounters();

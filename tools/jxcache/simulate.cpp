@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 
+#include "tools/jxcache/frame_payload.h"
 #include "tools/jxcache/html_report.h"
 #include "tools/jxcache/session.h"
 #include "tools/jxcache/session_disk.h"
@@ -37,7 +38,7 @@ SimulateOptions Validate(SimulateArgs& a) {
   o.memoryBudget = ParseSize(a.memory, "--memory");
   o.diskLimit = ParseSize(a.diskLimit, "--disk-limit");
   Check(o.frames >= 1 && o.frames <= 1000000, "--frames: give 1 to 1000000 frames");
-  Check(o.width >= 1 && o.height >= 1 && uint64_t{o.width} * o.height * 4 <= (1ull << 31),
+  Check(o.width >= 1 && o.height >= 1 && uint64_t{o.width} * o.height * 4 <= kMaxFrameBytes,
         "--width/--height: a frame must have pixels and stay under 2 GiB");
   Check(o.threads >= 1 && o.threads <= 64, "--threads: give 1 to 64 render threads");
   Check(o.passes >= 1 && o.passes <= 100, "--passes: give 1 to 100 passes");
@@ -77,7 +78,9 @@ int RunSimulate(SimulateArgs& args) {
   if (tty) std::cerr << '\r' << std::string(78, ' ') << '\r' << std::flush;
   if (report) report->Commit(RenderHtmlReport(result));
   if (args.json) {
-    std::cout << SummaryJson(result).dump(2) << '\n';
+    // A folder name need not be UTF-8; JSON must be.
+    std::cout << SummaryJson(result).dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
+              << '\n';
   } else {
     PrintSummary(result, std::cout);
     if (report) std::cout << "\nreport written to " << args.report << '\n';

@@ -9,6 +9,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "items/checksummed_stream.h"
 #include "tools/jxcache/tool_test_support.h"
 
 namespace jx::tool {
@@ -44,6 +45,7 @@ void ExpectPassesAddUp(const nlohmann::json& j) {
     EXPECT_EQ(n, j["options"]["frames"].get<uint64_t>());
     EXPECT_EQ(n, p["memory_hits"].get<uint64_t>() + p["disk_hits"].get<uint64_t>() +
                      p["renders"].get<uint64_t>());
+    EXPECT_EQ(p["frames_checked"].get<uint64_t>(), n);  // every frame served, rendered or not
     EXPECT_EQ(p["bad_frames"].get<uint64_t>(), 0u);
     requests += n;
     renders += p["renders"].get<uint64_t>();
@@ -100,7 +102,9 @@ TEST(Simulate, FiguresAddUpAndTheSecondRunStartsWarm) {
   EXPECT_EQ(a["disk"]["writes_skipped"].get<uint64_t>(), 0u);
   const uint64_t written = a["disk"]["files_written"];
   EXPECT_EQ(written, 12u);
-  EXPECT_EQ(a["disk"]["bytes_written"].get<uint64_t>(), 12 * a["frame_bytes"].get<uint64_t>());
+  // Each file holds the pixels and their checksum.
+  EXPECT_EQ(a["disk"]["bytes_written"].get<uint64_t>(),
+            12 * (a["frame_bytes"].get<uint64_t>() + jx::kChecksumTrailerSize));
   EXPECT_EQ(a["disk"]["bytes_written"].get<uint64_t>(), a["disk"]["folder_bytes"].get<uint64_t>());
 
   // A second run on the same folder: what the first wrote is found and read back, not rendered.
@@ -165,6 +169,29 @@ TEST(Simulate, ThreadsWantingTheSameFrameRenderItOnce) {
   EXPECT_EQ(o["first_renders"].get<uint64_t>(), 48u);  // nothing cached at the start
   EXPECT_GT(o["renders_after_purge"].get<uint64_t>(), 0u) << "the budget forced no re-render";
   EXPECT_GT(o["purges"].get<uint64_t>(), 0u);
+}
+
+// Names are bytes; JSON is UTF-8. A name that is not valid UTF-8 is shown with U+FFFD in place of
+// its bad bytes, whichever subcommand prints it.
+TEST(Inspect, JsonSurvivesNamesThatAreNotUtf8) {
+  TempDir dir;
+  const std::string name = "frame\xff\xfe";
+  const std::string replaced = "\xEF\xBF\xBD";  // U+FFFD
+  std::filesystem::create_directories(dir.File("cache"));
+  std::ofstream(dir.File("cache/" + name + ".kqcache")) << "x";
+  auto r = RunTool({"inspect", dir.File("cache"), "--json"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  const auto j = r.Json();
+  ASSERT_EQ(j["unparsed_names"].size(), 1u);
+  const std::string shown = j["unparsed_names"][0]["name"];
+  EXPECT_EQ(shown.rfind("frame" + replaced, 0), 0u) << shown;
+  EXPECT_TRUE(shown.ends_with(".kqcache")) << shown;
+
+  auto s = RunTool({"simulate", "--frames", "2", "--width", "16", "--height", "16", "--passes", "1",
+                    "--json", "--disk-cache", dir.File(name)});
+  ASSERT_EQ(s.exitCode, 0) << s.err;
+  const std::string folder = s.Json()["disk"]["folder"];
+  EXPECT_NE(folder.find(dir.path() + "/frame" + replaced), std::string::npos) << folder;
 }
 
 // What in a page would make a browser reach off the page: a scheme, a protocol-relative or

@@ -29,7 +29,8 @@ std::vector<Refusal> Refusals(const SessionResult& r) {
 }
 
 struct Totals {
-  uint64_t requests = 0, memoryHits = 0, diskHits = 0, renders = 0, waited = 0, badFrames = 0;
+  uint64_t requests = 0, memoryHits = 0, diskHits = 0, renders = 0, waited = 0;
+  uint64_t framesChecked = 0, badFrames = 0, failedReads = 0;
   double seconds = 0.0;
 };
 
@@ -41,7 +42,9 @@ Totals Sum(const SessionResult& r) {
     t.diskHits += p.diskHits;
     t.renders += p.renders;
     t.waited += p.waitedForOtherRender;
+    t.framesChecked += p.framesChecked;
     t.badFrames += p.badFrames;
+    t.failedReads += p.failedReads;
     t.seconds += p.seconds;
   }
   return t;
@@ -93,7 +96,8 @@ void PrintSummary(const SessionResult& r, std::ostream& out) {
       << "\n";
   if (r.disk.available) {
     out << "disk cache: " << r.diskFolder << " (limit " << FormatSize(o.diskLimit) << "), "
-        << r.diskFilesAtStart << " files (" << FormatSize(r.diskBytesAtStart) << ") at start";
+        << r.diskFilesAtStart << " files (" << FormatSize(r.diskBytesAtStart)
+        << ") adopted at start";
     if (o.diskProclivity > 0) out << ", proclivity multiplier " << o.diskProclivity;
     out << "\n";
   }
@@ -130,10 +134,15 @@ void PrintSummary(const SessionResult& r, std::ostream& out) {
                                  " of a frame still in memory"});
   overall.AddRow({"shared renders",
                   std::to_string(t.waited) + " requests waited for another thread's render"});
-  overall.AddRow({"served frames", std::to_string(t.requests - t.renders - t.badFrames) +
-                                       " checked good, " + std::to_string(t.badFrames) + " bad"});
+  overall.AddRow({"bad frames", std::to_string(t.badFrames) + " of " +
+                                    std::to_string(t.framesChecked) +
+                                    " frames served checked against the image" +
+                                    (t.badFrames ? " (dropped and rendered again)" : "")});
   if (r.disk.available) {
     overall.AddRow({"disk traffic", DiskLine(r)});
+    overall.AddRow({"failed reads", std::to_string(t.failedReads) +
+                                        " requests found their frame's file damaged or gone and "
+                                        "were served as misses"});
     overall.AddRow({"disk writes", WritesLine(r)});
     overall.AddRow({"disk folder",
                     FormatSize(r.diskBytesAtEnd) + " of " + FormatSize(o.diskLimit) + " limit"});
@@ -182,7 +191,9 @@ nlohmann::ordered_json SummaryJson(const SessionResult& r) {
                            {"disk_hits", p.diskHits},
                            {"renders", p.renders},
                            {"waited_for_other_render", p.waitedForOtherRender},
+                           {"frames_checked", p.framesChecked},
                            {"bad_frames", p.badFrames},
+                           {"failed_reads_asked_again", p.failedReads},
                            {"hit_rate", HitRate(p.memoryHits, p.diskHits, p.Requests())},
                            {"seconds", p.seconds},
                            {"frames_per_second", PerSecond(p.Requests(), p.seconds)}});
@@ -200,8 +211,10 @@ nlohmann::ordered_json SummaryJson(const SessionResult& r) {
                   {"renders_after_purge", r.rendersAfterPurge},
                   {"renders_while_in_memory", r.rendersWhileInMemory},
                   {"waited_for_other_render", t.waited},
-                  {"frames_checked_good", t.requests - t.renders - t.badFrames},
+                  {"frames_checked", t.framesChecked},
+                  {"frames_checked_good", t.framesChecked - t.badFrames},
                   {"bad_frames", t.badFrames},
+                  {"failed_reads_asked_again", t.failedReads},
                   {"peak_memory", r.peakMemory},
                   {"memory_budget", o.memoryBudget},
                   {"purges", r.purges},

@@ -8,7 +8,12 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
+
+#include "disk/cache_file_name.h"
+#include "host/byte_stream.h"
+#include "tools/jxcache/frame_payload.h"
 
 #ifdef JX_HAVE_EXPAT
 #include <expat.h>
@@ -26,11 +31,20 @@ std::string Slurp(const std::string& path) {
 
 }  // namespace
 
-RunResult RunTool(const std::vector<std::string>& args, const std::vector<std::string>& env) {
-  TempDir io;
-  const std::string outPath = io.File("out"), errPath = io.File("err");
-  const pid_t pid = fork();
-  if (pid == 0) {
+namespace {
+
+// A started run of the binary: its process and where its output goes.
+struct Started {
+  pid_t pid = -1;
+  std::unique_ptr<TempDir> io;
+};
+
+Started StartTool(const std::vector<std::string>& args, const std::vector<std::string>& env) {
+  Started s;
+  s.io = std::make_unique<TempDir>();
+  const std::string outPath = s.io->File("out"), errPath = s.io->File("err");
+  s.pid = fork();
+  if (s.pid == 0) {
     if (!freopen(outPath.c_str(), "w", stdout) || !freopen(errPath.c_str(), "w", stderr))
       _exit(127);
     for (const auto& e : env) putenv(const_cast<char*>(e.c_str()));
@@ -40,13 +54,57 @@ RunResult RunTool(const std::vector<std::string>& args, const std::vector<std::s
     execv(JXCACHE_BINARY, argv.data());
     _exit(127);
   }
+  return s;
+}
+
+RunResult WaitFor(const Started& s) {
   int status = 0;
-  waitpid(pid, &status, 0);
+  waitpid(s.pid, &status, 0);
   RunResult r;
   r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  r.out = Slurp(outPath);
-  r.err = Slurp(errPath);
+  r.out = Slurp(s.io->File("out"));
+  r.err = Slurp(s.io->File("err"));
   return r;
+}
+
+}  // namespace
+
+RunResult RunTool(const std::vector<std::string>& args, const std::vector<std::string>& env) {
+  return WaitFor(StartTool(args, env));
+}
+
+std::vector<RunResult> RunToolsAtOnce(const std::vector<std::vector<std::string>>& runs) {
+  std::vector<Started> started;
+  for (const auto& args : runs) started.push_back(StartTool(args, {}));
+  std::vector<RunResult> results;
+  for (const auto& s : started) results.push_back(WaitFor(s));
+  return results;
+}
+
+std::string FrameFileName(uint32_t width, uint32_t height, uint32_t frame, uint32_t version) {
+  JX_StuffData::Header header;
+  FramePayload(width, height, frame).GetHeader(header);
+  return jx::disk::MakeCacheFileName(FramePayload::KeyOf(width, height, frame),
+                                     FramePayload::kMatchname, version, header.data(),
+                                     header.size());
+}
+
+std::vector<uint8_t> FrameFileBytes(uint32_t width, uint32_t height, uint32_t frame) {
+  zelcore::filesupport::VectorOByteStream out;
+  FramePayload::Render(width, height, frame)->Write(out);
+  return out.Bytes();
+}
+
+std::vector<uint8_t> ReadBytes(const std::string& path) {
+  const std::string s = Slurp(path);
+  return {s.begin(), s.end()};
+}
+
+void WriteBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(reinterpret_cast<const char*>(bytes.data()),
+            static_cast<std::streamsize>(bytes.size()));
+  if (!out) std::abort();
 }
 
 TempDir::TempDir() {

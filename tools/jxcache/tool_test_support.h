@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,8 @@ struct RunResult {
 // Runs the jxcache binary with `args` (each passed as one argument, no shell), with the
 // variables of `env` ("NAME=value") added to its environment.
 RunResult RunTool(const std::vector<std::string>& args, const std::vector<std::string>& env = {});
+// Runs the binary once per argument list, all at the same time, and waits for every one.
+std::vector<RunResult> RunToolsAtOnce(const std::vector<std::vector<std::string>>& runs);
 
 // A fresh folder under the temporary directory, removed with everything in it on destruction.
 class TempDir {
@@ -29,6 +32,13 @@ class TempDir {
  private:
   std::string path_;
 };
+
+// The disk cache file `simulate` writes for a frame: its name (the library's version 1 unless
+// told) and what it holds.
+std::string FrameFileName(uint32_t width, uint32_t height, uint32_t frame, uint32_t version = 1);
+std::vector<uint8_t> FrameFileBytes(uint32_t width, uint32_t height, uint32_t frame);
+std::vector<uint8_t> ReadBytes(const std::string& path);
+void WriteBytes(const std::string& path, const std::vector<uint8_t>& bytes);
 
 // Whether `text` is well-formed XML, as an XML parser (expat) says when the build has one, and
 // otherwise as IsWellFormedXmlByHand says. Sets *why on failure.
