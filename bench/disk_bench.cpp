@@ -20,6 +20,7 @@
 #include "host/byte_stream.h"
 #include "host/file_utils.h"
 #include "host/standalone_host.h"
+#include "items/checksummed_stream.h"
 #include "lifecycle/lifecycle.h"
 
 using zelcore::utility::Guid;
@@ -29,7 +30,8 @@ namespace {
 
 constexpr size_t kFrameBytes = 8u << 20;
 
-// An 8 MiB frame that writes and reads its bytes in one call each.
+// An 8 MiB frame that writes and reads its bytes in one call each, checksummed as a payload
+// should be: the figures include the integrity check.
 class FramePayload : public JX_StuffData {
  public:
   FramePayload() : bytes_(std::make_shared<std::vector<uint8_t>>(kFrameBytes, 0x5A)) {}
@@ -45,13 +47,18 @@ class FramePayload : public JX_StuffData {
   bool CanDiskCache() const override { return true; }
   const char* GetSubclassMatchname() const override { return "BenchFrame"; }
   double Write(zelcore::filesupport::OByteStream& out) const override {
-    out.Write(bytes_->data(), bytes_->size());
+    jx::ChecksummedOByteStream sealed(out);
+    sealed.Write(bytes_->data(), bytes_->size());
+    sealed.Finish();
     return 0.0;
   }
   double Read(zelcore::filesupport::IByteStream& in,
               zelcore::threads::MultiTenantRecursiveMutex&) override {
+    jx::ChecksummedIByteStream sealed(in);
+    sealed.ExpectAtLeast(kFrameBytes, "bench frame");
     auto bytes = std::make_shared<std::vector<uint8_t>>(kFrameBytes);
-    in.ReadExactly(bytes->data(), bytes->size());
+    sealed.ReadExactly(bytes->data(), bytes->size());
+    sealed.Verify();
     bytes_ = std::move(bytes);
     return 0.0;
   }
