@@ -726,9 +726,10 @@ void ThreeProcesses(const jx::stress::Options& o, const std::string& base, Total
 
 int main(int argc, char** argv) {
   auto o = jx::stress::ParseOptions(argc, argv, "crash_kill9", 120);
-  // Under the sanitizers the kill rounds do a fraction of their plan in their half of the time
-  // bound; less than this means something slowed them down beyond that.
-  constexpr double kFloorPercent = 10;
+  // Every round starts two processes, which is slow under the sanitizers: ThreadSanitizer, beside
+  // another program, does about an eighth of the rounds in their half of the time bound. Less
+  // than this means something slowed them down beyond that.
+  constexpr double kFloorPercent = 5;
   const jx::stress::HardBound hardBound("crash_kill9", jx::stress::HardSeconds(o));
   jx::StandaloneHost::Instance().SetEchoReports(false);
   std::string base = zelcore::utility::FileUtils::GetTempDirectoryPath() + "/jxkill9.XXXXXX";

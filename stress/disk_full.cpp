@@ -467,9 +467,9 @@ int InNamespace(const std::string& base, Totals& t) {
 int main(int argc, char** argv) {
   gOptions = jx::stress::ParseOptions(argc, argv, "disk_full", 400);
   gDeadline = std::make_unique<jx::stress::Deadline>(gOptions.seconds);
-  // A phase runs for seconds at most even under the sanitizers; one that was left out for want
-  // of time means the run covered too little.
-  constexpr double kFloorPercent = 100;
+  // ThreadSanitizer takes about two thirds of its time bound for all five phases; fewer than
+  // three of them done means the run covered too little.
+  constexpr double kFloorPercent = 60;
   const jx::stress::HardBound hardBound("disk_full", jx::stress::HardSeconds(gOptions));
   auto finish = [](const Totals& t) {
     // A machine that allows no phase at all (no root, no mounts) has nothing to cover.
