@@ -4,6 +4,9 @@
 // relaxed atomic increment and one relaxed load; the mutex is taken only while a plan is armed.
 #include "host/fault_injection.h"
 
+#include <signal.h>
+#include <unistd.h>
+
 #include <array>
 #include <atomic>
 #include <mutex>
@@ -25,6 +28,10 @@ struct State {
   std::atomic<bool> armed{false};
   std::mutex mutex;
   std::array<std::vector<Plan>, kFileOpCount> plans;  // guarded by mutex
+  // Planned kills: the reach count at which each point kills (0: none), and the reaches so far.
+  std::atomic<bool> killArmed{false};
+  std::array<uint64_t, kCrashPointCount> killAt{};   // guarded by mutex
+  std::array<uint64_t, kCrashPointCount> reaches{};  // guarded by mutex
 };
 
 State& GetState() {
@@ -41,6 +48,32 @@ const char* FileOpName(FileOp op) {
       "create", "open", "write", "flush", "truncate", "rename", "size", "delete", "read"};
   const size_t i = Index(op);
   return i < kFileOpCount ? kNames[i] : "file operation";
+}
+
+const char* CrashPointName(CrashPoint point) {
+  static constexpr const char* kNames[kCrashPointCount] = {"created", "written", "renaming",
+                                                           "renamed"};
+  const auto i = static_cast<size_t>(point);
+  return i < kCrashPointCount ? kNames[i] : "crash point";
+}
+
+void FaultInjection::KillAtNth(CrashPoint point, uint64_t nth) {
+  State& s = GetState();
+  std::lock_guard lock(s.mutex);
+  const auto i = static_cast<size_t>(point);
+  s.killAt[i] = s.reaches[i] + (nth == 0 ? 1 : nth);
+  s.killArmed.store(true, std::memory_order_release);
+}
+
+void FaultInjection::Reached(CrashPoint point) {
+  State& s = GetState();
+  if (!s.killArmed.load(std::memory_order_acquire)) return;
+  std::lock_guard lock(s.mutex);
+  const auto i = static_cast<size_t>(point);
+  if (++s.reaches[i] != s.killAt[i]) return;
+  // SIGKILL cannot be caught: the process ends here, as it would at a power cut.
+  ::kill(::getpid(), SIGKILL);
+  for (;;) ::pause();
 }
 
 void FaultInjection::FailNth(FileOp op, uint64_t nth, int err, bool persistent) {
@@ -69,6 +102,9 @@ void FaultInjection::Reset() {
   s.injected.store(0, std::memory_order_relaxed);
   s.shortReads.store(false, std::memory_order_relaxed);
   s.armed.store(false, std::memory_order_release);
+  s.killAt.fill(0);
+  s.reaches.fill(0);
+  s.killArmed.store(false, std::memory_order_release);
 }
 
 uint64_t FaultInjection::CallCount(FileOp op) {

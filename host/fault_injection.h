@@ -4,6 +4,10 @@
 // makes the N-th write or read move only part of what was asked, as a device may. Short reads
 // (SetShortReads) make every read return at most one byte less than asked (never zero when
 // something was asked). The plan is process-wide and thread-safe.
+//
+// Crash points, for crash tests only: a planned kill makes the process kill itself with SIGKILL
+// the N-th time it reaches a point of a disk write, as a power cut or kill -9 would stop it
+// there. No cleanup runs and nothing is flushed.
 #pragma once
 
 #include <cstdint>
@@ -13,6 +17,15 @@ namespace zelcore::filesupport {
 enum class FileOp { kCreate, kOpen, kWrite, kFlush, kTruncate, kRename, kSize, kDelete, kRead };
 constexpr int kFileOpCount = 9;
 const char* FileOpName(FileOp op);
+
+enum class CrashPoint {
+  kCreated,   // a file was just created (a write's temporary, empty)
+  kWritten,   // a write call just moved some bytes
+  kRenaming,  // a rename is about to be made
+  kRenamed,   // a safe save just renamed its temporary over its target
+};
+constexpr int kCrashPointCount = 4;
+const char* CrashPointName(CrashPoint point);
 
 class FaultInjection {
  public:
@@ -25,7 +38,9 @@ class FaultInjection {
   static void ShortNth(FileOp op, uint64_t nth, bool persistent = false);
   static void SetShortReads(bool on);
   static bool ShortReads();
-  // Clears every plan and the call counts.
+  // Kills the process with SIGKILL the nth time (1-based, counted from now) it reaches `point`.
+  static void KillAtNth(CrashPoint point, uint64_t nth);
+  // Clears every plan (planned kills too) and the call counts.
   static void Reset();
   // Calls of `op` seen since the last Reset.
   static uint64_t CallCount(FileOp op);
@@ -35,6 +50,8 @@ class FaultInjection {
   // fewer bytes, or the errno to fail with.
   static int ShouldFail(FileOp op);
   static constexpr int kShortTransfer = -1;
+  // Called by the file layer where `point` is reached; returns only when no kill is due.
+  static void Reached(CrashPoint point);
 };
 
 }  // namespace zelcore::filesupport

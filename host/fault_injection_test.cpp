@@ -2,10 +2,15 @@
 #include "host/fault_injection.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+
+#include <cstdio>
+#include <cstdlib>
 
 #include "host/byte_stream.h"
 #include "host/file.h"
 #include "host/file_test_support.h"
+#include "host/safe_save.h"
 
 namespace zelcore::filesupport {
 namespace {
@@ -128,6 +133,57 @@ TEST(FaultInjectionTest, FailedCloseIsReportedOnceAndTheDestructorStaysQuiet) {
     EXPECT_NO_THROW(out.Close());
   }
   EXPECT_EQ(FaultInjection::CallCount(FileOp::kTruncate), 1u);
+}
+
+// Reaches `point` once, through the file operation that passes it.
+void ReachOnce(CrashPoint point, const Dir& dir) {
+  const File f(dir, "f"), g(dir, "g");
+  switch (point) {
+    case CrashPoint::kCreated:
+      ::unlink(f.GetPath().c_str());
+      return f.Create();
+    case CrashPoint::kWritten:
+      if (!f.Exists()) WriteWholeFile(f, "data");
+      return OPlatformByteStream(f, false).Write("x", 1);
+    case CrashPoint::kRenaming:
+      if (!f.Exists()) WriteWholeFile(f, "data");
+      f.Rename(g);
+      return g.Rename(f);  // a second rename, back: reached twice per call
+    case CrashPoint::kRenamed: {
+      SafeSave save(f);
+      WriteWholeFile(save.GetTempFile(), "data");
+      return save.Commit();
+    }
+  }
+}
+
+// A planned kill ends the process at exactly the planned reach of its point, not before: the
+// reaches before it return, the planned one never does.
+TEST(FaultInjectionDeathTest, PlannedKillEndsTheProcessAtTheNthReach) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  for (int p = 0; p < kCrashPointCount; ++p) {
+    const auto point = static_cast<CrashPoint>(p);
+    SCOPED_TRACE(CrashPointName(point));
+    ScratchFolder scratch;
+    // Renaming is reached twice per ReachOnce: its third reach is the second call's first.
+    const uint64_t nth = point == CrashPoint::kRenaming ? 3 : 2;
+    EXPECT_EXIT(
+        {
+          FaultInjection::KillAtNth(point, nth);
+          ReachOnce(point, scratch.dir());
+          std::fprintf(stderr, "survived the first\n");
+          ReachOnce(point, scratch.dir());
+          std::fprintf(stderr, "survived the second\n");
+          std::exit(0);
+        },
+        ::testing::KilledBySignal(SIGKILL), "survived the first\n$");
+  }
+  // Reset takes the plan back: nothing is killed after it.
+  ScratchFolder scratch;
+  FaultInjection::KillAtNth(CrashPoint::kCreated, 1);
+  FaultInjection::Reset();
+  ReachOnce(CrashPoint::kCreated, scratch.dir());
+  EXPECT_TRUE(File(scratch.dir(), "f").Exists());
 }
 
 }  // namespace

@@ -30,9 +30,8 @@ namespace {
 
 size_t ShortCount(size_t length) { return length - length / 2; }
 
-}  // namespace
-
-ssize_t WriteSome(int fd, const void* data, size_t length) {
+// WriteSome before its crash point.
+ssize_t WriteSomeUnseen(int fd, const void* data, size_t length) {
   const int plan = FaultInjection::ShouldFail(FileOp::kWrite);
   if (plan > 0) {
     errno = plan;
@@ -54,6 +53,14 @@ ssize_t WriteSome(int fd, const void* data, size_t length) {
   }
 #endif
   return ::write(fd, data, count);
+}
+
+}  // namespace
+
+ssize_t WriteSome(int fd, const void* data, size_t length) {
+  const ssize_t n = WriteSomeUnseen(fd, data, length);
+  if (n > 0) FaultInjection::Reached(CrashPoint::kWritten);
+  return n;
 }
 
 ssize_t ReadSome(int fd, void* data, size_t length) {
@@ -137,6 +144,7 @@ void File::Create() const {
   } while (fd < 0 && errno == EINTR);
   if (fd < 0) ThrowFileError(errno, FileOp::kCreate, path_);
   ::close(fd);
+  FaultInjection::Reached(CrashPoint::kCreated);
 }
 
 void File::Delete() const {
@@ -151,6 +159,7 @@ uint64_t File::Size() const {
 void File::Rename(const File& to) const {
   const std::string what = path_ + " to " + to.path_;
   CheckInjected(FileOp::kRename, what);
+  FaultInjection::Reached(CrashPoint::kRenaming);
   if (::rename(path_.c_str(), to.path_.c_str()) != 0) ThrowFileError(errno, FileOp::kRename, what);
 }
 

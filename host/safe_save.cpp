@@ -79,6 +79,7 @@ void SafeSave::Commit(Sync sync) {
   try {
     if (sync == Sync::kNeeded) SyncFile(temp_);
     temp_.Rename(target_);
+    FaultInjection::Reached(CrashPoint::kRenamed);
   } catch (...) {
     DeleteQuietly(temp_);
     throw;

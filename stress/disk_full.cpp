@@ -14,7 +14,10 @@
 // through moves the bytes-written or bytes-read counter by exactly its file's size.
 //
 // Bounds: --ops caps the writes of each writer thread in one filling, --seconds the whole run
-// (phases not started in time are skipped, with a line saying so).
+// (phases not started in time are skipped, with a line saying so). The phases the machine allows
+// are the plan: a run that finished fewer than its floor of them fails. A phase (child process)
+// still running well past the time bound is a hang: it is named, killed and counted, and the
+// run fails; the whole program has a hard bound too.
 #include <fcntl.h>
 #include <sched.h>
 #include <stdlib.h>
@@ -66,6 +69,8 @@ struct Report {
   uint64_t bytesLost = 0;
   uint64_t limitedSeen = 0;
   uint64_t violations = 0;
+  uint64_t cut = 0;    // steps of the phase left out because the time ran out
+  uint64_t hangs = 0;  // the phase did not finish in time (set by the parent)
 };
 
 jx::stress::Options gOptions;
@@ -77,9 +82,14 @@ bool TimeIsUp(const char* before) {
   return true;
 }
 
+// How long a phase may take: it starts before the time bound and checks it between its steps,
+// so that one still running a minute past the bound is stuck.
+double PhaseLimitSeconds() { return gOptions.seconds + 60.0; }
+
 // Runs `body` in a child process with a fresh library; returns what it reported (a child that
 // died without reporting counts as a violation).
-Report RunPhase(const std::function<void(JX_Bag&, Report&, jx::stress::Violations&)>& body) {
+Report RunPhase(const char* name,
+                const std::function<void(JX_Bag&, Report&, jx::stress::Violations&)>& body) {
   int fds[2];
   if (::pipe(fds) != 0) return Report{.violations = 1};
   std::fflush(stdout);  // or the child would print what is buffered a second time
@@ -107,12 +117,15 @@ Report RunPhase(const std::function<void(JX_Bag&, Report&, jx::stress::Violation
   }
   ::close(fds[1]);
   Report report;
-  const bool got = jx::stress::ReadAll(fds[0], &report, sizeof report);
+  const bool got = jx::stress::ReadAllWithin(fds[0], &report, sizeof report, PhaseLimitSeconds());
   ::close(fds[0]);
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  if (!got || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    std::fprintf(stderr, "VIOLATION: a phase died (status %d)\n", status);
+  const jx::stress::ChildEnd end = jx::stress::WaitChild("disk_full", pid, 10.0, name);
+  if (end.hung || !got) {
+    if (!end.hung) std::fprintf(stderr, "disk_full: HANG: phase %s sent no report in time\n", name);
+    return Report{.violations = 1, .hangs = 1};
+  }
+  if (!end.Exited()) {
+    std::fprintf(stderr, "VIOLATION: phase %s died (status %d)\n", name, end.status);
     return Report{.violations = 1};
   }
   return report;
@@ -245,7 +258,7 @@ void WriteOtherData(const std::string& path, int64_t bytes) {
 }
 
 Report FillVolume(const std::string& mount) {
-  return RunPhase([&](JX_Bag& bag, Report& r, jx::stress::Violations& v) {
+  return RunPhase("filling a volume", [&](JX_Bag& bag, Report& r, jx::stress::Violations& v) {
     // The limit is what the volume must keep free beside the cache's allowance: with the minimum
     // free space set to 0 it says "limited" exactly when the volume's free space is below what
     // the cache may still grow by (its maximum less what it holds). The maximum is half of the
@@ -275,13 +288,19 @@ Report FillVolume(const std::string& mount) {
 
     // The other data goes: the limit lifts and writes get through again.
     std::filesystem::remove(other);
-    if (TimeIsUp("the rest of the volume's phases")) return;
+    if (TimeIsUp("the rest of the volume's phases")) {
+      ++r.cut;
+      return;
+    }
     v.Check(!bag.IsDiskCacheLimitedDueToDriveSpace(), "still limited after the space freed");
     WritesGetThrough(bag, r, v, "after other data went");
     CheckFolder(bag, v, "after other data went");
 
     // The cache itself fills the volume; purging it makes room again.
-    if (TimeIsUp("filling the volume with the cache")) return;
+    if (TimeIsUp("filling the volume with the cache")) {
+      ++r.cut;
+      return;
+    }
     FillUp(bag, r, v, kept);
     CheckFolder(bag, v, "volume full of cache");
     const auto purged = bag.PurgeAllDiskCaches();
@@ -296,7 +315,7 @@ Report FillVolume(const std::string& mount) {
 
 // A fresh process adopts what the last one left: only whole files, each reading back.
 Report AdoptFromVolume(const std::string& mount) {
-  return RunPhase([&](JX_Bag& bag, Report& r, jx::stress::Violations& v) {
+  return RunPhase("adopting a volume", [&](JX_Bag& bag, Report& r, jx::stress::Violations& v) {
     bag.EnableDiskCache(true);
     bag.SetDiskCacheInfo(mount, 1LL << 40);
     bag.RequestDiskCacheScan();
@@ -335,7 +354,7 @@ Report AdoptFromVolume(const std::string& mount) {
 // with its warning, and a write that was already on its way afterwards writes nothing anywhere.
 // A missing folder falls back to the system temporary folder, with its warning.
 Report UnusableFolders(const std::string& base, const std::string& readOnly) {
-  return RunPhase([&](JX_Bag& bag, Report& r, jx::stress::Violations& v) {
+  return RunPhase("unusable folders", [&](JX_Bag& bag, Report& r, jx::stress::Violations& v) {
     auto& host = jx::StandaloneHost::Instance();
     const std::string cwd = base + "/cwd";
     std::filesystem::create_directories(cwd);
@@ -379,8 +398,11 @@ bool Run(const char* what, const std::string& command) {
 
 struct Totals {
   uint64_t volumes = 0, written = 0, failed = 0, adopted = 0, partialAdopted = 0, bytesLost = 0,
-           violations = 0;
+           violations = 0, hangs = 0, phasesPlanned = 0, phasesDone = 0;
   void Add(const Report& r) {
+    ++phasesPlanned;
+    phasesDone += r.cut == 0 && r.hangs == 0 && r.violations == 0 ? 1 : 0;
+    hangs += r.hangs;
     written += r.written;
     failed += r.failed;
     adopted += r.adopted;
@@ -393,7 +415,10 @@ struct Totals {
 // In the private mount namespace: every variant the machine allows. Returns the exit code.
 int InNamespace(const std::string& base, Totals& t) {
   auto volume = [&](const char* name, const std::string& mount) {
-    if (TimeIsUp(name)) return;
+    if (TimeIsUp(name)) {
+      t.phasesPlanned += 2;  // filling it and adopting from it
+      return;
+    }
     t.Add(FillVolume(mount));
     t.Add(AdoptFromVolume(mount));
     ++t.volumes;
@@ -429,6 +454,8 @@ int InNamespace(const std::string& base, Totals& t) {
   } else if (!TimeIsUp("the read-only and missing folders")) {
     t.Add(UnusableFolders(base, readOnly));
     std::printf("disk_full: read-only and missing folders done\n");
+  } else {
+    ++t.phasesPlanned;
   }
   ::umount2(readOnly.c_str(), MNT_DETACH);
   ::umount2(tmpfs.c_str(), MNT_DETACH);
@@ -440,14 +467,24 @@ int InNamespace(const std::string& base, Totals& t) {
 int main(int argc, char** argv) {
   gOptions = jx::stress::ParseOptions(argc, argv, "disk_full", 400);
   gDeadline = std::make_unique<jx::stress::Deadline>(gOptions.seconds);
+  // ThreadSanitizer takes about two thirds of its time bound for all five phases; fewer than
+  // three of them done means the run covered too little.
+  constexpr double kFloorPercent = 60;
+  const jx::stress::HardBound hardBound("disk_full", jx::stress::HardSeconds(gOptions));
   auto finish = [](const Totals& t) {
+    // A machine that allows no phase at all (no root, no mounts) has nothing to cover.
+    const bool covered = jx::stress::CoverageMet("disk_full", "phases", t.phasesDone,
+                                                 t.phasesPlanned, kFloorPercent);
     std::printf(
-        "disk_full: volumes %llu, writes %llu, clean write failures %llu, adopted files %llu, "
-        "partial files adopted %llu, violations %llu, bytes lost %llu\n",
+        "disk_full: phases %llu of %llu, volumes %llu, writes %llu, clean write failures %llu, "
+        "adopted files %llu, partial files adopted %llu, violations %llu, hangs %llu, bytes lost "
+        "%llu\n",
+        (unsigned long long)t.phasesDone, (unsigned long long)t.phasesPlanned,
         (unsigned long long)t.volumes, (unsigned long long)t.written, (unsigned long long)t.failed,
         (unsigned long long)t.adopted, (unsigned long long)t.partialAdopted,
-        (unsigned long long)t.violations, (unsigned long long)t.bytesLost);
-    return t.violations == 0 ? 0 : 1;
+        (unsigned long long)t.violations, (unsigned long long)t.hangs,
+        (unsigned long long)t.bytesLost);
+    return t.violations == 0 && t.hangs == 0 && covered ? 0 : 1;
   };
   if (::geteuid() != 0) {
     std::printf("disk_full: skipped: not running as root (mounting test volumes needs it)\n");
@@ -480,12 +517,21 @@ int main(int argc, char** argv) {
     ::_exit(jx::stress::WriteAll(fds[1], &t, sizeof t) ? code : 3);
   }
   ::close(fds[1]);
+  jx::stress::HardBound::Phase("waiting for the child in its own mount namespace", pid);
   Totals t;
-  const bool got = jx::stress::ReadAll(fds[0], &t, sizeof t);
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  if (!got || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    std::fprintf(stderr, "VIOLATION: the namespace child failed (status %d)\n", status);
+  // Its phases are bounded one by one; this bounds the lot, short of the hard bound.
+  const double limit = jx::stress::HardSeconds(gOptions) - 15.0;
+  const bool got = jx::stress::ReadAllWithin(fds[0], &t, sizeof t, limit);
+  const jx::stress::ChildEnd end =
+      jx::stress::WaitChild("disk_full", pid, got ? 10.0 : 1.0, "the mount namespace's phases");
+  jx::stress::HardBound::Phase("cleaning up");
+  if (end.hung || !got) {
+    if (!end.hung) std::fprintf(stderr, "disk_full: HANG: the namespace child sent no totals\n");
+    t = Totals{};
+    ++t.hangs;
+    ++t.violations;
+  } else if (!end.Exited()) {
+    std::fprintf(stderr, "VIOLATION: the namespace child failed (status %d)\n", end.status);
     ++t.violations;
   }
   std::error_code ec;

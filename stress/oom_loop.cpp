@@ -23,7 +23,9 @@
 // payload and no computed value may be left alive; the AddressSanitizer build checks for leaks.
 //
 // Bounds: --ops caps N per operation and allocator, --seconds the whole run; an operation cut
-// short by either is reported, not counted as a violation.
+// short by either is reported, not counted as a violation, but a run that took fewer than its
+// floor of the operations to a clean success covered too little and fails. A watchdog aborts
+// the run when it stops making progress (a refusal that leaves a lock held must fail, not hang).
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -280,8 +282,12 @@ const char* Name(Allocator a) { return a == Allocator::kOperatorNew ? "operator 
 
 class Loop {
  public:
-  Loop(std::string folder, const jx::stress::Options& o)
-      : folder_(std::move(folder)), maxN_(o.ops), deadline_(o.seconds) {}
+  Loop(std::string folder, const jx::stress::Options& o, jx::stress::Watchdog& watchdog, int slot)
+      : folder_(std::move(folder)),
+        maxN_(o.ops),
+        deadline_(o.seconds),
+        watchdog_(watchdog),
+        slot_(slot) {}
 
   State Snapshot() const {
     // Queued writes and check-outs settle before the counts are taken.
@@ -319,6 +325,7 @@ class Loop {
            bool refusalMayDropDiskCopy = false) {
     for (Allocator a : {Allocator::kOperatorNew, Allocator::kHost}) {
       if (a == Allocator::kOperatorNew && !JX_OOM_OWN_OPERATOR_NEW) continue;
+      ++operations;
       bool haveClean = false;
       State cleanBefore, cleanAfter;
       std::vector<std::pair<State, State>> absorbed;
@@ -330,6 +337,7 @@ class Loop {
           ++cutShort;
           break;
         }
+        watchdog_.Beat(slot_, name, n);
         prepare();
         const State before = Snapshot();
         Arm(a, n);
@@ -394,6 +402,7 @@ class Loop {
         }
       }
       if (haveClean) {
+        ++cleanOperations;
         std::printf("oom_loop: %-12s %-12s every allocation refused once: clean at N = %llu\n",
                     name, Name(a), static_cast<unsigned long long>(n));
       }
@@ -410,6 +419,8 @@ class Loop {
   }
 
   uint64_t points = 0, injected = 0, absorbedCount = 0, cutShort = 0;
+  // Operation and allocator pairs run, and those taken to a clean success.
+  uint64_t operations = 0, cleanOperations = 0;
 
  private:
   static void Arm(Allocator a, uint64_t n) {
@@ -441,6 +452,8 @@ class Loop {
   std::string folder_;
   uint64_t maxN_;
   jx::stress::Deadline deadline_;
+  jx::stress::Watchdog& watchdog_;
+  int slot_;
 };
 
 // True once the writer has finished with every queued entry (bounded wait).
@@ -458,6 +471,11 @@ bool Drained() {
 
 int main(int argc, char** argv) {
   auto o = jx::stress::ParseOptions(argc, argv, "oom_loop", 100000);
+  // Every operation is small: cut short, it was not covered at all. The sanitizer builds take
+  // them all to a clean success well within their time bound.
+  constexpr double kFloorPercent = 100;
+  jx::stress::Watchdog watchdog("oom_loop", jx::stress::kStallSeconds, jx::stress::HardSeconds(o));
+  const int mainSlot = watchdog.Add("main");
   auto& host = jx::StandaloneHost::Instance();
   host.SetEchoReports(false);
   char pattern[] = "/tmp/oom_loop.XXXXXX";
@@ -467,7 +485,7 @@ int main(int argc, char** argv) {
   }
   const std::string folder = std::string(pattern) + "/cache";
   fs::create_directory(folder);
-  Loop loop(folder, o);
+  Loop loop(folder, o, watchdog, mainSlot);
   if (!JX_OOM_OWN_OPERATOR_NEW) {
     std::printf(
         "oom_loop: operator new belongs to the sanitizer runtime here: only the host's "
@@ -685,6 +703,7 @@ int main(int argc, char** argv) {
     suite->ClassUnregister(kClass);
   }
 
+  watchdog.Beat(mainSlot, "the checks at rest and shutting down");
   const State atRest = loop.Snapshot();
   gViolations.Check(atRest.checkedOut == 0 && atRest.items == atRest.directory,
                     "checked-out bytes or a directory mismatch at rest");
@@ -695,13 +714,18 @@ int main(int argc, char** argv) {
   JX_Death();
   const int64_t leaks = gLivePayloads.load() + gLiveValues.load();
   gViolations.Check(leaks == 0, "payloads or values alive after shut-down");
+  watchdog.Done(mainSlot);
   std::error_code ec;
   fs::remove_all(pattern, ec);
+  const bool covered =
+      jx::stress::CoverageMet("oom_loop", "operations taken to a clean success",
+                              loop.cleanOperations, loop.operations, kFloorPercent);
   std::printf(
-      "oom_loop: points %llu, allocation failures injected %llu (absorbed %llu), operations cut "
-      "short %llu, violations %llu, leaks %lld\n",
+      "oom_loop: operations %llu of %llu clean, points %llu, allocation failures injected %llu "
+      "(absorbed %llu), operations cut short %llu, violations %llu, hangs 0, leaks %lld\n",
+      (unsigned long long)loop.cleanOperations, (unsigned long long)loop.operations,
       (unsigned long long)loop.points, (unsigned long long)loop.injected,
       (unsigned long long)loop.absorbedCount, (unsigned long long)loop.cutShort,
       (unsigned long long)gViolations.Count(), (long long)leaks);
-  return gViolations.Count() == 0 ? 0 : 1;
+  return gViolations.Count() == 0 && covered ? 0 : 1;
 }

@@ -6,9 +6,17 @@
 //
 // Invariants: at most one writer and no reader beside it; no checked-out payload is purged;
 // ConvertToWriteable on a held read check-out is refused only because another reader holds the
-// item too; at rest every item accounts exactly its payload's size, the bag's sizes equal the sum
-// of its items, nothing is checked out, the recency order and the directory hold the same items;
-// after shut-down no payload is left alive.
+// item too; at rest every item accounts exactly its payload's size and holds its key's bytes, the
+// bag's sizes equal the sum of its items, nothing is checked out, the recency order and the
+// directory hold the same items; after shut-down no payload is left alive.
+//
+// The purging thread empties the bag now and then, so when the workers stop it may hold nothing
+// at all: before the checks at rest every key is checked out once more (rendered where it is
+// missing), so that the checks see the items the run left plus one per key, never an empty bag.
+//
+// A watchdog aborts the run when a thread makes no progress (a deadlock must fail, not hang). The
+// time bound may cut the run short, but a run that did less than its floor of the planned
+// operations fails.
 #include <random>
 #include <thread>
 #include <vector>
@@ -89,7 +97,11 @@ class Run {
     for (uint32_t k = 0; k < kKeys; ++k) keys_.push_back(Guid::CreateUnique());
   }
 
-  void Worker(int index) {
+  uint64_t PlannedOps() const {
+    return o_.ops / static_cast<uint64_t>(o_.threads) * static_cast<uint64_t>(o_.threads);
+  }
+
+  void Worker(int index, jx::stress::Watchdog& watchdog, int slot) {
     std::mt19937_64 rng(o_.seed * 1000003 + static_cast<uint64_t>(index));
     jx::stress::Deadline deadline(o_.seconds);
     const uint64_t perThread = o_.ops / static_cast<uint64_t>(o_.threads);
@@ -97,18 +109,50 @@ class Run {
       const uint32_t key = static_cast<uint32_t>(rng() % kKeys);
       const int op = static_cast<int>(rng() % 100);
       if (op < 45) {
+        watchdog.Beat(slot, "a read check-out", i);
         Read(key, rng, false);
       } else if (op < 65) {
+        watchdog.Beat(slot, "a writeable check-out", i);
         Write(key, rng);
       } else if (op < 80) {
+        watchdog.Beat(slot, "a read check-out converted to writeable", i);
         Read(key, rng, true);
       } else if (op < 85) {
+        watchdog.Beat(slot, "a purge", i);
         Purge(rng);
       } else {
+        watchdog.Beat(slot, "a read check-out", i);
         Read(key, rng, false);
       }
       figures.ops.fetch_add(1);
     }
+    watchdog.Done(slot);
+  }
+
+  // Every key checked out once more, rendered where the run left it missing, and its payload
+  // verified: the checks at rest then see at least one item per key.
+  void FillEveryKey() {
+    std::mt19937_64 rng(o_.seed);
+    for (uint32_t key = 0; key < kKeys; ++key) {
+      JX_ScCheckout handle;
+      const int res = handle.FindAndCheckout(Request(key), cf::kReadOnly | cf::kCreatePending);
+      if (res == kJX_CreatedPending) {
+        JX_ScStuffSetter setter(handle.GetStuffPtr());
+        handle.GetStuffPtr()->SetStuffDataFromPendingRender(StressPayload::Make(key, 0), 0.001);
+        figures.renders.fetch_add(1);
+      } else if (res == kJX_CheckedOut) {
+        Hold(handle, key, false);
+      } else {
+        violations.Report("a key could not be checked out at rest");
+      }
+    }
+  }
+
+  // The key index of a GUID, or kKeys for a GUID that is none of the run's keys.
+  uint32_t KeyOf(const Guid& guid) const {
+    uint32_t k = 0;
+    while (k < kKeys && keys_[k] != guid) ++k;
+    return k;
   }
 
   IntrusivePtr<JX_Stuff> Request(uint32_t key) {
@@ -213,12 +257,14 @@ class Run {
 
   // A purging thread of its own, as a host's memory-pressure thread would be: purges until the
   // workers are done, racing their check-outs the whole time.
-  void Purger() {
+  void Purger(jx::stress::Watchdog& watchdog, int slot) {
     std::mt19937_64 rng(o_.seed * 1000003 + 999);
-    while (!workersDone.load(std::memory_order_acquire)) {
+    for (uint64_t i = 0; !workersDone.load(std::memory_order_acquire); ++i) {
+      watchdog.Beat(slot, "a purge", i);
       Purge(rng);
       std::this_thread::yield();
     }
+    watchdog.Done(slot);
   }
 
   void Purge(std::mt19937_64& rng) {
@@ -245,6 +291,13 @@ class Run {
 
 int main(int argc, char** argv) {
   auto o = jx::stress::ParseOptions(argc, argv, "stress_checkout", 1000000);
+  if (o.threads < 1) o.threads = 1;
+  // Under ThreadSanitizer, beside another program, a run does three quarters of its plan or more in
+  // its time bound; less than a tenth means something slowed it down far beyond that.
+  constexpr double kFloorPercent = 10;
+  jx::stress::Watchdog watchdog("stress_checkout", jx::stress::kStallSeconds,
+                                jx::stress::HardSeconds(o));
+  const int mainSlot = watchdog.Add("main");
   auto& host = jx::StandaloneHost::Instance();
   host.SetEchoReports(false);
   host.SetMemoryLimit(16 * 1024);  // a floor of 1.6 KB: purges reach most items
@@ -252,22 +305,40 @@ int main(int argc, char** argv) {
   auto bag = JX_GlobalBag();
   Run run(o, bag);
   std::vector<std::thread> threads;
-  for (int t = 0; t < o.threads; ++t) threads.emplace_back([&run, t] { run.Worker(t); });
-  std::thread purger([&run] { run.Purger(); });
+  for (int t = 0; t < o.threads; ++t) {
+    const int slot = watchdog.Add(("worker " + std::to_string(t)).c_str());
+    threads.emplace_back([&run, &watchdog, t, slot] { run.Worker(t, watchdog, slot); });
+  }
+  const int purgerSlot = watchdog.Add("purger");
+  std::thread purger([&run, &watchdog, purgerSlot] { run.Purger(watchdog, purgerSlot); });
+  watchdog.Waiting(mainSlot, "joining the workers");
   for (auto& t : threads) t.join();
   run.workersDone.store(true, std::memory_order_release);
+  watchdog.Waiting(mainSlot, "joining the purger");
   purger.join();
 
-  // At rest: each item accounts what its payload really holds.
+  watchdog.Beat(mainSlot, "checking out every key at rest");
+  run.FillEveryKey();
+  // At rest: each item accounts what its payload really holds, and holds its key's bytes.
+  watchdog.Beat(mainSlot, "the checks at rest");
   long long sum = 0;
+  uint64_t restItems = 0, restPayloads = 0;
   for (const auto& item : bag->CopyMruItems()) {
+    ++restItems;
     sum += item->GetAccountedMemorySize();
     run.violations.Check(item->GetCheckoutCount() == 0, "item still checked out at rest");
     const auto data = item->GetDataPtr();
     run.violations.Check(
         item->GetAccountedMemorySize() == (data ? data->GetApproximateMemorySize() : 0u),
         "an item's accounted size is not its payload's size");
+    const auto* payload = dynamic_cast<const StressPayload*>(data.get());
+    if (payload && payload->IsInMemory()) {
+      ++restPayloads;
+      run.violations.Check(payload->Verify(run.KeyOf(item->GetGuid())),
+                           "a payload at rest does not hold its key's bytes");
+    }
   }
+  run.violations.Check(restPayloads > 0, "the checks at rest saw no payload");
   run.violations.Check(bag->GetInMemoryCacheSizeInBytes_LockFree() == sum,
                        "in-memory total differs from the sum of the items");
   run.violations.Check(bag->GetCheckedOutMemoryCacheSizeInBytes() == 0, "checked-out size at rest");
@@ -275,22 +346,26 @@ int main(int argc, char** argv) {
                        "recency order and directory differ");
   run.violations.Check(JX_GetStuffCounters().itemsCheckedOut.load() == 0,
                        "items-checked-out counter at rest");
-  const int itemsAtRest = bag->GetNumItems();
+  watchdog.Beat(mainSlot, "shutting down");
   bag.reset();
   JX_StopAllAsyncWork();
   JX_Death();
   const int64_t leftover = gLivePayloads.load();
   run.violations.Check(leftover == 0, "payloads alive after shut-down");
+  watchdog.Done(mainSlot);
 
   auto& f = run.figures;
+  const bool covered = jx::stress::CoverageMet("stress_checkout", "operations", f.ops.load(),
+                                               run.PlannedOps(), kFloorPercent);
   std::printf(
-      "stress_checkout: ops %llu (reads %llu, writes %llu, renders %llu, abandoned %llu, guid "
-      "changes %llu, conversions %llu/%llu refused, purges %llu), items at rest %d, "
-      "violations %llu, payloads lost or leaked %lld\n",
-      (unsigned long long)f.ops, (unsigned long long)f.reads, (unsigned long long)f.writes,
-      (unsigned long long)f.renders, (unsigned long long)f.abandoned,
+      "stress_checkout: ops %llu of %llu (reads %llu, writes %llu, renders %llu, abandoned %llu, "
+      "guid changes %llu, conversions %llu/%llu refused, purges %llu), items at rest %llu (with "
+      "payload %llu), violations %llu, hangs 0, payloads lost or leaked %lld\n",
+      (unsigned long long)f.ops, (unsigned long long)run.PlannedOps(), (unsigned long long)f.reads,
+      (unsigned long long)f.writes, (unsigned long long)f.renders, (unsigned long long)f.abandoned,
       (unsigned long long)f.guidChanges, (unsigned long long)f.conversions,
-      (unsigned long long)f.conversionRefusals, (unsigned long long)f.purges, itemsAtRest,
+      (unsigned long long)f.conversionRefusals, (unsigned long long)f.purges,
+      (unsigned long long)restItems, (unsigned long long)restPayloads,
       (unsigned long long)run.violations.Count(), (long long)leftover);
-  return run.violations.Count() == 0 ? 0 : 1;
+  return run.violations.Count() == 0 && covered ? 0 : 1;
 }

@@ -9,6 +9,10 @@
 // or the failing compute's own; every value the plug-in created is deleted exactly once, the
 // last of them by shut-down. Values are never freed during the run (only flagged deleted), so
 // that a second delete is caught instead of touching freed memory.
+//
+// A watchdog aborts the run when a thread makes no progress (a waiter never woken must fail, not
+// hang). The time bound may cut the run short, but a run below its floor of the planned
+// operations fails.
 #include <memory>
 #include <mutex>
 #include <random>
@@ -121,11 +125,13 @@ struct Figures {
   std::atomic<uint64_t> ops{0}, hits{0}, notAvailable{0}, badParameter{0}, ownFailures{0};
 };
 
-void Worker(const jx::stress::Options& o, int index, Figures& f) {
+void Worker(const jx::stress::Options& o, int index, Figures& f, jx::stress::Watchdog& watchdog,
+            int slot) {
   std::mt19937_64 rng(o.seed * 1000003 + static_cast<uint64_t>(index));
   jx::stress::Deadline deadline(o.seconds);
   const uint64_t perThread = o.ops / static_cast<uint64_t>(o.threads);
   for (uint64_t i = 0; i < perThread && !deadline.Passed(); ++i) {
+    watchdog.Beat(slot, "asking for a value", i);
     const bool classB = rng() % 2;
     Request r;
     r.classId = classB ? kClassB : kClassA;
@@ -169,6 +175,7 @@ void Worker(const jx::stress::Options& o, int index, Figures& f) {
     }
     gViolations.Check(gSuite->CheckinReceipt(receipt) == 0, "check-in refused");
   }
+  watchdog.Done(slot);
 }
 
 }  // namespace
@@ -176,6 +183,12 @@ void Worker(const jx::stress::Options& o, int index, Figures& f) {
 int main(int argc, char** argv) {
   auto o = jx::stress::ParseOptions(argc, argv, "stress_compute", 700000);
   if (o.threads < 1) o.threads = 1;
+  // Under ThreadSanitizer, beside another program, a run does three quarters of its plan or more in
+  // its time bound; less than a tenth means something slowed it down far beyond that.
+  constexpr double kFloorPercent = 10;
+  jx::stress::Watchdog watchdog("stress_compute", jx::stress::kStallSeconds,
+                                jx::stress::HardSeconds(o));
+  const int mainSlot = watchdog.Add("main");
   auto& host = jx::StandaloneHost::Instance();
   host.SetEchoReports(false);
   host.SetMemoryLimit(2'000'000);  // room for a few hundred values: purges free some
@@ -194,9 +207,11 @@ int main(int argc, char** argv) {
   Figures f;
   std::atomic<bool> workersDone{false};
   std::atomic<uint64_t> purges{0};
+  const int purgerSlot = watchdog.Add("purger");
   std::thread purger([&] {
     std::mt19937_64 rng(o.seed + 7);
-    while (!workersDone.load()) {
+    for (uint64_t i = 0; !workersDone.load(); ++i) {
+      watchdog.Beat(purgerSlot, "a purge", i);
       if (rng() % 2) {
         jx::PurgeOverBudget(*bag, 200'000);
       } else {
@@ -205,12 +220,19 @@ int main(int argc, char** argv) {
       purges.fetch_add(1);
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
+    watchdog.Done(purgerSlot);
   });
   std::vector<std::thread> workers;
-  for (int t = 0; t < o.threads; ++t) workers.emplace_back(Worker, std::cref(o), t, std::ref(f));
+  for (int t = 0; t < o.threads; ++t) {
+    const int slot = watchdog.Add(("worker " + std::to_string(t)).c_str());
+    workers.emplace_back(Worker, std::cref(o), t, std::ref(f), std::ref(watchdog), slot);
+  }
+  watchdog.Waiting(mainSlot, "joining the workers");
   for (auto& w : workers) w.join();
   workersDone = true;
+  watchdog.Waiting(mainSlot, "joining the purger");
   purger.join();
+  watchdog.Beat(mainSlot, "the checks at rest and shutting down");
 
   gViolations.Check(bag->GetCheckedOutMemoryCacheSizeInBytes() == 0, "checked-out bytes at rest");
   for (const auto& n : gPlugin.inFlight) gViolations.Check(n.load() == 0, "a compute left open");
@@ -219,6 +241,7 @@ int main(int argc, char** argv) {
   bag.reset();
   JX_StopAllAsyncWork();
   JX_Death();
+  watchdog.Done(mainSlot);
 
   uint64_t lost = 0;
   {
@@ -230,12 +253,15 @@ int main(int argc, char** argv) {
                     "values created and deleted differ");
   gViolations.Check(gPlugin.computes.load() == gPlugin.creates.load() + gPlugin.failedComputes,
                     "a compute neither created a value nor failed");
+  const uint64_t planned = o.ops / static_cast<uint64_t>(o.threads) * o.threads;
+  const bool covered =
+      jx::stress::CoverageMet("stress_compute", "operations", f.ops.load(), planned, kFloorPercent);
   std::printf(
-      "stress_compute: ops %llu, computes %llu, failed computes %llu, hits %llu, values created "
-      "%llu deleted %llu, violations %llu, values lost %llu\n",
-      (unsigned long long)f.ops, (unsigned long long)gPlugin.computes,
+      "stress_compute: ops %llu of %llu, computes %llu, failed computes %llu, hits %llu, values "
+      "created %llu deleted %llu, violations %llu, hangs 0, values lost %llu\n",
+      (unsigned long long)f.ops, (unsigned long long)planned, (unsigned long long)gPlugin.computes,
       (unsigned long long)gPlugin.failedComputes, (unsigned long long)f.hits,
       (unsigned long long)gPlugin.creates, (unsigned long long)gPlugin.deletes,
       (unsigned long long)gViolations.Count(), (unsigned long long)lost);
-  return gViolations.Count() == 0 ? 0 : 1;
+  return gViolations.Count() == 0 && covered ? 0 : 1;
 }

@@ -4,6 +4,9 @@
 // never block on the render: they get the pending item back as it stands. At the end every
 // round that was not abandoned still finds its payload under its key; a round's payload that
 // did not reach a waiter or cannot be found at the end counts as an item lost.
+//
+// A watchdog aborts the run when a thread makes no progress (a waiter never released must fail,
+// not hang). The time bound may cut the rounds short, but fewer than the floor fail the run.
 #include <barrier>
 #include <random>
 #include <thread>
@@ -44,6 +47,12 @@ constexpr auto kPromptly = std::chrono::seconds(2);
 int main(int argc, char** argv) {
   auto o = jx::stress::ParseOptions(argc, argv, "stress_pending", 3000);
   if (o.threads < 2) o.threads = 2;
+  // Under ThreadSanitizer, beside another program, a run does three quarters of its rounds or more
+  // in its time bound; less than a tenth means something slowed it down far beyond that.
+  constexpr double kFloorPercent = 10;
+  jx::stress::Watchdog watchdog("stress_pending", jx::stress::kStallSeconds,
+                                jx::stress::HardSeconds(o));
+  const int mainSlot = watchdog.Add("main");
   jx::StandaloneHost::Instance().SetEchoReports(false);
   JX_Birth(false, 1, false);
   auto bag = JX_GlobalBag();
@@ -99,10 +108,13 @@ int main(int argc, char** argv) {
 
   std::vector<std::thread> threads;
   for (int t = 0; t < o.threads; ++t) {
-    threads.emplace_back([&, t] {
+    const int slot = watchdog.Add(("thread " + std::to_string(t)).c_str());
+    threads.emplace_back([&, t, slot] {
       for (uint64_t r = 0; r < rounds; ++r) {
+        watchdog.Beat(slot, "waiting for the round's other threads", r);
         sync.arrive_and_wait();
         if (stop.load()) break;
+        watchdog.Beat(slot, "asking for the round's key", r);
         const bool holdsHostLock = t == 1 && r % 3 == 0;
         auto request = JX_Stuff::CreateNew({}, 0.0);
         request->SetGuid(keys[r]);
@@ -133,6 +145,7 @@ int main(int argc, char** argv) {
               handle.FindAndCheckout(request, cf::kReadOnly | cf::kCreatePending | cf::kWaitAlways);
         }
         if (res == kJX_CreatedPending) {
+          watchdog.Beat(slot, "rendering the round's key", r);
           creators.fetch_add(1);
           std::this_thread::sleep_for(kRenderTime);
           if (r % 3 == 0 && t != 1) {
@@ -165,9 +178,12 @@ int main(int argc, char** argv) {
         }
       }
       sync.arrive_and_drop();
+      watchdog.Done(slot);
     });
   }
+  watchdog.Waiting(mainSlot, "joining the threads");
   for (auto& t : threads) t.join();
+  watchdog.Beat(mainSlot, "the checks at the end");
   violations.Check(blockedHostLockThreads.load() == 0, "a host-lock holder waited for a render");
   violations.Check(slowWaiters.load() == 0, "a waiter came back late");
   violations.Check(bag->GetCheckedOutMemoryCacheSizeInBytes() == 0, "checked-out bytes at rest");
@@ -189,14 +205,18 @@ int main(int argc, char** argv) {
       itemsLost.fetch_add(1);
     }
   }
+  watchdog.Beat(mainSlot, "shutting down");
   bag.reset();
   JX_StopAllAsyncWork();
   JX_Death();
+  watchdog.Done(mainSlot);
+  const bool covered =
+      jx::stress::CoverageMet("stress_pending", "rounds", done, rounds, kFloorPercent);
   std::printf(
-      "stress_pending: rounds %llu (abandoned %llu), threads %d, host-lock holders not blocked "
-      "%d, violations %llu, items lost %llu\n",
-      (unsigned long long)done, (unsigned long long)abandonedRounds.load(), o.threads,
-      hostLockNotBlocked.load(), (unsigned long long)violations.Count(),
-      (unsigned long long)itemsLost.load());
-  return violations.Count() == 0 ? 0 : 1;
+      "stress_pending: rounds %llu of %llu (abandoned %llu), threads %d, host-lock holders not "
+      "blocked %d, violations %llu, hangs 0, items lost %llu\n",
+      (unsigned long long)done, (unsigned long long)rounds,
+      (unsigned long long)abandonedRounds.load(), o.threads, hostLockNotBlocked.load(),
+      (unsigned long long)violations.Count(), (unsigned long long)itemsLost.load());
+  return violations.Count() == 0 && covered ? 0 : 1;
 }
