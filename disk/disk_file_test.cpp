@@ -2,9 +2,15 @@
 // every failure leaves behind (nothing partial, exact size counters, a cache that still works).
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <utility>
 
 #include "disk/cache_file_name.h"
@@ -304,6 +310,36 @@ TEST_F(DiskFileTest, AWriteAfterDiskCachingWentOffWritesNothingAnywhere) {
   EXPECT_EQ(counters_.failedWrites, failed);
   EXPECT_EQ(counters_.writesSkipped, skipped + 1);
   EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
+}
+
+}  // namespace
+
+namespace {
+
+// A FIFO named like the item's cache file (left by a tool, or planted): reading one blocks until
+// a writer comes. It is never adopted, never written over, and a read of one fails at once.
+TEST_F(DiskFileTest, AFifoWhereACacheFileBelongsIsNeitherAdoptedNorWaitedFor) {
+  auto item = AddItem();
+  const File fifo(dir_, NameFor(item->GetGuid()));
+  ASSERT_EQ(::mkfifo(fifo.GetPath().c_str(), 0600), 0);
+  auto outcome = std::async(std::launch::async, [&] {
+    item->PrepAndWrite(bag_);  // adopts what stands at its name before writing
+    EXPECT_FALSE(item->HasDiskCacheFile()) << "adopted a FIFO";
+    JX_ScanOneDiskCacheFile(fifo);
+    EXPECT_EQ(bag_->GetNumItems(), 1) << "the scan adopted a FIFO";
+    // Linked to it anyway (an older process adopted it, say): the read fails, it never waits.
+    auto onDiskOnly = AddItem();
+    onDiskOnly->SetDiskCacheFile(fifo, false);
+    Purge(onDiskOnly);
+    const uint32_t failedReads = counters_.failedReads;
+    EXPECT_THROW(onDiskOnly->EnsureInMemory(), int);
+    EXPECT_EQ(counters_.failedReads, failedReads + 1);
+  });
+  if (outcome.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
+    std::fprintf(stderr, "HANG: a read or write waited on a FIFO\n");
+    std::_Exit(3);
+  }
+  outcome.get();
 }
 
 }  // namespace

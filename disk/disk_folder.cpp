@@ -72,9 +72,10 @@ void ReadAdditionalSettings() {
 bool MakeWritableFolder(const Dir& dir) {
   try {
     if (!FileUtils::EnsureDirectoryExists(dir.GetPath())) return false;
-    File probe = dir.GetFile(".write-probe-" + zelcore::utility::Guid::CreateUnique().AsString());
-    probe.Create();
-    probe.Delete();
+    // Named as a temporary file is (and deleted with it when uncommitted): a process killed in
+    // between leaves a file that the clean-up of leftover temporaries takes away.
+    zelcore::filesupport::SafeSave probe(dir.GetFile(".write-probe"));
+    probe.GetTempFile().Create();
     return true;
   } catch (...) {
     Y_TranslateAndReportException();

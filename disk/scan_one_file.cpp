@@ -59,7 +59,8 @@ void JX_ScanOneDiskCacheFile(const File& file) {
 void JX_Bag::ScanOneDiskCacheFile(const File& file) {
   try {
     Y::ScQuietErrors quiet;
-    if (!file.Exists()) return;
+    // Only a regular file can be a cache file: reading a FIFO named like one would block.
+    if (!file.IsRegularFile()) return;
     zelcore::utility::Guid guid;
     auto payload = PayloadForFile(file, GetAppVersion(), &guid);
     if (!payload) return;

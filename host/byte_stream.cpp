@@ -190,14 +190,17 @@ void OPlatformByteStream::Close() {
 
 IPlatformByteStream::IPlatformByteStream(const File& file) : path_(file.GetPath()) {
   CheckInjected(FileOp::kOpen, path_);
-  fd_ = OpenWithRetry(path_, O_RDONLY);
+  // Without blocking: a FIFO put where a file was expected would wait for a writer forever.
+  fd_ = OpenWithRetry(path_, O_RDONLY | O_NONBLOCK);
   if (fd_ < 0) ThrowFileError(errno, FileOp::kOpen, path_);
   struct stat st {};
-  if (::fstat(fd_, &st) != 0) {
-    const int err = errno;
+  int err = ::fstat(fd_, &st) == 0 ? 0 : errno;
+  if (err == 0 && !S_ISREG(st.st_mode)) err = EINVAL;  // a FIFO, device or socket
+  if (err == 0 && ::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) & ~O_NONBLOCK) != 0) err = errno;
+  if (err != 0) {
     ::close(fd_);
     fd_ = -1;
-    ThrowFileError(err, FileOp::kSize, path_);
+    throw FileError(err, "open " + path_ + (err == EINVAL ? ": not a regular file" : ""));
   }
   openedSize_ = static_cast<uint64_t>(st.st_size);
 }

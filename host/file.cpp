@@ -136,6 +136,11 @@ bool File::Exists() const {
   return ::stat(path_.c_str(), &st) == 0 && !S_ISDIR(st.st_mode);
 }
 
+bool File::IsRegularFile() const {
+  struct stat st {};
+  return ::stat(path_.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
 void File::Create() const {
   CheckInjected(FileOp::kCreate, path_);
   int fd;

@@ -38,6 +38,9 @@ class File {
   Dir GetParent() const;
 
   bool Exists() const;
+  // Exists and is a regular file (not a FIFO, socket or device, whose reads may block or never
+  // end). Follows symbolic links.
+  bool IsRegularFile() const;
   // Creates the file empty; throws FileError with EEXIST when it already exists.
   void Create() const;
   // Removes the file; throws FileError (FileNotFoundError when absent).

@@ -288,7 +288,7 @@ std::set<Guid> ScanAndCheck(JX_Bag& bag, Findings& f,
 
 struct Totals {
   uint64_t rounds = 0, kills = 0, leftoverTemps = 0, adopted = 0, partialAdopted = 0,
-           tempAdopted = 0, notAdopted = 0, rewrites = 0, bytesLost = 0, probesLeft = 0;
+           tempAdopted = 0, notAdopted = 0, rewrites = 0, bytesLost = 0;
   std::array<uint64_t, zelcore::filesupport::kCrashPointCount> pointHits{};
   uint64_t sharedRounds = 0, threeRounds = 0;
   Findings three;  // the three processes' figures, added up
@@ -316,9 +316,9 @@ std::string TargetOfTemp(const std::string& temp) {
   return target;
 }
 
-// What a kill left in the folder: whole cache files, temporaries (whose names never end like a
-// cache file's), and the empty probe a start-up makes to see that the folder takes files. Returns
-// the temporaries.
+// What a kill left in the folder: whole cache files and temporaries (whose names never end like
+// a cache file's; the empty probe a start-up makes to see that the folder takes files is one).
+// Returns the temporaries.
 std::set<std::string> InspectFolder(const Dir& dir, Totals& t, jx::stress::Violations& v) {
   std::set<std::string> temps;
   for (const std::string& name : dir.ListNames()) {
@@ -330,9 +330,6 @@ std::set<std::string> InspectFolder(const Dir& dir, Totals& t, jx::stress::Viola
         v.Report("a partial cache file in the folder");
         t.bytesLost += PromisedSize(name);
       }
-    } else if (name.rfind(".write-probe-", 0) == 0) {
-      ++t.probesLeft;  // killed between the start-up probe's creation and its deletion
-      std::remove(dir.GetFile(name).GetPath().c_str());
     } else {
       std::fprintf(stderr, "crash_kill9: unexpected file %s\n", name.c_str());
       v.Report("a file that is neither a cache file nor a temporary");
@@ -757,10 +754,6 @@ int main(int argc, char** argv) {
   jx::stress::HardBound::Phase("cleaning up");
   std::error_code ec;
   std::filesystem::remove_all(base, ec);
-  if (totals.probesLeft > 0) {
-    std::printf("crash_kill9: %llu start-up probe files left by kills during start-up\n",
-                (unsigned long long)totals.probesLeft);
-  }
   std::string hits;
   for (int p = 0; p < zelcore::filesupport::kCrashPointCount; ++p) {
     hits += std::string(hits.empty() ? "" : ", ") +
