@@ -1,6 +1,7 @@
 // The process-wide adapter behind the calls the rest of the library makes.
 #include "mediamap/media_map_hooks.h"
 
+#include <atomic>
 #include <mutex>
 
 #include "host/media_manager.h"
@@ -10,30 +11,30 @@
 
 namespace {
 
-// Guards the adapter handle. Taken briefly to copy the handle, and by shut-down for the whole
-// tear-down; the adapter's own mutex and the manager's nest inside it, never the reverse.
+// Taken by start-up and shut-down for the whole replacement or tear-down of the adapter, which
+// calls the host's media manager under it. Nothing else takes it: the adapter is read through
+// an atomic handle, because a host may call its purges back under a lock of its own that
+// UnregisterMediaMap also takes, and a purge frees an item through the adapter.
 zelcore::threads::RecursiveMutex& MediaMapLock() {
   static auto* mutex = new zelcore::threads::RecursiveMutex();
   return *mutex;
 }
-std::shared_ptr<kq::JX_MediaMapImpl> gAdapter;  // guarded by MediaMapLock()
+std::atomic<std::shared_ptr<kq::JX_MediaMapImpl>> gAdapter;  // changed under MediaMapLock()
 
 // Flushes the adapter, unregisters it from the manager and drops the handle. Caller holds
 // MediaMapLock().
 void TearDownAdapterLocked() {
-  if (!gAdapter) return;
-  gAdapter->FlushAll();
-  RV::GetMediaManager()->UnregisterMediaMap(gAdapter->GetMediaMapID());
-  gAdapter.reset();
+  const std::shared_ptr<kq::JX_MediaMapImpl> adapter = gAdapter.load();
+  if (!adapter) return;
+  adapter->FlushAll();
+  RV::GetMediaManager()->UnregisterMediaMap(adapter->GetMediaMapID());
+  gAdapter.store(nullptr);
 }
 
 }  // namespace
 
 namespace jx::mediamap {
-std::shared_ptr<kq::JX_MediaMapImpl> CurrentAdapter() {
-  std::lock_guard<zelcore::threads::RecursiveMutex> lock(MediaMapLock());
-  return gAdapter;
-}
+std::shared_ptr<kq::JX_MediaMapImpl> CurrentAdapter() { return gAdapter.load(); }
 }  // namespace jx::mediamap
 
 bool JX_MediaMapAddOrUpdate(const zelcore::utility::IntrusivePtr<JX_Stuff>& stuff) {
@@ -61,7 +62,7 @@ void JX_MediaMapBirth() {
   jx::mediamap::ManagerOutbox::Deliver();
   std::lock_guard<zelcore::threads::RecursiveMutex> lock(MediaMapLock());
   TearDownAdapterLocked();  // a second start-up replaces the adapter
-  gAdapter = std::make_shared<kq::JX_MediaMapImpl>();
+  gAdapter.store(std::make_shared<kq::JX_MediaMapImpl>());
 }
 
 void JX_MediaMapDeath() {

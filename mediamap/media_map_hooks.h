@@ -2,9 +2,10 @@
 // and tear the adapter down. While the media map is not in use (jx::settings::UseMediaMap()
 // false) none of these is called, except the size queries, which then answer 0.
 //
-// Locks: the adapter handle sits under its own recursive media-map lock, held only to copy the
-// handle and, by JX_MediaMapDeath, for the whole tear-down. The order across the library is
-//   library lock (JXp_ScLock) -> item lock -> media-map lock -> adapter mutex -> outbox mutex
+// Locks: start-up and shut-down replace or tear the adapter down under the recursive media-map
+// lock; everyone else reads the adapter's handle atomically, without it. The order across the
+// library is
+//   library lock (JXp_ScLock) -> item lock -> adapter mutex -> outbox mutex
 // The bag may call these hooks holding the library lock and an item's lock. The host's media
 // manager is never called under any of them: the adapter posts its calls to an outbox that is
 // delivered once the library lock is let go (mediamap/manager_outbox.h), because a host may call
