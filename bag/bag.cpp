@@ -11,9 +11,9 @@
 #include "host/media_manager.h"
 #include "host/trace.h"
 #include "host/y_api.h"
-#include "lifecycle/failures.h"
-#include "lifecycle/lifecycle.h"
-#include "lifecycle/settings.h"
+#include "common/failures.h"
+#include "bag/global_bag.h"
+#include "common/settings.h"
 #include "mediamap/media_map_hooks.h"
 
 using zelcore::threads::ScopedReadLockWrapper;

@@ -10,7 +10,7 @@
 #include "host/config.h"
 #include "host/standalone_host.h"
 #include "items/sc_checkout.h"
-#include "lifecycle/failures.h"
+#include "common/failures.h"
 #include "testing/jx_test_support.h"
 
 namespace cf = jx::checkout_flags;

@@ -6,7 +6,7 @@
 #include "bag/sort_dir.h"
 #include "host/profiler.h"
 #include "host/y_api.h"
-#include "lifecycle/failures.h"
+#include "common/failures.h"
 
 namespace cf = jx::checkout_flags;
 

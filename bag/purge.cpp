@@ -10,7 +10,7 @@
 #include "host/standalone_host.h"
 #include "host/trace.h"
 #include "host/y_api.h"
-#include "lifecycle/settings.h"
+#include "common/settings.h"
 #include "mediamap/media_map_hooks.h"
 
 using zelcore::threads::ScopedReadLockWrapper;

@@ -16,7 +16,7 @@
 #include "host/media_manager.h"
 #include "host/standalone_host.h"
 #include "items/sc_checkout.h"
-#include "lifecycle/settings.h"
+#include "common/settings.h"
 #include "mediamap/media_map_hooks.h"
 #include "testing/jx_test_support.h"
 

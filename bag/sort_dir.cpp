@@ -9,8 +9,8 @@
 
 #include "bag/bag.h"
 #include "host/profiler.h"
-#include "lifecycle/failures.h"
-#include "lifecycle/lifecycle.h"
+#include "common/failures.h"
+#include "bag/global_bag.h"
 
 using zelcore::threads::ScopedReadLockWrapper;
 using zelcore::threads::ScopedWriteLockWrapper;

@@ -6,7 +6,7 @@ install(TARGETS jxcache EXPORT jxcacheTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # Headers only; test helpers stay in the source tree.
-foreach(dir host lifecycle items bag disk compute mediamap)
+foreach(dir host common lifecycle items bag disk compute mediamap)
   install(DIRECTORY ${dir}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/jxcache/${dir}
     FILES_MATCHING PATTERN "*.h" PATTERN "*_test_support.h" EXCLUDE PATTERN "testing" EXCLUDE)
 endforeach()

@@ -1,8 +1,8 @@
-#include "lifecycle/failures.h"
+#include "common/failures.h"
 
 #include "host/config.h"
 #include "host/y_api.h"
-#include "lifecycle/messages.h"
+#include "common/messages.h"
 
 namespace jx {
 namespace {

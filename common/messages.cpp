@@ -1,4 +1,4 @@
-#include "lifecycle/messages.h"
+#include "common/messages.h"
 
 #include "host/y_api.h"
 

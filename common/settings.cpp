@@ -1,4 +1,4 @@
-#include "lifecycle/settings.h"
+#include "common/settings.h"
 
 #include <atomic>
 

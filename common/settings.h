@@ -10,7 +10,7 @@
 
 #include "host/export.h"
 #include "host/guid.h"
-#include "items/jx_types.h"
+#include "common/jx_types.h"
 
 // Feature keys.
 inline constexpr const char* kJX_ImprovedDiskCacheFeature = "KQ.ImprovedDiskCacheBehavior";

@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "compute/compute_test_plugin.h"
+#include "compute/compute_test_support.h"
 #include "host/standalone_host.h"
 
 using jx::testing::ComputeSuiteTest;

@@ -15,7 +15,7 @@
 #include "host/murmur3.h"
 #include "host/y_api.h"
 #include "items/sc_checkout.h"
-#include "lifecycle/failures.h"
+#include "common/failures.h"
 
 namespace jx::compute {
 namespace {

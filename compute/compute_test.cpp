@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "compute/compute_core.h"
-#include "compute/compute_test_plugin.h"
+#include "compute/compute_test_support.h"
 #include "compute/compute_value.h"
 #include "host/standalone_host.h"
 #include "host/y_api.h"

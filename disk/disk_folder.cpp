@@ -24,9 +24,9 @@
 #include "host/text_encoding.h"
 #include "host/trace.h"
 #include "host/y_api.h"
-#include "lifecycle/lifecycle.h"
-#include "lifecycle/messages.h"
-#include "lifecycle/settings.h"
+#include "disk/disk_executor.h"
+#include "common/messages.h"
+#include "common/settings.h"
 
 using zelcore::filesupport::Dir;
 using zelcore::filesupport::File;

@@ -21,9 +21,10 @@
 #include "host/trace.h"
 #include "host/y_api.h"
 #include "items/sc_checkout.h"
-#include "lifecycle/failures.h"
-#include "lifecycle/lifecycle.h"
-#include "lifecycle/settings.h"
+#include "common/failures.h"
+#include "bag/global_bag.h"
+#include "disk/disk_executor.h"
+#include "common/settings.h"
 
 namespace cf = jx::checkout_flags;
 namespace ci = jx::checkin_flags;

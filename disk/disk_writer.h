@@ -25,6 +25,7 @@
 #include <chrono>
 #include <cstdint>
 
+#include "disk/disk_hooks.h"
 #include "host/export.h"
 
 namespace jx::disk {
@@ -47,8 +48,6 @@ uint64_t QueuedWriteCountReads();
 
 }  // namespace jx::disk
 
-// Writes queued and not yet started, both queues.
-JX_EXPORT uint32_t JX_GetQueuedDiskWriteCount();
 // A foreground read is about to happen: hold queued background writes back for a moment. Does
 // nothing when the improved disk behaviour is on (its writes come in even batches instead).
 JX_EXPORT void JX_DeprioritizeBackgroundWrites();

@@ -16,7 +16,7 @@
 #include "disk/performance_counters.h"
 #include "items/sc_checkout.h"
 #include "lifecycle/lifecycle.h"
-#include "lifecycle/settings.h"
+#include "common/settings.h"
 
 namespace cf = jx::checkout_flags;
 namespace ci = jx::checkin_flags;

@@ -4,7 +4,8 @@
 #include "disk/disk_counters.h"
 #include "disk/disk_speed.h"
 #include "items/stuff.h"
-#include "lifecycle/lifecycle.h"
+#include "bag/global_bag.h"
+#include "disk/disk_executor.h"
 
 JX_DiskPerformanceCounters JX_GetDiskPerformanceCounters() {
   const auto& c = jx::disk::GetCounters();

@@ -16,8 +16,8 @@
 #include "host/trace.h"
 #include "host/y_api.h"
 #include "items/stuff.h"
-#include "lifecycle/failures.h"
-#include "lifecycle/settings.h"
+#include "common/failures.h"
+#include "common/settings.h"
 
 using zelcore::filesupport::BufferedIByteStream;
 using zelcore::filesupport::File;

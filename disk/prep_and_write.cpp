@@ -22,9 +22,9 @@
 #include "host/trace.h"
 #include "host/y_api.h"
 #include "items/stuff.h"
-#include "lifecycle/failures.h"
-#include "lifecycle/lifecycle.h"
-#include "lifecycle/settings.h"
+#include "common/failures.h"
+#include "bag/global_bag.h"
+#include "common/settings.h"
 
 using zelcore::filesupport::File;
 using zelcore::filesupport::SafeSave;

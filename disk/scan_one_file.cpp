@@ -11,8 +11,8 @@
 #include "host/trace.h"
 #include "host/y_api.h"
 #include "items/sc_checkout.h"
-#include "lifecycle/failures.h"
-#include "lifecycle/lifecycle.h"
+#include "common/failures.h"
+#include "bag/global_bag.h"
 
 using zelcore::filesupport::File;
 using zelcore::utility::IntrusivePtr;

@@ -8,7 +8,7 @@
 #include "disk/performance_counters.h"
 #include "disk/write_policy.h"
 #include "host/debug_database.h"
-#include "lifecycle/settings.h"
+#include "common/settings.h"
 
 using jx::testing::ScQueueLengths;
 using jx::testing::TestPayload;

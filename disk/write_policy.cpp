@@ -12,8 +12,8 @@
 #include "disk/disk_writer.h"
 #include "host/trace.h"
 #include "items/stuff.h"
-#include "lifecycle/lifecycle.h"
-#include "lifecycle/settings.h"
+#include "disk/disk_executor.h"
+#include "common/settings.h"
 
 namespace ci = jx::checkin_flags;
 using zelcore::threads::ScopedReadLockWrapper;

@@ -11,7 +11,7 @@
 
 #include <cstdint>
 
-#include "items/jx_types.h"
+#include "common/jx_types.h"
 #include "items/stuff_data.h"
 
 namespace jx::disk {

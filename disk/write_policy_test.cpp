@@ -7,7 +7,7 @@
 #include "disk/disk_test_support.h"
 #include "disk/disk_writer.h"
 #include "disk/write_policy.h"
-#include "lifecycle/settings.h"
+#include "common/settings.h"
 
 using jx::disk::SpeedStatistics;
 using jx::testing::ScQueueLengths;

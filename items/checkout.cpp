@@ -11,8 +11,8 @@
 #include "host/trace.h"
 #include "host/y_api.h"
 #include "items/stuff.h"
-#include "lifecycle/failures.h"
-#include "lifecycle/settings.h"
+#include "common/failures.h"
+#include "common/settings.h"
 
 namespace cf = jx::checkout_flags;
 namespace ci = jx::checkin_flags;

@@ -6,7 +6,7 @@
 #include "bag/sort_dir.h"
 #include "host/standalone_host.h"
 #include "host/y_api.h"
-#include "lifecycle/failures.h"
+#include "common/failures.h"
 #include "testing/jx_test_support.h"
 
 namespace cf = jx::checkout_flags;

@@ -4,13 +4,13 @@
 
 #include "bag/bag.h"
 #include "bag/library_lock.h"
-#include "disk/disk_writer.h"
+#include "disk/disk_hooks.h"
 #include "host/config.h"
 #include "host/profiler.h"
 #include "host/trace.h"
 #include "host/y_api.h"
 #include "items/stuff.h"
-#include "lifecycle/settings.h"
+#include "common/settings.h"
 
 using zelcore::threads::ScopedUpgradeLockWrapper;
 using zelcore::threads::ScopedWriteLockWrapper;

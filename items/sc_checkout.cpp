@@ -4,8 +4,8 @@
 #include "host/config.h"
 #include "host/profiler.h"
 #include "host/y_api.h"
-#include "lifecycle/failures.h"
-#include "lifecycle/lifecycle.h"
+#include "common/failures.h"
+#include "bag/global_bag.h"
 
 namespace cf = jx::checkout_flags;
 using zelcore::threads::ScopedReadLockWrapper;

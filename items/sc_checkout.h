@@ -11,7 +11,7 @@
 // read lock for queries), so one handle may be used from several threads. The handle's lock is
 // taken before any library or item lock.
 //
-// Check-out flags are those of JX_Stuff (items/jx_types.h); bit 7 (0x80) is this class's own:
+// Check-out flags are those of JX_Stuff (common/jx_types.h); bit 7 (0x80) is this class's own:
 // hold the item without checking it out (result 3).
 #pragma once
 

@@ -9,7 +9,7 @@
 #include "host/cpu_relax.h"
 #include "host/high_precision_time.h"
 #include "host/spin_word.h"
-#include "lifecycle/failures.h"
+#include "common/failures.h"
 
 using zelcore::threads::ScopedReadLockWrapper;
 using zelcore::threads::ScopedWriteLockWrapper;

@@ -55,7 +55,7 @@
 #include "host/signal.h"
 #include "host/striped_counter.h"
 #include "host/thread_id.h"
-#include "items/jx_types.h"
+#include "common/jx_types.h"
 #include "items/stuff_data.h"
 
 class JX_Bag;

@@ -26,7 +26,7 @@
 #include "host/multi_tenant_mutex.h"
 #include "host/noncopyable.h"
 #include "host/ref_counted.h"
-#include "items/jx_types.h"
+#include "common/jx_types.h"
 
 class JX_EXPORT JX_StuffData : public zelcore::utility::RefCountedObject,
                                private zelcore::utility::noncopyable {

@@ -10,7 +10,7 @@
 #include "items/sc_checkout.h"
 #include "items/stuff_data.h"
 #include "lifecycle/lifecycle.h"
-#include "lifecycle/settings.h"
+#include "common/settings.h"
 #include "mediamap/media_map_impl.h"
 #include "testing/jx_test_support.h"
 

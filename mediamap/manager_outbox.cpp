@@ -9,7 +9,7 @@
 
 #include "bag/library_lock.h"
 #include "host/trace.h"
-#include "lifecycle/lifecycle.h"
+#include "disk/disk_executor.h"
 
 namespace jx::mediamap {
 namespace {

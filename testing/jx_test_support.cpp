@@ -6,7 +6,7 @@
 #include <filesystem>
 
 #include "host/y_api.h"
-#include "lifecycle/settings.h"
+#include "common/settings.h"
 
 namespace jx::testing {
 

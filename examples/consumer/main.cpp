@@ -4,7 +4,7 @@
 
 #include "host/standalone_host.h"
 #include "lifecycle/lifecycle.h"
-#include "lifecycle/version.h"
+#include "common/version.h"
 
 int main() {
   jx::StandaloneHost::Instance().SetMemoryLimit(uint64_t{64} << 20);

@@ -1,7 +1,7 @@
 #include "tools/jxcache/host_media.h"
 
 #include "lifecycle/lifecycle.h"
-#include "lifecycle/settings.h"
+#include "common/settings.h"
 
 namespace jx::tool {
 namespace {

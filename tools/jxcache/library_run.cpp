@@ -3,7 +3,7 @@
 #include "host/debug_database.h"
 #include "host/standalone_host.h"
 #include "lifecycle/lifecycle.h"
-#include "lifecycle/settings.h"
+#include "common/settings.h"
 #include "tools/jxcache/tool_error.h"
 
 namespace jx::tool {

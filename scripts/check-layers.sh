@@ -1,0 +1,57 @@
+#!/usr/bin/env bash
+# Fails when a library file includes a header of a higher layer. The layers, bottom to top:
+#   0 host/ (the host seam) and include/ (the plug-in C headers)
+#   1 common/      failures and messages, settings, types and flags, version
+#   2 items/ bag/  payloads, items and check-out, the bag, directory and purge (each other too)
+#   3 disk/        cache files, write policy and writer, folder
+#   4 compute/ mediamap/   (never each other)
+#   5 lifecycle/   start-up and shut-down
+# Everything else (tools, tests, stress, fuzz, bench, examples, the stand-in) sits on top. A
+# lower layer reaches a higher one only through that layer's hook header, listed in HOOKS.
+# Usage: scripts/check-layers.sh [root]   (prints each violation, exits 1 if there is any)
+set -euo pipefail
+root=${1:-$(dirname "$0")/..}
+cd "$root"
+
+layer_of() {
+  case "$1" in
+    host/*|include/*|kqgp_compute_cache.h|y_vx_suite.h) echo 0 ;;
+    standalone/*) echo 0.5 ;;
+    common/*) echo 1 ;;
+    items/*|bag/*) echo 2 ;;
+    disk/*) echo 3 ;;
+    compute/*|mediamap/*) echo 4 ;;
+    lifecycle/*) echo 5 ;;
+    *) echo 9 ;;
+  esac
+}
+# Headers a lower layer may include from a higher one.
+HOOKS=" disk/disk_hooks.h mediamap/media_map_hooks.h "
+
+violations=0
+checked=0
+while IFS= read -r file; do
+  case "$file" in *_test.cpp|*_test_support.h) continue ;; esac
+  from=$(layer_of "$file")
+  [[ "$from" == 9 ]] && continue
+  checked=$((checked + 1))
+  while IFS= read -r inc; do
+    to=$(layer_of "$inc")
+    bad=""
+    if [[ " $HOOKS " == *" $inc "* ]]; then
+      :
+    elif awk -v a="$to" -v b="$from" 'BEGIN { exit !(a > b) }'; then
+      bad="includes a higher layer"
+    elif [[ "$from" == 4 && "$to" == 4 && "${file%%/*}" != "${inc%%/*}" ]]; then
+      bad="compute/ and mediamap/ never include each other"
+    elif [[ "$from" == 0.5 && "$to" != 0 && "$to" != 0.5 ]]; then
+      bad="the stand-in implements the seam and includes nothing else of the library"
+    fi
+    if [[ -n "$bad" ]]; then
+      echo "$file: #include \"$inc\": $bad"
+      violations=$((violations + 1))
+    fi
+  done < <(sed -n 's/^[[:space:]]*#[[:space:]]*include[[:space:]]*"\([^"]*\)".*/\1/p' "$file")
+done < <(git ls-files --cached --others --exclude-standard '*.h' '*.cpp' '*.c')
+echo "check-layers: $checked library files, $violations violations"
+[[ $violations -eq 0 ]]
