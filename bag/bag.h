@@ -208,12 +208,6 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
   std::mutex diskScanMutex_;
 };
 
-namespace jx {
-// What a host does when it finds itself over its memory budget by `bytes`: it answers
-// Y_AmountToPurge() with `bytes` for the duration of one FreeUpSomeMemory call on `bag`.
-JX_EXPORT void PurgeOverBudget(JX_Bag& bag, unsigned long long bytes);
-}  // namespace jx
-
 // The media layer's fixed maximum cache size times
 // "Graphics.DefaultJXCacheLimitForGfxpaksMultiplier".
 JX_EXPORT unsigned long long JX_GetMaxJXCacheSize();

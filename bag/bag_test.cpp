@@ -7,10 +7,10 @@
 #include <random>
 
 #include "bag/sort_dir.h"
-#include "host/config.h"
-#include "host/standalone_host.h"
-#include "items/sc_checkout.h"
 #include "common/failures.h"
+#include "host/config.h"
+#include "items/sc_checkout.h"
+#include "standalone/standalone_host.h"
 #include "testing/jx_test_support.h"
 
 namespace cf = jx::checkout_flags;

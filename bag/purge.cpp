@@ -6,11 +6,10 @@
 #include "bag/bag.h"
 #include "bag/recency_log.h"
 #include "bag/sort_dir.h"
+#include "common/settings.h"
 #include "host/profiler.h"
-#include "host/standalone_host.h"
 #include "host/trace.h"
 #include "host/y_api.h"
-#include "common/settings.h"
 #include "mediamap/media_map_hooks.h"
 
 using zelcore::threads::ScopedReadLockWrapper;
@@ -198,11 +197,6 @@ void JX_Bag::FreeUpSomeMemory(unsigned long long /*amount: the host is asked ins
   if (totalFreed > 0) Y_PurgeRecycledMemory(totalFreed);
   // Freed here, or, when the caller itself holds the library lock, once it lets go.
   JXp_ScLock::ReleaseOutsideLock(std::move(toRelease));
-}
-
-void jx::PurgeOverBudget(JX_Bag& bag, unsigned long long bytes) {
-  jx::ScAmountToPurge overBudget(bytes);
-  bag.FreeUpSomeMemory(bytes);
 }
 
 void JX_Bag::PurgeAllMemoryCaches() {

@@ -13,8 +13,8 @@
 #include <thread>
 #include <vector>
 
-#include "host/standalone_host.h"
 #include "host/y_api.h"
+#include "standalone/standalone_host.h"
 #include "testing/jx_test_support.h"
 
 namespace cf = jx::checkout_flags;

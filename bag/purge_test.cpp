@@ -11,13 +11,13 @@
 #include <vector>
 
 #include "bag/sort_dir.h"
-#include "disk/performance_counters.h"
-#include "host/feature.h"
-#include "host/media_manager.h"
-#include "host/standalone_host.h"
-#include "items/sc_checkout.h"
 #include "common/settings.h"
+#include "disk/performance_counters.h"
+#include "items/sc_checkout.h"
 #include "mediamap/media_map_hooks.h"
+#include "standalone/media_manager_pool.h"
+#include "standalone/standalone_host.h"
+#include "standalone/standalone_settings.h"
 #include "testing/jx_test_support.h"
 
 namespace cf = jx::checkout_flags;
@@ -237,7 +237,7 @@ TEST_F(PurgeTest, EmptyBagAndPurgeAll) {
 class PurgeMediaMapTest : public PurgeTest {
  protected:
   void Birth() override {
-    RV::GetMediaManager()->Reset();
+    jx::standalone::MediaManagerPool()->Reset();
     JX_Birth(true, 1, false);
     ASSERT_TRUE(jx::settings::UseMediaMap());
   }
@@ -270,7 +270,8 @@ std::string PurgeUnderTheTemplateLimit() {
   if (!mkdtemp(folder)) return "no temporary folder";
   setenv("TMPDIR", folder, 1);
   zelappsupport::feature::SetFeatureEnabled(kJX_GfxpakLimitFeature, true);
-  RV::MM::SetFixedMaxCacheSize(1500);  // the limit is a tenth of it: 150 bytes
+  jx::standalone::MediaManagerPool()->SetFixedMaxCacheSize(
+      1500);  // the limit is a tenth of it: 150 bytes
   JX_Birth(false, 1, true);
   std::string wrong;
   {

@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "bag/library_lock.h"
-#include "host/standalone_host.h"
+#include "standalone/standalone_host.h"
 #include "testing/jx_test_support.h"
 
 namespace cf = jx::checkout_flags;

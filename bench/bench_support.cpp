@@ -2,8 +2,8 @@
 
 #include <mutex>
 
-#include "host/standalone_host.h"
 #include "lifecycle/lifecycle.h"
+#include "standalone/standalone_host.h"
 
 namespace jx::bench {
 

@@ -7,9 +7,9 @@
 
 #include "bench_support.h"
 #include "disk/performance_counters.h"
-#include "host/standalone_host.h"
 #include "items/sc_checkout.h"
 #include "lifecycle/lifecycle.h"
+#include "standalone/standalone_host.h"
 
 namespace cf = jx::checkout_flags;
 using jx::bench::FillBag;

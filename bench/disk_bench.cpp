@@ -19,9 +19,9 @@
 #include "disk/disk_counters.h"
 #include "host/byte_stream.h"
 #include "host/file_utils.h"
-#include "host/standalone_host.h"
 #include "items/checksummed_stream.h"
 #include "lifecycle/lifecycle.h"
+#include "standalone/standalone_host.h"
 
 using zelcore::utility::Guid;
 using zelcore::utility::IntrusivePtr;

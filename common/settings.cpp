@@ -2,10 +2,9 @@
 
 #include <atomic>
 
-#include "host/debug_database.h"
 #include "host/feature.h"
-
-using zelcore::debug::DebugDatabase;
+#include "host/host_services.h"
+#include "host/setting_text.h"
 
 namespace {
 
@@ -31,21 +30,22 @@ std::atomic<bool> gGfxpakLimitAllowed{false};
 std::atomic<bool> gPlaybackFromDiskLogic{false};
 const zelcore::utility::Guid gCacheIdentity = zelcore::utility::Guid::CreateUnique();
 
+// The text of the host's entry, or the default's own text (as the host's database would give it).
+std::string ReadEntry(const char* name, const std::string& defaultText) {
+  return jx::host::GetSettings().DebugEntry(name).value_or(defaultText);
+}
 bool ReadBool(const char* name, bool def) {
-  return zelcore::debug::ParseBoolSetting(
-      DebugDatabase::Instance().GetEntry(name, def ? "true" : "false"));
+  return zelcore::debug::ParseBoolSetting(ReadEntry(name, def ? "true" : "false"));
 }
 int32_t ReadInt32(const char* name, int32_t def) {
-  return zelcore::debug::ParseInt32Setting(
-      DebugDatabase::Instance().GetEntry(name, std::to_string(def)), def);
+  return zelcore::debug::ParseInt32Setting(ReadEntry(name, std::to_string(def)), def);
 }
 uint32_t ReadUInt32(const char* name, uint32_t def) {
-  return zelcore::debug::ParseUInt32Setting(
-      DebugDatabase::Instance().GetEntry(name, std::to_string(def)), def);
+  return zelcore::debug::ParseUInt32Setting(ReadEntry(name, std::to_string(def)), def);
 }
 double ReadDouble(const char* name, double def) {
   return zelcore::debug::ParseDoubleSetting(
-      DebugDatabase::Instance().GetEntry(name, zelcore::debug::FormatDoubleSetting(def)), def);
+      ReadEntry(name, zelcore::debug::FormatDoubleSetting(def)), def);
 }
 
 bool ImprovedDiskCacheFeatureOn() {

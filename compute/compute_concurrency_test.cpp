@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "compute/compute_test_support.h"
-#include "host/standalone_host.h"
+#include "standalone/standalone_host.h"
 
 using jx::testing::ComputeSuiteTest;
 using jx::testing::KeyOfValue;

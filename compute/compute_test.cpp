@@ -8,8 +8,8 @@
 #include "compute/compute_core.h"
 #include "compute/compute_test_support.h"
 #include "compute/compute_value.h"
-#include "host/standalone_host.h"
 #include "host/y_api.h"
+#include "standalone/standalone_host.h"
 
 using jx::HostReport;
 using jx::StandaloneHost;

@@ -13,9 +13,9 @@
 #include "bag/bag.h"
 #include "disk/disk_test_support.h"
 #include "disk/scan_one_file.h"
-#include "host/standalone_host.h"
 #include "items/sc_checkout.h"
 #include "lifecycle/lifecycle.h"
+#include "standalone/standalone_host.h"
 
 using jx::testing::TestPayload;
 using zelcore::utility::Guid;

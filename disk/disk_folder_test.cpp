@@ -11,8 +11,8 @@
 #include "disk/disk_speed.h"
 #include "disk/disk_test_support.h"
 #include "host/file_utils.h"
-#include "host/standalone_host.h"
 #include "items/sc_checkout.h"
+#include "standalone/standalone_host.h"
 
 namespace cf = jx::checkout_flags;
 namespace prefs = zelappsupport::preferences;

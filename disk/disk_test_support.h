@@ -18,9 +18,9 @@
 #include "bag/bag.h"
 #include "disk/disk_counters.h"
 #include "disk/disk_writer.h"
-#include "host/feature.h"
 #include "host/file.h"
 #include "items/stuff_data.h"
+#include "standalone/standalone_settings.h"
 #include "testing/jx_test_support.h"
 
 namespace jx::testing {

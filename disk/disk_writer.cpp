@@ -13,22 +13,24 @@
 #include <boost/smart_ptr/make_shared.hpp>
 
 #include "bag/bag.h"
+#include "bag/global_bag.h"
+#include "common/failures.h"
+#include "common/settings.h"
 #include "disk/disk_counters.h"
+#include "disk/disk_executor.h"
 #include "disk/disk_folder.h"
 #include "disk/write_policy.h"
 #include "host/config.h"
+#include "host/host_services.h"
 #include "host/profiler.h"
 #include "host/trace.h"
 #include "host/y_api.h"
 #include "items/sc_checkout.h"
-#include "common/failures.h"
-#include "bag/global_bag.h"
-#include "disk/disk_executor.h"
-#include "common/settings.h"
 
 namespace cf = jx::checkout_flags;
 namespace ci = jx::checkin_flags;
-using Clock = std::chrono::steady_clock;
+// Hold-back deadlines are on the host's clock (nanoseconds, host/host_services.h).
+using Nanos = std::chrono::nanoseconds;
 
 namespace {
 
@@ -54,7 +56,7 @@ struct WriteQueues {
   std::condition_variable changed;  // an urgent entry arrived, or the hold ended
   std::deque<Entry> high;
   std::deque<Entry> normal;
-  Clock::time_point holdUntil{};
+  uint64_t holdUntil = 0;  // the host clock's nanoseconds; 0: no hold
   uint64_t lastId = 0;
 };
 
@@ -90,9 +92,10 @@ std::optional<Entry> TakeNextEntryToWrite() {
   for (;;) {
     if (q.high.empty() && q.normal.empty()) return std::nullopt;
     if (!q.high.empty() && q.high.front().urgent) break;
-    const Clock::time_point until = q.holdUntil;
-    if (Clock::now() >= until) break;
-    q.changed.wait_until(lock, until);
+    const uint64_t until = q.holdUntil;
+    const uint64_t now = jx::host::GetClock().NowNanoseconds();
+    if (now >= until) break;
+    q.changed.wait_for(lock, Nanos(until - now));
   }
   return TakeFrontLocked(q);
 }
@@ -177,7 +180,9 @@ double CurrentQueueFreeFraction() {
                            WriteQueueCapacity());
 }
 
-void HoldBackWritesUntil(Clock::time_point until) {
+void HoldBackWritesFor(std::chrono::nanoseconds duration) {
+  const uint64_t until =
+      jx::host::GetClock().NowNanoseconds() + static_cast<uint64_t>(duration.count());
   WriteQueues& q = Queues();
   std::lock_guard<std::mutex> lock(q.mutex);
   // Waiting tasks see a longer hold when their current wait ends; nobody needs waking.
@@ -188,7 +193,7 @@ void EndHoldBack() {
   WriteQueues& q = Queues();
   {
     std::lock_guard<std::mutex> lock(q.mutex);
-    q.holdUntil = Clock::time_point{};
+    q.holdUntil = 0;
   }
   q.changed.notify_all();
 }
@@ -207,7 +212,7 @@ uint32_t JX_GetQueuedDiskWriteCount() {
 void JX_DeprioritizeBackgroundWrites() {
   if (JX_IsImprovedDiskCacheBehaviorFullyEnabled()) return;
   gLastForegroundReadMs.store(Y_MillisecondsSinceBoot(), std::memory_order_relaxed);
-  jx::disk::HoldBackWritesUntil(Clock::now() + kHoldBackAfterForegroundRead);
+  jx::disk::HoldBackWritesFor(kHoldBackAfterForegroundRead);
 }
 
 bool JX_Stuff::WriteToDiskAsyncOnDiskThread(IntrusivePtr<JX_Stuff> item, bool flag, bool now) {

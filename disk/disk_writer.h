@@ -37,9 +37,10 @@ double QueueFreeFraction(uint32_t normalQueued, uint32_t highQueued, uint32_t ca
 // The same for the live queue.
 double CurrentQueueFreeFraction();
 
-// Holds queued writes back until `until` (a later hold extends an earlier one); writes asked for
-// "now" are never held. JX_DeprioritizeBackgroundWrites holds for a quarter of a second.
-void HoldBackWritesUntil(std::chrono::steady_clock::time_point until);
+// Holds queued writes back for `duration` from now on the host's clock (a later hold extends an
+// earlier one); writes asked for "now" are never held. JX_DeprioritizeBackgroundWrites holds for
+// a quarter of a second.
+void HoldBackWritesFor(std::chrono::nanoseconds duration);
 // Ends any hold at once.
 void EndHoldBack();
 // How often JX_GetQueuedDiskWriteCount has been asked: lets a test see that a thread waiting

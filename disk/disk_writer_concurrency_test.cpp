@@ -11,12 +11,13 @@
 #include <thread>
 #include <utility>
 
+#include "common/settings.h"
 #include "disk/disk_test_support.h"
 #include "disk/disk_writer.h"
 #include "disk/performance_counters.h"
 #include "items/sc_checkout.h"
 #include "lifecycle/lifecycle.h"
-#include "common/settings.h"
+#include "standalone/standalone_host.h"
 
 namespace cf = jx::checkout_flags;
 namespace ci = jx::checkin_flags;
@@ -165,7 +166,7 @@ TEST_F(DiskWriterTest, WriterMakesRoomFromOlderFilesOnly) {
 
 TEST_F(DiskWriterTest, WriteNowIsNotHeldBackByAForegroundRead) {
   // A foreground read's hold, stretched so that nothing held can slip through during the test.
-  jx::disk::HoldBackWritesUntil(std::chrono::steady_clock::now() + std::chrono::hours(1));
+  jx::disk::HoldBackWritesFor(std::chrono::hours(1));
   auto waiting = AddDiskCacheableItem(kPayload);
   WriteableCheckin(waiting, 10.0);
   ASSERT_EQ(JX_GetDiskPerformanceCounters().normalQueueLength, 1u);

@@ -1,6 +1,8 @@
 // FastWriteOnlyStream: whole aligned blocks out, the true length at close.
 #include "disk/fast_write_stream.h"
 
+#include "host/host_services.h"
+
 #include <algorithm>
 #include <condition_variable>
 #include <cstring>
@@ -25,7 +27,7 @@ using zelcore::filesupport::OPlatformByteStream;
 class FastWriteOnlyStream::BackgroundWriter {
  public:
   explicit BackgroundWriter(FastWriteOnlyStream& stream)
-      : stream_(stream), thread_([this] { Run(); }) {}
+      : stream_(stream), thread_(jx::host::GetThreads().StartThread([this] { Run(); })) {}
   // Leaves the slots not yet started unwritten; a block being written is finished first.
   ~BackgroundWriter() {
     {
@@ -33,7 +35,7 @@ class FastWriteOnlyStream::BackgroundWriter {
       stopping_ = true;
     }
     changed_.notify_all();
-    thread_.join();
+    thread_->Join();
   }
   BackgroundWriter(const BackgroundWriter&) = delete;
   BackgroundWriter& operator=(const BackgroundWriter&) = delete;
@@ -86,7 +88,9 @@ class FastWriteOnlyStream::BackgroundWriter {
   uint64_t written_ = 0;
   bool stopping_ = false;
   std::exception_ptr failure_;
-  std::thread thread_;  // last: starts once the members it reads are set up
+  // Last: starts once the members it reads are set up. A thread of the host's (the seam's
+  // Threads service).
+  std::unique_ptr<jx::host::JoinableThread> thread_;
 };
 
 FastWriteOnlyStream::FastWriteOnlyStream(const File& file)

@@ -5,19 +5,19 @@
 // recomputed). That includes a read that ran out of memory: a damaged file whose header claims
 // a huge frame fails that way on every try, and a good file costs one render to replace.
 #include <chrono>
-#include <thread>
 
 #include "bag/bag.h"
+#include "common/failures.h"
+#include "common/settings.h"
 #include "disk/claimed_file.h"
 #include "disk/disk_counters.h"
 #include "disk/disk_writer.h"
 #include "host/byte_stream.h"
+#include "host/host_services.h"
 #include "host/profiler.h"
 #include "host/trace.h"
 #include "host/y_api.h"
 #include "items/stuff.h"
-#include "common/failures.h"
-#include "common/settings.h"
 
 using zelcore::filesupport::BufferedIByteStream;
 using zelcore::filesupport::File;
@@ -35,7 +35,7 @@ constexpr size_t kReadBlockSize = 4096;
 double SimulatedReadDelaySeconds() {
   const int32_t delayMs = jx::settings::ReadDiskDelayMs();
   if (delayMs <= 0) return 0.0;
-  std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
+  jx::host::GetClock().SleepFor(std::chrono::milliseconds(delayMs));
   return delayMs / 1000.0;
 }
 

@@ -7,9 +7,11 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <thread>
 
 #include "bag/bag.h"
+#include "bag/global_bag.h"
+#include "common/failures.h"
+#include "common/settings.h"
 #include "disk/cache_file_name.h"
 #include "disk/claimed_file.h"
 #include "disk/disk_counters.h"
@@ -17,14 +19,12 @@
 #include "disk/fast_write_stream.h"
 #include "disk/scan_one_file.h"
 #include "host/high_precision_time.h"
+#include "host/host_services.h"
 #include "host/profiler.h"
 #include "host/safe_save.h"
 #include "host/trace.h"
 #include "host/y_api.h"
 #include "items/stuff.h"
-#include "common/failures.h"
-#include "bag/global_bag.h"
-#include "common/settings.h"
 
 using zelcore::filesupport::File;
 using zelcore::filesupport::SafeSave;
@@ -63,7 +63,7 @@ File TargetFile(const JX_StuffData& data, const zelcore::utility::Guid& guid, co
 double SimulatedWriteDelaySeconds() {
   const int32_t delayMs = jx::settings::WriteDiskDelayMs();
   if (delayMs <= 0) return 0.0;
-  std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
+  jx::host::GetClock().SleepFor(std::chrono::milliseconds(delayMs));
   return delayMs / 1000.0;
 }
 

@@ -4,11 +4,11 @@
 
 #include <atomic>
 
+#include "common/settings.h"
 #include "disk/disk_test_support.h"
 #include "disk/performance_counters.h"
 #include "disk/write_policy.h"
-#include "host/debug_database.h"
-#include "common/settings.h"
+#include "standalone/debug_database.h"
 
 using jx::testing::ScQueueLengths;
 using jx::testing::TestPayload;

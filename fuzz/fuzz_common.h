@@ -11,8 +11,8 @@
 
 #include "bag/bag.h"
 #include "host/file_utils.h"
-#include "host/standalone_host.h"
 #include "lifecycle/lifecycle.h"
+#include "standalone/standalone_host.h"
 #include "testing/keyed_payload.h"
 
 namespace jx::fuzz {

@@ -1,10 +1,13 @@
-// Feature flags and preference groups.
+// Feature flags and preference groups: the registry of declared features, and the readers that
+// ask the host.
 #include "host/feature.h"
+
+#include "host/host_services.h"
 
 #include <cerrno>
 #include <cstdlib>
-#include <map>
 #include <mutex>
+#include <optional>
 #include <unordered_map>
 #include <utility>
 
@@ -15,24 +18,6 @@ namespace {
 struct FeatureState {
   std::mutex mutex;
   std::unordered_map<std::string, const BetaFeature*> registered;
-  std::unordered_map<std::string, bool> explicitStates;
-
-  FeatureState() {
-    const char* env = std::getenv("JX_FEATURES");
-    if (env == nullptr) return;
-    std::string list(env);
-    size_t start = 0;
-    while (start <= list.size()) {
-      size_t comma = list.find(',', start);
-      if (comma == std::string::npos) comma = list.size();
-      std::string key = list.substr(start, comma - start);
-      start = comma + 1;
-      size_t first = key.find_first_not_of(" \t");
-      if (first == std::string::npos) continue;
-      size_t last = key.find_last_not_of(" \t");
-      explicitStates[key.substr(first, last - first + 1)] = true;
-    }
-  }
 };
 
 // Features are static objects spread over many translation units, so the registry must exist
@@ -70,19 +55,15 @@ BetaFeature::~BetaFeature() {
 }
 
 bool IsFeatureEnabled(const std::string& key) {
-  FeatureState& s = State();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  if (auto it = s.explicitStates.find(key); it != s.explicitStates.end()) return it->second;
-  if (auto it = s.registered.find(key); it != s.registered.end()) {
-    return it->second->DefaultEnablement() != 0;
+  bool declaredDefault = false;
+  {
+    FeatureState& s = State();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (auto it = s.registered.find(key); it != s.registered.end()) {
+      declaredDefault = it->second->DefaultEnablement() != 0;
+    }
   }
-  return false;
-}
-
-void SetFeatureEnabled(const std::string& key, bool enabled) {
-  FeatureState& s = State();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.explicitStates[key] = enabled;
+  return jx::host::GetSettings().IsFeatureEnabled(key, declaredDefault);
 }
 
 const BetaFeature* FindFeature(const std::string& key) {
@@ -98,22 +79,10 @@ namespace zelappsupport::preferences {
 
 namespace {
 
-struct PreferenceState {
-  std::mutex mutex;
-  std::map<std::pair<std::string, std::string>, std::string> values;
-};
-
-PreferenceState& State() {
-  static PreferenceState* state = new PreferenceState();
-  return *state;
-}
-
 bool Lookup(const std::string& group, const std::string& name, std::string* text) {
-  PreferenceState& s = State();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  auto it = s.values.find({group, name});
-  if (it == s.values.end()) return false;
-  *text = it->second;
+  std::optional<std::string> value = jx::host::GetSettings().Preference(group, name);
+  if (!value) return false;
+  *text = std::move(*value);
   return true;
 }
 
@@ -137,18 +106,6 @@ int64_t GetInt64(const std::string& group, const std::string& name, int64_t defa
   long long v = std::strtoll(text.c_str(), &end, 10);
   if (end != text.c_str() + text.size() || errno == ERANGE) return defaultValue;
   return static_cast<int64_t>(v);
-}
-
-void SetValue(const std::string& group, const std::string& name, const std::string& value) {
-  PreferenceState& s = State();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.values[{group, name}] = value;
-}
-
-void Clear() {
-  PreferenceState& s = State();
-  std::lock_guard<std::mutex> lock(s.mutex);
-  s.values.clear();
 }
 
 }  // namespace zelappsupport::preferences

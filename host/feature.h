@@ -1,9 +1,9 @@
-// The host's feature flags and preference groups.
+// The host's feature flags and preference groups, as the library asks for them.
 //
-// A BetaFeature is declared by a static object and registered under its key; IsFeatureEnabled
-// answers from the explicit state (SetFeatureEnabled, or $JX_FEATURES: comma-separated keys
-// turned on) and otherwise from the feature's default. Preference groups hold named values that
-// the host's preference dialogs would edit. Thread-safe.
+// A BetaFeature is declared by a static object and registered under its key with its default;
+// IsFeatureEnabled asks the host (jx::host::Settings, host/host_services.h), giving it that
+// default. Preference groups hold named values that the host's preference dialogs edit; the
+// library reads them through the host too. Thread-safe.
 #pragma once
 
 #include <cstdint>
@@ -40,7 +40,6 @@ class JX_EXPORT BetaFeature {
 };
 
 JX_EXPORT bool IsFeatureEnabled(const std::string& key);
-JX_EXPORT void SetFeatureEnabled(const std::string& key, bool enabled);
 // The registered feature of that key, or null.
 JX_EXPORT const BetaFeature* FindFeature(const std::string& key);
 
@@ -51,8 +50,5 @@ namespace zelappsupport::preferences {
 // Reads a value of a preference group; `defaultValue` when unset or unparsable.
 JX_EXPORT double GetDouble(const std::string& group, const std::string& name, double defaultValue);
 JX_EXPORT int64_t GetInt64(const std::string& group, const std::string& name, int64_t defaultValue);
-JX_EXPORT void SetValue(const std::string& group, const std::string& name,
-                        const std::string& value);
-JX_EXPORT void Clear();
 
 }  // namespace zelappsupport::preferences

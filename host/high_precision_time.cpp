@@ -6,6 +6,8 @@
 #include <cstring>
 #include <mutex>
 
+#include "host/host_services.h"
+
 namespace zelcore::utility::detail {
 
 constinit TscScale g_tscScale;
@@ -65,7 +67,8 @@ bool Calibrate(TscScale& s) {
 
 }  // namespace
 
-uint64_t FirstTimeStamp() {
+// Decides between the counter and the steady clock, once.
+int DefaultSource() {
   static std::once_flag once;
   std::call_once(once, [] {
     TscScale& s = g_tscScale;
@@ -73,9 +76,46 @@ uint64_t FirstTimeStamp() {
 #if defined(__x86_64__)
     if (KernelKeepsTimeByTsc() && Calibrate(s)) source = 1;
 #endif
-    s.source.store(source, std::memory_order_release);
+    s.defaultSource = source;
   });
+  return g_tscScale.defaultSource;
+}
+
+uint64_t FirstTimeStamp() {
+  TscScale& s = g_tscScale;
+  const int source = DefaultSource();
+  // A host clock installed meanwhile keeps its place.
+  int undecided = 0;
+  s.source.compare_exchange_strong(undecided, source, std::memory_order_acq_rel);
   return HighPrecisionTime::GetCurrentTimeStamp();
 }
 
+uint64_t HostTimeStamp() {
+  jx::host::Clock* clock = g_tscScale.hostClock.load(std::memory_order_acquire);
+  return clock ? clock->NowNanoseconds() : HighPrecisionTime::DefaultTimeStamp();
+}
+
 }  // namespace zelcore::utility::detail
+
+namespace zelcore::utility {
+
+uint64_t HighPrecisionTime::DefaultTimeStamp() {
+  const detail::TscScale& s = detail::g_tscScale;
+  const int source = detail::DefaultSource();
+#if defined(__x86_64__)
+  if (source == 1) {
+    const uint64_t ticks = __rdtsc() - s.baseTicks;
+    return s.baseNanos +
+           static_cast<uint64_t>((static_cast<unsigned __int128>(ticks) * s.nanosPerTick32) >> 32);
+  }
+#endif
+  return detail::SteadyNanos();
+}
+
+void HighPrecisionTime::UseHostClock(jx::host::Clock* clock) {
+  detail::TscScale& s = detail::g_tscScale;
+  s.hostClock.store(clock, std::memory_order_release);
+  s.source.store(clock ? 3 : detail::DefaultSource(), std::memory_order_release);
+}
+
+}  // namespace zelcore::utility

@@ -19,18 +19,25 @@
 #include <x86intrin.h>
 #endif
 
+namespace jx::host {
+class Clock;
+}
+
 namespace zelcore::utility {
 
 namespace detail {
 struct TscScale {
-  // 0: not decided yet; 1: the counter; 2: the steady clock.
+  // 0: not decided yet; 1: the counter; 2: the steady clock; 3: the host's clock.
   std::atomic<int> source{0};
+  int defaultSource = 0;  // 1 or 2, once decided
+  std::atomic<jx::host::Clock*> hostClock{nullptr};
   uint64_t baseTicks = 0;
   uint64_t baseNanos = 0;
   uint64_t nanosPerTick32 = 0;  // nanoseconds per tick, 32.32 fixed point
 };
 extern JX_EXPORT constinit TscScale g_tscScale;
 JX_EXPORT uint64_t FirstTimeStamp();
+JX_EXPORT uint64_t HostTimeStamp();
 
 inline uint64_t SteadyNanos() {
   return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -39,6 +46,8 @@ inline uint64_t SteadyNanos() {
 }
 }  // namespace detail
 
+// The time stamps of the host's clock (jx::host::Clock, host/host_services.h) when the host
+// installed one, else of the default clock described above, read inline.
 class HighPrecisionTime {
  public:
   static uint64_t GetCurrentTimeStamp() {
@@ -52,8 +61,13 @@ class HighPrecisionTime {
     }
 #endif
     if (source == 2) return detail::SteadyNanos();
+    if (source == 3) return detail::HostTimeStamp();
     return detail::FirstTimeStamp();
   }
+  // The default clock's stamp, whatever the host installed.
+  static uint64_t DefaultTimeStamp();
+  // Stamps from `clock` from now on (null: the default clock again).
+  static void UseHostClock(jx::host::Clock* clock);
   static double ToSeconds(uint64_t stampDelta) { return static_cast<double>(stampDelta) * 1e-9; }
   static uint64_t FromSeconds(double seconds) { return static_cast<uint64_t>(seconds * 1e9); }
 };

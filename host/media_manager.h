@@ -1,49 +1,43 @@
-// The host's media manager: one memory pool for the host's own media and for the entries that
-// other caches mirror into it, so that memory pressure is relieved oldest first across all of
-// them instead of by several budgets that fight.
+// The host's media manager, as the library sees it: one memory pool for the host's own media and
+// for the entries that caches mirror into it, so that memory pressure is relieved oldest first
+// across all of them instead of by several budgets that fight.
 //
 // A cache takes part through a media map (IMediaMap): the manager hands the map a 16-byte
 // identifier, the map registers each entry (its entry ID and size), notifies the manager when an
-// entry is renewed and tells it to forget entries that went away. When the pool's total exceeds
-// the budget, the manager takes entries back oldest first (by registration or notification
-// order): the host's own media entries are simply dropped, a map's entries are handed back
-// through the map's IPurgeableSupport::PurgeEntry so that the map frees what they stand for.
-// The manager also keeps each cache's maximum size by cache GUID.
+// entry is renewed and tells it to forget entries that went away. When the pool is over budget,
+// the manager takes entries back oldest first, handing a map's entries back through the map's
+// IPurgeableSupport::PurgeEntry so that the map frees what they stand for.
 //
-// Ownership: one process-wide manager, shared (GetMediaManager). The manager holds its maps only
-// weakly: an entry whose map has gone is dropped without a call.
+// A host implements IMediaManager and installs it (host/host_services.h); without one the
+// library does not use a media map. The stand-in host's pool is standalone/media_manager_pool.h.
 //
-// Locks. This stand-in never calls a map while holding its mutex (it picks its victims under the
-// mutex, lets go, then calls PurgeEntry / IsNonPurgeable). A real host may not be so careful: it
-// may purge inside RegisterEntry, or call PurgeEntry with a lock of its own held that
-// RegisterEntry also takes (SetPurgeDuringRegistration and SetCallbacksUnderHostLock act that
-// way). The cache copes with both because it calls RegisterEntry, NotifyEntry and ForgetEntry
-// only with none of its locks held; in return a host must let the thread that is inside its
-// PurgeEntry callback take the cache's locks (the callback frees the item there).
-// Threads: any thread may call any method.
+// The contract between the two, both ways:
+// - The library calls RegisterEntry, NotifyEntry and ForgetEntry from threads that hold none of
+//   its locks, in the order of the changes they report (possibly a little after the change, from
+//   another of the library's threads). A host may therefore enforce its budget inside those calls
+//   (calling PurgeEntry back on the same thread), and may hold locks of its own around its calls
+//   to PurgeEntry and IsNonPurgeable.
+// - In return, a thread inside PurgeEntry must be free to take the cache's locks: that is where
+//   the cache frees the item. A host must not call PurgeEntry from a thread that is waiting for
+//   another thread that uses the cache.
+// - IDs the owner no longer knows are harmless both ways (the manager ignores unknown entries;
+//   the map ignores purges of entries it has forgotten).
 #pragma once
 
 #include <array>
-#include <atomic>
 #include <cstdint>
-#include <limits>
-#include <list>
-#include <map>
 #include <memory>
-#include <mutex>
-#include <optional>
-#include <utility>
-#include <vector>
 
+#include "host/export.h"
 #include "host/guid.h"
-#include "host/thread_annotations.h"
 
 namespace RV {
 
 using MediaMapID = std::array<uint8_t, 16>;
 
-// What the manager calls on the owner of entries. Both calls may come from any thread, never
-// with the manager's mutex held; an ID the owner no longer knows must be harmless.
+// What the manager calls on the owner of entries. Both calls may come from any thread, with
+// the host's own locks held, never with the cache's; an ID the owner no longer knows must be
+// harmless.
 class IPurgeableSupport {
  public:
   // The manager has taken entry `id` back (it no longer counts it): free what it stands for.
@@ -65,121 +59,36 @@ class IMediaMap : public IPurgeableSupport {
   ~IMediaMap() override = default;
 };
 
-class MediaManager {
+// What the library asks of the host's media manager. Any thread may call any method.
+class JX_EXPORT IMediaManager {
  public:
-  static constexpr uint64_t kUnlimited = std::numeric_limits<uint64_t>::max();
-
-  MediaManager();
-  MediaManager(const MediaManager&) = delete;
-  MediaManager& operator=(const MediaManager&) = delete;
-
-  // ---- what a media map uses, in the order it uses it ----------------------------------------
+  virtual ~IMediaManager() = default;
   // A fresh identifier for a new map.
-  MediaMapID NewMediaMapID();
+  virtual MediaMapID NewMediaMapID() = 0;
   // Adds entry `id` of `owner`'s map (or renews it) as the youngest entry. `purgeable` 0 keeps
-  // the entry out of budget purges; `flags` is kept for inspection. Never purges by itself: the
-  // caller is usually in the middle of adding an item under the library lock. The budget is
-  // enforced by the host's next AddHostMedia, SetBudget or EnforceBudget.
-  void RegisterEntry(uint64_t id, uint64_t size, int32_t purgeable, int32_t flags,
-                     const std::shared_ptr<IMediaMap>& owner);
+  // the entry out of budget purges; `flags` is the host's.
+  virtual void RegisterEntry(uint64_t id, uint64_t size, int32_t purgeable, int32_t flags,
+                             const std::shared_ptr<IMediaMap>& owner) = 0;
   // The entry was used again: it becomes the youngest. Unknown entries are ignored.
-  void NotifyEntry(uint64_t id, const MediaMapID& map);
+  virtual void NotifyEntry(uint64_t id, const MediaMapID& map) = 0;
   // Drops the entry without calling its owner. Unknown entries are ignored.
-  void ForgetEntry(uint64_t id, const MediaMapID& map);
+  virtual void ForgetEntry(uint64_t id, const MediaMapID& map) = 0;
   // Drops every entry of the map (its owner is going away).
-  void UnregisterMediaMap(const MediaMapID& map);
+  virtual void UnregisterMediaMap(const MediaMapID& map) = 0;
   // A cache's maximum size, by the cache's identity.
-  void SetCacheMaxSize(const zelcore::utility::Guid& cache, uint64_t bytes);
-  std::optional<uint64_t> GetCacheMaxSize(const zelcore::utility::Guid& cache) const;
-
-  // ---- the host's side of the pool -----------------------------------------------------------
-  // The host's own media of `bytes` joins the pool as its youngest entry; returns its handle.
-  // Enforces the budget.
-  uint64_t AddHostMedia(uint64_t bytes);
-  // The host released that media itself; false when it was already gone (e.g. purged).
-  bool RemoveHostMedia(uint64_t handle);
-  // Takes one entry back now, whatever the budget (the host's own choice of a victim); false
-  // when the pool does not hold it. Same calling rules as EnforceBudget.
-  bool PurgeEntry(const MediaMapID& map, uint64_t id);
-  // Sets the pool's budget and enforces it.
-  void SetBudget(uint64_t bytes);
-  uint64_t GetBudget() const;
-  // Takes entries back, oldest first, until the total is within the budget or only pinned
-  // entries remain. Returns the bytes taken back. Must be called with no library or item lock
-  // held: owners' purge callbacks run on this thread.
-  uint64_t EnforceBudget();
-
-  // ---- inspection ----------------------------------------------------------------------------
-  uint64_t GetTotalBytes() const;
-  uint64_t GetHostMediaBytes() const;
-  uint64_t GetBytesOfMap(const MediaMapID& map) const;
-  // The map's entry IDs, oldest first.
-  std::vector<uint64_t> GetEntryIDsOfMap(const MediaMapID& map) const;
-  uint64_t GetNotifyCount() const;
-  // Entries handed back to their owners through PurgeEntry so far.
-  uint64_t GetPurgeCallCount() const;
-  // Back to an empty pool with an unlimited budget and the plain behaviour; only while no map is
-  // registered.
-  void Reset();
-
-  // ---- how real hosts behave, for tests ------------------------------------------------------
-  // A host may enforce its budget inside a registration: owners' PurgeEntry then runs on the
-  // registering thread before RegisterEntry returns.
-  void SetPurgeDuringRegistration(bool on);
-  // A host may serialise its manager under one big lock of its own (recursive, as such locks
-  // usually are) and call owners back with it held: every method takes it for its whole run,
-  // callbacks included.
-  void SetCallbacksUnderHostLock(bool on);
-  // PurgeEntry callbacks made from inside a registration so far.
-  uint64_t GetPurgesDuringRegistration() const;
-
- private:
-  using EntryKey = std::pair<MediaMapID, uint64_t>;
-  struct Entry {
-    EntryKey key;
-    uint64_t size;
-    int32_t purgeable;
-    int32_t flags;
-    std::weak_ptr<IMediaMap> owner;  // empty for the host's own media
-  };
-  struct Victim {
-    EntryKey key;
-    uint64_t size = 0;
-    std::weak_ptr<IMediaMap> owner;
-  };
-
-  void AddLocked(Entry entry) REQUIRES(mutex_);
-  bool RemoveLocked(const EntryKey& key) REQUIRES(mutex_);
-  std::optional<Victim> OldestCandidateLocked(const std::vector<EntryKey>& pinned) REQUIRES(mutex_);
-
-  // Holds the host lock when SetCallbacksUnderHostLock is on, nothing otherwise.
-  std::unique_lock<std::recursive_mutex> HostLock() const;
-
-  const MediaMapID hostMap_;  // the map the host's own media is filed under
-  std::atomic<bool> purgeDuringRegistration_{false};
-  std::atomic<bool> callbacksUnderHostLock_{false};
-  std::atomic<uint64_t> purgesDuringRegistration_{0};
-  mutable std::recursive_mutex hostLock_;  // the big host lock of SetCallbacksUnderHostLock
-  mutable jx::Mutex mutex_;
-  std::list<Entry> order_ GUARDED_BY(mutex_);  // oldest first
-  std::map<EntryKey, std::list<Entry>::iterator> index_ GUARDED_BY(mutex_);
-  std::map<zelcore::utility::Guid, uint64_t> cacheMaxSizes_ GUARDED_BY(mutex_);
-  uint64_t total_ GUARDED_BY(mutex_) = 0;
-  uint64_t budget_ GUARDED_BY(mutex_) = kUnlimited;
-  uint64_t nextHostMedia_ GUARDED_BY(mutex_) = 0;
-  uint64_t notifyCount_ GUARDED_BY(mutex_) = 0;
-  uint64_t purgeCalls_ GUARDED_BY(mutex_) = 0;
+  virtual void SetCacheMaxSize(const zelcore::utility::Guid& cache, uint64_t bytes) = 0;
+  // The media layer's fixed maximum cache size in bytes.
+  virtual uint64_t GetFixedMaxCacheSize() = 0;
 };
 
-// The process-wide media manager.
-std::shared_ptr<MediaManager> GetMediaManager();
+// The host's media manager, or empty when it has none.
+JX_EXPORT std::shared_ptr<IMediaManager> GetMediaManager();
 
 }  // namespace RV
 
 namespace RV::MM {
 
-// The media layer's fixed maximum cache size in bytes (standalone default: 4 GiB).
-uint64_t GetFixedMaxCacheSize();
-void SetFixedMaxCacheSize(uint64_t bytes);
+// The media layer's fixed maximum cache size in bytes (4 GiB when the host has no manager).
+JX_EXPORT uint64_t GetFixedMaxCacheSize();
 
 }  // namespace RV::MM

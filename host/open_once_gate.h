@@ -21,6 +21,10 @@ class OpenOnceGate {
   void Wait() const;
   // Waits until the gate is open or the deadline passes; returns whether it is open.
   bool WaitUntil(std::chrono::steady_clock::time_point deadline) const;
+  // Waits until the gate is open or `timeout` has passed; returns whether it is open.
+  bool WaitFor(std::chrono::nanoseconds timeout) const {
+    return WaitUntil(std::chrono::steady_clock::now() + timeout);
+  }
 
  private:
   std::atomic<uint32_t> open_{0};

@@ -16,8 +16,8 @@
 #include "host/open_once_gate.h"
 #include "host/parking.h"
 #include "host/recursive_mutex.h"
-#include "host/standalone_host.h"
 #include "host/striped_counter.h"
+#include "standalone/standalone_host.h"
 
 namespace zelcore::threads {
 namespace {

@@ -5,7 +5,8 @@
 // mutex so that a sink may itself ask whether tracing is on without deadlocking.
 #include "host/trace.h"
 
-#include <cstdio>
+#include "host/host_services.h"
+
 #include <cstdlib>
 #include <limits>
 #include <map>
@@ -22,14 +23,6 @@ struct TraceState {
 
   std::mutex outputMutex;
   Tracing::Sink sink;
-  FILE* file = nullptr;  // null: standard error
-
-  TraceState() {
-    if (const char* config = std::getenv("JX_TRACE"); config != nullptr) ParseInto(config, levels);
-    if (const char* path = std::getenv("JX_TRACE_FILE"); path != nullptr && *path != '\0') {
-      file = std::fopen(path, "a");
-    }
-  }
 
   static std::string Trim(const std::string& text) {
     size_t first = text.find_first_not_of(" \t");
@@ -120,10 +113,7 @@ void Tracing::Write(const char* category, int level, const std::string& text) {
     s.sink(cat, level, text);
     return;
   }
-  std::string line = "[" + std::string(cat) + ":" + std::to_string(level) + "] " + text + "\n";
-  FILE* out = s.file != nullptr ? s.file : stderr;
-  std::fwrite(line.data(), 1, line.size(), out);
-  std::fflush(out);
+  jx::host::GetTrace().Write(cat, level, text);
 }
 
 void Tracing::SetSink(Sink sink) {

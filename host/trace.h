@@ -1,8 +1,8 @@
 // Tracing by category and level. A category is on up to a level ("JX:7" turns on levels 1..7 of
 // "JX"); the text of a trace is built only when its category is on at its level. Each call site
 // caches whether it is on and looks again only when the configuration changes.
-// Configured from $JX_TRACE ("category:level,...", "*" for every category) and written to
-// $JX_TRACE_FILE (default: standard error), or to a sink a test installs. Thread-safe.
+// Configured by the host (Configure: "category:level,...", "*" for every category) and written
+// to the host's trace sink (jx::host::TraceSink), or to a sink a test installs. Thread-safe.
 #pragma once
 
 #include <atomic>
@@ -21,7 +21,7 @@ class JX_EXPORT Tracing {
   static void SetLevel(const std::string& category, int level);  // 0 turns a category off
   static void Configure(const std::string& config);              // "JX:7,JX_Purge:6"
   static void Write(const char* category, int level, const std::string& text);
-  // Routes traces to `sink` (empty: back to the file or standard error).
+  // Routes traces to `sink` (empty: back to the host's trace sink).
   using Sink = std::function<void(const char* category, int level, const std::string& text)>;
   static void SetSink(Sink sink);
   // Moves whenever the configuration changes; call sites compare it with their cached copy.

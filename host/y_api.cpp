@@ -1,11 +1,7 @@
-// The "Y_" host functions, answered from the StandaloneHost.
+// The "Y_" host functions: each answers through the services the host installed
+// (host/host_services.h).
 #include "host/y_api.h"
 
-#include <time.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <map>
 #include <mutex>
@@ -13,27 +9,14 @@
 #include <utility>
 
 #include "host/file.h"
-#include "host/standalone_host.h"
+#include "host/host_services.h"
 #include "host/text_encoding.h"
-#include "host/trace.h"
-
-using jx::HostReport;
-using jx::StandaloneHost;
 
 namespace {
 
+// Quiet-errors scopes and the notifying-lock marker are the calling thread's own.
 thread_local int tQuietErrorDepth = 0;
 thread_local int tNotifyingLockDepth = 0;
-
-void Report(HostReport::Kind kind, std::string text, int32_t code, int32_t severity = 0) {
-  HostReport report;
-  report.kind = kind;
-  report.text = std::move(text);
-  report.code = code;
-  report.severity = severity;
-  report.quiet = Y_AreErrorsQuietOnCurrentThread();
-  StandaloneHost::Instance().AddReport(std::move(report));
-}
 
 struct SuiteRegistry {
   std::mutex mutex;
@@ -52,35 +35,28 @@ constexpr int32_t kSuiteBadArgument = 2;
 }  // namespace
 
 int32_t Y_GetMemUsageLimits(uint64_t* memoryLimit, uint64_t* softLimit) {
-  StandaloneHost& host = StandaloneHost::Instance();
-  if (int32_t status = host.GetMemUsageLimitsStatus(); status != 0) return status;
-  const uint64_t limit = host.GetMemoryLimit();
-  // The standalone host has a single budget: its soft limit is the hard one.
-  if (memoryLimit != nullptr) *memoryLimit = limit;
-  if (softLimit != nullptr) *softLimit = limit;
-  return 0;
+  return jx::host::GetMemory().GetMemUsageLimits(memoryLimit, softLimit);
 }
 
 uint64_t Y_AmountAvailableBeforePurge() {
-  return StandaloneHost::Instance().GetAmountAvailableBeforePurge();
+  return jx::host::GetMemory().AmountAvailableBeforePurge();
 }
 
-uint64_t Y_AmountToPurge() { return StandaloneHost::Instance().GetAmountToPurge(); }
+uint64_t Y_AmountToPurge() { return jx::host::GetMemory().AmountToPurge(); }
 
-void Y_PurgeRecycledMemory(uint64_t bytes) {
-  StandaloneHost::Instance().NoteRecycledMemoryPurged(bytes);
-}
+void Y_PurgeRecycledMemory(uint64_t bytes) { jx::host::GetMemory().PurgeRecycledMemory(bytes); }
 
 void Y_ReportFailedVerification(const char* text) {
-  Report(HostReport::Kind::kFailedVerification, text != nullptr ? text : "", 0);
+  jx::host::GetReports().FailedVerification(text != nullptr ? text : "",
+                                            Y_AreErrorsQuietOnCurrentThread());
 }
 
 void Yp_ReportErrString(int32_t errorClass, int32_t severity, const std::u16string& text) {
-  Report(HostReport::Kind::kErrString, zelcore::utility::UTF16ToUTF8(text), errorClass, severity);
+  jx::host::GetReports().ErrorString(errorClass, severity, text, Y_AreErrorsQuietOnCurrentThread());
 }
 
 void Y_ReportError(int32_t /*a*/, int32_t /*b*/, const char* lstrKey) {
-  Report(HostReport::Kind::kError, zelcore::utility::UTF16ToUTF8(Y_ZLookupLStrCache(lstrKey)), 0);
+  jx::host::GetReports().Error(Y_ZLookupLStrCache(lstrKey), Y_AreErrorsQuietOnCurrentThread());
 }
 
 int32_t Y_TranslateAndReportException() {
@@ -108,7 +84,7 @@ int32_t Y_TranslateAndReportException() {
       text = "unknown exception";
     }
   }
-  Report(HostReport::Kind::kException, std::move(text), code);
+  jx::host::GetReports().Exception(code, text, Y_AreErrorsQuietOnCurrentThread());
   return code;
 }
 
@@ -123,9 +99,7 @@ void Y_EndQuietErrorsOnCurrentThread() {
 
 bool Y_AreErrorsQuietOnCurrentThread() { return tQuietErrorDepth > 0; }
 
-bool Y_IsOnMainThread() {
-  return zelcore::threads::CurrentThreadId() == StandaloneHost::Instance().GetMainThread();
-}
+bool Y_IsOnMainThread() { return jx::host::GetReports().IsOnMainThread(); }
 
 std::u16string Y_ZLookupLStrCache(const char* lstrKey) {
   if (lstrKey == nullptr) return std::u16string();
@@ -133,7 +107,7 @@ std::u16string Y_ZLookupLStrCache(const char* lstrKey) {
   const size_t eq = key.find('=');
   const std::string lookup = eq == std::string::npos ? key : key.substr(0, eq);
   std::u16string translated;
-  if (StandaloneHost::Instance().FindTranslation(lookup, &translated)) return translated;
+  if (jx::host::GetReports().Translate(lookup, &translated)) return translated;
   if (eq == std::string::npos) return zelcore::utility::UTF8ToUTF16(key);
 
   static constexpr std::string_view kRsquo = "#{rsquo}";
@@ -149,40 +123,16 @@ std::u16string Y_AsciiToUTF16String(const char* ascii) {
   return zelcore::utility::UTF8ToUTF16(ascii);
 }
 
-void* Y_AllocatePtrClear(int32_t /*heap*/, const char* /*tag*/, size_t size) {
-  if (StandaloneHost::Instance().ShouldFailAllocation()) return nullptr;
-  // glibc's calloc bypasses the per-thread cache that malloc serves small blocks from; the
-  // compute cache probes the allocator with a small block on every request.
-  constexpr size_t kSmallBlock = 1024;
-  if (size <= kSmallBlock) {
-    void* p = std::malloc(size != 0 ? size : 1);
-    if (p != nullptr) std::memset(p, 0, size);
-    return p;
-  }
-  return std::calloc(1, size);
+void* Y_AllocatePtrClear(int32_t /*heap*/, const char* tag, size_t size) {
+  return jx::host::GetMemory().AllocateCleared(size, tag);
 }
 
-void Y_DisposePtr(void* p) { std::free(p); }
+void Y_DisposePtr(void* p) { jx::host::GetMemory().FreeCleared(p); }
 
-uint64_t Y_MillisecondsSinceBoot() {
-  timespec ts{};
-#if defined(CLOCK_BOOTTIME)
-  clock_gettime(CLOCK_BOOTTIME, &ts);
-#else
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-#endif
-  return static_cast<uint64_t>(ts.tv_sec) * 1000u + static_cast<uint64_t>(ts.tv_nsec) / 1000000u;
-}
+uint64_t Y_MillisecondsSinceBoot() { return jx::host::GetClock().MillisecondsSinceBoot(); }
 
 void YLOG_Log(int level, const char* category, const char* shortText, const char* message) {
-  const char* cat = category != nullptr ? category : "";
-  if (!zelcore::debug::Tracing::IsEnabled(cat, level)) return;
-  std::string text = shortText != nullptr ? shortText : "";
-  if (message != nullptr && *message != '\0') {
-    if (!text.empty()) text += ": ";
-    text += message;
-  }
-  zelcore::debug::Tracing::Write(cat, level, text);
+  jx::host::GetReports().Log(level, category, shortText, message);
 }
 
 int32_t Y_VX_AddVXSuite(int32_t /*a*/, int32_t /*b*/, const char* name, int32_t version,
@@ -205,11 +155,10 @@ extern "C" int32_t Y_VX_AcquireVXSuite(const char* name, int32_t version, const 
 }
 
 void* Y_MemTrackedObject::operator new(size_t size) {
-  if (StandaloneHost::Instance().ShouldFailAllocation()) throw std::bad_alloc();
-  return ::operator new(size);
+  return jx::host::GetMemory().AllocateTracked(size);
 }
 
-void Y_MemTrackedObject::operator delete(void* p) noexcept { ::operator delete(p); }
+void Y_MemTrackedObject::operator delete(void* p) noexcept { jx::host::GetMemory().FreeTracked(p); }
 
 namespace Y {
 

@@ -1,7 +1,7 @@
 // The host utility functions (the "Y_" layer) the library calls: memory budget, error reports,
 // quiet-error scopes, main-thread test, localised strings, tagged allocation, time since boot,
-// the notifying-lock marker and plug-in suite publication. Standalone, each answers from the
-// StandaloneHost's policy (standalone_host.h). All are thread-safe.
+// the notifying-lock marker and plug-in suite publication. Each answers through the services the
+// host installed (host/host_services.h), or the library's defaults. All are thread-safe.
 #pragma once
 
 #include <cstddef>
@@ -11,6 +11,13 @@
 #include "y_vx_suite.h"
 
 #include "host/export.h"
+
+namespace jx {
+// Codes Y_TranslateAndReportException returns for exceptions that carry no code of their own.
+// Both are negative so that they can never be mistaken for an errno.
+inline constexpr int32_t kHostGenericErrorCode = -1;  // any other exception
+inline constexpr int32_t kHostOutOfMemoryCode = -2;   // std::bad_alloc
+}  // namespace jx
 
 // Memory budget. Y_GetMemUsageLimits returns 0 and the host's memory usage limit (and a second
 // limit, the host's soft limit), or a non-zero status.
@@ -22,7 +29,7 @@ JX_EXPORT uint64_t Y_AmountToPurge();
 // A purge freed `bytes`; the host may now give back its own recycled memory.
 JX_EXPORT void Y_PurgeRecycledMemory(uint64_t bytes);
 
-// Reports. All are recorded by the StandaloneHost (tests count them).
+// Reports, to the host's jx::host::Reports.
 JX_EXPORT void Y_ReportFailedVerification(const char* text);
 JX_EXPORT void Yp_ReportErrString(int32_t errorClass, int32_t severity, const std::u16string& text);
 // Reports the localised string `lstrKey` ("$$$/...=default text").

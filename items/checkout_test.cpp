@@ -4,9 +4,9 @@
 #include <thread>
 
 #include "bag/sort_dir.h"
-#include "host/standalone_host.h"
-#include "host/y_api.h"
 #include "common/failures.h"
+#include "host/y_api.h"
+#include "standalone/standalone_host.h"
 #include "testing/jx_test_support.h"
 
 namespace cf = jx::checkout_flags;

@@ -1,16 +1,16 @@
 // Pending items: waiting for a render another thread is doing, and completing it.
 #include <chrono>
-#include <thread>
 
 #include "bag/bag.h"
 #include "bag/library_lock.h"
+#include "common/settings.h"
 #include "disk/disk_hooks.h"
 #include "host/config.h"
+#include "host/host_services.h"
 #include "host/profiler.h"
 #include "host/trace.h"
 #include "host/y_api.h"
 #include "items/stuff.h"
-#include "common/settings.h"
 
 using zelcore::threads::ScopedUpgradeLockWrapper;
 using zelcore::threads::ScopedWriteLockWrapper;
@@ -37,7 +37,7 @@ void JX_Stuff::WaitForPendingCompletion() const {
   if (IsPendingFromThisThread()) return;
   ZC_PROFILE_SCOPE("KQ.JX_Stuff::WaitForPendingCompletion", 6);
   JX_GetStuffCounters().pendingWaits.fetch_add(1, std::memory_order_relaxed);
-  pendingGate_.WaitUntil(std::chrono::steady_clock::now() + kPendingWaitDeadline);
+  pendingGate_.WaitFor(kPendingWaitDeadline);
 }
 
 JX_Stuff::IntrusivePtr<JX_StuffData> JX_Stuff::GetDataWaitIfPending() const {
@@ -67,13 +67,13 @@ void JX_Stuff::SetStuffDataFromPendingRender_Impl(IntrusivePtr<JX_StuffData> dat
 
 void JX_Stuff::PauseBeforeFilling(bool skipBackPressure) {
   if (uint32_t sleepMs = jx::settings::DebugSleepTimeSetStuffDataMs()) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(sleepMs));
+    jx::host::GetClock().SleepFor(std::chrono::milliseconds(sleepMs));
   }
   // A renderer that outruns the disk writer is held back until the whole queue has drained,
   // not merely until it is under the threshold: that keeps writes in long, even batches.
   if (!skipBackPressure && JX_IsImprovedDiskCacheBehaviorFullyEnabled() &&
       JX_GetQueuedDiskWriteCount() > kBackPressureQueuedWrites && MaySleepForTheWriter()) {
-    while (JX_GetQueuedDiskWriteCount() > 0) std::this_thread::sleep_for(kBackPressureStep);
+    while (JX_GetQueuedDiskWriteCount() > 0) jx::host::GetClock().SleepFor(kBackPressureStep);
   }
 }
 

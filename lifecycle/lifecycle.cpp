@@ -6,13 +6,15 @@
 #include <new>
 
 #include "bag/bag.h"
-#include "compute/compute_suite.h"
 #include "bag/global_bag.h"
+#include "common/settings.h"
+#include "compute/compute_suite.h"
 #include "disk/disk_executor.h"
 #include "disk/disk_writer.h"
+#include "host/host_services.h"
+#include "host/media_manager.h"
 #include "host/y_api.h"
 #include "items/stuff_data.h"
-#include "common/settings.h"
 #include "mediamap/media_map_hooks.h"
 
 namespace {
@@ -48,10 +50,10 @@ void JX_Birth(bool mediaMapAllowed, unsigned int bagArgument, bool gfxpakLimitAl
   // Everything that allocates is made before anything changes, so that a start-up failing for
   // memory leaves the previous state (bag, executors, settings) whole.
   std::shared_ptr<JX_Bag> bag = MakeTrackedBag(bagArgument);
-  auto io = zelcore::threads::CreateIOBoundExecutor();
+  auto io = jx::host::GetThreads().CreateIOBoundExecutor(0);
   std::shared_ptr<zelcore::threads::Executor> diskExecutor =
       zelcore::threads::CreateSubExecutor(io, kDiskExecutorConcurrency);
-  auto idleIo = zelcore::threads::CreateIOBoundExecutor(1);
+  auto idleIo = jx::host::GetThreads().CreateIOBoundExecutor(1);
   auto idleDiskTask = std::make_shared<zelcore::threads::QueueOnlyOnce>(
       idleIo, [] { JX_RunIdleDiskTask(); }, kIdleDiskTaskDelayMs, 0);
 
@@ -73,7 +75,9 @@ void JX_Birth(bool mediaMapAllowed, unsigned int bagArgument, bool gfxpakLimitAl
   if (gfxpakLimit) {
     JX_MediaMapSetCacheLimit(jx::settings::CacheIdentity(), JX_GetMaxJXCacheSize());
   } else {
-    jx::settings::SetUseMediaMap(useMediaMapSetting && mediaMapAllowed);
+    // A host without a media manager has no pool to mirror into.
+    jx::settings::SetUseMediaMap(useMediaMapSetting && mediaMapAllowed &&
+                                 RV::GetMediaManager() != nullptr);
     if (jx::settings::UseMediaMap()) JX_MediaMapBirth();
   }
 }
@@ -101,4 +105,3 @@ unsigned long long JX_GetMediaMapSize() {
   if (!jx::settings::UseMediaMap()) return 0;
   return JX_MediaMapSizeBytes();
 }
-

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "host/executor.h"
-#include "host/standalone_host.h"
 #include "lifecycle/lifecycle.h"
+#include "standalone/standalone_host.h"
 
 namespace {
 

@@ -3,15 +3,15 @@
 #include <gtest/gtest.h>
 
 #include "bag/bag.h"
-#include "host/debug_database.h"
-#include "host/feature.h"
-#include "host/media_manager.h"
-#include "host/standalone_host.h"
+#include "common/settings.h"
 #include "items/sc_checkout.h"
 #include "items/stuff_data.h"
 #include "lifecycle/lifecycle.h"
-#include "common/settings.h"
 #include "mediamap/media_map_impl.h"
+#include "standalone/debug_database.h"
+#include "standalone/media_manager_pool.h"
+#include "standalone/standalone_host.h"
+#include "standalone/standalone_settings.h"
 #include "testing/jx_test_support.h"
 
 using zelcore::debug::DebugDatabase;
@@ -70,7 +70,7 @@ TEST(LifecycleTest, StartUpRefusedForMemoryChangesNothing) {
 TEST(LifecycleTest, StartUpChoosesBetweenTheGfxpakLimitAndTheMediaMap) {
   QuietHost();
   zelappsupport::feature::SetFeatureEnabled(kJX_GfxpakLimitFeature, true);
-  RV::MM::SetFixedMaxCacheSize(1000);
+  jx::standalone::MediaManagerPool()->SetFixedMaxCacheSize(1000);
   const struct {
     bool mediaMapAllowed, gfxpakAllowed, limit, mediaMap;
   } cases[] = {{true, true, true, false}, {false, false, false, false}, {true, false, false, true}};
@@ -88,7 +88,8 @@ TEST(LifecycleTest, StartUpChoosesBetweenTheGfxpakLimitAndTheMediaMap) {
     JX_GlobalBag()->AddToBagAndSortDir(item);
     EXPECT_EQ(JX_GetMediaMapSize(), c.mediaMap ? 10u : 0u);
     if (c.limit) {
-      auto limit = RV::GetMediaManager()->GetCacheMaxSize(jx::settings::CacheIdentity());
+      auto limit =
+          jx::standalone::MediaManagerPool()->GetCacheMaxSize(jx::settings::CacheIdentity());
       EXPECT_TRUE(limit && *limit == 100 && JX_GetMaxJXCacheSize() == 100);
       EXPECT_TRUE(JX_IsGlobalBagSizeAboveMinimum()) << "whatever the bag holds, under the limit";
     }
@@ -135,7 +136,7 @@ TEST(LifecycleTest, AnItemThatOutlivesARestartTakesItsSizesBackFromItsOwnBag) {
 TEST(LifecycleTest, ASecondStartUpDetachesTheFirstOnesMediaMap) {
   QuietHost();
   zelappsupport::feature::SetFeatureEnabled(kJX_GfxpakLimitFeature, true);
-  auto manager = RV::GetMediaManager();
+  auto manager = jx::standalone::MediaManagerPool();
   for (bool secondTakesGfxpakLimit : {false, true}) {
     JX_Birth(true, 1, false);
     auto first = jx::testing::MakeItem(10);

@@ -77,6 +77,8 @@ class MediaMap : public IMediaMap,
   MediaMap& operator=(const MediaMap&) = delete;
 
   const MediaMapID& GetMediaMapID() const override { return id_; }
+  // Tells the manager that made the map that the map is going away.
+  void UnregisterFromManager() { manager_->UnregisterMediaMap(id_); }
 
   // Stores `data` under `key` with the next entry ID (also written into `key`), then registers
   // the entry with the manager. Returns the ID.
@@ -184,7 +186,7 @@ class MediaMap : public IMediaMap,
 
   zelcore::threads::RecursiveMutex& Mutex() const { return mutex_; }
   std::atomic<const char*>& Holder() const { return holder_; }
-  const std::shared_ptr<MediaManager>& Manager() const { return manager_; }
+  const std::shared_ptr<IMediaManager>& Manager() const { return manager_; }
 
  private:
   struct Entry {
@@ -193,7 +195,7 @@ class MediaMap : public IMediaMap,
     std::atomic<uint32_t> nonPurgeable{0};
   };
 
-  const std::shared_ptr<MediaManager> manager_;
+  const std::shared_ptr<IMediaManager> manager_;
   const MediaMapID id_;
   mutable zelcore::threads::RecursiveMutex mutex_;
   mutable std::atomic<const char*> holder_{nullptr};

@@ -15,10 +15,10 @@ namespace {
 // calls the host's media manager under it. Nothing else takes it: the adapter is read through
 // an atomic handle, because a host may call its purges back under a lock of its own that
 // UnregisterMediaMap also takes, and a purge frees an item through the adapter.
-zelcore::threads::RecursiveMutex& MediaMapLock() {
-  static auto* mutex = new zelcore::threads::RecursiveMutex();
-  return *mutex;
-}
+// Made without allocating: start-up takes it after it has replaced the bag, where nothing may
+// fail any more.
+constinit zelcore::threads::RecursiveMutex gMediaMapLock;
+zelcore::threads::RecursiveMutex& MediaMapLock() { return gMediaMapLock; }
 std::atomic<std::shared_ptr<kq::JX_MediaMapImpl>> gAdapter;  // changed under MediaMapLock()
 
 // Flushes the adapter, unregisters it from the manager and drops the handle. Caller holds
@@ -27,7 +27,7 @@ void TearDownAdapterLocked() {
   const std::shared_ptr<kq::JX_MediaMapImpl> adapter = gAdapter.load();
   if (!adapter) return;
   adapter->FlushAll();
-  RV::GetMediaManager()->UnregisterMediaMap(adapter->GetMediaMapID());
+  adapter->UnregisterFromManager();
   gAdapter.store(nullptr);
 }
 
@@ -74,5 +74,5 @@ void JX_MediaMapDeath() {
 }
 
 void JX_MediaMapSetCacheLimit(const zelcore::utility::Guid& cacheIdentity, uint64_t bytes) {
-  RV::GetMediaManager()->SetCacheMaxSize(cacheIdentity, bytes);
+  if (auto manager = RV::GetMediaManager()) manager->SetCacheMaxSize(cacheIdentity, bytes);
 }

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "mediamap/mediamap_test_support.h"
+#include "standalone/standalone_host.h"
 
 namespace cf = jx::checkout_flags;
 using jx::testing::CheckMediaMapBooks;
@@ -36,7 +37,8 @@ TEST_F(MediaMapTest, HostPurgeRacingACheckinLeavesNoStaleEntry) {
   {
     JXp_ScLock lock;  // holds the host's purge just before it frees the item
     hostPurge = std::thread([&] {
-      RV::GetMediaManager()->PurgeEntry(adapter_->GetMediaMapID(), item->GetMediaMapID());
+      jx::standalone::MediaManagerPool()->PurgeEntry(adapter_->GetMediaMapID(),
+                                                     item->GetMediaMapID());
     });
     while (adapter_->GetNumEntries() != 0) std::this_thread::yield();
     item->Checkin(0, 0.0);
@@ -88,7 +90,7 @@ TEST_F(MediaMapTest, RendersHostPurgesAndCachePurgesTogether) {
 // big lock held: the cache never calls the manager with its own locks held, so neither can
 // close a cycle of locks.
 TEST_F(MediaMapTest, AHostThatPurgesInsideRegistrationsAndUnderItsOwnLockNeverDeadlocks) {
-  auto manager = RV::GetMediaManager();
+  auto manager = jx::standalone::MediaManagerPool();
   manager->SetPurgeDuringRegistration(true);
   manager->SetCallbacksUnderHostLock(true);
   {
@@ -106,7 +108,7 @@ TEST_F(MediaMapTest, AHostThatPurgesInsideRegistrationsAndUnderItsOwnLockNeverDe
 // inside its callback, while we, holding ours, mirror a new item. The host hears of the new item
 // only once we let go.
 TEST_F(MediaMapTest, AHostPurgeHoldingItsOwnLockNeverWaitsForAnAddThatWaitsForIt) {
-  auto manager = RV::GetMediaManager();
+  auto manager = jx::standalone::MediaManagerPool();
   manager->SetCallbacksUnderHostLock(true);
   auto victim = MakeItem(100);
   bag_->AddToBagAndSortDir(victim);
@@ -138,7 +140,7 @@ void RendersHostPurgesAndCachePurgesTogether(MediaMapTest& test) {
   constexpr int kRenderers = 3, kSlotsPerRenderer = 24, kRenderOps = 3000;
   constexpr int kHostOps = 1000, kPurgeOps = 400;
   const uint32_t seed = std::getenv("JX_SEED") ? std::atoi(std::getenv("JX_SEED")) : 2024;
-  auto manager = RV::GetMediaManager();
+  auto manager = jx::standalone::MediaManagerPool();
   std::atomic<int> violations{0};
   std::atomic<bool> renderersDone{false};
 

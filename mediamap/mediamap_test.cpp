@@ -10,6 +10,7 @@
 #include "bag/bag.h"
 #include "mediamap/media_map_hooks.h"
 #include "mediamap/mediamap_test_support.h"
+#include "standalone/standalone_host.h"
 
 namespace cf = jx::checkout_flags;
 using jx::testing::CheckMediaMapBooks;
@@ -36,10 +37,10 @@ TEST_F(MediaMapTest, MirrorsInMemoryItemsOnceAndRenewsTheirEntry) {
   EXPECT_EQ(adapter_->GetNumEntries(), 1u);
 
   const Guid oldGuid = item->GetMediaMapGuid();
-  const uint64_t notified = RV::GetMediaManager()->GetNotifyCount();
+  const uint64_t notified = jx::standalone::MediaManagerPool()->GetNotifyCount();
   EXPECT_TRUE(JX_MediaMapAddOrUpdate(item));
   EXPECT_FALSE(adapter_->Find(JX_MediaMapDataKey(oldGuid, 0)));
-  EXPECT_EQ(RV::GetMediaManager()->GetNotifyCount(), notified + 1);
+  EXPECT_EQ(jx::standalone::MediaManagerPool()->GetNotifyCount(), notified + 1);
   const uint64_t beforeCheckin = item->GetMediaMapID();
   ASSERT_EQ(item->Checkout(cf::kReadOnly), kJX_CheckedOut);
   item->Checkin(0, 0.0);
@@ -75,7 +76,7 @@ TEST_F(MediaMapTest, PurgesOfEntriesWithoutAnItemInTheBagFreeNothing) {
 // and our items alike, but never frees an item that is checked out or pinned. A pin does not
 // count: one MakePurgeable undoes any number of MakeNonPurgeable.
 TEST_F(MediaMapTest, HostPurgeFreesTheOldestButNeverACheckedOutOrPinnedItem) {
-  auto manager = RV::GetMediaManager();
+  auto manager = jx::standalone::MediaManagerPool();
   manager->AddHostMedia(100);  // the oldest entry of the pool
   std::vector<IntrusivePtr<JX_Stuff>> items;
   for (uint32_t i = 0; i < 4; ++i) {
@@ -114,7 +115,7 @@ TEST_F(MediaMapTest, RandomSequencesKeepTheTotalsExact) {
   const uint32_t seed = std::getenv("JX_SEED") ? std::atoi(std::getenv("JX_SEED")) : 7;
   std::cout << "seed " << seed << "\n";
   std::mt19937 rng(seed);
-  auto manager = RV::GetMediaManager();
+  auto manager = jx::standalone::MediaManagerPool();
   std::vector<IntrusivePtr<JX_Stuff>> held;
   std::vector<uint64_t> hostMedia;
   auto pick = [&](size_t n) { return std::uniform_int_distribution<size_t>(0, n - 1)(rng); };

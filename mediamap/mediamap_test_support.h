@@ -8,10 +8,10 @@
 #include <string>
 #include <thread>
 
-#include "host/media_manager.h"
-#include "host/standalone_host.h"
 #include "mediamap/manager_outbox.h"
 #include "mediamap/media_map_impl.h"
+#include "standalone/media_manager_pool.h"
+#include "standalone/standalone_host.h"
 #include "testing/jx_test_support.h"
 
 namespace jx::testing {
@@ -23,7 +23,7 @@ class MediaMapTest : public LibraryTest {
 
  protected:
   void Birth() override {
-    RV::GetMediaManager()->Reset();
+    jx::standalone::MediaManagerPool()->Reset();
     // A small host limit keeps the purge walk's floor (a tenth of it) out of the way.
     StandaloneHost::Instance().SetMemoryLimit(1000);
     JX_Birth(true, 1, false);
@@ -35,7 +35,7 @@ class MediaMapTest : public LibraryTest {
     LibraryTest::TearDown();
   }
   uint64_t ManagerBytes() const {
-    return RV::GetMediaManager()->GetBytesOfMap(adapter_->GetMediaMapID());
+    return jx::standalone::MediaManagerPool()->GetBytesOfMap(adapter_->GetMediaMapID());
   }
 
   std::shared_ptr<kq::JX_MediaMapImpl> adapter_;
@@ -69,7 +69,7 @@ inline std::string CheckMediaMapBooks(const kq::JX_MediaMapImpl& adapter, JX_Bag
     if (m.stuff->GetMediaMapID() != m.id) why << "entry " << m.id << " item has another ID; ";
     if (!items.insert(m.stuff.get()).second) why << "item mirrored twice; ";
   }
-  auto manager = RV::GetMediaManager();
+  auto manager = jx::standalone::MediaManagerPool();
   const auto managerIDs = manager->GetEntryIDsOfMap(adapter.GetMediaMapID());
   if (adapter.GetCacheSize() != recorded)
     why << "total " << adapter.GetCacheSize() << " != entries " << recorded << "; ";

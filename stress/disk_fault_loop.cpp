@@ -44,8 +44,8 @@
 #include "host/fault_injection.h"
 #include "host/file_utils.h"
 #include "host/safe_save.h"
-#include "host/standalone_host.h"
 #include "lifecycle/lifecycle.h"
+#include "standalone/standalone_host.h"
 #include "stress_common.h"
 #include "testing/keyed_payload.h"
 

@@ -40,11 +40,11 @@
 #include "disk/cache_file_name.h"
 #include "disk/disk_counters.h"
 #include "disk/disk_folder.h"
-#include "host/feature.h"
 #include "host/file_utils.h"
 #include "host/safe_save.h"
-#include "host/standalone_host.h"
 #include "lifecycle/lifecycle.h"
+#include "standalone/standalone_host.h"
+#include "standalone/standalone_settings.h"
 #include "stress_common.h"
 #include "testing/keyed_payload.h"
 

@@ -38,11 +38,11 @@
 #include "compute/compute_registry.h"
 #include "disk/disk_counters.h"
 #include "disk/disk_writer.h"
-#include "host/standalone_host.h"
 #include "host/y_api.h"
 #include "items/sc_checkout.h"
 #include "kqgp_compute_cache.h"
 #include "lifecycle/lifecycle.h"
+#include "standalone/standalone_host.h"
 #include "stress_common.h"
 #include "y_vx_suite.h"
 

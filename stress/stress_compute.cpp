@@ -21,9 +21,9 @@
 
 #include "bag/bag.h"
 #include "compute/compute_registry.h"
-#include "host/standalone_host.h"
 #include "kqgp_compute_cache.h"
 #include "lifecycle/lifecycle.h"
+#include "standalone/standalone_host.h"
 #include "stress_common.h"
 #include "y_vx_suite.h"
 

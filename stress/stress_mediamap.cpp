@@ -20,11 +20,11 @@
 #include <vector>
 
 #include "bag/bag.h"
-#include "host/media_manager.h"
-#include "host/standalone_host.h"
 #include "items/sc_checkout.h"
 #include "lifecycle/lifecycle.h"
 #include "mediamap/media_map_impl.h"
+#include "standalone/media_manager_pool.h"
+#include "standalone/standalone_host.h"
 #include "stress_common.h"
 
 namespace cf = jx::checkout_flags;
@@ -148,7 +148,7 @@ class Run {
   }
 
   void Host(jx::stress::Watchdog& watchdog, int wd) {
-    auto manager = RV::GetMediaManager();
+    auto manager = jx::standalone::MediaManagerPool();
     std::mt19937_64 rng(o_.seed + 100);
     std::vector<uint64_t> media;
     for (uint64_t i = 0; !renderersDone.load(); ++i) {
@@ -212,7 +212,7 @@ class Run {
         ++outOfBooks;
       }
     }
-    auto manager = RV::GetMediaManager();
+    auto manager = jx::standalone::MediaManagerPool();
     const auto& map = adapter_->GetMediaMapID();
     const auto managerIDs = manager->GetEntryIDsOfMap(map);
     violations.Check(adapter_->GetCacheSize() == recorded, "adapter total != sum of its entries");
@@ -266,7 +266,7 @@ int main(int argc, char** argv) {
   auto& host = jx::StandaloneHost::Instance();
   host.SetEchoReports(false);
   host.SetMemoryLimit(1000);  // keeps the purge walk's floor (a tenth of it) out of the way
-  auto manager = RV::GetMediaManager();
+  auto manager = jx::standalone::MediaManagerPool();
   manager->Reset();
   JX_Birth(true, 1, false);
   auto bag = JX_GlobalBag();

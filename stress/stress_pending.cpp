@@ -13,10 +13,10 @@
 #include <vector>
 
 #include "bag/bag.h"
-#include "host/standalone_host.h"
 #include "host/y_api.h"
 #include "items/sc_checkout.h"
 #include "lifecycle/lifecycle.h"
+#include "standalone/standalone_host.h"
 #include "stress_common.h"
 
 namespace cf = jx::checkout_flags;

@@ -12,9 +12,9 @@
 
 #include "bag/bag.h"
 #include "host/guid.h"
-#include "host/standalone_host.h"
 #include "items/stuff.h"
 #include "lifecycle/lifecycle.h"
+#include "standalone/standalone_host.h"
 
 namespace jx::testing {
 

@@ -2,9 +2,9 @@
 // Uses only the installed headers and what the library exports.
 #include <cstdio>
 
-#include "host/standalone_host.h"
-#include "lifecycle/lifecycle.h"
 #include "common/version.h"
+#include "lifecycle/lifecycle.h"
+#include "standalone/standalone_host.h"
 
 int main() {
   jx::StandaloneHost::Instance().SetMemoryLimit(uint64_t{64} << 20);

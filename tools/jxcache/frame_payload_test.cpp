@@ -7,9 +7,9 @@
 
 #include "disk/disk_counters.h"
 #include "host/byte_stream.h"
-#include "host/standalone_host.h"
 #include "items/checksummed_stream.h"
 #include "items/sc_checkout.h"
+#include "standalone/standalone_host.h"
 #include "tools/jxcache/frame_payload.h"
 #include "tools/jxcache/library_run.h"
 #include "tools/jxcache/tool_test_support.h"

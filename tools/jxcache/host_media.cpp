@@ -1,14 +1,15 @@
 #include "tools/jxcache/host_media.h"
 
-#include "lifecycle/lifecycle.h"
 #include "common/settings.h"
+#include "lifecycle/lifecycle.h"
 
 namespace jx::tool {
 namespace {
 constexpr int kPieces = 4;
 }  // namespace
 
-HostMedia::HostMedia(uint64_t budget, SessionResult* result) : manager_(RV::GetMediaManager()) {
+HostMedia::HostMedia(uint64_t budget, SessionResult* result)
+    : manager_(jx::standalone::MediaManagerPool()) {
   result->mediaMap = jx::settings::UseMediaMap()
                          ? Availability{true, ""}
                          : Availability{false, "the library did not turn the media map on"};

@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "host/media_manager.h"
+#include "standalone/media_manager_pool.h"
 #include "tools/jxcache/session.h"
 
 namespace jx::tool {

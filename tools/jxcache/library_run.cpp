@@ -1,9 +1,9 @@
 #include "tools/jxcache/library_run.h"
 
-#include "host/debug_database.h"
-#include "host/standalone_host.h"
-#include "lifecycle/lifecycle.h"
 #include "common/settings.h"
+#include "lifecycle/lifecycle.h"
+#include "standalone/debug_database.h"
+#include "standalone/standalone_host.h"
 #include "tools/jxcache/tool_error.h"
 
 namespace jx::tool {

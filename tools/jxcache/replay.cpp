@@ -8,8 +8,8 @@
 #include <iostream>
 
 #include "host/high_precision_time.h"
-#include "host/standalone_host.h"
 #include "items/stuff.h"
+#include "standalone/standalone_host.h"
 #include "tools/jxcache/library_run.h"
 #include "tools/jxcache/size_arg.h"
 #include "tools/jxcache/table.h"

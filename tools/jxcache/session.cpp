@@ -11,9 +11,9 @@
 #include <thread>
 
 #include "host/high_precision_time.h"
-#include "host/standalone_host.h"
 #include "items/sc_checkout.h"
 #include "lifecycle/lifecycle.h"
+#include "standalone/standalone_host.h"
 #include "tools/jxcache/frame_payload.h"
 #include "tools/jxcache/histogram_plugin.h"
 #include "tools/jxcache/host_media.h"

@@ -9,8 +9,8 @@
 #include "disk/disk_folder.h"
 #include "disk/disk_writer.h"
 #include "disk/performance_counters.h"
-#include "host/feature.h"
 #include "lifecycle/lifecycle.h"
+#include "standalone/standalone_settings.h"
 #include "tools/jxcache/tool_error.h"
 
 namespace fs = std::filesystem;

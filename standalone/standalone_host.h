@@ -1,5 +1,7 @@
 // StandaloneHost: the policy a real host application would own, for programs that run the
-// library without one (our tools, tests and benchmarks).
+// library without one (our tools, tests and benchmarks). Its first use installs the stand-in's
+// host services (memory budget, reports, settings, media manager, trace sink; host/
+// host_services.h): a program calls StandaloneHost::Instance() before JX_Birth.
 //
 // Defaults make a standalone program work: the memory limit is half the physical memory, the
 // amount available before purge is that limit, nothing is to be purged, the thread that first
@@ -12,16 +14,13 @@
 #include <string>
 #include <vector>
 
-#include "host/thread_id.h"
-
 #include "host/export.h"
+#include "host/thread_id.h"
+#include "host/y_api.h"
+
+class JX_Bag;
 
 namespace jx {
-
-// Codes Y_TranslateAndReportException returns for exceptions that carry no code of their own.
-// Both are negative so that they can never be mistaken for an errno.
-inline constexpr int32_t kHostGenericErrorCode = -1;  // any other exception
-inline constexpr int32_t kHostOutOfMemoryCode = -2;   // std::bad_alloc
 
 struct HostReport {
   enum class Kind { kFailedVerification, kErrString, kError, kException };
@@ -32,7 +31,7 @@ struct HostReport {
   bool quiet = false;
 };
 
-class JX_EXPORT StandaloneHost {
+class StandaloneHost {
  public:
   static StandaloneHost& Instance();
 
@@ -95,7 +94,7 @@ class JX_EXPORT StandaloneHost {
 
 // Sets Y_AmountToPurge on the calling thread for the life of the scope: "the host is over
 // budget by N bytes". Scopes nest; other threads keep seeing their own amount.
-class JX_EXPORT ScAmountToPurge {
+class ScAmountToPurge {
  public:
   explicit ScAmountToPurge(uint64_t bytes);
   ~ScAmountToPurge();
@@ -106,5 +105,9 @@ class JX_EXPORT ScAmountToPurge {
   bool previousSet_;
   uint64_t previous_;
 };
+
+// What a host does when it finds itself over its memory budget by `bytes`: it answers
+// Y_AmountToPurge() with `bytes` for the duration of one FreeUpSomeMemory call on `bag`.
+void PurgeOverBudget(JX_Bag& bag, unsigned long long bytes);
 
 }  // namespace jx

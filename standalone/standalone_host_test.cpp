@@ -1,5 +1,5 @@
 // The standalone host's policy and the Y_ functions that answer from it.
-#include "host/standalone_host.h"
+#include "standalone/standalone_host.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -1,27 +1,34 @@
-// The standalone host's policy object.
-#include "host/standalone_host.h"
+// The standalone host's policy object, and the host services it installs.
+#include "standalone/standalone_host.h"
 
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <deque>
 #include <map>
 #include <memory>
+#include <new>
 #include <optional>
 
+#include "bag/bag.h"
+#include "host/host_services.h"
+#include "host/text_encoding.h"
 #include "host/thread_annotations.h"
+#include "host/trace.h"
+#include "standalone/media_manager_pool.h"
+#include "standalone/standalone_settings.h"
 
 namespace jx {
 
 namespace {
 
 uint64_t DefaultMemoryLimit() {
-  long pages = sysconf(_SC_PHYS_PAGES);
-  long pageSize = sysconf(_SC_PAGE_SIZE);
-  if (pages <= 0 || pageSize <= 0) return uint64_t{1} << 30;  // unknown: assume a modest 1 GB
-  return static_cast<uint64_t>(pages) * static_cast<uint64_t>(pageSize) / 2;
+  uint64_t limit = 0;
+  jx::host::DefaultMemory().GetMemUsageLimits(&limit, nullptr);
+  return limit;
 }
 
 constexpr size_t kReportKinds = 4;
@@ -90,9 +97,134 @@ struct StandaloneHost::State {
   }
 };
 
+namespace {
+
+class StandaloneMemory final : public jx::host::MemoryBudget {
+ public:
+  explicit StandaloneMemory(StandaloneHost& host) : host_(host) {}
+  int32_t GetMemUsageLimits(uint64_t* limit, uint64_t* softLimit) override {
+    if (int32_t status = host_.GetMemUsageLimitsStatus(); status != 0) return status;
+    // The standalone host has a single budget: its soft limit is the hard one.
+    const uint64_t bytes = host_.GetMemoryLimit();
+    if (limit != nullptr) *limit = bytes;
+    if (softLimit != nullptr) *softLimit = bytes;
+    return 0;
+  }
+  uint64_t AmountAvailableBeforePurge() override { return host_.GetAmountAvailableBeforePurge(); }
+  uint64_t AmountToPurge() override { return host_.GetAmountToPurge(); }
+  void PurgeRecycledMemory(uint64_t bytes) override { host_.NoteRecycledMemoryPurged(bytes); }
+  void* AllocateCleared(size_t size, const char* tag) override {
+    if (host_.ShouldFailAllocation()) return nullptr;
+    return jx::host::DefaultMemory().AllocateCleared(size, tag);
+  }
+  void FreeCleared(void* p) override { jx::host::DefaultMemory().FreeCleared(p); }
+  void* AllocateTracked(size_t size) override {
+    if (host_.ShouldFailAllocation()) throw std::bad_alloc();
+    return ::operator new(size);
+  }
+  void FreeTracked(void* p) override { ::operator delete(p); }
+
+ private:
+  StandaloneHost& host_;
+};
+
+class StandaloneReports final : public jx::host::Reports {
+ public:
+  explicit StandaloneReports(StandaloneHost& host) : host_(host) {}
+  void FailedVerification(const std::string& text, bool quiet) override {
+    Add(HostReport::Kind::kFailedVerification, text, 0, 0, quiet);
+  }
+  void ErrorString(int32_t errorClass, int32_t severity, const std::u16string& text,
+                   bool quiet) override {
+    Add(HostReport::Kind::kErrString, zelcore::utility::UTF16ToUTF8(text), errorClass, severity,
+        quiet);
+  }
+  void Error(const std::u16string& text, bool quiet) override {
+    Add(HostReport::Kind::kError, zelcore::utility::UTF16ToUTF8(text), 0, 0, quiet);
+  }
+  void Exception(int32_t code, const std::string& text, bool quiet) override {
+    Add(HostReport::Kind::kException, text, code, 0, quiet);
+  }
+  bool IsOnMainThread() override {
+    return zelcore::threads::CurrentThreadId() == host_.GetMainThread();
+  }
+  bool Translate(const std::string& key, std::u16string* text) override {
+    return host_.FindTranslation(key, text);
+  }
+  // The host's log is its trace, category by category.
+  void Log(int level, const char* category, const char* shortText, const char* message) override {
+    const char* cat = category != nullptr ? category : "";
+    if (!zelcore::debug::Tracing::IsEnabled(cat, level)) return;
+    std::string text = shortText != nullptr ? shortText : "";
+    if (message != nullptr && *message != '\0') {
+      if (!text.empty()) text += ": ";
+      text += message;
+    }
+    zelcore::debug::Tracing::Write(cat, level, text);
+  }
+
+ private:
+  void Add(HostReport::Kind kind, std::string text, int32_t code, int32_t severity, bool quiet) {
+    HostReport report;
+    report.kind = kind;
+    report.text = std::move(text);
+    report.code = code;
+    report.severity = severity;
+    report.quiet = quiet;
+    host_.AddReport(std::move(report));
+  }
+  StandaloneHost& host_;
+};
+
+// Traces go to $JX_TRACE_FILE when it names a file, else to standard error.
+class StandaloneTraceSink final : public jx::host::TraceSink {
+ public:
+  StandaloneTraceSink() {
+    if (const char* path = std::getenv("JX_TRACE_FILE"); path != nullptr && *path != '\0') {
+      file_ = std::fopen(path, "a");
+    }
+  }
+  void Write(const char* category, int level, const std::string& text) override {
+    const std::string line =
+        "[" + std::string(category) + ":" + std::to_string(level) + "] " + text + "\n";
+    FILE* out = file_ != nullptr ? file_ : stderr;
+    std::fwrite(line.data(), 1, line.size(), out);
+    std::fflush(out);
+  }
+
+ private:
+  FILE* file_ = nullptr;
+};
+
+void InstallServices(StandaloneHost& host) {
+  // Never destroyed: the library may reach its host from static destructors.
+  static auto* memory = new StandaloneMemory(host);
+  static auto* reports = new StandaloneReports(host);
+  static auto* trace = new StandaloneTraceSink();
+  jx::host::Services services;
+  services.memory = memory;
+  services.reports = reports;
+  services.settings = &jx::standalone::StandaloneSettings::Instance();
+  services.mediaManager = jx::standalone::MediaManagerPool();
+  services.trace = trace;
+  // The clock, the threads and the file system stay the library's own (tests wrap the file
+  // system in fault injection themselves).
+  services.files = &jx::host::GetFiles();
+  jx::host::Install(services);
+  if (const char* config = std::getenv("JX_TRACE"); config != nullptr) {
+    zelcore::debug::Tracing::Configure(config);
+  }
+}
+
+}  // namespace
+
 StandaloneHost& StandaloneHost::Instance() {
   // Never destroyed: the library may consult the host from static destructors.
-  static StandaloneHost* host = new StandaloneHost();
+  static StandaloneHost* host = [] {
+    auto* h = new StandaloneHost();
+    InstallServices(*h);
+    return h;
+  }();
   return *host;
 }
 
@@ -278,3 +410,8 @@ ScAmountToPurge::~ScAmountToPurge() {
 }
 
 }  // namespace jx
+
+void jx::PurgeOverBudget(JX_Bag& bag, unsigned long long bytes) {
+  ScAmountToPurge overBudget(bytes);
+  bag.FreeUpSomeMemory(bytes);
+}

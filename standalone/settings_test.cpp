@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "host/debug_database.h"
-#include "host/feature.h"
 #include "host/profiler.h"
 #include "host/trace.h"
 #include "host/y_api.h"
+#include "standalone/debug_database.h"
+#include "standalone/standalone_settings.h"
 
 namespace {
 

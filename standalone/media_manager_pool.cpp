@@ -1,6 +1,6 @@
 // The stand-in media manager: a pool ordered by age, and the budget walk that hands entries back
 // to their owners without ever holding the manager's mutex across a call into an owner.
-#include "host/media_manager.h"
+#include "standalone/media_manager_pool.h"
 
 #include <algorithm>
 
@@ -234,10 +234,21 @@ std::optional<MediaManager::Victim> MediaManager::OldestCandidateLocked(
   return std::nullopt;
 }
 
-std::shared_ptr<MediaManager> GetMediaManager() {
-  // Never destroyed: maps may still let go of it from static destructors.
-  static auto* manager = new std::shared_ptr<MediaManager>(std::make_shared<MediaManager>());
-  return *manager;
+uint64_t MediaManager::GetFixedMaxCacheSize() {
+  return fixedMaxCacheSize_.load(std::memory_order_relaxed);
+}
+
+void MediaManager::SetFixedMaxCacheSize(uint64_t bytes) {
+  fixedMaxCacheSize_.store(bytes, std::memory_order_relaxed);
 }
 
 }  // namespace RV
+
+namespace jx::standalone {
+std::shared_ptr<RV::MediaManager> MediaManagerPool() {
+  // Never destroyed: maps may still let go of it from static destructors.
+  static auto* manager =
+      new std::shared_ptr<RV::MediaManager>(std::make_shared<RV::MediaManager>());
+  return *manager;
+}
+}  // namespace jx::standalone

@@ -1,6 +1,6 @@
 // The stand-in media manager: one pool, oldest first across the host's media and the maps'
 // entries, owners called without the manager's lock, pinned and dead owners' entries.
-#include "host/media_manager.h"
+#include "standalone/media_manager_pool.h"
 
 #include <gtest/gtest.h>
 
@@ -82,7 +82,8 @@ TEST(MediaManagerTest, DeadOwnersEntriesAreDroppedAndCacheLimitsKept) {
   EXPECT_FALSE(manager.GetCacheMaxSize(cache));
   manager.SetCacheMaxSize(cache, 12345);
   EXPECT_EQ(manager.GetCacheMaxSize(cache), 12345u);
-  EXPECT_EQ(RV::GetMediaManager(), RV::GetMediaManager()) << "one manager per process";
+  EXPECT_EQ(jx::standalone::MediaManagerPool(), jx::standalone::MediaManagerPool())
+      << "one manager per process";
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The settings database and the typed conversions of its texts.
-#include "host/debug_database.h"
+// The stand-in's settings database.
+#include "standalone/debug_database.h"
 
 #include <cctype>
 #include <cerrno>
@@ -22,11 +22,6 @@ std::string Trim(const std::string& text) {
   return text.substr(first, last - first + 1);
 }
 
-// The strto* functions skip leading white space; a setting must be the number and nothing else.
-bool StartsLikeNumber(const std::string& text) {
-  return !text.empty() && !std::isspace(static_cast<unsigned char>(text[0]));
-}
-
 }  // namespace
 
 DebugDatabase& DebugDatabase::Instance() {
@@ -46,6 +41,14 @@ std::string DebugDatabase::GetEntry(const std::string& name, const std::string& 
   ++lookups_[name];
   auto it = entries_.find(name);
   return it == entries_.end() ? defaultText : it->second;
+}
+
+std::optional<std::string> DebugDatabase::FindEntry(const std::string& name) const {
+  jx::MutexLock lock(mutex_);
+  ++lookups_[name];
+  auto it = entries_.find(name);
+  if (it == entries_.end()) return std::nullopt;
+  return it->second;
 }
 
 uint64_t DebugDatabase::LookupCount(const std::string& name) const {
@@ -87,47 +90,6 @@ bool DebugDatabase::LoadFile(const std::string& path) {
   jx::MutexLock lock(mutex_);
   for (auto& [name, value] : loaded) entries_[name] = std::move(value);
   return true;
-}
-
-bool ParseBoolSetting(const std::string& text) { return text == "true"; }
-
-int32_t ParseInt32Setting(const std::string& text, int32_t defaultValue) {
-  if (!StartsLikeNumber(text)) return defaultValue;
-  errno = 0;
-  char* end = nullptr;
-  long long v = std::strtoll(text.c_str(), &end, 10);
-  if (errno != 0 || end != text.c_str() + text.size()) return defaultValue;
-  if (v < std::numeric_limits<int32_t>::min() || v > std::numeric_limits<int32_t>::max()) {
-    return defaultValue;
-  }
-  return static_cast<int32_t>(v);
-}
-
-uint32_t ParseUInt32Setting(const std::string& text, uint32_t defaultValue) {
-  // strtoull accepts a sign and negates; a negative count is a mistake, not a huge number.
-  if (!StartsLikeNumber(text) || text.find('-') != std::string::npos) return defaultValue;
-  errno = 0;
-  char* end = nullptr;
-  unsigned long long v = std::strtoull(text.c_str(), &end, 10);
-  if (errno != 0 || end != text.c_str() + text.size()) return defaultValue;
-  if (v > std::numeric_limits<uint32_t>::max()) return defaultValue;
-  return static_cast<uint32_t>(v);
-}
-
-double ParseDoubleSetting(const std::string& text, double defaultValue) {
-  if (!StartsLikeNumber(text)) return defaultValue;
-  errno = 0;
-  char* end = nullptr;
-  double v = std::strtod(text.c_str(), &end);
-  if (end != text.c_str() + text.size()) return defaultValue;
-  if (!std::isfinite(v) || (errno == ERANGE && v != 0.0)) return defaultValue;
-  return v;
-}
-
-std::string FormatDoubleSetting(double value) {
-  char buffer[64];
-  std::snprintf(buffer, sizeof buffer, "%1.*lg", DBL_DECIMAL_DIG, value);
-  return buffer;
 }
 
 }  // namespace zelcore::debug
