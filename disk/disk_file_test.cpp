@@ -17,8 +17,8 @@
 #include "disk/disk_counters.h"
 #include "disk/disk_test_support.h"
 #include "disk/scan_one_file.h"
-#include "host/fault_injection.h"
 #include "items/sc_checkout.h"
+#include "testing/fault_injection.h"
 
 namespace cf = jx::checkout_flags;
 using jx::testing::FolderNames;

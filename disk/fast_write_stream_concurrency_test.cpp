@@ -10,7 +10,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "host/fault_injection.h"
+#include "testing/fault_injection.h"
 
 using jx::disk::FastWriteOnlyStream;
 using zelcore::filesupport::FaultInjection;

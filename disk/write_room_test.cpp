@@ -10,8 +10,8 @@
 #include "disk/disk_test_support.h"
 #include "disk/disk_writer.h"
 #include "disk/performance_counters.h"
-#include "host/fault_injection.h"
 #include "host/file_utils.h"
+#include "testing/fault_injection.h"
 
 using zelcore::filesupport::FaultInjection;
 using zelcore::filesupport::FileOp;

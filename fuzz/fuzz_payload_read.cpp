@@ -13,7 +13,7 @@
 #include "disk/disk_counters.h"
 #include "disk/scan_one_file.h"
 #include "fuzz_common.h"
-#include "host/fault_injection.h"
+#include "testing/fault_injection.h"
 
 using jx::testing::KeyedPayload;
 using zelcore::filesupport::FaultInjection;

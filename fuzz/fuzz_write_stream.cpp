@@ -23,7 +23,7 @@
 
 #include "disk/fast_write_stream.h"
 #include "fuzz_common.h"
-#include "host/fault_injection.h"
+#include "testing/fault_injection.h"
 
 using zelcore::filesupport::FaultInjection;
 using zelcore::filesupport::File;

@@ -17,13 +17,13 @@
 namespace zelcore::filesupport {
 namespace {
 
-using detail::CheckInjected;
+using detail::Fs;
 using detail::ThrowFileError;
 
 int OpenWithRetry(const std::string& path, int flags) {
   int fd;
   do {
-    fd = ::open(path.c_str(), flags | O_CLOEXEC);
+    fd = Fs().Open(path.c_str(), flags, 0);
   } while (fd < 0 && errno == EINTR);
   return fd;
 }
@@ -34,12 +34,8 @@ int OpenForWriting(const std::string& path, bool unbuffered, bool* direct) {
   *direct = false;
 #if defined(O_DIRECT)
   if (unbuffered) {
-    int err = FaultInjection::ShouldFail(FileOp::kOpen);
-    int fd = -1;
-    if (err == 0) {
-      fd = OpenWithRetry(path, O_WRONLY | O_TRUNC | O_DIRECT);
-      if (fd < 0) err = errno;
-    }
+    const int fd = OpenWithRetry(path, O_WRONLY | O_TRUNC | O_DIRECT);
+    const int err = fd < 0 ? errno : 0;
     if (fd >= 0) {
       *direct = true;
       return fd;
@@ -49,7 +45,6 @@ int OpenForWriting(const std::string& path, bool unbuffered, bool* direct) {
 #else
   (void)unbuffered;
 #endif
-  CheckInjected(FileOp::kOpen, path);
   const int fd = OpenWithRetry(path, O_WRONLY | O_TRUNC);
   if (fd < 0) ThrowFileError(errno, FileOp::kOpen, path);
 #if !defined(O_DIRECT) && defined(F_NOCACHE)
@@ -151,8 +146,8 @@ void OPlatformByteStream::WriteBlock(const void* data, size_t length) {
 
 bool OPlatformByteStream::LeaveDirectMode() {
 #if defined(O_DIRECT)
-  const int flags = ::fcntl(fd_, F_GETFL);
-  if (flags < 0 || ::fcntl(fd_, F_SETFL, flags & ~O_DIRECT) != 0) return false;
+  const int flags = Fs().GetStatusFlags(fd_);
+  if (flags < 0 || Fs().SetStatusFlags(fd_, flags & ~O_DIRECT) != 0) return false;
 #endif
   direct_ = false;
   return true;
@@ -168,18 +163,14 @@ void OPlatformByteStream::Close() {
   fd_ = -1;  // a failed Close is not retried: the stream is finished either way
   int err = 0;
   FileOp failed = FileOp::kTruncate;
-  if (finalLength_ >= 0) {
-    err = FaultInjection::ShouldFail(FileOp::kTruncate);
-    if (err == 0 && ::ftruncate(fd, static_cast<off_t>(finalLength_)) != 0) err = errno;
-  }
+  if (finalLength_ >= 0 && Fs().Truncate(fd, static_cast<off_t>(finalLength_)) != 0) err = errno;
   // Direct writes bypass the page cache but not the device's cache, and neither the writes that
   // grew the file nor the truncation have their new length on disk yet: sync either way.
   if (err == 0) {
     failed = FileOp::kFlush;
-    err = FaultInjection::ShouldFail(FileOp::kFlush);
-    if (err == 0) err = detail::SyncData(fd);
+    err = detail::SyncData(fd);
   }
-  if (::close(fd) != 0 && err == 0 && errno != EINTR) {
+  if (Fs().Close(fd) != 0 && err == 0 && errno != EINTR) {
     failed = FileOp::kFlush;  // close reports a late write-back error
     err = errno;
   }
@@ -189,16 +180,17 @@ void OPlatformByteStream::Close() {
 // ---- IPlatformByteStream ----
 
 IPlatformByteStream::IPlatformByteStream(const File& file) : path_(file.GetPath()) {
-  CheckInjected(FileOp::kOpen, path_);
   // Without blocking: a FIFO put where a file was expected would wait for a writer forever.
   fd_ = OpenWithRetry(path_, O_RDONLY | O_NONBLOCK);
   if (fd_ < 0) ThrowFileError(errno, FileOp::kOpen, path_);
   struct stat st {};
-  int err = ::fstat(fd_, &st) == 0 ? 0 : errno;
+  int err = Fs().FStat(fd_, &st) == 0 ? 0 : errno;
   if (err == 0 && !S_ISREG(st.st_mode)) err = EINVAL;  // a FIFO, device or socket
-  if (err == 0 && ::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) & ~O_NONBLOCK) != 0) err = errno;
+  if (err == 0 && Fs().SetStatusFlags(fd_, Fs().GetStatusFlags(fd_) & ~O_NONBLOCK) != 0) {
+    err = errno;
+  }
   if (err != 0) {
-    ::close(fd_);
+    Fs().Close(fd_);
     fd_ = -1;
     throw FileError(err, "open " + path_ + (err == EINVAL ? ": not a regular file" : ""));
   }
@@ -210,12 +202,11 @@ uint64_t IPlatformByteStream::Remaining() const {
 }
 
 IPlatformByteStream::~IPlatformByteStream() {
-  if (fd_ >= 0) ::close(fd_);
+  if (fd_ >= 0) Fs().Close(fd_);
 }
 
 size_t IPlatformByteStream::Read(void* data, size_t length) {
   if (length == 0) return 0;
-  if (length > 1 && FaultInjection::ShortReads()) --length;
   for (;;) {
     const ssize_t n = detail::ReadSome(fd_, data, length);
     if (n >= 0) {
@@ -227,9 +218,8 @@ size_t IPlatformByteStream::Read(void* data, size_t length) {
 }
 
 uint64_t IPlatformByteStream::Size() const {
-  CheckInjected(FileOp::kSize, path_);
   struct stat st {};
-  if (::fstat(fd_, &st) != 0) ThrowFileError(errno, FileOp::kSize, path_);
+  if (Fs().StatusOf(fd_, &st) != 0) ThrowFileError(errno, FileOp::kSize, path_);
   return static_cast<uint64_t>(st.st_size);
 }
 

@@ -5,9 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include "host/fault_injection.h"
 #include "host/file_test_support.h"
 #include "host/file_utils.h"
+#include "testing/fault_injection.h"
 
 namespace zelcore::filesupport {
 namespace {

@@ -1,6 +1,6 @@
-// Files and folders, POSIX-backed. A File or Dir is a path value; operations touch the disk and
-// report failures by throwing FileError carrying the errno. Every system call here goes through
-// the fault-injection layer (fault_injection.h) so that tests can make any of them fail.
+// Files and folders. A File or Dir is a path value; operations touch the disk through the host's
+// file system (jx::host::FileSystem, host/host_services.h: POSIX unless the host installs its
+// own) and report failures by throwing FileError carrying the errno.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +9,12 @@
 #include <vector>
 
 namespace zelcore::filesupport {
+
+// The file operations, as errors name them (and as a host that checks its file system counts
+// them: see jx::host::FileSystem).
+enum class FileOp { kCreate, kOpen, kWrite, kFlush, kTruncate, kRename, kSize, kDelete, kRead };
+constexpr int kFileOpCount = 9;
+const char* FileOpName(FileOp op);
 
 // A failed file operation: errno, the operation and the path.
 class FileError : public std::system_error {

@@ -1,34 +1,32 @@
-// Depth-first walk with one open directory stream per level.
+// Depth-first walk over the host's file system, one folder's names at a time.
 #include "host/file_iterator.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 
 #include <string_view>
 #include <vector>
 
+#include "host/host_services.h"
+
 namespace zelcore::filesupport {
 
 struct RecursiveFileIterator::Impl {
   struct Level {
-    DIR* dir;
+    std::vector<std::string> names;
+    size_t next = 0;
     Dir path;
   };
   std::vector<Level> stack;
 
   // An unreadable folder is left out of the walk rather than ending it.
   void Enter(const Dir& path) {
-    if (DIR* dir = ::opendir(path.GetPath().c_str())) stack.push_back(Level{dir, path});
+    Level level{{}, 0, path};
+    if (jx::host::GetFiles().ListDirectory(path.GetPath().c_str(), &level.names) == 0) {
+      stack.push_back(std::move(level));
+    }
   }
 
-  void Leave() {
-    ::closedir(stack.back().dir);
-    stack.pop_back();
-  }
-
-  ~Impl() {
-    while (!stack.empty()) Leave();
-  }
+  void Leave() { stack.pop_back(); }
 };
 
 namespace {
@@ -38,17 +36,13 @@ enum class Kind { kFile, kFolder, kOther };
 // Symbolic links count as what they point to, except that a linked folder is not entered: a
 // link back up the tree would make the walk endless, and a cache folder has no business
 // reaching into another tree.
-Kind Classify(const Dir& parent, const dirent& entry) {
-#if defined(_DIRENT_HAVE_D_TYPE) || defined(__APPLE__)
-  if (entry.d_type == DT_REG) return Kind::kFile;
-  if (entry.d_type == DT_DIR) return Kind::kFolder;
-  if (entry.d_type != DT_LNK && entry.d_type != DT_UNKNOWN) return Kind::kOther;
-#endif
-  const std::string path = parent.GetPath() + "/" + entry.d_name;
+Kind Classify(const Dir& parent, const std::string& name) {
+  jx::host::FileSystem& fs = jx::host::GetFiles();
+  const std::string path = parent.GetPath() + "/" + name;
   struct stat st {};
-  if (::lstat(path.c_str(), &st) != 0) return Kind::kOther;
+  if (fs.LStat(path.c_str(), &st) != 0) return Kind::kOther;
   if (S_ISDIR(st.st_mode)) return Kind::kFolder;
-  if (S_ISLNK(st.st_mode) && ::stat(path.c_str(), &st) != 0) return Kind::kOther;
+  if (S_ISLNK(st.st_mode) && fs.Stat(path.c_str(), &st) != 0) return Kind::kOther;
   return S_ISREG(st.st_mode) ? Kind::kFile : Kind::kOther;
 }
 
@@ -63,20 +57,19 @@ RecursiveFileIterator::~RecursiveFileIterator() = default;
 bool RecursiveFileIterator::Next(File* out) {
   auto& stack = impl_->stack;
   while (!stack.empty()) {
-    const dirent* entry = ::readdir(stack.back().dir);
-    if (entry == nullptr) {
+    Impl::Level& level = stack.back();
+    if (level.next == level.names.size()) {
       impl_->Leave();
       continue;
     }
-    const std::string_view name(entry->d_name);
-    if (name == "." || name == "..") continue;
-    const Dir parent = stack.back().path;
-    switch (Classify(parent, *entry)) {
+    const std::string name = level.names[level.next++];
+    const Dir parent = level.path;
+    switch (Classify(parent, name)) {
       case Kind::kFile:
-        *out = File(parent, std::string(name));
+        *out = File(parent, name);
         return true;
       case Kind::kFolder:
-        impl_->Enter(parent.Join(std::string(name)));
+        impl_->Enter(parent.Join(name));
         break;
       case Kind::kOther:
         break;

@@ -12,8 +12,8 @@
 
 #include <gtest/gtest.h>
 
-#include "host/fault_injection.h"
 #include "host/file.h"
+#include "testing/fault_injection.h"
 
 namespace zelcore::filesupport::testing {
 

@@ -1,4 +1,4 @@
-// File-system helpers over POSIX.
+// File-system helpers over the host's file system.
 #include "host/file_utils.h"
 
 #include <algorithm>
@@ -12,6 +12,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+
+#include "host/host_services.h"
 
 namespace zelcore::utility {
 namespace {
@@ -41,7 +43,7 @@ std::string ParentOf(const std::string& path) {
 bool StatVolume(const std::string& path, struct statvfs* out) {
   std::string p = StripTrailingSlashes(path.empty() ? "." : path);
   for (;;) {
-    if (::statvfs(p.c_str(), out) == 0) return true;
+    if (jx::host::GetFiles().VolumeStats(p.c_str(), out) == 0) return true;
     if (errno != ENOENT && errno != ENOTDIR) return false;
     const std::string parent = ParentOf(p);
     if (parent == p) return false;
@@ -54,18 +56,19 @@ void SetError(std::string* error, std::string text) {
 }
 
 bool MakeFolder(const std::string& path, std::string* error) {
+  jx::host::FileSystem& fs = jx::host::GetFiles();
   struct stat st {};
-  if (::stat(path.c_str(), &st) == 0) {
+  if (fs.Stat(path.c_str(), &st) == 0) {
     if (S_ISDIR(st.st_mode)) return true;
     SetError(error, "cannot create folder " + path + ": a file is in the way");
     return false;
   }
   const std::string parent = ParentOf(path);
   if (parent != path && !MakeFolder(parent, error)) return false;
-  if (::mkdir(path.c_str(), 0777) == 0) return true;
+  if (fs.MakeDirectory(path.c_str(), 0777) == 0) return true;
   const int err = errno;
   // Another thread or process may have made it in the meantime.
-  if (err == EEXIST && ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return true;
+  if (err == EEXIST && fs.Stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return true;
   SetError(error, "cannot create folder " + path + ": " + std::strerror(err));
   return false;
 }

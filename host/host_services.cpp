@@ -174,18 +174,8 @@ class PosixFileSystem final : public FileSystem {
   int Close(int fd) override { return ::close(fd); }
   int GetStatusFlags(int fd) override { return ::fcntl(fd, F_GETFL); }
   int SetStatusFlags(int fd, int flags) override { return ::fcntl(fd, F_SETFL, flags); }
-  int FileSize(const char* path, uint64_t* size) override {
-    struct stat st {};
-    if (::stat(path, &st) != 0) return -1;
-    *size = static_cast<uint64_t>(st.st_size);
-    return 0;
-  }
-  int FileSizeOf(int fd, uint64_t* size) override {
-    struct stat st {};
-    if (::fstat(fd, &st) != 0) return -1;
-    *size = static_cast<uint64_t>(st.st_size);
-    return 0;
-  }
+  int Status(const char* path, struct stat* st) override { return ::stat(path, st); }
+  int StatusOf(int fd, struct stat* st) override { return ::fstat(fd, st); }
   int Stat(const char* path, struct stat* st) override { return ::stat(path, st); }
   int FStat(int fd, struct stat* st) override { return ::fstat(fd, st); }
   int LStat(const char* path, struct stat* st) override { return ::lstat(path, st); }

@@ -166,10 +166,11 @@ class JX_EXPORT FileSystem {
   // fcntl(F_GETFL) / fcntl(F_SETFL): the status flags (O_DIRECT, O_NONBLOCK).
   virtual int GetStatusFlags(int fd) = 0;
   virtual int SetStatusFlags(int fd, int flags) = 0;
-  // The size of a file (stat(2) / fstat(2)), for reading it: kept apart from Stat, which only
-  // asks what is there.
-  virtual int FileSize(const char* path, uint64_t* size) = 0;
-  virtual int FileSizeOf(int fd, uint64_t* size) = 0;
+  // stat(2) / fstat(2) of a file the library is about to use (its size, its times), kept apart
+  // from Stat, FStat and LStat, which only ask what is there: a host that checks or counts
+  // file operations counts these.
+  virtual int Status(const char* path, struct stat* st) = 0;
+  virtual int StatusOf(int fd, struct stat* st) = 0;
   // stat(2), fstat(2), lstat(2).
   virtual int Stat(const char* path, struct stat* st) = 0;
   virtual int FStat(int fd, struct stat* st) = 0;

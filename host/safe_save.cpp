@@ -14,7 +14,6 @@
 namespace zelcore::filesupport {
 namespace {
 
-using detail::CheckInjected;
 using detail::ThrowFileError;
 
 // Shared by every thread of the process: together with the process ID it keeps temporary names
@@ -46,15 +45,13 @@ bool AllDigits(std::string_view s) {
 // cannot expose a target whose content is still only in the page cache.
 void SyncFile(const File& file) {
   const std::string& path = file.GetPath();
-  CheckInjected(FileOp::kOpen, path);
   int fd;
   do {
-    fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    fd = detail::Fs().Open(path.c_str(), O_RDONLY, 0);
   } while (fd < 0 && errno == EINTR);
   if (fd < 0) ThrowFileError(errno, FileOp::kOpen, path);
-  int err = FaultInjection::ShouldFail(FileOp::kFlush);
-  if (err == 0) err = detail::SyncData(fd);
-  ::close(fd);
+  const int err = detail::SyncData(fd);
+  detail::Fs().Close(fd);
   if (err != 0) ThrowFileError(err, FileOp::kFlush, path);
 }
 
@@ -79,7 +76,6 @@ void SafeSave::Commit(Sync sync) {
   try {
     if (sync == Sync::kNeeded) SyncFile(temp_);
     temp_.Rename(target_);
-    FaultInjection::Reached(CrashPoint::kRenamed);
   } catch (...) {
     DeleteQuietly(temp_);
     throw;

@@ -10,8 +10,8 @@
 #include <gtest/gtest.h>
 
 #include "host/byte_stream.h"
-#include "host/fault_injection.h"
 #include "host/file_test_support.h"
+#include "testing/fault_injection.h"
 
 namespace zelcore::filesupport {
 namespace {

@@ -41,12 +41,12 @@
 #include "disk/cache_file_name.h"
 #include "disk/disk_counters.h"
 #include "disk/disk_folder.h"
-#include "host/fault_injection.h"
 #include "host/file_utils.h"
 #include "host/safe_save.h"
 #include "lifecycle/lifecycle.h"
 #include "standalone/standalone_host.h"
 #include "stress_common.h"
+#include "testing/fault_injection.h"
 #include "testing/keyed_payload.h"
 
 using jx::testing::KeyedPayload;

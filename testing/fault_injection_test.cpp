@@ -1,5 +1,5 @@
 // Injected faults reach callers exactly as real ones would, at exactly the planned call.
-#include "host/fault_injection.h"
+#include "testing/fault_injection.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>

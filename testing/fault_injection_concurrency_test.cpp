@@ -1,5 +1,5 @@
 // The fault plan under concurrent callers: a one-off fault fires once, counts are exact.
-#include "host/fault_injection.h"
+#include "testing/fault_injection.h"
 
 #include <atomic>
 #include <thread>

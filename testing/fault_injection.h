@@ -1,9 +1,10 @@
-// Fault injection for the file layer (tests only). Every file operation of file.h, safe_save.h
-// and byte_stream.h asks ShouldFail before its system call; a planned fault makes the N-th call
-// of that operation fail with the chosen errno, once or from then on. A planned short transfer
-// makes the N-th write or read move only part of what was asked, as a device may. Short reads
-// (SetShortReads) make every read return at most one byte less than asked (never zero when
-// something was asked). The plan is process-wide and thread-safe.
+// Fault injection for the file layer (tests only): a host file system (jx::host::FileSystem)
+// that wraps the library's default one and is installed by the first use of FaultInjection (or
+// by Install). Every file operation asks ShouldFail before it reaches the real call; a planned
+// fault makes the N-th call of that operation fail with the chosen errno, once or from then on. A
+// planned short transfer makes the N-th write or read move only part of what was asked, as a device
+// may. Short reads (SetShortReads) make every read return at most one byte less than asked (never
+// zero when something was asked). The plan is process-wide and thread-safe.
 //
 // Crash points, for crash tests only: a planned kill makes the process kill itself with SIGKILL
 // the N-th time it reaches a point of a disk write, as a power cut or kill -9 would stop it
@@ -12,11 +13,9 @@
 
 #include <cstdint>
 
-namespace zelcore::filesupport {
+#include "host/file.h"
 
-enum class FileOp { kCreate, kOpen, kWrite, kFlush, kTruncate, kRename, kSize, kDelete, kRead };
-constexpr int kFileOpCount = 9;
-const char* FileOpName(FileOp op);
+namespace zelcore::filesupport {
 
 enum class CrashPoint {
   kCreated,   // a file was just created (a write's temporary, empty)
@@ -29,6 +28,9 @@ const char* CrashPointName(CrashPoint point);
 
 class FaultInjection {
  public:
+  // Puts the fault-injecting file system in place, around the library's default one. Every
+  // other method does so on first use; a program may call it up front, before the library runs.
+  static void Install();
   // Fails the nth call (1-based, counted from now) of `op` with `err`; with `persistent`, that
   // call and every later one fail.
   static void FailNth(FileOp op, uint64_t nth, int err, bool persistent = false);
@@ -46,11 +48,11 @@ class FaultInjection {
   static uint64_t CallCount(FileOp op);
   // Faults actually injected since the last Reset.
   static uint64_t InjectedCount();
-  // Called by the file layer: 0 to proceed, kShortTransfer (writes and reads only) to move
-  // fewer bytes, or the errno to fail with.
+  // Asked by the fault-injecting file system: 0 to proceed, kShortTransfer (writes and reads
+  // only) to move fewer bytes, or the errno to fail with.
   static int ShouldFail(FileOp op);
   static constexpr int kShortTransfer = -1;
-  // Called by the file layer where `point` is reached; returns only when no kill is due.
+  // Called where `point` is reached; returns only when no kill is due.
   static void Reached(CrashPoint point);
 };
 
