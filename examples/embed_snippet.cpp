@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -62,10 +63,10 @@ class HostMemory : public jx::host::MemoryBudget {
 class HostReports : public jx::host::Reports {
  public:
   void FailedVerification(const std::string& text, bool quiet) override { Print(text, quiet); }
-  void ErrorString(int32_t, int32_t, const std::u16string&, bool quiet) override {
-    Print("error", quiet);
+  void ErrorString(int32_t, int32_t, const std::u16string& text, bool quiet) override {
+    Print(Narrow(text), quiet);
   }
-  void Error(const std::u16string&, bool quiet) override { Print("error", quiet); }
+  void Error(const std::u16string& text, bool quiet) override { Print(Narrow(text), quiet); }
   void Exception(int32_t code, const std::string& text, bool quiet) override {
     Print(text + " (" + std::to_string(code) + ")", quiet);
   }
@@ -76,6 +77,12 @@ class HostReports : public jx::host::Reports {
   const std::thread::id mainThread = std::this_thread::get_id();
 
  private:
+  // Enough for the library's messages, which are ASCII but for a typographic apostrophe.
+  static std::string Narrow(const std::u16string& text) {
+    std::string out;
+    for (char16_t c : text) out += c < 0x80 ? static_cast<char>(c) : '\'';
+    return out;
+  }
   static void Print(const std::string& text, bool quiet) {
     if (!quiet) std::fprintf(stderr, "host: %s\n", text.c_str());
   }
@@ -203,6 +210,9 @@ int main(int argc, char** argv) {
     return 2;
   }
   const std::string cacheFolder = argv[1];
+  std::error_code ec;
+  std::filesystem::create_directories(cacheFolder,
+                                      ec);  // the preference names a folder that exists
   // [readme] start
   // At start-up: the host's services first, then the library.
   static HostMemory memory;  // they must outlive the library

@@ -13,11 +13,12 @@
 #include <memory>
 #include <vector>
 
+#include "host/export.h"
 #include "host/file.h"
 
 namespace zelcore::filesupport {
 
-class OByteStream {
+class JX_EXPORT OByteStream {
  public:
   virtual ~OByteStream() = default;
   virtual void Write(const void* data, size_t length) = 0;
@@ -26,7 +27,7 @@ class OByteStream {
   virtual void Close() {}
 };
 
-class IByteStream {
+class JX_EXPORT IByteStream {
  public:
   static constexpr uint64_t kUnknownLength = UINT64_MAX;
 
@@ -45,7 +46,7 @@ class IByteStream {
 
 // Bytes that cannot be what their writer wrote: a header that does not fit the stream, a
 // checksum that does not match. A reader throws it; the cache then treats the file as damaged.
-class CorruptDataError : public FileError {
+class JX_EXPORT CorruptDataError : public FileError {
  public:
   explicit CorruptDataError(const std::string& what);
 };

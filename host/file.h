@@ -8,23 +8,25 @@
 #include <system_error>
 #include <vector>
 
+#include "host/export.h"
+
 namespace zelcore::filesupport {
 
 // The file operations, as errors name them (and as a host that checks its file system counts
 // them: see jx::host::FileSystem).
 enum class FileOp { kCreate, kOpen, kWrite, kFlush, kTruncate, kRename, kSize, kDelete, kRead };
 constexpr int kFileOpCount = 9;
-const char* FileOpName(FileOp op);
+JX_EXPORT const char* FileOpName(FileOp op);
 
 // A failed file operation: errno, the operation and the path.
-class FileError : public std::system_error {
+class JX_EXPORT FileError : public std::system_error {
  public:
   FileError(int err, const std::string& what)
       : std::system_error(err, std::generic_category(), what) {}
   int Errno() const { return code().value(); }
 };
 // The file or folder does not exist (ENOENT).
-class FileNotFoundError : public FileError {
+class JX_EXPORT FileNotFoundError : public FileError {
  public:
   explicit FileNotFoundError(const std::string& what) : FileError(2, what) {}
 };
