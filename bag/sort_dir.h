@@ -22,7 +22,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <utility>
 
@@ -166,11 +165,7 @@ class JX_SortDir : public std::enable_shared_from_this<JX_SortDir> {
   void EraseNode(const StuffPtr& stuff);
   // Whether the item in the directory is filed under `guid` (it cannot be re-keyed while in it).
   static bool IsFiledUnder(const JX_Stuff& stuff, const zelcore::utility::Guid& guid) {
-    uint64_t w0, w1;
-    std::memcpy(&w0, guid.Bytes().data(), 8);
-    std::memcpy(&w1, guid.Bytes().data() + 8, 8);
-    return stuff.guidWords_[0].load(std::memory_order_relaxed) == w0 &&
-           stuff.guidWords_[1].load(std::memory_order_relaxed) == w1;
+    return stuff.key_.EqualsStable(guid);
   }
 
   std::unique_ptr<Shard[]> shards_;

@@ -20,8 +20,8 @@
 //                  data_ is written only at construction and when a pending item is completed,
 //                  before pending_ clears: once pending_ reads false, data_ is final and may be
 //                  read without the lock.
-//   guidSpin_ serialises writers of the GUID; readers never block: they re-read when the
-//   sequence word (guidSeq_) shows that a write overlapped their copy.
+//   key_ (the GUID and its hash) has a spin word of its own that serialises re-keying; readers
+//   never block: they copy again when a write overlapped their copy (items/seqlocked_guid.h).
 //   The library lock guards: the recency-set hook (mruHook_) and mruStamp_ (the stamp that
 //                  places the item there), and directory membership. mruBag_ is written holding
 //                  both the library lock and mutex_, so holding either is enough to read it and
@@ -46,6 +46,7 @@
 #include <boost/intrusive/list_hook.hpp>
 #include <boost/smart_ptr/shared_ptr.hpp>
 
+#include "common/jx_types.h"
 #include "host/export.h"
 #include "host/file.h"
 #include "host/guid.h"
@@ -55,7 +56,7 @@
 #include "host/signal.h"
 #include "host/striped_counter.h"
 #include "host/thread_id.h"
-#include "common/jx_types.h"
+#include "items/seqlocked_guid.h"
 #include "items/stuff_data.h"
 
 class JX_Bag;
@@ -376,12 +377,8 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // The members are grouped by use: what every check-out and check-in touches comes first, so
   // that a cache hit reads as few cache lines of the item as possible.
 
-  // Key: the GUID's sixteen bytes as two words and its directory hash, written under guidSpin_
-  // and read lock-free.
-  std::atomic<uint64_t> guidWords_[2] = {};
-  std::atomic<uint64_t> guidHash_;
-  std::atomic<uint32_t> guidSpin_{0};
-  std::atomic<uint32_t> guidSeq_{0};
+  // Key: the GUID and its directory hash, read without a lock (items/seqlocked_guid.h).
+  jx::SeqLockedGuid key_;
   mutable zelcore::threads::MultiTenantRecursiveMutex mutex_;
 
   // Check-out state.
