@@ -4,9 +4,9 @@
 
 #include "bag/bag.h"
 #include "bag/sort_dir.h"
+#include "common/failures.h"
 #include "host/profiler.h"
 #include "host/y_api.h"
-#include "common/failures.h"
 
 namespace cf = jx::checkout_flags;
 
@@ -137,19 +137,10 @@ JX_CheckoutResult JX_Bag::FindAndCheckout(const StuffPtr& request, int checkoutF
       match->Checkin(0, 0.0);
       return kJX_CheckoutRefused;
     }
-    // The file first: an item without one has nothing to read back, whatever its payload says.
-    if (!(checkoutFlags & cf::kNoDiskRead) && !match->IsPendingRender() &&
-        match->HasDiskCacheFile() && !match->IsInMemory()) {
-      bool ok = false;
-      try {
-        ok = match->EnsureInMemory();
-      } catch (...) {
-        ok = false;
-      }
-      if (!ok) {
-        match->Checkin(0, 0.0);
-        return kJX_CheckoutRefused;
-      }
+    // Unlike the item's own check-out, a search undoes a failed read with a check-in that renews
+    // the item's recency.
+    if (!(checkoutFlags & cf::kNoDiskRead) && !match->ReadBackOrUndoCheckout(0)) {
+      return kJX_CheckoutRefused;
     }
   }
   *found = std::move(match);

@@ -291,6 +291,10 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // Reads the payload back when the item is only on disk; true when it is usable now (in
   // memory, pending, or with nothing on disk to read). Never called under the library lock.
   bool ReadBackIfOnDiskOnly();
+  // The end of a check-out made with kNoDiskRead for a caller that wants the payload:
+  // ReadBackIfOnDiskOnly, and when the read fails the check-out is undone (checked in with
+  // `undoCheckinFlags`) and false returned.
+  bool ReadBackOrUndoCheckout(int undoCheckinFlags);
   // Checkin without taking a reference of its own: the caller keeps the item alive.
   void CheckinImpl(int flags, double computeTime);
   // The check-in of a read-only check-out that asks for nothing but the count and the recency:
@@ -319,9 +323,25 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // GetFindKeyData, telling whether the key is this item's final payload, which the item keeps
   // for as long as it lives (so a caller holding the item may give its own copy away anywhere).
   IntrusivePtr<JX_StuffData> GetFindKeyData(bool* keptByItem) const;
-  JX_CheckoutResult CheckoutLocked(int flags, zelcore::threads::ScopedUpgradeLockWrapper& up,
+  // The check-out under the caller's upgrade lock on this item (and, for a writeable one, the
+  // library lock), in steps: the search's request, the refusals that need no payload, the
+  // payload (read back from disk unless kNoDiskRead), the move out of the directory.
+  JX_CheckoutResult CheckoutLocked(int flags, const zelcore::threads::ScopedUpgradeLockWrapper& up,
                                    JXp_ScLock* libraryLock, JX_Bag* knownBag, bool* wasPending,
                                    const MatchRequest* match);
+  // Whether this item answers the search's request (and sets *match.matched), and, for a
+  // candidate found without the library lock, is still where the search found it.
+  bool AnswersRequestLocked(const MatchRequest& match);
+  // False when the item is writeable, checked out at all (`forWrite`), pending and the flags do
+  // not allow waiting for it (counted), rendered by the calling thread, or without a payload.
+  bool MayCheckOutLocked(int flags, bool forWrite, bool pending) const;
+  // Whether the payload can be handed out: in memory (read back first unless kNoDiskRead;
+  // `seenInMemory` skips asking), pending, accepted out of memory by the flags, or on disk for
+  // the caller to read back after the library lock.
+  bool PayloadUsableLocked(int flags, bool pending, bool seenInMemory);
+  // Takes the item out of the directory and marks it writeable, taking the write lock on top of
+  // the caller's upgrade lock.
+  void MakeWriteableLocked(const JXp_ScLock& libraryLock);
   // Checkout from inside `bag`'s own find, which keeps `bag` alive and holds the library lock:
   // the size sync can use it without looking the bag up.
   // `wasPending` (optional) tells whether the item was pending when it was checked out.
