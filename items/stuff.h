@@ -377,6 +377,16 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   void CheckoutNewPending();
   void TempRemoveFromSortDir(const JXp_ScLock& lock);
   void SetBagAndInMru(const std::weak_ptr<JX_Bag>& bag, JX_Bag* mruBag);
+  // The steps of PrepAndWrite (disk/prep_and_write.cpp): the write itself, which throws on
+  // failure and sets *claimed once it holds the item's one write in progress; the claims (the
+  // write in progress and the target's path, empty when there is nothing to write); and the
+  // link to the committed file, with its size counted.
+  void WriteDiskCacheFile(const std::shared_ptr<JX_Bag>& bag, bool* claimed);
+  std::shared_ptr<jx::disk::ClaimedFile> ClaimWrite(const zelcore::filesupport::File& target,
+                                                    const zelcore::filesupport::File& temp,
+                                                    bool* claimed);
+  void LinkWrittenFile(const zelcore::filesupport::File& target,
+                       std::shared_ptr<jx::disk::ClaimedFile> claim);
   // Disk decision of a check-in (disk/): flag 8 writes at once, a writeable check-in asks the
   // write-worthiness rule.
   void OfferToDiskAtCheckin(int flags, bool wasWriteable, double computeTime);
