@@ -390,6 +390,16 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // Disk decision of a check-in (disk/): flag 8 writes at once, a writeable check-in asks the
   // write-worthiness rule.
   void OfferToDiskAtCheckin(int flags, bool wasWriteable, double computeTime);
+  // One offer of MaybeWriteToDisk to the disk writer: the payload as it is, or a compressed copy
+  // (`compressedCopy`, judged at low priority). Says whether a write was queued, whether the
+  // worthiness rule turned it down, and whether only the queue's fullness did.
+  struct DiskOffer {
+    bool queued = false;
+    bool ruleSaidNo = false;
+    bool worthIfQueueEmpty = false;
+  };
+  DiskOffer OfferToDiskWriter(const IntrusivePtr<JX_Stuff>& self, bool compressedCopy,
+                              double computeTime, JX_StuffData& data);
   // Write policy and background writer (disk/write_policy.cpp, disk/disk_writer.cpp).
   bool WorthWritingToDiskCache(double computeTime, bool lowPriority, bool* cacheable,
                                bool* worthIfQueueEmpty, bool* lowPriorityForced) const;
