@@ -21,10 +21,12 @@ uint64_t EmptyGuidHash() {
 }
 }  // namespace
 
-JX_Stuff::JX_Stuff(IntrusivePtr<JX_StuffData> data, double computeTime, bool pending)
+JX_Stuff::JX_Stuff(IntrusivePtr<JX_StuffData> data, double computeTime, bool pending,
+                   IntrusivePtr<JX_StuffData> findKeyData)
     : key_(EmptyGuidHash()),
       pending_(pending),
       data_(std::move(data)),
+      findKeyData_(std::move(findKeyData)),
       lastUsedTime_(HighPrecisionTime::GetCurrentTimeStamp()),
       computeTime_(computeTime) {
   if (pending) pendingThread_ = zelcore::threads::CurrentThreadId();
@@ -38,10 +40,8 @@ JX_Stuff::IntrusivePtr<JX_Stuff> JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData> 
 
 JX_Stuff::IntrusivePtr<JX_Stuff> JX_Stuff::CreatePending(const Guid& guid,
                                                          IntrusivePtr<JX_StuffData> findKeyData) {
-  IntrusivePtr<JX_Stuff> stuff(new JX_Stuff({}, 0.0, true));
+  IntrusivePtr<JX_Stuff> stuff(new JX_Stuff({}, 0.0, true, std::move(findKeyData)));
   stuff->StoreGuid(guid);
-  stuff->findKeyData_ = std::move(findKeyData);
-  stuff->UpdateKeyIsFinalPayload();
   return stuff;
 }
 
@@ -95,7 +95,7 @@ JX_Stuff::IntrusivePtr<JX_StuffData> JX_Stuff::GetFindKeyData(bool* keptByItem) 
   // Every search asks its request for this: most requests are plain items whose key cannot
   // change any more.
   *keptByItem = keyIsFinalPayload_.load(std::memory_order_acquire);
-  if (*keptByItem) return data_;
+  if (*keptByItem) return FinalData();
   ScopedReadLockWrapper r(mutex_);
   return findKeyData_ ? findKeyData_ : data_;
 }

@@ -10,29 +10,38 @@
 // its bag and directory by weak pointer.
 //
 // Locks, in the only order they may be taken: the library lock (JXp_ScLock) -> this item's
-// reader/writer lock (mutex_) -> this item's GUID spin lock. Never take the library lock while
-// holding an item lock, and never wait (gate, sleep, executor) while holding either.
-//   mutex_ guards: data_, findKeyData_, writeable_, tempRemovedFromSortDir_, bag_, sortDir_,
+// reader/writer lock (mutex_) -> this item's GUID spin lock (inside key_). Never take the library
+// lock while holding an item lock, and never wait (gate, sleep, executor) while holding either.
+//   mutex_ guards (GUARDED_BY: written under the write lock, read under any mode): data_,
+//                  findKeyData_, writeable_, tempRemovedFromSortDir_, bag_, sortDir_,
 //                  computeTime_, diskFile_, memDiskChanged_, mediaMapGuid_, mediaMapID_,
 //                  pendingThread_. Directory membership (sortDir_, tempRemovedFromSortDir_ and
 //                  inSortDir_) changes under both the library lock and the write lock, which is
 //                  what lets a search without the library lock check it under this lock.
 //                  data_ is written only at construction and when a pending item is completed,
 //                  before pending_ clears: once pending_ reads false, data_ is final and may be
-//                  read without the lock.
+//                  read without the lock (FinalData(), the one read the analysis is told to
+//                  skip).
+//   mutex_'s owner role (the upgrade or write lock: one holder at a time) guards accountedIn_,
+//                  and is what the functions that move the check-out count and the accounted
+//                  sizes require.
 //   key_ (the GUID and its hash) has a spin word of its own that serialises re-keying; readers
-//   never block: they copy again when a write overlapped their copy (items/seqlocked_guid.h).
+//                  never block: they copy again when a write overlapped their copy
+//                  (items/seqlocked_guid.h).
 //   The library lock guards: the recency-set hook (mruHook_) and mruStamp_ (the stamp that
 //                  places the item there), and directory membership. mruBag_ is written holding
 //                  both the library lock and mutex_, so holding either is enough to read it and
-//                  use the bag (which clears it, under both, as it dies).
-//   Atomics (no lock): checkoutCount_, pending_, lastUsedTime_, the accounted sizes,
-//                      purgeState_, writeInProgress_, diskCheckouts_, taggedToWrite_.
+//                  use the bag (which clears it, under both, as it dies). These carry no
+//                  annotations: the library lock is not a capability the analysis knows.
+//   Atomics (no lock): checkoutCount_, pending_, inSortDir_, keyIsFinalPayload_, lastUsedTime_,
+//                      the accounted sizes (memSize_, checkedOutSize_, diskSize_), purgeState_,
+//                      writeInProgress_, diskCheckouts_, taggedToWrite_.
 //                      checkoutCount_ and the accounted sizes are read without a lock but written
 //                      only under mutex_'s upgrade or write lock, which has one holder at a time:
 //                      the hit path's writers use a load and a store, not an atomic
 //                      read-modify-write (the rarer ForgetAccountedSizes and SyncDiskSizeWithBag
 //                      keep their exchanges).
+// With Clang, -Wthread-safety checks the mutex_ part of this at compile time.
 //
 // The methods of one behaviour live in the folder that owns the behaviour: check-out and pending
 // in items/, bag membership and purging in bag/, disk files in disk/, the media map in mediamap/.
@@ -55,6 +64,7 @@
 #include "host/ref_counted.h"
 #include "host/signal.h"
 #include "host/striped_counter.h"
+#include "host/thread_annotations.h"
 #include "host/thread_id.h"
 #include "items/seqlocked_guid.h"
 #include "items/stuff_data.h"
@@ -135,7 +145,7 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // keeps it). The caller keeps the item alive. fn must not take item locks or the library lock.
   template <class Fn>
   auto VisitData(Fn&& fn) const {
-    if (!pending_.load(std::memory_order_acquire)) return fn(data_.get());
+    if (!pending_.load(std::memory_order_acquire)) return fn(FinalData().get());
     zelcore::threads::ScopedReadLockWrapper r(mutex_);
     return fn(data_.get());
   }
@@ -267,7 +277,12 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   struct SortDirHash;
   struct SortDirEqual;
 
-  JX_Stuff(IntrusivePtr<JX_StuffData> data, double computeTime, bool pending);
+  JX_Stuff(IntrusivePtr<JX_StuffData> data, double computeTime, bool pending,
+           IntrusivePtr<JX_StuffData> findKeyData = {});
+  // The payload, read without the lock by a caller that saw pending_ false or
+  // keyIsFinalPayload_ true (acquire): data_ is then written no more, for as long as the item
+  // lives. The analysis cannot see that, hence the exemption, kept to this one read.
+  const IntrusivePtr<JX_StuffData>& FinalData() const NO_THREAD_SAFETY_ANALYSIS { return data_; }
 
   // What a search asks of a candidate before checking it out: the request it must answer and
   // the compression state wanted. `matched` says whether the candidate answered it.
@@ -311,7 +326,7 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
     bool inMemory = false;
     MemDiskChangedSignal* signal = nullptr;
   };
-  DetachedDiskCopy DetachDiskCopyLocked(bool onlyIfInMemory);
+  DetachedDiskCopy DetachDiskCopyLocked(bool onlyIfInMemory) REQUIRES(mutex_);
   void DropDetachedDiskCopy(DetachedDiskCopy stale);
   // The steps of SetStuffDataFromPendingRender_Impl: the debugging pause and the back-pressure
   // behind the disk writer, then the completion that opens the gate.
@@ -319,7 +334,7 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   void CompletePending(IntrusivePtr<JX_StuffData> data, double computeTime);
   // For a candidate found without the library lock (caller holds this item's upgrade lock):
   // still in `bag`'s directory under `guid`, readable, in memory and not pending.
-  bool IsFindableUnlocked(const JX_Bag& bag, const Guid& guid) const;
+  bool IsFindableUnlocked(const JX_Bag& bag, const Guid& guid) const REQUIRES_SHARED(mutex_);
   // GetFindKeyData, telling whether the key is this item's final payload, which the item keeps
   // for as long as it lives (so a caller holding the item may give its own copy away anywhere).
   IntrusivePtr<JX_StuffData> GetFindKeyData(bool* keptByItem) const;
@@ -328,17 +343,18 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // payload (read back from disk unless kNoDiskRead), the move out of the directory.
   JX_CheckoutResult CheckoutLocked(int flags, const zelcore::threads::ScopedUpgradeLockWrapper& up,
                                    JXp_ScLock* libraryLock, JX_Bag* knownBag, bool* wasPending,
-                                   const MatchRequest* match);
+                                   const MatchRequest* match) REQUIRES_SHARED(mutex_)
+      REQUIRES(mutex_.OwnerRole());
   // Whether this item answers the search's request (and sets *match.matched), and, for a
   // candidate found without the library lock, is still where the search found it.
-  bool AnswersRequestLocked(const MatchRequest& match);
+  bool AnswersRequestLocked(const MatchRequest& match) REQUIRES_SHARED(mutex_);
   // False when the item is writeable, checked out at all (`forWrite`), pending and the flags do
   // not allow waiting for it (counted), rendered by the calling thread, or without a payload.
-  bool MayCheckOutLocked(int flags, bool forWrite, bool pending) const;
+  bool MayCheckOutLocked(int flags, bool forWrite, bool pending) const REQUIRES_SHARED(mutex_);
   // Whether the payload can be handed out: in memory (read back first unless kNoDiskRead;
   // `seenInMemory` skips asking), pending, accepted out of memory by the flags, or on disk for
   // the caller to read back after the library lock.
-  bool PayloadUsableLocked(int flags, bool pending, bool seenInMemory);
+  bool PayloadUsableLocked(int flags, bool pending, bool seenInMemory) REQUIRES_SHARED(mutex_);
   // Takes the item out of the directory and marks it writeable, taking the write lock on top of
   // the caller's upgrade lock.
   void MakeWriteableLocked(const JXp_ScLock& libraryLock);
@@ -355,22 +371,24 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   void ResyncMemorySize(JX_Bag* knownBag);
   // The exchange of the accounted sizes; the caller holds the item's upgrade or write lock, so
   // that no purge and no other sync interleaves between measuring and exchanging.
-  void SyncMemorySizeLocked(unsigned int newSize, JX_Bag* knownBag);
+  void SyncMemorySizeLocked(unsigned int newSize, JX_Bag* knownBag) REQUIRES_SHARED(mutex_)
+      REQUIRES(mutex_.OwnerRole());
   // After findKeyData_ or pending_ changed: under the write lock, or before the item is shared.
-  void UpdateKeyIsFinalPayload() {
+  void UpdateKeyIsFinalPayload() REQUIRES(mutex_) {
     keyIsFinalPayload_.store(!findKeyData_ && !pending_.load(std::memory_order_relaxed),
                              std::memory_order_release);
   }
   // Moves the check-out count by `step`; the caller holds the upgrade or write lock.
-  void StepCheckoutCountLocked(int step) {
+  void StepCheckoutCountLocked(int step) REQUIRES(mutex_.OwnerRole()) {
     checkoutCount_.store(checkoutCount_.load(std::memory_order_relaxed) + step,
                          std::memory_order_release);
   }
-  void MoveAccountedSizes(unsigned int newSize, unsigned int newCheckedOut, JX_Bag& bag);
+  void MoveAccountedSizes(unsigned int newSize, unsigned int newCheckedOut, JX_Bag& bag)
+      REQUIRES(mutex_.OwnerRole());
   // Before `bag` counts anything of this item: what the item counted in another bag goes back
   // to that bag (when it still exists), and its disk size joins `bag`. The caller holds the
   // item's upgrade or write lock.
-  void AccountIn(JX_Bag& bag);
+  void AccountIn(JX_Bag& bag) REQUIRES(mutex_.OwnerRole());
   // Takes the item's accounted memory sizes out of `bag`'s totals (the item leaves it).
   void ForgetAccountedSizes(JX_Bag& bag);
   // Hands a newly created pending item to its creator: checked out once, no wait.
@@ -411,7 +429,7 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   static void WriteToDiskAsync(IntrusivePtr<JX_Stuff> item,
                                boost::shared_ptr<JX_ScCheckout> checkout, bool flag);
   bool PurgeIfPossiblePrivate(const zelcore::threads::ScopedWriteLockWrapper& itemWriteLock,
-                              ReleaseQueue* toRelease);
+                              ReleaseQueue* toRelease) REQUIRES(mutex_);
   void StoreGuid(const Guid& guid);
 
   // The members are grouped by use: what every check-out and check-in touches comes first, so
@@ -423,16 +441,16 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
 
   // Check-out state.
   std::atomic<uint32_t> checkoutCount_{0};
-  bool writeable_ = false;
+  bool writeable_ GUARDED_BY(mutex_) = false;
   std::atomic<bool> pending_{false};
   // In a directory and not taken out for a writeable check-out: sortDir_ set and
   // tempRemovedFromSortDir_ clear. Written with them; readable without the lock.
   std::atomic<bool> inSortDir_{false};
-  zelcore::threads::ThreadId pendingThread_ = zelcore::threads::kNoThread;
+  zelcore::threads::ThreadId pendingThread_ GUARDED_BY(mutex_) = zelcore::threads::kNoThread;
 
   // Payload and request.
-  IntrusivePtr<JX_StuffData> data_;
-  IntrusivePtr<JX_StuffData> findKeyData_;
+  IntrusivePtr<JX_StuffData> data_ GUARDED_BY(mutex_);
+  IntrusivePtr<JX_StuffData> findKeyData_ GUARDED_BY(mutex_);
   // Set when the key is the payload for good: no find-key data, and not pending (data_ is
   // written only at construction and when a pending item is completed). Written under the write
   // lock after either changes; while it is set, data_ may be read without the lock.
@@ -444,16 +462,16 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // old global bag out of the new one. Written with the sizes, under the upgrade or write lock.
   std::atomic<uint32_t> memSize_{0};
   std::atomic<uint32_t> checkedOutSize_{0};
-  uint64_t accountedIn_ = 0;
+  uint64_t accountedIn_ GUARDED_BY(mutex_.OwnerRole()) = 0;
 
   // Bag and recency.
-  std::weak_ptr<JX_Bag> bag_;
+  std::weak_ptr<JX_Bag> bag_ GUARDED_BY(mutex_);
   std::atomic<uint64_t> lastUsedTime_;
   MruHook mruHook_;
   JX_Bag* mruBag_ = nullptr;  // the bag whose recency order links the item
   uint64_t mruStamp_ = 0;     // the time stamp that places it there (library lock)
   // The item's claim on its disk file (disk/claimed_file.h): a file belongs to one item.
-  std::shared_ptr<jx::disk::ClaimedFile> diskFile_;
+  std::shared_ptr<jx::disk::ClaimedFile> diskFile_ GUARDED_BY(mutex_);
 
   // Less frequently used: the rest of the disk and purge state, the directory link, the pending
   // gate, the media map.
@@ -462,13 +480,13 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   std::atomic<uint32_t> writeInProgress_{0};
   std::atomic<uint32_t> diskCheckouts_{0};
   std::atomic<bool> taggedToWrite_{false};
-  bool tempRemovedFromSortDir_ = false;
+  bool tempRemovedFromSortDir_ GUARDED_BY(mutex_) = false;
   zelcore::threads::OpenOnceGate pendingGate_;
-  double computeTime_ = 0.0;
-  std::weak_ptr<JX_SortDir> sortDir_;
-  std::unique_ptr<MemDiskChangedSignal> memDiskChanged_;
-  Guid mediaMapGuid_;
-  uint64_t mediaMapID_ = 0;
+  double computeTime_ GUARDED_BY(mutex_) = 0.0;
+  std::weak_ptr<JX_SortDir> sortDir_ GUARDED_BY(mutex_);
+  std::unique_ptr<MemDiskChangedSignal> memDiskChanged_ GUARDED_BY(mutex_);
+  Guid mediaMapGuid_ GUARDED_BY(mutex_);
+  uint64_t mediaMapID_ GUARDED_BY(mutex_) = 0;
 };
 
 // Process-wide counters of the check-out protocol. Every hit changes itemsCheckedOut twice, on
