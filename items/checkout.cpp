@@ -105,7 +105,7 @@ JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, const ScopedUpgradeLockWra
   return kJX_CheckedOut;
 }
 
-bool JX_Stuff::AnswersRequestLocked(const MatchRequest& match) {
+inline bool JX_Stuff::AnswersRequestLocked(const MatchRequest& match) {
   // No find-key data: the item answers any request for its GUID, as the base class does.
   const IntrusivePtr<JX_StuffData>& key = findKeyData_ ? findKeyData_ : data_;
   const bool compressed = key && key->IsCompressed();
@@ -121,7 +121,7 @@ bool JX_Stuff::AnswersRequestLocked(const MatchRequest& match) {
   return !match.unlockedIn || IsFindableUnlocked(*match.unlockedIn, *match.guid);
 }
 
-bool JX_Stuff::MayCheckOutLocked(int flags, bool forWrite, bool pending) const {
+inline bool JX_Stuff::MayCheckOutLocked(int flags, bool forWrite, bool pending) const {
   if (writeable_) return false;
   if (forWrite && checkoutCount_.load(std::memory_order_acquire) != 0) return false;
   const WaitDecision w = DecodeWait(flags);
@@ -136,7 +136,7 @@ bool JX_Stuff::MayCheckOutLocked(int flags, bool forWrite, bool pending) const {
   return !(pending && pendingThread_ == zelcore::threads::CurrentThreadId());
 }
 
-bool JX_Stuff::PayloadUsableLocked(int flags, bool pending, bool seenInMemory) {
+inline bool JX_Stuff::PayloadUsableLocked(int flags, bool pending, bool seenInMemory) {
   const bool onDisk = diskFile_ != nullptr;
   bool inMemory = seenInMemory || (data_ && data_->IsInMemory());
   if (!inMemory && onDisk && !(flags & cf::kNoDiskRead)) {

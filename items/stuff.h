@@ -345,16 +345,21 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
                                    JXp_ScLock* libraryLock, JX_Bag* knownBag, bool* wasPending,
                                    const MatchRequest* match) REQUIRES_SHARED(mutex_)
       REQUIRES(mutex_.OwnerRole());
+  // Its steps on every cache hit are always inlined (items/checkout.cpp alone calls them), so
+  // that a hit pays no calls for the check-out being written in steps.
   // Whether this item answers the search's request (and sets *match.matched), and, for a
   // candidate found without the library lock, is still where the search found it.
-  bool AnswersRequestLocked(const MatchRequest& match) REQUIRES_SHARED(mutex_);
+  [[gnu::always_inline]] inline bool AnswersRequestLocked(const MatchRequest& match)
+      REQUIRES_SHARED(mutex_);
   // False when the item is writeable, checked out at all (`forWrite`), pending and the flags do
   // not allow waiting for it (counted), rendered by the calling thread, or without a payload.
-  bool MayCheckOutLocked(int flags, bool forWrite, bool pending) const REQUIRES_SHARED(mutex_);
+  [[gnu::always_inline]] inline bool MayCheckOutLocked(int flags, bool forWrite, bool pending) const
+      REQUIRES_SHARED(mutex_);
   // Whether the payload can be handed out: in memory (read back first unless kNoDiskRead;
   // `seenInMemory` skips asking), pending, accepted out of memory by the flags, or on disk for
   // the caller to read back after the library lock.
-  bool PayloadUsableLocked(int flags, bool pending, bool seenInMemory) REQUIRES_SHARED(mutex_);
+  [[gnu::always_inline]] inline bool PayloadUsableLocked(int flags, bool pending, bool seenInMemory)
+      REQUIRES_SHARED(mutex_);
   // Takes the item out of the directory and marks it writeable, taking the write lock on top of
   // the caller's upgrade lock.
   void MakeWriteableLocked(const JXp_ScLock& libraryLock);
