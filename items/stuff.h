@@ -45,6 +45,8 @@
 //
 // The methods of one behaviour live in the folder that owns the behaviour: check-out and pending
 // in items/, bag membership and purging in bag/, disk files in disk/, the media map in mediamap/.
+// The plain accessors of the item's own fields live in items/stuff.cpp, whichever behaviour uses
+// them. Each section below names the files that define its methods.
 #pragma once
 
 #include <atomic>
@@ -91,7 +93,7 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   using MruHook = boost::intrusive::list_member_hook<
       boost::intrusive::link_mode<boost::intrusive::normal_link>>;
 
-  // ---- creation ------------------------------------------------------------------------------
+  // ---- creation (items/stuff.cpp) ------------------------------------------------------------
   // A ready item holding `data` (which may be empty), with the compute time it took.
   static IntrusivePtr<JX_Stuff> CreateNew(IntrusivePtr<JX_StuffData> data, double computeTime);
   // A pending item: no payload yet, gate closed, rendered by the calling thread; it answers
@@ -115,7 +117,7 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // Check-in then check-out under one hold of the library lock: nobody comes in between.
   JX_CheckoutResult CheckinAndCheckout(int checkinFlags, double computeTime, int checkoutFlags);
 
-  // ---- pending items (items/pending.cpp) -----------------------------------------------------
+  // ---- pending items (items/pending.cpp; IsPendingFromThisThread in items/stuff.cpp) ---------
   // Waits while the item is pending (at most 24 hours); returns at once for the thread that
   // renders it, which would otherwise wait for itself. Must not be called holding the library
   // lock or an item lock.
@@ -133,7 +135,7 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // Reads the payload back from the disk cache when it is not in memory; returns IsInMemory().
   bool EnsureInMemory();
 
-  // ---- state ---------------------------------------------------------------------------------
+  // ---- state (items/stuff.cpp) ---------------------------------------------------------------
   bool IsCheckedOutWriteable() const;
   uint32_t GetCheckoutCount() const { return checkoutCount_.load(std::memory_order_acquire); }
   void ThrowIfCheckedOutWriteable() const;
@@ -160,7 +162,7 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   uint64_t GetLastUsedTime() const { return lastUsedTime_.load(std::memory_order_acquire); }
   zelcore::threads::MultiTenantRecursiveMutex& GetMutex() const { return mutex_; }
 
-  // ---- key and directory (bag/sort_dir.cpp) --------------------------------------------------
+  // ---- key and directory (items/stuff.cpp; re-keying in bag/sort_dir.cpp) --------------------
   Guid GetGuid() const;
   // The GUID and its directory hash, read together (the hash is computed when the GUID is
   // stored, not on every search).
@@ -173,7 +175,8 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   std::shared_ptr<JX_SortDir> GetSortDir() const;
   bool IsInSortDir() const;
 
-  // ---- bag (bag/bag.cpp) ---------------------------------------------------------------------
+  // ---- bag -----------------------------------------------------------------------------------
+  // GetBag in items/stuff.cpp, joining and leaving in bag/sort_dir.cpp, the sizes in bag/bag.cpp.
   // The bag holding the item, or empty.
   std::shared_ptr<JX_Bag> GetBag() const;
   void AddToBagAndSortDir(const std::shared_ptr<JX_Bag>& bag);
@@ -201,7 +204,10 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // purge and is in memory (and, with `needsDiskCopy`, the item has a disk file).
   bool IsPurgeCandidate(bool needsDiskCopy) const;
 
-  // ---- disk cache (disk/) --------------------------------------------------------------------
+  // ---- disk cache ----------------------------------------------------------------------------
+  // Writing in disk/prep_and_write.cpp, reading in disk/prep_and_read.cpp, the file link and the
+  // pins in disk/stuff_disk_file.cpp, the speeds in disk/stuff_speed.cpp, the offers to the
+  // writer in disk/write_policy.cpp.
   // Writes the item's disk cache file if it has none (errors are caught and counted).
   void PrepAndWrite(const std::shared_ptr<JX_Bag>& bag);
   // Reads the payload back from the item's file; the caller holds the item's upgrade lock.
@@ -242,10 +248,10 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   };
   // A pin on the item's disk file, or empty when the item has none.
   std::unique_ptr<DiskCacheCheckoutScoper> CheckoutDiskCache(bool unused = false);
-  // The disk speed statistics (disk/disk_speed.cpp): averages and maxima of reads and writes,
-  // in bytes per second; the adjusted read speed is the average after the proclivity multiplier
-  // (and, for low priority, the low-priority factor), and that times the write queue's free
-  // fraction squared. Either output may be null.
+  // The disk speed statistics (disk/disk_speed.cpp, through disk/stuff_speed.cpp): averages and
+  // maxima of reads and writes, in bytes per second; the adjusted read speed is the average after
+  // the proclivity multiplier (and, for low priority, the low-priority factor), and that times the
+  // write queue's free fraction squared. Either output may be null.
   static double GetAverageDiskReadSpeed();
   static double GetAverageDiskWriteSpeed();
   static double GetMaxDiskReadSpeed();
@@ -260,7 +266,9 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   void ReconsiderWriteToDisk();
   MemDiskChangedSignal& GetMemDiskChangedSignal();
 
-  // ---- media map (mediamap/) -----------------------------------------------------------------
+  // ---- media map -----------------------------------------------------------------------------
+  // The GUID and ID accessors in items/stuff.cpp, PurgeFromMediaMap in
+  // mediamap/stuff_media_map.cpp.
   Guid GetMediaMapGuid() const;
   void SetMediaMapGuid(const Guid& guid);
   uint64_t GetMediaMapID() const;
