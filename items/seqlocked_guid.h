@@ -11,8 +11,9 @@
 // The sixteen bytes are kept as two 64-bit atomics so that a torn copy is a race the sequence
 // count detects, not undefined behaviour; the class is 32 bytes, one half of a cache line.
 //
-// Owned by value by its item (JX_Stuff). Any thread may call any method; Store may be called
-// by several threads at once, though the item protocol re-keys under the item's locks anyway.
+// Owned by value by its item (JX_Stuff). Any thread may call any method, Store included: two
+// threads re-keying at once take turns on the spin word (EqualsStable alone asks more of its
+// caller).
 #pragma once
 
 #include <array>
