@@ -176,6 +176,21 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
   // A read-only search's first try, without the library lock: checks out an in-memory, ready
   // item that answers the request, or returns false and leaves the decision to the locked search.
   bool FindReadOnlyUnlocked(const JX_Stuff& request, int checkoutFlags, StuffPtr* match);
+  // The rest of FindAndCheckout (bag/find_and_checkout.cpp), in steps. Under the library lock:
+  // checks out the first candidate that answers the request or, with kCreatePending and no
+  // pending match refused, creates the pending item; *match is left empty when neither happened.
+  JX_CheckoutResult FindOrCreateLocked(const JX_Stuff& request, int checkoutFlags, StuffPtr* match,
+                                       bool* matchWasPending, bool* createdPending);
+  // Tries the items filed under `guid` against `key`: uncompressed ones first, then, when the
+  // request accepts compression, compressed ones. *pendingMatchRefused: one answered but was
+  // pending, and the flags did not let the caller have it.
+  bool CheckoutFirstMatchLocked(const IntrusivePtr<JX_StuffData>& key,
+                                const zelcore::utility::Guid& guid, size_t hash, int checkoutFlags,
+                                StuffPtr* match, bool* matchWasPending, bool* pendingMatchRefused);
+  // After the library lock is released: waits for a pending match when the flags and the
+  // thread's locks allow, then reads the payload back from disk unless kNoDiskRead. False, with
+  // the check-out undone, when the render was abandoned or the read failed.
+  static bool FinishCheckoutOfMatch(JX_Stuff& match, int checkoutFlags, bool matchWasPending);
   void AddStuffGuts(const StuffPtr& stuff, const JXp_ScLock& lock, bool addToMediaMap);
   void RemoveStuffGuts(const StuffPtr& stuff, const JXp_ScLock& lock, bool removeFromMediaMap);
   void TrackLastPurgedUsedTime(unsigned long long usedTime);

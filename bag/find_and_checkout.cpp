@@ -4,9 +4,9 @@
 
 #include "bag/bag.h"
 #include "bag/sort_dir.h"
+#include "common/failures.h"
 #include "host/profiler.h"
 #include "host/y_api.h"
-#include "common/failures.h"
 
 namespace cf = jx::checkout_flags;
 
@@ -63,95 +63,97 @@ JX_CheckoutResult JX_Bag::FindAndCheckout(const StuffPtr& request, int checkoutF
   if (!found || !createdPending) jx::ThrowNullPtr("JX_Bag::FindAndCheckout output");
   found->reset();
   *createdPending = false;
-
-  StuffPtr match;
-  JX_CheckoutResult result = kJX_CheckoutRefused;
-  bool matchWasPending = false;
-  if ((checkoutFlags & cf::kReadOnly) && FindReadOnlyUnlocked(*request, checkoutFlags, &match)) {
+  if ((checkoutFlags & cf::kReadOnly) && FindReadOnlyUnlocked(*request, checkoutFlags, found)) {
     // Taken in memory and not pending; checked out, it stays so (a checked-out payload is never
     // purged, and an item is pending only from its creation). Nothing below applies.
-    *found = std::move(match);
     return kJX_CheckedOut;
-  } else {
-    JXp_ScLock lock;
-    ZC_PROFILE_SCOPE("KQ.JX_SortDir::FindAndCheckout 1 - post lock attempt", 7);
-    const auto key = request->GetFindKeyData();
-    const JX_CompressedAllowedOption option =
-        key ? key->GetCompressedAllowedOption() : kJX_CompressionNotAllowed;
-    const int rounds = option != kJX_CompressionNotAllowed ? 2 : 1;
-    size_t hash;
-    const auto guid = request->GetGuidAndHash(&hash);
-
-    // Candidates are copied first: a writeable check-out takes its item out of the directory.
-    // Plain pointers suffice while this thread holds the library lock: nothing leaves the
-    // directory meanwhile except through a writeable check-out made here, which keeps its own
-    // reference to the item (below).
-    boost::container::small_vector<JX_Stuff*, 4> candidates;
-    sortDir_->ForEachWithGuid(guid, hash, [&](const StuffPtr& s) {
-      candidates.push_back(s.get());
-      return true;
-    });
-    // Disk reads happen after the library lock is released (below), never under it.
-    const int lockedFlags = checkoutFlags | cf::kNoDiskRead;
-    const bool forWrite = !(checkoutFlags & cf::kReadOnly);
-    bool pendingMatchRefused = false;
-    for (int round = 0; round < rounds && !match; ++round) {
-      const bool wantCompressed = round == 1;
-      for (JX_Stuff* candidate : candidates) {
-        bool matched = false;
-        const JX_Stuff::MatchRequest request{&key, wantCompressed, &matched};
-        // Leaving the directory may drop its last reference to the item.
-        const StuffPtr held = forWrite ? StuffPtr(candidate) : StuffPtr();
-        // Its sizes are this bag's only while this bag's recency order links it.
-        JX_Bag* accountingBag = candidate->mruBag_ == this ? this : nullptr;
-        if (candidate->CheckoutInBag(lockedFlags, accountingBag, &matchWasPending, &request) ==
-            kJX_CheckedOut) {
-          match = StuffPtr(candidate);
-          result = kJX_CheckedOut;
-          break;
-        }
-        if (matched && candidate->IsPendingRender()) pendingMatchRefused = true;
-      }
-    }
-    // A key that is being rendered never gets a second pending item: that would compute it twice.
-    if (!match && (checkoutFlags & cf::kCreatePending) && !pendingMatchRefused) {
-      ZC_PROFILE_SCOPE("KQ.JX_SortDir.CreatePending", 7);
-      match = JX_Stuff::CreatePending(guid, key);
-      AddToBagAndSortDir(match);
-      match->CheckoutNewPending();
-      match->MaybeWriteToDisk();
-      result = kJX_CreatedPending;
-      *createdPending = true;
-    }
   }
+  StuffPtr match;
+  bool matchWasPending = false;
+  const JX_CheckoutResult result =
+      FindOrCreateLocked(*request, checkoutFlags, &match, &matchWasPending, createdPending);
   if (!match) return kJX_CheckoutRefused;
-
-  if (result == kJX_CheckedOut) {
-    if (match->IsPendingRender() && MayWaitForPending(checkoutFlags)) {
-      match->WaitForPendingCompletion();
-    }
-    // Checked whether or not we waited: the render may have been abandoned right after our
-    // check-out of the pending item, before we looked. An item that was not pending had its
-    // payload, and a checked-out item keeps it.
-    if (matchWasPending && !match->IsPendingRender() && !match->GetDataPtr()) {
-      match->Checkin(0, 0.0);
-      return kJX_CheckoutRefused;
-    }
-    // The file first: an item without one has nothing to read back, whatever its payload says.
-    if (!(checkoutFlags & cf::kNoDiskRead) && !match->IsPendingRender() &&
-        match->HasDiskCacheFile() && !match->IsInMemory()) {
-      bool ok = false;
-      try {
-        ok = match->EnsureInMemory();
-      } catch (...) {
-        ok = false;
-      }
-      if (!ok) {
-        match->Checkin(0, 0.0);
-        return kJX_CheckoutRefused;
-      }
-    }
+  if (result == kJX_CheckedOut && !FinishCheckoutOfMatch(*match, checkoutFlags, matchWasPending)) {
+    return kJX_CheckoutRefused;
   }
   *found = std::move(match);
   return result;
+}
+
+JX_CheckoutResult JX_Bag::FindOrCreateLocked(const JX_Stuff& request, int checkoutFlags,
+                                             StuffPtr* match, bool* matchWasPending,
+                                             bool* createdPending) {
+  JXp_ScLock lock;
+  ZC_PROFILE_SCOPE("KQ.JX_SortDir::FindAndCheckout 1 - post lock attempt", 7);
+  const auto key = request.GetFindKeyData();
+  size_t hash;
+  const auto guid = request.GetGuidAndHash(&hash);
+  bool pendingMatchRefused = false;
+  if (CheckoutFirstMatchLocked(key, guid, hash, checkoutFlags, match, matchWasPending,
+                               &pendingMatchRefused)) {
+    return kJX_CheckedOut;
+  }
+  // A key that is being rendered never gets a second pending item: that would compute it twice.
+  if (!(checkoutFlags & cf::kCreatePending) || pendingMatchRefused) return kJX_CheckoutRefused;
+  ZC_PROFILE_SCOPE("KQ.JX_SortDir.CreatePending", 7);
+  *match = JX_Stuff::CreatePending(guid, key);
+  AddToBagAndSortDir(*match);
+  (*match)->CheckoutNewPending();
+  (*match)->MaybeWriteToDisk();
+  *createdPending = true;
+  return kJX_CreatedPending;
+}
+
+bool JX_Bag::CheckoutFirstMatchLocked(const IntrusivePtr<JX_StuffData>& key,
+                                      const zelcore::utility::Guid& guid, size_t hash,
+                                      int checkoutFlags, StuffPtr* match, bool* matchWasPending,
+                                      bool* pendingMatchRefused) {
+  const JX_CompressedAllowedOption option =
+      key ? key->GetCompressedAllowedOption() : kJX_CompressionNotAllowed;
+  const int rounds = option != kJX_CompressionNotAllowed ? 2 : 1;
+  // Candidates are copied first: a writeable check-out takes its item out of the directory.
+  // Plain pointers suffice while this thread holds the library lock: nothing leaves the
+  // directory meanwhile except through a writeable check-out made here, which keeps its own
+  // reference to the item (below).
+  boost::container::small_vector<JX_Stuff*, 4> candidates;
+  sortDir_->ForEachWithGuid(guid, hash, [&](const StuffPtr& s) {
+    candidates.push_back(s.get());
+    return true;
+  });
+  // Disk reads happen after the library lock is released, never under it.
+  const int lockedFlags = checkoutFlags | cf::kNoDiskRead;
+  const bool forWrite = !(checkoutFlags & cf::kReadOnly);
+  for (int round = 0; round < rounds; ++round) {
+    for (JX_Stuff* candidate : candidates) {
+      bool matched = false;
+      const JX_Stuff::MatchRequest request{&key, /*wantCompressed=*/round == 1, &matched};
+      // Leaving the directory may drop its last reference to the item.
+      const StuffPtr held = forWrite ? StuffPtr(candidate) : StuffPtr();
+      // Its sizes are this bag's only while this bag's recency order links it.
+      JX_Bag* accountingBag = candidate->mruBag_ == this ? this : nullptr;
+      if (candidate->CheckoutInBag(lockedFlags, accountingBag, matchWasPending, &request) ==
+          kJX_CheckedOut) {
+        *match = StuffPtr(candidate);
+        return true;
+      }
+      if (matched && candidate->IsPendingRender()) *pendingMatchRefused = true;
+    }
+  }
+  return false;
+}
+
+bool JX_Bag::FinishCheckoutOfMatch(JX_Stuff& match, int checkoutFlags, bool matchWasPending) {
+  if (match.IsPendingRender() && MayWaitForPending(checkoutFlags)) {
+    match.WaitForPendingCompletion();
+  }
+  // Checked whether or not we waited: the render may have been abandoned right after our
+  // check-out of the pending item, before we looked. An item that was not pending had its
+  // payload, and a checked-out item keeps it.
+  if (matchWasPending && !match.IsPendingRender() && !match.GetDataPtr()) {
+    match.Checkin(0, 0.0);
+    return false;
+  }
+  // Unlike the item's own check-out, a search undoes a failed read with a check-in that renews
+  // the item's recency.
+  return (checkoutFlags & cf::kNoDiskRead) || match.ReadBackOrUndoCheckout(0);
 }

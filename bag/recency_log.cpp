@@ -41,15 +41,17 @@ struct Noted {
   uint64_t stamp;
 };
 
-// Notes a thread keeps before it applies them itself: bounds both the delay before an item's
-// move shows in the order and the memory the notes take.
-constexpr size_t kNotesPerThread = 256;
-
 // One thread's notes: a ring with one writer (the owning thread) and one reader (the applier,
 // under the registry mutex), so that taking a note needs no spin word or lock (the note's weak
-// reference is still one locked add). Slots
-// [applied, taken) hold notes; the owner fills a slot and then publishes it by moving `taken`,
-// the applier empties slots and then hands them back by moving `applied`.
+// reference is still one locked add). Slots [applied, taken) hold notes; the owner fills a slot
+// and then publishes it by moving `taken`, the applier empties slots and then hands them back
+// by moving `applied`. Each counter has one writer, so each side reads its own counter relaxed
+// and the other's with acquire, and moves its own with release:
+//   - the owner's release of `taken` and the applier's acquire of it: the applier reads a slot
+//     only after the owner finished writing it;
+//   - the applier's release of `applied` and the owner's acquire of it: the owner writes a slot
+//     again only after the applier finished emptying it (dropping its weak reference).
+// Only these two words are shared; the slots themselves are plain, handed over by the counters.
 struct Log {
   std::atomic<uint64_t> taken{0};    // written by the owner
   std::atomic<uint64_t> applied{0};  // written by the applier
@@ -89,6 +91,8 @@ Log::~Log() {
   Registry& r = TheRegistry();
   std::lock_guard<std::mutex> g(r.mutex);
   r.logs.erase(std::find(r.logs.begin(), r.logs.end(), this));
+  // Relaxed: this is the owner (a thread-local's destructor runs on its thread), and the registry
+  // mutex held here orders every applier's moves of `applied` before this.
   const uint64_t from = applied.load(std::memory_order_relaxed);
   const uint64_t to = taken.load(std::memory_order_relaxed);
   try {
@@ -158,6 +162,8 @@ void ApplyOne(Noted& note, const JXp_ScLock& lock, LetGo& letGo) {
 
 void Note(JX_Stuff& stuff, uint64_t stamp) noexcept {
   if (Log* log = MyLog()) {
+    // Relaxed: this thread is the only writer of `taken`. Acquire: the slots below `applied`
+    // were emptied before it moved (see Log).
     const uint64_t taken = log->taken.load(std::memory_order_relaxed);
     const uint64_t applied = log->applied.load(std::memory_order_acquire);
     // The log is applied when it fills up, unless that apply ran out of memory.
@@ -166,6 +172,7 @@ void Note(JX_Stuff& stuff, uint64_t stamp) noexcept {
       Noted& slot = log->Slot(taken);  // emptied by the applier before it handed the slot back
       slot.stuff = WeakPtr<JX_Stuff>(&stuff);
       slot.stamp = stamp;
+      // Release: publishes the slot to the applier's acquire of `taken`.
       log->taken.store(taken + 1, std::memory_order_release);
       if (taken + 1 - applied < kNotesPerThread) return;
     }
@@ -187,8 +194,11 @@ void ApplyAll(const JXp_ScLock& lock) {
   std::lock_guard<std::mutex> g(r.mutex);
   size_t count = r.orphans.size();
   for (Log* log : r.logs) {
+    // Relaxed: appliers are the only writers of `applied`, and the registry mutex makes them
+    // take turns.
     log->next = log->applied.load(std::memory_order_relaxed);
-    // Notes taken after this are left for the next apply.
+    // Acquire: the owner filled the slots below `taken` before it moved it. Notes taken after
+    // this are left for the next apply.
     log->end = log->taken.load(std::memory_order_acquire);
     count += log->end - log->next;
   }
@@ -218,6 +228,7 @@ void ApplyAll(const JXp_ScLock& lock) {
   // Every note left is of a live item (the reference taken above, or the bag's, keeps it), so
   // dropping them frees nothing. Each slot is emptied before its log's owner gets it back.
   for (Log* log : r.logs) {
+    // Relaxed as above. Release: the slots were emptied before the owner may fill them again.
     for (uint64_t n = log->applied.load(std::memory_order_relaxed); n < log->end; ++n) {
       log->Slot(n).stuff.reset();
     }

@@ -17,12 +17,17 @@
 // made at once rather than lost.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 class JX_Stuff;
 class JXp_ScLock;
 
 namespace jx::recency {
+
+// The notes a thread keeps before it applies them itself: bounds both the delay before an item's
+// move shows in the order and the memory the notes take.
+inline constexpr size_t kNotesPerThread = 256;
 
 // Notes that `stuff` was used at `stamp`, on behalf of the bag whose recency order links it.
 void Note(JX_Stuff& stuff, uint64_t stamp) noexcept;

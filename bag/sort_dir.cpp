@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "bag/bag.h"
-#include "host/profiler.h"
-#include "common/failures.h"
 #include "bag/global_bag.h"
+#include "common/failures.h"
+#include "host/profiler.h"
 
 using zelcore::threads::ScopedReadLockWrapper;
 using zelcore::threads::ScopedWriteLockWrapper;
@@ -81,7 +81,7 @@ void JX_SortDir::AddStuff(const StuffPtr& stuff) {
   {
     Shard& shard = ShardOf(hash);
     // Made before the spin word; the old slots are freed after the library lock.
-    std::unique_ptr<SoleIndex> grown = shard.sole.GrownForOneMore();
+    std::unique_ptr<jx::SoleItemTable> grown = shard.sole.GrownForOneMore();
     {
       ShardSpin spin(shard.spin);
       shard.items.insert(Entry{guid, hash, stuff});
@@ -155,83 +155,13 @@ void JX_SortDir::EraseNode(const StuffPtr& stuff) {
   }
   // Only changes, all under the library lock, write the table: this one may read it without the
   // spin. The old slots are freed after the library lock.
-  if (std::unique_ptr<SoleIndex> smaller = shard.sole.ShrunkIfSparse()) {
+  if (std::unique_ptr<jx::SoleItemTable> smaller = shard.sole.ShrunkIfSparse()) {
     {
       ShardSpin spin(shard.spin);
       shard.sole.Adopt(*smaller);
     }
     FreeOutsideLock(std::move(smaller));
   }
-}
-
-JX_SortDir::SoleIndex::SoleIndex() : SoleIndex(kInitialCapacity) {}
-
-JX_SortDir::SoleIndex::SoleIndex(size_t capacity)
-    : slots_(new Slot[capacity]()),
-      mask_(capacity - 1),
-      shift_(64 - static_cast<unsigned>(__builtin_ctzll(capacity))) {}
-
-std::unique_ptr<JX_SortDir::SoleIndex> JX_SortDir::SoleIndex::GrownForOneMore() const {
-  if ((used_ + 1) * 4 <= (mask_ + 1) * 3) return nullptr;
-  return std::unique_ptr<SoleIndex>(new SoleIndex((mask_ + 1) * 2));
-}
-
-std::unique_ptr<JX_SortDir::SoleIndex> JX_SortDir::SoleIndex::ShrunkIfSparse() const {
-  const size_t capacity = mask_ + 1;
-  if (capacity <= kInitialCapacity || used_ * 8 >= capacity) return nullptr;
-  // Half full at most afterwards: a few more adds do not grow it straight back.
-  size_t smaller = kInitialCapacity;
-  while (smaller < used_ * 2) smaller *= 2;
-  return std::unique_ptr<SoleIndex>(new SoleIndex(smaller));
-}
-
-void JX_SortDir::SoleIndex::Adopt(SoleIndex& resized) {
-  for (size_t i = 0; i <= mask_; ++i) {
-    const Slot& slot = slots_[i];
-    // Hashes are unique in a table: the slot found is the first free one of the probe run.
-    if (slot.item != kNone) resized.slots_[resized.SlotOf(slot.hash)] = slot;
-  }
-  resized.used_ = used_;
-  std::swap(*this, resized);
-}
-
-size_t JX_SortDir::SoleIndex::SlotOf(size_t hash) const {
-  size_t i = Home(hash);
-  while (slots_[i].item != kNone && slots_[i].hash != hash) i = (i + 1) & mask_;
-  return i;
-}
-
-void JX_SortDir::SoleIndex::Add(size_t hash, JX_Stuff* item) {
-  Slot& slot = slots_[SlotOf(hash)];
-  if (slot.item != kNone) {
-    slot.item = kSeveral;
-    return;
-  }
-  slot = Slot{hash, reinterpret_cast<uintptr_t>(item)};
-  ++used_;
-}
-
-void JX_SortDir::SoleIndex::Remove(size_t hash, size_t left, JX_Stuff* item) {
-  size_t i = SlotOf(hash);
-  if (slots_[i].item == kNone) return;
-  if (left != 0) {
-    slots_[i].item = left == 1 ? reinterpret_cast<uintptr_t>(item) : kSeveral;
-    return;
-  }
-  // Backward shift: every later slot of the probe run that may move into the hole does, so
-  // that a search never stops early at an empty slot and no tombstones pile up.
-  for (size_t j = i;;) {
-    j = (j + 1) & mask_;
-    if (slots_[j].item == kNone) break;
-    const size_t home = Home(slots_[j].hash);
-    // The entry at j may fill the hole at i when its home is not cyclically within (i, j].
-    const bool stays = i <= j ? (i < home && home <= j) : (i < home || home <= j);
-    if (stays) continue;
-    slots_[i] = slots_[j];
-    i = j;
-  }
-  slots_[i] = Slot{0, kNone};
-  --used_;
 }
 
 void JX_Stuff::TempRemoveFromSortDir(const JXp_ScLock& lock) {

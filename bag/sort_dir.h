@@ -13,22 +13,21 @@
 // word is a leaf: nothing else is taken, and no item is released, while it is held.
 //
 // Beside its set, each shard keeps a flat table from hash to item for the hashes that exactly
-// one of its entries has (SoleIndex). The set reaches an entry through three dependent reads
-// (the bucket, the node before the bucket's first, the node), each likely a cache miss on a
-// large directory; the table reaches the item through one. Hashes that several entries share
-// are marked in the table and searched in the set.
+// one of its entries has (bag/sole_item_table.h): a search reaches most items through one
+// dependent read instead of the set's three. The table is changed under the same library lock
+// and spin word as the set, and searched under the spin word.
 #pragma once
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <utility>
 
 #include <boost/unordered_set.hpp>
 
 #include "bag/library_lock.h"
+#include "bag/sole_item_table.h"
 #include "host/guid.h"
 #include "host/spin_word.h"
 #include "items/stuff.h"
@@ -92,60 +91,12 @@ class JX_SortDir : public std::enable_shared_from_this<JX_SortDir> {
   };
   using Set = boost::unordered_multiset<Entry, Hash, Equal>;
 
-  // Open addressing with linear probing, at most three quarters full. A slot holds a hash and
-  // either the one item filed under it (its address; the set's entry keeps the reference) or
-  // kSeveral.
-  class SoleIndex {
-   public:
-    static constexpr uintptr_t kNone = 0;
-    static constexpr uintptr_t kSeveral = 1;
-    static constexpr size_t kInitialCapacity = 16;
-
-    SoleIndex();
-    // kNone, kSeveral, or the address of the one item under `hash`.
-    uintptr_t Find(size_t hash) const {
-      for (size_t i = Home(hash);; i = (i + 1) & mask_) {
-        const Slot& slot = slots_[i];
-        if (slot.item == kNone || slot.hash == hash) return slot.item;
-      }
-    }
-    // A larger table when one more hash would make this one more than three quarters full, and a
-    // smaller one when this one is less than an eighth full (a directory that shrank should not
-    // keep probing, and missing the cache, across the table of its largest size); empty
-    // otherwise. Made without the shard's spin word, handed to Adopt under it.
-    std::unique_ptr<SoleIndex> GrownForOneMore() const;
-    std::unique_ptr<SoleIndex> ShrunkIfSparse() const;
-    // Takes over `resized`'s slots after copying this table's into them; `resized` keeps the old.
-    void Adopt(SoleIndex& resized);
-    // An entry with `hash` joined the set (there is room: see GrownForOneMore).
-    void Add(size_t hash, JX_Stuff* item);
-    // After an entry with `hash` left the set: `left` entries of the set still have it, and
-    // `item` is the one when left == 1.
-    void Remove(size_t hash, size_t left, JX_Stuff* item);
-
-   private:
-    struct Slot {
-      size_t hash;
-      uintptr_t item;
-    };
-    explicit SoleIndex(size_t capacity);
-    size_t Home(size_t hash) const {
-      return static_cast<size_t>(static_cast<uint64_t>(hash) * 0xD6E8FEB86659FD93ull >> shift_);
-    }
-    size_t SlotOf(size_t hash) const;
-
-    std::unique_ptr<Slot[]> slots_;
-    size_t mask_;
-    unsigned shift_;
-    size_t used_ = 0;
-  };
-
   // Changed under the library lock and `spin`; read under either. On its own cache line, so that
   // threads searching different shards share nothing.
   struct alignas(64) Shard {
     mutable std::atomic<uint32_t> spin{0};
     Set items;
-    SoleIndex sole;
+    jx::SoleItemTable sole;
   };
   static constexpr size_t kShardBits = 6;
   static constexpr size_t kShards = size_t{1} << kShardBits;
@@ -166,11 +117,7 @@ class JX_SortDir : public std::enable_shared_from_this<JX_SortDir> {
   void EraseNode(const StuffPtr& stuff);
   // Whether the item in the directory is filed under `guid` (it cannot be re-keyed while in it).
   static bool IsFiledUnder(const JX_Stuff& stuff, const zelcore::utility::Guid& guid) {
-    uint64_t w0, w1;
-    std::memcpy(&w0, guid.Bytes().data(), 8);
-    std::memcpy(&w1, guid.Bytes().data() + 8, 8);
-    return stuff.guidWords_[0].load(std::memory_order_relaxed) == w0 &&
-           stuff.guidWords_[1].load(std::memory_order_relaxed) == w1;
+    return stuff.key_.EqualsStable(guid);
   }
 
   std::unique_ptr<Shard[]> shards_;
@@ -197,8 +144,8 @@ void JX_SortDir::ForEachWithGuidUnlocked(const zelcore::utility::Guid& guid, siz
   const Shard& shard = ShardOf(hash);
   ShardSpin spin(shard.spin);
   const uintptr_t sole = shard.sole.Find(hash);
-  if (sole == SoleIndex::kNone) return;
-  if (sole != SoleIndex::kSeveral) {
+  if (sole == jx::SoleItemTable::kNone) return;
+  if (sole != jx::SoleItemTable::kSeveral) {
     JX_Stuff& stuff = *reinterpret_cast<JX_Stuff*>(sole);
     if (IsFiledUnder(stuff, guid)) fn(stuff);
     return;

@@ -13,7 +13,10 @@
 #include <vector>
 
 #include "bag/bag.h"
+#include "common/messages.h"
+#include "common/settings.h"
 #include "disk/cache_file_name.h"
+#include "disk/disk_executor.h"
 #include "disk/disk_speed.h"
 #include "host/feature.h"
 #include "host/file_iterator.h"
@@ -24,9 +27,6 @@
 #include "host/text_encoding.h"
 #include "host/trace.h"
 #include "host/y_api.h"
-#include "disk/disk_executor.h"
-#include "common/messages.h"
-#include "common/settings.h"
 
 using zelcore::filesupport::Dir;
 using zelcore::filesupport::File;
@@ -285,70 +285,93 @@ int JX_Bag::ScanDiskCacheDir() {
   return handed;
 }
 
+namespace {
+
+// What a folder-wide purge has deleted, and the paths of the files it left.
+struct PurgeTally {
+  int deleted = 0;
+  std::set<std::string> kept;
+};
+
+// Deletes `item`'s file through the item, so that the disk size stays exact. A file pinned by a
+// reader is kept. An item that lived only on disk has nothing left: it is let go.
+void DeleteThroughItem(const JX_Bag::StuffPtr& item, PurgeTally& tally) {
+  const File file = item->GetDiskCacheFile();
+  if (file.IsEmpty()) return;
+  if (item->GetNumDiskCacheCheckouts() != 0) {
+    tally.kept.insert(file.GetPath());
+    return;
+  }
+  item->DeleteDiskCacheFile();
+  if (file.Exists()) {
+    tally.kept.insert(file.GetPath());
+  } else {
+    ++tally.deleted;
+  }
+  if (!item->IsInMemory() && !item->IsPendingRender()) item->FreeUpAsMuchAsPossible(true, nullptr);
+}
+
+// The bag's items by the path of their file.
+std::map<std::string, JX_Bag::StuffPtr> ItemsByFile(const JX_Bag& bag) {
+  std::map<std::string, JX_Bag::StuffPtr> owners;
+  for (const JX_Bag::StuffPtr& item : bag.CopyMruItems()) {
+    const File file = item->GetDiskCacheFile();
+    if (!file.IsEmpty()) owners.emplace(file.GetPath(), item);
+  }
+  return owners;
+}
+
+// One name of the folder, after the pass through the items: a cache file of the running version
+// that an item owns now (a write committed meanwhile) goes through its item; any other cache file
+// is deleted as it is.
+void PurgeFolderEntry(const Dir& dir, const std::string& name, uint32_t appVersion,
+                      const std::map<std::string, JX_Bag::StuffPtr>& owners, PurgeTally& tally) {
+  if (!jx::disk::IsCacheFileName(name)) {
+    ZC_TRACE("JX", 6, "PurgeAllDiskCaches: ignoring:" << name);
+    return;
+  }
+  const File file = dir.GetFile(name);
+  if (tally.kept.count(file.GetPath())) return;
+  uint32_t version = 0;
+  if (jx::disk::ParseCacheFileVersion(name, &version) && version == appVersion) {
+    ZC_TRACE("JX", 6, "PurgeAllDiskCaches: found match curr" << name);
+    auto owner = owners.find(file.GetPath());
+    if (owner != owners.end()) {
+      DeleteThroughItem(owner->second, tally);
+      return;
+    }
+  }
+  try {
+    file.Delete();
+    ++tally.deleted;
+  } catch (...) {
+    if (file.Exists()) tally.kept.insert(file.GetPath());
+  }
+}
+
+}  // namespace
+
 JX_Bag::DiskPurgeResult JX_Bag::PurgeAllDiskCaches() {
   DiskPurgeResult result;
   const Dir dir = GetDiskCacheDirSpec();
   if (dir.IsEmpty()) return result;
   ZC_TRACE("JX", 5, "PurgeAllDiskCaches: staged to clear:" << dir.GetPath());
   std::lock_guard<std::mutex> scanLock(diskScanMutex_);
-  // The running version's files go through their items so that the disk size stays exact.
-  // A file pinned by a reader is kept.
-  std::set<std::string> kept;
-  auto deleteThroughItem = [&](const StuffPtr& item) {
-    const File file = item->GetDiskCacheFile();
-    if (file.IsEmpty()) return;
-    if (item->GetNumDiskCacheCheckouts() != 0) {
-      kept.insert(file.GetPath());
-      return;
-    }
-    item->DeleteDiskCacheFile();
-    if (file.Exists()) {
-      kept.insert(file.GetPath());
-    } else {
-      ++result.deleted;
-    }
-    // An item that lived only on disk has nothing left: let it go.
-    if (!item->IsInMemory() && !item->IsPendingRender())
-      item->FreeUpAsMuchAsPossible(true, nullptr);
-  };
+  PurgeTally tally;
   try {
-    for (const StuffPtr& item : CopyMruItems()) deleteThroughItem(item);
+    // The running version's files go through their items so that the disk size stays exact.
+    for (const StuffPtr& item : CopyMruItems()) DeleteThroughItem(item, tally);
     // What is left: other versions' files, this version's files no item owns (another
     // process's), and files a write committed meanwhile.
     const std::vector<std::string> names = dir.ListNames();
-    std::map<std::string, StuffPtr> owners;
-    for (const StuffPtr& item : CopyMruItems()) {
-      const File file = item->GetDiskCacheFile();
-      if (!file.IsEmpty()) owners.emplace(file.GetPath(), item);
-    }
-    for (const std::string& name : names) {
-      if (!jx::disk::IsCacheFileName(name)) {
-        ZC_TRACE("JX", 6, "PurgeAllDiskCaches: ignoring:" << name);
-        continue;
-      }
-      const File file = dir.GetFile(name);
-      if (kept.count(file.GetPath())) continue;
-      uint32_t version = 0;
-      if (jx::disk::ParseCacheFileVersion(name, &version) && version == appVersion_) {
-        ZC_TRACE("JX", 6, "PurgeAllDiskCaches: found match curr" << name);
-        auto owner = owners.find(file.GetPath());
-        if (owner != owners.end()) {
-          deleteThroughItem(owner->second);
-          continue;
-        }
-      }
-      try {
-        file.Delete();
-        ++result.deleted;
-      } catch (...) {
-        if (file.Exists()) kept.insert(file.GetPath());
-      }
-    }
+    const std::map<std::string, StuffPtr> owners = ItemsByFile(*this);
+    for (const std::string& name : names) PurgeFolderEntry(dir, name, appVersion_, owners, tally);
     jx::disk::DeleteLeftoverTempFiles(dir, jx::disk::kLeftoverTempAgeSeconds);
     ZC_TRACE("JX", 5, "PurgeAllDiskCaches: Finished\n");
   } catch (...) {
     ZC_TRACE("JX", 1, "PurgeAllDiskCaches THREW");
   }
-  result.kept = static_cast<int>(kept.size());
+  result.deleted = tally.deleted;
+  result.kept = static_cast<int>(tally.kept.size());
   return result;
 }

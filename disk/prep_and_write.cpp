@@ -28,7 +28,6 @@
 
 using zelcore::filesupport::File;
 using zelcore::filesupport::SafeSave;
-using zelcore::threads::ScopedReadLockWrapper;
 using zelcore::threads::ScopedWriteLockWrapper;
 using zelcore::utility::IntrusivePtr;
 
@@ -102,56 +101,7 @@ void JX_Stuff::PrepAndWrite(const std::shared_ptr<JX_Bag>& bag) {
   auto& counters = jx::disk::GetCounters();
   bool claimed = false;
   try {
-    IntrusivePtr<JX_StuffData> data;
-    {
-      ScopedReadLockWrapper r(mutex_);
-      data = data_;
-    }
-    const zelcore::utility::Guid guid = GetGuid();
-    VerifyWriteable(data, bag, guid);
-    const File target = TargetFile(*data, guid, *bag);
-    if (target.IsEmpty()) {
-      // Disk caching went off (the folder became unusable) after this write was decided on.
-      counters.writesSkipped.fetch_add(1, std::memory_order_relaxed);
-      return;
-    }
-    SafeSave save(target);
-    const File& temp = save.GetTempFile();
-
-    // A file of this name was written earlier (by us or by another process of this version):
-    // the item adopts it and there is nothing left to write.
-    JX_ScanOneDiskCacheFile(target);
-
-    uint32_t idle = 0;
-    claimed = writeInProgress_.compare_exchange_strong(idle, 1, std::memory_order_acq_rel);
-    // The target's path is claimed before the file exists: a scan cannot adopt it between its
-    // rename into place and this item linking to it.
-    std::shared_ptr<jx::disk::ClaimedFile> claim;
-    if (claimed && !HasDiskCacheFile() && !temp.Exists() && !target.Exists()) {
-      claim = jx::disk::ClaimedFile::TryClaim(target);
-    }
-    if (!claim) {
-      counters.writesSkipped.fetch_add(1, std::memory_order_relaxed);
-    } else {
-      const double seconds = WriteBody(*data, temp);
-      if (seconds > 0.0) jx::disk::AddWriteSpeedSample(data->GetApproximateMemorySize(), seconds);
-      save.Commit(SafeSave::Sync::kAlreadySynced);  // the stream's Close synced the data
-
-      uint64_t size;
-      MemDiskChangedSignal* changed;
-      std::shared_ptr<jx::disk::ClaimedFile> replaced;  // released after the lock
-      {
-        ScopedWriteLockWrapper wl(mutex_);
-        size = SizeOrDelete(target);
-        replaced = std::exchange(diskFile_, std::move(claim));
-        changed = memDiskChanged_.get();
-      }
-      SyncDiskSizeWithBag(static_cast<unsigned int>(std::min<uint64_t>(size, UINT32_MAX)));
-      counters.bytesWritten.fetch_add(size, std::memory_order_relaxed);
-      counters.filesWritten.fetch_add(1, std::memory_order_relaxed);
-      if (changed) changed->Fire(true, true);
-      jx::disk::NoteDiskWriteCommitted();
-    }
+    WriteDiskCacheFile(bag, &claimed);
   } catch (int code) {
     counters.failedWrites.fetch_add(1, std::memory_order_relaxed);
     ZC_TRACE("JX", 3, "PrepAndWrite failed with code " << code);
@@ -166,5 +116,62 @@ void JX_Stuff::PrepAndWrite(const std::shared_ptr<JX_Bag>& bag) {
       jx::disk::NoteDiskOutOfSpace(*bag);
     }
   }
+  // Paired with the acquire of the exchange that claimed it: the next write of this item starts
+  // after everything this one did.
   if (claimed) writeInProgress_.store(0, std::memory_order_release);
+}
+
+void JX_Stuff::WriteDiskCacheFile(const std::shared_ptr<JX_Bag>& bag, bool* claimed) {
+  auto& counters = jx::disk::GetCounters();
+  const IntrusivePtr<JX_StuffData> data = GetDataPtr();
+  const zelcore::utility::Guid guid = GetGuid();
+  VerifyWriteable(data, bag, guid);
+  const File target = TargetFile(*data, guid, *bag);
+  if (target.IsEmpty()) {
+    // Disk caching went off (the folder became unusable) after this write was decided on.
+    counters.writesSkipped.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
+  SafeSave save(target);
+  const File& temp = save.GetTempFile();
+  // A file of this name was written earlier (by us or by another process of this version):
+  // the item adopts it and there is nothing left to write.
+  JX_ScanOneDiskCacheFile(target);
+  std::shared_ptr<jx::disk::ClaimedFile> claim = ClaimWrite(target, temp, claimed);
+  if (!claim) {
+    counters.writesSkipped.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
+  const double seconds = WriteBody(*data, temp);
+  if (seconds > 0.0) jx::disk::AddWriteSpeedSample(data->GetApproximateMemorySize(), seconds);
+  save.Commit(SafeSave::Sync::kAlreadySynced);  // the stream's Close synced the data
+  LinkWrittenFile(target, std::move(claim));
+}
+
+std::shared_ptr<jx::disk::ClaimedFile> JX_Stuff::ClaimWrite(const File& target, const File& temp,
+                                                            bool* claimed) {
+  uint32_t idle = 0;
+  *claimed = writeInProgress_.compare_exchange_strong(idle, 1, std::memory_order_acq_rel);
+  // The target's path is claimed before the file exists: a scan cannot adopt it between its
+  // rename into place and this item linking to it.
+  if (!*claimed || HasDiskCacheFile() || temp.Exists() || target.Exists()) return nullptr;
+  return jx::disk::ClaimedFile::TryClaim(target);
+}
+
+void JX_Stuff::LinkWrittenFile(const File& target, std::shared_ptr<jx::disk::ClaimedFile> claim) {
+  uint64_t size;
+  MemDiskChangedSignal* changed;
+  std::shared_ptr<jx::disk::ClaimedFile> replaced;  // released after the lock
+  {
+    ScopedWriteLockWrapper wl(mutex_);
+    size = SizeOrDelete(target);
+    replaced = std::exchange(diskFile_, std::move(claim));
+    changed = memDiskChanged_.get();
+  }
+  SyncDiskSizeWithBag(static_cast<unsigned int>(std::min<uint64_t>(size, UINT32_MAX)));
+  auto& counters = jx::disk::GetCounters();
+  counters.bytesWritten.fetch_add(size, std::memory_order_relaxed);
+  counters.filesWritten.fetch_add(1, std::memory_order_relaxed);
+  if (changed) changed->Fire(true, true);
+  jx::disk::NoteDiskWriteCommitted();
 }

@@ -7,13 +7,13 @@
 #include <new>
 
 #include "bag/bag.h"
+#include "common/settings.h"
 #include "disk/disk_counters.h"
+#include "disk/disk_executor.h"
 #include "disk/disk_speed.h"
 #include "disk/disk_writer.h"
 #include "host/trace.h"
 #include "items/stuff.h"
-#include "disk/disk_executor.h"
-#include "common/settings.h"
 
 namespace ci = jx::checkin_flags;
 using zelcore::threads::ScopedReadLockWrapper;
@@ -149,6 +149,14 @@ PayloadFacts ReadFacts(const JX_StuffData* data) {
   return f;
 }
 
+// Whether an offer can lead anywhere: a disk writer runs, the payload took time to make, is in
+// memory and has no file yet, and the item's bag caches to disk.
+bool CanOfferToDisk(const JX_Stuff& stuff, double computeTime, const PayloadFacts& facts,
+                    const JX_Bag* bag) {
+  return jx::DiskExecutor() && computeTime > 0.0 && facts.present && facts.inMemory &&
+         !stuff.HasDiskCacheFile() && bag && bag->IsDiskCacheEnabled();
+}
+
 }  // namespace
 
 bool JX_Stuff::WorthWritingToDiskCache(double computeTime, bool lowPriority, bool* cacheable,
@@ -182,44 +190,41 @@ void JX_Stuff::MaybeWriteToDisk() {
       data = data_;
       facts = ReadFacts(data_.get());
     }
-    if (!jx::DiskExecutor() || !(computeTime > 0.0) || !facts.present || !facts.inMemory ||
-        HasDiskCacheFile() || !bag || !bag->IsDiskCacheEnabled()) {
-      return;
-    }
-    bool requested = false;
-    bool worthIfEmpty = false;
-    bool ruleSaidNo = false;
-    if (facts.canDiskCache) {
-      bool lowForced = false;
-      bool cacheable = true;
-      const bool worth =
-          WorthWritingToDiskCache(computeTime, false, &cacheable, &worthIfEmpty, &lowForced);
-      if (worth && WriteToDiskAsyncOnDiskThread(self, false)) {
-        CountRequest(lowForced);
-        ForgetQueueTooFull(*data);
-        requested = true;
-      }
-      ruleSaidNo = cacheable && !worth;
-    }
+    if (!CanOfferToDisk(*this, computeTime, facts, bag.get())) return;
+    const DiskOffer plain =
+        facts.canDiskCache ? OfferToDiskWriter(self, false, computeTime, *data) : DiskOffer{};
     // A compressed copy is only worth it where playback may use one; elsewhere an uncompressed
     // file, once asked for, is enough.
     const bool compressedWanted =
         facts.canBeCompressed && !facts.compressed &&
         (JX_GetPlaybackCompressionAllowedOption() == kJX_CompressionAllowedForPlayback ||
-         !requested);
-    bool queuedCompressed = false;
-    if (compressedWanted) {
-      bool cacheable = true;
-      const bool worth = WorthWritingToDiskCache(computeTime, true, &cacheable, nullptr, nullptr);
-      if (worth && WriteToDiskAsyncOnDiskThread(self, true)) {
-        jx::disk::GetCounters().compressedWriteRequests.fetch_add(1, std::memory_order_relaxed);
-        queuedCompressed = true;
-      }
-      ruleSaidNo = ruleSaidNo || (cacheable && !worth);
-    }
-    RecordReason(*data, worthIfEmpty, ruleSaidNo && !requested && !queuedCompressed);
+         !plain.queued);
+    const DiskOffer compressed =
+        compressedWanted ? OfferToDiskWriter(self, true, computeTime, *data) : DiskOffer{};
+    const bool ruleSaidNo = plain.ruleSaidNo || compressed.ruleSaidNo;
+    RecordReason(*data, plain.worthIfQueueEmpty, ruleSaidNo && !plain.queued && !compressed.queued);
   } catch (const std::bad_alloc&) {
   }
+}
+
+JX_Stuff::DiskOffer JX_Stuff::OfferToDiskWriter(const IntrusivePtr<JX_Stuff>& self,
+                                                bool compressedCopy, double computeTime,
+                                                JX_StuffData& data) {
+  DiskOffer offer;
+  bool cacheable = true;
+  bool lowForced = false;
+  const bool worth = WorthWritingToDiskCache(computeTime, compressedCopy, &cacheable,
+                                             &offer.worthIfQueueEmpty, &lowForced);
+  offer.ruleSaidNo = cacheable && !worth;
+  if (!worth || !WriteToDiskAsyncOnDiskThread(self, compressedCopy)) return offer;
+  offer.queued = true;
+  if (compressedCopy) {
+    jx::disk::GetCounters().compressedWriteRequests.fetch_add(1, std::memory_order_relaxed);
+  } else {
+    CountRequest(lowForced);
+    ForgetQueueTooFull(data);
+  }
+  return offer;
 }
 
 void JX_Stuff::OfferToDiskAtCheckin(int flags, bool wasWriteable, double computeTime) {

@@ -15,6 +15,19 @@
 // Item locks are taken several times on every cache hit, so the uncontended cases (a first
 // acquisition that finds the way free, recursion, a release that wakes nobody) are inline and
 // cost one atomic operation; everything that may wait or must report lives in the .cpp.
+//
+// For Clang's thread-safety analysis (host/thread_annotations.h), which knows only shared and
+// exclusive holders, the mutex is a capability held shared by readers and upgraders and
+// exclusively by a writer; and it carries a second capability, its owner role (OwnerRole()),
+// held exclusively by the upgrader or writer, the one thread at a time that may change what
+// readers only read. So data readers may read is GUARDED_BY(mu); data that only the upgrader or
+// writer touches is GUARDED_BY(mu.OwnerRole()); and a function that needs the upgrade lock at
+// least is REQUIRES_SHARED(mu) REQUIRES(mu.OwnerRole()). The scoped wrappers below carry the
+// annotations; the bare Lock and Unlock calls do not, for the mutex's own tests drive them in
+// patterns (recursion, misuse) the analysis cannot follow, and nothing else calls them. The
+// analysis sees no recursion either: a wrapper taken in a function that already holds the mutex
+// is reported, so the code takes the write lock on top of an upgrade lock in a function of its
+// own.
 #pragma once
 
 #include <atomic>
@@ -23,6 +36,7 @@
 #include <utility>
 
 #include "host/export.h"
+#include "host/thread_annotations.h"
 #include "host/thread_id.h"
 
 #if defined(__has_feature)
@@ -92,8 +106,12 @@ extern JX_EXPORT thread_local constinit MtHoldings t_mtHoldings;
 
 }  // namespace detail
 
-class JX_EXPORT MultiTenantRecursiveMutex {
+class JX_EXPORT CAPABILITY("mutex") MultiTenantRecursiveMutex {
  public:
+  // The owner role (see the top of this file): a capability with no state of its own.
+  struct CAPABILITY("owner role") OwnerRoleCapability {};
+  const OwnerRoleCapability& OwnerRole() const RETURN_CAPABILITY(ownerRole_) { return ownerRole_; }
+
   MultiTenantRecursiveMutex() { detail::TsanCreate(this); }
   ~MultiTenantRecursiveMutex() { detail::TsanDestroy(this); }
   MultiTenantRecursiveMutex(const MultiTenantRecursiveMutex&) = delete;
@@ -295,13 +313,16 @@ class JX_EXPORT MultiTenantRecursiveMutex {
   OwnerCount upgradeDepth_;
   OwnerCount writeDepth_;
   OwnerCount ownerReads_;  // read locks taken while upgrader or writer
+  [[no_unique_address]] OwnerRoleCapability ownerRole_;
 };
 
-class ScopedReadLockWrapper {
+class SCOPED_CAPABILITY ScopedReadLockWrapper {
  public:
-  explicit ScopedReadLockWrapper(MultiTenantRecursiveMutex& m) : m_(&m) { m_->LockRead(); }
-  ~ScopedReadLockWrapper() { Unlock(); }
-  void Unlock() {
+  explicit ScopedReadLockWrapper(MultiTenantRecursiveMutex& m) ACQUIRE_SHARED(m) : m_(&m) {
+    m_->LockRead();
+  }
+  ~ScopedReadLockWrapper() RELEASE() { Unlock(); }
+  void Unlock() RELEASE() {
     if (m_) std::exchange(m_, nullptr)->UnlockRead();
   }
   ScopedReadLockWrapper(const ScopedReadLockWrapper&) = delete;
@@ -311,11 +332,15 @@ class ScopedReadLockWrapper {
   MultiTenantRecursiveMutex* m_;
 };
 
-class ScopedUpgradeLockWrapper {
+class SCOPED_CAPABILITY ScopedUpgradeLockWrapper {
  public:
-  explicit ScopedUpgradeLockWrapper(MultiTenantRecursiveMutex& m) : m_(&m) { m_->LockUpgrade(); }
-  ~ScopedUpgradeLockWrapper() { Unlock(); }
-  void Unlock() {
+  explicit ScopedUpgradeLockWrapper(MultiTenantRecursiveMutex& m) ACQUIRE_SHARED(m)
+      ACQUIRE(m.OwnerRole())
+      : m_(&m) {
+    m_->LockUpgrade();
+  }
+  ~ScopedUpgradeLockWrapper() RELEASE() { Unlock(); }
+  void Unlock() RELEASE() {
     if (m_) std::exchange(m_, nullptr)->UnlockUpgrade();
   }
   MultiTenantRecursiveMutex& mutex() const { return *m_; }
@@ -326,11 +351,13 @@ class ScopedUpgradeLockWrapper {
   MultiTenantRecursiveMutex* m_;
 };
 
-class ScopedWriteLockWrapper {
+class SCOPED_CAPABILITY ScopedWriteLockWrapper {
  public:
-  explicit ScopedWriteLockWrapper(MultiTenantRecursiveMutex& m) : m_(&m) { m_->LockWrite(); }
-  ~ScopedWriteLockWrapper() { Unlock(); }
-  void Unlock() {
+  explicit ScopedWriteLockWrapper(MultiTenantRecursiveMutex& m) ACQUIRE(m, m.OwnerRole()) : m_(&m) {
+    m_->LockWrite();
+  }
+  ~ScopedWriteLockWrapper() RELEASE() { Unlock(); }
+  void Unlock() RELEASE() {
     if (m_) std::exchange(m_, nullptr)->UnlockWrite();
   }
   ScopedWriteLockWrapper(const ScopedWriteLockWrapper&) = delete;

@@ -1,8 +1,11 @@
 // Clang thread-safety annotations, and a mutex that carries them.
 //
 // With clang and -Wthread-safety the compiler checks that a field marked GUARDED_BY(mu) is
-// touched only with `mu` held and that a function marked REQUIRES(mu) is called only with it
-// held. Other compilers see nothing. The standard library's std::mutex carries no annotations,
+// touched only with `mu` held (writes: held exclusively; reads: at least shared) and that a
+// function marked REQUIRES(mu) or REQUIRES_SHARED(mu) is called only with it so held. The check
+// is per function: a lock taken again inside a function that already holds it is reported, even
+// where the lock is recursive, while a callee that takes it again is not. Other compilers see
+// nothing. The standard library's std::mutex carries no annotations,
 // so annotated state is guarded by jx::Mutex and locked through jx::MutexLock; a condition
 // variable waits on MutexLock::Native(). A host that defines the same macros keeps its own.
 #pragma once
@@ -30,11 +33,23 @@
 #ifndef REQUIRES
 #define REQUIRES(...) JX_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #endif
+#ifndef REQUIRES_SHARED
+#define REQUIRES_SHARED(...) JX_THREAD_ANNOTATION(requires_shared_capability(__VA_ARGS__))
+#endif
 #ifndef ACQUIRE
 #define ACQUIRE(...) JX_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #endif
+#ifndef ACQUIRE_SHARED
+#define ACQUIRE_SHARED(...) JX_THREAD_ANNOTATION(acquire_shared_capability(__VA_ARGS__))
+#endif
 #ifndef RELEASE
 #define RELEASE(...) JX_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#endif
+#ifndef RELEASE_SHARED
+#define RELEASE_SHARED(...) JX_THREAD_ANNOTATION(release_shared_capability(__VA_ARGS__))
+#endif
+#ifndef RETURN_CAPABILITY
+#define RETURN_CAPABILITY(x) JX_THREAD_ANNOTATION(lock_returned(x))
 #endif
 #ifndef EXCLUDES
 #define EXCLUDES(...) JX_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))

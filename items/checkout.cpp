@@ -6,13 +6,13 @@
 #include "bag/library_lock.h"
 #include "bag/recency_log.h"
 #include "bag/sort_dir.h"
+#include "common/failures.h"
+#include "common/settings.h"
 #include "host/high_precision_time.h"
 #include "host/profiler.h"
 #include "host/trace.h"
 #include "host/y_api.h"
 #include "items/stuff.h"
-#include "common/failures.h"
-#include "common/settings.h"
 
 namespace cf = jx::checkout_flags;
 namespace ci = jx::checkin_flags;
@@ -58,16 +58,23 @@ JX_CheckoutResult JX_Stuff::CheckoutForWrite(int flags, JX_Bag* knownBag, bool* 
     result = CheckoutLocked(flags | cf::kNoDiskRead, up, &lock, knownBag, wasPending, match);
   }
   if (result != kJX_CheckedOut || (flags & cf::kNoDiskRead) || match) return result;
-  if (!ReadBackIfOnDiskOnly()) {
-    // Refused after all: undo the check-out and leave the item where it was.
-    Checkin(ci::kKeepRecency, 0.0);
-    return kJX_CheckoutRefused;
-  }
-  return result;
+  // Refused after all: the check-out is undone and the item left where it was.
+  return ReadBackOrUndoCheckout(ci::kKeepRecency) ? result : kJX_CheckoutRefused;
+}
+
+bool JX_Stuff::ReadBackOrUndoCheckout(int undoCheckinFlags) {
+  if (ReadBackIfOnDiskOnly()) return true;
+  Checkin(undoCheckinFlags, 0.0);
+  return false;
 }
 
 bool JX_Stuff::ReadBackIfOnDiskOnly() {
-  if (IsPendingRender() || IsInMemory() || !HasDiskCacheFile()) return true;
+  {
+    // One look at all three, so that they describe one state of the item.
+    ScopedReadLockWrapper r(mutex_);
+    const bool pending = pending_.load(std::memory_order_acquire);
+    if (pending || (data_ && data_->IsInMemory()) || !diskFile_) return true;
+  }
   try {
     return EnsureInMemory();
   } catch (...) {
@@ -75,51 +82,63 @@ bool JX_Stuff::ReadBackIfOnDiskOnly() {
   }
 }
 
-JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, ScopedUpgradeLockWrapper& up,
+JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, const ScopedUpgradeLockWrapper&,
                                            JXp_ScLock* libraryLock, JX_Bag* knownBag,
                                            bool* wasPending, const MatchRequest* match) {
-  if (match) {
-    // The search's request, tested under this hold of the lock. No find-key data: the item
-    // answers any request for its GUID, as the base class does.
-    const IntrusivePtr<JX_StuffData>& key = findKeyData_ ? findKeyData_ : data_;
-    const bool compressed = key && key->IsCompressed();
-    bool matched = compressed == match->wantCompressed;
-    if (matched && key) {
-      matched = match->lastUseOfKey ? key->CanSatisfyRequest(std::move(*match->lastUseOfKey))
-                                    : key->CanSatisfyRequest(*match->key);
-    }
-    *match->matched = matched;
-    if (!*match->matched) return kJX_CheckoutRefused;
-    // Found without the library lock: taken only in a state a locked search could have found it
-    // in, which this hold of the item's lock keeps (membership changes need its write lock).
-    if (match->unlockedIn && !IsFindableUnlocked(*match->unlockedIn, *match->guid)) {
-      return kJX_CheckoutRefused;
-    }
-  }
+  if (match && !AnswersRequestLocked(*match)) return kJX_CheckoutRefused;
   const bool forWrite = libraryLock != nullptr;
-  const WaitDecision w = DecodeWait(flags);
-  if (writeable_) return kJX_CheckoutRefused;
-  if (forWrite && checkoutCount_.load(std::memory_order_acquire) != 0) return kJX_CheckoutRefused;
+  // Stable while the upgrade lock is held: only the write lock completes a pending item.
   const bool pending = pending_.load(std::memory_order_acquire);
+  if (!MayCheckOutLocked(flags, forWrite, pending)) return kJX_CheckoutRefused;
+  StepCheckoutCountLocked(+1);
+  // A candidate found without the library lock was just seen in memory under this same hold of
+  // the lock, which keeps purging out: no need to ask its payload again.
+  if (!PayloadUsableLocked(flags, pending, match && match->unlockedIn)) {
+    StepCheckoutCountLocked(-1);
+    return kJX_CheckoutRefused;
+  }
+  if (forWrite) MakeWriteableLocked(*libraryLock);
+  JX_GetStuffCounters().itemsCheckedOut.fetch_add(1);
+  // The upgrade lock held here is what a size sync needs.
+  SyncMemorySizeLocked(data_ ? data_->GetApproximateMemorySize() : 0, knownBag);
+  if (wasPending) *wasPending = pending;
+  return kJX_CheckedOut;
+}
+
+inline bool JX_Stuff::AnswersRequestLocked(const MatchRequest& match) {
+  // No find-key data: the item answers any request for its GUID, as the base class does.
+  const IntrusivePtr<JX_StuffData>& key = findKeyData_ ? findKeyData_ : data_;
+  const bool compressed = key && key->IsCompressed();
+  bool matched = compressed == match.wantCompressed;
+  if (matched && key) {
+    matched = match.lastUseOfKey ? key->CanSatisfyRequest(std::move(*match.lastUseOfKey))
+                                 : key->CanSatisfyRequest(*match.key);
+  }
+  *match.matched = matched;
+  if (!matched) return false;
+  // Found without the library lock: taken only in a state a locked search could have found it
+  // in, which this hold of the item's lock keeps (membership changes need its write lock).
+  return !match.unlockedIn || IsFindableUnlocked(*match.unlockedIn, *match.guid);
+}
+
+inline bool JX_Stuff::MayCheckOutLocked(int flags, bool forWrite, bool pending) const {
+  if (writeable_) return false;
+  if (forWrite && checkoutCount_.load(std::memory_order_acquire) != 0) return false;
+  const WaitDecision w = DecodeWait(flags);
   if (pending && !w.wait) {
     if (w.askedAboutPending) {
       JX_GetStuffCounters().pendingRefusals.fetch_add(1, std::memory_order_relaxed);
     }
-    return kJX_CheckoutRefused;
+    return false;
   }
-  if (!data_ && !pending) return kJX_CheckoutRefused;
+  if (!data_ && !pending) return false;
   // A thread never waits for the item it is rendering itself.
-  if (pending && pendingThread_ == zelcore::threads::CurrentThreadId()) return kJX_CheckoutRefused;
+  return !(pending && pendingThread_ == zelcore::threads::CurrentThreadId());
+}
 
-  StepCheckoutCountLocked(+1);
-  auto refuse = [this] {
-    StepCheckoutCountLocked(-1);
-    return kJX_CheckoutRefused;
-  };
+inline bool JX_Stuff::PayloadUsableLocked(int flags, bool pending, bool seenInMemory) {
   const bool onDisk = diskFile_ != nullptr;
-  // A candidate found without the library lock was just seen in memory under this same hold of
-  // the lock, which keeps purging out: no need to ask its payload again.
-  bool inMemory = (match && match->unlockedIn) || (data_ && data_->IsInMemory());
+  bool inMemory = seenInMemory || (data_ && data_->IsInMemory());
   if (!inMemory && onDisk && !(flags & cf::kNoDiskRead)) {
     bool readOk = false;
     try {
@@ -127,22 +146,19 @@ JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, ScopedUpgradeLockWrapper& 
     } catch (...) {
       readOk = false;
     }
-    if (!readOk) return refuse();
+    if (!readOk) return false;
     inMemory = true;
   }
-  if (!inMemory && !pending && !(flags & cf::kAcceptNotInMemory)) {
-    if (!(diskFile_ != nullptr && (flags & cf::kNoDiskRead))) return refuse();
-  }
-  if (forWrite) {
-    TempRemoveFromSortDir(*libraryLock);
-    ScopedWriteLockWrapper wl(up.mutex());
-    writeable_ = true;
-  }
-  JX_GetStuffCounters().itemsCheckedOut.fetch_add(1);
-  // The upgrade lock held here is what a size sync needs.
-  SyncMemorySizeLocked(data_ ? data_->GetApproximateMemorySize() : 0, knownBag);
-  if (wasPending) *wasPending = pending;
-  return kJX_CheckedOut;
+  if (inMemory || pending || (flags & cf::kAcceptNotInMemory)) return true;
+  // Left on disk for the caller to read back once the library lock is released.
+  return diskFile_ != nullptr && (flags & cf::kNoDiskRead);
+}
+
+void JX_Stuff::MakeWriteableLocked(const JXp_ScLock& libraryLock) {
+  TempRemoveFromSortDir(libraryLock);
+  // On top of the caller's upgrade lock: waits for the readers to leave.
+  ScopedWriteLockWrapper wl(mutex_);
+  writeable_ = true;
 }
 
 bool JX_Stuff::IsFindableUnlocked(const JX_Bag& bag, const Guid& guid) const {
@@ -276,9 +292,5 @@ JX_CheckoutResult JX_Stuff::CheckinAndCheckout(int checkinFlags, double computeT
     result = Checkout(checkoutFlags | cf::kNoDiskRead);
   }
   if (result != kJX_CheckedOut || (checkoutFlags & cf::kNoDiskRead)) return result;
-  if (!ReadBackIfOnDiskOnly()) {
-    Checkin(ci::kKeepRecency, 0.0);
-    return kJX_CheckoutRefused;
-  }
-  return result;
+  return ReadBackOrUndoCheckout(ci::kKeepRecency) ? result : kJX_CheckoutRefused;
 }

@@ -1,11 +1,11 @@
 #include "items/sc_checkout.h"
 
 #include "bag/bag.h"
+#include "bag/global_bag.h"
+#include "common/failures.h"
 #include "host/config.h"
 #include "host/profiler.h"
 #include "host/y_api.h"
-#include "common/failures.h"
-#include "bag/global_bag.h"
 
 namespace cf = jx::checkout_flags;
 using zelcore::threads::ScopedReadLockWrapper;
@@ -192,17 +192,26 @@ bool JX_ScCheckout::ReacquireSuspendedCheckout() {
   IntrusivePtr<JX_Stuff> suspended;
   std::unique_ptr<DiskHold> hold;
   int storedFlags;
-  {
-    ScopedWriteLockWrapper wl(mutex_);
-    if (!suspended_) return false;
-    suspended = suspended_;
-    hold = std::move(diskHold_);
-    storedFlags = checkoutFlags_;
-  }
+  if (!TakeSuspended(&suspended, &hold, &storedFlags)) return false;
   const int reduced = storedFlags & ~cf::kReacquireClearMask;
   JX_CheckoutResult result = CheckoutImpl(suspended, reduced);
   // The item may have been replaced in the directory while we did not hold it.
   if (result != kJX_CheckedOut) result = FindAndCheckout(suspended, reduced);
+  return EndReacquire(result, std::move(hold), storedFlags);
+}
+
+bool JX_ScCheckout::TakeSuspended(IntrusivePtr<JX_Stuff>* suspended,
+                                  std::unique_ptr<DiskHold>* hold, int* storedFlags) {
+  ScopedWriteLockWrapper wl(mutex_);
+  if (!suspended_) return false;
+  *suspended = suspended_;
+  *hold = std::move(diskHold_);
+  *storedFlags = checkoutFlags_;
+  return true;
+}
+
+bool JX_ScCheckout::EndReacquire(JX_CheckoutResult result, std::unique_ptr<DiskHold> hold,
+                                 int storedFlags) {
   ScopedWriteLockWrapper wl(mutex_);
   if (hold && result == kJX_CheckedOut) AcquireDiskHoldLocked();
   checkoutFlags_ = storedFlags;

@@ -114,6 +114,13 @@ class JX_EXPORT JX_ScCheckout {
   void CheckinLocked(int flags, double computeTime);
   JX_CheckoutResult CheckoutImpl(IntrusivePtr<JX_Stuff> item, int flags);
   bool AcquireDiskHoldLocked();
+  // The two steps of ReacquireSuspendedCheckout that take the write lock on top of its upgrade
+  // lock: taking out the suspended item, its disk hold and flags (false when nothing is
+  // suspended); and, after the new check-out, putting the flags back and the hold (when the
+  // check-out succeeded). Returns whether it did.
+  bool TakeSuspended(IntrusivePtr<JX_Stuff>* suspended, std::unique_ptr<DiskHold>* hold,
+                     int* storedFlags);
+  bool EndReacquire(JX_CheckoutResult result, std::unique_ptr<DiskHold> hold, int storedFlags);
 
   std::atomic<uint32_t> guard_{kGuardWord};
   IntrusivePtr<JX_Stuff> item_;

@@ -1,21 +1,14 @@
 // JX_Stuff: construction, destruction and the state accessors.
 #include "items/stuff.h"
 
-#include <array>
-#include <cstring>
-
 #include "bag/bag.h"
 #include "bag/sort_dir.h"
-#include "host/cpu_relax.h"
-#include "host/high_precision_time.h"
-#include "host/spin_word.h"
 #include "common/failures.h"
+#include "host/high_precision_time.h"
 
 using zelcore::threads::ScopedReadLockWrapper;
 using zelcore::threads::ScopedWriteLockWrapper;
 using zelcore::utility::HighPrecisionTime;
-
-using GuidSpinGuard = zelcore::threads::SpinWordGuard;  // the item's GUID spin lock
 
 namespace jx::detail {
 constinit JX_StuffCounters g_stuffCounters;
@@ -28,10 +21,12 @@ uint64_t EmptyGuidHash() {
 }
 }  // namespace
 
-JX_Stuff::JX_Stuff(IntrusivePtr<JX_StuffData> data, double computeTime, bool pending)
-    : guidHash_(EmptyGuidHash()),
+JX_Stuff::JX_Stuff(IntrusivePtr<JX_StuffData> data, double computeTime, bool pending,
+                   IntrusivePtr<JX_StuffData> findKeyData)
+    : key_(EmptyGuidHash()),
       pending_(pending),
       data_(std::move(data)),
+      findKeyData_(std::move(findKeyData)),
       lastUsedTime_(HighPrecisionTime::GetCurrentTimeStamp()),
       computeTime_(computeTime) {
   if (pending) pendingThread_ = zelcore::threads::CurrentThreadId();
@@ -45,10 +40,8 @@ JX_Stuff::IntrusivePtr<JX_Stuff> JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData> 
 
 JX_Stuff::IntrusivePtr<JX_Stuff> JX_Stuff::CreatePending(const Guid& guid,
                                                          IntrusivePtr<JX_StuffData> findKeyData) {
-  IntrusivePtr<JX_Stuff> stuff(new JX_Stuff({}, 0.0, true));
+  IntrusivePtr<JX_Stuff> stuff(new JX_Stuff({}, 0.0, true, std::move(findKeyData)));
   stuff->StoreGuid(guid);
-  stuff->findKeyData_ = std::move(findKeyData);
-  stuff->UpdateKeyIsFinalPayload();
   return stuff;
 }
 
@@ -102,7 +95,7 @@ JX_Stuff::IntrusivePtr<JX_StuffData> JX_Stuff::GetFindKeyData(bool* keptByItem) 
   // Every search asks its request for this: most requests are plain items whose key cannot
   // change any more.
   *keptByItem = keyIsFinalPayload_.load(std::memory_order_acquire);
-  if (*keptByItem) return data_;
+  if (*keptByItem) return FinalData();
   ScopedReadLockWrapper r(mutex_);
   return findKeyData_ ? findKeyData_ : data_;
 }
@@ -137,31 +130,9 @@ double JX_Stuff::GetComputeTime() const {
   return computeTime_;
 }
 
-zelcore::utility::Guid JX_Stuff::GetGuid() const {
-  size_t hash;
-  return GetGuidAndHash(&hash);
-}
+zelcore::utility::Guid JX_Stuff::GetGuid() const { return key_.Load(); }
 
-zelcore::utility::Guid JX_Stuff::GetGuidAndHash(size_t* hash) const {
-  std::array<uint8_t, 16> bytes;
-  zelcore::threads::SpinBackoff backoff;
-  for (;;) {
-    uint32_t seq = guidSeq_.load(std::memory_order_acquire);
-    if (seq & 1) {  // a writer is in the middle of it
-      backoff.Wait();
-      continue;
-    }
-    uint64_t w0 = guidWords_[0].load(std::memory_order_relaxed);
-    uint64_t w1 = guidWords_[1].load(std::memory_order_relaxed);
-    uint64_t h = guidHash_.load(std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_acquire);
-    if (guidSeq_.load(std::memory_order_relaxed) != seq) continue;
-    std::memcpy(bytes.data(), &w0, 8);
-    std::memcpy(bytes.data() + 8, &w1, 8);
-    *hash = static_cast<size_t>(h);
-    return Guid(bytes);
-  }
-}
+zelcore::utility::Guid JX_Stuff::GetGuidAndHash(size_t* hash) const { return key_.Load(hash); }
 
 void JX_Stuff::SetGuid(const Guid& guid) {
   // The directory hashes items by GUID: an item in it must be re-keyed through the directory.
@@ -172,22 +143,7 @@ void JX_Stuff::SetGuid(const Guid& guid) {
   StoreGuid(guid);
 }
 
-void JX_Stuff::StoreGuid(const Guid& guid) {
-  uint64_t w0, w1;
-  std::memcpy(&w0, guid.Bytes().data(), 8);
-  std::memcpy(&w1, guid.Bytes().data() + 8, 8);
-  const uint64_t hash = JX_SortDir::HashGuid(guid);
-  GuidSpinGuard g(guidSpin_);
-  // The spin word makes this the only writer: the count moves with plain stores.
-  const uint32_t seq = guidSeq_.load(std::memory_order_relaxed);
-  guidSeq_.store(seq + 1, std::memory_order_relaxed);  // odd: write in progress
-  // Keeps the odd count ahead of the new words for a reader whose acquire fence follows them.
-  std::atomic_thread_fence(std::memory_order_release);
-  guidWords_[0].store(w0, std::memory_order_relaxed);
-  guidWords_[1].store(w1, std::memory_order_relaxed);
-  guidHash_.store(hash, std::memory_order_relaxed);
-  guidSeq_.store(seq + 2, std::memory_order_release);  // even: stable again
-}
+void JX_Stuff::StoreGuid(const Guid& guid) { key_.Store(guid, JX_SortDir::HashGuid(guid)); }
 
 std::shared_ptr<JX_Bag> JX_Stuff::GetBag() const {
   ScopedReadLockWrapper r(mutex_);

@@ -10,32 +10,43 @@
 // its bag and directory by weak pointer.
 //
 // Locks, in the only order they may be taken: the library lock (JXp_ScLock) -> this item's
-// reader/writer lock (mutex_) -> this item's GUID spin lock. Never take the library lock while
-// holding an item lock, and never wait (gate, sleep, executor) while holding either.
-//   mutex_ guards: data_, findKeyData_, writeable_, tempRemovedFromSortDir_, bag_, sortDir_,
+// reader/writer lock (mutex_) -> this item's GUID spin lock (inside key_). Never take the library
+// lock while holding an item lock, and never wait (gate, sleep, executor) while holding either.
+//   mutex_ guards (GUARDED_BY: written under the write lock, read under any mode): data_,
+//                  findKeyData_, writeable_, tempRemovedFromSortDir_, bag_, sortDir_,
 //                  computeTime_, diskFile_, memDiskChanged_, mediaMapGuid_, mediaMapID_,
 //                  pendingThread_. Directory membership (sortDir_, tempRemovedFromSortDir_ and
 //                  inSortDir_) changes under both the library lock and the write lock, which is
 //                  what lets a search without the library lock check it under this lock.
 //                  data_ is written only at construction and when a pending item is completed,
 //                  before pending_ clears: once pending_ reads false, data_ is final and may be
-//                  read without the lock.
-//   guidSpin_ serialises writers of the GUID; readers never block: they re-read when the
-//   sequence word (guidSeq_) shows that a write overlapped their copy.
+//                  read without the lock (FinalData(), the one read the analysis is told to
+//                  skip).
+//   mutex_'s owner role (the upgrade or write lock: one holder at a time) guards accountedIn_,
+//                  and is what the functions that move the check-out count and the accounted
+//                  sizes require.
+//   key_ (the GUID and its hash) has a spin word of its own that serialises re-keying; readers
+//                  never block: they copy again when a write overlapped their copy
+//                  (items/seqlocked_guid.h).
 //   The library lock guards: the recency-set hook (mruHook_) and mruStamp_ (the stamp that
 //                  places the item there), and directory membership. mruBag_ is written holding
 //                  both the library lock and mutex_, so holding either is enough to read it and
-//                  use the bag (which clears it, under both, as it dies).
-//   Atomics (no lock): checkoutCount_, pending_, lastUsedTime_, the accounted sizes,
-//                      purgeState_, writeInProgress_, diskCheckouts_, taggedToWrite_.
+//                  use the bag (which clears it, under both, as it dies). These carry no
+//                  annotations: the library lock is not a capability the analysis knows.
+//   Atomics (no lock): checkoutCount_, pending_, inSortDir_, keyIsFinalPayload_, lastUsedTime_,
+//                      the accounted sizes (memSize_, checkedOutSize_, diskSize_), purgeState_,
+//                      writeInProgress_, diskCheckouts_, taggedToWrite_.
 //                      checkoutCount_ and the accounted sizes are read without a lock but written
 //                      only under mutex_'s upgrade or write lock, which has one holder at a time:
 //                      the hit path's writers use a load and a store, not an atomic
 //                      read-modify-write (the rarer ForgetAccountedSizes and SyncDiskSizeWithBag
 //                      keep their exchanges).
+// With Clang, -Wthread-safety checks the mutex_ part of this at compile time.
 //
 // The methods of one behaviour live in the folder that owns the behaviour: check-out and pending
 // in items/, bag membership and purging in bag/, disk files in disk/, the media map in mediamap/.
+// The plain accessors of the item's own fields live in items/stuff.cpp, whichever behaviour uses
+// them. Each section below names the files that define its methods.
 #pragma once
 
 #include <atomic>
@@ -46,6 +57,7 @@
 #include <boost/intrusive/list_hook.hpp>
 #include <boost/smart_ptr/shared_ptr.hpp>
 
+#include "common/jx_types.h"
 #include "host/export.h"
 #include "host/file.h"
 #include "host/guid.h"
@@ -54,8 +66,9 @@
 #include "host/ref_counted.h"
 #include "host/signal.h"
 #include "host/striped_counter.h"
+#include "host/thread_annotations.h"
 #include "host/thread_id.h"
-#include "common/jx_types.h"
+#include "items/seqlocked_guid.h"
 #include "items/stuff_data.h"
 
 class JX_Bag;
@@ -80,7 +93,7 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   using MruHook = boost::intrusive::list_member_hook<
       boost::intrusive::link_mode<boost::intrusive::normal_link>>;
 
-  // ---- creation ------------------------------------------------------------------------------
+  // ---- creation (items/stuff.cpp) ------------------------------------------------------------
   // A ready item holding `data` (which may be empty), with the compute time it took.
   static IntrusivePtr<JX_Stuff> CreateNew(IntrusivePtr<JX_StuffData> data, double computeTime);
   // A pending item: no payload yet, gate closed, rendered by the calling thread; it answers
@@ -104,7 +117,7 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // Check-in then check-out under one hold of the library lock: nobody comes in between.
   JX_CheckoutResult CheckinAndCheckout(int checkinFlags, double computeTime, int checkoutFlags);
 
-  // ---- pending items (items/pending.cpp) -----------------------------------------------------
+  // ---- pending items (items/pending.cpp; IsPendingFromThisThread in items/stuff.cpp) ---------
   // Waits while the item is pending (at most 24 hours); returns at once for the thread that
   // renders it, which would otherwise wait for itself. Must not be called holding the library
   // lock or an item lock.
@@ -122,7 +135,7 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // Reads the payload back from the disk cache when it is not in memory; returns IsInMemory().
   bool EnsureInMemory();
 
-  // ---- state ---------------------------------------------------------------------------------
+  // ---- state (items/stuff.cpp) ---------------------------------------------------------------
   bool IsCheckedOutWriteable() const;
   uint32_t GetCheckoutCount() const { return checkoutCount_.load(std::memory_order_acquire); }
   void ThrowIfCheckedOutWriteable() const;
@@ -134,7 +147,7 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // keeps it). The caller keeps the item alive. fn must not take item locks or the library lock.
   template <class Fn>
   auto VisitData(Fn&& fn) const {
-    if (!pending_.load(std::memory_order_acquire)) return fn(data_.get());
+    if (!pending_.load(std::memory_order_acquire)) return fn(FinalData().get());
     zelcore::threads::ScopedReadLockWrapper r(mutex_);
     return fn(data_.get());
   }
@@ -149,7 +162,7 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   uint64_t GetLastUsedTime() const { return lastUsedTime_.load(std::memory_order_acquire); }
   zelcore::threads::MultiTenantRecursiveMutex& GetMutex() const { return mutex_; }
 
-  // ---- key and directory (bag/sort_dir.cpp) --------------------------------------------------
+  // ---- key and directory (items/stuff.cpp; re-keying in bag/sort_dir.cpp) --------------------
   Guid GetGuid() const;
   // The GUID and its directory hash, read together (the hash is computed when the GUID is
   // stored, not on every search).
@@ -162,7 +175,8 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   std::shared_ptr<JX_SortDir> GetSortDir() const;
   bool IsInSortDir() const;
 
-  // ---- bag (bag/bag.cpp) ---------------------------------------------------------------------
+  // ---- bag -----------------------------------------------------------------------------------
+  // GetBag in items/stuff.cpp, joining and leaving in bag/sort_dir.cpp, the sizes in bag/bag.cpp.
   // The bag holding the item, or empty.
   std::shared_ptr<JX_Bag> GetBag() const;
   void AddToBagAndSortDir(const std::shared_ptr<JX_Bag>& bag);
@@ -190,7 +204,10 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // purge and is in memory (and, with `needsDiskCopy`, the item has a disk file).
   bool IsPurgeCandidate(bool needsDiskCopy) const;
 
-  // ---- disk cache (disk/) --------------------------------------------------------------------
+  // ---- disk cache ----------------------------------------------------------------------------
+  // Writing in disk/prep_and_write.cpp, reading in disk/prep_and_read.cpp, the file link and the
+  // pins in disk/stuff_disk_file.cpp, the speeds in disk/stuff_speed.cpp, the offers to the
+  // writer in disk/write_policy.cpp.
   // Writes the item's disk cache file if it has none (errors are caught and counted).
   void PrepAndWrite(const std::shared_ptr<JX_Bag>& bag);
   // Reads the payload back from the item's file; the caller holds the item's upgrade lock.
@@ -231,10 +248,10 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   };
   // A pin on the item's disk file, or empty when the item has none.
   std::unique_ptr<DiskCacheCheckoutScoper> CheckoutDiskCache(bool unused = false);
-  // The disk speed statistics (disk/disk_speed.cpp): averages and maxima of reads and writes,
-  // in bytes per second; the adjusted read speed is the average after the proclivity multiplier
-  // (and, for low priority, the low-priority factor), and that times the write queue's free
-  // fraction squared. Either output may be null.
+  // The disk speed statistics (disk/disk_speed.cpp, through disk/stuff_speed.cpp): averages and
+  // maxima of reads and writes, in bytes per second; the adjusted read speed is the average after
+  // the proclivity multiplier (and, for low priority, the low-priority factor), and that times the
+  // write queue's free fraction squared. Either output may be null.
   static double GetAverageDiskReadSpeed();
   static double GetAverageDiskWriteSpeed();
   static double GetMaxDiskReadSpeed();
@@ -249,7 +266,9 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   void ReconsiderWriteToDisk();
   MemDiskChangedSignal& GetMemDiskChangedSignal();
 
-  // ---- media map (mediamap/) -----------------------------------------------------------------
+  // ---- media map -----------------------------------------------------------------------------
+  // The GUID and ID accessors in items/stuff.cpp, PurgeFromMediaMap in
+  // mediamap/stuff_media_map.cpp.
   Guid GetMediaMapGuid() const;
   void SetMediaMapGuid(const Guid& guid);
   uint64_t GetMediaMapID() const;
@@ -266,7 +285,12 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   struct SortDirHash;
   struct SortDirEqual;
 
-  JX_Stuff(IntrusivePtr<JX_StuffData> data, double computeTime, bool pending);
+  JX_Stuff(IntrusivePtr<JX_StuffData> data, double computeTime, bool pending,
+           IntrusivePtr<JX_StuffData> findKeyData = {});
+  // The payload, read without the lock by a caller that saw pending_ false or
+  // keyIsFinalPayload_ true (acquire): data_ is then written no more, for as long as the item
+  // lives. The analysis cannot see that, hence the exemption, kept to this one read.
+  const IntrusivePtr<JX_StuffData>& FinalData() const NO_THREAD_SAFETY_ANALYSIS { return data_; }
 
   // What a search asks of a candidate before checking it out: the request it must answer and
   // the compression state wanted. `matched` says whether the candidate answered it.
@@ -290,6 +314,10 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // Reads the payload back when the item is only on disk; true when it is usable now (in
   // memory, pending, or with nothing on disk to read). Never called under the library lock.
   bool ReadBackIfOnDiskOnly();
+  // The end of a check-out made with kNoDiskRead for a caller that wants the payload:
+  // ReadBackIfOnDiskOnly, and when the read fails the check-out is undone (checked in with
+  // `undoCheckinFlags`) and false returned.
+  bool ReadBackOrUndoCheckout(int undoCheckinFlags);
   // Checkin without taking a reference of its own: the caller keeps the item alive.
   void CheckinImpl(int flags, double computeTime);
   // The check-in of a read-only check-out that asks for nothing but the count and the recency:
@@ -306,7 +334,7 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
     bool inMemory = false;
     MemDiskChangedSignal* signal = nullptr;
   };
-  DetachedDiskCopy DetachDiskCopyLocked(bool onlyIfInMemory);
+  DetachedDiskCopy DetachDiskCopyLocked(bool onlyIfInMemory) REQUIRES(mutex_);
   void DropDetachedDiskCopy(DetachedDiskCopy stale);
   // The steps of SetStuffDataFromPendingRender_Impl: the debugging pause and the back-pressure
   // behind the disk writer, then the completion that opens the gate.
@@ -314,13 +342,35 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   void CompletePending(IntrusivePtr<JX_StuffData> data, double computeTime);
   // For a candidate found without the library lock (caller holds this item's upgrade lock):
   // still in `bag`'s directory under `guid`, readable, in memory and not pending.
-  bool IsFindableUnlocked(const JX_Bag& bag, const Guid& guid) const;
+  bool IsFindableUnlocked(const JX_Bag& bag, const Guid& guid) const REQUIRES_SHARED(mutex_);
   // GetFindKeyData, telling whether the key is this item's final payload, which the item keeps
   // for as long as it lives (so a caller holding the item may give its own copy away anywhere).
   IntrusivePtr<JX_StuffData> GetFindKeyData(bool* keptByItem) const;
-  JX_CheckoutResult CheckoutLocked(int flags, zelcore::threads::ScopedUpgradeLockWrapper& up,
+  // The check-out under the caller's upgrade lock on this item (and, for a writeable one, the
+  // library lock), in steps: the search's request, the refusals that need no payload, the
+  // payload (read back from disk unless kNoDiskRead), the move out of the directory.
+  JX_CheckoutResult CheckoutLocked(int flags, const zelcore::threads::ScopedUpgradeLockWrapper& up,
                                    JXp_ScLock* libraryLock, JX_Bag* knownBag, bool* wasPending,
-                                   const MatchRequest* match);
+                                   const MatchRequest* match) REQUIRES_SHARED(mutex_)
+      REQUIRES(mutex_.OwnerRole());
+  // Its steps on every cache hit are always inlined (items/checkout.cpp alone calls them), so
+  // that a hit pays no calls for the check-out being written in steps.
+  // Whether this item answers the search's request (and sets *match.matched), and, for a
+  // candidate found without the library lock, is still where the search found it.
+  [[gnu::always_inline]] inline bool AnswersRequestLocked(const MatchRequest& match)
+      REQUIRES_SHARED(mutex_);
+  // False when the item is writeable, checked out at all (`forWrite`), pending and the flags do
+  // not allow waiting for it (counted), rendered by the calling thread, or without a payload.
+  [[gnu::always_inline]] inline bool MayCheckOutLocked(int flags, bool forWrite, bool pending) const
+      REQUIRES_SHARED(mutex_);
+  // Whether the payload can be handed out: in memory (read back first unless kNoDiskRead;
+  // `seenInMemory` skips asking), pending, accepted out of memory by the flags, or on disk for
+  // the caller to read back after the library lock.
+  [[gnu::always_inline]] inline bool PayloadUsableLocked(int flags, bool pending, bool seenInMemory)
+      REQUIRES_SHARED(mutex_);
+  // Takes the item out of the directory and marks it writeable, taking the write lock on top of
+  // the caller's upgrade lock.
+  void MakeWriteableLocked(const JXp_ScLock& libraryLock);
   // Checkout from inside `bag`'s own find, which keeps `bag` alive and holds the library lock:
   // the size sync can use it without looking the bag up.
   // `wasPending` (optional) tells whether the item was pending when it was checked out.
@@ -334,31 +384,53 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   void ResyncMemorySize(JX_Bag* knownBag);
   // The exchange of the accounted sizes; the caller holds the item's upgrade or write lock, so
   // that no purge and no other sync interleaves between measuring and exchanging.
-  void SyncMemorySizeLocked(unsigned int newSize, JX_Bag* knownBag);
+  void SyncMemorySizeLocked(unsigned int newSize, JX_Bag* knownBag) REQUIRES_SHARED(mutex_)
+      REQUIRES(mutex_.OwnerRole());
   // After findKeyData_ or pending_ changed: under the write lock, or before the item is shared.
-  void UpdateKeyIsFinalPayload() {
+  void UpdateKeyIsFinalPayload() REQUIRES(mutex_) {
     keyIsFinalPayload_.store(!findKeyData_ && !pending_.load(std::memory_order_relaxed),
                              std::memory_order_release);
   }
   // Moves the check-out count by `step`; the caller holds the upgrade or write lock.
-  void StepCheckoutCountLocked(int step) {
+  void StepCheckoutCountLocked(int step) REQUIRES(mutex_.OwnerRole()) {
     checkoutCount_.store(checkoutCount_.load(std::memory_order_relaxed) + step,
                          std::memory_order_release);
   }
-  void MoveAccountedSizes(unsigned int newSize, unsigned int newCheckedOut, JX_Bag& bag);
+  void MoveAccountedSizes(unsigned int newSize, unsigned int newCheckedOut, JX_Bag& bag)
+      REQUIRES(mutex_.OwnerRole());
   // Before `bag` counts anything of this item: what the item counted in another bag goes back
   // to that bag (when it still exists), and its disk size joins `bag`. The caller holds the
   // item's upgrade or write lock.
-  void AccountIn(JX_Bag& bag);
+  void AccountIn(JX_Bag& bag) REQUIRES(mutex_.OwnerRole());
   // Takes the item's accounted memory sizes out of `bag`'s totals (the item leaves it).
   void ForgetAccountedSizes(JX_Bag& bag);
   // Hands a newly created pending item to its creator: checked out once, no wait.
   void CheckoutNewPending();
   void TempRemoveFromSortDir(const JXp_ScLock& lock);
   void SetBagAndInMru(const std::weak_ptr<JX_Bag>& bag, JX_Bag* mruBag);
+  // The steps of PrepAndWrite (disk/prep_and_write.cpp): the write itself, which throws on
+  // failure and sets *claimed once it holds the item's one write in progress; the claims (the
+  // write in progress and the target's path, empty when there is nothing to write); and the
+  // link to the committed file, with its size counted.
+  void WriteDiskCacheFile(const std::shared_ptr<JX_Bag>& bag, bool* claimed);
+  std::shared_ptr<jx::disk::ClaimedFile> ClaimWrite(const zelcore::filesupport::File& target,
+                                                    const zelcore::filesupport::File& temp,
+                                                    bool* claimed);
+  void LinkWrittenFile(const zelcore::filesupport::File& target,
+                       std::shared_ptr<jx::disk::ClaimedFile> claim);
   // Disk decision of a check-in (disk/): flag 8 writes at once, a writeable check-in asks the
   // write-worthiness rule.
   void OfferToDiskAtCheckin(int flags, bool wasWriteable, double computeTime);
+  // One offer of MaybeWriteToDisk to the disk writer: the payload as it is, or a compressed copy
+  // (`compressedCopy`, judged at low priority). Says whether a write was queued, whether the
+  // worthiness rule turned it down, and whether only the queue's fullness did.
+  struct DiskOffer {
+    bool queued = false;
+    bool ruleSaidNo = false;
+    bool worthIfQueueEmpty = false;
+  };
+  DiskOffer OfferToDiskWriter(const IntrusivePtr<JX_Stuff>& self, bool compressedCopy,
+                              double computeTime, JX_StuffData& data);
   // Write policy and background writer (disk/write_policy.cpp, disk/disk_writer.cpp).
   bool WorthWritingToDiskCache(double computeTime, bool lowPriority, bool* cacheable,
                                bool* worthIfQueueEmpty, bool* lowPriorityForced) const;
@@ -370,32 +442,28 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   static void WriteToDiskAsync(IntrusivePtr<JX_Stuff> item,
                                boost::shared_ptr<JX_ScCheckout> checkout, bool flag);
   bool PurgeIfPossiblePrivate(const zelcore::threads::ScopedWriteLockWrapper& itemWriteLock,
-                              ReleaseQueue* toRelease);
+                              ReleaseQueue* toRelease) REQUIRES(mutex_);
   void StoreGuid(const Guid& guid);
 
   // The members are grouped by use: what every check-out and check-in touches comes first, so
   // that a cache hit reads as few cache lines of the item as possible.
 
-  // Key: the GUID's sixteen bytes as two words and its directory hash, written under guidSpin_
-  // and read lock-free.
-  std::atomic<uint64_t> guidWords_[2] = {};
-  std::atomic<uint64_t> guidHash_;
-  std::atomic<uint32_t> guidSpin_{0};
-  std::atomic<uint32_t> guidSeq_{0};
+  // Key: the GUID and its directory hash, read without a lock (items/seqlocked_guid.h).
+  jx::SeqLockedGuid key_;
   mutable zelcore::threads::MultiTenantRecursiveMutex mutex_;
 
   // Check-out state.
   std::atomic<uint32_t> checkoutCount_{0};
-  bool writeable_ = false;
+  bool writeable_ GUARDED_BY(mutex_) = false;
   std::atomic<bool> pending_{false};
   // In a directory and not taken out for a writeable check-out: sortDir_ set and
   // tempRemovedFromSortDir_ clear. Written with them; readable without the lock.
   std::atomic<bool> inSortDir_{false};
-  zelcore::threads::ThreadId pendingThread_ = zelcore::threads::kNoThread;
+  zelcore::threads::ThreadId pendingThread_ GUARDED_BY(mutex_) = zelcore::threads::kNoThread;
 
   // Payload and request.
-  IntrusivePtr<JX_StuffData> data_;
-  IntrusivePtr<JX_StuffData> findKeyData_;
+  IntrusivePtr<JX_StuffData> data_ GUARDED_BY(mutex_);
+  IntrusivePtr<JX_StuffData> findKeyData_ GUARDED_BY(mutex_);
   // Set when the key is the payload for good: no find-key data, and not pending (data_ is
   // written only at construction and when a pending item is completed). Written under the write
   // lock after either changes; while it is set, data_ may be read without the lock.
@@ -407,16 +475,16 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // old global bag out of the new one. Written with the sizes, under the upgrade or write lock.
   std::atomic<uint32_t> memSize_{0};
   std::atomic<uint32_t> checkedOutSize_{0};
-  uint64_t accountedIn_ = 0;
+  uint64_t accountedIn_ GUARDED_BY(mutex_.OwnerRole()) = 0;
 
   // Bag and recency.
-  std::weak_ptr<JX_Bag> bag_;
+  std::weak_ptr<JX_Bag> bag_ GUARDED_BY(mutex_);
   std::atomic<uint64_t> lastUsedTime_;
   MruHook mruHook_;
   JX_Bag* mruBag_ = nullptr;  // the bag whose recency order links the item
   uint64_t mruStamp_ = 0;     // the time stamp that places it there (library lock)
   // The item's claim on its disk file (disk/claimed_file.h): a file belongs to one item.
-  std::shared_ptr<jx::disk::ClaimedFile> diskFile_;
+  std::shared_ptr<jx::disk::ClaimedFile> diskFile_ GUARDED_BY(mutex_);
 
   // Less frequently used: the rest of the disk and purge state, the directory link, the pending
   // gate, the media map.
@@ -425,13 +493,13 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   std::atomic<uint32_t> writeInProgress_{0};
   std::atomic<uint32_t> diskCheckouts_{0};
   std::atomic<bool> taggedToWrite_{false};
-  bool tempRemovedFromSortDir_ = false;
+  bool tempRemovedFromSortDir_ GUARDED_BY(mutex_) = false;
   zelcore::threads::OpenOnceGate pendingGate_;
-  double computeTime_ = 0.0;
-  std::weak_ptr<JX_SortDir> sortDir_;
-  std::unique_ptr<MemDiskChangedSignal> memDiskChanged_;
-  Guid mediaMapGuid_;
-  uint64_t mediaMapID_ = 0;
+  double computeTime_ GUARDED_BY(mutex_) = 0.0;
+  std::weak_ptr<JX_SortDir> sortDir_ GUARDED_BY(mutex_);
+  std::unique_ptr<MemDiskChangedSignal> memDiskChanged_ GUARDED_BY(mutex_);
+  Guid mediaMapGuid_ GUARDED_BY(mutex_);
+  uint64_t mediaMapID_ GUARDED_BY(mutex_) = 0;
 };
 
 // Process-wide counters of the check-out protocol. Every hit changes itemsCheckedOut twice, on

@@ -1,0 +1,163 @@
+// The recency log driven directly: notes of live threads and of ended ones merge in stamp order;
+// a stale note changes nothing; a log fills without taking the library lock and applies itself
+// when full, wrapping around without losing a note; notes of items that left their bag, died or
+// lost their bag change nothing and keep nothing alive.
+#include <gtest/gtest.h>
+
+#include <future>
+#include <thread>
+#include <vector>
+
+#include "bag/library_lock.h"
+#include "bag/recency_log.h"
+#include "host/high_precision_time.h"
+#include "testing/jx_test_support.h"
+
+using jx::testing::LibraryTest;
+using jx::testing::MakeItem;
+using jx::testing::TestPayload;
+using zelcore::utility::HighPrecisionTime;
+using zelcore::utility::IntrusivePtr;
+
+namespace {
+
+// Holds the library lock on a thread of its own for its lifetime: nothing applies meanwhile.
+class LockHolder {
+ public:
+  LockHolder() { held_.get_future().wait(); }
+  ~LockHolder() {
+    release_.set_value();
+    thread_.join();
+  }
+
+ private:
+  std::promise<void> held_, release_;
+  std::future<void> released_ = release_.get_future();
+  std::thread thread_{[this] {
+    JXp_ScLock lock;
+    held_.set_value();
+    released_.wait();
+  }};
+};
+
+class RecencyLogTest : public LibraryTest {
+ protected:
+  void SetUp() override {
+    LibraryTest::SetUp();
+    // Stamps well after every item's own: a note always moves an item that is still in its bag.
+    base_ = HighPrecisionTime::GetCurrentTimeStamp() + (uint64_t{1} << 40);
+  }
+  std::vector<IntrusivePtr<JX_Stuff>> AddItems(int n) {
+    std::vector<IntrusivePtr<JX_Stuff>> items;
+    for (int i = 0; i < n; ++i) {
+      items.push_back(MakeItem(10));
+      bag_->AddToBagAndSortDir(items.back());
+    }
+    return items;
+  }
+  // The order after every note is applied (the copy applies them first).
+  std::vector<JX_Stuff*> Order() {
+    std::vector<JX_Stuff*> order;
+    for (auto& s : bag_->CopyMruItems()) order.push_back(s.get());
+    return order;
+  }
+  static void ApplyNow() {
+    JXp_ScLock lock;
+    jx::recency::ApplyAll(lock);
+  }
+  uint64_t At(int step) const { return base_ + 10 * static_cast<uint64_t>(step); }
+
+  uint64_t base_ = 0;
+};
+
+TEST_F(RecencyLogTest, NotesOfLiveAndEndedThreadsApplyInStampOrder) {
+  auto items = AddItems(6);
+  JX_Stuff &a = *items[0], &b = *items[1], &c = *items[2], &d = *items[3], &e = *items[4];
+  JX_Stuff& untouched = *items[5];
+  // Three logs: this thread's, one of a thread still running at the apply, and one of a thread
+  // that ended before it (its notes are kept as orphans).
+  jx::recency::Note(a, At(5));
+  jx::recency::Note(c, At(1));
+  std::promise<void> noted, applied;
+  std::thread live([&] {
+    jx::recency::Note(e, At(2));
+    jx::recency::Note(a, At(4));  // older than this thread's later note of a: a ends at 5
+    noted.set_value();
+    applied.get_future().wait();
+  });
+  noted.get_future().wait();
+  std::thread([&] {
+    jx::recency::Note(b, At(3));
+    jx::recency::Note(d, At(6));
+  }).join();
+  EXPECT_EQ(Order(), (std::vector<JX_Stuff*>{&untouched, &c, &e, &b, &a, &d}));
+  applied.set_value();
+  live.join();
+
+  // Applied already: a note older than the item's place changes nothing, a newer one moves it.
+  jx::recency::Note(a, At(2));
+  jx::recency::Note(b, At(7));
+  EXPECT_EQ(Order(), (std::vector<JX_Stuff*>{&untouched, &c, &e, &a, &d, &b}));
+}
+
+TEST_F(RecencyLogTest, AFullLogAppliesItselfAndWrapsAroundWithoutLosingANote) {
+  auto items = AddItems(3);
+  JX_Stuff &x = *items[0], &y = *items[1], &z = *items[2];
+  ApplyNow();  // whatever this thread noted before starts from an empty log
+  const int room = static_cast<int>(jx::recency::kNotesPerThread);
+  {
+    // Every note but the last that fills the log is taken without the library lock; were one
+    // to wait for it, this would never end.
+    LockHolder holder;
+    for (int i = 1; i < room; ++i) jx::recency::Note(x, At(i));
+  }
+  // The note that fills the log applies it. To see that it did, x leaves the bag and comes back
+  // (with a fresh stamp, far older than the noted ones), then z does: had x's notes been left
+  // for later, they would move x past z again.
+  jx::recency::Note(y, At(room));
+  for (const auto& s : {items[0], items[2]}) {
+    s->RemoveFromBagAndSortDir();
+    bag_->AddToBagAndSortDir(s);
+  }
+  EXPECT_EQ(Order(), (std::vector<JX_Stuff*>{&x, &z, &y}));
+
+  // Many times the log's room, cycling through the items: each fill applies, the ring wraps,
+  // and the order ends as the last notes say.
+  const int notes = 5 * room + 17;
+  for (int i = 0; i < notes; ++i) jx::recency::Note(*items[i % 3], At(room + 1 + i));
+  JX_Stuff* last = items[(notes - 1) % 3].get();
+  JX_Stuff* beforeLast = items[(notes - 2) % 3].get();
+  JX_Stuff* first = items[(notes - 3) % 3].get();
+  EXPECT_EQ(Order(), (std::vector<JX_Stuff*>{first, beforeLast, last}));
+}
+
+TEST_F(RecencyLogTest, NotesOfItemsThatLeftDiedOrLostTheirBagChangeNothing) {
+  auto items = AddItems(3);
+  IntrusivePtr<JX_Stuff> left = items[0], died = items[1], stays = items[2];
+  items.clear();
+  auto otherBag = std::make_shared<JX_Bag>(1);
+  IntrusivePtr<JX_Stuff> orphaned = MakeItem(10);
+  otherBag->AddToBagAndSortDir(orphaned);
+  const int livePayloads = TestPayload::LiveCount().load();
+
+  for (JX_Stuff* s : {left.get(), died.get(), stays.get(), orphaned.get()}) {
+    jx::recency::Note(*s, At(1));
+  }
+  left->RemoveFromBagAndSortDir();
+  died->RemoveFromBagAndSortDir();
+  died.reset();  // the note's reference is weak: the item goes now
+  EXPECT_EQ(TestPayload::LiveCount().load(), livePayloads - 1);
+  otherBag.reset();  // the bag goes; its item lives on outside any bag
+
+  ApplyNow();
+  EXPECT_EQ(Order(), (std::vector<JX_Stuff*>{stays.get()}));
+  EXPECT_FALSE(left->GetBag());
+  EXPECT_FALSE(orphaned->GetBag());
+  // The apply held `left` and `orphaned` while it looked at them, and let go once the lock was
+  // released: this test's references are the only ones left.
+  EXPECT_EQ(left->GetRefCount(), 1);
+  EXPECT_EQ(orphaned->GetRefCount(), 1);
+  EXPECT_EQ(bag_->GetNumMruSortedItems(), 1);
+}
+
+}  // namespace
