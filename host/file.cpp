@@ -133,8 +133,11 @@ bool Dir::PathExists() const {
 Dir Dir::Join(const std::string& name) const { return Dir(JoinPath(path_, name)); }
 
 std::vector<std::string> Dir::ListNames() const {
+  std::vector<jx::host::FileSystem::Entry> entries;
+  if (Fs().ListDirectory(path_.c_str(), &entries) != 0) ThrowFileError(errno, FileOp::kOpen, path_);
   std::vector<std::string> names;
-  if (Fs().ListDirectory(path_.c_str(), &names) != 0) ThrowFileError(errno, FileOp::kOpen, path_);
+  names.reserve(entries.size());
+  for (auto& e : entries) names.push_back(std::move(e.name));
   return names;
 }
 

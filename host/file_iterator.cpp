@@ -12,7 +12,7 @@ namespace zelcore::filesupport {
 
 struct RecursiveFileIterator::Impl {
   struct Level {
-    std::vector<std::string> names;
+    std::vector<jx::host::FileSystem::Entry> entries;
     size_t next = 0;
     Dir path;
   };
@@ -21,7 +21,7 @@ struct RecursiveFileIterator::Impl {
   // An unreadable folder is left out of the walk rather than ending it.
   void Enter(const Dir& path) {
     Level level{{}, 0, path};
-    if (jx::host::GetFiles().ListDirectory(path.GetPath().c_str(), &level.names) == 0) {
+    if (jx::host::GetFiles().ListDirectory(path.GetPath().c_str(), &level.entries) == 0) {
       stack.push_back(std::move(level));
     }
   }
@@ -36,7 +36,13 @@ enum class Kind { kFile, kFolder, kOther };
 // Symbolic links count as what they point to, except that a linked folder is not entered: a
 // link back up the tree would make the walk endless, and a cache folder has no business
 // reaching into another tree.
-Kind Classify(const Dir& parent, const std::string& name) {
+Kind Classify(const Dir& parent, const jx::host::FileSystem::Entry& entry) {
+  using Type = jx::host::FileSystem::Entry::Type;
+  // The listing's own word saves a status call per file, which a folder of 100,000 files feels.
+  if (entry.type == Type::kFile) return Kind::kFile;
+  if (entry.type == Type::kFolder) return Kind::kFolder;
+  if (entry.type == Type::kOther) return Kind::kOther;
+  const std::string& name = entry.name;
   jx::host::FileSystem& fs = jx::host::GetFiles();
   const std::string path = parent.GetPath() + "/" + name;
   struct stat st {};
@@ -58,13 +64,14 @@ bool RecursiveFileIterator::Next(File* out) {
   auto& stack = impl_->stack;
   while (!stack.empty()) {
     Impl::Level& level = stack.back();
-    if (level.next == level.names.size()) {
+    if (level.next == level.entries.size()) {
       impl_->Leave();
       continue;
     }
-    const std::string name = level.names[level.next++];
+    const jx::host::FileSystem::Entry entry = std::move(level.entries[level.next++]);
+    const std::string& name = entry.name;
     const Dir parent = level.path;
-    switch (Classify(parent, name)) {
+    switch (Classify(parent, entry)) {
       case Kind::kFile:
         *out = File(parent, name);
         return true;

@@ -152,6 +152,26 @@ class DefaultThreads final : public Threads {
 
 class PosixFileSystem final : public FileSystem {
  public:
+  static Entry::Type TypeOf(const dirent& entry) {
+#if defined(_DIRENT_HAVE_D_TYPE) || defined(__APPLE__)
+    switch (entry.d_type) {
+      case DT_REG:
+        return Entry::Type::kFile;
+      case DT_DIR:
+        return Entry::Type::kFolder;
+      case DT_LNK:
+        return Entry::Type::kLink;
+      case DT_UNKNOWN:
+        return Entry::Type::kUnknown;
+      default:
+        return Entry::Type::kOther;
+    }
+#else
+    (void)entry;
+    return Entry::Type::kUnknown;
+#endif
+  }
+
   int Open(const char* path, int flags, mode_t mode) override {
     int fd;
     do {
@@ -182,16 +202,16 @@ class PosixFileSystem final : public FileSystem {
   int Rename(const char* from, const char* to) override { return ::rename(from, to); }
   int Unlink(const char* path) override { return ::unlink(path); }
   int MakeDirectory(const char* path, mode_t mode) override { return ::mkdir(path, mode); }
-  int ListDirectory(const char* path, std::vector<std::string>* names) override {
+  int ListDirectory(const char* path, std::vector<Entry>* entries) override {
     std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(path), &::closedir);
     if (!dir) return -1;
-    names->clear();
+    entries->clear();
     for (;;) {
       errno = 0;
       const dirent* entry = ::readdir(dir.get());
       if (entry == nullptr) return errno == 0 ? 0 : -1;
       if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) continue;
-      names->emplace_back(entry->d_name);
+      entries->push_back({entry->d_name, TypeOf(*entry)});
     }
   }
   int VolumeStats(const char* path, struct statvfs* st) override { return ::statvfs(path, st); }

@@ -178,8 +178,14 @@ class JX_EXPORT FileSystem {
   virtual int Rename(const char* from, const char* to) = 0;
   virtual int Unlink(const char* path) = 0;
   virtual int MakeDirectory(const char* path, mode_t mode) = 0;
-  // The names in a folder, "." and ".." left out.
-  virtual int ListDirectory(const char* path, std::vector<std::string>* names) = 0;
+  // What is in a folder, "." and ".." left out. The type is what the listing itself says
+  // (readdir's d_type), or kUnknown where it does not say: the library then asks LStat.
+  struct Entry {
+    enum class Type { kUnknown, kFile, kFolder, kLink, kOther };
+    std::string name;
+    Type type = Type::kUnknown;
+  };
+  virtual int ListDirectory(const char* path, std::vector<Entry>* entries) = 0;
   virtual int VolumeStats(const char* path, struct statvfs* st) = 0;
 };
 

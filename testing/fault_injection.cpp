@@ -105,8 +105,8 @@ class FaultInjectingFileSystem final : public jx::host::FileSystem {
   int MakeDirectory(const char* path, mode_t mode) override {
     return inner_.MakeDirectory(path, mode);
   }
-  int ListDirectory(const char* path, std::vector<std::string>* names) override {
-    return Refused(FileOp::kOpen) ? -1 : inner_.ListDirectory(path, names);
+  int ListDirectory(const char* path, std::vector<Entry>* entries) override {
+    return Refused(FileOp::kOpen) ? -1 : inner_.ListDirectory(path, entries);
   }
   int VolumeStats(const char* path, struct statvfs* st) override {
     return inner_.VolumeStats(path, st);
