@@ -167,6 +167,12 @@ uint32_t JX_GetPurgeFreedDiskBackedCount() { return gPurgeCounters.freedDiskBack
 uint32_t JX_GetPurgeFreedGeneralCount() { return gPurgeCounters.freedGeneral.load(); }
 // Exported for the benchmarks, which tell items examined from items freed.
 JX_EXPORT uint64_t JX_GetPurgeExaminedCount() { return gPurgeCounters.examined.load(); }
+void JX_ResetPurgeCounters() {
+  gPurgeCounters.calls = 0;
+  gPurgeCounters.freedDiskBacked = 0;
+  gPurgeCounters.freedGeneral = 0;
+  gPurgeCounters.examined = 0;
+}
 
 void JX_Bag::FreeUpSomeMemory(unsigned long long /*amount: the host is asked instead*/) {
   gPurgeCounters.calls.fetch_add(1, std::memory_order_relaxed);

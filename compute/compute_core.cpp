@@ -1,11 +1,16 @@
 #include "compute/compute_core.h"
 
+#include <atomic>
+
+#include "host/striped_counter.h"
+
 #include <cstring>
 #include <memory>
 #include <string>
 #include <typeinfo>
 
 #include "bag/library_lock.h"
+#include "common/failures.h"
 #include "compute/compute_registry.h"
 #include "compute/compute_value.h"
 #include "compute/receipt.h"
@@ -15,7 +20,6 @@
 #include "host/murmur3.h"
 #include "host/y_api.h"
 #include "items/sc_checkout.h"
-#include "common/failures.h"
 
 namespace jx::compute {
 namespace {
@@ -192,6 +196,34 @@ zelcore::debug::ProfileDataLog& ThreadWaitingLog() {
   return log;
 }
 
+namespace {
+// Every served value counts on whatever thread asked, so that one is striped; the rest are rare.
+struct LiveCounters {
+  zelcore::utility::StripedCounter<uint64_t> served;
+  std::atomic<uint64_t> computed{0}, failed{0}, waits{0}, notAvailable{0};
+};
+constinit LiveCounters gCounters;
+
+int32_t NotAvailable() {
+  gCounters.notAvailable.fetch_add(1, std::memory_order_relaxed);
+  return kNotAvailable;
+}
+}  // namespace
+
+Counters GetCounters() {
+  return {gCounters.served.load(), gCounters.computed.load(), gCounters.failed.load(),
+          gCounters.waits.load(), gCounters.notAvailable.load()};
+}
+
+void ResetCounters() {
+  // A striped counter is reset by taking back what it holds: its stripes belong to their threads.
+  gCounters.served.fetch_sub(gCounters.served.load());
+  gCounters.computed = 0;
+  gCounters.failed = 0;
+  gCounters.waits = 0;
+  gCounters.notAvailable = 0;
+}
+
 int32_t ComputeAndCheckout(const char* classId, void* request, Mode mode,
                            KQGP_JXComputeReceipt* receipt) {
   if (classId == nullptr) FailVerification("JXCompute null class identifier");
@@ -212,19 +244,25 @@ int32_t ComputeAndCheckout(const char* classId, void* request, Mode mode,
   const JX_CheckoutResult found = FindEntry(*handle, key, mode);
   // Nobody else has the receipt yet: the item is read from it without its lock or a reference.
   JX_Stuff* item = handle->GetStuffOfUnsharedHandle();
-  if (found == kJX_CheckoutRefused || !item) return kNotAvailable;
+  if (found == kJX_CheckoutRefused || !item) return NotAvailable();
 
   if (found == kJX_CreatedPending) {
-    if (int32_t err = ComputeInto(StuffPtr(item), id, callbacks, key, request)) return err;
+    if (int32_t err = ComputeInto(StuffPtr(item), id, callbacks, key, request)) {
+      gCounters.failed.fetch_add(1, std::memory_order_relaxed);
+      return err;
+    }
+    gCounters.computed.fetch_add(1, std::memory_order_relaxed);
   } else if (item->IsPendingRender()) {
-    if (mode != Mode::kWait || !MayWait(callerHeldNotifyingLock)) return kNotAvailable;
+    if (mode != Mode::kWait || !MayWait(callerHeldNotifyingLock)) return NotAvailable();
+    gCounters.waits.fetch_add(1, std::memory_order_relaxed);
     WaitForOtherCompute(*item);
   } else if (mode != Mode::kWait && !item->GetDataPtr()) {
     // Found while another caller computed it, and abandoned since (its compute failed): for a
     // caller that does not wait that is "not available", as if it had looked a moment earlier.
-    return kNotAvailable;
+    return NotAvailable();
   }
   CheckEntry(*item, id);
+  if (found != kJX_CreatedPending) gCounters.served.fetch_add(1);
   *receipt = ToHandle(handle.release());
   return 0;
 }

@@ -35,6 +35,19 @@ void GetReceiptValue(KQGP_JXComputeReceipt receipt, intptr_t* outValue);
 // 0 (null receipt: nothing done), 2 (not a live receipt, reported) or 0 after the check-in.
 int32_t CheckinReceipt(KQGP_JXComputeReceipt receipt);
 
+// What the compute cache has done since the start (or the last ResetCounters): values served
+// from the cache, values this process computed, computes that failed, waits for a value another
+// thread computed, and requests answered "not available".
+struct Counters {
+  uint64_t served = 0;
+  uint64_t computed = 0;
+  uint64_t failed = 0;
+  uint64_t waits = 0;
+  uint64_t notAvailable = 0;
+};
+Counters GetCounters();
+void ResetCounters();
+
 // The entry key of `pluginKey` in class `classId`.
 KQGP_GUID MakeEntryKey(std::string_view classId, const KQGP_GUID& pluginKey);
 

@@ -34,6 +34,9 @@ inline Counters& GetCounters() {
   return counters;
 }
 
+// Sets the counters of work done back to zero (the queue lengths, which are states, stay).
+void ResetCounters();
+
 // Adds a sample of a finished disk write of `bytes` taking `seconds` to the write-speed
 // statistics; while the read statistics are still warming up, the same sample goes there too,
 // so a fresh process has a read estimate before it has read anything.

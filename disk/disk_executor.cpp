@@ -46,6 +46,12 @@ FrameCounters GetFrameCounters() {
           gFramesWritten[1].load()};
 }
 
+void ResetFrameCounters() {
+  for (auto* counters : {&gFramesRead, &gFramesWritten}) {
+    for (auto& c : *counters) c.store(0, std::memory_order_relaxed);
+  }
+}
+
 }  // namespace jx
 
 namespace jx::disk {

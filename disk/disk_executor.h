@@ -30,6 +30,7 @@ struct FrameCounters {
   uint32_t readFalse, readTrue, writtenFalse, writtenTrue;
 };
 FrameCounters GetFrameCounters();
+void ResetFrameCounters();
 }  // namespace jx
 
 namespace jx::disk {

@@ -1,11 +1,11 @@
 #include "disk/performance_counters.h"
 
 #include "bag/bag.h"
+#include "bag/global_bag.h"
 #include "disk/disk_counters.h"
+#include "disk/disk_executor.h"
 #include "disk/disk_speed.h"
 #include "items/stuff.h"
-#include "bag/global_bag.h"
-#include "disk/disk_executor.h"
 
 JX_DiskPerformanceCounters JX_GetDiskPerformanceCounters() {
   const auto& c = jx::disk::GetCounters();
@@ -60,4 +60,17 @@ JX_PerformanceCounters JX_GetPerformanceCounters() {
   }
   r.disk = JX_GetDiskPerformanceCounters();
   return r;
+}
+
+void jx::disk::ResetCounters() {
+  Counters& c = GetCounters();
+  for (auto* counter : {&c.bytesWritten, &c.filesWritten, &c.writesSkipped, &c.writesSkippedForRoom,
+                        &c.writesSkippedForVolume, &c.failedWrites, &c.bytesRead, &c.filesRead,
+                        &c.filesAdopted, &c.normalWriteRequests, &c.lowPriorityForcedWriteRequests,
+                        &c.compressedWriteRequests, &c.notWorthWriting}) {
+    counter->store(0, std::memory_order_relaxed);
+  }
+  c.failedReads.store(0, std::memory_order_relaxed);
+  for (auto& reason : c.refusedForReason) reason.store(0, std::memory_order_relaxed);
+  jx::ResetFrameCounters();
 }

@@ -62,3 +62,5 @@ uint32_t JX_GetPurgeFreedDiskBackedCount();
 uint32_t JX_GetPurgeFreedGeneralCount();
 // Items the purge walks have looked at, freed or not.
 JX_EXPORT uint64_t JX_GetPurgeExaminedCount();
+// Sets the purge counters back to zero.
+void JX_ResetPurgeCounters();

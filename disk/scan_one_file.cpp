@@ -5,14 +5,14 @@
 #include <cstdint>
 
 #include "bag/bag.h"
+#include "bag/global_bag.h"
+#include "common/failures.h"
 #include "disk/cache_file_name.h"
 #include "disk/claimed_file.h"
 #include "disk/disk_counters.h"
 #include "host/trace.h"
 #include "host/y_api.h"
 #include "items/sc_checkout.h"
-#include "common/failures.h"
-#include "bag/global_bag.h"
 
 using zelcore::filesupport::File;
 using zelcore::utility::IntrusivePtr;

@@ -3,11 +3,11 @@
 
 #include <cmath>
 
+#include "common/settings.h"
 #include "disk/disk_speed.h"
 #include "disk/disk_test_support.h"
 #include "disk/disk_writer.h"
 #include "disk/write_policy.h"
-#include "common/settings.h"
 
 using jx::disk::SpeedStatistics;
 using jx::testing::ScQueueLengths;
