@@ -19,10 +19,13 @@ build: deps $(BUILD)/build.ninja
 test: build
 	cd $(BUILD) && ctest -j $(JOBS) --output-on-failure -LE stress
 
-# Builds only what the tool needs, then plays the session with its defaults.
-demo: deps $(BUILD)/build.ninja
-	cmake --build $(BUILD) -j $(JOBS) --target jxcache_tool
-	$(BUILD)/bin/jxcache simulate
+# Installs and builds only what the tool needs (no test framework, no clang), in a build folder
+# of its own, then plays the session with its defaults.
+demo:
+	@bash scripts/install-deps.sh --demo
+	@[ -f build-demo/build.ninja ] || cmake -S . -B build-demo $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DJX_BUILD_TESTS=OFF -DJX_BUILD_EXAMPLES=OFF
+	cmake --build build-demo -j $(JOBS) --target jxcache_tool
+	build-demo/bin/jxcache simulate
 
 bench:
 	@bash scripts/install-deps.sh --bench
@@ -33,12 +36,14 @@ bench:
 
 # Every test under AddressSanitizer, UndefinedBehaviorSanitizer and LeakSanitizer: the unit and
 # concurrency tests, the corpus replays, and the stress programs (bounded shorter here).
-asan: deps
+asan:
+	@bash scripts/install-deps.sh --sanitizers
 	CC=clang CXX=clang++ cmake -S . -B build-asan $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DJX_SANITIZE=address,undefined -DJX_BUILD_TOOLS=OFF
 	cmake --build build-asan -j $(JOBS)
 	cd build-asan && ctest -j $(JOBS) --output-on-failure -L "unit|concurrency|stress"
 
-tsan: deps
+tsan:
+	@bash scripts/install-deps.sh --sanitizers
 	CC=clang CXX=clang++ cmake -S . -B build-tsan $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DJX_SANITIZE=thread -DJX_BUILD_TOOLS=OFF
 	cmake --build build-tsan -j $(JOBS) --target concurrency_tests stress_programs
 	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest -j $(JOBS) --output-on-failure -L "concurrency|stress"
@@ -51,7 +56,8 @@ stress: build
 # Each fuzz target runs for FUZZ_SECONDS on a copy of its seed corpus (fuzz/corpus/<target>);
 # a crash leaves its input in build-fuzz/ and fails the run.
 FUZZ_SECONDS ?= 20
-fuzz: deps
+fuzz:
+	@bash scripts/install-deps.sh --sanitizers
 	CC=clang CXX=clang++ cmake -S . -B build-fuzz $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DJX_BUILD_FUZZERS=ON -DJX_BUILD_TESTS=OFF -DJX_BUILD_TOOLS=OFF -DJX_SANITIZE=address,undefined
 	cmake --build build-fuzz -j $(JOBS) --target fuzzers
 	@for t in $$(ls fuzz/corpus); do \
@@ -67,4 +73,4 @@ format:
 	@git ls-files '*.cpp' '*.h' '*.c' | xargs clang-format -i
 
 clean:
-	rm -rf build build-asan build-tsan build-bench build-fuzz build-shared
+	rm -rf build build-demo build-asan build-tsan build-bench build-fuzz build-shared

@@ -1,19 +1,19 @@
 // JX_Bag: membership in the recency order and size accounting.
-#include "bag/bag.h"
+#include "jxcache/bag/bag.h"
 
 #include <mutex>
 #include <unordered_map>
 
 #include "bag/recency_log.h"
 #include "bag/sort_dir.h"
+#include "common/failures.h"
+#include "common/settings.h"
 #include "host/config.h"
-#include "host/high_precision_time.h"
 #include "host/media_manager.h"
 #include "host/trace.h"
 #include "host/y_api.h"
-#include "common/failures.h"
-#include "bag/global_bag.h"
-#include "common/settings.h"
+#include "jxcache/bag/global_bag.h"
+#include "jxcache/host/high_precision_time.h"
 #include "mediamap/media_map_hooks.h"
 
 using zelcore::threads::ScopedReadLockWrapper;

@@ -9,7 +9,7 @@
 #include "bag/sort_dir.h"
 #include "common/failures.h"
 #include "host/config.h"
-#include "items/sc_checkout.h"
+#include "jxcache/items/sc_checkout.h"
 #include "standalone/standalone_host.h"
 #include "testing/jx_test_support.h"
 

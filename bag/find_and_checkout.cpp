@@ -2,11 +2,11 @@
 // pending item the caller must fill while others wait for it.
 #include <boost/container/small_vector.hpp>
 
-#include "bag/bag.h"
 #include "bag/sort_dir.h"
 #include "common/failures.h"
-#include "host/profiler.h"
 #include "host/y_api.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/host/profiler.h"
 
 namespace cf = jx::checkout_flags;
 

@@ -11,7 +11,7 @@
 
 #include "bag/sort_dir.h"
 #include "host/y_api.h"
-#include "items/stuff.h"
+#include "jxcache/items/stuff.h"
 #include "testing/jx_test_support.h"
 
 namespace cf = jx::checkout_flags;

@@ -1,6 +1,6 @@
-#include "bag/global_bag.h"
+#include "jxcache/bag/global_bag.h"
 
-#include "bag/bag.h"
+#include "jxcache/bag/bag.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "bag/library_lock.h"
+#include "jxcache/bag/library_lock.h"
 
 namespace jx::detail {
 constinit zelcore::threads::RecursiveMutex g_libraryMutex;

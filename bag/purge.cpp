@@ -3,13 +3,13 @@
 #include <atomic>
 #include <ostream>
 
-#include "bag/bag.h"
 #include "bag/recency_log.h"
 #include "bag/sort_dir.h"
 #include "common/settings.h"
-#include "host/profiler.h"
 #include "host/trace.h"
 #include "host/y_api.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/host/profiler.h"
 #include "mediamap/media_map_hooks.h"
 
 using zelcore::threads::ScopedReadLockWrapper;

@@ -12,8 +12,8 @@
 
 #include "bag/sort_dir.h"
 #include "common/settings.h"
-#include "disk/performance_counters.h"
-#include "items/sc_checkout.h"
+#include "jxcache/disk/performance_counters.h"
+#include "jxcache/items/sc_checkout.h"
 #include "mediamap/media_map_hooks.h"
 #include "standalone/media_manager_pool.h"
 #include "standalone/standalone_host.h"

@@ -9,7 +9,7 @@
 #include <mutex>
 #include <thread>
 
-#include "bag/library_lock.h"
+#include "jxcache/bag/library_lock.h"
 #include "standalone/standalone_host.h"
 #include "testing/jx_test_support.h"
 

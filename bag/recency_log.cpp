@@ -8,9 +8,9 @@
 #include <new>
 #include <vector>
 
-#include "bag/bag.h"
-#include "bag/library_lock.h"
-#include "host/ref_counted.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/bag/library_lock.h"
+#include "jxcache/host/ref_counted.h"
 
 namespace jx::recency {
 

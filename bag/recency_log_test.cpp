@@ -8,9 +8,9 @@
 #include <thread>
 #include <vector>
 
-#include "bag/library_lock.h"
 #include "bag/recency_log.h"
-#include "host/high_precision_time.h"
+#include "jxcache/bag/library_lock.h"
+#include "jxcache/host/high_precision_time.h"
 #include "testing/jx_test_support.h"
 
 using jx::testing::LibraryTest;

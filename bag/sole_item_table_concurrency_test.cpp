@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "bag/sole_item_table.h"
-#include "host/spin_word.h"
+#include "jxcache/host/spin_word.h"
 
 namespace jx {
 namespace {

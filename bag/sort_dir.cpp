@@ -7,10 +7,10 @@
 #include <new>
 #include <vector>
 
-#include "bag/bag.h"
-#include "bag/global_bag.h"
 #include "common/failures.h"
-#include "host/profiler.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/bag/global_bag.h"
+#include "jxcache/host/profiler.h"
 
 using zelcore::threads::ScopedReadLockWrapper;
 using zelcore::threads::ScopedWriteLockWrapper;

@@ -26,11 +26,11 @@
 
 #include <boost/unordered_set.hpp>
 
-#include "bag/library_lock.h"
 #include "bag/sole_item_table.h"
-#include "host/guid.h"
-#include "host/spin_word.h"
-#include "items/stuff.h"
+#include "jxcache/bag/library_lock.h"
+#include "jxcache/host/guid.h"
+#include "jxcache/host/spin_word.h"
+#include "jxcache/items/stuff.h"
 
 class JX_SortDir : public std::enable_shared_from_this<JX_SortDir> {
  public:

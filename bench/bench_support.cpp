@@ -2,7 +2,7 @@
 
 #include <mutex>
 
-#include "lifecycle/lifecycle.h"
+#include "jxcache/lifecycle/lifecycle.h"
 #include "standalone/standalone_host.h"
 
 namespace jx::bench {

@@ -5,9 +5,9 @@
 #include <random>
 #include <vector>
 
-#include "bag/bag.h"
-#include "host/guid.h"
-#include "items/stuff.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/host/guid.h"
+#include "jxcache/items/stuff.h"
 
 namespace jx::bench {
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "bench_support.h"
-#include "lifecycle/lifecycle.h"
+#include "jxcache/lifecycle/lifecycle.h"
 
 namespace {
 std::atomic<long long> gRequested{0};

@@ -6,9 +6,9 @@
 #include <atomic>
 
 #include "bench_support.h"
-#include "disk/performance_counters.h"
-#include "items/sc_checkout.h"
-#include "lifecycle/lifecycle.h"
+#include "jxcache/disk/performance_counters.h"
+#include "jxcache/items/sc_checkout.h"
+#include "jxcache/lifecycle/lifecycle.h"
 #include "standalone/standalone_host.h"
 
 namespace cf = jx::checkout_flags;

@@ -9,10 +9,10 @@
 #include <vector>
 
 #include "bench_support.h"
-#include "items/sc_checkout.h"
-#include "kqgp_compute_cache.h"
-#include "lifecycle/lifecycle.h"
-#include "y_vx_suite.h"
+#include "jxcache/items/sc_checkout.h"
+#include "jxcache/kqgp_compute_cache.h"
+#include "jxcache/lifecycle/lifecycle.h"
+#include "jxcache/y_vx_suite.h"
 
 namespace {
 

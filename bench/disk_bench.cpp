@@ -15,12 +15,12 @@
 #include <string>
 #include <vector>
 
-#include "bag/bag.h"
 #include "disk/disk_counters.h"
-#include "host/byte_stream.h"
 #include "host/file_utils.h"
-#include "items/checksummed_stream.h"
-#include "lifecycle/lifecycle.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/host/byte_stream.h"
+#include "jxcache/items/checksummed_stream.h"
+#include "jxcache/lifecycle/lifecycle.h"
 #include "standalone/standalone_host.h"
 
 using zelcore::utility::Guid;

@@ -1,16 +1,12 @@
-include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 install(TARGETS jxcache EXPORT jxcacheTargets
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-# Headers only; test helpers stay in the source tree.
-foreach(dir host common lifecycle items bag disk compute mediamap)
-  install(DIRECTORY ${dir}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/jxcache/${dir}
-    FILES_MATCHING PATTERN "*.h" PATTERN "*_test_support.h" EXCLUDE PATTERN "testing" EXCLUDE)
-endforeach()
-install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+# The public headers only, included as <jxcache/...>; the private ones stay in the source tree.
+install(DIRECTORY include/jxcache DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES LICENSE CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # CMake package: find_package(jxcache CONFIG) gives jxcache::jxcache. While the version is 0.x a
 # minor release may break the interface, so only the same minor version is compatible.

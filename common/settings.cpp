@@ -3,8 +3,8 @@
 #include <atomic>
 
 #include "host/feature.h"
-#include "host/host_services.h"
 #include "host/setting_text.h"
+#include "jxcache/host/host_services.h"
 
 namespace {
 

@@ -8,9 +8,9 @@
 
 #include <cstdint>
 
-#include "host/export.h"
-#include "host/guid.h"
-#include "common/jx_types.h"
+#include "jxcache/common/jx_types.h"
+#include "jxcache/host/export.h"
+#include "jxcache/host/guid.h"
 
 // Feature keys.
 inline constexpr const char* kJX_ImprovedDiskCacheFeature = "KQ.ImprovedDiskCacheBehavior";
@@ -60,7 +60,7 @@ bool ExchangeGfxpakLimitAllowed(bool allowed);
 bool PlaybackFromDiskLogic();
 // Tests only: the playback-from-disk logic off again, so that a test that switched it on does not
 // leave it on for the next test run in the same process.
-JX_EXPORT void SwitchPlaybackFromDiskLogicOffForTests();
+void SwitchPlaybackFromDiskLogicOffForTests();
 
 // This library's cache identity towards the host's media manager (made at load time).
 const zelcore::utility::Guid& CacheIdentity();

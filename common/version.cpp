@@ -1,4 +1,8 @@
-// The library's version, as the build configured it.
-#include "common/version.h"
+// The library's version, compiled in: a host linked against a newer shared library sees the
+// library's version here and its headers' in the macros.
+#include "jxcache/common/version.h"
 
-const char* JX_GetLibraryVersionString() { return "0.1.0"; }
+static_assert(sizeof(JXCACHE_VERSION_STRING) > 5, "JXCACHE_VERSION_STRING is major.minor.patch");
+
+const char* JX_GetLibraryVersionString() { return JXCACHE_VERSION_STRING; }
+int JX_GetLibraryVersion() { return JXCACHE_VERSION; }

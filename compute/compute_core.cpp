@@ -2,24 +2,24 @@
 
 #include <atomic>
 
-#include "host/striped_counter.h"
+#include "jxcache/host/striped_counter.h"
 
 #include <cstring>
 #include <memory>
 #include <string>
 #include <typeinfo>
 
-#include "bag/library_lock.h"
 #include "common/failures.h"
 #include "compute/compute_registry.h"
 #include "compute/compute_value.h"
 #include "compute/receipt.h"
-#include "host/guid.h"
-#include "host/high_precision_time.h"
-#include "host/multi_tenant_mutex.h"
 #include "host/murmur3.h"
 #include "host/y_api.h"
-#include "items/sc_checkout.h"
+#include "jxcache/bag/library_lock.h"
+#include "jxcache/host/guid.h"
+#include "jxcache/host/high_precision_time.h"
+#include "jxcache/host/multi_tenant_mutex.h"
+#include "jxcache/items/sc_checkout.h"
 
 namespace jx::compute {
 namespace {

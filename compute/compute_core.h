@@ -15,8 +15,8 @@
 #include <cstdint>
 #include <string_view>
 
-#include "host/profiler.h"
-#include "kqgp_compute_cache.h"
+#include "jxcache/host/profiler.h"
+#include "jxcache/kqgp_compute_cache.h"
 
 namespace jx::compute {
 

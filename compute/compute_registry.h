@@ -15,8 +15,8 @@
 
 #include <cstdint>
 
-#include "host/export.h"
-#include "kqgp_compute_cache.h"
+#include "jxcache/host/export.h"
+#include "jxcache/kqgp_compute_cache.h"
 
 // Registers `classId` with a copy of `callbacks`; all four must be set (else a failed
 // verification is reported and 3 returned). An identifier already registered keeps its first

@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-#include "kqgp_compute_cache.h"
+#include "jxcache/kqgp_compute_cache.h"
 
 // The table; valid for the life of the process.
 const KQGP_ComputeCacheSuite1& JX_ComputeSuite1();

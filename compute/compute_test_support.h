@@ -12,10 +12,10 @@
 #include <vector>
 
 #include "compute/compute_registry.h"
-#include "kqgp_compute_cache.h"
-#include "lifecycle/lifecycle.h"
+#include "jxcache/kqgp_compute_cache.h"
+#include "jxcache/lifecycle/lifecycle.h"
+#include "jxcache/y_vx_suite.h"
 #include "testing/jx_test_support.h"
-#include "y_vx_suite.h"
 
 namespace jx::testing {
 

@@ -20,11 +20,11 @@
 #include <string>
 #include <string_view>
 
-#include "host/export.h"
-#include "host/guid.h"
-#include "host/recursive_mutex.h"
-#include "items/stuff_data.h"
-#include "kqgp_compute_cache.h"
+#include "jxcache/host/export.h"
+#include "jxcache/host/guid.h"
+#include "jxcache/host/recursive_mutex.h"
+#include "jxcache/items/stuff_data.h"
+#include "jxcache/kqgp_compute_cache.h"
 
 // Owns one value handle: deletes it (once, if non-zero) when destroyed.
 struct JXComputeValueHolder {

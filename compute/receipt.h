@@ -11,8 +11,8 @@
 
 #include <memory>
 
-#include "items/sc_checkout.h"
-#include "kqgp_compute_cache.h"
+#include "jxcache/items/sc_checkout.h"
+#include "jxcache/kqgp_compute_cache.h"
 
 namespace jx::compute {
 

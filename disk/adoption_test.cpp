@@ -10,11 +10,11 @@
 #include <filesystem>
 #include <functional>
 
-#include "bag/bag.h"
 #include "disk/disk_test_support.h"
 #include "disk/scan_one_file.h"
-#include "items/sc_checkout.h"
-#include "lifecycle/lifecycle.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/items/sc_checkout.h"
+#include "jxcache/lifecycle/lifecycle.h"
 #include "standalone/standalone_host.h"
 
 using jx::testing::TestPayload;

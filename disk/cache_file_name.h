@@ -20,7 +20,7 @@
 #include <string_view>
 #include <vector>
 
-#include "host/guid.h"
+#include "jxcache/host/guid.h"
 
 namespace jx::disk {
 

@@ -17,12 +17,12 @@
 
 #include <memory>
 
-#include "host/export.h"
-#include "host/file.h"
+#include "jxcache/host/export.h"
+#include "jxcache/host/file.h"
 
 namespace jx::disk {
 
-class JX_EXPORT ClaimedFile {
+class ClaimedFile {
  public:
   // A claim on `file`'s path, or empty when another claim holds it.
   static std::shared_ptr<ClaimedFile> TryClaim(const zelcore::filesupport::File& file);

@@ -1,4 +1,4 @@
-#include "disk/disk_executor.h"
+#include "jxcache/disk/disk_executor.h"
 
 #include <atomic>
 #include <mutex>

@@ -17,7 +17,7 @@
 #include "disk/disk_counters.h"
 #include "disk/disk_test_support.h"
 #include "disk/scan_one_file.h"
-#include "items/sc_checkout.h"
+#include "jxcache/items/sc_checkout.h"
 #include "testing/fault_injection.h"
 
 namespace cf = jx::checkout_flags;

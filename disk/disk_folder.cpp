@@ -12,21 +12,21 @@
 #include <utility>
 #include <vector>
 
-#include "bag/bag.h"
 #include "common/messages.h"
 #include "common/settings.h"
 #include "disk/cache_file_name.h"
-#include "disk/disk_executor.h"
 #include "disk/disk_speed.h"
 #include "host/feature.h"
 #include "host/file_iterator.h"
 #include "host/file_utils.h"
-#include "host/guid.h"
-#include "host/profiler.h"
 #include "host/safe_save.h"
 #include "host/text_encoding.h"
 #include "host/trace.h"
 #include "host/y_api.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/disk/disk_executor.h"
+#include "jxcache/host/guid.h"
+#include "jxcache/host/profiler.h"
 
 using zelcore::filesupport::Dir;
 using zelcore::filesupport::File;

@@ -16,7 +16,7 @@
 #include <cstdint>
 #include <string>
 
-#include "host/file.h"
+#include "jxcache/host/file.h"
 
 class JX_Bag;
 

@@ -11,7 +11,7 @@
 #include "disk/disk_speed.h"
 #include "disk/disk_test_support.h"
 #include "host/file_utils.h"
-#include "items/sc_checkout.h"
+#include "jxcache/items/sc_checkout.h"
 #include "standalone/standalone_host.h"
 
 namespace cf = jx::checkout_flags;

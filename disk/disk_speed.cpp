@@ -4,7 +4,7 @@
 #include <atomic>
 
 #include "disk/disk_counters.h"
-#include "host/high_precision_time.h"
+#include "jxcache/host/high_precision_time.h"
 
 using zelcore::utility::HighPrecisionTime;
 

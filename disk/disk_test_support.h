@@ -15,11 +15,11 @@
 #include <thread>
 #include <vector>
 
-#include "bag/bag.h"
 #include "disk/disk_counters.h"
 #include "disk/disk_writer.h"
-#include "host/file.h"
-#include "items/stuff_data.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/host/file.h"
+#include "jxcache/items/stuff_data.h"
 #include "standalone/standalone_settings.h"
 #include "testing/jx_test_support.h"
 

@@ -12,20 +12,20 @@
 
 #include <boost/smart_ptr/make_shared.hpp>
 
-#include "bag/bag.h"
-#include "bag/global_bag.h"
 #include "common/failures.h"
 #include "common/settings.h"
 #include "disk/disk_counters.h"
-#include "disk/disk_executor.h"
 #include "disk/disk_folder.h"
 #include "disk/write_policy.h"
 #include "host/config.h"
-#include "host/host_services.h"
-#include "host/profiler.h"
 #include "host/trace.h"
 #include "host/y_api.h"
-#include "items/sc_checkout.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/bag/global_bag.h"
+#include "jxcache/disk/disk_executor.h"
+#include "jxcache/host/host_services.h"
+#include "jxcache/host/profiler.h"
+#include "jxcache/items/sc_checkout.h"
 
 namespace cf = jx::checkout_flags;
 namespace ci = jx::checkin_flags;

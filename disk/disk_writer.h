@@ -25,8 +25,8 @@
 #include <chrono>
 #include <cstdint>
 
-#include "disk/disk_hooks.h"
-#include "host/export.h"
+#include "jxcache/disk/disk_hooks.h"
+#include "jxcache/host/export.h"
 
 namespace jx::disk {
 

@@ -14,9 +14,9 @@
 #include "common/settings.h"
 #include "disk/disk_test_support.h"
 #include "disk/disk_writer.h"
-#include "disk/performance_counters.h"
-#include "items/sc_checkout.h"
-#include "lifecycle/lifecycle.h"
+#include "jxcache/disk/performance_counters.h"
+#include "jxcache/items/sc_checkout.h"
+#include "jxcache/lifecycle/lifecycle.h"
 #include "standalone/standalone_host.h"
 
 namespace cf = jx::checkout_flags;

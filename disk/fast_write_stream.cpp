@@ -1,7 +1,7 @@
 // FastWriteOnlyStream: whole aligned blocks out, the true length at close.
 #include "disk/fast_write_stream.h"
 
-#include "host/host_services.h"
+#include "jxcache/host/host_services.h"
 
 #include <algorithm>
 #include <condition_variable>

@@ -20,8 +20,8 @@
 #include <cstdint>
 #include <memory>
 
-#include "host/byte_stream.h"
-#include "host/file.h"
+#include "jxcache/host/byte_stream.h"
+#include "jxcache/host/file.h"
 
 namespace jx::disk {
 

@@ -1,11 +1,11 @@
-#include "disk/performance_counters.h"
+#include "jxcache/disk/performance_counters.h"
 
-#include "bag/bag.h"
-#include "bag/global_bag.h"
 #include "disk/disk_counters.h"
-#include "disk/disk_executor.h"
 #include "disk/disk_speed.h"
-#include "items/stuff.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/bag/global_bag.h"
+#include "jxcache/disk/disk_executor.h"
+#include "jxcache/items/stuff.h"
 
 JX_DiskPerformanceCounters JX_GetDiskPerformanceCounters() {
   const auto& c = jx::disk::GetCounters();

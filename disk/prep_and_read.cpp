@@ -6,18 +6,18 @@
 // a huge frame fails that way on every try, and a good file costs one render to replace.
 #include <chrono>
 
-#include "bag/bag.h"
 #include "common/failures.h"
 #include "common/settings.h"
 #include "disk/claimed_file.h"
 #include "disk/disk_counters.h"
 #include "disk/disk_writer.h"
-#include "host/byte_stream.h"
-#include "host/host_services.h"
-#include "host/profiler.h"
 #include "host/trace.h"
 #include "host/y_api.h"
-#include "items/stuff.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/host/byte_stream.h"
+#include "jxcache/host/host_services.h"
+#include "jxcache/host/profiler.h"
+#include "jxcache/items/stuff.h"
 
 using zelcore::filesupport::BufferedIByteStream;
 using zelcore::filesupport::File;

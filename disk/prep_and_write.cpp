@@ -8,8 +8,6 @@
 #include <chrono>
 #include <cstdint>
 
-#include "bag/bag.h"
-#include "bag/global_bag.h"
 #include "common/failures.h"
 #include "common/settings.h"
 #include "disk/cache_file_name.h"
@@ -18,13 +16,15 @@
 #include "disk/disk_folder.h"
 #include "disk/fast_write_stream.h"
 #include "disk/scan_one_file.h"
-#include "host/high_precision_time.h"
-#include "host/host_services.h"
-#include "host/profiler.h"
 #include "host/safe_save.h"
 #include "host/trace.h"
 #include "host/y_api.h"
-#include "items/stuff.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/bag/global_bag.h"
+#include "jxcache/host/high_precision_time.h"
+#include "jxcache/host/host_services.h"
+#include "jxcache/host/profiler.h"
+#include "jxcache/items/stuff.h"
 
 using zelcore::filesupport::File;
 using zelcore::filesupport::SafeSave;

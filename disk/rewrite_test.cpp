@@ -4,11 +4,11 @@
 // stand for two items.
 #include <gtest/gtest.h>
 
-#include "bag/bag.h"
 #include "disk/claimed_file.h"
 #include "disk/disk_test_support.h"
 #include "disk/scan_one_file.h"
-#include "items/sc_checkout.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/items/sc_checkout.h"
 
 namespace cf = jx::checkout_flags;
 using jx::testing::TestPayload;

@@ -4,15 +4,15 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "bag/bag.h"
-#include "bag/global_bag.h"
 #include "common/failures.h"
 #include "disk/cache_file_name.h"
 #include "disk/claimed_file.h"
 #include "disk/disk_counters.h"
 #include "host/trace.h"
 #include "host/y_api.h"
-#include "items/sc_checkout.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/bag/global_bag.h"
+#include "jxcache/items/sc_checkout.h"
 
 using zelcore::filesupport::File;
 using zelcore::utility::IntrusivePtr;

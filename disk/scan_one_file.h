@@ -9,7 +9,7 @@
 // Threads: any thread. Takes the library lock, then item locks; never waits.
 #pragma once
 
-#include "host/file.h"
+#include "jxcache/host/file.h"
 
 // Adopts `file` into the global bag (nothing happens without one).
 void JX_ScanOneDiskCacheFile(const zelcore::filesupport::File& file);

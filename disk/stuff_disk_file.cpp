@@ -2,10 +2,10 @@
 #include <atomic>
 #include <new>
 
-#include "bag/bag.h"
-#include "bag/library_lock.h"
 #include "disk/claimed_file.h"
-#include "items/stuff.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/bag/library_lock.h"
+#include "jxcache/items/stuff.h"
 
 using jx::disk::ClaimedFile;
 using zelcore::filesupport::File;

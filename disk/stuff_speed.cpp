@@ -1,7 +1,7 @@
 // JX_Stuff's names for the disk speed statistics and the adjusted read speed.
 #include "disk/disk_speed.h"
 #include "disk/write_policy.h"
-#include "items/stuff.h"
+#include "jxcache/items/stuff.h"
 
 double JX_Stuff::GetAverageDiskReadSpeed() { return jx::disk::GetAverageDiskReadSpeed(); }
 double JX_Stuff::GetAverageDiskWriteSpeed() { return jx::disk::GetAverageDiskWriteSpeed(); }

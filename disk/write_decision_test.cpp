@@ -6,8 +6,8 @@
 
 #include "common/settings.h"
 #include "disk/disk_test_support.h"
-#include "disk/performance_counters.h"
 #include "disk/write_policy.h"
+#include "jxcache/disk/performance_counters.h"
 #include "standalone/debug_database.h"
 
 using jx::testing::ScQueueLengths;

@@ -6,14 +6,14 @@
 #include <limits>
 #include <new>
 
-#include "bag/bag.h"
 #include "common/settings.h"
 #include "disk/disk_counters.h"
-#include "disk/disk_executor.h"
 #include "disk/disk_speed.h"
 #include "disk/disk_writer.h"
 #include "host/trace.h"
-#include "items/stuff.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/disk/disk_executor.h"
+#include "jxcache/items/stuff.h"
 
 namespace ci = jx::checkin_flags;
 using zelcore::threads::ScopedReadLockWrapper;

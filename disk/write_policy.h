@@ -11,8 +11,8 @@
 
 #include <cstdint>
 
-#include "common/jx_types.h"
-#include "items/stuff_data.h"
+#include "jxcache/common/jx_types.h"
+#include "jxcache/items/stuff_data.h"
 
 namespace jx::disk {
 

@@ -9,8 +9,8 @@
 #include "disk/disk_folder.h"
 #include "disk/disk_test_support.h"
 #include "disk/disk_writer.h"
-#include "disk/performance_counters.h"
 #include "host/file_utils.h"
+#include "jxcache/disk/performance_counters.h"
 #include "testing/fault_injection.h"
 
 using zelcore::filesupport::FaultInjection;

@@ -12,8 +12,8 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "kqgp_compute_cache.h"
-#include "y_vx_suite.h"
+#include <jxcache/kqgp_compute_cache.h>
+#include <jxcache/y_vx_suite.h>
 
 #define EXAMPLE_CLASS "com.example.squares"
 

@@ -19,14 +19,14 @@
 #include <thread>
 #include <vector>
 
-#include "bag/bag.h"
-#include "disk/disk_hooks.h"
-#include "disk/performance_counters.h"
-#include "host/high_precision_time.h"
-#include "host/host_services.h"
-#include "items/checksummed_stream.h"
-#include "items/sc_checkout.h"
-#include "lifecycle/lifecycle.h"
+#include <jxcache/bag/bag.h>
+#include <jxcache/disk/disk_hooks.h>
+#include <jxcache/disk/performance_counters.h>
+#include <jxcache/host/high_precision_time.h>
+#include <jxcache/host/host_services.h>
+#include <jxcache/items/checksummed_stream.h>
+#include <jxcache/items/sc_checkout.h>
+#include <jxcache/lifecycle/lifecycle.h>
 
 namespace cf = jx::checkout_flags;
 namespace ci = jx::checkin_flags;

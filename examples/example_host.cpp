@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <jxcache/lifecycle/lifecycle.h>
 #include "compute_plugin.h"
-#include "lifecycle/lifecycle.h"
 
 int main(int argc, char** argv) {
   const int threads = argc > 1 ? std::atoi(argv[1]) : 4;

@@ -9,9 +9,9 @@
 #include <memory>
 #include <string>
 
-#include "bag/bag.h"
 #include "host/file_utils.h"
-#include "lifecycle/lifecycle.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/lifecycle/lifecycle.h"
 #include "standalone/standalone_host.h"
 #include "testing/keyed_payload.h"
 

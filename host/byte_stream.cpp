@@ -1,5 +1,5 @@
 // Byte streams over memory and over POSIX file descriptors.
-#include "host/byte_stream.h"
+#include "jxcache/host/byte_stream.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,5 +1,5 @@
 // Round trips through the platform streams, direct and buffered, with and without short reads.
-#include "host/byte_stream.h"
+#include "jxcache/host/byte_stream.h"
 
 #include <cstring>
 

@@ -3,7 +3,7 @@
 // Each executor keeps its state in a shared object that the threads and the tasks it posts hold
 // (strongly for the pool's own threads, weakly for anything queued elsewhere), so that work still
 // sitting in another queue can never reach an executor that has been destroyed.
-#include "host/executor.h"
+#include "jxcache/host/executor.h"
 
 #include <algorithm>
 #include <condition_variable>
@@ -17,7 +17,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/thread_annotations.h"
+#include "jxcache/host/thread_annotations.h"
 
 namespace zelcore::threads {
 namespace {

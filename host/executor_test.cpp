@@ -1,6 +1,6 @@
 // A sub-executor whose parent runs out of memory keeps every task it accepted and every runner
 // place it has: nothing is stranded in its queue and nothing is lost from its count of runners.
-#include "host/executor.h"
+#include "jxcache/host/executor.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 // ask the host.
 #include "host/feature.h"
 
-#include "host/host_services.h"
+#include "jxcache/host/host_services.h"
 
 #include <cerrno>
 #include <cstdlib>

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string>
 
-#include "host/export.h"
+#include "jxcache/host/export.h"
 
 namespace zelappsupport::feature {
 

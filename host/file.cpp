@@ -1,5 +1,5 @@
 // File and Dir over the host's file system.
-#include "host/file.h"
+#include "jxcache/host/file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

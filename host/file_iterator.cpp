@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "host/host_services.h"
+#include "jxcache/host/host_services.h"
 
 namespace zelcore::filesupport {
 

@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include "host/file.h"
+#include "jxcache/host/file.h"
 
 namespace zelcore::filesupport {
 

@@ -7,8 +7,8 @@
 
 #include <string>
 
-#include "host/file.h"
-#include "host/host_services.h"
+#include "jxcache/host/file.h"
+#include "jxcache/host/host_services.h"
 
 namespace zelcore::filesupport::detail {
 

@@ -8,10 +8,10 @@
 
 #include <gtest/gtest.h>
 
-#include "host/file.h"
 #include "host/file_iterator.h"
 #include "host/file_test_support.h"
 #include "host/file_utils.h"
+#include "jxcache/host/file.h"
 
 namespace zelcore::filesupport {
 namespace {

@@ -12,7 +12,7 @@
 
 #include <gtest/gtest.h>
 
-#include "host/file.h"
+#include "jxcache/host/file.h"
 #include "testing/fault_injection.h"
 
 namespace zelcore::filesupport::testing {

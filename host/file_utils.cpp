@@ -13,7 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "host/host_services.h"
+#include "jxcache/host/host_services.h"
 
 namespace zelcore::utility {
 namespace {

@@ -1,5 +1,5 @@
 // Guid generation and text form.
-#include "host/guid.h"
+#include "jxcache/host/guid.h"
 
 #include <pthread.h>
 

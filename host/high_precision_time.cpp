@@ -1,4 +1,4 @@
-#include "host/high_precision_time.h"
+#include "jxcache/host/high_precision_time.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -6,7 +6,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "host/host_services.h"
+#include "jxcache/host/host_services.h"
 
 namespace zelcore::utility::detail {
 

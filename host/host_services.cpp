@@ -1,6 +1,6 @@
 // The services in force and the library's defaults: what the library does when its host installs
 // nothing.
-#include "host/host_services.h"
+#include "jxcache/host/host_services.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -17,11 +17,11 @@
 #include <new>
 #include <thread>
 
-#include "host/executor.h"
-#include "host/high_precision_time.h"
 #include "host/media_manager.h"
 #include "host/text_encoding.h"
-#include "host/thread_id.h"
+#include "jxcache/host/executor.h"
+#include "jxcache/host/high_precision_time.h"
+#include "jxcache/host/thread_id.h"
 
 namespace jx::host {
 namespace {

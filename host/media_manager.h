@@ -28,8 +28,8 @@
 #include <cstdint>
 #include <memory>
 
-#include "host/export.h"
-#include "host/guid.h"
+#include "jxcache/host/export.h"
+#include "jxcache/host/guid.h"
 
 namespace RV {
 

@@ -10,14 +10,14 @@
 // cannot let anybody in (a reader leaving while other readers stay). Because setting and
 // clearing that bit are read-modify-writes of the word, a sleeper can never miss its wake-up,
 // and an uncontended unlock is one atomic operation.
-#include "host/multi_tenant_mutex.h"
+#include "jxcache/host/multi_tenant_mutex.h"
 
 #include <string>
 #include <vector>
 
-#include "host/cpu_relax.h"
 #include "host/parking.h"
 #include "host/y_api.h"
+#include "jxcache/host/cpu_relax.h"
 
 namespace zelcore::threads {
 

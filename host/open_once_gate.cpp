@@ -1,5 +1,5 @@
 // OpenOnceGate: one word that goes from 0 to 1 once; waiters park on its address.
-#include "host/open_once_gate.h"
+#include "jxcache/host/open_once_gate.h"
 
 #include "host/parking.h"
 

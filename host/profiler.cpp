@@ -1,10 +1,10 @@
 // The code profiler's accumulated scopes.
-#include "host/profiler.h"
+#include "jxcache/host/profiler.h"
 
 #include <map>
 #include <mutex>
 
-#include "host/high_precision_time.h"
+#include "jxcache/host/high_precision_time.h"
 
 namespace zelcore::debug {
 

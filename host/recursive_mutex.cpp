@@ -2,12 +2,12 @@
 // wait marks the word "with sleepers" by exchange and sleeps until the word changes; the unlock
 // that finds sleepers wakes them, and each woken thread marks the word again as it takes it, so
 // no sleeper is forgotten while others still wait.
-#include "host/recursive_mutex.h"
+#include "jxcache/host/recursive_mutex.h"
 
 #include <stdexcept>
 
-#include "host/cpu_relax.h"
 #include "host/parking.h"
+#include "jxcache/host/cpu_relax.h"
 
 namespace zelcore::threads {
 namespace {

@@ -1,4 +1,4 @@
-#include "host/ref_counted.h"
+#include "jxcache/host/ref_counted.h"
 
 namespace zelcore::utility {
 

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "host/ref_counted.h"
+#include "jxcache/host/ref_counted.h"
 
 namespace zelcore::utility {
 namespace {

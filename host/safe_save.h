@@ -7,7 +7,7 @@
 // temporary. A SafeSave belongs to one thread.
 #pragma once
 
-#include "host/file.h"
+#include "jxcache/host/file.h"
 
 namespace zelcore::filesupport {
 

@@ -9,8 +9,8 @@
 
 #include <gtest/gtest.h>
 
-#include "host/byte_stream.h"
 #include "host/file_test_support.h"
+#include "jxcache/host/byte_stream.h"
 #include "testing/fault_injection.h"
 
 namespace zelcore::filesupport {

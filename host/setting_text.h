@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "host/export.h"
+#include "jxcache/host/export.h"
 
 namespace zelcore::debug {
 

@@ -1,10 +1,10 @@
-#include "host/thread_id.h"
+#include "jxcache/host/thread_id.h"
 
 #include <atomic>
 #include <mutex>
 #include <type_traits>
 
-#include "host/thread_id.h"
+#include "jxcache/host/thread_id.h"
 
 namespace zelcore::threads::detail {
 

@@ -10,14 +10,14 @@
 #include <thread>
 #include <vector>
 
-#include "host/executor.h"
-#include "host/high_precision_time.h"
-#include "host/multi_tenant_mutex.h"
-#include "host/open_once_gate.h"
 #include "host/parking.h"
-#include "host/recursive_mutex.h"
-#include "host/striped_counter.h"
-#include "host/thread_annotations.h"
+#include "jxcache/host/executor.h"
+#include "jxcache/host/high_precision_time.h"
+#include "jxcache/host/multi_tenant_mutex.h"
+#include "jxcache/host/open_once_gate.h"
+#include "jxcache/host/recursive_mutex.h"
+#include "jxcache/host/striped_counter.h"
+#include "jxcache/host/thread_annotations.h"
 #include "standalone/standalone_host.h"
 
 namespace zelcore::threads {

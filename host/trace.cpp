@@ -5,7 +5,7 @@
 // mutex so that a sink may itself ask whether tracing is on without deadlocking.
 #include "host/trace.h"
 
-#include "host/host_services.h"
+#include "jxcache/host/host_services.h"
 
 #include <cstdlib>
 #include <limits>

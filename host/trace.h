@@ -11,7 +11,7 @@
 #include <sstream>
 #include <string>
 
-#include "host/export.h"
+#include "jxcache/host/export.h"
 
 namespace zelcore::debug {
 

@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "host/guid.h"
 #include "host/murmur3.h"
-#include "host/ref_counted.h"
 #include "host/text_encoding.h"
+#include "jxcache/host/guid.h"
+#include "jxcache/host/ref_counted.h"
 
 namespace zelcore::utility {
 namespace {

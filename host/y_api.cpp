@@ -8,9 +8,9 @@
 #include <new>
 #include <utility>
 
-#include "host/file.h"
-#include "host/host_services.h"
 #include "host/text_encoding.h"
+#include "jxcache/host/file.h"
+#include "jxcache/host/host_services.h"
 
 namespace {
 

@@ -8,9 +8,9 @@
 #include <cstdint>
 #include <string>
 
-#include "y_vx_suite.h"
+#include "jxcache/y_vx_suite.h"
 
-#include "host/export.h"
+#include "jxcache/host/export.h"
 
 namespace jx {
 // Codes Y_TranslateAndReportException returns for exceptions that carry no code of their own.

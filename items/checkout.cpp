@@ -2,17 +2,17 @@
 // conversion of a read-only check-out into the writeable one.
 #include <optional>
 
-#include "bag/bag.h"
-#include "bag/library_lock.h"
 #include "bag/recency_log.h"
 #include "bag/sort_dir.h"
 #include "common/failures.h"
 #include "common/settings.h"
-#include "host/high_precision_time.h"
-#include "host/profiler.h"
 #include "host/trace.h"
 #include "host/y_api.h"
-#include "items/stuff.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/bag/library_lock.h"
+#include "jxcache/host/high_precision_time.h"
+#include "jxcache/host/profiler.h"
+#include "jxcache/items/stuff.h"
 
 namespace cf = jx::checkout_flags;
 namespace ci = jx::checkin_flags;

@@ -1,4 +1,4 @@
-#include "items/checksummed_stream.h"
+#include "jxcache/items/checksummed_stream.h"
 
 #include <algorithm>
 #include <new>

@@ -1,16 +1,16 @@
 // Pending items: waiting for a render another thread is doing, and completing it.
 #include <chrono>
 
-#include "bag/bag.h"
-#include "bag/library_lock.h"
 #include "common/settings.h"
-#include "disk/disk_hooks.h"
 #include "host/config.h"
-#include "host/host_services.h"
-#include "host/profiler.h"
 #include "host/trace.h"
 #include "host/y_api.h"
-#include "items/stuff.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/bag/library_lock.h"
+#include "jxcache/disk/disk_hooks.h"
+#include "jxcache/host/host_services.h"
+#include "jxcache/host/profiler.h"
+#include "jxcache/items/stuff.h"
 
 using zelcore::threads::ScopedUpgradeLockWrapper;
 using zelcore::threads::ScopedWriteLockWrapper;

@@ -1,11 +1,11 @@
-#include "items/sc_checkout.h"
+#include "jxcache/items/sc_checkout.h"
 
-#include "bag/bag.h"
-#include "bag/global_bag.h"
 #include "common/failures.h"
 #include "host/config.h"
-#include "host/profiler.h"
 #include "host/y_api.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/bag/global_bag.h"
+#include "jxcache/host/profiler.h"
 
 namespace cf = jx::checkout_flags;
 using zelcore::threads::ScopedReadLockWrapper;

@@ -10,7 +10,7 @@
 
 #include "bag/sort_dir.h"
 #include "disk/disk_test_support.h"
-#include "items/sc_checkout.h"
+#include "jxcache/items/sc_checkout.h"
 #include "testing/jx_test_support.h"
 
 namespace cf = jx::checkout_flags;

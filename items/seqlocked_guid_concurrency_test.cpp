@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "items/seqlocked_guid.h"
+#include "jxcache/items/seqlocked_guid.h"
 
 namespace jx {
 namespace {

@@ -1,10 +1,10 @@
 // JX_Stuff: construction, destruction and the state accessors.
-#include "items/stuff.h"
+#include "jxcache/items/stuff.h"
 
-#include "bag/bag.h"
 #include "bag/sort_dir.h"
 #include "common/failures.h"
-#include "host/high_precision_time.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/host/high_precision_time.h"
 
 using zelcore::threads::ScopedReadLockWrapper;
 using zelcore::threads::ScopedWriteLockWrapper;

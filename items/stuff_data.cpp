@@ -1,11 +1,11 @@
-#include "items/stuff_data.h"
+#include "jxcache/items/stuff_data.h"
 
 #include <map>
 #include <mutex>
 #include <string>
 
-#include "host/recursive_mutex.h"
 #include "host/y_api.h"
+#include "jxcache/host/recursive_mutex.h"
 
 namespace {
 

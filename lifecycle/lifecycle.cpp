@@ -1,20 +1,20 @@
 // Start-up and shut-down of the library.
-#include "lifecycle/lifecycle.h"
+#include "jxcache/lifecycle/lifecycle.h"
 
 #include <atomic>
 #include <mutex>
 #include <new>
 
-#include "bag/bag.h"
-#include "bag/global_bag.h"
 #include "common/settings.h"
 #include "compute/compute_suite.h"
-#include "disk/disk_executor.h"
 #include "disk/disk_writer.h"
-#include "host/host_services.h"
 #include "host/media_manager.h"
 #include "host/y_api.h"
-#include "items/stuff_data.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/bag/global_bag.h"
+#include "jxcache/disk/disk_executor.h"
+#include "jxcache/host/host_services.h"
+#include "jxcache/items/stuff_data.h"
 #include "mediamap/media_map_hooks.h"
 
 namespace {

@@ -7,8 +7,8 @@
 #include <thread>
 #include <vector>
 
-#include "host/executor.h"
-#include "lifecycle/lifecycle.h"
+#include "jxcache/host/executor.h"
+#include "jxcache/lifecycle/lifecycle.h"
 #include "standalone/standalone_host.h"
 
 namespace {

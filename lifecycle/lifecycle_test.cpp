@@ -2,11 +2,11 @@
 // the payload factories that shut-down forgets.
 #include <gtest/gtest.h>
 
-#include "bag/bag.h"
 #include "common/settings.h"
-#include "items/sc_checkout.h"
-#include "items/stuff_data.h"
-#include "lifecycle/lifecycle.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/items/sc_checkout.h"
+#include "jxcache/items/stuff_data.h"
+#include "jxcache/lifecycle/lifecycle.h"
 #include "mediamap/media_map_impl.h"
 #include "standalone/debug_database.h"
 #include "standalone/media_manager_pool.h"

@@ -1,16 +1,16 @@
-#include "lifecycle/statistics.h"
+#include "jxcache/lifecycle/statistics.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <memory>
 
-#include "bag/bag.h"
-#include "bag/global_bag.h"
 #include "compute/compute_core.h"
 #include "disk/disk_counters.h"
-#include "disk/performance_counters.h"
-#include "items/stuff.h"
-#include "lifecycle/lifecycle.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/bag/global_bag.h"
+#include "jxcache/disk/performance_counters.h"
+#include "jxcache/items/stuff.h"
+#include "jxcache/lifecycle/lifecycle.h"
 #include "mediamap/media_map_hooks.h"
 
 namespace {

@@ -1,6 +1,6 @@
 // The statistics a host shows: every counter moves with the work it counts, a reset zeroes the
 // counters and keeps the states, and the text and JSON forms carry exactly the list.
-#include "lifecycle/statistics.h"
+#include "jxcache/lifecycle/statistics.h"
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@
 #include <string>
 
 #include "disk/disk_test_support.h"
-#include "items/sc_checkout.h"
+#include "jxcache/items/sc_checkout.h"
 #include "standalone/standalone_host.h"
 
 namespace {

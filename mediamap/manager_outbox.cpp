@@ -7,9 +7,9 @@
 #include <mutex>
 #include <new>
 
-#include "bag/library_lock.h"
 #include "host/trace.h"
-#include "disk/disk_executor.h"
+#include "jxcache/bag/library_lock.h"
+#include "jxcache/disk/disk_executor.h"
 
 namespace jx::mediamap {
 namespace {

@@ -27,7 +27,7 @@
 #include <vector>
 
 #include "host/media_manager.h"
-#include "host/recursive_mutex.h"
+#include "jxcache/host/recursive_mutex.h"
 
 namespace RV {
 

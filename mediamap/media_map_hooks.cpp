@@ -5,7 +5,7 @@
 #include <mutex>
 
 #include "host/media_manager.h"
-#include "host/recursive_mutex.h"
+#include "jxcache/host/recursive_mutex.h"
 #include "mediamap/manager_outbox.h"
 #include "mediamap/media_map_impl.h"
 

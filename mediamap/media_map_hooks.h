@@ -14,8 +14,8 @@
 
 #include <cstdint>
 
-#include "host/guid.h"
-#include "host/ref_counted.h"
+#include "jxcache/host/guid.h"
+#include "jxcache/host/ref_counted.h"
 
 class JX_Stuff;
 

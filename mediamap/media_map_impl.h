@@ -22,9 +22,9 @@
 #include <memory>
 #include <vector>
 
-#include "host/guid.h"
-#include "host/ref_counted.h"
-#include "items/stuff.h"
+#include "jxcache/host/guid.h"
+#include "jxcache/host/ref_counted.h"
+#include "jxcache/items/stuff.h"
 #include "mediamap/manager_outbox.h"
 #include "mediamap/media_map.h"
 

@@ -7,7 +7,7 @@
 #include <random>
 #include <vector>
 
-#include "bag/bag.h"
+#include "jxcache/bag/bag.h"
 #include "mediamap/media_map_hooks.h"
 #include "mediamap/mediamap_test_support.h"
 #include "standalone/standalone_host.h"

@@ -1,10 +1,10 @@
 // JX_Stuff's side of the media map: what happens to an item whose entry the host purged.
 #include <memory>
 
-#include "bag/bag.h"
-#include "bag/library_lock.h"
 #include "host/trace.h"
-#include "items/stuff.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/bag/library_lock.h"
+#include "jxcache/items/stuff.h"
 
 using zelcore::threads::ScopedReadLockWrapper;
 

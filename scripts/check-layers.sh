@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Fails when a library file includes a header of a higher layer. The layers, bottom to top:
-#   0 host/ (the host seam) and include/ (the plug-in C headers)
+#   0 host/ (the host seam) and the plug-in C headers
+# A public header lives in include/jxcache/ under its layer's folder name and is included as
+# "jxcache/<layer>/<name>.h"; it belongs to the same layer as the folder's private headers.
 #   1 common/      failures and messages, settings, types and flags, version
 #   2 items/ bag/  payloads, items and check-out, the bag, directory and purge (each other too)
 #   3 disk/        cache files, write policy and writer, folder
@@ -14,8 +16,10 @@ root=${1:-$(dirname "$0")/..}
 cd "$root"
 
 layer_of() {
-  case "$1" in
-    host/*|include/*|kqgp_compute_cache.h|y_vx_suite.h) echo 0 ;;
+  local path=${1#include/}
+  path=${path#jxcache/}
+  case "$path" in
+    host/*|kqgp_compute_cache.h|y_vx_suite.h) echo 0 ;;
     common/*) echo 1 ;;
     items/*|bag/*) echo 2 ;;
     disk/*) echo 3 ;;
@@ -24,8 +28,13 @@ layer_of() {
     *) echo 9 ;;
   esac
 }
+folder_of() {
+  local path=${1#include/}
+  path=${path#jxcache/}
+  echo "${path%%/*}"
+}
 # Headers a lower layer may include from a higher one.
-HOOKS=" disk/disk_hooks.h mediamap/media_map_hooks.h "
+HOOKS=" jxcache/disk/disk_hooks.h mediamap/media_map_hooks.h "
 
 violations=0
 checked=0
@@ -41,7 +50,7 @@ while IFS= read -r file; do
       :
     elif awk -v a="$to" -v b="$from" 'BEGIN { exit !(a > b) }'; then
       bad="includes a higher layer"
-    elif [[ "$from" == 4 && "$to" == 4 && "${file%%/*}" != "${inc%%/*}" ]]; then
+    elif [[ "$from" == 4 && "$to" == 4 && "$(folder_of "$file")" != "$(folder_of "$inc")" ]]; then
       bad="compute/ and mediamap/ never include each other"
     fi
     if [[ -n "$bad" ]]; then

@@ -1,14 +1,32 @@
 #!/usr/bin/env bash
 # Installs the Debian packages jxcache needs, and only those that are missing.
-# Usage: scripts/install-deps.sh [--bench]   (--bench adds the peer libraries for `make bench`)
+# Usage: scripts/install-deps.sh [MODE...]
+#   --demo        the library and the jxcache tool: what `make demo` needs
+#   (no mode)     --demo, and the test framework: what `make test` needs
+#   --sanitizers  the above, and clang with its sanitizer and fuzzer runtimes
+#   --bench       the above without clang, and the peer libraries the benchmarks compare with
+#   --ci          everything CI runs: tests, sanitizers, formatting, the farm tier's server
 set -euo pipefail
-pkgs=(cmake ninja-build g++ clang clang-14 libclang-rt-14-dev clang-format pkg-config
-      libboost-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev nlohmann-json3-dev libxxhash-dev)
-if [[ "${1:-}" == "--bench" ]]; then
-  pkgs+=(libtbb-dev libopenimageio-dev)
-fi
+demo=(cmake ninja-build g++ pkg-config libboost-dev libcli11-dev nlohmann-json3-dev libxxhash-dev)
+test=(libgtest-dev libgmock-dev)
+sanitizers=(clang clang-14 libclang-rt-14-dev)
+bench=(libbenchmark-dev libtbb-dev libopenimageio-dev)
+ci=(clang-format)
+modes=("$@")
+[[ ${#modes[@]} -eq 0 ]] && modes=(--test)
+pkgs=("${demo[@]}")
+for mode in "${modes[@]}"; do
+  case "$mode" in
+    --demo) ;;
+    --test) pkgs+=("${test[@]}") ;;
+    --sanitizers) pkgs+=("${test[@]}" "${sanitizers[@]}") ;;
+    --bench) pkgs+=("${test[@]}" "${bench[@]}") ;;
+    --ci) pkgs+=("${test[@]}" "${sanitizers[@]}" "${ci[@]}") ;;
+    *) echo "install-deps: unknown mode $mode (--demo, --sanitizers, --bench, --ci)" >&2; exit 2 ;;
+  esac
+done
 missing=()
-for p in "${pkgs[@]}"; do
+for p in $(printf '%s\n' "${pkgs[@]}" | sort -u); do
   if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
     missing+=("$p")
   fi

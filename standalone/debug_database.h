@@ -9,9 +9,9 @@
 #include <string>
 #include <unordered_map>
 
-#include "host/export.h"
 #include "host/setting_text.h"
-#include "host/thread_annotations.h"
+#include "jxcache/host/export.h"
+#include "jxcache/host/thread_annotations.h"
 
 namespace zelcore::debug {
 

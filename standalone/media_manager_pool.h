@@ -23,9 +23,9 @@
 #include <utility>
 #include <vector>
 
-#include "host/guid.h"
 #include "host/media_manager.h"
-#include "host/thread_annotations.h"
+#include "jxcache/host/guid.h"
+#include "jxcache/host/thread_annotations.h"
 
 namespace RV {
 

@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "host/profiler.h"
 #include "host/trace.h"
 #include "host/y_api.h"
+#include "jxcache/host/profiler.h"
 #include "standalone/debug_database.h"
 #include "standalone/standalone_settings.h"
 

@@ -13,11 +13,11 @@
 #include <new>
 #include <optional>
 
-#include "bag/bag.h"
-#include "host/host_services.h"
 #include "host/text_encoding.h"
-#include "host/thread_annotations.h"
 #include "host/trace.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/host/host_services.h"
+#include "jxcache/host/thread_annotations.h"
 #include "standalone/media_manager_pool.h"
 #include "standalone/standalone_settings.h"
 

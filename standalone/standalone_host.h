@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "host/export.h"
-#include "host/thread_id.h"
 #include "host/y_api.h"
+#include "jxcache/host/export.h"
+#include "jxcache/host/thread_id.h"
 
 class JX_Bag;
 

@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "host/file.h"
 #include "host/y_api.h"
+#include "jxcache/host/file.h"
 
 namespace jx {
 namespace {

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "host/feature.h"
-#include "host/host_services.h"
+#include "jxcache/host/host_services.h"
 
 namespace zelappsupport::feature {
 // Turns a feature on or off for the stand-in host, whatever its declared default.

@@ -36,13 +36,13 @@
 #include <thread>
 #include <vector>
 
-#include "bag/bag.h"
 #include "disk/cache_file_name.h"
 #include "disk/disk_counters.h"
 #include "disk/disk_folder.h"
 #include "host/file_utils.h"
 #include "host/safe_save.h"
-#include "lifecycle/lifecycle.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/lifecycle/lifecycle.h"
 #include "standalone/standalone_host.h"
 #include "standalone/standalone_settings.h"
 #include "stress_common.h"

@@ -34,17 +34,17 @@
 #include <thread>
 #include <vector>
 
-#include "bag/bag.h"
 #include "compute/compute_registry.h"
 #include "disk/disk_counters.h"
 #include "disk/disk_writer.h"
 #include "host/y_api.h"
-#include "items/sc_checkout.h"
-#include "kqgp_compute_cache.h"
-#include "lifecycle/lifecycle.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/items/sc_checkout.h"
+#include "jxcache/kqgp_compute_cache.h"
+#include "jxcache/lifecycle/lifecycle.h"
+#include "jxcache/y_vx_suite.h"
 #include "standalone/standalone_host.h"
 #include "stress_common.h"
-#include "y_vx_suite.h"
 
 namespace cf = jx::checkout_flags;
 namespace ci = jx::checkin_flags;

@@ -21,9 +21,9 @@
 #include <thread>
 #include <vector>
 
-#include "bag/bag.h"
-#include "items/sc_checkout.h"
-#include "lifecycle/lifecycle.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/items/sc_checkout.h"
+#include "jxcache/lifecycle/lifecycle.h"
 #include "standalone/standalone_host.h"
 #include "stress_common.h"
 

@@ -19,13 +19,13 @@
 #include <thread>
 #include <vector>
 
-#include "bag/bag.h"
 #include "compute/compute_registry.h"
-#include "kqgp_compute_cache.h"
-#include "lifecycle/lifecycle.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/kqgp_compute_cache.h"
+#include "jxcache/lifecycle/lifecycle.h"
+#include "jxcache/y_vx_suite.h"
 #include "standalone/standalone_host.h"
 #include "stress_common.h"
-#include "y_vx_suite.h"
 
 namespace {
 

@@ -19,9 +19,9 @@
 #include <thread>
 #include <vector>
 
-#include "bag/bag.h"
-#include "items/sc_checkout.h"
-#include "lifecycle/lifecycle.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/items/sc_checkout.h"
+#include "jxcache/lifecycle/lifecycle.h"
 #include "mediamap/media_map_impl.h"
 #include "standalone/media_manager_pool.h"
 #include "standalone/standalone_host.h"

@@ -12,10 +12,10 @@
 #include <thread>
 #include <vector>
 
-#include "bag/bag.h"
 #include "host/y_api.h"
-#include "items/sc_checkout.h"
-#include "lifecycle/lifecycle.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/items/sc_checkout.h"
+#include "jxcache/lifecycle/lifecycle.h"
 #include "standalone/standalone_host.h"
 #include "stress_common.h"
 

@@ -15,7 +15,7 @@
 #include <mutex>
 #include <vector>
 
-#include "host/host_services.h"
+#include "jxcache/host/host_services.h"
 
 namespace zelcore::filesupport {
 namespace {

@@ -13,7 +13,7 @@
 
 #include <cstdint>
 
-#include "host/file.h"
+#include "jxcache/host/file.h"
 
 namespace zelcore::filesupport {
 

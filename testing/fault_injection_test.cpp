@@ -7,10 +7,10 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "host/byte_stream.h"
-#include "host/file.h"
 #include "host/file_test_support.h"
 #include "host/safe_save.h"
+#include "jxcache/host/byte_stream.h"
+#include "jxcache/host/file.h"
 
 namespace zelcore::filesupport {
 namespace {

@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "bag/bag.h"
-#include "host/guid.h"
-#include "items/stuff.h"
-#include "lifecycle/lifecycle.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/host/guid.h"
+#include "jxcache/items/stuff.h"
+#include "jxcache/lifecycle/lifecycle.h"
 #include "standalone/standalone_host.h"
 
 namespace jx::testing {

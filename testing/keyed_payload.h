@@ -18,9 +18,9 @@
 #include <string>
 #include <vector>
 
-#include "host/file.h"
-#include "host/guid.h"
-#include "items/stuff_data.h"
+#include "jxcache/host/file.h"
+#include "jxcache/host/guid.h"
+#include "jxcache/items/stuff_data.h"
 
 namespace jx::testing {
 

@@ -1,17 +1,24 @@
-// Starts the cache with a small host budget, checks that the global bag exists, and shuts it down.
-// Uses only the installed headers and what the library exports.
-#include <cstdio>
+// A program built against an installed jxcache, the way an embedding application would use it:
+// only <jxcache/...> headers and what the library exports. It leaves every host service at the
+// library's default, starts the cache, reads its statistics, and shuts it down.
+#include <jxcache/common/version.h>
+#include <jxcache/lifecycle/lifecycle.h>
+#include <jxcache/lifecycle/statistics.h>
 
-#include "common/version.h"
-#include "lifecycle/lifecycle.h"
-#include "standalone/standalone_host.h"
+#include <cstdio>
+#include <string>
+
+static_assert(JXCACHE_VERSION >= 200, "built against the headers of jxcache 0.2 or later");
 
 int main() {
-  jx::StandaloneHost::Instance().SetMemoryLimit(uint64_t{64} << 20);
   JX_Birth(/*mediaMapAllowed=*/false, /*bagArgument=*/1, /*gfxpakLimitAllowed=*/false);
   const bool started = JX_GlobalBag() != nullptr;
+  const std::string stats = JX_GetStatisticsJson();
   JX_StopAllAsyncWork();
   JX_Death();
-  std::printf("jxcache %s: %s\n", JX_GetLibraryVersionString(), started ? "ok" : "no bag");
-  return started ? 0 : 1;
+  const bool sameVersion = std::string(JX_GetLibraryVersionString()) == JXCACHE_VERSION_STRING;
+  std::printf("jxcache %s (headers %s): %s, %zu bytes of statistics\n",
+              JX_GetLibraryVersionString(), JXCACHE_VERSION_STRING, started ? "ok" : "no bag",
+              stats.size());
+  return started && sameVersion && !stats.empty() && stats.front() == '{' ? 0 : 1;
 }

@@ -6,8 +6,8 @@
 #include <cmath>
 #include <cstring>
 
-#include "host/high_precision_time.h"
-#include "items/checksummed_stream.h"
+#include "jxcache/host/high_precision_time.h"
+#include "jxcache/items/checksummed_stream.h"
 
 namespace jx::tool {
 namespace {

@@ -20,8 +20,8 @@
 #include <mutex>
 #include <vector>
 
-#include "host/guid.h"
-#include "items/stuff_data.h"
+#include "jxcache/host/guid.h"
+#include "jxcache/items/stuff_data.h"
 
 namespace jx::tool {
 

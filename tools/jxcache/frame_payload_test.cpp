@@ -6,9 +6,9 @@
 #include <filesystem>
 
 #include "disk/disk_counters.h"
-#include "host/byte_stream.h"
-#include "items/checksummed_stream.h"
-#include "items/sc_checkout.h"
+#include "jxcache/host/byte_stream.h"
+#include "jxcache/items/checksummed_stream.h"
+#include "jxcache/items/sc_checkout.h"
 #include "standalone/standalone_host.h"
 #include "tools/jxcache/frame_payload.h"
 #include "tools/jxcache/library_run.h"

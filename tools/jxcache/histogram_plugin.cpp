@@ -3,9 +3,9 @@
 #include <array>
 #include <cstring>
 
-#include "kqgp_compute_cache.h"
+#include "jxcache/kqgp_compute_cache.h"
+#include "jxcache/y_vx_suite.h"
 #include "tools/jxcache/tool_error.h"
-#include "y_vx_suite.h"
 
 namespace jx::tool {
 

@@ -1,7 +1,7 @@
 #include "tools/jxcache/host_media.h"
 
 #include "common/settings.h"
-#include "lifecycle/lifecycle.h"
+#include "jxcache/lifecycle/lifecycle.h"
 
 namespace jx::tool {
 namespace {

@@ -1,7 +1,7 @@
 #include "tools/jxcache/library_run.h"
 
 #include "common/settings.h"
-#include "lifecycle/lifecycle.h"
+#include "jxcache/lifecycle/lifecycle.h"
 #include "standalone/debug_database.h"
 #include "standalone/standalone_host.h"
 #include "tools/jxcache/tool_error.h"

@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include "bag/bag.h"
+#include "jxcache/bag/bag.h"
 
 namespace jx::tool {
 

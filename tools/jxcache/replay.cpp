@@ -7,8 +7,8 @@
 #include <cstring>
 #include <iostream>
 
-#include "host/high_precision_time.h"
-#include "items/stuff.h"
+#include "jxcache/host/high_precision_time.h"
+#include "jxcache/items/stuff.h"
 #include "standalone/standalone_host.h"
 #include "tools/jxcache/library_run.h"
 #include "tools/jxcache/size_arg.h"

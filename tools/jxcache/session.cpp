@@ -10,9 +10,9 @@
 #include <random>
 #include <thread>
 
-#include "host/high_precision_time.h"
-#include "items/sc_checkout.h"
-#include "lifecycle/lifecycle.h"
+#include "jxcache/host/high_precision_time.h"
+#include "jxcache/items/sc_checkout.h"
+#include "jxcache/lifecycle/lifecycle.h"
 #include "standalone/standalone_host.h"
 #include "tools/jxcache/frame_payload.h"
 #include "tools/jxcache/histogram_plugin.h"

@@ -8,8 +8,8 @@
 #include "disk/disk_counters.h"
 #include "disk/disk_folder.h"
 #include "disk/disk_writer.h"
-#include "disk/performance_counters.h"
-#include "lifecycle/lifecycle.h"
+#include "jxcache/disk/performance_counters.h"
+#include "jxcache/lifecycle/lifecycle.h"
 #include "standalone/standalone_settings.h"
 #include "tools/jxcache/tool_error.h"
 

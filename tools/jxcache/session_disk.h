@@ -5,8 +5,8 @@
 
 #include <memory>
 
-#include "bag/bag.h"
-#include "disk/performance_counters.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/disk/performance_counters.h"
 #include "tools/jxcache/session.h"
 
 namespace jx::tool {

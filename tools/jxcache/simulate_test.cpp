@@ -9,7 +9,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "items/checksummed_stream.h"
+#include "jxcache/items/checksummed_stream.h"
 #include "tools/jxcache/tool_test_support.h"
 
 namespace jx::tool {

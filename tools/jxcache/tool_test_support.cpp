@@ -12,7 +12,7 @@
 #include <sstream>
 
 #include "disk/cache_file_name.h"
-#include "host/byte_stream.h"
+#include "jxcache/host/byte_stream.h"
 #include "tools/jxcache/frame_payload.h"
 
 #ifdef JX_HAVE_EXPAT

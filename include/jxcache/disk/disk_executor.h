@@ -12,8 +12,8 @@
 #include <cstdint>
 #include <memory>
 
-#include "host/executor.h"
-#include "host/export.h"
+#include "jxcache/host/executor.h"
+#include "jxcache/host/export.h"
 
 // Counts a frame read from / written to disk (two counters each, chosen by `flag`).
 JX_EXPORT void JX_NotifyFrameReadFromDisk(bool flag);

@@ -20,13 +20,13 @@
 #include <memory>
 #include <vector>
 
-#include "host/allocator.h"
-#include "host/byte_stream.h"
-#include "host/export.h"
-#include "host/multi_tenant_mutex.h"
-#include "host/noncopyable.h"
-#include "host/ref_counted.h"
-#include "common/jx_types.h"
+#include "jxcache/common/jx_types.h"
+#include "jxcache/host/allocator.h"
+#include "jxcache/host/byte_stream.h"
+#include "jxcache/host/export.h"
+#include "jxcache/host/multi_tenant_mutex.h"
+#include "jxcache/host/noncopyable.h"
+#include "jxcache/host/ref_counted.h"
 
 class JX_EXPORT JX_StuffData : public zelcore::utility::RefCountedObject,
                                private zelcore::utility::noncopyable {

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "host/export.h"
+#include "jxcache/host/export.h"
 
 // Writes queued and not yet started, both queues: a renderer far ahead of the disk writer is
 // held back while it is high.

@@ -22,11 +22,11 @@
 
 #include <boost/intrusive/list.hpp>
 
-#include "bag/library_lock.h"
-#include "host/export.h"
-#include "host/file.h"
-#include "host/signal.h"
-#include "items/stuff.h"
+#include "jxcache/bag/library_lock.h"
+#include "jxcache/host/export.h"
+#include "jxcache/host/file.h"
+#include "jxcache/host/signal.h"
+#include "jxcache/items/stuff.h"
 
 class JX_SortDir;
 namespace jx::recency {

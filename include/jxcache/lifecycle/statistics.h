@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "host/export.h"
+#include "jxcache/host/export.h"
 
 struct JX_EXPORT JX_Statistic {
   std::string group;  // "memory", "checkout", "purge", "disk", "compute", "media_map"

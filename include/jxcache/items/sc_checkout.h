@@ -19,9 +19,9 @@
 #include <cstdint>
 #include <memory>
 
-#include "host/export.h"
-#include "host/multi_tenant_mutex.h"
-#include "items/stuff.h"
+#include "jxcache/host/export.h"
+#include "jxcache/host/multi_tenant_mutex.h"
+#include "jxcache/items/stuff.h"
 
 class JX_Bag;
 

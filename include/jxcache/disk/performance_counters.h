@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "host/export.h"
+#include "jxcache/host/export.h"
 
 // The disk cache: the writer's and reader's work, the write queue and the policy's decisions.
 struct JX_EXPORT JX_DiskPerformanceCounters {

@@ -11,7 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "host/thread_id.h"
+#include "jxcache/host/thread_id.h"
 
 namespace zelcore::utility {
 

@@ -9,9 +9,9 @@
 #include <cstdint>
 #include <memory>
 
-#include "bag/global_bag.h"
-#include "disk/disk_executor.h"
-#include "host/export.h"
+#include "jxcache/bag/global_bag.h"
+#include "jxcache/disk/disk_executor.h"
+#include "jxcache/host/export.h"
 
 class JX_Bag;
 

@@ -7,7 +7,7 @@
 
 #include <memory>
 
-#include "host/export.h"
+#include "jxcache/host/export.h"
 
 class JX_Bag;
 

@@ -18,9 +18,9 @@
 #include <mutex>
 #include <optional>
 
-#include "host/export.h"
-#include "host/profiler.h"
-#include "host/recursive_mutex.h"
+#include "jxcache/host/export.h"
+#include "jxcache/host/profiler.h"
+#include "jxcache/host/recursive_mutex.h"
 
 namespace jx::detail {
 extern JX_EXPORT constinit zelcore::threads::RecursiveMutex g_libraryMutex;

@@ -13,8 +13,8 @@
 #include <memory>
 #include <vector>
 
-#include "host/export.h"
-#include "host/file.h"
+#include "jxcache/host/export.h"
+#include "jxcache/host/file.h"
 
 namespace zelcore::filesupport {
 

@@ -13,7 +13,7 @@
 #include <new>
 #include <utility>
 
-#include "host/export.h"
+#include "jxcache/host/export.h"
 
 namespace zelcore::utility {
 

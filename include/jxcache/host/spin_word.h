@@ -6,7 +6,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "host/cpu_relax.h"
+#include "jxcache/host/cpu_relax.h"
 
 namespace zelcore::threads {
 

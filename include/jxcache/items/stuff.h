@@ -57,19 +57,19 @@
 #include <boost/intrusive/list_hook.hpp>
 #include <boost/smart_ptr/shared_ptr.hpp>
 
-#include "common/jx_types.h"
-#include "host/export.h"
-#include "host/file.h"
-#include "host/guid.h"
-#include "host/multi_tenant_mutex.h"
-#include "host/open_once_gate.h"
-#include "host/ref_counted.h"
-#include "host/signal.h"
-#include "host/striped_counter.h"
-#include "host/thread_annotations.h"
-#include "host/thread_id.h"
-#include "items/seqlocked_guid.h"
-#include "items/stuff_data.h"
+#include "jxcache/common/jx_types.h"
+#include "jxcache/host/export.h"
+#include "jxcache/host/file.h"
+#include "jxcache/host/guid.h"
+#include "jxcache/host/multi_tenant_mutex.h"
+#include "jxcache/host/open_once_gate.h"
+#include "jxcache/host/ref_counted.h"
+#include "jxcache/host/signal.h"
+#include "jxcache/host/striped_counter.h"
+#include "jxcache/host/thread_annotations.h"
+#include "jxcache/host/thread_id.h"
+#include "jxcache/items/seqlocked_guid.h"
+#include "jxcache/items/stuff_data.h"
 
 class JX_Bag;
 class JX_ScCheckout;

@@ -47,7 +47,7 @@
 #include <string>
 #include <vector>
 
-#include "host/export.h"
+#include "jxcache/host/export.h"
 
 namespace RV {
 class IMediaManager;

@@ -35,9 +35,9 @@
 #include <stdexcept>
 #include <utility>
 
-#include "host/export.h"
-#include "host/thread_annotations.h"
-#include "host/thread_id.h"
+#include "jxcache/host/export.h"
+#include "jxcache/host/thread_annotations.h"
+#include "jxcache/host/thread_id.h"
 
 #if defined(__has_feature)
 #if __has_feature(thread_sanitizer)

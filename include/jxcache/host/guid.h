@@ -13,7 +13,7 @@
 #include <string>
 #include <string_view>
 
-#include "host/export.h"
+#include "jxcache/host/export.h"
 
 namespace zelcore::utility {
 

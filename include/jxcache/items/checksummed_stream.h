@@ -19,8 +19,8 @@
 #include <cstdint>
 #include <memory>
 
-#include "host/byte_stream.h"
-#include "host/export.h"
+#include "jxcache/host/byte_stream.h"
+#include "jxcache/host/export.h"
 
 struct XXH3_state_s;
 

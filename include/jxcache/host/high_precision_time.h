@@ -13,7 +13,7 @@
 #include <chrono>
 #include <cstdint>
 
-#include "host/export.h"
+#include "jxcache/host/export.h"
 
 #if defined(__x86_64__)
 #include <x86intrin.h>

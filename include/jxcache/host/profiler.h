@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "host/export.h"
+#include "jxcache/host/export.h"
 
 namespace zelcore::debug {
 

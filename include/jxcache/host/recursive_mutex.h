@@ -9,9 +9,9 @@
 #include <atomic>
 #include <cstdint>
 
-#include "host/export.h"
-#include "host/multi_tenant_mutex.h"
-#include "host/thread_id.h"
+#include "jxcache/host/export.h"
+#include "jxcache/host/multi_tenant_mutex.h"
+#include "jxcache/host/thread_id.h"
 
 namespace zelcore::threads {
 

@@ -8,7 +8,7 @@
 #include <system_error>
 #include <vector>
 
-#include "host/export.h"
+#include "jxcache/host/export.h"
 
 namespace zelcore::filesupport {
 

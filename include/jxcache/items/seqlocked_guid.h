@@ -22,9 +22,9 @@
 #include <cstdint>
 #include <cstring>
 
-#include "host/cpu_relax.h"
-#include "host/guid.h"
-#include "host/spin_word.h"
+#include "jxcache/host/cpu_relax.h"
+#include "jxcache/host/guid.h"
+#include "jxcache/host/spin_word.h"
 
 namespace jx {
 

@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-#include "host/export.h"
+#include "jxcache/host/export.h"
 
 namespace zelcore::threads {
 
