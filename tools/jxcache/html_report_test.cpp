@@ -1,0 +1,156 @@
+// The report's building blocks on their own: round ticks, escaping of hostile text, and the
+// bounded recorders behind the time series.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "tools/jxcache/run_info.h"
+#include "tools/jxcache/svg_chart.h"
+#include "tools/jxcache/time_series.h"
+
+namespace jx::tool {
+namespace {
+
+// Whether `step` is 1, 2 or 5 times a power of ten.
+bool IsOneTwoFive(double step) {
+  const double mantissa = step / std::pow(10.0, std::floor(std::log10(step) + 1e-9));
+  for (double m : {1.0, 2.0, 5.0, 10.0})
+    if (std::abs(mantissa - m) < 1e-6) return true;
+  return false;
+}
+
+TEST(NiceTicks, RoundValuesCoveringTheRange) {
+  const std::pair<double, double> ranges[] = {
+      {0, 1},        {0, 7.3},       {0, 256},    {0.003, 0.0171}, {0, 1e9},
+      {13, 987},     {-42, 17},      {0, 4.213},  {0, 100},        {99.5, 100.5},
+      {0, 0.000123}, {1e6, 1e6 + 3}, {0, 1023.9}, {250, 251}};
+  for (const auto& [lo, hi] : ranges) {
+    for (int most : {3, 5, 8, 25}) {
+      const Ticks t = NiceTicks(lo, hi, most);
+      SCOPED_TRACE(std::to_string(lo) + ".." + std::to_string(hi) + " in " + std::to_string(most));
+      ASSERT_GE(t.values.size(), 2u);
+      EXPECT_LE(t.values.size(), static_cast<size_t>(most) + 1);
+      EXPECT_TRUE(IsOneTwoFive(t.step)) << t.step;
+      EXPECT_LE(t.first(), lo);
+      EXPECT_GE(t.last(), hi);
+      for (size_t i = 0; i < t.values.size(); ++i) {
+        const double k = t.values[i] / t.step;
+        EXPECT_NEAR(k, std::round(k), 1e-6) << t.values[i] << " is not a multiple of the step";
+        if (i > 0) {
+          EXPECT_NEAR(t.values[i] - t.values[i - 1], t.step, t.step * 1e-6);
+        }
+      }
+      // Covering, not padding: the ticks end within a step of the range.
+      EXPECT_GT(t.first() + t.step, lo);
+      EXPECT_LT(t.last() - t.step, hi);
+    }
+  }
+  // The steps a reader expects.
+  EXPECT_EQ(NiceTicks(0, 7.3, 5).values, (std::vector<double>{0, 2, 4, 6, 8}));
+  EXPECT_EQ(NiceTicks(0, 100, 5).values, (std::vector<double>{0, 20, 40, 60, 80, 100}));
+  EXPECT_EQ(NiceTicks(0, 3.9, 8).step, 0.5);
+  // A flat or empty range still gets an axis.
+  EXPECT_GE(NiceTicks(0, 0).values.size(), 2u);
+  EXPECT_GE(NiceTicks(5, 5).values.size(), 2u);
+  EXPECT_GE(NiceTicks(NAN, 3).values.size(), 2u);
+}
+
+TEST(NiceTicks, LabelsCarryTheDecimalsOfTheStep) {
+  EXPECT_EQ(TickLabel(40, 20), "40");
+  EXPECT_EQ(TickLabel(0.25, 0.05), "0.25");
+  EXPECT_EQ(TickLabel(1.5, 0.5), "1.5");
+  // 0.1 + 0.2 computed any other way would print its error.
+  const Ticks t = NiceTicks(0, 0.7, 7);
+  EXPECT_EQ(TickLabel(t.values[3], t.step), "0.3");
+  EXPECT_STREQ(ByteUnitFor(300.0 * 1024 * 1024).name, "MiB");
+  EXPECT_STREQ(ByteUnitFor(1000).name, "B");
+}
+
+TEST(XmlEscape, HostileTextBecomesCharacterData) {
+  EXPECT_EQ(XmlEscape("</script><b>x</b>"), "&lt;/script&gt;&lt;b&gt;x&lt;/b&gt;");
+  EXPECT_EQ(XmlEscape("a&b \"q\" 'r'"), "a&amp;b &quot;q&quot; &#39;r&#39;");
+  // Valid UTF-8 passes through; what XML cannot carry becomes U+FFFD.
+  EXPECT_EQ(XmlEscape("caf\xC3\xA9 \xE2\x82\xAC"), "caf\xC3\xA9 \xE2\x82\xAC");
+  const std::string bad = "\xEF\xBF\xBD";
+  EXPECT_EQ(XmlEscape(std::string("a\x01"
+                                  "b")),
+            "a" + bad + "b");
+  EXPECT_EQ(XmlEscape("\xFF\xFE"), bad + bad);
+  EXPECT_EQ(XmlEscape("\xC3"), bad);                      // cut short
+  EXPECT_EQ(XmlEscape("\xC0\xAF"), bad + bad);            // an overlong "/"
+  EXPECT_EQ(XmlEscape("\xED\xA0\x80"), bad + bad + bad);  // a surrogate
+  EXPECT_EQ(XmlEscape("tab\tnl\n"), "tab\tnl\n");
+}
+
+TEST(RunInfo, CommandLineQuotedForAShell) {
+  EXPECT_EQ(ShellCommandLine({"jxcache", "simulate", "--frames", "12"}),
+            "jxcache simulate --frames 12");
+  EXPECT_EQ(ShellCommandLine({"a b", "it's", ""}), "'a b' 'it'\\''s' ''");
+  const RunInfo info = CollectRunInfo();
+  EXPECT_FALSE(info.version.empty());
+  EXPECT_EQ(info.startedAt.size(), 20u) << info.startedAt;  // 2024-05-01T09:30:00Z
+  EXPECT_FALSE(info.commandLine.empty());                   // this test program's own
+}
+
+TEST(SeriesRecorder, StaysBoundedAndSpansTheWholeRun) {
+  SeriesRecorder rec(0.1, 16);
+  rec.Offer({0.0});
+  rec.Offer({0.05});  // too soon: dropped
+  EXPECT_EQ(rec.Samples().size(), 1u);
+  rec.Offer({0.06}, /*force=*/true);
+  EXPECT_EQ(rec.Samples().size(), 2u);
+  for (int i = 1; i <= 1000; ++i) rec.Offer({i * 0.1, 0, static_cast<uint64_t>(i)});
+  const auto& s = rec.Samples();
+  EXPECT_LE(s.size(), 16u);
+  EXPECT_GE(s.size(), 8u);
+  EXPECT_EQ(s.front().seconds, 0.0);       // the start is kept
+  EXPECT_GT(s.back().seconds, 100.0 - 8);  // and the recent past
+  EXPECT_GE(rec.Interval(), 100.0 / 16);   // the spacing grew with the run
+  for (size_t i = 1; i < s.size(); ++i) EXPECT_GT(s[i].seconds, s[i - 1].seconds);
+  rec.Offer({1.0}, true);  // back in time: refused
+  EXPECT_GT(rec.Samples().back().seconds, 1.0);
+}
+
+TEST(SeriesRecorder, RatesBetweenSamples) {
+  const auto p = WithRates({{0.0, 0, 0, 0}, {0.5, 0, 10, 4}, {1.0, 0, 10, 4}, {2.0, 1, 40, 34}});
+  ASSERT_EQ(p.size(), 4u);
+  EXPECT_FALSE(p[0].hitRate);
+  EXPECT_DOUBLE_EQ(p[1].framesPerSecond, 20.0);
+  EXPECT_DOUBLE_EQ(*p[1].hitRate, 0.4);
+  EXPECT_FALSE(p[2].hitRate) << "no request served: no rate to give";
+  EXPECT_DOUBLE_EQ(p[2].framesPerSecond, 0.0);
+  EXPECT_DOUBLE_EQ(*p[3].hitRate, 1.0);
+}
+
+TEST(PurgeLog, MergingKeepsEveryByteAndPurge) {
+  PurgeLog log(8);
+  uint64_t bytes = 0;
+  for (int i = 0; i < 100; ++i) {
+    log.Add(i * 0.01, 1000 + i);
+    bytes += 1000 + i;
+  }
+  EXPECT_LE(log.Events().size(), 8u);
+  uint64_t sumBytes = 0, sumPurges = 0;
+  for (const PurgeEvent& e : log.Events()) {
+    sumBytes += e.bytesFreed;
+    sumPurges += e.purges;
+  }
+  EXPECT_EQ(sumBytes, bytes);
+  EXPECT_EQ(sumPurges, 100u);
+  EXPECT_EQ(log.Events().front().seconds, 0.0);
+}
+
+TEST(RenderTimes, SampleIsBoundedAndUnbiased) {
+  RenderTimes times(1000, 7);
+  for (int i = 0; i < 100000; ++i) times.Add(i < 50000 ? 1.0 : 3.0);
+  EXPECT_EQ(times.Count(), 100000u);
+  const std::vector<double> kept = times.Take();
+  ASSERT_EQ(kept.size(), 1000u);
+  double mean = 0;
+  for (double v : kept) mean += v / kept.size();
+  // Keeping only the first thousand would give 1.0; a fair sample gives about 2.
+  EXPECT_NEAR(mean, 2.0, 0.2);
+}
+
+}  // namespace
+}  // namespace jx::tool
