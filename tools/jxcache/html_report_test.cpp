@@ -1,12 +1,15 @@
 // The report's building blocks on their own: round ticks, escaping of hostile text, and the
-// bounded recorders behind the time series.
+// bounded recorders behind the time series; then a report rendered from a made-up session.
 #include <gtest/gtest.h>
 
 #include <cmath>
 
+#include "tools/jxcache/html_report.h"
 #include "tools/jxcache/run_info.h"
+#include "tools/jxcache/summary.h"
 #include "tools/jxcache/svg_chart.h"
 #include "tools/jxcache/time_series.h"
+#include "tools/jxcache/tool_test_support.h"
 
 namespace jx::tool {
 namespace {
@@ -150,6 +153,86 @@ TEST(RenderTimes, SampleIsBoundedAndUnbiased) {
   for (double v : kept) mean += v / kept.size();
   // Keeping only the first thousand would give 1.0; a fair sample gives about 2.
   EXPECT_NEAR(mean, 2.0, 0.2);
+}
+
+// A session as RunSession would leave it, small and made up, with hostile text wherever text
+// from outside reaches the page.
+SessionResult MadeUpSession() {
+  SessionResult r;
+  r.options.frames = 4;
+  r.options.passes = 2;
+  r.frameBytes = 1280 * 720 * 4;
+  r.disk = {true, ""};
+  r.diskFolder = "/tmp/</script><b>cache";
+  r.mediaMap = {false, "off & <out>"};
+  r.compute = {true, ""};
+  r.run = {"0.1.0",
+           "2024-05-01T09:30:00Z",
+           {"jxcache", "simulate", "--disk-cache", "/tmp/</script><b>bold", "--x=\"q\""},
+           "render-07"};
+  for (uint32_t p = 0; p < 2; ++p) {
+    PassResult pass;
+    pass.kind = p ? "scrub" : "forward";
+    pass.frames = {0, 1, 2, 3};
+    pass.outcomes.assign(4, p ? Outcome::kMemoryHit : Outcome::kRendered);
+    (p ? pass.memoryHits : pass.renders) = 4;
+    pass.seconds = 0.5;
+    r.passes.push_back(pass);
+  }
+  for (int i = 0; i <= 10; ++i) {
+    r.samples.push_back({i * 0.1, uint64_t(i) << 20, uint64_t(i) << 19, i < 5 ? 0u : 1u});
+    r.series.push_back({i * 0.1, i < 5 ? 0u : 1u, uint64_t(i * 8 / 10),
+                        uint64_t(i < 5 ? 0 : (i - 5) * 8 / 10), uint64_t(i) << 20,
+                        uint64_t(i) << 19, uint64_t(i % 3)});
+  }
+  r.seriesInterval = 0.1;
+  r.purgeEvents = {{0.3, 5 << 20, 1}, {0.7, 9 << 20, 3}};
+  for (int i = 0; i < 100; ++i) r.renderMs.push_back(20 + i % 10);
+  r.renderMs.push_back(400);  // one slow render among a hundred quick ones
+  r.renderTimesSeen = r.renderMs.size();
+  r.seconds = 1.0;
+  return r;
+}
+
+TEST(HtmlReport, EscapesHostileTextAndCarriesTheMetadata) {
+  const std::string html = RenderHtmlReport(MadeUpSession());
+  std::string why;
+  EXPECT_TRUE(testing::IsWellFormedXml(html, &why)) << why;
+  EXPECT_TRUE(testing::IsWellFormedXmlByHand(html, &why)) << why;
+  EXPECT_EQ(html.find("<b>"), std::string::npos) << "markup from the command line got through";
+  EXPECT_EQ(html.find("</script>"), std::string::npos);
+  EXPECT_NE(html.find("/tmp/&lt;/script&gt;&lt;b&gt;bold"), std::string::npos);
+  EXPECT_NE(html.find("off &amp; &lt;out&gt;"), std::string::npos);
+  // The metadata and the main settings, each where a reader looks for it.
+  for (const char* text : {"0.1.0", "2024-05-01T09:30:00Z", "render-07", "jxcache simulate --disk",
+                           "memory budget", "render threads", "256 MiB"}) {
+    EXPECT_NE(html.find(text), std::string::npos) << text;
+  }
+  // Summary figures are table cells, not a preformatted dump.
+  EXPECT_EQ(html.find("<pre"), std::string::npos);
+  EXPECT_NE(html.find("<table class=\"passes\">"), std::string::npos);
+  // Charts scale with the page.
+  EXPECT_EQ(html.find("width=\"760\""), std::string::npos);
+  EXPECT_NE(html.find("width=\"100%\" viewBox="), std::string::npos);
+  // Purges are marked with what they freed; the slow render is counted, not dropped.
+  EXPECT_NE(html.find("purge at 0.30 s: 5.00 MiB freed"), std::string::npos);
+  EXPECT_NE(html.find("3 purges from 0.70 s: 9.00 MiB freed"), std::string::npos);
+  EXPECT_NE(html.find("counted in the last bar"), std::string::npos);
+}
+
+TEST(SummaryJson, RecordingAddsKeysAndKeepsTheOldOnes) {
+  const SessionResult r = MadeUpSession();
+  const auto j = SummaryJson(r);
+  for (const char* key : {"options", "frame_bytes", "passes", "overall", "disk", "compute_cache",
+                          "media_map", "run", "time_series", "purge_events", "render_time_ms"}) {
+    EXPECT_TRUE(j.contains(key)) << key;
+  }
+  EXPECT_EQ(j["run"]["command_line"][3], "/tmp/</script><b>bold");
+  ASSERT_EQ(j["time_series"].size(), r.series.size());
+  EXPECT_TRUE(j["time_series"][0]["hit_rate"].is_null());
+  EXPECT_EQ(j["time_series"][10]["write_queue"], 1);
+  EXPECT_EQ(j["render_time_ms"]["max"], 400.0);
+  EXPECT_EQ(j["purge_events"][1]["purges"], 3);
 }
 
 }  // namespace
