@@ -141,6 +141,11 @@ TEST(PurgeLog, MergingKeepsEveryByteAndPurge) {
   EXPECT_EQ(sumBytes, bytes);
   EXPECT_EQ(sumPurges, 100u);
   EXPECT_EQ(log.Events().front().seconds, 0.0);
+  // Thinned evenly over the run: no entry swallows the early purges whole, and the recent ones
+  // are merged like the rest.
+  EXPECT_GE(log.Events().size(), 3u);
+  for (const PurgeEvent& e : log.Events()) EXPECT_LE(e.purges, 50u) << "at " << e.seconds;
+  EXPECT_GT(log.Events().back().purges, 1u);
 }
 
 TEST(RenderTimes, SampleIsBoundedAndUnbiased) {

@@ -49,19 +49,29 @@ void SeriesRecorder::Offer(const SeriesSample& s, bool force) {
 }
 
 void PurgeLog::Add(double seconds, uint64_t bytesFreed) {
-  if (events_.size() == capacity_) {
-    size_t kept = 0;
-    for (size_t i = 0; i < events_.size(); i += 2) {
-      PurgeEvent e = events_[i];
-      if (i + 1 < events_.size()) {
-        e.bytesFreed += events_[i + 1].bytesFreed;
-        e.purges += events_[i + 1].purges;
-      }
-      events_[kept++] = e;
-    }
-    events_.resize(kept);
+  if (!events_.empty() && seconds - events_.back().seconds < spacing_) {
+    events_.back().bytesFreed += bytesFreed;
+    ++events_.back().purges;
+    return;
   }
   events_.push_back({seconds, bytesFreed, 1});
+  while (events_.size() >= capacity_) {
+    // Coarser buckets of time, each as long as the others: the log thins the same everywhere,
+    // rather than the old purges ending up as a few huge entries and the recent ones alone.
+    const double span = events_.back().seconds - events_.front().seconds;
+    spacing_ = std::max({spacing_ * 2, 2 * span / capacity_, 1e-9});
+    size_t kept = 0;
+    for (size_t i = 1; i < events_.size(); ++i) {
+      PurgeEvent& into = events_[kept];
+      if (events_[i].seconds - into.seconds < spacing_) {
+        into.bytesFreed += events_[i].bytesFreed;
+        into.purges += events_[i].purges;
+      } else {
+        events_[++kept] = events_[i];
+      }
+    }
+    events_.resize(kept + 1);
+  }
 }
 
 void RenderTimes::Add(double ms) {

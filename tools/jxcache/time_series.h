@@ -52,8 +52,9 @@ class SeriesRecorder {
   std::vector<SeriesSample> samples_;
 };
 
-// A purge the host asked the cache for. When the log is full, neighbours are merged in pairs:
-// `purges` says how many purges an entry stands for, and the bytes are their sum.
+// A purge the host asked the cache for. When the log is full, purges closer in time than a
+// spacing that doubles each time are merged: `purges` says how many purges an entry stands for,
+// and the bytes are their sum.
 struct PurgeEvent {
   double seconds = 0;  // the first purge's
   uint64_t bytesFreed = 0;
@@ -68,6 +69,7 @@ class PurgeLog {
 
  private:
   size_t capacity_;
+  double spacing_ = 0;  // purges closer than this to the entry before them join it
   std::vector<PurgeEvent> events_;
 };
 
