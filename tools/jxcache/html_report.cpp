@@ -38,6 +38,30 @@ std::vector<double> PassStarts(const SessionResult& r) {
   return starts;
 }
 
+// The memory and disk samples come every 20 ms, which on a long run is more points than a chart
+// can show: past kMaxPoints, each run of samples gives its lowest and highest value, in the order
+// they came, so that a peak over the budget still shows.
+constexpr size_t kMaxPoints = 2000;
+
+void FillThinned(const std::vector<Sample>& samples, uint64_t Sample::*field, double divisor,
+                 LineSeries* line) {
+  const size_t per =
+      samples.size() <= kMaxPoints ? 1 : (2 * samples.size() + kMaxPoints - 1) / kMaxPoints;
+  for (size_t i = 0; i < samples.size(); i += per) {
+    const size_t end = std::min(samples.size(), i + per);
+    size_t lo = i, hi = i;
+    for (size_t k = i; k < end; ++k) {
+      if (samples[k].*field < samples[lo].*field) lo = k;
+      if (samples[k].*field > samples[hi].*field) hi = k;
+    }
+    for (size_t k : {std::min(lo, hi), std::max(lo, hi)}) {
+      if (k == std::max(lo, hi) && lo == hi) break;
+      line->x.push_back(samples[k].seconds);
+      line->y.push_back(samples[k].*field / divisor);
+    }
+  }
+}
+
 double EndTime(const SessionResult& r) {
   double end = r.seconds;
   if (!r.samples.empty()) end = std::max(end, r.samples.back().seconds);
@@ -63,10 +87,7 @@ std::string MemoryChart(const SessionResult& r) {
   ChartSpec c =
       TimeChart(r, "Memory in use against the budget", std::string("memory (") + unit.name + ")");
   LineSeries line{"cache and host media in memory", "line", {}, {}, false};
-  for (const Sample& s : r.samples) {
-    line.x.push_back(s.seconds);
-    line.y.push_back(s.memory / unit.divisor);
-  }
+  FillThinned(r.samples, &Sample::memory, unit.divisor, &line);
   c.lines.push_back(std::move(line));
   c.levels.push_back(
       {r.options.memoryBudget / unit.divisor, "budget " + FormatSize(r.options.memoryBudget)});
@@ -184,10 +205,7 @@ std::string DiskCharts(const SessionResult& r) {
   ChartSpec size = TimeChart(r, "Disk cache size against its limit",
                              std::string("disk cache (") + unit.name + ")");
   LineSeries line{"bytes in the disk cache folder", "line", {}, {}, false};
-  for (const Sample& s : r.samples) {
-    line.x.push_back(s.seconds);
-    line.y.push_back(s.disk / unit.divisor);
-  }
+  FillThinned(r.samples, &Sample::disk, unit.divisor, &line);
   size.lines.push_back(std::move(line));
   size.levels.push_back(
       {r.options.diskLimit / unit.divisor, "limit " + FormatSize(r.options.diskLimit)});

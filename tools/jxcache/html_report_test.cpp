@@ -2,6 +2,7 @@
 // bounded recorders behind the time series; then a report rendered from a made-up session.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 
 #include "tools/jxcache/html_report.h"
@@ -223,6 +224,29 @@ TEST(HtmlReport, EscapesHostileTextAndCarriesTheMetadata) {
   EXPECT_NE(html.find("purge at 0.30 s: 5.00 MiB freed"), std::string::npos);
   EXPECT_NE(html.find("3 purges from 0.70 s: 9.00 MiB freed"), std::string::npos);
   EXPECT_NE(html.find("counted in the last bar"), std::string::npos);
+}
+
+// An hour of 20 ms samples must not make an hour-sized page, nor lose the moment memory peaked.
+TEST(HtmlReport, LongRunsStayReadableAndKeepTheirPeaks) {
+  SessionResult r = MadeUpSession();
+  r.samples.clear();
+  const size_t n = 180000, peakAt = 123457;
+  for (size_t i = 0; i < n; ++i)
+    r.samples.push_back({i * 0.02, (i == peakAt ? 900ull : 100ull) << 20, 0, 1});
+  r.options.memoryBudget = 1ull << 30;
+  const std::string html = RenderHtmlReport(r);
+  EXPECT_LT(html.size(), 1u << 20);
+  const std::string open = "<polyline class=\"line\" points=\"";
+  const size_t from = html.find(open) + open.size();
+  const std::string points = html.substr(from, html.find('"', from) - from);
+  std::vector<double> ys;
+  for (size_t p = points.find(','); p != std::string::npos; p = points.find(',', p + 1))
+    ys.push_back(std::stod(points.substr(p + 1)));
+  EXPECT_LE(ys.size(), 4100u);
+  // The peak is drawn, once, above every other point (SVG y grows downwards).
+  const double top = *std::min_element(ys.begin(), ys.end());
+  EXPECT_EQ(std::count(ys.begin(), ys.end(), top), 1);
+  EXPECT_LT(top, *std::max_element(ys.begin(), ys.end()));
 }
 
 TEST(SummaryJson, RecordingAddsKeysAndKeepsTheOldOnes) {
