@@ -54,10 +54,12 @@ void FillThinned(const std::vector<Sample>& samples, uint64_t Sample::*field, do
       if (samples[k].*field < samples[lo].*field) lo = k;
       if (samples[k].*field > samples[hi].*field) hi = k;
     }
-    for (size_t k : {std::min(lo, hi), std::max(lo, hi)}) {
-      if (k == std::max(lo, hi) && lo == hi) break;
-      line->x.push_back(samples[k].seconds);
-      line->y.push_back(samples[k].*field / divisor);
+    const size_t first = std::min(lo, hi), second = std::max(lo, hi);
+    line->x.push_back(samples[first].seconds);
+    line->y.push_back(samples[first].*field / divisor);
+    if (second != first) {
+      line->x.push_back(samples[second].seconds);
+      line->y.push_back(samples[second].*field / divisor);
     }
   }
 }

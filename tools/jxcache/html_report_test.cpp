@@ -217,6 +217,11 @@ TEST(HtmlReport, EscapesHostileTextAndCarriesTheMetadata) {
   // Summary figures are table cells, not a preformatted dump.
   EXPECT_EQ(html.find("<pre"), std::string::npos);
   EXPECT_NE(html.find("<table class=\"passes\">"), std::string::npos);
+  // Every memory sample of a short run is a point of its line.
+  const std::string line = "<polyline class=\"line\" points=\"";
+  const size_t from = html.find(line) + line.size();
+  const std::string points = html.substr(from, html.find('"', from) - from);
+  EXPECT_EQ(static_cast<size_t>(std::count(points.begin(), points.end(), ',')), 11u) << points;
   // Charts scale with the page.
   EXPECT_EQ(html.find("width=\"760\""), std::string::npos);
   EXPECT_NE(html.find("width=\"100%\" viewBox="), std::string::npos);
@@ -243,6 +248,7 @@ TEST(HtmlReport, LongRunsStayReadableAndKeepTheirPeaks) {
   for (size_t p = points.find(','); p != std::string::npos; p = points.find(',', p + 1))
     ys.push_back(std::stod(points.substr(p + 1)));
   EXPECT_LE(ys.size(), 4100u);
+  EXPECT_GE(ys.size(), 1000u) << "the line must still cover the run";
   // The peak is drawn, once, above every other point (SVG y grows downwards).
   const double top = *std::min_element(ys.begin(), ys.end());
   EXPECT_EQ(std::count(ys.begin(), ys.end(), top), 1);
