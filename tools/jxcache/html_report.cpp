@@ -72,8 +72,8 @@ double EndTime(const SessionResult& r) {
 }
 
 // A chart over the run's time, with the pass boundaries marked.
-ChartSpec TimeChart(const SessionResult& r, std::string title, std::string yTitle) {
-  ChartSpec c;
+ChartData TimeChart(const SessionResult& r, std::string title, std::string yTitle) {
+  ChartData c;
   c.title = std::move(title);
   c.xTitle = "time since the session started (s)";
   c.yTitle = std::move(yTitle);
@@ -86,7 +86,7 @@ std::string MemoryChart(const SessionResult& r) {
   double top = static_cast<double>(r.options.memoryBudget);
   for (const Sample& s : r.samples) top = std::max(top, static_cast<double>(s.memory));
   const ByteUnit unit = ByteUnitFor(top);
-  ChartSpec c =
+  ChartData c =
       TimeChart(r, "Memory in use against the budget", std::string("memory (") + unit.name + ")");
   LineSeries line{"cache and host media in memory", "line", {}, {}, false};
   FillThinned(r.samples, &Sample::memory, unit.divisor, &line);
@@ -120,7 +120,7 @@ std::string MemoryChart(const SessionResult& r) {
 }
 
 std::string HitRateChart(const SessionResult& r, const std::vector<SeriesPoint>& points) {
-  ChartSpec c = TimeChart(r, "Hit rate over time", "hit rate (%)");
+  ChartData c = TimeChart(r, "Hit rate over time", "hit rate (%)");
   LineSeries line{"hits per request, over each " + Fixed(r.seriesInterval, 1) + " s or less",
                   "line",
                   {},
@@ -138,7 +138,7 @@ std::string HitRateChart(const SessionResult& r, const std::vector<SeriesPoint>&
 }
 
 std::string SpeedChart(const SessionResult& r, const std::vector<SeriesPoint>& points) {
-  ChartSpec c = TimeChart(r, "Frames served per second over time", "frames/s");
+  ChartData c = TimeChart(r, "Frames served per second over time", "frames/s");
   LineSeries line{
       "frames served per second, over each " + Fixed(r.seriesInterval, 1) + " s or less",
       "line2",
@@ -172,7 +172,7 @@ std::string RenderTimeHistogram(const SessionResult& r) {
     if (v > bins.last()) ++over;
     counts[std::min(b, n - 1)] += 1;
   }
-  ChartSpec c;
+  ChartData c;
   c.title = "Distribution of render times";
   c.xTitle = "render time (ms)";
   c.yTitle = r.renderMs.size() < r.renderTimesSeen ? "renders (in the sample)" : "renders";
@@ -204,7 +204,7 @@ std::string DiskCharts(const SessionResult& r) {
   double top = static_cast<double>(r.options.diskLimit);
   for (const Sample& s : r.samples) top = std::max(top, static_cast<double>(s.disk));
   const ByteUnit unit = ByteUnitFor(top);
-  ChartSpec size = TimeChart(r, "Disk cache size against its limit",
+  ChartData size = TimeChart(r, "Disk cache size against its limit",
                              std::string("disk cache (") + unit.name + ")");
   LineSeries line{"bytes in the disk cache folder", "line", {}, {}, false};
   FillThinned(r.samples, &Sample::disk, unit.divisor, &line);
@@ -213,7 +213,7 @@ std::string DiskCharts(const SessionResult& r) {
       {r.options.diskLimit / unit.divisor, "limit " + FormatSize(r.options.diskLimit)});
   size.yMax = top / unit.divisor;
 
-  ChartSpec queue = TimeChart(r, "Disk write queue over time", "frames queued");
+  ChartData queue = TimeChart(r, "Disk write queue over time", "frames queued");
   LineSeries q{"frames waiting to be written", "line2", {}, {}, true};
   for (const SeriesSample& s : r.series) {
     q.x.push_back(s.seconds);

@@ -109,7 +109,7 @@ void DrawLegend(std::ostringstream& o, const std::vector<LegendItem>& items) {
   }
 }
 
-void DrawAxes(std::ostringstream& o, const Frame& f, const ChartSpec& s, const Ticks& xt,
+void DrawAxes(std::ostringstream& o, const Frame& f, const ChartData& s, const Ticks& xt,
               const Ticks& yt) {
   for (double v : yt.values) {
     const double y = f.Y(v);
@@ -280,7 +280,7 @@ double LabelWidth(std::string_view text) {
   return chars * 11 * 0.62;
 }
 
-std::string RenderChart(const ChartSpec& s) {
+std::string RenderChart(const ChartData& s) {
   std::vector<LegendItem> legend;
   for (const LineSeries& l : s.lines)
     if (!l.name.empty()) legend.push_back({l.name, l.style, LegendItem::kLine});

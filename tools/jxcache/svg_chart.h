@@ -62,7 +62,7 @@ struct Bar {
   std::string tooltip;
 };
 
-struct ChartSpec {
+struct ChartData {
   std::string title;  // for screen readers; the page heads the chart itself
   std::string xTitle, yTitle;
   double xMin = 0, xMax = 1, yMin = 0, yMax = 1;  // the data's extent; the axes round outwards
@@ -76,7 +76,7 @@ struct ChartSpec {
 };
 
 // The chart as an <svg> element: width 100% of its container, height following its viewBox.
-std::string RenderChart(const ChartSpec& spec);
+std::string RenderChart(const ChartData& chart);
 
 // Roughly how wide `text` is drawn at the charts' 11-unit label size: enough to keep labels
 // from running into each other without measuring fonts.
