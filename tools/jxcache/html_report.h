@@ -1,7 +1,11 @@
-// The HTML report of `jxcache simulate`: one self-contained page (no scripts, no network) with
-// SVG charts the tool draws itself: memory in use against the budget over time, the disk cache's
-// size over time, and one strip per pass with a cell per request coloured by how it was served.
-// The page is well-formed XML (XHTML) so that any XML parser accepts it.
+// The HTML report of `jxcache simulate`: one self-contained page (no scripts, no fonts, no
+// network) that a person can keep with the run. Key figures as cards, the passes and every figure
+// of the summary as tables, and SVG charts the tool draws itself, each as wide as the page:
+// memory against the budget with the purges marked, hit rate and frames per second over time,
+// the distribution of render times, the disk cache's size and write queue, and one strip per pass
+// with a cell per request coloured by how it was served. Then the settings and the run's
+// metadata (version, time, host, command line). Every text from outside is escaped, and the page
+// is well-formed XML (XHTML) so that any XML parser accepts it.
 #pragma once
 
 #include <string>

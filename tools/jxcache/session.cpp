@@ -9,10 +9,12 @@
 #include <mutex>
 #include <random>
 #include <thread>
+#include <utility>
 
 #include "jxcache/host/high_precision_time.h"
 #include "jxcache/items/sc_checkout.h"
 #include "jxcache/lifecycle/lifecycle.h"
+#include "jxcache/lifecycle/statistics.h"
 #include "standalone/standalone_host.h"
 #include "tools/jxcache/frame_payload.h"
 #include "tools/jxcache/histogram_plugin.h"
@@ -32,8 +34,9 @@ namespace {
 // The stand-in host's side of the session: the memory budget and its bookkeeping.
 class BudgetKeeper {
  public:
-  BudgetKeeper(JX_Bag& bag, uint64_t budget, const RV::MediaManager& media)
-      : bag_(bag), budget_(budget), media_(media) {}
+  BudgetKeeper(JX_Bag& bag, uint64_t budget, const RV::MediaManager& media,
+               const zelcore::utility::Timer& clock)
+      : bag_(bag), budget_(budget), media_(media), clock_(clock) {}
 
   // Makes room for `incoming` bytes about to be allocated (a render, a disk read): when the
   // cache plus every allocation under way would pass the budget, asks the bag to free the excess.
@@ -63,21 +66,29 @@ class BudgetKeeper {
   }
   uint64_t Peak() const { return peak_.load(); }
   uint64_t Purges() const { return purges_; }
+  // Call once the render threads are done.
+  const std::vector<PurgeEvent>& PurgeEvents() const { return purgeLog_.Events(); }
 
  private:
   void PurgeExcessLocked() {
     const uint64_t want = Held() + reserved_;
     if (want <= budget_) return;
+    // What this purge freed, as the host counts it: the same figure as the session's total.
+    auto& host = StandaloneHost::Instance();
+    const uint64_t freedBefore = host.GetRecycledMemoryPurged();
     jx::PurgeOverBudget(bag_, want - budget_);
     ++purges_;
+    purgeLog_.Add(clock_.GetElapsedSeconds(), host.GetRecycledMemoryPurged() - freedBefore);
   }
 
   JX_Bag& bag_;
   const uint64_t budget_;
   const RV::MediaManager& media_;
+  const zelcore::utility::Timer& clock_;
   std::mutex mutex_;
-  uint64_t reserved_ = 0;  // guarded by mutex_
-  uint64_t purges_ = 0;    // guarded by mutex_
+  uint64_t reserved_ = 0;               // guarded by mutex_
+  uint64_t purges_ = 0;                 // guarded by mutex_
+  PurgeLog purgeLog_{kMaxPurgeEvents};  // guarded by mutex_
   std::atomic<uint64_t> peak_{0};
 };
 
@@ -100,21 +111,31 @@ class ScReservation {
 class PassRunner {
  public:
   PassRunner(const SimulateOptions& o, BudgetKeeper& budget, HistogramPlugin& plugin,
-             FrameLedger& ledger, PassResult& pass)
+             FrameLedger& ledger, RenderTimes& renderTimes, PassResult& pass)
       : o_(o),
         budget_(budget),
         plugin_(plugin),
         ledger_(ledger),
+        renderTimes_(renderTimes),
         pass_(pass),
         frameBytes_(uint64_t{o.width} * o.height * 4) {}
 
   void Work() {
     for (size_t i = next_.fetch_add(1); i < pass_.frames.size(); i = next_.fetch_add(1)) {
-      pass_.outcomes[i] = Serve(pass_.frames[i]);
-      done_.fetch_add(1, std::memory_order_relaxed);
+      const Outcome outcome = Serve(pass_.frames[i]);
+      pass_.outcomes[i] = outcome;
+      // Requests done in the high half, hits in the low: one add, so that a reader never sees
+      // a hit without its request.
+      progress_.fetch_add(kOneDone | (outcome != Outcome::kRendered ? 1u : 0u),
+                          std::memory_order_relaxed);
     }
   }
-  uint64_t Done() const { return done_.load(std::memory_order_relaxed); }
+  uint64_t Done() const { return progress_.load(std::memory_order_relaxed) >> 32; }
+  // Requests done and hits among them, read together.
+  std::pair<uint64_t, uint64_t> DoneAndHits() const {
+    const uint64_t v = progress_.load(std::memory_order_relaxed);
+    return {v >> 32, v & 0xFFFFFFFFu};
+  }
   std::atomic<uint64_t> waited{0}, checked{0}, badFrames{0}, failedReads{0}, renderMicros{0};
 
  private:
@@ -196,6 +217,7 @@ class PassRunner {
           FramePayload::Render(o_.width, o_.height, frame, &ledger_);
       const double seconds = timer.GetElapsedSeconds();
       renderMicros.fetch_add(static_cast<uint64_t>(seconds * 1e6), std::memory_order_relaxed);
+      renderTimes_.Add(seconds * 1e3);
       // Checked like every frame served: the figure of bad frames covers all of them.
       checked.fetch_add(1, std::memory_order_relaxed);
       if (!payload->Verify()) badFrames.fetch_add(1, std::memory_order_relaxed);
@@ -227,11 +249,24 @@ class PassRunner {
   BudgetKeeper& budget_;
   HistogramPlugin& plugin_;
   FrameLedger& ledger_;
+  RenderTimes& renderTimes_;
   PassResult& pass_;
   const uint64_t frameBytes_;
   std::atomic<size_t> next_{0};
-  std::atomic<uint64_t> done_{0};
+  // A pass has at most a million requests (the tool's limit on --frames): each half fits.
+  static constexpr uint64_t kOneDone = uint64_t{1} << 32;
+  std::atomic<uint64_t> progress_{0};
 };
+
+// Frames waiting in the disk writer's queues, as the library's statistics report them.
+uint64_t WriteQueueLength() {
+  uint64_t n = 0;
+  for (const JX_Statistic& s : JX_GetStatistics()) {
+    if (s.group == "disk" && (s.name == "high_priority_queue" || s.name == "normal_queue"))
+      n += static_cast<uint64_t>(std::max<int64_t>(0, s.value));
+  }
+  return n;
+}
 
 void Tally(PassResult& pass) {
   for (Outcome o : pass.outcomes) {
@@ -293,20 +328,34 @@ SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress) {
   result.compute = {true, ""};
   auto& host = StandaloneHost::Instance();
   const uint64_t purgedBefore = host.GetRecycledMemoryPurged();
-  BudgetKeeper budget(bag, o.memoryBudget, media.Manager());
   zelcore::utility::Timer clock;
-  auto sample = [&](uint32_t pass) {
+  BudgetKeeper budget(bag, o.memoryBudget, media.Manager(), clock);
+  RenderTimes renderTimes(kMaxRenderTimes, o.seed);
+  SeriesRecorder series(kSeriesInterval, kMaxSeriesSamples);
+  uint64_t doneBefore = 0, hitsBefore = 0;  // over the passes finished
+  const PassRunner* running = nullptr;
+  auto sample = [&](uint32_t pass, bool passEnded) {
     budget.NotePeak();
-    result.samples.push_back({clock.GetElapsedSeconds(), budget.Held(),
-                              static_cast<uint64_t>(std::max(0LL, bag.GetCurrentDiskCacheSize())),
-                              pass});
+    const double now = clock.GetElapsedSeconds();
+    const uint64_t memory = budget.Held();
+    const uint64_t diskBytes = static_cast<uint64_t>(std::max(0LL, bag.GetCurrentDiskCacheSize()));
+    result.samples.push_back({now, memory, diskBytes, pass});
+    if (!passEnded && !series.Due(now)) return;
+    SeriesSample s{now, pass, doneBefore, hitsBefore, memory, diskBytes, WriteQueueLength()};
+    if (running) {
+      const auto [done, hits] = running->DoneAndHits();
+      s.framesDone += done;
+      s.hits += hits;
+    }
+    series.Offer(s, passEnded);
   };
-  sample(0);
+  sample(0, true);
   for (uint32_t p = 0; p < o.passes; ++p) {
     PassResult pass;
     pass.frames = PassFrames(p, o.frames, o.seed, &pass.kind);
     pass.outcomes.assign(pass.frames.size(), Outcome::kMemoryHit);
-    PassRunner runner(o, budget, plugin, ledger, pass);
+    PassRunner runner(o, budget, plugin, ledger, renderTimes, pass);
+    running = &runner;
     std::exception_ptr failure;
     std::mutex failureMutex;
     std::vector<std::thread> threads;
@@ -324,7 +373,7 @@ SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress) {
     // The main thread is the host's: it watches memory and disk while the renders run.
     while (runner.Done() < pass.frames.size() && !failure) {
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
-      sample(p);
+      sample(p, false);
       if (progress && result.samples.size() % 5 == 0) progress(result, p, runner.Done());
     }
     for (auto& t : threads) t.join();
@@ -336,7 +385,10 @@ SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress) {
     pass.failedReads = runner.failedReads.load();
     result.renderMicrosTotal += runner.renderMicros.load();
     Tally(pass);
-    sample(p);
+    sample(p, true);
+    running = nullptr;
+    doneBefore += pass.Requests();
+    hitsBefore += pass.memoryHits + pass.diskHits;
     result.passes.push_back(std::move(pass));
   }
   disk.Finish(&result);
@@ -348,7 +400,13 @@ SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress) {
   result.rendersAfterPurge = ledger.RendersAfterPurge();
   result.rendersWhileInMemory = ledger.RendersWhileInMemory();
   media.Finish(&result);
-  sample(o.passes ? o.passes - 1 : 0);
+  // After the writer drained: the queue is seen to empty.
+  sample(o.passes ? o.passes - 1 : 0, true);
+  result.series = series.Samples();
+  result.seriesInterval = series.Interval();
+  result.purgeEvents = budget.PurgeEvents();
+  result.renderTimesSeen = renderTimes.Count();
+  result.renderMs = renderTimes.Take();
   result.seconds = clock.GetElapsedSeconds();
   result.peakMemory = budget.Peak();
   result.purges = budget.Purges();

@@ -16,6 +16,9 @@
 #include <string>
 #include <vector>
 
+#include "tools/jxcache/run_info.h"
+#include "tools/jxcache/time_series.h"
+
 namespace jx::tool {
 
 struct SimulateOptions {
@@ -107,7 +110,22 @@ struct SessionResult {
   uint64_t hostMediaLeft = 0;       // what the pool still held of it at the end
   uint64_t mediaMapBytes = 0;       // what the cache mirrored into the pool at the end
   uint64_t mediaManagerPurges = 0;  // entries the media manager took back from the cache
+  // The run as it went, for the report's charts and the JSON (see time_series.h for the bounds).
+  std::vector<SeriesSample> series;
+  double seriesInterval = 0;  // the spacing the series ended with, in seconds
+  std::vector<PurgeEvent> purgeEvents;
+  std::vector<double> renderMs;  // render times: every one, or a uniform sample of them
+  uint64_t renderTimesSeen = 0;  // renders timed, sampled or not
+  // Filled by the caller: RunSession knows nothing of the command line.
+  RunInfo run;
 };
+
+// The time series' spacing at the start, and the most samples, purge events and render times a
+// session keeps.
+inline constexpr double kSeriesInterval = 0.1;
+inline constexpr size_t kMaxSeriesSamples = 2048;
+inline constexpr size_t kMaxPurgeEvents = 512;
+inline constexpr size_t kMaxRenderTimes = 20000;
 
 // Called from the main thread about every 100 ms while a pass runs: pass index, requests done.
 using ProgressFn = std::function<void(const SessionResult&, uint32_t pass, uint64_t done)>;

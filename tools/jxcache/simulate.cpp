@@ -11,6 +11,7 @@
 
 #include "tools/jxcache/frame_payload.h"
 #include "tools/jxcache/html_report.h"
+#include "tools/jxcache/run_info.h"
 #include "tools/jxcache/session.h"
 #include "tools/jxcache/session_disk.h"
 #include "tools/jxcache/size_arg.h"
@@ -74,7 +75,9 @@ int RunSimulate(SimulateArgs& args) {
   std::optional<ReportFile> report;
   if (!args.report.empty()) report.emplace(args.report);
   const bool tty = ::isatty(STDERR_FILENO) == 1;
-  const SessionResult result = RunSession(options, tty ? ProgressFn(ShowProgress) : ProgressFn());
+  const RunInfo run = CollectRunInfo();  // the start time is the session's
+  SessionResult result = RunSession(options, tty ? ProgressFn(ShowProgress) : ProgressFn());
+  result.run = run;
   if (tty) std::cerr << '\r' << std::string(78, ' ') << '\r' << std::flush;
   if (report) report->Commit(RenderHtmlReport(result));
   if (args.json) {

@@ -217,9 +217,14 @@ std::string OffPageReference(std::string html) {
   return {};
 }
 
-TEST(Simulate, HtmlReportIsWellFormedXmlWithOneStripPerPass) {
+// The real binary, with a disk cache folder whose name is markup: the report must show it as
+// text, and the JSON must carry the run's time series and metadata.
+TEST(Simulate, HtmlReportAndJsonRecordTheRun) {
   TempDir dir;
-  auto r = RunTool(SmallSession(dir, {"--report", dir.File("report.html")}, "64", "36"));
+  const std::string hostile = dir.File("x</script><b>y");
+  auto args = SmallSession(dir, {"--report", dir.File("report.html")}, "64", "36");
+  *(std::find(args.begin(), args.end(), "--disk-cache") + 1) = hostile;
+  auto r = RunTool(args);
   ASSERT_EQ(r.exitCode, 0) << r.err;
   std::ifstream in(dir.File("report.html"));
   std::stringstream s;
@@ -229,13 +234,51 @@ TEST(Simulate, HtmlReportIsWellFormedXmlWithOneStripPerPass) {
   EXPECT_TRUE(testing::IsWellFormedXml(html, &why)) << why;
   EXPECT_TRUE(testing::IsWellFormedXmlByHand(html, &why)) << why;
   EXPECT_EQ(OffPageReference(html), "") << "the report must open with no network";
+  EXPECT_EQ(html.find("<b>"), std::string::npos);
+  EXPECT_NE(html.find("x&lt;/script&gt;&lt;b&gt;y"), std::string::npos);
   size_t svgs = 0, cells = 0;
   for (size_t p = html.find("<svg"); p != std::string::npos; p = html.find("<svg", p + 1)) ++svgs;
   for (size_t p = html.find("<title>frame "); p != std::string::npos;
        p = html.find("<title>frame ", p + 1))
     ++cells;
-  EXPECT_EQ(svgs, 3u);        // memory, disk, strips
+  // Memory, hit rate, frames/s, render times, disk size, write queue, and the strips.
+  EXPECT_EQ(svgs, 7u);
   EXPECT_EQ(cells, 3u * 12);  // a cell per request of each pass
+
+  const auto j = r.Json();
+  const auto& run = j["run"];
+  EXPECT_EQ(run["command_line"].size(), args.size() + 1);  // the program's name first
+  EXPECT_EQ(run["command_line"].back(), args.back());
+  EXPECT_FALSE(run["version"].get<std::string>().empty());
+  EXPECT_NE(html.find(run["host"].get<std::string>()), std::string::npos);
+  EXPECT_NE(html.find(run["started_at"].get<std::string>()), std::string::npos);
+  EXPECT_NE(html.find(run["version"].get<std::string>()), std::string::npos);
+
+  // One sample at the start and at least one at the end of each pass, in time order, counting up
+  // to every request served.
+  const auto& series = j["time_series"];
+  ASSERT_GE(series.size(), 1u + 3);
+  EXPECT_EQ(series[0]["frames_done"], 0);
+  double last = -1;
+  uint64_t done = 0;
+  for (const auto& p : series) {
+    EXPECT_GE(p["seconds"].get<double>(), last);
+    EXPECT_GE(p["frames_done"].get<uint64_t>(), done);
+    last = p["seconds"];
+    done = p["frames_done"];
+    if (!p["hit_rate"].is_null()) {
+      EXPECT_GE(p["hit_rate"].get<double>(), 0.0);
+      EXPECT_LE(p["hit_rate"].get<double>(), 1.0);
+    }
+    EXPECT_GE(p["frames_per_second"].get<double>(), 0.0);
+    EXPECT_GT(p["memory_bytes"].get<uint64_t>(), 0u);  // the host's media at least
+    EXPECT_TRUE(p["write_queue"].is_number_unsigned());
+  }
+  EXPECT_EQ(done, j["overall"]["requests"].get<uint64_t>());
+  EXPECT_EQ(series.back()["hits"].get<uint64_t>(), j["overall"]["memory_hits"].get<uint64_t>() +
+                                                       j["overall"]["disk_hits"].get<uint64_t>());
+  EXPECT_EQ(series.back()["write_queue"], 0) << "the writer drained before the end";
+  EXPECT_EQ(j["render_time_ms"]["renders_timed"], j["overall"]["renders"]);
 }
 
 // The checks themselves catch what they are there for.

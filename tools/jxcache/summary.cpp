@@ -1,5 +1,8 @@
 #include "tools/jxcache/summary.h"
 
+#include <algorithm>
+#include <cmath>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -82,89 +85,149 @@ std::string WritesLine(const SessionResult& r) {
   return text + refused;
 }
 
+// What was recorded while the session ran: the run's metadata, the time series, the purges and
+// the render times. New keys only: the ones above are relied on as they are.
+void AddRecording(const SessionResult& r, nlohmann::ordered_json& j) {
+  j["run"] = {{"tool", "jxcache simulate"},
+              {"version", r.run.version},
+              {"started_at", r.run.startedAt},
+              {"host", r.run.host},
+              {"command_line", r.run.commandLine}};
+  j["time_series_interval_seconds"] = r.seriesInterval;
+  nlohmann::ordered_json series = nlohmann::ordered_json::array();
+  for (const SeriesPoint& p : WithRates(r.series)) {
+    const SeriesSample& s = p.sample;
+    series.push_back({{"seconds", s.seconds},
+                      {"pass", s.pass + 1},
+                      {"frames_done", s.framesDone},
+                      {"hits", s.hits},
+                      {"hit_rate", p.hitRate ? nlohmann::ordered_json(*p.hitRate)
+                                             : nlohmann::ordered_json(nullptr)},
+                      {"frames_per_second", p.framesPerSecond},
+                      {"memory_bytes", s.memory},
+                      {"disk_bytes", s.disk},
+                      {"write_queue", s.writeQueue}});
+  }
+  j["time_series"] = series;
+  nlohmann::ordered_json purges = nlohmann::ordered_json::array();
+  for (const PurgeEvent& e : r.purgeEvents)
+    purges.push_back({{"seconds", e.seconds}, {"bytes_freed", e.bytesFreed}, {"purges", e.purges}});
+  j["purge_events"] = purges;
+  std::vector<double> ms = r.renderMs;
+  std::sort(ms.begin(), ms.end());
+  j["render_time_ms"] = {
+      {"renders_timed", r.renderTimesSeen}, {"sampled", ms.size()},
+      {"p50", Quantile(ms, 0.5)},           {"p90", Quantile(ms, 0.9)},
+      {"p99", Quantile(ms, 0.99)},          {"max", ms.empty() ? 0.0 : ms.back()}};
+}
+
 }  // namespace
 
 double HitRate(uint64_t memoryHits, uint64_t diskHits, uint64_t requests) {
   return requests ? static_cast<double>(memoryHits + diskHits) / requests : 0.0;
 }
 
-void PrintSummary(const SessionResult& r, std::ostream& out) {
+double Quantile(const std::vector<double>& sorted, double fraction) {
+  if (sorted.empty()) return 0.0;
+  const double rank = std::ceil(std::clamp(fraction, 0.0, 1.0) * sorted.size());
+  return sorted[static_cast<size_t>(std::max(1.0, rank)) - 1];
+}
+
+SummaryTables BuildSummary(const SessionResult& r) {
   const SimulateOptions& o = r.options;
-  out << "jxcache simulate: " << o.frames << " frames of " << o.width << "x" << o.height
-      << " RGBA8 (" << FormatSize(r.frameBytes) << " each), " << o.threads
-      << " render threads, memory budget " << FormatSize(o.memoryBudget) << ", seed " << o.seed
-      << "\n";
+  SummaryTables tables;
+  std::ostringstream line;
+  line << "jxcache simulate: " << o.frames << " frames of " << o.width << "x" << o.height
+       << " RGBA8 (" << FormatSize(r.frameBytes) << " each), " << o.threads
+       << " render threads, memory budget " << FormatSize(o.memoryBudget) << ", seed " << o.seed;
+  tables.heading.push_back(line.str());
   if (r.disk.available) {
-    out << "disk cache: " << r.diskFolder << " (limit " << FormatSize(o.diskLimit) << "), "
-        << r.diskFilesAtStart << " files (" << FormatSize(r.diskBytesAtStart)
-        << ") adopted at start";
-    if (o.diskProclivity > 0) out << ", proclivity multiplier " << o.diskProclivity;
-    out << "\n";
+    line.str("");
+    line << "disk cache: " << r.diskFolder << " (limit " << FormatSize(o.diskLimit) << "), "
+         << r.diskFilesAtStart << " files (" << FormatSize(r.diskBytesAtStart)
+         << ") adopted at start";
+    if (o.diskProclivity > 0) line << ", proclivity multiplier " << o.diskProclivity;
+    tables.heading.push_back(line.str());
   }
-  out << '\n';
-  TextTable passes(
-      {"pass", "kind", "requests", "memory hits", "disk hits", "renders", "hit rate", "frames/s"});
-  passes.AlignLeft(1);
+  SummaryTable& passes = tables.passes;
+  passes.header = {"pass",      "kind",    "requests", "memory hits",
+                   "disk hits", "renders", "hit rate", "frames/s"};
+  passes.leftAligned = {0, 1};
   for (size_t i = 0; i < r.passes.size(); ++i) {
     const PassResult& p = r.passes[i];
-    passes.AddRow({std::to_string(i + 1), p.kind, std::to_string(p.Requests()),
-                   std::to_string(p.memoryHits), std::to_string(p.diskHits),
-                   std::to_string(p.renders),
-                   Percent(HitRate(p.memoryHits, p.diskHits, p.Requests())),
-                   Fixed(PerSecond(p.Requests(), p.seconds), 1)});
+    passes.rows.push_back({std::to_string(i + 1), p.kind, std::to_string(p.Requests()),
+                           std::to_string(p.memoryHits), std::to_string(p.diskHits),
+                           std::to_string(p.renders),
+                           Percent(HitRate(p.memoryHits, p.diskHits, p.Requests())),
+                           Fixed(PerSecond(p.Requests(), p.seconds), 1)});
   }
   const Totals t = Sum(r);
-  passes.AddRow({"all", "", std::to_string(t.requests), std::to_string(t.memoryHits),
-                 std::to_string(t.diskHits), std::to_string(t.renders),
-                 Percent(HitRate(t.memoryHits, t.diskHits, t.requests)),
-                 Fixed(PerSecond(t.requests, t.seconds), 1)});
-  passes.Print(out);
-  out << '\n';
+  passes.rows.push_back({"all", "", std::to_string(t.requests), std::to_string(t.memoryHits),
+                         std::to_string(t.diskHits), std::to_string(t.renders),
+                         Percent(HitRate(t.memoryHits, t.diskHits, t.requests)),
+                         Fixed(PerSecond(t.requests, t.seconds), 1)});
 
-  TextTable overall({"overall", ""});
-  overall.AlignLeft(1);
-  overall.AddRow({"peak memory", FormatSize(r.peakMemory) + " of " + FormatSize(o.memoryBudget) +
-                                     " budget (cache and host media)"});
-  overall.AddRow(
+  SummaryTable& overall = tables.overall;
+  overall.header = {"overall", ""};
+  overall.leftAligned = {0, 1};
+  overall.rows.push_back({"peak memory", FormatSize(r.peakMemory) + " of " +
+                                             FormatSize(o.memoryBudget) +
+                                             " budget (cache and host media)"});
+  overall.rows.push_back(
       {"purges", std::to_string(r.purges) + " (" + FormatSize(r.bytesPurged) + " freed)"});
-  overall.AddRow({"renders", std::to_string(t.renders) + ", " + Fixed(MeanRenderMs(r, t), 2) +
-                                 " ms each: " + std::to_string(r.firstRenders) + " new frames, " +
-                                 std::to_string(r.rendersAfterPurge) + " again after a purge, " +
-                                 std::to_string(r.rendersWhileInMemory) +
-                                 " of a frame still in memory"});
-  overall.AddRow({"shared renders",
-                  std::to_string(t.waited) + " requests waited for another thread's render"});
-  overall.AddRow({"bad frames", std::to_string(t.badFrames) + " of " +
-                                    std::to_string(t.framesChecked) +
-                                    " frames served checked against the image" +
-                                    (t.badFrames ? " (dropped and rendered again)" : "")});
+  overall.rows.push_back(
+      {"renders", std::to_string(t.renders) + ", " + Fixed(MeanRenderMs(r, t), 2) +
+                      " ms each: " + std::to_string(r.firstRenders) + " new frames, " +
+                      std::to_string(r.rendersAfterPurge) + " again after a purge, " +
+                      std::to_string(r.rendersWhileInMemory) + " of a frame still in memory"});
+  overall.rows.push_back({"shared renders", std::to_string(t.waited) +
+                                                " requests waited for another thread's render"});
+  overall.rows.push_back({"bad frames", std::to_string(t.badFrames) + " of " +
+                                            std::to_string(t.framesChecked) +
+                                            " frames served checked against the image" +
+                                            (t.badFrames ? " (dropped and rendered again)" : "")});
   if (r.disk.available) {
-    overall.AddRow({"disk traffic", DiskLine(r)});
-    overall.AddRow({"failed reads", std::to_string(t.failedReads) +
-                                        " requests found their frame's file damaged or gone and "
-                                        "were served as misses"});
-    overall.AddRow({"disk writes", WritesLine(r)});
-    overall.AddRow({"disk folder",
-                    FormatSize(r.diskBytesAtEnd) + " of " + FormatSize(o.diskLimit) + " limit"});
+    overall.rows.push_back({"disk traffic", DiskLine(r)});
+    overall.rows.push_back(
+        {"failed reads", std::to_string(t.failedReads) +
+                             " requests found their frame's file damaged or gone and "
+                             "were served as misses"});
+    overall.rows.push_back({"disk writes", WritesLine(r)});
+    overall.rows.push_back({"disk folder", FormatSize(r.diskBytesAtEnd) + " of " +
+                                               FormatSize(o.diskLimit) + " limit"});
   } else {
-    overall.AddRow({"disk cache", Unavailable(r.disk)});
+    overall.rows.push_back({"disk cache", Unavailable(r.disk)});
   }
-  overall.AddRow({"compute cache",
-                  r.compute.available ? std::to_string(r.computeCalls) + " histograms asked for: " +
-                                            std::to_string(r.computes) + " computed, " +
-                                            std::to_string(r.computeHits) + " served from cache, " +
-                                            std::to_string(r.computeFailures) + " failed"
-                                      : Unavailable(r.compute)});
-  overall.AddRow({"media map", r.mediaMap.available
-                                   ? "on: " + FormatSize(r.mediaMapBytes) +
-                                         " mirrored at the end, " +
-                                         std::to_string(r.mediaManagerPurges) +
-                                         " entries taken back by the media manager; host media " +
-                                         FormatSize(r.hostMediaBytes) + " (" +
-                                         FormatSize(r.hostMediaLeft) + " left)"
-                                   : Unavailable(r.mediaMap)});
-  overall.AddRow({"wall time", Fixed(r.seconds, 2) + " s"});
-  overall.Print(out);
+  overall.rows.push_back(
+      {"compute cache", r.compute.available
+                            ? std::to_string(r.computeCalls) + " histograms asked for: " +
+                                  std::to_string(r.computes) + " computed, " +
+                                  std::to_string(r.computeHits) + " served from cache, " +
+                                  std::to_string(r.computeFailures) + " failed"
+                            : Unavailable(r.compute)});
+  overall.rows.push_back(
+      {"media map", r.mediaMap.available
+                        ? "on: " + FormatSize(r.mediaMapBytes) + " mirrored at the end, " +
+                              std::to_string(r.mediaManagerPurges) +
+                              " entries taken back by the media manager; host media " +
+                              FormatSize(r.hostMediaBytes) + " (" + FormatSize(r.hostMediaLeft) +
+                              " left)"
+                        : Unavailable(r.mediaMap)});
+  overall.rows.push_back({"wall time", Fixed(r.seconds, 2) + " s"});
+  return tables;
+}
+
+void PrintSummary(const SessionResult& r, std::ostream& out) {
+  const SummaryTables tables = BuildSummary(r);
+  for (const std::string& line : tables.heading) out << line << '\n';
+  for (const SummaryTable* t : {&tables.passes, &tables.overall}) {
+    out << '\n';
+    TextTable text(t->header);
+    for (size_t column : t->leftAligned)
+      if (column > 0) text.AlignLeft(column);
+    for (const auto& row : t->rows) text.AddRow(row);
+    text.Print(out);
+  }
 }
 
 nlohmann::ordered_json SummaryJson(const SessionResult& r) {
@@ -262,6 +325,7 @@ nlohmann::ordered_json SummaryJson(const SessionResult& r) {
     media["reason"] = r.mediaMap.why;
   }
   j["media_map"] = media;
+  AddRecording(r, j);
   return j;
 }
 
