@@ -20,14 +20,30 @@ size_t Lines(const std::string& s) { return std::count(s.begin(), s.end(), '\n')
 TEST(SizeArgument, UnitsFractionsAndRejections) {
   EXPECT_EQ(ParseSize("0", "--x"), 0u);
   EXPECT_EQ(ParseSize("4096", "--x"), 4096u);
-  EXPECT_EQ(ParseSize("64KiB", "--x"), 64u << 10);
-  EXPECT_EQ(ParseSize("256MiB", "--x"), 256ull << 20);
-  EXPECT_EQ(ParseSize("2GiB", "--x"), 2ull << 30);
+  EXPECT_EQ(ParseSize("4096B", "--x"), 4096u);
+  // Every unit is binary, whichever way it is written.
+  for (const char* k : {"512k", "512K", "512KB", "512kb", "512KiB", "512kib"})
+    EXPECT_EQ(ParseSize(k, "--x"), 512u << 10) << k;
+  for (const char* m : {"256M", "256MB", "256MiB", "256m"})
+    EXPECT_EQ(ParseSize(m, "--x"), 256ull << 20) << m;
+  for (const char* g : {"1G", "1GB", "1GiB", "1g"}) EXPECT_EQ(ParseSize(g, "--x"), 1ull << 30) << g;
+  EXPECT_EQ(ParseSize("2T", "--x"), 2ull << 40);
+  EXPECT_EQ(ParseSize("1.5G", "--x"), 3ull << 29);
   EXPECT_EQ(ParseSize("1.5GiB", "--x"), 3ull << 29);
-  EXPECT_EQ(ParseSizeList("1MiB,2MiB,3", "--x"), (std::vector<uint64_t>{1 << 20, 2 << 20, 3}));
-  for (const char* bad : {"", "-1", "MiB", "12MB", "1.5", "1.MiB", "12 MiB", "99999999999GiB",
-                          "18446744073709551616", "1,,2"}) {
+  EXPECT_EQ(ParseSize("0.5k", "--x"), 512u);
+  EXPECT_EQ(ParseSizeList("1MiB,2M,3", "--x"), (std::vector<uint64_t>{1 << 20, 2 << 20, 3}));
+  for (const char* bad :
+       {"", "-1", "MiB", "G", "12XB", "12Mi", "12MiBs", "12P", "1.5", "1.5B", "1.MiB", "12 MiB",
+        "1e3", "0x10", "99999999999GiB", "17000000T", "18446744073709551616", "1,,2"}) {
     EXPECT_THROW(ParseSizeList(bad, "--x"), UsageError) << bad;
+  }
+  try {
+    ParseSize("12XB", "--memory");
+    ADD_FAILURE();
+  } catch (const UsageError& e) {
+    EXPECT_STREQ(e.what(),
+                 "--memory: '12XB' is not a size: unknown unit 'XB' (use k, M, G or T, optionally "
+                 "followed by B or iB)");
   }
   EXPECT_THROW(ParseSizeList("0", "--cache-size"), UsageError);
   EXPECT_EQ(FormatSize(812), "812 B");
@@ -43,7 +59,7 @@ TEST(CommandLine, HelpAndBadArgumentsExitCodes) {
   const std::vector<std::vector<std::string>> bad = {
       {},                                      // no subcommand
       {"frobnicate"},                          // unknown subcommand
-      {"simulate", "--memory", "12MB"},        // unknown unit
+      {"simulate", "--memory", "12XB"},        // unknown unit
       {"simulate", "--memory", "lots"},        // not a number
       {"simulate", "--frames", "0"},           // out of range
       {"simulate", "--threads", "two"},        // not an integer

@@ -99,7 +99,8 @@ void AddSimulateCommand(CLI::App& app, int* exitCode) {
   cmd->add_option("--width", o.width, "Frame width in pixels")->capture_default_str();
   cmd->add_option("--height", o.height, "Frame height in pixels")->capture_default_str();
   cmd->add_option("--threads", o.threads, "Render threads")->capture_default_str();
-  cmd->add_option("--memory", args->memory, "Host memory budget for the cache")
+  cmd->add_option("--memory", args->memory,
+                  std::string("Host memory budget for the cache. ") + kSizeHelp)
       ->capture_default_str();
   cmd->add_option("--disk-cache", o.diskFolder,
                   "Disk cache folder, reused across runs (default: " + DefaultDiskFolder() + ")");
