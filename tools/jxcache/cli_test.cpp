@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "common/version.h"
 #include "tools/jxcache/size_arg.h"
 #include "tools/jxcache/tool_error.h"
 #include "tools/jxcache/tool_test_support.h"
@@ -48,6 +49,22 @@ TEST(SizeArgument, UnitsFractionsAndRejections) {
   EXPECT_THROW(ParseSizeList("0", "--cache-size"), UsageError);
   EXPECT_EQ(FormatSize(812), "812 B");
   EXPECT_EQ(FormatSize(256ull << 20), "256 MiB");
+}
+
+TEST(CommandLine, VersionAndUnknownSubcommand) {
+  for (const char* flag : {"--version", "-V"}) {
+    auto r = RunTool({flag});
+    EXPECT_EQ(r.exitCode, 0) << flag;
+    EXPECT_EQ(r.out, std::string("jxcache 0.1.0\nlibrary ") + JX_GetLibraryVersionString() + "\n");
+  }
+  auto bogus = RunTool({"bogus", "--json"});
+  EXPECT_EQ(bogus.exitCode, 2);
+  EXPECT_EQ(bogus.err,
+            "jxcache: unknown subcommand 'bogus' (subcommands: simulate, inspect, replay; see "
+            "jxcache --help)\n");
+  auto none = RunTool({});
+  EXPECT_NE(none.err.find("a subcommand is required (simulate, inspect"), std::string::npos)
+      << none.err;
 }
 
 TEST(CommandLine, HelpAndBadArgumentsExitCodes) {
