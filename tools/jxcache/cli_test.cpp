@@ -6,6 +6,7 @@
 #include <fstream>
 
 #include "common/version.h"
+#include "tools/jxcache/progress.h"
 #include "tools/jxcache/size_arg.h"
 #include "tools/jxcache/tool_error.h"
 #include "tools/jxcache/tool_test_support.h"
@@ -65,6 +66,23 @@ TEST(CommandLine, VersionAndUnknownSubcommand) {
   auto none = RunTool({});
   EXPECT_NE(none.err.find("a subcommand is required (simulate, inspect"), std::string::npos)
       << none.err;
+}
+
+TEST(Progress, RateAndTimeLeft) {
+  EXPECT_EQ(FormatProgress("", 1200, 4800, "frames", 1200 / 310.0),
+            "1200/4800 frames  310 frames/s  ETA 12s");
+  EXPECT_EQ(FormatProgress("reading trace", 312u << 20, 1u << 30, "", 4.0),
+            "reading trace  312 MiB/1.00 GiB  78.00 MiB/s  ETA 9s");
+  EXPECT_EQ(FormatProgress("LRU", 3000000, 0, "requests", 2.0),
+            "LRU  3000000 requests  1.50M requests/s");
+  EXPECT_EQ(FormatProgress("", 0, 100, "frames", 0.0, "pass 1/3"), "0/100 frames  pass 1/3");
+  EXPECT_EQ(FormatProgress("", 100, 100, "frames", 5.0), "100/100 frames  20.0 frames/s  ETA 0s");
+  EXPECT_EQ(FormatDuration(0), "0s");
+  EXPECT_EQ(FormatDuration(59.6), "1m00s");
+  EXPECT_EQ(FormatDuration(185), "3m05s");
+  EXPECT_EQ(FormatDuration(7620), "2h07m");
+  EXPECT_EQ(FormatDuration(-1), "?");
+  EXPECT_EQ(FormatDuration(std::nan("")), "?");
 }
 
 TEST(CommandLine, HelpAndBadArgumentsExitCodes) {
