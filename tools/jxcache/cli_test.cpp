@@ -61,11 +61,25 @@ TEST(CommandLine, VersionAndUnknownSubcommand) {
   auto bogus = RunTool({"bogus", "--json"});
   EXPECT_EQ(bogus.exitCode, 2);
   EXPECT_EQ(bogus.err,
-            "jxcache: unknown subcommand 'bogus' (subcommands: simulate, inspect, replay; see "
-            "jxcache --help)\n");
+            "jxcache: unknown subcommand 'bogus' (subcommands: simulate, inspect, replay, stats, "
+            "clear; see jxcache --help)\n");
   auto none = RunTool({});
   EXPECT_NE(none.err.find("a subcommand is required (simulate, inspect"), std::string::npos)
       << none.err;
+}
+
+TEST(CommandLine, HelpSaysWhereTheDiskCacheFilesGo) {
+  for (const char* sub : {"simulate", "stats", "clear"}) {
+    auto help = RunTool({sub, "--help"});
+    std::string flat;  // help text is wrapped: compare with the line breaks and indents out
+    for (char c : help.out) {
+      if (c == '\n') c = ' ';
+      if (c != ' ' || flat.empty() || flat.back() != ' ') flat += c;
+    }
+    EXPECT_NE(flat.find("DIR/Orvane/Plexmotion/Disk Cache - <host name>.noindex/"),
+              std::string::npos)
+        << sub << ": " << help.out;
+  }
 }
 
 TEST(Progress, RateAndTimeLeft) {
@@ -86,7 +100,7 @@ TEST(Progress, RateAndTimeLeft) {
 }
 
 TEST(CommandLine, HelpAndBadArgumentsExitCodes) {
-  for (const char* sub : {"simulate", "inspect", "replay"}) {
+  for (const char* sub : {"simulate", "inspect", "replay", "stats", "clear"}) {
     auto r = RunTool({sub, "--help"});
     EXPECT_EQ(r.exitCode, 0) << sub;
     EXPECT_NE(r.out.find("Usage"), std::string::npos) << sub;

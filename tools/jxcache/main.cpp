@@ -1,12 +1,14 @@
 // jxcache: the command-line face of the cache library. `simulate` drives a compositing session
-// through the library, `inspect` describes a disk cache folder, `replay` sizes the cache on an
-// access trace. Exit codes: 0 success, 1 the run failed, 2 bad arguments.
+// through the library, `inspect` describes a disk cache folder, `stats` and `clear` count and
+// empty one, `replay` sizes the cache on an access trace. Exit codes: 0 success, 1 the run
+// failed, 2 bad arguments.
 #include <CLI/CLI.hpp>
 
 #include <iostream>
 #include <string_view>
 
 #include "common/version.h"
+#include "tools/jxcache/cache_folder.h"
 #include "tools/jxcache/inspect.h"
 #include "tools/jxcache/replay.h"
 #include "tools/jxcache/simulate.h"
@@ -61,6 +63,8 @@ int main(int argc, char** argv) {
   AddSimulateCommand(app, &exitCode);
   AddInspectCommand(app, &exitCode);
   AddReplayCommand(app, &exitCode);
+  AddStatsCommand(app, &exitCode);
+  AddClearCommand(app, &exitCode);
   app.footer(std::string(kSizeHelp) +
              "\nExit codes: 0 success, 1 the run failed, 2 bad arguments. Each subcommand takes "
              "--help.");

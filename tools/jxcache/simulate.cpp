@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 
+#include "tools/jxcache/cache_folder.h"
 #include "tools/jxcache/frame_payload.h"
 #include "tools/jxcache/html_report.h"
 #include "tools/jxcache/progress.h"
@@ -111,7 +112,8 @@ void AddSimulateCommand(CLI::App& app, int* exitCode) {
                   std::string("Host memory budget for the cache. ") + kSizeHelp)
       ->capture_default_str();
   cmd->add_option("--disk-cache", o.diskFolder,
-                  "Disk cache folder, reused across runs (default: " + DefaultDiskFolder() + ")");
+                  "Disk cache folder, reused across runs (default: " + DefaultDiskFolder() + "). " +
+                      DiskCacheLayoutHelp());
   cmd->add_option("--disk-limit", args->diskLimit, "Disk cache size limit")->capture_default_str();
   cmd->add_flag("--no-disk", o.noDisk, "Run without the disk cache");
   cmd->add_option("--disk-proclivity", args->proclivity,
