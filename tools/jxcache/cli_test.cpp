@@ -99,6 +99,30 @@ TEST(Progress, RateAndTimeLeft) {
   EXPECT_EQ(FormatDuration(std::nan("")), "?");
 }
 
+// Progress goes to stderr only when asked for (the tests' stderr is not a terminal), and then
+// ends with a line for each piece of work.
+TEST(Progress, OnlyWhenAskedAndWithRates) {
+  TempDir dir;
+  {
+    std::ofstream f(dir.File("t.csv"));
+    for (int i = 0; i < 3000; ++i) f << i % 70 << "," << 1000 << "\n";
+  }
+  auto quiet = RunTool({"replay", dir.File("t.csv"), "--cache-size", "20k"});
+  ASSERT_EQ(quiet.exitCode, 0) << quiet.err;
+  EXPECT_TRUE(quiet.err.empty()) << quiet.err;
+  auto shown = RunTool({"replay", dir.File("t.csv"), "--cache-size", "20k", "--progress"});
+  ASSERT_EQ(shown.exitCode, 0) << shown.err;
+  for (const char* want : {"reading trace  ", "/s  ETA 0s", "LRU 20.00 KiB  3000/3000 requests",
+                           "optimal  3000/3000 requests"}) {
+    EXPECT_NE(shown.err.find(want), std::string::npos) << want << "\n" << shown.err;
+  }
+  EXPECT_EQ(shown.err.find('\r'), std::string::npos) << "a log gets lines, not redraws";
+  auto sim = RunTool({"simulate", "--frames", "4", "--width", "16", "--height", "16", "--passes",
+                      "1", "--no-disk", "--progress"});
+  ASSERT_EQ(sim.exitCode, 0) << sim.err;
+  EXPECT_NE(sim.err.find("4/4 frames"), std::string::npos) << sim.err;
+}
+
 TEST(CommandLine, HelpAndBadArgumentsExitCodes) {
   for (const char* sub : {"simulate", "inspect", "replay", "stats", "clear"}) {
     auto r = RunTool({sub, "--help"});
