@@ -50,11 +50,12 @@ struct Entry {
 // Told by the name, as the library's scan tells them: a temporary's name starts with its
 // target's, so it is asked about first. Only regular files qualify; the library never makes a
 // link or a folder, and a link named like a cache file may point at anything.
-Entry Classify(const fs::path& path) {
+// Nothing for an entry gone since the listing (another process evicting or clearing).
+std::optional<Entry> Classify(const fs::path& path) {
   Entry e;
   e.name = path.filename().string();
   struct stat st {};
-  if (::lstat(path.c_str(), &st) != 0) return e;
+  if (::lstat(path.c_str(), &st) != 0) return std::nullopt;
   e.isFolder = S_ISDIR(st.st_mode);
   e.bytes = S_ISREG(st.st_mode) ? static_cast<uint64_t>(st.st_size) : 0;
   e.modified = st.st_mtime;
@@ -99,7 +100,7 @@ Listing List(const std::string& dir, const char* command) {
   for (; it != fs::directory_iterator(); it.increment(ec)) {
     if (ec)
       throw ToolError(std::string(command) + ": cannot read '" + l.folder + "': " + ec.message());
-    l.entries.push_back(Classify(it->path()));
+    if (std::optional<Entry> e = Classify(it->path())) l.entries.push_back(std::move(*e));
   }
   return l;
 }
