@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "jxcache/common/version.h"
+#include "tools/jxcache/progress.h"
 #include "tools/jxcache/size_arg.h"
 #include "tools/jxcache/tool_error.h"
 #include "tools/jxcache/tool_test_support.h"
@@ -20,22 +22,109 @@ size_t Lines(const std::string& s) { return std::count(s.begin(), s.end(), '\n')
 TEST(SizeArgument, UnitsFractionsAndRejections) {
   EXPECT_EQ(ParseSize("0", "--x"), 0u);
   EXPECT_EQ(ParseSize("4096", "--x"), 4096u);
-  EXPECT_EQ(ParseSize("64KiB", "--x"), 64u << 10);
-  EXPECT_EQ(ParseSize("256MiB", "--x"), 256ull << 20);
-  EXPECT_EQ(ParseSize("2GiB", "--x"), 2ull << 30);
+  EXPECT_EQ(ParseSize("4096B", "--x"), 4096u);
+  // Every unit is binary, whichever way it is written.
+  for (const char* k : {"512k", "512K", "512KB", "512kb", "512KiB", "512kib"})
+    EXPECT_EQ(ParseSize(k, "--x"), 512u << 10) << k;
+  for (const char* m : {"256M", "256MB", "256MiB", "256m"})
+    EXPECT_EQ(ParseSize(m, "--x"), 256ull << 20) << m;
+  for (const char* g : {"1G", "1GB", "1GiB", "1g"}) EXPECT_EQ(ParseSize(g, "--x"), 1ull << 30) << g;
+  EXPECT_EQ(ParseSize("2T", "--x"), 2ull << 40);
+  EXPECT_EQ(ParseSize("1.5G", "--x"), 3ull << 29);
   EXPECT_EQ(ParseSize("1.5GiB", "--x"), 3ull << 29);
-  EXPECT_EQ(ParseSizeList("1MiB,2MiB,3", "--x"), (std::vector<uint64_t>{1 << 20, 2 << 20, 3}));
-  for (const char* bad : {"", "-1", "MiB", "12MB", "1.5", "1.MiB", "12 MiB", "99999999999GiB",
-                          "18446744073709551616", "1,,2"}) {
+  EXPECT_EQ(ParseSize("0.5k", "--x"), 512u);
+  EXPECT_EQ(ParseSizeList("1MiB,2M,3", "--x"), (std::vector<uint64_t>{1 << 20, 2 << 20, 3}));
+  for (const char* bad :
+       {"", "-1", "MiB", "G", "12XB", "12Mi", "12MiBs", "12P", "1.5", "1.5B", "1.MiB", "12 MiB",
+        "1e3", "0x10", "99999999999GiB", "17000000T", "18446744073709551616", "1,,2"}) {
     EXPECT_THROW(ParseSizeList(bad, "--x"), UsageError) << bad;
+  }
+  try {
+    ParseSize("12XB", "--memory");
+    ADD_FAILURE();
+  } catch (const UsageError& e) {
+    EXPECT_STREQ(e.what(),
+                 "--memory: '12XB' is not a size: unknown unit 'XB' (use k, M, G or T, optionally "
+                 "followed by B or iB)");
   }
   EXPECT_THROW(ParseSizeList("0", "--cache-size"), UsageError);
   EXPECT_EQ(FormatSize(812), "812 B");
   EXPECT_EQ(FormatSize(256ull << 20), "256 MiB");
 }
 
+TEST(CommandLine, VersionAndUnknownSubcommand) {
+  for (const char* flag : {"--version", "-V"}) {
+    auto r = RunTool({flag});
+    EXPECT_EQ(r.exitCode, 0) << flag;
+    EXPECT_EQ(r.out, std::string("jxcache 0.1.0\nlibrary ") + JX_GetLibraryVersionString() + "\n");
+  }
+  auto bogus = RunTool({"bogus", "--json"});
+  EXPECT_EQ(bogus.exitCode, 2);
+  EXPECT_EQ(bogus.err,
+            "jxcache: unknown subcommand 'bogus' (subcommands: simulate, inspect, replay, stats, "
+            "clear; see jxcache --help)\n");
+  auto none = RunTool({});
+  EXPECT_NE(none.err.find("a subcommand is required (simulate, inspect"), std::string::npos)
+      << none.err;
+}
+
+TEST(CommandLine, HelpSaysWhereTheDiskCacheFilesGo) {
+  for (const char* sub : {"simulate", "stats", "clear"}) {
+    auto help = RunTool({sub, "--help"});
+    std::string flat;  // help text is wrapped: compare with the line breaks and indents out
+    for (char c : help.out) {
+      if (c == '\n') c = ' ';
+      if (c != ' ' || flat.empty() || flat.back() != ' ') flat += c;
+    }
+    EXPECT_NE(flat.find("DIR/Orvane/Plexmotion/Disk Cache - <host name>.noindex/"),
+              std::string::npos)
+        << sub << ": " << help.out;
+  }
+}
+
+TEST(Progress, RateAndTimeLeft) {
+  EXPECT_EQ(FormatProgress("", 1200, 4800, "frames", 1200 / 310.0),
+            "1200/4800 frames  310 frames/s  ETA 12s");
+  EXPECT_EQ(FormatProgress("reading trace", 312u << 20, 1u << 30, "", 4.0),
+            "reading trace  312 MiB/1.00 GiB  78.00 MiB/s  ETA 9s");
+  EXPECT_EQ(FormatProgress("LRU", 3000000, 0, "requests", 2.0),
+            "LRU  3000000 requests  1.50M requests/s");
+  EXPECT_EQ(FormatProgress("", 0, 100, "frames", 0.0, "pass 1/3"), "0/100 frames  pass 1/3");
+  EXPECT_EQ(FormatProgress("", 100, 100, "frames", 5.0), "100/100 frames  20.0 frames/s  ETA 0s");
+  EXPECT_EQ(FormatDuration(0), "0s");
+  EXPECT_EQ(FormatDuration(59.6), "1m00s");
+  EXPECT_EQ(FormatDuration(185), "3m05s");
+  EXPECT_EQ(FormatDuration(7620), "2h07m");
+  EXPECT_EQ(FormatDuration(-1), "?");
+  EXPECT_EQ(FormatDuration(std::nan("")), "?");
+}
+
+// Progress goes to stderr only when asked for (the tests' stderr is not a terminal), and then
+// ends with a line for each piece of work.
+TEST(Progress, OnlyWhenAskedAndWithRates) {
+  TempDir dir;
+  {
+    std::ofstream f(dir.File("t.csv"));
+    for (int i = 0; i < 3000; ++i) f << i % 70 << "," << 1000 << "\n";
+  }
+  auto quiet = RunTool({"replay", dir.File("t.csv"), "--cache-size", "20k"});
+  ASSERT_EQ(quiet.exitCode, 0) << quiet.err;
+  EXPECT_TRUE(quiet.err.empty()) << quiet.err;
+  auto shown = RunTool({"replay", dir.File("t.csv"), "--cache-size", "20k", "--progress"});
+  ASSERT_EQ(shown.exitCode, 0) << shown.err;
+  for (const char* want : {"reading trace  ", "/s  ETA 0s", "LRU 20.00 KiB  3000/3000 requests",
+                           "optimal  3000/3000 requests"}) {
+    EXPECT_NE(shown.err.find(want), std::string::npos) << want << "\n" << shown.err;
+  }
+  EXPECT_EQ(shown.err.find('\r'), std::string::npos) << "a log gets lines, not redraws";
+  auto sim = RunTool({"simulate", "--frames", "4", "--width", "16", "--height", "16", "--passes",
+                      "1", "--no-disk", "--progress"});
+  ASSERT_EQ(sim.exitCode, 0) << sim.err;
+  EXPECT_NE(sim.err.find("4/4 frames"), std::string::npos) << sim.err;
+}
+
 TEST(CommandLine, HelpAndBadArgumentsExitCodes) {
-  for (const char* sub : {"simulate", "inspect", "replay"}) {
+  for (const char* sub : {"simulate", "inspect", "replay", "stats", "clear"}) {
     auto r = RunTool({sub, "--help"});
     EXPECT_EQ(r.exitCode, 0) << sub;
     EXPECT_NE(r.out.find("Usage"), std::string::npos) << sub;
@@ -43,7 +132,7 @@ TEST(CommandLine, HelpAndBadArgumentsExitCodes) {
   const std::vector<std::vector<std::string>> bad = {
       {},                                      // no subcommand
       {"frobnicate"},                          // unknown subcommand
-      {"simulate", "--memory", "12MB"},        // unknown unit
+      {"simulate", "--memory", "12XB"},        // unknown unit
       {"simulate", "--memory", "lots"},        // not a number
       {"simulate", "--frames", "0"},           // out of range
       {"simulate", "--threads", "two"},        // not an integer

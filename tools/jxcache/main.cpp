@@ -1,13 +1,18 @@
 // jxcache: the command-line face of the cache library. `simulate` drives a compositing session
-// through the library, `inspect` describes a disk cache folder, `replay` sizes the cache on an
-// access trace. Exit codes: 0 success, 1 the run failed, 2 bad arguments.
+// through the library, `inspect` describes a disk cache folder, `stats` and `clear` count and
+// empty one, `replay` sizes the cache on an access trace. Exit codes: 0 success, 1 the run
+// failed, 2 bad arguments.
 #include <CLI/CLI.hpp>
 
 #include <iostream>
+#include <string_view>
 
+#include "jxcache/common/version.h"
+#include "tools/jxcache/cache_folder.h"
 #include "tools/jxcache/inspect.h"
 #include "tools/jxcache/replay.h"
 #include "tools/jxcache/simulate.h"
+#include "tools/jxcache/size_arg.h"
 #include "tools/jxcache/tool_error.h"
 
 namespace {
@@ -17,6 +22,34 @@ std::string OneLine(std::string text) {
   const size_t nl = text.find('\n');
   if (nl != std::string::npos) text.resize(nl);
   return text;
+}
+
+std::vector<const CLI::App*> Subcommands(const CLI::App& app) {
+  return app.get_subcommands([](const CLI::App*) { return true; });
+}
+
+std::string SubcommandList(const CLI::App& app) {
+  std::string names;
+  for (const CLI::App* sub : Subcommands(app)) {
+    if (!names.empty()) names += ", ";
+    names += sub->get_name();
+  }
+  return names;
+}
+
+// The first argument that is not an option names the subcommand: the tool itself takes no
+// positional arguments. CLI11 would report an unknown one as a missing subcommand, which sends
+// the user looking in the wrong place.
+std::string UnknownSubcommand(const CLI::App& app, int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view arg = argv[i];
+    if (arg.starts_with("-")) continue;
+    for (const CLI::App* sub : Subcommands(app)) {
+      if (sub->check_name(std::string(arg))) return "";
+    }
+    return std::string(arg);
+  }
+  return "";
 }
 
 }  // namespace
@@ -30,7 +63,19 @@ int main(int argc, char** argv) {
   AddSimulateCommand(app, &exitCode);
   AddInspectCommand(app, &exitCode);
   AddReplayCommand(app, &exitCode);
+  AddStatsCommand(app, &exitCode);
+  AddClearCommand(app, &exitCode);
+  app.footer(std::string(kSizeHelp) +
+             "\nExit codes: 0 success, 1 the run failed, 2 bad arguments. Each subcommand takes "
+             "--help.");
+  app.set_version_flag("-V,--version", std::string("jxcache ") + JXCACHE_TOOL_VERSION +
+                                           "\nlibrary " + JX_GetLibraryVersionString());
   try {
+    const std::string unknown = UnknownSubcommand(app, argc, argv);
+    if (!unknown.empty()) {
+      throw UsageError("unknown subcommand '" + unknown + "' (subcommands: " + SubcommandList(app) +
+                       "; see jxcache --help)");
+    }
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
     return app.exit(e);
@@ -38,6 +83,14 @@ int main(int argc, char** argv) {
     return app.exit(e);
   } catch (const CLI::CallForVersion& e) {
     return app.exit(e);
+  } catch (const CLI::RequiredError& e) {
+    if (app.get_subcommands().empty()) {
+      std::cerr << "jxcache: a subcommand is required (" << SubcommandList(app)
+                << "; see jxcache --help)\n";
+    } else {
+      std::cerr << "jxcache: " << OneLine(e.what()) << " (see jxcache --help)\n";
+    }
+    return kExitUsage;
   } catch (const CLI::ParseError& e) {
     std::cerr << "jxcache: " << OneLine(e.what()) << " (see jxcache --help)\n";
     return kExitUsage;

@@ -6,14 +6,18 @@
 #include <algorithm>
 #include <cstring>
 #include <iostream>
+#include <optional>
 
 #include "jxcache/host/high_precision_time.h"
 #include "jxcache/items/stuff.h"
 #include "standalone/standalone_host.h"
+#include "tools/jxcache/belady.h"
 #include "tools/jxcache/library_run.h"
+#include "tools/jxcache/progress.h"
 #include "tools/jxcache/size_arg.h"
 #include "tools/jxcache/table.h"
 #include "tools/jxcache/tool_error.h"
+#include "tools/jxcache/trace_spool.h"
 
 namespace cf = jx::checkout_flags;
 using zelcore::utility::Guid;
@@ -63,7 +67,8 @@ void PurgeIfOver(JX_Bag& bag, uint64_t cacheSize, ReplayResult* r) {
 
 }  // namespace
 
-ReplayResult ReplayOnce(const std::vector<TraceRequest>& trace, uint64_t cacheSize) {
+ReplayResult ReplayOnce(RequestSource& trace, uint64_t cacheSize,
+                        const std::function<void(uint64_t)>& progress) {
   StandaloneHost::Instance().SetMemoryLimit(cacheSize);
   LibraryRun run(false, 1);
   JX_Bag& bag = run.bag();
@@ -74,7 +79,9 @@ ReplayResult ReplayOnce(const std::vector<TraceRequest>& trace, uint64_t cacheSi
   IntrusivePtr<JX_Stuff> request = JX_Stuff::CreateNew(requestKey, 0.0);
   const int flags = cf::kReadOnly | cf::kCreatePending;
   zelcore::utility::Timer timer;
-  for (const TraceRequest& t : trace) {
+  TraceRequest t;
+  while (trace.Next(&t)) {
+    if (progress && r.requests % (1u << 14) == 0) progress(r.requests);
     ++r.requests;
     r.bytesRequested += t.size;
     request->SetGuid(GuidForObject(t.id));
@@ -100,6 +107,7 @@ ReplayResult ReplayOnce(const std::vector<TraceRequest>& trace, uint64_t cacheSi
     PurgeIfOver(bag, cacheSize, &r);
   }
   r.seconds = timer.GetElapsedSeconds();
+  if (progress) progress(r.requests);
   return r;
 }
 
@@ -110,13 +118,22 @@ struct ReplayOptions {
   std::string cacheSizes;
   std::string format;
   bool json = false;
+  bool progress = false;
+  bool noOptimal = false;
 };
 
-TraceFormat ChooseFormat(const ReplayOptions& o) {
-  if (!o.format.empty()) return ParseTraceFormat(o.format);
-  const bool csvName = o.trace.size() >= 4 && o.trace.compare(o.trace.size() - 4, 4, ".csv") == 0;
-  return csvName ? TraceFormat::kCsv : TraceFormat::kOracleGeneral;
-}
+// One cache size: LRU through the library, and the optimal policy when it ran.
+struct SizeResult {
+  ReplayResult lru;
+  std::optional<OptimalResult> optimal;
+};
+
+struct TraceFacts {
+  TraceFormat format;
+  bool compressed = false;
+  uint64_t requests = 0;
+  uint64_t distinctObjects = 0;  // known only when the optimal policy ran
+};
 
 double Ratio(uint64_t part, uint64_t whole) {
   return whole ? static_cast<double>(part) / static_cast<double>(whole) : 0.0;
@@ -124,53 +141,117 @@ double Ratio(uint64_t part, uint64_t whole) {
 
 double Rate(const ReplayResult& r) { return r.seconds > 0 ? r.requests / r.seconds : 0.0; }
 
-void PrintText(const ReplayOptions& o, const std::vector<ReplayResult>& results) {
-  std::cout << "replay of " << o.trace << " (" << results.front().requests << " requests)\n\n";
+double LruHitRatio(const ReplayResult& r) { return 1.0 - Ratio(r.misses, r.requests); }
+double OptimalHitRatio(const OptimalResult& r) { return 1.0 - Ratio(r.misses, r.requests); }
+
+void PrintText(const ReplayOptions& o, const TraceFacts& facts,
+               const std::vector<SizeResult>& results) {
+  std::cout << "replay of " << o.trace << " (" << facts.requests << " requests";
+  if (facts.distinctObjects) std::cout << ", " << facts.distinctObjects << " objects";
+  std::cout << ")\n\n";
   TextTable table({"cache size", "requests", "misses", "miss ratio", "byte miss ratio", "too large",
                    "requests/s"});
-  for (const ReplayResult& r : results) {
+  for (const SizeResult& s : results) {
+    const ReplayResult& r = s.lru;
     table.AddRow({FormatSize(r.cacheSize), std::to_string(r.requests), std::to_string(r.misses),
                   Fixed(Ratio(r.misses, r.requests), 4),
                   Fixed(Ratio(r.bytesMissed, r.bytesRequested), 4), std::to_string(r.tooLarge),
                   Fixed(Rate(r), 0)});
   }
   table.Print(std::cout);
+  if (results.front().optimal) {
+    std::cout << "\nLRU against the optimal policy (furthest next use evicted first):\n\n";
+    TextTable gap({"cache size", "LRU hit ratio", "optimal hit ratio", "gap", "LRU misses",
+                   "optimal misses", "LRU byte hit ratio", "optimal byte hit ratio"});
+    for (const SizeResult& s : results) {
+      const ReplayResult& r = s.lru;
+      const OptimalResult& b = *s.optimal;
+      gap.AddRow({FormatSize(r.cacheSize), Fixed(LruHitRatio(r), 4), Fixed(OptimalHitRatio(b), 4),
+                  Fixed(OptimalHitRatio(b) - LruHitRatio(r), 4), std::to_string(r.misses),
+                  std::to_string(b.misses), Fixed(1.0 - Ratio(r.bytesMissed, r.bytesRequested), 4),
+                  Fixed(1.0 - Ratio(b.bytesMissed, b.bytesRequested), 4)});
+    }
+    gap.Print(std::cout);
+  }
 }
 
-void PrintJson(const ReplayOptions& o, TraceFormat format,
-               const std::vector<ReplayResult>& results) {
+void PrintJson(const ReplayOptions& o, const TraceFacts& facts,
+               const std::vector<SizeResult>& results) {
   nlohmann::ordered_json out;
   out["trace"] = o.trace;
-  out["format"] = format == TraceFormat::kCsv ? "csv" : "oracle-general";
+  out["format"] = facts.format == TraceFormat::kCsv ? "csv" : "oracle-general";
+  out["compressed"] = facts.compressed;
+  out["requests"] = facts.requests;
+  if (facts.distinctObjects) out["distinct_objects"] = facts.distinctObjects;
   out["runs"] = nlohmann::json::array();
-  for (const ReplayResult& r : results) {
-    out["runs"].push_back({{"cache_size", r.cacheSize},
-                           {"requests", r.requests},
-                           {"misses", r.misses},
-                           {"miss_ratio", Ratio(r.misses, r.requests)},
-                           {"bytes_requested", r.bytesRequested},
-                           {"bytes_missed", r.bytesMissed},
-                           {"byte_miss_ratio", Ratio(r.bytesMissed, r.bytesRequested)},
-                           {"too_large", r.tooLarge},
-                           {"purges", r.purges},
-                           {"peak_bytes", r.peakBytes},
-                           {"seconds", r.seconds},
-                           {"requests_per_second", Rate(r)}});
+  for (const SizeResult& s : results) {
+    const ReplayResult& r = s.lru;
+    nlohmann::ordered_json run = {{"cache_size", r.cacheSize},
+                                  {"requests", r.requests},
+                                  {"misses", r.misses},
+                                  {"miss_ratio", Ratio(r.misses, r.requests)},
+                                  {"hit_ratio", LruHitRatio(r)},
+                                  {"bytes_requested", r.bytesRequested},
+                                  {"bytes_missed", r.bytesMissed},
+                                  {"byte_miss_ratio", Ratio(r.bytesMissed, r.bytesRequested)},
+                                  {"too_large", r.tooLarge},
+                                  {"purges", r.purges},
+                                  {"peak_bytes", r.peakBytes},
+                                  {"seconds", r.seconds},
+                                  {"requests_per_second", Rate(r)}};
+    if (s.optimal) {
+      const OptimalResult& b = *s.optimal;
+      run["optimal"] = {{"misses", b.misses},
+                        {"miss_ratio", Ratio(b.misses, b.requests)},
+                        {"hit_ratio", OptimalHitRatio(b)},
+                        {"bytes_missed", b.bytesMissed},
+                        {"byte_miss_ratio", Ratio(b.bytesMissed, b.bytesRequested)},
+                        {"too_large", b.tooLarge},
+                        {"peak_objects", b.peakObjects}};
+      run["hit_ratio_gap"] = OptimalHitRatio(b) - LruHitRatio(r);
+    }
+    out["runs"].push_back(std::move(run));
   }
   std::cout << out.dump(2) << '\n';
 }
 
 int RunReplay(const ReplayOptions& o) {
   const std::vector<uint64_t> sizes = ParseSizeList(o.cacheSizes, "--cache-size");
-  const TraceFormat format = ChooseFormat(o);
-  const std::vector<TraceRequest> trace = ReadTrace(o.trace, format);
+  TraceFacts facts;
+  facts.format = o.format.empty() ? GuessTraceFormat(o.trace) : ParseTraceFormat(o.format);
+  ProgressMeter meter(ProgressMeter::ModeFor(o.progress), std::cerr);
+  const auto update = [&meter](uint64_t done) { meter.Update(done); };
+  std::unique_ptr<TraceSpool> spool;
+  {
+    TraceReader reader(o.trace, facts.format);
+    facts.compressed = reader.compressed();
+    meter.Start("reading trace", reader.fileSize(), "");
+    spool = TraceSpool::Make(reader, update);
+    meter.Finish();
+  }
+  facts.requests = spool->requests();
+  if (facts.requests == 0) throw ToolError("trace '" + o.trace + "' holds no requests");
   UsePureRecencyPurging();
-  std::vector<ReplayResult> results;
-  for (uint64_t size : sizes) results.push_back(ReplayOnce(trace, size));
+  std::vector<SizeResult> results;
+  for (uint64_t size : sizes) {
+    meter.Start("LRU " + FormatSize(size), facts.requests, "requests");
+    std::unique_ptr<RequestSource> requests = spool->Forward();
+    results.push_back({ReplayOnce(*requests, size, update), std::nullopt});
+    meter.Finish();
+  }
+  if (!o.noOptimal) {
+    meter.Start("next uses", facts.requests, "requests");
+    spool->FindNextUses(update);
+    meter.Start("optimal", facts.requests, "requests");
+    const std::vector<OptimalResult> optimal = ReplayOptimal(*spool, sizes, update);
+    meter.Finish();
+    for (size_t i = 0; i < sizes.size(); ++i) results[i].optimal = optimal[i];
+    facts.distinctObjects = spool->distinctObjects();
+  }
   if (o.json) {
-    PrintJson(o, format, results);
+    PrintJson(o, facts, results);
   } else {
-    PrintText(o, results);
+    PrintText(o, facts, results);
   }
   return kExitOk;
 }
@@ -180,15 +261,31 @@ int RunReplay(const ReplayOptions& o) {
 void AddReplayCommand(CLI::App& app, int* exitCode) {
   auto options = std::make_shared<ReplayOptions>();
   CLI::App* cmd = app.add_subcommand(
-      "replay", "Replay an access trace through the cache, once per cache size (LRU by bytes)");
-  cmd->add_option("trace", options->trace, "Trace file")->required();
+      "replay",
+      "Replay an access trace through the cache, once per cache size (LRU by bytes), and "
+      "through the offline optimal policy to show how far LRU is from it");
+  cmd->add_option("trace", options->trace,
+                  "Trace file, zstd-compressed or not (told by its first bytes)")
+      ->required();
   cmd->add_option("--cache-size", options->cacheSizes,
-                  "Cache sizes, comma-separated (bytes, or with KiB, MiB, GiB)")
+                  std::string("Cache sizes, comma-separated. ") + kSizeHelp)
       ->required();
   cmd->add_option("--format", options->format,
                   "oracle-general (24-byte binary records) or csv (id,size lines); default: csv "
-                  "for a .csv file, else oracle-general");
+                  "for a .csv or .csv.zst file, else oracle-general");
+  cmd->add_flag("--no-optimal", options->noOptimal, "Skip the optimal policy");
   cmd->add_flag("--json", options->json, "Print the results as JSON");
+  cmd->add_flag("--progress", options->progress,
+                "Show progress on stderr (done/total, rate, ETA) even when it is not a terminal");
+  cmd->footer(
+      "The trace is read once, streaming, into a copy of 12 bytes per request in the temporary "
+      "folder (TMPDIR, else /tmp) that each run reads back; memory does not grow with the "
+      "trace's length.\n"
+      "The optimal policy evicts the object whose next request is furthest away (Belady's MIN: "
+      "the optimum when objects have one size; with mixed sizes the usual heuristic, not a "
+      "bound). Finding next uses takes a table of 23 to 46 bytes per distinct object in the "
+      "trace and another temporary file of 8 bytes per request; the policy itself about 100 "
+      "bytes per object in its cache, for each cache size.");
   cmd->callback([options, exitCode] { *exitCode = RunReplay(*options); });
 }
 

@@ -6,9 +6,14 @@
 // cache size the host asks the bag to free the excess. Purging goes by recency alone with no
 // floor, so the cache behaves as a byte-sized LRU. An object larger than the cache is a miss that
 // is not kept; an object of size 0 is kept for good (it holds no memory to free).
+//
+// The trace is read once, as it streams, into a spool (trace_spool.h) that every run reads
+// back; unless told not to, the offline optimal policy (belady.h) runs on the same spool, so
+// that the table says how far LRU is from the best possible.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -33,7 +38,9 @@ struct ReplayResult {
 };
 
 // One run of `trace` against a cache of `cacheSize` bytes; the library is born and dies inside.
-ReplayResult ReplayOnce(const std::vector<TraceRequest>& trace, uint64_t cacheSize);
+// `progress`, when set, gets the requests done now and then.
+ReplayResult ReplayOnce(RequestSource& trace, uint64_t cacheSize,
+                        const std::function<void(uint64_t)>& progress = {});
 
 // Adds the subcommand to `app`; the returned callback runs it and gives the exit code.
 void AddReplayCommand(CLI::App& app, int* exitCode);

@@ -1,9 +1,17 @@
 // Replay against a brute-force LRU by bytes: the library, purging by recency alone with no floor,
-// must miss exactly where the textbook cache misses.
+// must miss exactly where the textbook cache misses. The optimal policy against a plain scan of
+// the future, and against an exhaustive search where it is the optimum; compressed traces; and
+// memory that does not grow with the trace.
 #include <gtest/gtest.h>
+#include <zstd.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <fstream>
+#include <functional>
+#include <iostream>
 #include <list>
+#include <map>
 #include <random>
 #include <unordered_map>
 #include <unordered_set>
@@ -81,18 +89,19 @@ std::vector<Request> MakeTrace(size_t n, uint32_t seed) {
   return trace;
 }
 
+void PutOracle(std::ostream& f, uint32_t t, const Request& q) {
+  unsigned char rec[24] = {};
+  for (int b = 0; b < 4; ++b) rec[b] = static_cast<unsigned char>(t >> (8 * b));
+  for (int b = 0; b < 8; ++b) rec[4 + b] = static_cast<unsigned char>(q.id >> (8 * b));
+  for (int b = 0; b < 4; ++b) rec[12 + b] = static_cast<unsigned char>(q.size >> (8 * b));
+  for (int b = 0; b < 8; ++b) rec[16 + b] = 0xFF;
+  f.write(reinterpret_cast<const char*>(rec), 24);
+}
+
 void WriteOracle(const std::string& path, const std::vector<Request>& trace) {
   std::ofstream f(path, std::ios::binary);
   uint32_t t = 0;
-  for (const Request& q : trace) {
-    unsigned char rec[24] = {};
-    for (int b = 0; b < 4; ++b) rec[b] = static_cast<unsigned char>(t >> (8 * b));
-    for (int b = 0; b < 8; ++b) rec[4 + b] = static_cast<unsigned char>(q.id >> (8 * b));
-    for (int b = 0; b < 4; ++b) rec[12 + b] = static_cast<unsigned char>(q.size >> (8 * b));
-    for (int b = 0; b < 8; ++b) rec[16 + b] = 0xFF;
-    f.write(reinterpret_cast<const char*>(rec), 24);
-    ++t;
-  }
+  for (const Request& q : trace) PutOracle(f, t++, q);
 }
 
 // Replay is a byte-sized LRU whatever the settings say: a settings file that puts the purge
@@ -146,6 +155,253 @@ TEST(Replay, CsvWithHeaderMatchesTheBinaryTrace) {
   ASSERT_EQ(text.exitCode, 0);
   EXPECT_NE(text.out.find("byte miss ratio"), std::string::npos);
   EXPECT_NE(text.out.find("2.00 MiB"), std::string::npos);
+}
+
+// The optimal policy done the slow and obvious way: every request scans the cache, and every
+// eviction scans the rest of the trace for each cached object's next request. Objects of size 0
+// take no room and stay; objects larger than the cache are misses never kept.
+struct Optimal {
+  uint64_t misses = 0, bytesMissed = 0;
+};
+Optimal BruteForceOptimal(const std::vector<Request>& trace, uint64_t capacity) {
+  std::vector<Request> cache;
+  uint64_t held = 0;
+  Optimal r;
+  auto nextUse = [&](uint64_t id, size_t after) {
+    for (size_t j = after + 1; j < trace.size(); ++j)
+      if (trace[j].id == id) return j;
+    return trace.size();  // never again: later than any request
+  };
+  for (size_t i = 0; i < trace.size(); ++i) {
+    const Request& q = trace[i];
+    bool cached = false;
+    for (const Request& c : cache) cached = cached || c.id == q.id;
+    if (cached) continue;
+    ++r.misses;
+    r.bytesMissed += q.size;
+    if (q.size > capacity) continue;
+    cache.push_back(q);
+    held += q.size;
+    while (held > capacity) {
+      size_t victim = 0, furthest = 0;
+      for (size_t k = 0; k < cache.size(); ++k) {
+        if (cache[k].size == 0) continue;
+        const size_t next = nextUse(cache[k].id, i);
+        if (next >= furthest) {
+          furthest = next;
+          victim = k;
+        }
+      }
+      held -= cache[victim].size;
+      cache.erase(cache.begin() + static_cast<ptrdiff_t>(victim));
+    }
+  }
+  return r;
+}
+
+// The best hit count any policy can reach with objects of one size and room for `slots` of
+// them: every choice tried (on a miss: do not keep the object, keep it in a free slot, or keep it
+// in place of any cached one), with memory of the states already solved.
+uint64_t ExhaustiveBestHits(const std::vector<Request>& trace, size_t slots) {
+  std::map<std::pair<size_t, std::vector<uint64_t>>, uint64_t> solved;
+  std::function<uint64_t(size_t, std::vector<uint64_t>)> best = [&](size_t i,
+                                                                    std::vector<uint64_t> cache) {
+    if (i == trace.size()) return uint64_t{0};
+    std::sort(cache.begin(), cache.end());
+    const auto key = std::make_pair(i, cache);
+    if (auto it = solved.find(key); it != solved.end()) return it->second;
+    const uint64_t id = trace[i].id;
+    uint64_t hits;
+    if (std::find(cache.begin(), cache.end(), id) != cache.end()) {
+      hits = 1 + best(i + 1, cache);
+    } else {
+      hits = best(i + 1, cache);  // not kept
+      if (cache.size() < slots) {
+        auto with = cache;
+        with.push_back(id);
+        hits = std::max(hits, best(i + 1, with));
+      }
+      for (size_t k = 0; k < cache.size(); ++k) {
+        auto swapped = cache;
+        swapped[k] = id;
+        hits = std::max(hits, best(i + 1, swapped));
+      }
+    }
+    solved[key] = hits;
+    return hits;
+  };
+  return best(0, {});
+}
+
+TEST(ReplayOptimal, MissesEqualABruteForceScanOfTheFuture) {
+  TempDir dir;
+  for (uint32_t seed = 1; seed <= 8; ++seed) {
+    std::mt19937 rng(seed);
+    std::vector<uint32_t> sizeOf(40);
+    for (auto& s : sizeOf) s = 1 + rng() % 300;
+    sizeOf[3] = 0;     // kept for good
+    sizeOf[5] = 5000;  // larger than every cache below
+    std::vector<Request> trace;
+    for (int i = 0; i < 600; ++i) {
+      const uint64_t id = rng() % 3 ? rng() % 12 : rng() % sizeOf.size();  // a hot dozen
+      trace.push_back({id * 7919, sizeOf[id]});  // ids far apart, as real ones are
+    }
+    const std::string path = dir.File("t" + std::to_string(seed) + ".bin");
+    WriteOracle(path, trace);
+    const std::vector<uint64_t> sizes = {300, 700, 1500, 4000};
+    auto r = RunTool({"replay", path, "--cache-size", "300,700,1500,4000", "--json"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const auto j = r.Json();
+    for (size_t k = 0; k < sizes.size(); ++k) {
+      const auto& run = j["runs"][k];
+      const Optimal want = BruteForceOptimal(trace, sizes[k]);
+      EXPECT_EQ(run["optimal"]["misses"].get<uint64_t>(), want.misses)
+          << "seed " << seed << ", cache " << sizes[k];
+      EXPECT_EQ(run["optimal"]["bytes_missed"].get<uint64_t>(), want.bytesMissed)
+          << "seed " << seed << ", cache " << sizes[k];
+      EXPECT_LE(run["optimal"]["misses"].get<uint64_t>(), run["misses"].get<uint64_t>())
+          << "LRU beat the optimal policy: seed " << seed << ", cache " << sizes[k];
+      EXPECT_NEAR(run["hit_ratio_gap"].get<double>(),
+                  run["optimal"]["hit_ratio"].get<double>() - run["hit_ratio"].get<double>(),
+                  1e-12);
+    }
+  }
+}
+
+TEST(ReplayOptimal, ObjectsOfOneSizeGetTheExhaustiveOptimum) {
+  TempDir dir;
+  for (uint32_t seed = 1; seed <= 6; ++seed) {
+    std::mt19937 rng(100 + seed);
+    std::vector<Request> trace;
+    for (int i = 0; i < 22; ++i) trace.push_back({rng() % 6, 1});
+    const std::string path = dir.File("u" + std::to_string(seed) + ".csv");
+    {
+      std::ofstream f(path);
+      for (const Request& q : trace) f << q.id << "," << q.size << "\n";
+    }
+    auto r = RunTool({"replay", path, "--cache-size", "2,3", "--json"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const auto j = r.Json();
+    for (size_t slots : {2u, 3u}) {
+      const auto& run = j["runs"][slots - 2];
+      EXPECT_EQ(trace.size() - run["optimal"]["misses"].get<uint64_t>(),
+                ExhaustiveBestHits(trace, slots))
+          << "seed " << seed << ", " << slots << " slots";
+    }
+  }
+}
+
+// With a checksum of the content, as the zstd program writes by default.
+std::string Compress(const std::string& bytes) {
+  std::string out(ZSTD_compressBound(bytes.size()), '\0');
+  ZSTD_CCtx* cctx = ZSTD_createCCtx();
+  ZSTD_CCtx_setParameter(cctx, ZSTD_c_checksumFlag, 1);
+  const size_t n = ZSTD_compress2(cctx, out.data(), out.size(), bytes.data(), bytes.size());
+  ZSTD_freeCCtx(cctx);
+  EXPECT_FALSE(ZSTD_isError(n));
+  out.resize(n);
+  return out;
+}
+
+std::string Slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// Long enough that lines and records straddle the reader's buffers, and in two zstd frames, as
+// a file that was appended to is.
+TEST(ReplayTrace, CompressedTracesReadAsThePlainOnesAndACutOneFails) {
+  TempDir dir;
+  const auto trace = MakeTrace(120000, 5);
+  WriteOracle(dir.File("t.bin"), trace);
+  {
+    std::ofstream f(dir.File("t.csv"));
+    for (const Request& q : trace) f << q.id << "," << q.size << "\n";
+  }
+  for (const char* name : {"t.bin", "t.csv"}) {
+    const std::string plain = Slurp(dir.File(name));
+    const size_t half = plain.size() / 2 / 24 * 24 + 5;  // mid-record, mid-line
+    std::ofstream(dir.File(std::string(name) + ".zst"), std::ios::binary)
+        << Compress(plain.substr(0, half)) << Compress(plain.substr(half));
+  }
+  const std::vector<std::string> args = {"--cache-size", "1MiB,4MiB", "--json", "--no-optimal"};
+  auto run = [&](const std::string& name) {
+    std::vector<std::string> a = {"replay", dir.File(name)};
+    a.insert(a.end(), args.begin(), args.end());
+    return RunTool(a);
+  };
+  const auto plain = run("t.bin");
+  ASSERT_EQ(plain.exitCode, 0) << plain.err;
+  EXPECT_FALSE(plain.Json()["compressed"].get<bool>());
+  EXPECT_EQ(plain.Json()["runs"][0]["misses"].get<uint64_t>(),
+            BruteForceLru(trace, 1u << 20).misses);
+  for (const char* name : {"t.csv", "t.bin.zst", "t.csv.zst"}) {
+    const auto r = run(name);
+    ASSERT_EQ(r.exitCode, 0) << name << ": " << r.err;
+    EXPECT_EQ(r.Json()["requests"], trace.size()) << name;
+    EXPECT_EQ(r.Json()["format"],
+              std::string(name).find("csv") != std::string::npos ? "csv" : "oracle-general");
+    for (size_t k = 0; k < 2; ++k)
+      EXPECT_EQ(r.Json()["runs"][k]["misses"], plain.Json()["runs"][k]["misses"]) << name;
+  }
+  EXPECT_TRUE(run("t.bin.zst").Json()["compressed"].get<bool>());
+
+  const std::string whole = Slurp(dir.File("t.bin.zst"));
+  std::ofstream(dir.File("cut.bin.zst"), std::ios::binary) << whole.substr(0, whole.size() - 100);
+  const auto cut = run("cut.bin.zst");
+  EXPECT_EQ(cut.exitCode, 1);
+  EXPECT_NE(cut.err.find("cut short"), std::string::npos) << cut.err;
+  EXPECT_TRUE(cut.out.empty()) << "a broken trace is reported before any run";
+  std::string damaged = whole;
+  for (size_t i = 100; i < 200; ++i) damaged[i] = static_cast<char>(damaged[i] ^ 0x5A);
+  std::ofstream(dir.File("bad.bin.zst"), std::ios::binary) << damaged;
+  const auto bad = run("bad.bin.zst");
+  EXPECT_EQ(bad.exitCode, 1);
+  EXPECT_NE(bad.err.find("cannot decompress it"), std::string::npos) << bad.err;
+}
+
+// A long trace over a fixed set of objects, written as it is made: the test process stays small,
+// which matters because the child's peak includes what it held as a copy of this process.
+void WriteLongTrace(const std::string& path, uint64_t requests, uint64_t objects, uint32_t seed) {
+  std::ofstream f(path, std::ios::binary);
+  std::mt19937_64 rng(seed);
+  for (uint64_t i = 0; i < requests; ++i) {
+    // Every object early on, so that both lengths know the same objects; then skewed.
+    const uint64_t id = i < objects ? i : (rng() % 4 ? rng() % (objects / 20) : rng() % objects);
+    PutOracle(f, static_cast<uint32_t>(i), {id, static_cast<uint32_t>(1000 + id % 50000)});
+  }
+}
+
+// Memory must not grow with the trace: four times the requests over the same objects may not
+// cost more than a little more memory. Holding the requests (16 bytes each) would cost 19 MiB
+// more here.
+TEST(ReplayTrace, MemoryDoesNotGrowWithTheTracesLength) {
+  TempDir dir;
+  constexpr uint64_t kShort = 400000, kObjects = 20000;
+  WriteLongTrace(dir.File("short.bin"), kShort, kObjects, 1);
+  WriteLongTrace(dir.File("long.bin"), 4 * kShort, kObjects, 1);
+  const auto shortRun = RunTool({"replay", dir.File("short.bin"), "--cache-size", "16MiB"});
+  const auto longRun = RunTool({"replay", dir.File("long.bin"), "--cache-size", "16MiB"});
+  ASSERT_EQ(shortRun.exitCode, 0) << shortRun.err;
+  ASSERT_EQ(longRun.exitCode, 0) << longRun.err;
+  EXPECT_LT(longRun.maxRssKiB - shortRun.maxRssKiB, 4 * 1024)
+      << "short " << shortRun.maxRssKiB << " KiB, long " << longRun.maxRssKiB << " KiB";
+  EXPECT_LT(longRun.maxRssKiB, 64 * 1024);
+}
+
+// The full-size check, run by the "stress" label (see CMakeLists.txt): a 1 GiB trace replayed
+// with the optimal policy stays under 64 MiB. About 45 million requests over 200,000 objects.
+TEST(ReplayStress, DISABLED_OneGibTraceStaysUnder64MiB) {
+  TempDir dir;
+  constexpr uint64_t kRequests = (1ull << 30) / 24;
+  WriteLongTrace(dir.File("big.bin"), kRequests, 200000, 7);
+  ASSERT_EQ(std::filesystem::file_size(dir.File("big.bin")), kRequests * 24);
+  const auto r = RunTool({"replay", dir.File("big.bin"), "--cache-size", "256MiB", "--json"});
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  std::cout << "replay of a 1 GiB trace: peak RSS " << r.maxRssKiB << " KiB\n" << r.out;
+  RecordProperty("max_rss_kib", std::to_string(r.maxRssKiB));
+  EXPECT_EQ(r.Json()["requests"], kRequests);
+  EXPECT_LT(r.maxRssKiB, 64 * 1024);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include "tools/jxcache/simulate.h"
 
-#include <unistd.h>
 #include <CLI/CLI.hpp>
 
 #include <cmath>
@@ -9,8 +8,10 @@
 #include <memory>
 #include <optional>
 
+#include "tools/jxcache/cache_folder.h"
 #include "tools/jxcache/frame_payload.h"
 #include "tools/jxcache/html_report.h"
+#include "tools/jxcache/progress.h"
 #include "tools/jxcache/run_info.h"
 #include "tools/jxcache/session.h"
 #include "tools/jxcache/session_disk.h"
@@ -28,6 +29,7 @@ struct SimulateArgs {
   std::string proclivity;
   std::string report;
   bool json = false;
+  bool progress = false;
 };
 
 void Check(bool ok, const std::string& why) {
@@ -58,27 +60,34 @@ SimulateOptions Validate(SimulateArgs& a) {
   return o;
 }
 
-// A single line on stderr, redrawn in place: only for a person watching a terminal.
-void ShowProgress(const SessionResult& r, uint32_t pass, uint64_t done) {
+// The frames of all passes together: a later pass is faster (it hits), so the ETA of the first
+// is pessimistic, never optimistic.
+void ShowProgress(ProgressMeter& meter, const SessionResult& r, uint32_t pass, uint64_t done) {
   const SimulateOptions& o = r.options;
   const Sample& s = r.samples.back();
-  std::string line = "pass " + std::to_string(pass + 1) + "/" + std::to_string(o.passes) + "  " +
-                     std::to_string(done) + "/" + std::to_string(o.frames) + " frames  memory " +
-                     FormatSize(s.memory) + " / " + FormatSize(o.memoryBudget);
-  if (r.disk.available) line += "  disk " + FormatSize(s.disk);
-  line.resize(std::max<size_t>(line.size(), 78), ' ');
-  std::cerr << '\r' << line << std::flush;
+  std::string extra = "pass " + std::to_string(pass + 1) + "/" + std::to_string(o.passes) +
+                      "  memory " + FormatSize(s.memory) + " / " + FormatSize(o.memoryBudget);
+  if (r.disk.available) extra += "  disk " + FormatSize(s.disk);
+  meter.Update(uint64_t{pass} * o.frames + done, extra);
 }
 
 int RunSimulate(SimulateArgs& args) {
   const SimulateOptions options = Validate(args);
   std::optional<ReportFile> report;
   if (!args.report.empty()) report.emplace(args.report);
-  const bool tty = ::isatty(STDERR_FILENO) == 1;
+  ProgressMeter meter(ProgressMeter::ModeFor(args.progress), std::cerr);
+  ProgressFn progress;
+  if (meter.on()) {
+    meter.Start("", uint64_t{options.frames} * options.passes, "frames");
+    progress = [&meter](const SessionResult& r, uint32_t pass, uint64_t done) {
+      ShowProgress(meter, r, pass, done);
+    };
+  }
   const RunInfo run = CollectRunInfo();  // the start time is the session's
-  SessionResult result = RunSession(options, tty ? ProgressFn(ShowProgress) : ProgressFn());
+  SessionResult result = RunSession(options, progress);
   result.run = run;
-  if (tty) std::cerr << '\r' << std::string(78, ' ') << '\r' << std::flush;
+  meter.Update(uint64_t{options.frames} * options.passes);  // the last line says all were done
+  meter.Finish();
   if (report) report->Commit(RenderHtmlReport(result));
   if (args.json) {
     // A folder name need not be UTF-8; JSON must be.
@@ -102,10 +111,12 @@ void AddSimulateCommand(CLI::App& app, int* exitCode) {
   cmd->add_option("--width", o.width, "Frame width in pixels")->capture_default_str();
   cmd->add_option("--height", o.height, "Frame height in pixels")->capture_default_str();
   cmd->add_option("--threads", o.threads, "Render threads")->capture_default_str();
-  cmd->add_option("--memory", args->memory, "Host memory budget for the cache")
+  cmd->add_option("--memory", args->memory,
+                  std::string("Host memory budget for the cache. ") + kSizeHelp)
       ->capture_default_str();
   cmd->add_option("--disk-cache", o.diskFolder,
-                  "Disk cache folder, reused across runs (default: " + DefaultDiskFolder() + ")");
+                  "Disk cache folder, reused across runs (default: " + DefaultDiskFolder() + "). " +
+                      DiskCacheLayoutHelp());
   cmd->add_option("--disk-limit", args->diskLimit, "Disk cache size limit")->capture_default_str();
   cmd->add_flag("--no-disk", o.noDisk, "Run without the disk cache");
   cmd->add_option("--disk-proclivity", args->proclivity,
@@ -119,6 +130,8 @@ void AddSimulateCommand(CLI::App& app, int* exitCode) {
       ->capture_default_str();
   cmd->add_option("--seed", o.seed, "Seed of the scrub passes")->capture_default_str();
   cmd->add_flag("--json", args->json, "Print the summary as JSON");
+  cmd->add_flag("--progress", args->progress,
+                "Show progress on stderr (frames, frames/s, ETA) even when it is not a terminal");
   cmd->add_option("--report", args->report, "Write an HTML report with charts to this file");
   cmd->callback([args, exitCode] { *exitCode = RunSimulate(*args); });
 }

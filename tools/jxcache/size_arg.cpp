@@ -12,7 +12,33 @@ struct Unit {
   const char* suffix;
   uint64_t factor;
 };
+// What FormatSize prints.
 constexpr Unit kUnits[] = {{"KiB", 1ull << 10}, {"MiB", 1ull << 20}, {"GiB", 1ull << 30}};
+
+constexpr const char* kUnitHint = "use k, M, G or T, optionally followed by B or iB";
+
+// The multiple of a unit letter, whatever its case. "B" alone (or nothing) is bytes. People write
+// "1GB" and mean what a file manager shows for "1 GiB" as often as not, so MB and MiB are the same
+// here: every unit is a power of 1024.
+uint64_t UnitFactor(std::string_view suffix) {
+  if (suffix.empty() || suffix == "B" || suffix == "b") return 1;
+  const char letter = static_cast<char>(suffix.front() | 0x20);  // ASCII lower case
+  std::string rest(suffix.substr(1));
+  for (char& c : rest) c = static_cast<char>(c | 0x20);
+  if (!(rest.empty() || rest == "b" || rest == "ib")) return 0;
+  switch (letter) {
+    case 'k':
+      return 1ull << 10;
+    case 'm':
+      return 1ull << 20;
+    case 'g':
+      return 1ull << 30;
+    case 't':
+      return 1ull << 40;
+    default:
+      return 0;
+  }
+}
 
 [[noreturn]] void Bad(std::string_view option, std::string_view text, const std::string& why) {
   throw UsageError(std::string(option) + ": '" + std::string(text) + "' is not a size: " + why);
@@ -23,7 +49,7 @@ bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 }  // namespace
 
 uint64_t ParseSize(std::string_view text, std::string_view option) {
-  if (text.empty()) Bad(option, text, "empty (give bytes, or a number with KiB, MiB or GiB)");
+  if (text.empty()) Bad(option, text, "empty (give bytes, or a number with k, M, G or T)");
   if (text.front() == '-') Bad(option, text, "sizes cannot be negative");
   size_t i = 0;
   while (i < text.size() && IsDigit(text[i])) ++i;
@@ -36,18 +62,9 @@ uint64_t ParseSize(std::string_view text, std::string_view option) {
   }
   if (intEnd == 0) Bad(option, text, "it does not start with a number");
   const std::string_view suffix = text.substr(i);
-  uint64_t factor = 1;
-  if (!suffix.empty()) {
-    bool known = false;
-    for (const Unit& u : kUnits) {
-      if (suffix == u.suffix) {
-        factor = u.factor;
-        known = true;
-      }
-    }
-    if (!known)
-      Bad(option, text, "unknown unit '" + std::string(suffix) + "' (use KiB, MiB or GiB)");
-  }
+  const uint64_t factor = UnitFactor(suffix);
+  if (factor == 0)
+    Bad(option, text, "unknown unit '" + std::string(suffix) + "' (" + kUnitHint + ")");
   const bool hasFraction = fracEnd > intEnd;
   if (hasFraction && factor == 1) Bad(option, text, "a number of bytes must be whole");
   if (hasFraction && fracEnd == intEnd + 1) Bad(option, text, "nothing after the decimal point");

@@ -1,6 +1,7 @@
-// Byte sizes on the command line: a bare number is bytes; the suffixes KiB, MiB and GiB scale by
-// powers of 1024 and accept a decimal fraction ("1.5GiB"). Anything else is a UsageError that
-// names the option and says what was wrong, in one line.
+// Byte sizes on the command line: a bare number is bytes ("4096", or "4096B"); a unit letter k, M,
+// G or T, in either case and optionally followed by "B" or "iB", scales by a power of 1024 and
+// accepts a decimal fraction: "512k", "256M", "1GB", "1.5G" and "1GiB" all mean binary multiples.
+// Anything else is a UsageError that names the option and says what was wrong, in one line.
 #pragma once
 
 #include <cstdint>
@@ -17,5 +18,9 @@ uint64_t ParseSize(std::string_view text, std::string_view option);
 std::vector<uint64_t> ParseSizeList(std::string_view text, std::string_view option);
 // "256 MiB", "1.50 GiB", "812 B": the largest unit that keeps the number at least 1.
 std::string FormatSize(uint64_t bytes);
+// One sentence on what sizes accept, for --help texts.
+inline constexpr const char* kSizeHelp =
+    "Sizes are bytes, or a number with k, M, G or T (binary multiples: 1k = 1024, 1G = 1024^3; "
+    "KB/KiB, MB/MiB, GB/GiB all mean the same), e.g. 512k, 256M, 1.5G, 1GiB.";
 
 }  // namespace jx::tool

@@ -1,5 +1,6 @@
 #include "tools/jxcache/tool_test_support.h"
 
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -59,8 +60,10 @@ Started StartTool(const std::vector<std::string>& args, const std::vector<std::s
 
 RunResult WaitFor(const Started& s) {
   int status = 0;
-  waitpid(s.pid, &status, 0);
+  struct rusage usage {};
+  wait4(s.pid, &status, 0, &usage);
   RunResult r;
+  r.maxRssKiB = usage.ru_maxrss;
   r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   r.out = Slurp(s.io->File("out"));
   r.err = Slurp(s.io->File("err"));

@@ -12,6 +12,10 @@ namespace jx::tool::testing {
 struct RunResult {
   int exitCode = -1;
   std::string out, err;
+  // The run's peak resident memory as the kernel counts it for the child, which includes what
+  // the child held as a copy of this process before it became jxcache: keep this process small
+  // when measuring.
+  long maxRssKiB = 0;
   nlohmann::json Json() const { return nlohmann::json::parse(out); }
 };
 
