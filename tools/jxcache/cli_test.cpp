@@ -56,7 +56,8 @@ TEST(CommandLine, VersionAndUnknownSubcommand) {
   for (const char* flag : {"--version", "-V"}) {
     auto r = RunTool({flag});
     EXPECT_EQ(r.exitCode, 0) << flag;
-    EXPECT_EQ(r.out, std::string("jxcache 0.1.0\nlibrary ") + JX_GetLibraryVersionString() + "\n");
+    EXPECT_EQ(r.out, std::string("jxcache " JXCACHE_VERSION_STRING "\nlibrary ") +
+                         JX_GetLibraryVersionString() + "\n");
   }
   auto bogus = RunTool({"bogus", "--json"});
   EXPECT_EQ(bogus.exitCode, 2);
