@@ -6,7 +6,7 @@ install(TARGETS jxcache EXPORT jxcacheTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # Headers only; test helpers stay in the source tree.
-foreach(dir host common lifecycle items bag disk compute mediamap)
+foreach(dir host common lifecycle items bag disk compute mediamap farm)
   install(DIRECTORY ${dir}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/jxcache/${dir}
     FILES_MATCHING PATTERN "*.h" PATTERN "*_test_support.h" EXCLUDE PATTERN "testing" EXCLUDE)
 endforeach()
@@ -35,9 +35,9 @@ string(REGEX REPLACE "/$" "" JX_PC_PREFIX_FROM_PCFILEDIR "${JX_PC_PREFIX_FROM_PC
 # A static archive needs the thread library at the program's link; a shared one brings its own.
 if(BUILD_SHARED_LIBS)
   set(JX_PC_LIBS "")
-  set(JX_PC_LIBS_PRIVATE "-lxxhash -lpthread")
+  set(JX_PC_LIBS_PRIVATE "-lxxhash -lhiredis -lpthread")
 else()
-  set(JX_PC_LIBS " -lxxhash -lpthread")
+  set(JX_PC_LIBS " -lxxhash -lhiredis -lpthread")
   set(JX_PC_LIBS_PRIVATE "")
 endif()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/jxcache.pc.in ${CMAKE_BINARY_DIR}/jxcache.pc @ONLY)

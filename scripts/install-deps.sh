@@ -3,7 +3,8 @@
 # Usage: scripts/install-deps.sh [--bench]   (--bench adds the peer libraries for `make bench`)
 set -euo pipefail
 pkgs=(cmake ninja-build g++ clang clang-14 libclang-rt-14-dev clang-format pkg-config
-      libboost-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev nlohmann-json3-dev libxxhash-dev)
+      libboost-dev libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev nlohmann-json3-dev libxxhash-dev
+      libhiredis-dev redis-server)
 if [[ "${1:-}" == "--bench" ]]; then
   pkgs+=(libtbb-dev libopenimageio-dev)
 fi
