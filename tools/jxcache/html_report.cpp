@@ -17,8 +17,8 @@ namespace jx::tool {
 namespace {
 
 constexpr double kChartW = 760, kChartH = 220, kLeft = 70, kRight = 20, kTop = 30, kBottom = 36;
-constexpr const char* kOutcomeColour[] = {"#3c9d5d", "#3b7dd8", "#d9822b"};
-constexpr const char* kOutcomeName[] = {"memory hit", "disk hit", "rendered"};
+constexpr const char* kOutcomeColour[] = {"#3c9d5d", "#3b7dd8", "#d9822b", "#8e5bc4"};
+constexpr const char* kOutcomeName[] = {"memory hit", "disk hit", "rendered", "farm hit"};
 
 std::string Escape(const std::string& text) {
   std::string out;
@@ -124,7 +124,9 @@ std::string PassStrips(const SessionResult& r) {
     }
   }
   const double ly = height - 10;
-  for (int k = 0; k < 3; ++k) {
+  // The farm's colour only where a farm was used.
+  const int outcomeKinds = r.farm.used ? 4 : 3;
+  for (int k = 0; k < outcomeKinds; ++k) {
     const double lx = kLeft + k * 130;
     o << "<rect x=\"" << lx << "\" y=\"" << Num(ly - 10) << "\" width=\"12\" height=\"12\" fill=\""
       << kOutcomeColour[k] << "\"/>\n<text x=\"" << lx + 16 << "\" y=\"" << Num(ly)

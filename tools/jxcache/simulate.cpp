@@ -13,6 +13,7 @@
 #include "tools/jxcache/html_report.h"
 #include "tools/jxcache/session.h"
 #include "tools/jxcache/session_disk.h"
+#include "tools/jxcache/session_farm.h"
 #include "tools/jxcache/size_arg.h"
 #include "tools/jxcache/summary.h"
 #include "tools/jxcache/tool_error.h"
@@ -47,6 +48,7 @@ SimulateOptions Validate(SimulateArgs& a) {
   Check(a.proclivity.empty() || !o.noDisk, "--disk-proclivity: not with --no-disk");
   Check(o.diskMarginGiB >= -1 && o.diskMarginGiB <= (1 << 20),
         "--disk-margin: give whole GiB from 0 to 1048576");
+  ValidateFarmOptions(o);
   if (!a.proclivity.empty()) {
     char* end = nullptr;
     o.diskProclivity = std::strtod(a.proclivity.c_str(), &end);
@@ -115,6 +117,7 @@ void AddSimulateCommand(CLI::App& app, int* exitCode) {
   cmd->add_option("--passes", o.passes, "Playback passes: forward, forward, then scrubs")
       ->capture_default_str();
   cmd->add_option("--seed", o.seed, "Seed of the scrub passes")->capture_default_str();
+  AddFarmOptions(*cmd, o);
   cmd->add_flag("--json", args->json, "Print the summary as JSON");
   cmd->add_option("--report", args->report, "Write an HTML report with charts to this file");
   cmd->callback([args, exitCode] { *exitCode = RunSimulate(*args); });

@@ -1,5 +1,7 @@
 #include "tools/jxcache/summary.h"
 
+#include "tools/jxcache/session_farm.h"
+
 #include <string>
 #include <vector>
 
@@ -119,6 +121,7 @@ void PrintSummary(const SessionResult& r, std::ostream& out) {
                  Percent(HitRate(t.memoryHits, t.diskHits, t.requests)),
                  Fixed(PerSecond(t.requests, t.seconds), 1)});
   passes.Print(out);
+  PrintFarmSummary(r, out);
   out << '\n';
 
   TextTable overall({"overall", ""});
@@ -262,6 +265,7 @@ nlohmann::ordered_json SummaryJson(const SessionResult& r) {
     media["reason"] = r.mediaMap.why;
   }
   j["media_map"] = media;
+  j["farm"] = FarmJson(r);
   return j;
 }
 
