@@ -61,7 +61,10 @@ bool WorthWritingToFarm(uint64_t size, double computeSeconds, double farmReadSpe
                         double latencySeconds, double proclivityMultiplier, double freeFraction) {
   const ReadSpeedEstimate speed =
       AdjustReadSpeed(farmReadSpeed, proclivityMultiplier, false, 0.0, freeFraction);
-  return SpeedRuleWithLatencySaysWorth(size, computeSeconds, speed.adjusted, latencySeconds);
+  // The multiplier scales the whole fetch, round trip included: a host that prefers sharing
+  // says so for slow networks as well as narrow ones.
+  return SpeedRuleWithLatencySaysWorth(size, computeSeconds, speed.adjusted,
+                                       latencySeconds * proclivityMultiplier);
 }
 
 bool IsHighWritePriority(int32_t prioritySetting, bool callerFlag, JX_CachePriority priority) {

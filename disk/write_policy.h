@@ -42,8 +42,9 @@ bool SpeedRuleSaysWorth(uint64_t size, double computeSeconds, double readSpeed);
 bool SpeedRuleWithLatencySaysWorth(uint64_t size, double computeSeconds, double readSpeed,
                                    double latencySeconds);
 // Whether a value is worth putting in the farm tier: the same economics as a disk file, with the
-// farm's measured read speed and latency, the host's proclivity multiplier, and the farm writes
-// waiting (`freeFraction` of their queue, squared, as for the disk).
+// farm's measured read speed and latency, the farm writes waiting (`freeFraction` of their
+// queue, squared, as for the disk), and the host's proclivity multiplier, which here scales the
+// whole fetch time, latency included.
 bool WorthWritingToFarm(uint64_t size, double computeSeconds, double farmReadSpeed,
                         double latencySeconds, double proclivityMultiplier, double freeFraction);
 

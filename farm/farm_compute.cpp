@@ -241,10 +241,17 @@ void JX_ScFarmCompute::Publish() {
   }
   const uint32_t queued = counters.uploadsQueued.load(std::memory_order_relaxed);
   const double free = jx::disk::QueueFreeFraction(queued, 0, kUploadQueueCapacity);
-  if (!jx::disk::WorthWritingToFarm(
-          data->GetApproximateMemorySize(), computeSeconds, jx::farm::ReadSpeed().GetAverage(),
-          jx::farm::AverageLatencySeconds(), jx::disk::GetProclivityMultiplier(), free)) {
+  const uint64_t size = data->GetApproximateMemorySize();
+  const double speed = jx::farm::ReadSpeed().GetAverage();
+  const double latency = jx::farm::AverageLatencySeconds();
+  if (!jx::disk::WorthWritingToFarm(size, computeSeconds, speed, latency,
+                                    jx::disk::GetProclivityMultiplier(), free)) {
     counters.notWorthSharing.fetch_add(1, std::memory_order_relaxed);
+    ZC_TRACE("JX_Farm", 3,
+             "not sharing " << key_ << ": " << size << " bytes computed in " << computeSeconds
+                            << " s; the farm reads " << speed << " bytes/s after " << latency
+                            << " s (proclivity " << jx::disk::GetProclivityMultiplier()
+                            << ", writes queued " << queued << ")");
     GiveUpLease();
     return;
   }
