@@ -63,6 +63,12 @@ struct Upload {
   double computeSeconds = 0.0;
 
   void Run() {
+    // A server that just failed would refuse the write anyway: not worth a copy of the payload.
+    if (tier->Store().Pool().BackingOff()) {
+      jx::farm::GetCounters().errors.fetch_add(1, std::memory_order_relaxed);
+      jx::farm::GetCounters().connectionErrors.fetch_add(1, std::memory_order_relaxed);
+      return;
+    }
     try {
       zelcore::filesupport::VectorOByteStream out;
       data->Write(out);

@@ -132,6 +132,10 @@ void RedisPool::StartBackOff() {
       std::memory_order_relaxed);
 }
 
+bool RedisPool::BackingOff() const {
+  return NowNs() < backOffUntil_.load(std::memory_order_relaxed);
+}
+
 redisContext* RedisPool::Borrow(Fault* fault) {
   {
     std::lock_guard<std::mutex> lock(mutex_);

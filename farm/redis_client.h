@@ -72,6 +72,9 @@ class RedisPool {
   // Runs one command (binary-safe arguments). Never throws.
   Reply Command(const std::vector<std::string_view>& args);
   const Options& GetOptions() const { return options_; }
+  // Whether the pool fails fast now (a connect failed or a command timed out a moment ago): a
+  // caller about to prepare a large request can skip it.
+  bool BackingOff() const;
   // Connections opened so far (a test sees reconnects through it).
   uint64_t ConnectionsOpened() const { return opened_.load(std::memory_order_relaxed); }
 
