@@ -126,6 +126,20 @@ JX_ScFarmCompute::Outcome JX_ScFarmCompute::Fetch() {
   } catch (const std::exception&) {
     return kNotShared;  // an identity no cache file could carry
   }
+  try {
+    const Outcome outcome = LookUp();
+    filled_ = outcome == kFilledFromFarm;
+    return outcome;
+  } catch (...) {
+    // Out of memory, most likely: whatever it was, the host computes the item as on any miss.
+    jx::farm::GetCounters().errors.fetch_add(1, std::memory_order_relaxed);
+    jx::farm::GetCounters().misses.fetch_add(1, std::memory_order_relaxed);
+    ZC_TRACE("JX_Farm", 2, "farm lookup of " << key_ << " failed");
+    return kComputeHere;
+  }
+}
+
+JX_ScFarmCompute::Outcome JX_ScFarmCompute::LookUp() {
   auto& counters = jx::farm::GetCounters();
   const Step first = TryFetch();
   if (first == Step::kHit) return kFilledFromFarm;
@@ -237,7 +251,18 @@ bool JX_ScFarmCompute::Fill(jx::farm::FarmStore::Fetched& fetched) {
 }
 
 void JX_ScFarmCompute::Publish() {
-  if (!tier_ || key_.empty() || !item_) return;
+  // A value that came from the farm is never put back.
+  if (!tier_ || key_.empty() || !item_ || filled_) return;
+  try {
+    Offer();
+  } catch (...) {
+    jx::farm::GetCounters().errors.fetch_add(1, std::memory_order_relaxed);
+    ZC_TRACE("JX_Farm", 2, "offering " << key_ << " to the farm failed");
+    GiveUpLease();
+  }
+}
+
+void JX_ScFarmCompute::Offer() {
   const IntrusivePtr<JX_StuffData> data = item_->GetDataPtr();
   const double computeSeconds = item_->GetComputeTime();
   auto& counters = jx::farm::GetCounters();

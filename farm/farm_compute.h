@@ -63,6 +63,8 @@ class JX_EXPORT JX_ScFarmCompute {
 
  private:
   enum class Step { kHit, kMiss, kFault };
+  Outcome LookUp();
+  void Offer();
   Step TryFetch();
   bool Fill(jx::farm::FarmStore::Fetched& fetched);
   Outcome WaitForOtherNode();
@@ -76,4 +78,5 @@ class JX_EXPORT JX_ScFarmCompute {
   std::string token_;  // the lease this node holds; empty when none
   double fetchedSeconds_ = 0.0;
   bool fetched_ = false;
+  bool filled_ = false;
 };

@@ -1,5 +1,6 @@
 #include "farm/farm_store.h"
 
+#include <algorithm>
 #include <atomic>
 #include <stdexcept>
 
@@ -149,7 +150,9 @@ FarmStore::Fetched FarmStore::Get(const Identity& identity) {
 
 FarmStore::Fetched FarmStore::ReadParts(const std::string& key, const ValueHeader& header) {
   Fetched out;
-  out.payload.reserve(header.payloadLength);
+  // Reserved up to what the first part can hold: the manifest's length comes from the server,
+  // and only parts that really arrive (each of exactly its size) make the payload grow.
+  out.payload.reserve(std::min<uint64_t>(header.payloadLength, header.partBytes));
   for (uint32_t i = 0; i < header.parts; ++i) {
     Reply part = Run({"GET", PartKeyOf(key, header.partTag, i)});
     if (!part.Ok()) {

@@ -361,8 +361,11 @@ TEST_F(FarmTest, WaiterGetsTheOtherNodesValueAndWritesItLocallyOnly) {
   EXPECT_EQ(Count(counters.leaseTakeovers), 0u);
   // The host checks the hit in like a render: the local disk writer takes it; the farm does not.
   handle.Checkin(0, farm.FetchedComputeSeconds());
+  farm.Publish();  // a host that always publishes: a farm hit is not offered back
   ASSERT_TRUE(WaitFor([&] { return item->HasDiskCacheFile(); }));
+  EXPECT_TRUE(JX_WaitForFarmWrites(5000));
   EXPECT_EQ(Count(counters.writes), 1u);  // the other node's, none of ours
+  EXPECT_EQ(Count(counters.duplicateWrites), 0u);
 }
 
 TEST_F(FarmTest, LeaseOfADeadNodeIsTakenOverAfterItLapses) {
