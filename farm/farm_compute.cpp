@@ -191,12 +191,17 @@ JX_ScFarmCompute::Outcome JX_ScFarmCompute::WaitForOtherNode() {
     const auto taken = tier_->Store().TakeLease(key_, token, lease);
     if (taken == jx::farm::FarmStore::LeaseStatus::kFault) break;
     if (taken == jx::farm::FarmStore::LeaseStatus::kTaken) {
-      // The holder's lease lapsed, or it gave the lease up without sharing a value.
-      counters.leaseTakeovers.fetch_add(1, std::memory_order_relaxed);
-      ZC_TRACE("JX_Farm", 3, "took over the lease of " << key_);
       token_ = token;
       tier_->Renew(key_, token_);
-      return Computing();
+      const Outcome outcome = Computing();
+      // A lease free with no value behind it: the holder's lapsed (it died, or lost the
+      // server), or it gave the lease up without sharing. A value found after all was only a
+      // holder that let go between our two looks.
+      if (outcome == kComputeHere) {
+        counters.leaseTakeovers.fetch_add(1, std::memory_order_relaxed);
+        ZC_TRACE("JX_Farm", 3, "took over the lease of " << key_);
+      }
+      return outcome;
     }
   }
   if (NowNs() >= deadline) {
