@@ -5,6 +5,7 @@
 #include "farm/farm_counters.h"
 #include "farm/farm_tier.h"
 #include "farm/redis_client.h"
+#include "standalone/standalone_host.h"
 #include "tools/jxcache/tool_error.h"
 
 namespace jx::tool {
@@ -34,17 +35,23 @@ void AddFarmOptions(CLI::App& cmd, SimulateOptions& o) {
 }
 
 void ValidateFarmOptions(const SimulateOptions& o) {
-  if (o.farmAddress.empty()) {
+  // The settings table may name the server the options leave out. Settings are read once per
+  // process: the stand-in host must be in place before the first read, or its JX_SETTINGS are
+  // never seen.
+  jx::StandaloneHost::Instance();
+  const std::string address =
+      o.farmAddress.empty() ? JX_FarmConfigFromSettings().address : o.farmAddress;
+  if (address.empty()) {
     if (!o.farmNode.empty() || o.farmCommandTimeoutMs || o.farmLeaseMs || o.farmLeaseWaitMs ||
         o.farmTtlSeconds) {
       throw UsageError("--node and the --farm-* limits need --farm");
     }
     return;
   }
-  jx::farm::Address address;
+  jx::farm::Address parsed;
   std::string why;
-  if (!jx::farm::ParseAddress(o.farmAddress, &address, &why)) {
-    throw UsageError("--farm: " + why);
+  if (!jx::farm::ParseAddress(address, &parsed, &why)) {
+    throw UsageError((o.farmAddress.empty() ? "JX.Farm.Address: " : "--farm: ") + why);
   }
   if (o.farmNode.find_first_of(" \t\n") != std::string::npos) {
     throw UsageError("--node: a name without spaces");
