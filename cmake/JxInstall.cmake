@@ -31,9 +31,9 @@ string(REGEX REPLACE "/$" "" JX_PC_PREFIX_FROM_PCFILEDIR "${JX_PC_PREFIX_FROM_PC
 # A static archive needs the thread library at the program's link; a shared one brings its own.
 if(BUILD_SHARED_LIBS)
   set(JX_PC_LIBS "")
-  set(JX_PC_LIBS_PRIVATE "-lxxhash -lpthread")
+  set(JX_PC_LIBS_PRIVATE "-lxxhash -lhiredis -lpthread")
 else()
-  set(JX_PC_LIBS " -lxxhash -lpthread")
+  set(JX_PC_LIBS " -lxxhash -lhiredis -lpthread")
   set(JX_PC_LIBS_PRIVATE "")
 endif()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/jxcache.pc.in ${CMAKE_BINARY_DIR}/jxcache.pc @ONLY)

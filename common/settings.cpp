@@ -132,6 +132,41 @@ int32_t WriteDiskDelayMs() {
   return v;
 }
 
+const std::string& FarmAddress() {
+  static const std::string v = ReadEntry("JX.Farm.Address", "");
+  return v;
+}
+
+const std::string& FarmNode() {
+  static const std::string v = ReadEntry("JX.Farm.Node", "");
+  return v;
+}
+
+uint32_t FarmConnectTimeoutMs() {
+  static const uint32_t v = ReadUInt32("JX.Farm.ConnectTimeoutMs", 100);
+  return v;
+}
+
+uint32_t FarmCommandTimeoutMs() {
+  static const uint32_t v = ReadUInt32("JX.Farm.CommandTimeoutMs", 250);
+  return v;
+}
+
+uint32_t FarmLeaseMs() {
+  static const uint32_t v = ReadUInt32("JX.Farm.LeaseMs", 5000);
+  return v;
+}
+
+uint32_t FarmLeaseWaitMs() {
+  static const uint32_t v = ReadUInt32("JX.Farm.LeaseWaitMs", 10000);
+  return v;
+}
+
+uint32_t FarmTtlSeconds() {
+  static const uint32_t v = ReadUInt32("JX.Farm.TTLSeconds", 86400);
+  return v;
+}
+
 void SetMediaMapAllowed(bool allowed) { gMediaMapAllowed = allowed; }
 bool MediaMapAllowed() { return gMediaMapAllowed; }
 void SetUseMediaMap(bool use) { gUseMediaMap = use; }

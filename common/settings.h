@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "jxcache/common/jx_types.h"
 #include "jxcache/host/export.h"
@@ -50,6 +51,18 @@ uint32_t DebugSleepTimeSetStuffDataMs();
 // "KQ.JX.ReadDiskDelayInMsR" / "KQ.JX.WriteDiskDelayInMsR" (default 0).
 int32_t ReadDiskDelayMs();
 int32_t WriteDiskDelayMs();
+
+// The farm tier (farm/farm_tier.h): "JX.Farm.Address" (default empty: no farm tier),
+// "JX.Farm.Node" (default empty: a unique name), "JX.Farm.ConnectTimeoutMs" (100),
+// "JX.Farm.CommandTimeoutMs" (250), "JX.Farm.LeaseMs" (5000), "JX.Farm.LeaseWaitMs" (10000),
+// "JX.Farm.TTLSeconds" (86400).
+const std::string& FarmAddress();
+const std::string& FarmNode();
+uint32_t FarmConnectTimeoutMs();
+uint32_t FarmCommandTimeoutMs();
+uint32_t FarmLeaseMs();
+uint32_t FarmLeaseWaitMs();
+uint32_t FarmTtlSeconds();
 
 // Flags of the running library.
 void SetMediaMapAllowed(bool allowed);

@@ -48,6 +48,25 @@ bool SpeedRuleSaysWorth(uint64_t size, double computeSeconds, double readSpeed) 
   return bytes / readSeconds > computeRate;
 }
 
+bool SpeedRuleWithLatencySaysWorth(uint64_t size, double computeSeconds, double readSpeed,
+                                   double latencySeconds) {
+  if (!(readSpeed > 0.0) || size == 0) return false;
+  const double bytes = static_cast<double>(size);
+  const double fetchSeconds =
+      std::max(bytes / readSpeed + std::max(latencySeconds, 0.0), kMinReadSeconds);
+  return computeSeconds > fetchSeconds;
+}
+
+bool WorthWritingToFarm(uint64_t size, double computeSeconds, double farmReadSpeed,
+                        double latencySeconds, double proclivityMultiplier, double freeFraction) {
+  const ReadSpeedEstimate speed =
+      AdjustReadSpeed(farmReadSpeed, proclivityMultiplier, false, 0.0, freeFraction);
+  // The multiplier scales the whole fetch, round trip included: a host that prefers sharing
+  // says so for slow networks as well as narrow ones.
+  return SpeedRuleWithLatencySaysWorth(size, computeSeconds, speed.adjusted,
+                                       latencySeconds * proclivityMultiplier);
+}
+
 bool IsHighWritePriority(int32_t prioritySetting, bool callerFlag, JX_CachePriority priority) {
   switch (prioritySetting) {
     case 0:

@@ -35,6 +35,19 @@ double GetAdjustedAverageReadSpeed(bool lowPriority, bool adjustForQueue);
 // Whether reading `size` bytes at `readSpeed` beats computing them in `computeSeconds`.
 bool SpeedRuleSaysWorth(uint64_t size, double computeSeconds, double readSpeed);
 
+// The rule for a shared tier that answers after `latencySeconds` and then delivers `readSpeed`:
+// whether fetching `size` bytes beats computing them in `computeSeconds`. A small value costs
+// its round trip however fast the wire is, which the disk's rule, with its seek floor, has no
+// need to say.
+bool SpeedRuleWithLatencySaysWorth(uint64_t size, double computeSeconds, double readSpeed,
+                                   double latencySeconds);
+// Whether a value is worth putting in the farm tier: the same economics as a disk file, with the
+// farm's measured read speed and latency, the farm writes waiting (`freeFraction` of their
+// queue, squared, as for the disk), and the host's proclivity multiplier, which here scales the
+// whole fetch time, latency included.
+bool WorthWritingToFarm(uint64_t size, double computeSeconds, double farmReadSpeed,
+                        double latencySeconds, double proclivityMultiplier, double freeFraction);
+
 // Write priority. `prioritySetting`: 0 never high; 1 high for the caller's flag or cache
 // priority 2; 2 high exactly for the caller's flag.
 bool IsHighWritePriority(int32_t prioritySetting, bool callerFlag, JX_CachePriority priority);

@@ -124,6 +124,26 @@ TEST(WritePolicyTest, ReadSpeedAdjustments) {
   EXPECT_EQ(jx::disk::GetAdjustedAverageReadSpeed(false, true), 0.0);
 }
 
+TEST(WritePolicyTest, FarmRuleWeighsTheRoundTrip) {
+  using jx::disk::WorthWritingToFarm;
+  constexpr double kFast = 1e9;  // bytes/s
+  // A 4 MiB frame that took 30 ms: fetched in 4 ms plus the round trip.
+  const uint64_t frame = 4u << 20;
+  EXPECT_TRUE(WorthWritingToFarm(frame, 0.030, kFast, 0.001, 1.0, 1.0));
+  // A round trip as long as the compute makes fetching no better than computing.
+  EXPECT_FALSE(WorthWritingToFarm(frame, 0.030, kFast, 0.030, 1.0, 1.0));
+  // A small value costs its round trip whatever the wire: the disk's rule would share it.
+  EXPECT_FALSE(WorthWritingToFarm(1024, 0.0015, kFast, 0.002, 1.0, 1.0));
+  EXPECT_TRUE(jx::disk::SpeedRuleSaysWorth(1024, 0.0015, kFast));
+  // The host's proclivity scales the whole fetch, round trip included.
+  EXPECT_TRUE(WorthWritingToFarm(frame, 0.030, kFast, 0.030, 0.1, 1.0));
+  // A full queue of farm writes stops new ones; nothing measured or nothing to send is never
+  // worth it.
+  EXPECT_FALSE(WorthWritingToFarm(frame, 10.0, kFast, 0.001, 1.0, 0.0));
+  EXPECT_FALSE(WorthWritingToFarm(frame, 10.0, 0.0, 0.001, 1.0, 1.0));
+  EXPECT_FALSE(WorthWritingToFarm(0, 10.0, kFast, 0.001, 1.0, 1.0));
+}
+
 TEST(WritePolicyTest, QueueFreeFractionCountsHighPriorityDouble) {
   using jx::disk::QueueFreeFraction;
   EXPECT_EQ(QueueFreeFraction(0, 0, 1000), 1.0);

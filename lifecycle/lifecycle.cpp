@@ -8,6 +8,7 @@
 #include "common/settings.h"
 #include "compute/compute_suite.h"
 #include "disk/disk_writer.h"
+#include "farm/farm_tier.h"
 #include "host/media_manager.h"
 #include "host/y_api.h"
 #include "jxcache/bag/bag.h"
@@ -99,6 +100,9 @@ void JX_Death() {
 void JX_StopAllAsyncWork() {
   YLOG_Log(10, "JX", "JX_StopAllAsyncWork", "JX_StopAllAsyncWork");
   jx::disk::StopExecutors();
+  // After the executors: a farm write they cancelled or finished has given its lease up; the
+  // tier's renewal thread stops here, like the other background work.
+  JX_DetachFarmTier();
 }
 
 unsigned long long JX_GetMediaMapSize() {

@@ -6,6 +6,7 @@
 
 #include "compute/compute_core.h"
 #include "disk/disk_counters.h"
+#include "farm/farm_counters.h"
 #include "jxcache/bag/bag.h"
 #include "jxcache/bag/global_bag.h"
 #include "jxcache/disk/performance_counters.h"
@@ -94,6 +95,35 @@ void CollectComputeAndMediaMap(Collector& c) {
   c.Gauge("mirrored_items", static_cast<int64_t>(JX_MediaMapEntryCount()));
 }
 
+void CollectFarm(Collector& c) {
+  const jx::farm::Counters& f = jx::farm::GetCounters();
+  auto n = [](const std::atomic<uint64_t>& v) {
+    return static_cast<int64_t>(v.load(std::memory_order_relaxed));
+  };
+  c.Group("farm");
+  c.Counter("hits", n(f.hits));
+  c.Counter("misses", n(f.misses));
+  c.Counter("writes", n(f.writes));
+  c.Counter("duplicate_writes", n(f.duplicateWrites));
+  c.Counter("corrupt", n(f.corrupt));
+  c.Counter("missing_parts", n(f.missingParts));
+  c.Counter("lease_waits", n(f.leaseWaits));
+  c.Counter("lease_takeovers", n(f.leaseTakeovers));
+  c.Counter("lease_waits_given_up", n(f.leaseWaitsGivenUp));
+  c.Counter("leases_lost", n(f.leasesLost));
+  c.Counter("not_worth_sharing", n(f.notWorthSharing));
+  c.Counter("errors", n(f.errors));
+  c.Counter("timeouts", n(f.timeouts));
+  c.Counter("connection_errors", n(f.connectionErrors));
+  c.Counter("refused_commands", n(f.refusedCommands));
+  c.Counter("bytes_read", n(f.bytesRead), "bytes");
+  c.Counter("bytes_written", n(f.bytesWritten), "bytes");
+  c.Gauge("writes_queued", f.uploadsQueued.load(std::memory_order_relaxed));
+  c.Gauge("average_read_speed", static_cast<int64_t>(jx::farm::ReadSpeed().GetAverage()),
+          "bytes/s");
+  c.Gauge("average_latency", static_cast<int64_t>(jx::farm::AverageLatencySeconds() * 1e6), "us");
+}
+
 // JSON strings here are the library's own names: plain ASCII, nothing to escape.
 void AppendJsonKey(std::string& out, const std::string& key) {
   out += '"';
@@ -109,6 +139,7 @@ std::vector<JX_Statistic> JX_GetStatistics() {
   CollectMemory(c, p);
   CollectDisk(c, p);
   CollectComputeAndMediaMap(c);
+  CollectFarm(c);
   return c.Take();
 }
 
@@ -156,4 +187,5 @@ void JX_ResetStatistics() {
   JX_ResetPurgeCounters();
   jx::disk::ResetCounters();
   jx::compute::ResetCounters();
+  jx::farm::ResetCounters();
 }

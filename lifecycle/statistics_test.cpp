@@ -9,6 +9,7 @@
 #include <string>
 
 #include "disk/disk_test_support.h"
+#include "farm/farm_counters.h"
 #include "jxcache/items/sc_checkout.h"
 #include "standalone/standalone_host.h"
 
@@ -36,8 +37,13 @@ TEST_F(StatisticsTest, CountersFollowTheWorkAndAResetKeepsTheStates) {
   written->FreeUpAsMuchAsPossible(false, &queue);
   ASSERT_TRUE(written->EnsureInMemory());
   jx::PurgeOverBudget(*bag_, 1);
+  // The farm tier's work, as its lookups and writes count it (its own tests drive a server).
+  jx::farm::GetCounters().hits.fetch_add(3);
+  jx::farm::GetCounters().duplicateWrites.fetch_add(1);
 
   auto after = ByName();
+  EXPECT_EQ(after["farm.hits"].value, 3);
+  EXPECT_EQ(after["farm.duplicate_writes"].value, 1);
   EXPECT_EQ(after["disk.files_written"].value, 1);
   EXPECT_EQ(after["disk.files_read"].value, 1);
   EXPECT_GT(after["disk.bytes_written"].value, 0);

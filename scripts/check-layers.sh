@@ -6,7 +6,7 @@
 #   1 common/      failures and messages, settings, types and flags, version
 #   2 items/ bag/  payloads, items and check-out, the bag, directory and purge (each other too)
 #   3 disk/        cache files, write policy and writer, folder
-#   4 compute/ mediamap/   (never each other)
+#   4 compute/ mediamap/ farm/   (never each other)
 #   5 lifecycle/   start-up and shut-down
 # Everything else (tools, tests, stress, fuzz, bench, examples, the stand-in host) sits on top. A
 # lower layer reaches a higher one only through that layer's hook header, listed in HOOKS.
@@ -23,7 +23,7 @@ layer_of() {
     common/*) echo 1 ;;
     items/*|bag/*) echo 2 ;;
     disk/*) echo 3 ;;
-    compute/*|mediamap/*) echo 4 ;;
+    compute/*|mediamap/*|farm/*) echo 4 ;;
     lifecycle/*) echo 5 ;;
     *) echo 9 ;;
   esac
@@ -51,7 +51,7 @@ while IFS= read -r file; do
     elif awk -v a="$to" -v b="$from" 'BEGIN { exit !(a > b) }'; then
       bad="includes a higher layer"
     elif [[ "$from" == 4 && "$to" == 4 && "$(folder_of "$file")" != "$(folder_of "$inc")" ]]; then
-      bad="compute/ and mediamap/ never include each other"
+      bad="compute/, mediamap/ and farm/ never include each other"
     fi
     if [[ -n "$bad" ]]; then
       echo "$file: #include \"$inc\": $bad"

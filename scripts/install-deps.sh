@@ -8,8 +8,8 @@
 #   --ci          everything CI runs: tests, sanitizers, formatting, the farm tier's server
 set -euo pipefail
 demo=(cmake ninja-build g++ pkg-config libboost-dev libcli11-dev nlohmann-json3-dev libxxhash-dev
-      libzstd-dev)
-test=(libgtest-dev libgmock-dev)
+      libzstd-dev libhiredis-dev)
+test=(libgtest-dev libgmock-dev redis-server)
 sanitizers=(clang clang-14 libclang-rt-14-dev)
 bench=(libbenchmark-dev libtbb-dev libopenimageio-dev)
 ci=(clang-format)

@@ -20,8 +20,8 @@
 namespace jx::tool {
 namespace {
 
-constexpr const char* kOutcomeColour[] = {"#3c9d5d", "#3b7dd8", "#d9822b"};
-constexpr const char* kOutcomeName[] = {"memory hit", "disk hit", "rendered"};
+constexpr const char* kOutcomeColour[] = {"#3c9d5d", "#3b7dd8", "#d9822b", "#8e5bc4"};
+constexpr const char* kOutcomeName[] = {"memory hit", "disk hit", "rendered", "farm hit"};
 // A strip shows at most this many cells; longer passes give each cell a run of requests.
 constexpr size_t kMaxCells = 1200;
 
@@ -245,9 +245,9 @@ std::string PassStrips(const SessionResult& r) {
       << "text-anchor=\"end\">" << p + 1 << " " << XmlEscape(pass.kind) << "</text>\n";
     for (size_t i = 0, cell = 0; i < pass.outcomes.size(); i += perCell, ++cell) {
       const size_t end = std::min(pass.outcomes.size(), i + perCell);
-      size_t count[3] = {};
+      size_t count[4] = {};
       for (size_t k = i; k < end; ++k) ++count[static_cast<int>(pass.outcomes[k])];
-      const int most = static_cast<int>(std::max_element(count, count + 3) - count);
+      const int most = static_cast<int>(std::max_element(count, count + 4) - count);
       o << "<rect x=\"" << Fixed(kLeft + cell * cellW, 2) << "\" y=\"" << y << "\" width=\""
         << Fixed(std::max(0.5, cellW - (cellW > 3 ? 0.5 : 0)), 2) << "\" height=\"" << kRowH
         << "\" fill=\"" << kOutcomeColour[most] << "\"><title>";
@@ -256,12 +256,14 @@ std::string PassStrips(const SessionResult& r) {
       } else {
         o << "requests " << i + 1 << " to " << end << ": " << count[0] << " memory hits, "
           << count[1] << " disk hits, " << count[2] << " rendered";
+        if (count[3] > 0) o << ", " << count[3] << " farm hits";
       }
       o << "</title></rect>\n";
     }
   }
   double lx = kLeft;
-  for (int k = 0; k < 3; ++k) {
+  // The farm's colour only where a farm was used.
+  for (int k = 0; k < (r.farm.used ? 4 : 3); ++k) {
     o << "<rect x=\"" << lx << "\" y=\"" << Fixed(legendY - 10, 1)
       << "\" width=\"12\" height=\"12\" fill=\"" << kOutcomeColour[k] << "\"/>\n<text x=\""
       << lx + 16 << "\" y=\"" << Fixed(legendY, 1) << "\" class=\"legend\">" << kOutcomeName[k]

@@ -38,17 +38,23 @@ struct SimulateOptions {
   int64_t diskMarginGiB = -1;
   uint32_t passes = 3;
   uint64_t seed = 1;
+  // The farm tier (session_farm.h): empty address and 0 limits leave the settings table's.
+  std::string farmAddress;
+  std::string farmNode;
+  uint32_t farmCommandTimeoutMs = 0, farmLeaseMs = 0, farmLeaseWaitMs = 0, farmTtlSeconds = 0;
 };
 
 // How a request was served. A request that waited for another thread's render counts as a
 // memory hit: it rendered nothing and read nothing.
-enum class Outcome : uint8_t { kMemoryHit = 0, kDiskHit = 1, kRendered = 2 };
+// A farm hit is a frame another node rendered, fetched from the farm tier.
+enum class Outcome : uint8_t { kMemoryHit = 0, kDiskHit = 1, kRendered = 2, kFarmHit = 3 };
 
 struct PassResult {
   std::string kind;               // "forward" or "scrub"
   std::vector<uint32_t> frames;   // the requests, in order
   std::vector<Outcome> outcomes;  // per request
   uint64_t memoryHits = 0, diskHits = 0, renders = 0;
+  uint64_t farmHits = 0;
   uint64_t waitedForOtherRender = 0;  // memory hits that waited for another thread's render
   // Frames checked against the image, and those whose pixels did not match it. Every frame served
   // is checked, rendered or not; a bad one found in the cache is dropped from it, with its file,
@@ -72,6 +78,18 @@ struct Sample {
 struct Availability {
   bool available = false;
   std::string why;  // when not available
+};
+
+// What the farm tier did for this node (session_farm.h).
+struct FarmFigures {
+  bool used = false;
+  std::string address, node;
+  uint32_t connectTimeoutMs = 0, commandTimeoutMs = 0, leaseMs = 0, leaseWaitMs = 0;
+  uint32_t ttlSeconds = 0;
+  uint64_t hits = 0, misses = 0, writes = 0, duplicateWrites = 0, corrupt = 0, missingParts = 0;
+  uint64_t leaseWaits = 0, leaseTakeovers = 0, leaseWaitsGivenUp = 0, notWorthSharing = 0;
+  uint64_t errors = 0, timeouts = 0, bytesRead = 0, bytesWritten = 0;
+  bool writesLeftUnfinished = false;  // the run ended before its last farm writes did
 };
 
 struct SessionResult {
@@ -118,6 +136,7 @@ struct SessionResult {
   uint64_t renderTimesSeen = 0;  // renders timed, sampled or not
   // Filled by the caller: RunSession knows nothing of the command line.
   RunInfo run;
+  FarmFigures farm;
 };
 
 // The time series' spacing at the start, and the most samples, purge events and render times a

@@ -15,6 +15,7 @@
 #include "tools/jxcache/run_info.h"
 #include "tools/jxcache/session.h"
 #include "tools/jxcache/session_disk.h"
+#include "tools/jxcache/session_farm.h"
 #include "tools/jxcache/size_arg.h"
 #include "tools/jxcache/summary.h"
 #include "tools/jxcache/tool_error.h"
@@ -50,6 +51,7 @@ SimulateOptions Validate(SimulateArgs& a) {
   Check(a.proclivity.empty() || !o.noDisk, "--disk-proclivity: not with --no-disk");
   Check(o.diskMarginGiB >= -1 && o.diskMarginGiB <= (1 << 20),
         "--disk-margin: give whole GiB from 0 to 1048576");
+  ValidateFarmOptions(o);
   if (!a.proclivity.empty()) {
     char* end = nullptr;
     o.diskProclivity = std::strtod(a.proclivity.c_str(), &end);
@@ -129,6 +131,7 @@ void AddSimulateCommand(CLI::App& app, int* exitCode) {
   cmd->add_option("--passes", o.passes, "Playback passes: forward, forward, then scrubs")
       ->capture_default_str();
   cmd->add_option("--seed", o.seed, "Seed of the scrub passes")->capture_default_str();
+  AddFarmOptions(*cmd, o);
   cmd->add_flag("--json", args->json, "Print the summary as JSON");
   cmd->add_flag("--progress", args->progress,
                 "Show progress on stderr (frames, frames/s, ETA) even when it is not a terminal");

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <sstream>
+#include "tools/jxcache/session_farm.h"
+
 #include <string>
 #include <vector>
 
@@ -227,6 +229,7 @@ void PrintSummary(const SessionResult& r, std::ostream& out) {
       if (column > 0) text.AlignLeft(column);
     for (const auto& row : t->rows) text.AddRow(row);
     text.Print(out);
+    if (t == &tables.passes) PrintFarmSummary(r, out);
   }
 }
 
@@ -326,6 +329,7 @@ nlohmann::ordered_json SummaryJson(const SessionResult& r) {
   }
   j["media_map"] = media;
   AddRecording(r, j);
+  j["farm"] = FarmJson(r);
   return j;
 }
 

@@ -1,0 +1,265 @@
+#include "farm/farm_store.h"
+
+#include <algorithm>
+#include <atomic>
+#include <stdexcept>
+
+#include "disk/cache_file_name.h"
+#include "farm/farm_counters.h"
+#include "farm/farm_value.h"
+#include "host/trace.h"
+#include "jxcache/host/high_precision_time.h"
+
+using zelcore::utility::HighPrecisionTime;
+using zelcore::utility::Timer;
+
+namespace jx::farm {
+namespace {
+
+constexpr std::string_view kKeyPrefix = "jxfarm:";
+constexpr std::string_view kLeasePrefix = "lease:";
+
+// Both scripts act only for the token that holds the lease: a node whose lease lapsed and was
+// taken over must not cut short, or extend, the new holder's.
+constexpr std::string_view kReleaseScript =
+    "if redis.call('get', KEYS[1]) == ARGV[1] then return redis.call('del', KEYS[1]) end "
+    "return 0";
+constexpr std::string_view kRenewScript =
+    "if redis.call('get', KEYS[1]) == ARGV[1] then "
+    "return redis.call('pexpire', KEYS[1], ARGV[2]) end return 0";
+
+void CountFault(Fault fault) {
+  Counters& c = GetCounters();
+  c.errors.fetch_add(1, std::memory_order_relaxed);
+  switch (fault) {
+    case Fault::kTimeout:
+      c.timeouts.fetch_add(1, std::memory_order_relaxed);
+      break;
+    case Fault::kConnection:
+    case Fault::kBackOff:
+      c.connectionErrors.fetch_add(1, std::memory_order_relaxed);
+      break;
+    case Fault::kRefused:
+      c.refusedCommands.fetch_add(1, std::memory_order_relaxed);
+      break;
+    case Fault::kNone:
+      break;
+  }
+}
+
+bool IsOk(const Reply& r) { return r.kind == Reply::Kind::kStatus && r.text == "OK"; }
+
+// Compares what a value says it is with what was asked for.
+bool SameIdentity(const ValueHeader& h, const Identity& id) {
+  return h.guid == id.guid && h.matchName == id.matchName;
+}
+
+}  // namespace
+
+std::string KeyOf(const Identity& id) {
+  return std::string(kKeyPrefix) + jx::disk::MakeCacheFileName(id.guid, id.matchName, id.version,
+                                                               id.header.data(), id.header.size());
+}
+
+std::string LeaseKeyOf(const std::string& key) { return std::string(kLeasePrefix) + key; }
+
+std::string PartKeyOf(const std::string& key, const std::string& tag, uint32_t index) {
+  return key + ":part:" + tag + ":" + std::to_string(index);
+}
+
+std::string NewLeaseToken(const std::string& node) {
+  static const std::string process = zelcore::utility::Guid::CreateUnique().AsString();
+  static std::atomic<uint64_t> serial{0};
+  return node + "/" + process + "/" + std::to_string(serial.fetch_add(1) + 1);
+}
+
+FarmStore::FarmStore(RedisPool& pool, std::string node, Limits limits)
+    : pool_(pool), node_(std::move(node)), limits_(limits) {}
+
+Reply FarmStore::Run(const std::vector<std::string_view>& args) {
+  Reply r = pool_.Command(args);
+  if (!r.Ok()) CountFault(r.fault);
+  return r;
+}
+
+std::string FarmStore::TtlArg() const { return std::to_string(limits_.ttl.count()); }
+
+void FarmStore::DeleteValue(const std::string& key, const ValueHeader* header) {
+  // Parts first: a manifest left without parts is a miss anyway; parts left without their
+  // manifest are dead weight until their TTL.
+  if (header && header->manifest) {
+    for (uint32_t i = 0; i < header->parts; ++i) {
+      const std::string part = PartKeyOf(key, header->partTag, i);
+      if (!Run({"DEL", part}).Ok()) break;
+    }
+  }
+  Run({"DEL", key});
+}
+
+FarmStore::Fetched FarmStore::Get(const Identity& identity) {
+  const std::string key = KeyOf(identity);
+  Timer timer;
+  Reply r = Run({"GET", key});
+  Fetched out;
+  if (!r.Ok()) {
+    out.status = GetStatus::kFault;
+    return out;
+  }
+  if (r.kind != Reply::Kind::kString) {
+    AddLatencySample(timer.GetElapsedSeconds());
+    out.status = GetStatus::kMiss;
+    return out;
+  }
+  ValueHeader header;
+  size_t headerSize = 0;
+  const DecodeError error = DecodeHeader(r.text, &header, &headerSize);
+  if (error != DecodeError::kNone || !SameIdentity(header, identity)) {
+    ZC_TRACE("JX_Farm", 2,
+             "corrupt value " << key << ": "
+                              << (error != DecodeError::kNone ? DescribeDecodeError(error)
+                                                              : "another item's identity"));
+    GetCounters().corrupt.fetch_add(1, std::memory_order_relaxed);
+    // The header cannot be trusted to name its parts: only the key goes.
+    DeleteValue(key, nullptr);
+    out.status = GetStatus::kCorrupt;
+    return out;
+  }
+  if (header.manifest) {
+    out = ReadParts(key, header);
+    if (out.status != GetStatus::kHit) return out;
+  } else {
+    out.payload = r.text.substr(headerSize);
+  }
+  if (HashPayload(out.payload.data(), out.payload.size()) != header.hash) {
+    ZC_TRACE("JX_Farm", 2, "corrupt value " << key << ": checksum mismatch");
+    GetCounters().corrupt.fetch_add(1, std::memory_order_relaxed);
+    DeleteValue(key, &header);
+    out = Fetched{};
+    out.status = GetStatus::kCorrupt;
+    return out;
+  }
+  const double seconds = timer.GetElapsedSeconds();
+  ReadSpeed().AddSample(out.payload.size(), seconds, HighPrecisionTime::GetCurrentTimeStamp(),
+                        jx::disk::GetSpeedCap());
+  GetCounters().bytesRead.fetch_add(out.payload.size(), std::memory_order_relaxed);
+  out.status = GetStatus::kHit;
+  out.computeSeconds = header.computeSeconds;
+  out.writerNode = header.writerNode;
+  return out;
+}
+
+FarmStore::Fetched FarmStore::ReadParts(const std::string& key, const ValueHeader& header) {
+  Fetched out;
+  // Reserved up to what the first part can hold: the manifest's length comes from the server,
+  // and only parts that really arrive (each of exactly its size) make the payload grow.
+  out.payload.reserve(std::min<uint64_t>(header.payloadLength, header.partBytes));
+  for (uint32_t i = 0; i < header.parts; ++i) {
+    Reply part = Run({"GET", PartKeyOf(key, header.partTag, i)});
+    if (!part.Ok()) {
+      out.status = GetStatus::kFault;
+      return out;
+    }
+    const uint64_t expected = i + 1 < header.parts
+                                  ? header.partBytes
+                                  : header.payloadLength - uint64_t{header.partBytes} * i;
+    if (part.kind != Reply::Kind::kString || part.text.size() != expected) {
+      const bool missing = part.kind != Reply::Kind::kString;
+      ZC_TRACE("JX_Farm", 2,
+               "value " << key << ": part " << i << (missing ? " missing" : " of the wrong size"));
+      Counters& c = GetCounters();
+      (missing ? c.missingParts : c.corrupt).fetch_add(1, std::memory_order_relaxed);
+      DeleteValue(key, &header);
+      out.payload.clear();
+      out.status = missing ? GetStatus::kMissingPart : GetStatus::kCorrupt;
+      return out;
+    }
+    out.payload += part.text;
+  }
+  out.status = GetStatus::kHit;
+  return out;
+}
+
+FarmStore::PutStatus FarmStore::Put(const Identity& identity, std::string_view payload,
+                                    double computeSeconds) {
+  const std::string key = KeyOf(identity);
+  ValueHeader h;
+  h.payloadLength = payload.size();
+  h.hash = HashPayload(payload.data(), payload.size());
+  h.computeSeconds = computeSeconds;
+  h.guid = identity.guid;
+  h.matchName = identity.matchName;
+  h.writerNode = node_;
+  Timer timer;
+  PutStatus status;
+  if (payload.size() <= limits_.partBytes) {
+    std::string value = EncodeHeader(h);
+    value.append(payload);
+    const std::string ttl = TtlArg();
+    Reply r = limits_.ttl.count() > 0 ? Run({"SET", key, value, "NX", "PX", ttl})
+                                      : Run({"SET", key, value, "NX"});
+    status = !r.Ok() ? PutStatus::kFault : IsOk(r) ? PutStatus::kWritten : PutStatus::kDuplicate;
+  } else {
+    h.manifest = true;
+    h.partBytes = limits_.partBytes;
+    h.parts = static_cast<uint32_t>((payload.size() + h.partBytes - 1) / h.partBytes);
+    h.partTag = NewLeaseToken(node_);
+    status = PutParts(key, payload, EncodeHeader(h), h.partTag, h.parts);
+  }
+  Counters& c = GetCounters();
+  if (status == PutStatus::kWritten) {
+    c.writes.fetch_add(1, std::memory_order_relaxed);
+    c.bytesWritten.fetch_add(payload.size(), std::memory_order_relaxed);
+    WriteSpeed().AddSample(payload.size(), timer.GetElapsedSeconds(),
+                           HighPrecisionTime::GetCurrentTimeStamp(), jx::disk::GetSpeedCap());
+  } else if (status == PutStatus::kDuplicate) {
+    c.duplicateWrites.fetch_add(1, std::memory_order_relaxed);
+    ZC_TRACE("JX_Farm", 5, "value " << key << " was there already");
+  }
+  return status;
+}
+
+FarmStore::PutStatus FarmStore::PutParts(const std::string& key, std::string_view payload,
+                                         std::string manifest, const std::string& tag,
+                                         uint32_t parts) {
+  const std::string ttl = TtlArg();
+  const bool expires = limits_.ttl.count() > 0;
+  for (uint32_t i = 0; i < parts; ++i) {
+    const std::string partKey = PartKeyOf(key, tag, i);
+    const std::string_view chunk =
+        payload.substr(uint64_t{i} * limits_.partBytes, limits_.partBytes);
+    Reply r = expires ? Run({"SET", partKey, chunk, "PX", ttl}) : Run({"SET", partKey, chunk});
+    if (!r.Ok()) {
+      for (uint32_t j = 0; j < i; ++j) Run({"DEL", PartKeyOf(key, tag, j)});
+      return PutStatus::kFault;
+    }
+  }
+  Reply r =
+      expires ? Run({"SET", key, manifest, "NX", "PX", ttl}) : Run({"SET", key, manifest, "NX"});
+  if (r.Ok() && IsOk(r)) return PutStatus::kWritten;
+  // Another node committed first (or the commit failed): our parts are nobody's.
+  for (uint32_t j = 0; j < parts; ++j) Run({"DEL", PartKeyOf(key, tag, j)});
+  return r.Ok() ? PutStatus::kDuplicate : PutStatus::kFault;
+}
+
+FarmStore::LeaseStatus FarmStore::TakeLease(const std::string& key, const std::string& token,
+                                            std::chrono::milliseconds duration) {
+  Timer timer;
+  const std::string ms = std::to_string(duration.count());
+  Reply r = Run({"SET", LeaseKeyOf(key), token, "NX", "PX", ms});
+  if (!r.Ok()) return LeaseStatus::kFault;
+  AddLatencySample(timer.GetElapsedSeconds());
+  return IsOk(r) ? LeaseStatus::kTaken : LeaseStatus::kHeldByOther;
+}
+
+bool FarmStore::RenewLease(const std::string& key, const std::string& token,
+                           std::chrono::milliseconds duration) {
+  const std::string ms = std::to_string(duration.count());
+  Reply r = Run({"EVAL", kRenewScript, "1", LeaseKeyOf(key), token, ms});
+  return r.Ok() && r.kind == Reply::Kind::kInteger && r.integer == 1;
+}
+
+void FarmStore::ReleaseLease(const std::string& key, const std::string& token) {
+  Run({"EVAL", kReleaseScript, "1", LeaseKeyOf(key), token});
+}
+
+}  // namespace jx::farm

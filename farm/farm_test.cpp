@@ -1,0 +1,413 @@
+// The farm tier against a redis-server of the test's own: values, their checks, large values,
+// faults of the server, and the leases that make one node compute what the others wait for.
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include "disk/disk_test_support.h"
+#include "farm/farm_compute.h"
+#include "farm/farm_counters.h"
+#include "farm/farm_store.h"
+#include "farm/farm_tier.h"
+#include "farm/farm_value.h"
+#include "jxcache/items/sc_checkout.h"
+#include "testing/keyed_payload.h"
+#include "testing/redis_server.h"
+
+namespace cf = jx::checkout_flags;
+using jx::farm::FarmStore;
+using jx::testing::KeyedPayload;
+using jx::testing::RedisServer;
+using zelcore::utility::Guid;
+using zelcore::utility::IntrusivePtr;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+double SecondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+uint64_t Count(const std::atomic<uint64_t>& counter) { return counter.load(); }
+
+// Polls `done` for up to 10 s.
+template <class Done>
+bool WaitFor(Done done) {
+  const auto deadline = Clock::now() + std::chrono::seconds(10);
+  while (!done()) {
+    if (Clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+TEST(FarmValueTest, HeaderRoundTripsAndRefusesWhatDoesNotFit) {
+  jx::farm::ValueHeader h;
+  h.payloadLength = 5;
+  h.hash = jx::farm::HashPayload("hello", 5);
+  h.computeSeconds = 0.25;
+  h.guid = Guid::CreateUnique();
+  h.matchName = "KeyedPayload";
+  h.writerNode = "node-a";
+  const std::string value = jx::farm::EncodeHeader(h) + "hello";
+  jx::farm::ValueHeader back;
+  size_t at = 0;
+  ASSERT_EQ(jx::farm::DecodeHeader(value, &back, &at), jx::farm::DecodeError::kNone);
+  EXPECT_EQ(value.substr(at), "hello");
+  EXPECT_EQ(back.guid, h.guid);
+  EXPECT_EQ(back.hash, h.hash);
+  EXPECT_EQ(back.computeSeconds, 0.25);
+  EXPECT_EQ(back.writerNode, "node-a");
+
+  using jx::farm::DecodeError;
+  EXPECT_EQ(jx::farm::DecodeHeader(value.substr(0, 20), &back, &at), DecodeError::kTooShort);
+  EXPECT_EQ(jx::farm::DecodeHeader(value + "!", &back, &at), DecodeError::kBadLength);
+  std::string badMagic = value;
+  badMagic[0] = 'X';
+  EXPECT_EQ(jx::farm::DecodeHeader(badMagic, &back, &at), DecodeError::kBadMagic);
+  // A manifest whose parts do not cover its length would make a reader fetch the wrong amount.
+  h.manifest = true;
+  h.partTag = "t";
+  h.partBytes = 4;
+  h.parts = 1;
+  EXPECT_EQ(jx::farm::DecodeHeader(jx::farm::EncodeHeader(h), &back, &at),
+            DecodeError::kBadManifest);
+}
+
+TEST(FarmAddressTest, ParsesBothFormsAndRefusesOthers) {
+  jx::farm::Address a;
+  std::string why;
+  ASSERT_TRUE(jx::farm::ParseAddress("redis://127.0.0.1:6380", &a, &why));
+  EXPECT_EQ(a.host, "127.0.0.1");
+  EXPECT_EQ(a.port, 6380);
+  ASSERT_TRUE(jx::farm::ParseAddress("unix:///tmp/r.sock", &a, &why));
+  EXPECT_TRUE(a.unixSocket);
+  EXPECT_EQ(a.path, "/tmp/r.sock");
+  for (const char* bad :
+       {"127.0.0.1:6379", "redis://:6379", "redis://h:0", "redis://h:x", "unix://relative", ""}) {
+    EXPECT_FALSE(jx::farm::ParseAddress(bad, &a, &why)) << bad;
+  }
+}
+
+// The library with a disk folder and a farm tier on a server of the test's own.
+class FarmTest : public jx::testing::DiskTest {
+ protected:
+  void SetUp() override {
+    JX_REDIS_OR_SKIP(server_, RedisServer::Listen::kLoopbackPort);
+    jx::testing::DiskTest::SetUp();
+    KeyedPayload::RegisterFactory();
+    jx::farm::ResetCounters();
+    Attach(config_);
+  }
+  void TearDown() override {
+    // The disk writer's queued writes hold their items checked out until they are done.
+    if (bag_) JX_StopAllAsyncWork();
+    JX_DetachFarmTier();
+    if (bag_) jx::testing::DiskTest::TearDown();
+  }
+
+  void Attach(JX_FarmConfig c) {
+    c.address = server_.Address();
+    if (c.node.empty()) c.node = "node-test";
+    std::string why;
+    ASSERT_TRUE(JX_AttachFarmTier(c, &why)) << why;
+    config_ = c;
+  }
+
+  jx::farm::Identity IdentityOf(const Guid& guid, uint32_t size) {
+    jx::farm::Identity id;
+    id.guid = guid;
+    id.matchName = jx::testing::kKeyedPayloadName;
+    id.version = bag_->GetAppVersion();
+    KeyedPayload(jx::testing::SeedOfKey(guid), size, false).GetHeader(headerScratch_);
+    id.header.assign(headerScratch_.begin(), headerScratch_.end());
+    return id;
+  }
+  std::string Bytes(const Guid& guid, uint32_t size) {
+    const auto b = jx::testing::KeyedBytes(jx::testing::SeedOfKey(guid), size);
+    return std::string(b.begin(), b.end());
+  }
+  FarmStore& Store() { return jx::farm::CurrentTier()->Store(); }
+
+  // A pending item of `guid` this thread must fill, as a render thread gets it after the
+  // memory and the disk folder missed.
+  IntrusivePtr<JX_Stuff> Pending(JX_ScCheckout& handle, const Guid& guid, uint32_t size) {
+    auto request = JX_Stuff::CreateNew(
+        IntrusivePtr<JX_StuffData>(new KeyedPayload(jx::testing::SeedOfKey(guid), size, false)),
+        0.0);
+    request->SetGuid(guid);
+    EXPECT_EQ(handle.FindAndCheckout(
+                  request, cf::kReadOnly | cf::kCreatePending | cf::kWaitAlways | cf::kNoDiskRead),
+              kJX_CreatedPending);
+    return handle.GetStuffPtr();
+  }
+  bool HoldsBytes(const IntrusivePtr<JX_Stuff>& item, const Guid& guid) {
+    auto* p = dynamic_cast<KeyedPayload*>(item->GetDataPtr().get());
+    return p && p->HoldsBytesOf(guid);
+  }
+
+  RedisServer server_;
+  JX_FarmConfig config_;
+  JX_StuffData::Header headerScratch_;
+};
+
+TEST_F(FarmTest, ValueRoundTripsOnceAndAnotherVersionDoesNotSeeIt) {
+  const Guid guid = Guid::CreateUnique();
+  const auto id = IdentityOf(guid, 4096);
+  EXPECT_EQ(Store().Get(id).status, FarmStore::GetStatus::kMiss);
+  ASSERT_EQ(Store().Put(id, Bytes(guid, 4096), 0.5), FarmStore::PutStatus::kWritten);
+  const FarmStore::Fetched got = Store().Get(id);
+  ASSERT_EQ(got.status, FarmStore::GetStatus::kHit);
+  EXPECT_EQ(got.payload, Bytes(guid, 4096));
+  EXPECT_EQ(got.computeSeconds, 0.5);
+  EXPECT_EQ(got.writerNode, "node-test");
+  // First writer wins: a second write is a duplicate and leaves the value as it was.
+  EXPECT_EQ(Store().Put(id, "other bytes", 0.1), FarmStore::PutStatus::kDuplicate);
+  EXPECT_EQ(Count(jx::farm::GetCounters().writes), 1u);
+  EXPECT_EQ(Count(jx::farm::GetCounters().duplicateWrites), 1u);
+  EXPECT_EQ(Store().Get(id).payload, Bytes(guid, 4096));
+  // The key carries the application version: a new version stops reading the old values.
+  auto newer = id;
+  newer.version += 1;
+  EXPECT_EQ(Store().Get(newer).status, FarmStore::GetStatus::kMiss);
+  // It also works over a unix socket.
+  RedisServer local;
+  std::string why;
+  ASSERT_TRUE(local.Start(RedisServer::Listen::kUnixSocket, &why)) << why;
+  jx::farm::Address address;
+  ASSERT_TRUE(jx::farm::ParseAddress(local.Address(), &address, &why));
+  jx::farm::RedisPool pool({address});
+  FarmStore overSocket(pool, "node-b", {});
+  ASSERT_EQ(overSocket.Put(id, Bytes(guid, 100), 0.5), FarmStore::PutStatus::kWritten);
+  EXPECT_EQ(overSocket.Get(id).payload, Bytes(guid, 100));
+}
+
+TEST_F(FarmTest, CorruptValueIsCountedDeletedAndAMiss) {
+  const Guid guid = Guid::CreateUnique();
+  const auto id = IdentityOf(guid, 4096);
+  ASSERT_EQ(Store().Put(id, Bytes(guid, 4096), 0.5), FarmStore::PutStatus::kWritten);
+  const std::string key = jx::farm::KeyOf(id);
+  // One payload byte flipped on the server, as a bad disk or a stray writer would.
+  const std::string length = server_.Command({"STRLEN", key});
+  const long offset = std::stol(length) - 100;
+  const std::string old =
+      server_.Command({"GETRANGE", key, std::to_string(offset), std::to_string(offset)});
+  ASSERT_EQ(old.size(), 1u);
+  ASSERT_EQ(server_.Command({"SETRANGE", key, std::to_string(offset),
+                             std::string(1, static_cast<char>(old[0] ^ 0x40))}),
+            length);
+  EXPECT_EQ(Store().Get(id).status, FarmStore::GetStatus::kCorrupt);
+  EXPECT_EQ(Count(jx::farm::GetCounters().corrupt), 1u);
+  EXPECT_EQ(server_.Command({"EXISTS", key}), "0");
+  EXPECT_EQ(Store().Get(id).status, FarmStore::GetStatus::kMiss);
+  // A value whose header names another item is as bad as a damaged one.
+  const Guid other = Guid::CreateUnique();
+  ASSERT_EQ(Store().Put(IdentityOf(other, 64), Bytes(other, 64), 0.5),
+            FarmStore::PutStatus::kWritten);
+  ASSERT_EQ(server_.Command({"COPY", jx::farm::KeyOf(IdentityOf(other, 64)), key}), "1");
+  EXPECT_EQ(Store().Get(id).status, FarmStore::GetStatus::kCorrupt);
+  EXPECT_EQ(Count(jx::farm::GetCounters().corrupt), 2u);
+}
+
+TEST_F(FarmTest, LargeValueGoesInPartsAndAMissingPartIsAMiss) {
+  const Guid guid = Guid::CreateUnique();
+  const uint32_t size = (9u << 20) + 123;  // two parts of 8 MiB at most
+  const auto id = IdentityOf(guid, size);
+  ASSERT_EQ(Store().Put(id, Bytes(guid, size), 1.0), FarmStore::PutStatus::kWritten);
+  const std::string key = jx::farm::KeyOf(id);
+  // The key holds only the manifest; the bytes are in the parts.
+  EXPECT_LT(std::stol(server_.Command({"STRLEN", key})), 1024);
+  EXPECT_EQ(server_.Command({"KEYS", key + ":part:*"}), "(array of 2)");
+  const FarmStore::Fetched got = Store().Get(id);
+  ASSERT_EQ(got.status, FarmStore::GetStatus::kHit);
+  EXPECT_TRUE(got.payload == Bytes(guid, size));
+  // A second writer's parts are its own and go when it loses the race.
+  EXPECT_EQ(Store().Put(id, Bytes(guid, size), 1.0), FarmStore::PutStatus::kDuplicate);
+  EXPECT_EQ(server_.Command({"KEYS", key + ":part:*"}), "(array of 2)");
+
+  // A part deleted between the writer's commit and our read (evicted, expired).
+  const Guid guid2 = Guid::CreateUnique();
+  const auto id2 = IdentityOf(guid2, size);
+  ASSERT_EQ(Store().Put(id2, Bytes(guid2, size), 1.0), FarmStore::PutStatus::kWritten);
+  const std::string key2 = jx::farm::KeyOf(id2);
+  // The part's name is the writer's; find the second one through the server.
+  const std::string second =
+      server_.Command({"EVAL",
+                       "for _, k in ipairs(redis.call('keys', ARGV[1])) do "
+                       "if string.sub(k, -2) == ':1' then return k end end return ''",
+                       "0", key2 + ":part:*"});
+  ASSERT_NE(second.find(":part:"), std::string::npos) << second;
+  ASSERT_EQ(server_.Command({"DEL", second}), "1");
+  EXPECT_EQ(Store().Get(id2).status, FarmStore::GetStatus::kMissingPart);
+  EXPECT_EQ(Count(jx::farm::GetCounters().missingParts), 1u);
+  // The broken value is gone, so that the next compute can put it back.
+  EXPECT_EQ(server_.Command({"EXISTS", key2}), "0");
+  EXPECT_EQ(Store().Put(id2, Bytes(guid2, size), 1.0), FarmStore::PutStatus::kWritten);
+}
+
+TEST_F(FarmTest, ServerFaultsAreBoundedCountedMisses) {
+  JX_DetachFarmTier();
+  JX_FarmConfig c;
+  c.commandTimeoutMs = 200;
+  c.connectTimeoutMs = 200;
+  Attach(c);
+  auto& counters = jx::farm::GetCounters();
+  const Guid guid = Guid::CreateUnique();
+  const auto id = IdentityOf(guid, 1024);
+  ASSERT_EQ(Store().Put(id, Bytes(guid, 1024), 0.5), FarmStore::PutStatus::kWritten);
+
+  // Every connection cut by the server: the pooled one fails once, then a new one is made.
+  ASSERT_NE(server_.Command({"CLIENT", "KILL", "TYPE", "normal"}), "(fault)");
+  EXPECT_EQ(Store().Get(id).status, FarmStore::GetStatus::kFault);
+  EXPECT_EQ(Count(counters.connectionErrors), 1u);
+  EXPECT_EQ(Store().Get(id).status, FarmStore::GetStatus::kHit);
+
+  // The server refuses writes at its memory limit.
+  ASSERT_EQ(server_.Command({"CONFIG", "SET", "maxmemory-policy", "noeviction"}), "OK");
+  ASSERT_EQ(server_.Command({"CONFIG", "SET", "maxmemory", "1"}), "OK");
+  const Guid refused = Guid::CreateUnique();
+  EXPECT_EQ(Store().Put(IdentityOf(refused, 1024), Bytes(refused, 1024), 0.5),
+            FarmStore::PutStatus::kFault);
+  EXPECT_EQ(Count(counters.refusedCommands), 1u);
+  EXPECT_EQ(Store().Get(IdentityOf(refused, 1024)).status, FarmStore::GetStatus::kMiss);
+  ASSERT_EQ(server_.Command({"CONFIG", "SET", "maxmemory", "0"}), "OK");
+
+  // A stalled server: the read ends at the command timeout, and for the back-off after it the
+  // tier does not even try.
+  server_.Pause();
+  auto start = Clock::now();
+  EXPECT_EQ(Store().Get(id).status, FarmStore::GetStatus::kFault);
+  EXPECT_LT(SecondsSince(start), 2.0);
+  EXPECT_EQ(Count(counters.timeouts), 1u);
+  start = Clock::now();
+  EXPECT_EQ(Store().Get(id).status, FarmStore::GetStatus::kFault);
+  EXPECT_LT(SecondsSince(start), 0.1);
+  server_.Resume();
+
+  // A dead server: a miss at once, never an exception.
+  server_.Kill();
+  std::this_thread::sleep_for(std::chrono::milliseconds(600));  // past the back-off
+  const uint64_t connectionErrors = Count(counters.connectionErrors);
+  start = Clock::now();
+  EXPECT_EQ(Store().Get(id).status, FarmStore::GetStatus::kFault);
+  EXPECT_EQ(Store().Put(id, "x", 0.5), FarmStore::PutStatus::kFault);
+  EXPECT_LT(SecondsSince(start), 2.0);
+  EXPECT_GE(Count(counters.connectionErrors), connectionErrors + 2);
+  // Through the host's API it is a plain miss: compute it here.
+  JX_ScCheckout handle;
+  auto item = Pending(handle, Guid::CreateUnique(), 1024);
+  {
+    JX_ScFarmCompute farm(item);
+    EXPECT_EQ(farm.Fetch(), JX_ScFarmCompute::kComputeHere);
+    EXPECT_FALSE(farm.HoldsLease());
+  }
+  item->SetStuffDataFromPendingRender(KeyedPayload::ForKey(item->GetGuid(), 1024), 0.5);
+  handle.Checkin(0, 0.5);
+  EXPECT_GE(Count(counters.errors), 5u);
+}
+
+TEST_F(FarmTest, ComputingNodeHoldsARenewedLeaseAndPublishesOnTheWriter) {
+  JX_DetachFarmTier();
+  JX_FarmConfig c;
+  c.leaseMs = 300;
+  Attach(c);
+  const Guid guid = Guid::CreateUnique();
+  const auto id = IdentityOf(guid, 64 << 10);
+  const std::string lease = jx::farm::LeaseKeyOf(jx::farm::KeyOf(id));
+  JX_ScCheckout handle;
+  auto item = Pending(handle, guid, 64 << 10);
+  JX_ScFarmCompute farm(item);
+  ASSERT_EQ(farm.Fetch(), JX_ScFarmCompute::kComputeHere);
+  ASSERT_TRUE(farm.HoldsLease());
+  EXPECT_EQ(server_.Command({"GET", lease}).rfind("node-test/", 0), 0u);
+  // A compute three times as long as the lease: renewal keeps it.
+  std::this_thread::sleep_for(std::chrono::milliseconds(900));
+  EXPECT_EQ(server_.Command({"EXISTS", lease}), "1");
+  item->SetStuffDataFromPendingRender(KeyedPayload::ForKey(guid, 64 << 10), 0.5);
+  handle.Checkin(0, 0.5);
+  farm.Publish();
+  ASSERT_TRUE(JX_WaitForFarmWrites(5000));
+  EXPECT_EQ(Count(jx::farm::GetCounters().writes), 1u);
+  EXPECT_EQ(server_.Command({"EXISTS", lease}), "0");
+  EXPECT_EQ(Store().Get(id).payload, Bytes(guid, 64 << 10));
+}
+
+TEST_F(FarmTest, WaiterGetsTheOtherNodesValueAndWritesItLocallyOnly) {
+  const Guid guid = Guid::CreateUnique();
+  const auto id = IdentityOf(guid, 64 << 10);
+  const std::string key = jx::farm::KeyOf(id);
+  // Another node is computing the item.
+  FarmStore& other = Store();
+  const std::string token = "node-other/1";
+  ASSERT_EQ(other.TakeLease(key, token, std::chrono::milliseconds(5000)),
+            FarmStore::LeaseStatus::kTaken);
+  std::thread otherNode([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    other.Put(id, Bytes(guid, 64 << 10), 0.5);
+    other.ReleaseLease(key, token);
+  });
+  JX_ScCheckout handle;
+  auto item = Pending(handle, guid, 64 << 10);
+  JX_ScFarmCompute farm(item);
+  const auto start = Clock::now();
+  EXPECT_EQ(farm.Fetch(), JX_ScFarmCompute::kFilledFromFarm);
+  otherNode.join();
+  EXPECT_GE(SecondsSince(start), 0.25);
+  EXPECT_EQ(farm.FetchedComputeSeconds(), 0.5);
+  EXPECT_TRUE(HoldsBytes(item, guid));
+  auto& counters = jx::farm::GetCounters();
+  EXPECT_EQ(Count(counters.leaseWaits), 1u);
+  EXPECT_EQ(Count(counters.hits), 1u);
+  EXPECT_EQ(Count(counters.leaseTakeovers), 0u);
+  // The host checks the hit in like a render: the local disk writer takes it; the farm does not.
+  handle.Checkin(0, farm.FetchedComputeSeconds());
+  farm.Publish();  // a host that always publishes: a farm hit is not offered back
+  ASSERT_TRUE(WaitFor([&] { return item->HasDiskCacheFile(); }));
+  EXPECT_TRUE(JX_WaitForFarmWrites(5000));
+  EXPECT_EQ(Count(counters.writes), 1u);  // the other node's, none of ours
+  EXPECT_EQ(Count(counters.duplicateWrites), 0u);
+}
+
+TEST_F(FarmTest, LeaseOfADeadNodeIsTakenOverAfterItLapses) {
+  const Guid guid = Guid::CreateUnique();
+  const auto id = IdentityOf(guid, 1024);
+  // A node that took the lease and died: nobody renews it.
+  ASSERT_EQ(Store().TakeLease(jx::farm::KeyOf(id), "node-dead/1", std::chrono::milliseconds(400)),
+            FarmStore::LeaseStatus::kTaken);
+  JX_ScCheckout handle;
+  auto item = Pending(handle, guid, 1024);
+  JX_ScFarmCompute farm(item);
+  const auto start = Clock::now();
+  EXPECT_EQ(farm.Fetch(), JX_ScFarmCompute::kComputeHere);
+  EXPECT_GE(SecondsSince(start), 0.3);
+  EXPECT_TRUE(farm.HoldsLease());
+  EXPECT_EQ(Count(jx::farm::GetCounters().leaseTakeovers), 1u);
+  item->SetStuffDataFromPendingRender(KeyedPayload::ForKey(guid, 1024), 0.5);
+  handle.Checkin(0, 0.5);
+}
+
+TEST_F(FarmTest, WaitForALiveNodeEndsAtTheWaitLimit) {
+  JX_DetachFarmTier();
+  JX_FarmConfig c;
+  c.leaseWaitMs = 300;
+  Attach(c);
+  const Guid guid = Guid::CreateUnique();
+  const std::string key = jx::farm::KeyOf(IdentityOf(guid, 1024));
+  // A live node whose compute outlasts our patience.
+  ASSERT_EQ(Store().TakeLease(key, "node-slow/1", std::chrono::milliseconds(60000)),
+            FarmStore::LeaseStatus::kTaken);
+  JX_ScCheckout handle;
+  auto item = Pending(handle, guid, 1024);
+  JX_ScFarmCompute farm(item);
+  const auto start = Clock::now();
+  EXPECT_EQ(farm.Fetch(), JX_ScFarmCompute::kComputeHere);
+  const double waited = SecondsSince(start);
+  EXPECT_GE(waited, 0.29);
+  EXPECT_LT(waited, 1.5);
+  EXPECT_FALSE(farm.HoldsLease());
+  EXPECT_EQ(Count(jx::farm::GetCounters().leaseWaitsGivenUp), 1u);
+  item->SetStuffDataFromPendingRender(KeyedPayload::ForKey(guid, 1024), 0.5);
+  handle.Checkin(0, 0.5);
+}
+
+}  // namespace

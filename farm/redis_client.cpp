@@ -1,0 +1,217 @@
+#include "farm/redis_client.h"
+
+#include <hiredis/hiredis.h>
+
+#include <sys/time.h>
+#include <cerrno>
+#include <charconv>
+
+#include "host/trace.h"
+#include "jxcache/host/host_services.h"
+
+namespace jx::farm {
+namespace {
+
+constexpr std::string_view kTcpScheme = "redis://";
+constexpr std::string_view kUnixScheme = "unix://";
+
+timeval ToTimeval(std::chrono::milliseconds ms) {
+  timeval tv;
+  tv.tv_sec = static_cast<time_t>(ms.count() / 1000);
+  tv.tv_usec = static_cast<suseconds_t>((ms.count() % 1000) * 1000);
+  return tv;
+}
+
+uint64_t NowNs() { return jx::host::GetClock().NowNanoseconds(); }
+
+// hiredis reports a read that hit its timeout as an I/O error with errno EAGAIN.
+Fault FaultOf(const redisContext* c) {
+  if (c->err == REDIS_ERR_IO && (errno == EAGAIN || errno == EWOULDBLOCK || errno == ETIMEDOUT)) {
+    return Fault::kTimeout;
+  }
+  return Fault::kConnection;
+}
+
+Reply Convert(const redisReply* r) {
+  Reply out;
+  switch (r->type) {
+    case REDIS_REPLY_NIL:
+      out.kind = Reply::Kind::kNil;
+      break;
+    case REDIS_REPLY_STRING:
+      out.kind = Reply::Kind::kString;
+      out.text.assign(r->str, r->len);
+      break;
+    case REDIS_REPLY_STATUS:
+      out.kind = Reply::Kind::kStatus;
+      out.text.assign(r->str, r->len);
+      break;
+    case REDIS_REPLY_INTEGER:
+      out.kind = Reply::Kind::kInteger;
+      out.integer = r->integer;
+      break;
+    case REDIS_REPLY_ARRAY:
+      out.kind = Reply::Kind::kArray;
+      out.integer = static_cast<long long>(r->elements);
+      break;
+    case REDIS_REPLY_ERROR:
+    default:
+      out.kind = Reply::Kind::kError;
+      if (r->str) out.text.assign(r->str, r->len);
+      out.fault = Fault::kRefused;
+      break;
+  }
+  return out;
+}
+
+}  // namespace
+
+std::string Address::ToString() const {
+  return unixSocket ? std::string(kUnixScheme) + path
+                    : std::string(kTcpScheme) + host + ":" + std::to_string(port);
+}
+
+bool ParseAddress(std::string_view text, Address* out, std::string* why) {
+  Address a;
+  if (text.substr(0, kUnixScheme.size()) == kUnixScheme) {
+    a.unixSocket = true;
+    a.path = std::string(text.substr(kUnixScheme.size()));
+    if (a.path.empty() || a.path[0] != '/') {
+      *why = "a unix socket address needs an absolute path: unix:///path/to/socket";
+      return false;
+    }
+  } else if (text.substr(0, kTcpScheme.size()) == kTcpScheme) {
+    const std::string_view rest = text.substr(kTcpScheme.size());
+    const size_t colon = rest.rfind(':');
+    a.host = std::string(rest.substr(0, colon));
+    if (colon != std::string_view::npos) {
+      const std::string_view port = rest.substr(colon + 1);
+      auto [end, ec] = std::from_chars(port.data(), port.data() + port.size(), a.port);
+      if (ec != std::errc() || end != port.data() + port.size() || a.port < 1 || a.port > 65535) {
+        *why = "the port must be a number from 1 to 65535";
+        return false;
+      }
+    }
+    if (a.host.empty()) {
+      *why = "a TCP address needs a host: redis://HOST:PORT";
+      return false;
+    }
+  } else {
+    *why = "give redis://HOST:PORT or unix:///path/to/socket";
+    return false;
+  }
+  *out = std::move(a);
+  return true;
+}
+
+const char* DescribeFault(Fault fault) {
+  switch (fault) {
+    case Fault::kNone:
+      return "none";
+    case Fault::kTimeout:
+      return "timeout";
+    case Fault::kConnection:
+      return "connection";
+    case Fault::kRefused:
+      return "refused";
+    case Fault::kBackOff:
+      return "backing off";
+  }
+  return "unknown";
+}
+
+RedisPool::RedisPool(Options options) : options_(std::move(options)) {}
+
+RedisPool::~RedisPool() {
+  for (redisContext* c : idle_) redisFree(c);
+}
+
+void RedisPool::StartBackOff() {
+  backOffUntil_.store(
+      NowNs() + static_cast<uint64_t>(std::chrono::nanoseconds(options_.backOff).count()),
+      std::memory_order_relaxed);
+}
+
+bool RedisPool::BackingOff() const {
+  return NowNs() < backOffUntil_.load(std::memory_order_relaxed);
+}
+
+redisContext* RedisPool::Borrow(Fault* fault) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!idle_.empty()) {
+      redisContext* c = idle_.back();
+      idle_.pop_back();
+      return c;
+    }
+  }
+  if (NowNs() < backOffUntil_.load(std::memory_order_relaxed)) {
+    *fault = Fault::kBackOff;
+    return nullptr;
+  }
+  const timeval connectTimeout = ToTimeval(options_.connectTimeout);
+  const Address& a = options_.address;
+  redisContext* c = a.unixSocket ? redisConnectUnixWithTimeout(a.path.c_str(), connectTimeout)
+                                 : redisConnectWithTimeout(a.host.c_str(), a.port, connectTimeout);
+  if (!c || c->err) {
+    ZC_TRACE("JX_Farm", 3,
+             "connect to " << a.ToString() << " failed: " << (c ? c->errstr : "out of memory"));
+    *fault = c && FaultOf(c) == Fault::kTimeout ? Fault::kTimeout : Fault::kConnection;
+    if (c) redisFree(c);
+    StartBackOff();
+    return nullptr;
+  }
+  if (redisSetTimeout(c, ToTimeval(options_.commandTimeout)) != REDIS_OK) {
+    redisFree(c);
+    *fault = Fault::kConnection;
+    return nullptr;
+  }
+  opened_.fetch_add(1, std::memory_order_relaxed);
+  return c;
+}
+
+void RedisPool::Return(redisContext* c) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (idle_.size() < options_.maxIdle) {
+      idle_.push_back(c);
+      return;
+    }
+  }
+  redisFree(c);
+}
+
+Reply RedisPool::Command(const std::vector<std::string_view>& args) {
+  Reply out;
+  redisContext* c = Borrow(&out.fault);
+  if (!c) return out;
+  std::vector<const char*> argv;
+  std::vector<size_t> lengths;
+  argv.reserve(args.size());
+  lengths.reserve(args.size());
+  for (std::string_view a : args) {
+    argv.push_back(a.data());
+    lengths.push_back(a.size());
+  }
+  auto* r = static_cast<redisReply*>(
+      redisCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lengths.data()));
+  if (!r) {
+    out.fault = FaultOf(c);
+    ZC_TRACE(
+        "JX_Farm", 3,
+        "command " << args[0] << " failed (" << DescribeFault(out.fault) << "): " << c->errstr);
+    // The connection may still owe us the reply: it is never used again.
+    redisFree(c);
+    if (out.fault == Fault::kTimeout) StartBackOff();
+    return out;
+  }
+  out = Convert(r);
+  freeReplyObject(r);
+  if (out.fault == Fault::kRefused) {
+    ZC_TRACE("JX_Farm", 3, "command " << args[0] << " refused: " << out.text);
+  }
+  Return(c);
+  return out;
+}
+
+}  // namespace jx::farm
