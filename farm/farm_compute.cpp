@@ -9,7 +9,7 @@
 #include "disk/disk_writer.h"
 #include "disk/write_policy.h"
 #include "farm/farm_counters.h"
-#include "farm/farm_tier.h"
+#include "farm/tier.h"
 #include "host/trace.h"
 #include "jxcache/bag/bag.h"
 #include "jxcache/bag/global_bag.h"

@@ -8,7 +8,7 @@
 #include "farm/farm_compute.h"
 #include "farm/farm_counters.h"
 #include "farm/farm_store.h"
-#include "farm/farm_tier.h"
+#include "farm/tier.h"
 #include "farm/farm_value.h"
 #include "jxcache/items/sc_checkout.h"
 #include "testing/keyed_payload.h"

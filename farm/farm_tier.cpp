@@ -1,4 +1,4 @@
-#include "farm/farm_tier.h"
+#include "farm/tier.h"
 
 #include <utility>
 #include <vector>

@@ -8,7 +8,7 @@
 #include "common/settings.h"
 #include "compute/compute_suite.h"
 #include "disk/disk_writer.h"
-#include "farm/farm_tier.h"
+#include "jxcache/farm/farm_tier.h"
 #include "host/media_manager.h"
 #include "host/y_api.h"
 #include "jxcache/bag/bag.h"

@@ -3,7 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include "farm/farm_counters.h"
-#include "farm/farm_tier.h"
+#include "farm/tier.h"
 #include "farm/redis_client.h"
 #include "standalone/standalone_host.h"
 #include "tools/jxcache/tool_error.h"

@@ -3,14 +3,14 @@
 //
 // Reading goes memory, local disk folder, farm, compute: the host asks the farm only for an item
 // it has to compute (a pending item, after the local tiers missed), through JX_ScFarmCompute
-// (farm/farm_compute.h). A value found in the farm fills the item and is written to the local
-// folder by the ordinary disk writer; it is never put in the farm again. A value computed here is
-// offered to the farm after its check-in, and written by a task of the disk executor, never on
-// the render thread.
+// (farm/farm_compute.h, not installed yet). A value found in the farm fills the item and is written
+// to the local folder by the ordinary disk writer; it is never put in the farm again. A value
+// computed here is offered to the farm after its check-in, and written by a task of the disk
+// executor, never on the render thread.
 //
 // One tier at a time is attached to the process. Attaching parses the address only; a server
 // that is down, slow or full is not an error now or later: every fault is a miss or a skipped
-// write, counted (farm/farm_counters.h) and traced under "JX_Farm".
+// write, counted (the "farm" group of the statistics) and traced under "JX_Farm".
 //
 // While a node computes an item it holds the item's lease, which a thread of the tier renews
 // every third of the lease time; a node that dies stops renewing and its lease lapses, so a
@@ -21,17 +21,10 @@
 // lookup or write.
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
-#include <map>
-#include <memory>
-#include <mutex>
 #include <string>
 
-#include "farm/farm_store.h"
-#include "farm/redis_client.h"
 #include "jxcache/host/export.h"
-#include "jxcache/host/host_services.h"
 
 struct JX_EXPORT JX_FarmConfig {
   std::string address;  // "redis://HOST:PORT" or "unix:///path/to/socket"; empty: no farm tier
@@ -41,7 +34,9 @@ struct JX_EXPORT JX_FarmConfig {
   uint32_t leaseMs = 5000;       // a lease not renewed for this long lapses
   uint32_t leaseWaitMs = 10000;  // the longest a render thread waits for another node's compute
   uint32_t ttlSeconds = 86400;   // values expire after this; 0: never
-  uint32_t partBytes = jx::farm::kDefaultPartBytes;  // larger values go in parts
+  // Values larger than this go in parts, so that no one command holds the single-threaded
+  // server for long (and the server charges a value of exactly 8 MiB as 10).
+  uint32_t partBytes = 8u << 20;
 };
 
 // The configuration the settings table gives ("JX.Farm.Address", "JX.Farm.Node",
@@ -58,38 +53,3 @@ JX_EXPORT bool JX_IsFarmTierAttached();
 // Waits (up to `timeoutMs`) until no farm write is queued or running; true when none is. Call
 // it without holding any cache lock.
 JX_EXPORT bool JX_WaitForFarmWrites(uint32_t timeoutMs);
-
-namespace jx::farm {
-
-class Tier {
- public:
-  Tier(const JX_FarmConfig& config, const Address& address);
-  ~Tier();
-  Tier(const Tier&) = delete;
-  Tier& operator=(const Tier&) = delete;
-
-  FarmStore& Store() { return store_; }
-  const JX_FarmConfig& Config() const { return config_; }
-  // Keeps the lease of `key` renewed until Forget; Forget also gives it up on the server.
-  void Renew(const std::string& key, const std::string& token);
-  void Forget(const std::string& key, const std::string& token);
-  // Stops the renewal thread and gives up every lease still held.
-  void Stop();
-
- private:
-  void RenewLoop();
-
-  const JX_FarmConfig config_;
-  RedisPool pool_;
-  FarmStore store_;
-  std::mutex mutex_;  // a leaf: guards leases_ and stopping_, never held across I/O
-  std::condition_variable wake_;
-  std::map<std::string, std::string> leases_;  // token -> key
-  bool stopping_ = false;
-  std::unique_ptr<jx::host::JoinableThread> renewer_;
-};
-
-// The attached tier, or null.
-std::shared_ptr<Tier> CurrentTier();
-
-}  // namespace jx::farm
