@@ -188,15 +188,19 @@ void ShowFrame(const Guid& key, int checkinFlags) {
   frame.SetCheckinFlags(checkinFlags);
 }
 
-// The frame of `key` has its disk copy (written now, or found from an earlier run); bounded: an
-// example must not hang.
+// The frame of `key` has its disk copy (written now, or found from an earlier run) and the
+// writer has handed it back (a checked-out item is not purged); bounded: an example must not
+// hang.
 bool WaitForTheWriter(const Guid& key) {
   for (int i = 0; i < 5000; ++i) {
     auto request = JX_Stuff::CreateNew(MakeFrameRequest(key), 0.0);
     request->SetGuid(key);
     JX_ScCheckout frame;
     frame.FindAndCheckout(request, cf::kReadOnly | cf::kNoDiskRead);
-    if (JX_GetQueuedDiskWriteCount() == 0 && frame.IsOnDisk()) return true;
+    if (JX_GetQueuedDiskWriteCount() == 0 && frame.IsOnDisk() &&
+        frame.GetStuffPtr()->GetCheckoutCount() == 1) {
+      return true;
+    }
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   return false;
