@@ -1,4 +1,4 @@
-#include "farm/farm_compute.h"
+#include "jxcache/farm/farm_compute.h"
 
 #include <boost/smart_ptr/make_shared.hpp>
 
@@ -101,23 +101,55 @@ struct Upload {
 
 }  // namespace
 
-JX_ScFarmCompute::JX_ScFarmCompute(IntrusivePtr<JX_Stuff> pendingItem)
-    : tier_(jx::farm::CurrentTier()), item_(std::move(pendingItem)) {}
+struct __attribute__((visibility("hidden"))) JX_ScFarmCompute::State {
+  explicit State(IntrusivePtr<JX_Stuff> pendingItem)
+      : tier_(jx::farm::CurrentTier()), item_(std::move(pendingItem)) {}
+  ~State();
 
-JX_ScFarmCompute::~JX_ScFarmCompute() {
+  Outcome Fetch();
+  void Publish();
+
+  enum class Step { kHit, kMiss, kFault };
+  Outcome LookUp();
+  void Offer();
+  Step TryFetch();
+  bool Fill(jx::farm::FarmStore::Fetched& fetched);
+  Outcome WaitForOtherNode();
+  Outcome Computing();
+  void GiveUpLease();
+
+  std::shared_ptr<jx::farm::Tier> tier_;
+  zelcore::utility::IntrusivePtr<JX_Stuff> item_;
+  jx::farm::Identity identity_;
+  std::string key_;
+  std::string token_;  // the lease this node holds; empty when none
+  double fetchedSeconds_ = 0.0;
+  bool fetched_ = false;
+  bool filled_ = false;
+};
+
+JX_ScFarmCompute::JX_ScFarmCompute(IntrusivePtr<JX_Stuff> pendingItem)
+    : state_(std::make_unique<State>(std::move(pendingItem))) {}
+JX_ScFarmCompute::~JX_ScFarmCompute() = default;
+JX_ScFarmCompute::Outcome JX_ScFarmCompute::Fetch() { return state_->Fetch(); }
+double JX_ScFarmCompute::FetchedComputeSeconds() const { return state_->fetchedSeconds_; }
+void JX_ScFarmCompute::Publish() { state_->Publish(); }
+bool JX_ScFarmCompute::HoldsLease() const { return !state_->token_.empty(); }
+
+JX_ScFarmCompute::State::~State() {
   try {
     GiveUpLease();
   } catch (...) {
   }
 }
 
-void JX_ScFarmCompute::GiveUpLease() {
+void JX_ScFarmCompute::State::GiveUpLease() {
   if (token_.empty()) return;
   tier_->Forget(key_, token_);
   token_.clear();
 }
 
-JX_ScFarmCompute::Outcome JX_ScFarmCompute::Fetch() {
+JX_ScFarmCompute::Outcome JX_ScFarmCompute::State::Fetch() {
   if (fetched_ || !tier_ || !item_) return kNotShared;
   fetched_ = true;
   try {
@@ -139,7 +171,7 @@ JX_ScFarmCompute::Outcome JX_ScFarmCompute::Fetch() {
   }
 }
 
-JX_ScFarmCompute::Outcome JX_ScFarmCompute::LookUp() {
+JX_ScFarmCompute::Outcome JX_ScFarmCompute::State::LookUp() {
   auto& counters = jx::farm::GetCounters();
   const Step first = TryFetch();
   if (first == Step::kHit) return kFilledFromFarm;
@@ -165,7 +197,7 @@ JX_ScFarmCompute::Outcome JX_ScFarmCompute::LookUp() {
 
 // With the lease in hand: the value may have been put there between the first look and the
 // lease (its writer gives the lease up only after the value is in), so look once more.
-JX_ScFarmCompute::Outcome JX_ScFarmCompute::Computing() {
+JX_ScFarmCompute::Outcome JX_ScFarmCompute::State::Computing() {
   if (TryFetch() == Step::kHit) {
     GiveUpLease();
     return kFilledFromFarm;
@@ -174,7 +206,7 @@ JX_ScFarmCompute::Outcome JX_ScFarmCompute::Computing() {
   return kComputeHere;
 }
 
-JX_ScFarmCompute::Outcome JX_ScFarmCompute::WaitForOtherNode() {
+JX_ScFarmCompute::Outcome JX_ScFarmCompute::State::WaitForOtherNode() {
   auto& counters = jx::farm::GetCounters();
   counters.leaseWaits.fetch_add(1, std::memory_order_relaxed);
   const JX_FarmConfig& config = tier_->Config();
@@ -214,7 +246,7 @@ JX_ScFarmCompute::Outcome JX_ScFarmCompute::WaitForOtherNode() {
   return kComputeHere;
 }
 
-JX_ScFarmCompute::Step JX_ScFarmCompute::TryFetch() {
+JX_ScFarmCompute::State::Step JX_ScFarmCompute::State::TryFetch() {
   jx::farm::FarmStore::Fetched got = tier_->Store().Get(identity_);
   switch (got.status) {
     case jx::farm::FarmStore::GetStatus::kHit:
@@ -226,7 +258,7 @@ JX_ScFarmCompute::Step JX_ScFarmCompute::TryFetch() {
   }
 }
 
-bool JX_ScFarmCompute::Fill(jx::farm::FarmStore::Fetched& fetched) {
+bool JX_ScFarmCompute::State::Fill(jx::farm::FarmStore::Fetched& fetched) {
   auto& counters = jx::farm::GetCounters();
   try {
     JX_StuffData::Header header(identity_.header.begin(), identity_.header.end());
@@ -255,7 +287,7 @@ bool JX_ScFarmCompute::Fill(jx::farm::FarmStore::Fetched& fetched) {
   return true;
 }
 
-void JX_ScFarmCompute::Publish() {
+void JX_ScFarmCompute::State::Publish() {
   // A value that came from the farm is never put back.
   if (!tier_ || key_.empty() || !item_ || filled_) return;
   try {
@@ -267,7 +299,7 @@ void JX_ScFarmCompute::Publish() {
   }
 }
 
-void JX_ScFarmCompute::Offer() {
+void JX_ScFarmCompute::State::Offer() {
   const IntrusivePtr<JX_StuffData> data = item_->GetDataPtr();
   const double computeSeconds = item_->GetComputeTime();
   auto& counters = jx::farm::GetCounters();

@@ -5,11 +5,11 @@
 #include <thread>
 
 #include "disk/disk_test_support.h"
-#include "farm/farm_compute.h"
 #include "farm/farm_counters.h"
 #include "farm/farm_store.h"
-#include "farm/tier.h"
 #include "farm/farm_value.h"
+#include "farm/tier.h"
+#include "jxcache/farm/farm_compute.h"
 #include "jxcache/items/sc_checkout.h"
 #include "testing/keyed_payload.h"
 #include "testing/redis_server.h"

@@ -11,7 +11,7 @@
 #include <thread>
 #include <utility>
 
-#include "farm/farm_compute.h"
+#include "jxcache/farm/farm_compute.h"
 #include "jxcache/host/high_precision_time.h"
 #include "jxcache/items/sc_checkout.h"
 #include "jxcache/lifecycle/lifecycle.h"

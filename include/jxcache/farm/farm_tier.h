@@ -3,7 +3,7 @@
 //
 // Reading goes memory, local disk folder, farm, compute: the host asks the farm only for an item
 // it has to compute (a pending item, after the local tiers missed), through JX_ScFarmCompute
-// (farm/farm_compute.h, not installed yet). A value found in the farm fills the item and is written
+// (jxcache/farm/farm_compute.h). A value found in the farm fills the item and is written
 // to the local folder by the ordinary disk writer; it is never put in the farm again. A value
 // computed here is offered to the farm after its check-in, and written by a task of the disk
 // executor, never on the render thread.

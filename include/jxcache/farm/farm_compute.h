@@ -29,16 +29,11 @@
 #pragma once
 
 #include <memory>
-#include <string>
 
-#include "farm/farm_store.h"
 #include "jxcache/host/export.h"
 #include "jxcache/host/ref_counted.h"
 
 class JX_Stuff;
-namespace jx::farm {
-class Tier;
-}
 
 class JX_EXPORT JX_ScFarmCompute {
  public:
@@ -55,28 +50,15 @@ class JX_EXPORT JX_ScFarmCompute {
 
   Outcome Fetch();
   // The compute seconds the value's writer measured (after kFilledFromFarm).
-  double FetchedComputeSeconds() const { return fetchedSeconds_; }
+  double FetchedComputeSeconds() const;
   // Offers the item's value to the farm (after its check-in; only after kComputeHere).
   void Publish();
   // Whether this node holds the item's lease now.
-  bool HoldsLease() const { return !token_.empty(); }
+  bool HoldsLease() const;
 
  private:
-  enum class Step { kHit, kMiss, kFault };
-  Outcome LookUp();
-  void Offer();
-  Step TryFetch();
-  bool Fill(jx::farm::FarmStore::Fetched& fetched);
-  Outcome WaitForOtherNode();
-  Outcome Computing();
-  void GiveUpLease();
-
-  std::shared_ptr<jx::farm::Tier> tier_;
-  zelcore::utility::IntrusivePtr<JX_Stuff> item_;
-  jx::farm::Identity identity_;
-  std::string key_;
-  std::string token_;  // the lease this node holds; empty when none
-  double fetchedSeconds_ = 0.0;
-  bool fetched_ = false;
-  bool filled_ = false;
+  // The lookup's state and steps, with the farm's own types: not part of the interface (the
+  // library keeps its symbols to itself).
+  struct State;
+  std::unique_ptr<State> state_;
 };
