@@ -29,6 +29,7 @@
 
 #include "farm/farm_value.h"
 #include "farm/redis_client.h"
+#include "jxcache/farm/farm_tier.h"
 #include "jxcache/host/guid.h"
 
 namespace jx::farm {
@@ -46,7 +47,7 @@ std::string LeaseKeyOf(const std::string& key);
 std::string PartKeyOf(const std::string& key, const std::string& tag, uint32_t index);
 
 // Values larger than this go in parts.
-inline constexpr uint32_t kDefaultPartBytes = 8u << 20;
+inline constexpr uint32_t kDefaultPartBytes = kJX_FarmDefaultPartBytes;
 
 class FarmStore {
  public:

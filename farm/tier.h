@@ -15,8 +15,6 @@
 #include "jxcache/host/export.h"
 #include "jxcache/host/host_services.h"
 
-static_assert(JX_FarmConfig{}.partBytes == jx::farm::kDefaultPartBytes);
-
 namespace jx::farm {
 
 class Tier {

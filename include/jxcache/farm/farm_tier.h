@@ -26,6 +26,10 @@
 
 #include "jxcache/host/export.h"
 
+// Values larger than this go in parts, so that no one command holds the single-threaded server
+// for long (and the server charges a value of exactly 8 MiB as 10).
+inline constexpr uint32_t kJX_FarmDefaultPartBytes = 8u << 20;
+
 struct JX_EXPORT JX_FarmConfig {
   std::string address;  // "redis://HOST:PORT" or "unix:///path/to/socket"; empty: no farm tier
   std::string node;     // this machine's name in values and leases; empty: a unique one
@@ -34,9 +38,7 @@ struct JX_EXPORT JX_FarmConfig {
   uint32_t leaseMs = 5000;       // a lease not renewed for this long lapses
   uint32_t leaseWaitMs = 10000;  // the longest a render thread waits for another node's compute
   uint32_t ttlSeconds = 86400;   // values expire after this; 0: never
-  // Values larger than this go in parts, so that no one command holds the single-threaded
-  // server for long (and the server charges a value of exactly 8 MiB as 10).
-  uint32_t partBytes = 8u << 20;
+  uint32_t partBytes = kJX_FarmDefaultPartBytes;  // larger values go in parts
 };
 
 // The configuration the settings table gives ("JX.Farm.Address", "JX.Farm.Node",
