@@ -717,7 +717,7 @@ void PhaseCorrupt(const std::string& address, uint64_t tag, uint32_t frames, uin
 
 int main(int argc, char** argv) {
   if (argc > 1 && std::strcmp(argv[1], "--node") == 0) return NodeMain(argc, argv);
-  const jx::stress::Options o = jx::stress::ParseOptions(argc, argv, kProgram, 240);
+  const jx::stress::Options o = jx::stress::ParseOptions(argc, argv, kProgram, 300);
   jx::stress::HardBound hard(kProgram, jx::stress::HardSeconds(o));
   gNodeSeconds = std::max(30.0, o.seconds);
   const uint32_t frames = static_cast<uint32_t>(std::max<uint64_t>(o.ops, 100));
