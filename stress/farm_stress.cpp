@@ -64,7 +64,9 @@ namespace {
 
 constexpr const char* kProgram = "farm_stress";
 constexpr const char* kFrameName = "FarmStressFrame";
-constexpr uint32_t kFrameBytes = 64u << 10;
+// Small frames: a phase's frames must fit, with room to spare, in the 64 MiB a CI server shares
+// between every farm test of the run.
+constexpr uint32_t kFrameBytes = 32u << 10;
 constexpr int kNodes = 3;
 constexpr uint32_t kRenderMs = 25;
 constexpr uint32_t kLeaseMs = 400;
@@ -569,6 +571,17 @@ bool WaitForRenders(const std::vector<Node>& nodes, uint64_t atLeast) {
   return false;
 }
 
+// Deletes a phase's frames from the server once it is checked: a shared server keeps only
+// what a test is still using.
+void ForgetFrames(const std::string& address, uint64_t tag, uint32_t frames) {
+  for (uint32_t f = 0; f < frames; ++f) {
+    Command(address, {"EVAL",
+                      "for _, k in ipairs(redis.call('keys', ARGV[1])) do redis.call('del', k) "
+                      "end return 0",
+                      "0", "jxfarm:" + FrameGuid(tag, f).AsString() + "*"});
+  }
+}
+
 void PhaseNoFaults(const std::string& address, uint64_t tag, uint32_t frames, uint32_t threads) {
   std::vector<Node> nodes;
   for (int i = 0; i < kNodes; ++i) nodes.push_back(MakeNode("a", i, address, tag, frames, threads));
@@ -589,6 +602,7 @@ void PhaseNoFaults(const std::string& address, uint64_t tag, uint32_t frames, ui
       frames, static_cast<unsigned long long>(renders),
       static_cast<unsigned long long>(Sum(nodes, "hits")),
       static_cast<unsigned long long>(Sum(nodes, "not_worth")));
+  ForgetFrames(address, tag, frames);
 }
 
 // Leases on the server whose token is `node`'s.
@@ -637,6 +651,7 @@ void PhaseKillNode(const std::string& address, uint64_t tag, uint32_t frames, ui
       static_cast<unsigned long long>(takeovers));
   if (renders * 100 > uint64_t{frames} * 105) gViolations.Report("phase b: renders over 1.05x");
   if (held > 0 && takeovers == 0) gViolations.Report("phase b: no lease was taken over");
+  ForgetFrames(address, tag, frames);
 }
 
 void PhaseRestartServer(Server& server, uint64_t tag, uint32_t frames, uint32_t threads) {
@@ -711,6 +726,7 @@ void PhaseCorrupt(const std::string& address, uint64_t tag, uint32_t frames, uin
   if (corrupt < flipped) gViolations.Report("phase d: a corrupted value was not counted");
   // Each damaged frame is deleted by its first reader and rendered again once; nothing else.
   if (renders != flipped) gViolations.Report("phase d: renders after corruption != flips");
+  ForgetFrames(address, tag, frames);
 }
 
 }  // namespace
