@@ -8,8 +8,8 @@
 #include "farm/farm_compute.h"
 #include "farm/farm_counters.h"
 #include "farm/farm_store.h"
-#include "farm/tier.h"
 #include "farm/farm_value.h"
+#include "farm/tier.h"
 #include "jxcache/items/sc_checkout.h"
 #include "testing/keyed_payload.h"
 #include "testing/redis_server.h"
@@ -87,6 +87,36 @@ TEST(FarmAddressTest, ParsesBothFormsAndRefusesOthers) {
        {"127.0.0.1:6379", "redis://:6379", "redis://h:0", "redis://h:x", "unix://relative", ""}) {
     EXPECT_FALSE(jx::farm::ParseAddress(bad, &a, &why)) << bad;
   }
+}
+
+// The server CI starts for the whole run (JX_FARM_TEST_ADDRESS) when there is one, else one of
+// the test's own on a unix socket: a value goes there, comes back whole, and expires there.
+TEST(FarmSharedServerTest, ValueRoundTripsThroughTheRunsServer) {
+  RedisServer server;
+  JX_SHARED_REDIS_OR_SKIP(server, RedisServer::Listen::kUnixSocket);
+  jx::farm::Address address;
+  std::string why;
+  ASSERT_TRUE(jx::farm::ParseAddress(server.Address(), &address, &why)) << why;
+  jx::farm::RedisPool pool({address});
+  FarmStore store(pool, "node-shared", {.ttl = std::chrono::seconds(60)});
+  jx::farm::Identity id;
+  id.guid = Guid::CreateUnique();  // never seen by another run on the same server
+  id.matchName = jx::testing::kKeyedPayloadName;
+  id.version = 1;
+  id.header = {1, 2, 3, 4, 5, 6, 7, 8};
+  const auto b = jx::testing::KeyedBytes(jx::testing::SeedOfKey(id.guid), 100000);
+  const std::string bytes(b.begin(), b.end());
+  EXPECT_EQ(store.Get(id).status, FarmStore::GetStatus::kMiss);
+  ASSERT_EQ(store.Put(id, bytes, 0.5), FarmStore::PutStatus::kWritten);
+  const FarmStore::Fetched got = store.Get(id);
+  ASSERT_EQ(got.status, FarmStore::GetStatus::kHit);
+  EXPECT_TRUE(got.payload == bytes);
+  const std::string key = jx::farm::KeyOf(id);
+  EXPECT_EQ(server.Command({"EXISTS", key}), "1");
+  const long ttl = std::stol(server.Command({"PTTL", key}));
+  EXPECT_GT(ttl, 0);
+  EXPECT_LE(ttl, 60000);
+  server.Command({"DEL", key});
 }
 
 // The library with a disk folder and a farm tier on a server of the test's own.
