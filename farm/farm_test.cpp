@@ -239,6 +239,52 @@ TEST_F(FarmTest, CorruptValueIsCountedDeletedAndAMiss) {
   EXPECT_EQ(Count(jx::farm::GetCounters().corrupt), 2u);
 }
 
+// What another program (or an older build) may leave under a key: each is counted corrupt,
+// deleted, and a miss; the key then takes a good value again.
+TEST_F(FarmTest, ForeignValuesUnderTheKeyAreCountedMissesAndTheKeyRecovers) {
+  auto& counters = jx::farm::GetCounters();
+  const Guid guid = Guid::CreateUnique();
+  const auto id = IdentityOf(guid, 4096);
+  const std::string key = jx::farm::KeyOf(id);
+  std::string version(2, '\0');
+  version[0] = static_cast<char>(jx::farm::kFormatVersion + 1);
+  const struct {
+    const char* what;
+    std::vector<std::string> damage;  // a command run on the good value
+  } cases[] = {
+      {"garbage", {"SET", key, "not a farm value, just some bytes"}},
+      {"a value longer than its header says", {"APPEND", key, "trailing"}},
+      {"a header of another format version", {"SETRANGE", key, "4", version}},
+  };
+  uint64_t expected = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    ASSERT_EQ(server_.Command({"DEL", key}).size(), 1u);
+    ASSERT_EQ(Store().Put(id, Bytes(guid, 4096), 0.5), FarmStore::PutStatus::kWritten);
+    ASSERT_NE(server_.Command(c.damage), "(fault)");
+    EXPECT_EQ(Store().Get(id).status, FarmStore::GetStatus::kCorrupt);
+    EXPECT_EQ(Count(counters.corrupt), ++expected);
+    EXPECT_EQ(server_.Command({"EXISTS", key}), "0");
+  }
+  // Through the host's API: garbage under the key is a miss, the node computes and shares the
+  // item, and the next reader gets the good value.
+  ASSERT_EQ(server_.Command({"SET", key, "garbage again"}), "OK");
+  {
+    JX_ScCheckout handle;
+    auto item = Pending(handle, guid, 4096);
+    JX_ScFarmCompute farm(item);
+    ASSERT_EQ(farm.Fetch(), JX_ScFarmCompute::kComputeHere);
+    EXPECT_EQ(Count(counters.corrupt), expected + 1);
+    item->SetStuffDataFromPendingRender(KeyedPayload::ForKey(guid, 4096), 0.5);
+    handle.Checkin(0, 0.5);
+    farm.Publish();
+  }
+  ASSERT_TRUE(JX_WaitForFarmWrites(5000));
+  const FarmStore::Fetched got = Store().Get(id);
+  ASSERT_EQ(got.status, FarmStore::GetStatus::kHit);
+  EXPECT_EQ(got.payload, Bytes(guid, 4096));
+}
+
 TEST_F(FarmTest, LargeValueGoesInPartsAndAMissingPartIsAMiss) {
   const Guid guid = Guid::CreateUnique();
   const uint32_t size = (9u << 20) + 123;  // two parts of 8 MiB at most
