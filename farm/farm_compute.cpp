@@ -273,7 +273,8 @@ bool JX_ScFarmCompute::State::Fill(jx::farm::FarmStore::Fetched& fetched) {
           reinterpret_cast<const uint8_t*>(fetched.payload.data()), fetched.payload.size());
       payload->Read(in, unshared);
     }
-    fetched.payload = std::string();  // the payload holds its own copy now
+    fetched.payload = {};  // the payload holds its own copy now
+    fetched.holder.reset();
     fetchedSeconds_ = fetched.computeSeconds;
     item_->SetStuffDataFromPendingRender(payload, fetchedSeconds_);
   } catch (...) {

@@ -112,7 +112,7 @@ FarmStore::Fetched FarmStore::Get(const Identity& identity) {
   }
   ValueHeader header;
   size_t headerSize = 0;
-  const DecodeError error = DecodeHeader(r.text, &header, &headerSize);
+  const DecodeError error = DecodeHeader(r.bytes, &header, &headerSize);
   if (error != DecodeError::kNone || !SameIdentity(header, identity)) {
     ZC_TRACE("JX_Farm", 2,
              "corrupt value " << key << ": "
@@ -128,7 +128,8 @@ FarmStore::Fetched FarmStore::Get(const Identity& identity) {
     out = ReadParts(key, header);
     if (out.status != GetStatus::kHit) return out;
   } else {
-    out.payload = r.text.substr(headerSize);
+    out.payload = r.bytes.substr(headerSize);
+    out.holder = std::move(r.owner);
   }
   if (HashPayload(out.payload.data(), out.payload.size()) != header.hash) {
     ZC_TRACE("JX_Farm", 2, "corrupt value " << key << ": checksum mismatch");
@@ -150,9 +151,10 @@ FarmStore::Fetched FarmStore::Get(const Identity& identity) {
 
 FarmStore::Fetched FarmStore::ReadParts(const std::string& key, const ValueHeader& header) {
   Fetched out;
+  auto whole = std::make_shared<std::string>();
   // Reserved up to what the first part can hold: the manifest's length comes from the server,
   // and only parts that really arrive (each of exactly its size) make the payload grow.
-  out.payload.reserve(std::min<uint64_t>(header.payloadLength, header.partBytes));
+  whole->reserve(std::min<uint64_t>(header.payloadLength, header.partBytes));
   for (uint32_t i = 0; i < header.parts; ++i) {
     Reply part = Run({"GET", PartKeyOf(key, header.partTag, i)});
     if (!part.Ok()) {
@@ -162,19 +164,20 @@ FarmStore::Fetched FarmStore::ReadParts(const std::string& key, const ValueHeade
     const uint64_t expected = i + 1 < header.parts
                                   ? header.partBytes
                                   : header.payloadLength - uint64_t{header.partBytes} * i;
-    if (part.kind != Reply::Kind::kString || part.text.size() != expected) {
+    if (part.kind != Reply::Kind::kString || part.bytes.size() != expected) {
       const bool missing = part.kind != Reply::Kind::kString;
       ZC_TRACE("JX_Farm", 2,
                "value " << key << ": part " << i << (missing ? " missing" : " of the wrong size"));
       Counters& c = GetCounters();
       (missing ? c.missingParts : c.corrupt).fetch_add(1, std::memory_order_relaxed);
       DeleteValue(key, &header);
-      out.payload.clear();
       out.status = missing ? GetStatus::kMissingPart : GetStatus::kCorrupt;
       return out;
     }
-    out.payload += part.text;
+    *whole += part.bytes;
   }
+  out.payload = *whole;
+  out.holder = std::move(whole);
   out.status = GetStatus::kHit;
   return out;
 }

@@ -23,6 +23,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -60,7 +61,10 @@ class FarmStore {
   enum class GetStatus { kHit, kMiss, kCorrupt, kMissingPart, kFault };
   struct Fetched {
     GetStatus status = GetStatus::kMiss;
-    std::string payload;
+    // The value's bytes, checked, where they arrived from the server (not copied); valid
+    // while `holder` (or a copy of it) lives.
+    std::string_view payload;
+    std::shared_ptr<const void> holder;
     double computeSeconds = 0.0;
     std::string writerNode;
   };

@@ -89,6 +89,36 @@ TEST(FarmAddressTest, ParsesBothFormsAndRefusesOthers) {
   }
 }
 
+// The server CI starts for the whole run (JX_FARM_TEST_ADDRESS) when there is one, else one of
+// the test's own on a unix socket: a value goes there, comes back whole, and expires there.
+TEST(FarmSharedServerTest, ValueRoundTripsThroughTheRunsServer) {
+  RedisServer server;
+  JX_SHARED_REDIS_OR_SKIP(server, RedisServer::Listen::kUnixSocket);
+  jx::farm::Address address;
+  std::string why;
+  ASSERT_TRUE(jx::farm::ParseAddress(server.Address(), &address, &why)) << why;
+  jx::farm::RedisPool pool({address});
+  FarmStore store(pool, "node-shared", {.ttl = std::chrono::seconds(60)});
+  jx::farm::Identity id;
+  id.guid = Guid::CreateUnique();  // never seen by another run on the same server
+  id.matchName = jx::testing::kKeyedPayloadName;
+  id.version = 1;
+  id.header = {1, 2, 3, 4, 5, 6, 7, 8};
+  const auto b = jx::testing::KeyedBytes(jx::testing::SeedOfKey(id.guid), 100000);
+  const std::string bytes(b.begin(), b.end());
+  EXPECT_EQ(store.Get(id).status, FarmStore::GetStatus::kMiss);
+  ASSERT_EQ(store.Put(id, bytes, 0.5), FarmStore::PutStatus::kWritten);
+  const FarmStore::Fetched got = store.Get(id);
+  ASSERT_EQ(got.status, FarmStore::GetStatus::kHit);
+  EXPECT_TRUE(got.payload == bytes);
+  const std::string key = jx::farm::KeyOf(id);
+  EXPECT_EQ(server.Command({"EXISTS", key}), "1");
+  const long ttl = std::stol(server.Command({"PTTL", key}));
+  EXPECT_GT(ttl, 0);
+  EXPECT_LE(ttl, 60000);
+  server.Command({"DEL", key});
+}
+
 // The library with a disk folder and a farm tier on a server of the test's own.
 class FarmTest : public jx::testing::DiskTest {
  protected:
@@ -207,6 +237,52 @@ TEST_F(FarmTest, CorruptValueIsCountedDeletedAndAMiss) {
   ASSERT_EQ(server_.Command({"COPY", jx::farm::KeyOf(IdentityOf(other, 64)), key}), "1");
   EXPECT_EQ(Store().Get(id).status, FarmStore::GetStatus::kCorrupt);
   EXPECT_EQ(Count(jx::farm::GetCounters().corrupt), 2u);
+}
+
+// What another program (or an older build) may leave under a key: each is counted corrupt,
+// deleted, and a miss; the key then takes a good value again.
+TEST_F(FarmTest, ForeignValuesUnderTheKeyAreCountedMissesAndTheKeyRecovers) {
+  auto& counters = jx::farm::GetCounters();
+  const Guid guid = Guid::CreateUnique();
+  const auto id = IdentityOf(guid, 4096);
+  const std::string key = jx::farm::KeyOf(id);
+  std::string version(2, '\0');
+  version[0] = static_cast<char>(jx::farm::kFormatVersion + 1);
+  const struct {
+    const char* what;
+    std::vector<std::string> damage;  // a command run on the good value
+  } cases[] = {
+      {"garbage", {"SET", key, "not a farm value, just some bytes"}},
+      {"a value longer than its header says", {"APPEND", key, "trailing"}},
+      {"a header of another format version", {"SETRANGE", key, "4", version}},
+  };
+  uint64_t expected = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    ASSERT_EQ(server_.Command({"DEL", key}).size(), 1u);
+    ASSERT_EQ(Store().Put(id, Bytes(guid, 4096), 0.5), FarmStore::PutStatus::kWritten);
+    ASSERT_NE(server_.Command(c.damage), "(fault)");
+    EXPECT_EQ(Store().Get(id).status, FarmStore::GetStatus::kCorrupt);
+    EXPECT_EQ(Count(counters.corrupt), ++expected);
+    EXPECT_EQ(server_.Command({"EXISTS", key}), "0");
+  }
+  // Through the host's API: garbage under the key is a miss, the node computes and shares the
+  // item, and the next reader gets the good value.
+  ASSERT_EQ(server_.Command({"SET", key, "garbage again"}), "OK");
+  {
+    JX_ScCheckout handle;
+    auto item = Pending(handle, guid, 4096);
+    JX_ScFarmCompute farm(item);
+    ASSERT_EQ(farm.Fetch(), JX_ScFarmCompute::kComputeHere);
+    EXPECT_EQ(Count(counters.corrupt), expected + 1);
+    item->SetStuffDataFromPendingRender(KeyedPayload::ForKey(guid, 4096), 0.5);
+    handle.Checkin(0, 0.5);
+    farm.Publish();
+  }
+  ASSERT_TRUE(JX_WaitForFarmWrites(5000));
+  const FarmStore::Fetched got = Store().Get(id);
+  ASSERT_EQ(got.status, FarmStore::GetStatus::kHit);
+  EXPECT_EQ(got.payload, Bytes(guid, 4096));
 }
 
 TEST_F(FarmTest, LargeValueGoesInPartsAndAMissingPartIsAMiss) {

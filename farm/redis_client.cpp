@@ -32,15 +32,19 @@ Fault FaultOf(const redisContext* c) {
   return Fault::kConnection;
 }
 
-Reply Convert(const redisReply* r) {
+// Takes `r` over: a string reply keeps it as the owner of its bytes, any other frees it.
+Reply Convert(redisReply* r) {
   Reply out;
+  if (r->type == REDIS_REPLY_STRING) {
+    out.kind = Reply::Kind::kString;
+    out.bytes = std::string_view(r->str, r->len);
+    out.owner = std::shared_ptr<const void>(
+        r, [](const void* p) { freeReplyObject(const_cast<void*>(p)); });
+    return out;
+  }
   switch (r->type) {
     case REDIS_REPLY_NIL:
       out.kind = Reply::Kind::kNil;
-      break;
-    case REDIS_REPLY_STRING:
-      out.kind = Reply::Kind::kString;
-      out.text.assign(r->str, r->len);
       break;
     case REDIS_REPLY_STATUS:
       out.kind = Reply::Kind::kStatus;
@@ -61,6 +65,7 @@ Reply Convert(const redisReply* r) {
       out.fault = Fault::kRefused;
       break;
   }
+  freeReplyObject(r);
   return out;
 }
 
@@ -206,7 +211,6 @@ Reply RedisPool::Command(const std::vector<std::string_view>& args) {
     return out;
   }
   out = Convert(r);
-  freeReplyObject(r);
   if (out.fault == Fault::kRefused) {
     ZC_TRACE("JX_Farm", 3, "command " << args[0] << " refused: " << out.text);
   }

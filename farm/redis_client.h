@@ -17,6 +17,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -49,7 +50,12 @@ const char* DescribeFault(Fault fault);
 struct Reply {
   enum class Kind : uint8_t { kNil, kString, kInteger, kStatus, kArray, kError, kNone };
   Kind kind = Kind::kNone;
-  std::string text;  // string, status or error text
+  std::string text;  // status or error text
+  // A string reply's bytes where they arrived, not copied again: a value is up to a part's
+  // 8 MiB, and a second copy costs a fetch a good share of its time. Valid while `owner` (or a
+  // copy of it) lives.
+  std::string_view bytes;
+  std::shared_ptr<const void> owner;
   long long integer = 0;
   Fault fault = Fault::kNone;
   bool Ok() const { return fault == Fault::kNone; }

@@ -69,6 +69,31 @@ bool RedisServer::Required() {
   return v && std::string(v) == "1";
 }
 
+const char* RedisServer::SharedAddress() {
+  const char* v = std::getenv("JX_FARM_TEST_ADDRESS");
+  return v && *v ? v : nullptr;
+}
+
+bool RedisServer::Share(Listen listen, std::string* why) {
+  const char* shared = SharedAddress();
+  if (!shared) return Start(listen, why);
+  const std::string address = shared;
+  if (address.rfind("unix://", 0) == 0 && address.size() > 7) {
+    socket_ = address.substr(7);
+  } else if (address.rfind("redis://", 0) == 0 && address.find(':', 8) != std::string::npos) {
+    const size_t colon = address.rfind(':');
+    host_ = address.substr(8, colon - 8);
+    port_ = std::atoi(address.c_str() + colon + 1);
+  } else {
+    *why = "JX_FARM_TEST_ADDRESS: neither unix:///path nor redis://HOST:PORT: " + address;
+    return false;
+  }
+  address_ = address;
+  if (Command({"PING"}) == "PONG") return true;
+  *why = "JX_FARM_TEST_ADDRESS: " + address + " does not answer";
+  return false;
+}
+
 bool RedisServer::Start(Listen listen, std::string* why) {
   const std::string binary = FindOnPath("redis-server");
   if (binary.empty()) {
@@ -132,7 +157,7 @@ bool RedisServer::Start(Listen listen, std::string* why) {
 
 std::string RedisServer::Command(const std::vector<std::string>& args) {
   const timeval tv{2, 0};
-  redisContext* c = socket_.empty() ? redisConnectWithTimeout("127.0.0.1", port_, tv)
+  redisContext* c = socket_.empty() ? redisConnectWithTimeout(host_.c_str(), port_, tv)
                                     : redisConnectUnixWithTimeout(socket_.c_str(), tv);
   if (!c || c->err) {
     if (c) redisFree(c);

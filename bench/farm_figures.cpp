@@ -1,0 +1,180 @@
+// The farm tier against what its server can do: a farm hit of an 8 MiB frame (FarmStore::Get:
+// the GET, the header's checks and the XXH3-128 of the payload, as every lookup reads a value)
+// against a raw hiredis GET of the very same value from the same server. Both run in turns in
+// one process on a redis-server of its own (a unix socket, no persistence), so that a machine
+// whose speed drifts slows both alike. Prints the figures as JSON for bench_report (--extra).
+#include <hiredis/hiredis.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "farm/farm_store.h"
+#include "farm/redis_client.h"
+#include "jxcache/host/guid.h"
+#include "jxcache/lifecycle/lifecycle.h"
+#include "standalone/standalone_host.h"
+
+namespace {
+
+constexpr size_t kFrameBytes = 8u << 20;
+constexpr int kRounds = 60;
+
+std::string FindRedisServer() {
+  const char* path = std::getenv("PATH");
+  std::stringstream all(path ? path : "/usr/bin:/bin");
+  std::string dir;
+  while (std::getline(all, dir, ':')) {
+    const std::string candidate = dir + "/redis-server";
+    if (::access(candidate.c_str(), X_OK) == 0) return candidate;
+  }
+  return {};
+}
+
+double Seconds(std::chrono::steady_clock::time_point since) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
+}
+
+nlohmann::json Missing(const char* why) {
+  std::fprintf(stderr, "farm_figures: %s\n", why);
+  return {{"figures", nlohmann::json::array()}};
+}
+
+nlohmann::json Measure(const std::string& socket) {
+  const timeval timeout{5, 0};
+  redisContext* raw = nullptr;
+  for (int i = 0; i < 250 && (!raw || raw->err); ++i) {
+    if (raw) redisFree(raw);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    raw = redisConnectUnixWithTimeout(socket.c_str(), timeout);
+  }
+  if (!raw || raw->err) return Missing("redis-server did not answer");
+  redisSetTimeout(raw, timeout);
+
+  jx::farm::Address address;
+  std::string why;
+  jx::farm::ParseAddress("unix://" + socket, &address, &why);
+  jx::farm::RedisPool::Options options;
+  options.address = address;
+  options.commandTimeout = std::chrono::milliseconds(5000);
+  jx::farm::RedisPool pool(options);
+  jx::farm::FarmStore store(pool, "bench", {});
+  jx::farm::Identity id;
+  id.guid = zelcore::utility::Guid::CreateUnique();
+  id.matchName = "BenchFrame";
+  id.version = 1;
+  id.header = {1, 2, 3, 4};
+  std::string frame(kFrameBytes, '\0');
+  for (size_t i = 0; i < kFrameBytes; ++i) frame[i] = static_cast<char>((i * 2654435761u) >> 13);
+  if (store.Put(id, frame, 1.0) != jx::farm::FarmStore::PutStatus::kWritten) {
+    redisFree(raw);
+    return Missing("could not store the frame");
+  }
+  const std::string key = jx::farm::KeyOf(id);
+
+  bool allGood = true;
+  std::vector<double> times[2];                     // ours, raw: each round's seconds
+  for (int round = -2; round < kRounds; ++round) {  // two rounds to warm up, not counted
+    double seconds[2] = {0, 0};
+    for (int turn = 0; turn < 2; ++turn) {
+      const bool ours = (turn == 0) == (round % 2 == 0);
+      const auto t0 = std::chrono::steady_clock::now();
+      if (ours) {
+        const jx::farm::FarmStore::Fetched got = store.Get(id);
+        seconds[0] = Seconds(t0);
+        allGood = allGood && got.status == jx::farm::FarmStore::GetStatus::kHit &&
+                  got.payload.size() == kFrameBytes;
+        if (round == 0) allGood = allGood && got.payload == frame;
+      } else {
+        auto* r = static_cast<redisReply*>(redisCommand(raw, "GET %b", key.data(), key.size()));
+        seconds[1] = Seconds(t0);
+        allGood = allGood && r && r->type == REDIS_REPLY_STRING && r->len > kFrameBytes;
+        if (r) freeReplyObject(r);
+      }
+    }
+    if (round >= 0) {
+      times[0].push_back(seconds[0]);
+      times[1].push_back(seconds[1]);
+    }
+  }
+  redisFree(raw);
+  if (!allGood) return Missing("a read came back wrong");
+  // The median round of each: a shared machine's other work lands on a few rounds of either
+  // side, and a total would charge it to whichever side it hit.
+  double rate[2];
+  for (int side = 0; side < 2; ++side) {
+    std::vector<double>& t = times[side];
+    std::nth_element(t.begin(), t.begin() + t.size() / 2, t.end());
+    rate[side] = kFrameBytes / t[t.size() / 2];
+  }
+  std::fprintf(stderr,
+               "farm_figures: farm hit %.0f MB/s, raw GET %.0f MB/s (median of %d rounds)\n",
+               rate[0] / 1e6, rate[1] / 1e6, kRounds);
+  return {{"figures",
+           {{{"figure", "farm: hit of 8 MiB (checked) vs raw hiredis GET, same server"},
+             {"jxcache", rate[0]},
+             {"peer", rate[1]},
+             {"peer_name", "raw GET"},
+             {"unit", "MB/s"}}}}};
+}
+
+}  // namespace
+
+int main() {
+  const std::string binary = FindRedisServer();
+  if (binary.empty()) {
+    std::printf("%s\n", Missing("redis-server is not installed").dump(2).c_str());
+    return 0;
+  }
+  char pattern[] = "/tmp/jx-farm-bench-XXXXXX";
+  if (!::mkdtemp(pattern)) return 1;
+  const std::string dir = pattern;
+  const std::string socket = dir + "/redis.sock";
+  std::vector<std::string> args = {binary,
+                                   "--port",
+                                   "0",
+                                   "--unixsocket",
+                                   socket,
+                                   "--save",
+                                   "",
+                                   "--appendonly",
+                                   "no",
+                                   "--maxmemory",
+                                   "256mb",
+                                   "--dir",
+                                   dir,
+                                   "--daemonize",
+                                   "no",
+                                   "--logfile",
+                                   dir + "/redis.log"};
+  const pid_t server = ::fork();
+  if (server == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    ::execv(binary.c_str(), argv.data());
+    ::_exit(127);
+  }
+  jx::StandaloneHost::Instance().SetEchoReports(false);
+  JX_Birth(false, 1, false);
+  const nlohmann::json figures = Measure(socket);
+  JX_Death();
+  ::kill(server, SIGKILL);
+  ::waitpid(server, nullptr, 0);
+  std::error_code ec;
+  std::filesystem::remove_all(dir, ec);
+  std::printf("%s\n", figures.dump(2).c_str());
+  return 0;
+}
