@@ -650,7 +650,9 @@ void PhaseKillNode(const std::string& address, uint64_t tag, uint32_t frames, ui
       held, frames, static_cast<unsigned long long>(renders), ratio,
       static_cast<unsigned long long>(takeovers));
   if (renders * 100 > uint64_t{frames} * 105) gViolations.Report("phase b: renders over 1.05x");
-  if (held > 0 && takeovers == 0) gViolations.Report("phase b: no lease was taken over");
+  // No check on the takeovers themselves: a survivor that reaches a dead node's frame after its
+  // lease has already lapsed takes the lease like any free one, so whether the survivors see a
+  // takeover depends on timing. What must hold is above: every frame rendered, within 1.05x.
   ForgetFrames(address, tag, frames);
 }
 
