@@ -99,8 +99,11 @@ class DelayTimer {
         continue;
       }
       auto first = entries_.begin();
-      if (Clock::now() < first->first.first) {
-        cv_.wait_until(lock.Native(), first->first.first);
+      // A copy: wait_until reads its deadline again after waking, and an Unschedule while this
+      // thread waits may have freed the entry that held it.
+      const Clock::time_point due = first->first.first;
+      if (Clock::now() < due) {
+        cv_.wait_until(lock.Native(), due);
         continue;
       }
       std::function<void()> fire = std::move(first->second);
