@@ -18,22 +18,13 @@
 #include "tools/jxcache/session_disk.h"
 #include "tools/jxcache/size_arg.h"
 #include "tools/jxcache/table.h"
+#include "tools/jxcache/tally.h"
 #include "tools/jxcache/tool_error.h"
 
 namespace fs = std::filesystem;
 
 namespace jx::tool {
 namespace {
-
-constexpr size_t kNamesListed = 20;
-
-struct Tally {
-  uint64_t files = 0, bytes = 0;
-  void Add(uint64_t size) {
-    ++files;
-    bytes += size;
-  }
-};
 
 enum class EntryKind { kCacheFile, kTemporary, kOther };
 
@@ -151,10 +142,6 @@ std::string UtcTime(int64_t seconds) {
   char buf[64];
   std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tm);
   return buf;
-}
-
-nlohmann::ordered_json TallyJson(const Tally& t) {
-  return {{"files", t.files}, {"bytes", t.bytes}};
 }
 
 nlohmann::ordered_json FileJson(const std::optional<Entry>& e) {

@@ -11,22 +11,13 @@
 #include "host/safe_save.h"
 #include "tools/jxcache/size_arg.h"
 #include "tools/jxcache/table.h"
+#include "tools/jxcache/tally.h"
 #include "tools/jxcache/tool_error.h"
 
 namespace fs = std::filesystem;
 
 namespace jx::tool {
 namespace {
-
-constexpr size_t kNamesListed = 20;
-
-struct Tally {
-  uint64_t files = 0, bytes = 0;
-  void Add(uint64_t size) {
-    ++files;
-    bytes += size;
-  }
-};
 
 // What the folder holds, from directory entries only: no file is opened.
 struct FolderContents {
@@ -76,10 +67,6 @@ FolderContents Scan(const std::string& dir) {
     if (it->is_regular_file(ec)) Classify(*it, dir, &c);
   }
   return c;
-}
-
-nlohmann::ordered_json TallyJson(const Tally& t) {
-  return {{"files", t.files}, {"bytes", t.bytes}};
 }
 
 void PrintJson(const std::string& dir, const FolderContents& c, uint64_t limit) {
