@@ -716,15 +716,18 @@ void PhaseCorrupt(const std::string& address, uint64_t tag, uint32_t frames, uin
   first[0].pid = SpawnNode(first[0].args);
   Finish(first[0], "phase d: waiting for the first node");
   uint64_t flipped = 0;
-  for (uint32_t f = 3; f < frames; f += 10) {
+  uint64_t unshared = 0;  // frames the first node kept to itself: the later nodes render them
+  for (uint32_t f = 0; f < frames; ++f) {
     const std::string pattern = "jxfarm:" + FrameGuid(tag, f).AsString() + "*";
     const auto keys = Lines(Command(address, {"KEYS", pattern}));
     if (keys.size() != 1) {
       // Under the sanitizers the write rule may have kept a frame to itself (see
       // kCheckRenderCounts); such a frame has nothing to damage.
       if (kCheckRenderCounts) gViolations.Report("phase d: a shared frame is not on the server");
+      ++unshared;
       continue;
     }
+    if (f % 10 != 3) continue;
     const std::string length = Command(address, {"STRLEN", keys[0]});
     const std::string at = std::to_string(std::stol(length) - 100);  // inside the payload
     const std::string old = Command(address, {"GETRANGE", keys[0], at, at});
@@ -745,13 +748,18 @@ void PhaseCorrupt(const std::string& address, uint64_t tag, uint32_t frames, uin
   const uint64_t corrupt = Sum(nodes, "corrupt");
   std::printf(
       "phase d (values corrupted): %u frames, %llu flipped, %llu counted corrupt, %llu "
-      "renders after\n",
+      "renders after, %llu not shared\n",
       frames, static_cast<unsigned long long>(flipped), static_cast<unsigned long long>(corrupt),
-      static_cast<unsigned long long>(renders));
+      static_cast<unsigned long long>(renders), static_cast<unsigned long long>(unshared));
   if (flipped == 0) gViolations.Report("phase d: nothing was corrupted");
   if (corrupt < flipped) gViolations.Report("phase d: a corrupted value was not counted");
   // Each damaged frame is deleted by its first reader and rendered again once; nothing else.
-  if (renders != flipped) gViolations.Report("phase d: renders after corruption != flips");
+  // Under the sanitizers a frame rendered again may also be kept to itself by its renderer, so
+  // the other node may render it once more: at least once, at most twice per such frame.
+  if (kCheckRenderCounts ? renders != flipped
+                         : renders < flipped || renders > 2 * (flipped + unshared)) {
+    gViolations.Report("phase d: renders after corruption != flips");
+  }
   ForgetFrames(address, tag, frames);
 }
 
