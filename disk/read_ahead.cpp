@@ -1,0 +1,260 @@
+#include "jxcache/disk/read_ahead.h"
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+
+#include "jxcache/bag/bag.h"
+#include "jxcache/bag/global_bag.h"
+#include "jxcache/common/jx_types.h"
+#include "jxcache/host/guid.h"
+#include "jxcache/host/high_precision_time.h"
+#include "jxcache/items/sc_checkout.h"
+#include "jxcache/items/stuff.h"
+
+namespace cf = jx::checkout_flags;
+namespace ci = jx::checkin_flags;
+using zelcore::utility::Guid;
+
+namespace {
+
+// An item the walk holds checked out, and what it knew of it when it took it.
+struct Held {
+  std::unique_ptr<JX_ScCheckout> handle;
+  JX_ReadAhead::StuffPtr item;
+  uint64_t bytes = 0;
+  uint64_t usedAtTake = 0;  // its last-used time once held: a later one means someone used it
+  bool readBack = false;    // read back by the walk, not found in memory
+};
+
+}  // namespace
+
+struct JX_ReadAhead::State {
+  explicit State(Options o) : options(std::move(o)) {}
+
+  const Options options;
+
+  mutable std::mutex mutex;
+  std::condition_variable wake;
+  mutable std::condition_variable idle;
+  // Guarded by mutex: the plan, the number of the newest one and of the last one walked.
+  std::vector<StuffPtr> plan;
+  uint64_t generation = 0;
+  uint64_t walked = 0;
+  bool stopping = false;
+  bool havePrevious = false;
+  int previousDirection = 0;
+  std::unordered_set<Guid> previousKeys;  // the previous playhead and the keys ahead of it
+
+  std::thread thread;  // started by the first plan
+
+  std::atomic<uint64_t> prefetched{0}, prefetchedBytes{0}, hits{0}, wasted{0}, notInCache{0},
+      failedReads{0}, jumps{0}, stoppedAtShare{0}, heldBytes{0}, readNanos{0};
+
+  // The walk's own, touched by its thread only.
+  std::unordered_map<Guid, Held> held;
+
+  bool Superseded(uint64_t gen) {
+    std::lock_guard<std::mutex> l(mutex);
+    return stopping || generation != gen;
+  }
+
+  void Run() {
+    for (;;) {
+      std::vector<StuffPtr> todo;
+      uint64_t gen;
+      {
+        std::unique_lock<std::mutex> l(mutex);
+        wake.wait(l, [&] { return stopping || generation != walked; });
+        if (stopping) break;
+        todo = plan;
+        gen = generation;
+      }
+      Walk(todo, gen);
+      {
+        std::lock_guard<std::mutex> l(mutex);
+        walked = gen;
+      }
+      idle.notify_all();
+    }
+    LetGoOfAll();
+    idle.notify_all();
+  }
+
+  void Walk(const std::vector<StuffPtr>& todo, uint64_t gen) {
+    std::unordered_set<Guid> wanted;
+    for (const StuffPtr& request : todo) {
+      if (request) wanted.insert(request->GetGuid());
+    }
+    for (auto it = held.begin(); it != held.end();) {
+      if (wanted.count(it->first)) {
+        ++it;
+      } else {
+        LetGo(it->second);
+        it = held.erase(it);
+      }
+    }
+    const std::shared_ptr<JX_Bag> bag = JX_GlobalBag();
+    if (!bag) return;
+    const double share = std::clamp(options.budgetShare, 0.0, 1.0);
+    const uint64_t limit =
+        static_cast<uint64_t>(share * static_cast<double>(bag->GetCurrentMaxCacheSize()));
+    for (const StuffPtr& request : todo) {
+      if (Superseded(gen)) return;
+      if (!request) continue;
+      const Guid guid = request->GetGuid();
+      if (held.count(guid)) continue;
+      auto handle = std::make_unique<JX_ScCheckout>();
+      // Never waits for a render: a pending frame is being made by someone who wants it now.
+      if (handle->FindAndCheckout(request, cf::kReadOnly | cf::kNoDiskRead) != kJX_CheckedOut) {
+        notInCache.fetch_add(1, std::memory_order_relaxed);
+        continue;
+      }
+      StuffPtr item = handle->GetStuffPtr();
+      if (!item || item->IsPendingRender()) {
+        notInCache.fetch_add(1, std::memory_order_relaxed);
+        CheckIn(*handle);
+        continue;
+      }
+      const bool inMemory = handle->IsInMemory();
+      const uint64_t bytes =
+          inMemory ? item->GetAccountedMemorySize() : item->GetAccountedDiskSize();
+      if (heldBytes.load(std::memory_order_relaxed) + bytes > limit) {
+        // Further frames wait for the playhead: making room for them would free nearer ones.
+        stoppedAtShare.fetch_add(1, std::memory_order_relaxed);
+        CheckIn(*handle);
+        return;
+      }
+      if (!inMemory && !ReadBack(*handle, bytes)) {
+        CheckIn(*handle);
+        continue;
+      }
+      heldBytes.fetch_add(bytes, std::memory_order_relaxed);
+      Held h;
+      h.usedAtTake = item->GetLastUsedTime();
+      h.handle = std::move(handle);
+      h.item = std::move(item);
+      h.bytes = bytes;
+      h.readBack = !inMemory;
+      held.emplace(guid, std::move(h));
+    }
+  }
+
+  bool ReadBack(JX_ScCheckout& handle, uint64_t bytes) {
+    if (options.beforeRead) options.beforeRead(bytes);
+    const uint64_t start = zelcore::utility::HighPrecisionTime::GetCurrentTimeStamp();
+    bool ok = false;
+    try {
+      ok = handle.EnsureInMemory();
+    } catch (...) {
+      // The library has counted the failure and deleted the file; the frame is rendered later
+      // by whoever asks for it.
+      failedReads.fetch_add(1, std::memory_order_relaxed);
+    }
+    const uint64_t end = zelcore::utility::HighPrecisionTime::GetCurrentTimeStamp();
+    if (options.afterRead) options.afterRead(bytes);
+    if (!ok) return false;
+    readNanos.fetch_add(end - start, std::memory_order_relaxed);  // stamps count nanoseconds
+    prefetched.fetch_add(1, std::memory_order_relaxed);
+    prefetchedBytes.fetch_add(bytes, std::memory_order_relaxed);
+    return true;
+  }
+
+  // Keeps the item's place in the recency order: an unused frame read ahead goes first when
+  // memory is short; one that was used has been renewed by its user.
+  static void CheckIn(JX_ScCheckout& handle) {
+    try {
+      handle.Checkin(ci::kKeepRecency, 0.0);
+    } catch (...) {
+      // A check-in the item refused leaves nothing to undo here.
+    }
+  }
+
+  void LetGo(Held& h) {
+    if (h.readBack) {
+      if (h.item->GetLastUsedTime() > h.usedAtTake) {
+        hits.fetch_add(1, std::memory_order_relaxed);
+      } else {
+        wasted.fetch_add(1, std::memory_order_relaxed);
+      }
+    }
+    heldBytes.fetch_sub(h.bytes, std::memory_order_relaxed);
+    CheckIn(*h.handle);
+  }
+
+  void LetGoOfAll() {
+    for (auto& [guid, h] : held) LetGo(h);
+    held.clear();
+  }
+};
+
+JX_ReadAhead::JX_ReadAhead() : JX_ReadAhead(Options{}) {}
+
+JX_ReadAhead::JX_ReadAhead(Options options) : state_(std::make_shared<State>(std::move(options))) {}
+
+JX_ReadAhead::~JX_ReadAhead() { Stop(); }
+
+void JX_ReadAhead::SetPlayhead(const StuffPtr& playhead, int direction,
+                               std::vector<StuffPtr> ahead) {
+  State& s = *state_;
+  std::unordered_set<Guid> keys;
+  if (playhead) keys.insert(playhead->GetGuid());
+  for (const StuffPtr& request : ahead) {
+    if (request) keys.insert(request->GetGuid());
+  }
+  {
+    std::lock_guard<std::mutex> l(s.mutex);
+    if (s.stopping) return;
+    if (s.havePrevious && (direction != s.previousDirection || !playhead ||
+                           !s.previousKeys.count(playhead->GetGuid()))) {
+      s.jumps.fetch_add(1, std::memory_order_relaxed);
+    }
+    s.havePrevious = true;
+    s.previousDirection = direction;
+    s.previousKeys = std::move(keys);
+    s.plan = std::move(ahead);
+    ++s.generation;
+    if (!s.thread.joinable()) s.thread = std::thread([&s] { s.Run(); });
+  }
+  s.wake.notify_one();
+}
+
+void JX_ReadAhead::Stop() {
+  State& s = *state_;
+  std::thread thread;
+  {
+    std::lock_guard<std::mutex> l(s.mutex);
+    s.stopping = true;
+    thread = std::move(s.thread);
+  }
+  s.wake.notify_one();
+  if (thread.joinable()) thread.join();
+}
+
+bool JX_ReadAhead::WaitIdle(std::chrono::milliseconds timeout) const {
+  const State& s = *state_;
+  std::unique_lock<std::mutex> l(s.mutex);
+  return s.idle.wait_for(l, timeout, [&] { return s.stopping || s.walked == s.generation; });
+}
+
+JX_ReadAheadCounters JX_ReadAhead::GetCounters() const {
+  const State& s = *state_;
+  auto n = [](const std::atomic<uint64_t>& v) { return v.load(std::memory_order_relaxed); };
+  JX_ReadAheadCounters c;
+  c.prefetched = n(s.prefetched);
+  c.prefetchedBytes = n(s.prefetchedBytes);
+  c.hitsOnPrefetched = n(s.hits);
+  c.wasted = n(s.wasted);
+  c.notInCache = n(s.notInCache);
+  c.failedReads = n(s.failedReads);
+  c.jumps = n(s.jumps);
+  c.stoppedAtShare = n(s.stoppedAtShare);
+  c.heldBytes = n(s.heldBytes);
+  c.readSeconds = static_cast<double>(n(s.readNanos)) * 1e-9;
+  return c;
+}

@@ -1,0 +1,201 @@
+// Read-ahead around a playhead: what it reads, what it holds and for how long, what it does when
+// the playhead jumps, and how it treats keys it cannot read.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <latch>
+
+#include "disk/disk_counters.h"
+#include "disk/disk_test_support.h"
+#include "jxcache/bag/bag.h"
+#include "jxcache/disk/read_ahead.h"
+#include "jxcache/items/sc_checkout.h"
+#include "standalone/standalone_host.h"
+
+namespace cf = jx::checkout_flags;
+using zelcore::utility::Guid;
+using zelcore::utility::IntrusivePtr;
+using StuffPtr = IntrusivePtr<JX_Stuff>;
+
+namespace {
+
+constexpr unsigned int kSize = 40000;
+constexpr auto kLong = std::chrono::seconds(30);  // a hang guard, never a measure
+
+class ReadAheadTest : public jx::testing::DiskTest {
+ protected:
+  void SetUp() override {
+    DiskTest::SetUp();
+    jx::testing::RegisterTestPayloadFactory();
+    // The cache may grow to what it holds plus this much: the read-ahead's share is of that.
+    jx::StandaloneHost::Instance().SetAmountAvailableBeforePurgeFunction([this] {
+      return room_ - static_cast<uint64_t>(bag_->GetInMemoryCacheSizeInBytes_LockFree());
+    });
+  }
+  void TearDown() override {
+    jx::StandaloneHost::Instance().SetAmountAvailableBeforePurgeFunction({});
+    DiskTest::TearDown();
+  }
+
+  // `n` items whose payloads are on disk only, in playback order.
+  std::vector<Guid> FramesOnDiskOnly(int n) {
+    std::vector<Guid> guids;
+    for (int i = 0; i < n; ++i) {
+      auto item = AddDiskCacheableItem(kSize);
+      item->PrepAndWrite(bag_);
+      EXPECT_TRUE(item->HasDiskCacheFile());
+      guids.push_back(item->GetGuid());
+      items_.push_back(item);
+    }
+    EXPECT_TRUE(jx::testing::WriterDrained());
+    fileBytes_ = items_.at(0)->GetAccountedDiskSize();
+    room_ = 100 * fileBytes_;
+    for (auto& item : items_) {
+      JX_Stuff::ReleaseQueue queue;
+      item->FreeUpAsMuchAsPossible(false, &queue);
+      EXPECT_FALSE(item->IsInMemory());
+    }
+    return guids;
+  }
+  static std::vector<StuffPtr> Requests(const std::vector<Guid>& guids, size_t from, size_t to) {
+    std::vector<StuffPtr> out;
+    for (size_t i = from; i < to && i < guids.size(); ++i) {
+      out.push_back(jx::testing::MakeRequest(guids[i]));
+    }
+    return out;
+  }
+  int InMemory(size_t from, size_t to) const {
+    int n = 0;
+    for (size_t i = from; i < to; ++i) n += items_[i]->IsInMemory() ? 1 : 0;
+    return n;
+  }
+  // What a viewer does with a frame: checks it out and back in.
+  static bool Use(const Guid& guid) {
+    JX_ScCheckout handle;
+    if (handle.FindAndCheckout(jx::testing::MakeRequest(guid), cf::kReadOnly | cf::kNoDiskRead) !=
+        kJX_CheckedOut)
+      return false;
+    return handle.IsInMemory();
+  }
+
+  uint64_t fileBytes_ = 0;
+  uint64_t room_ = 1ull << 30;  // a cache of 100 frames once they are made
+  std::vector<StuffPtr> items_;
+};
+
+TEST_F(ReadAheadTest, ReadsNearestFirstWithinItsShareAndHoldsWhatItReadAgainstPurges) {
+  const auto guids = FramesOnDiskOnly(40);
+  JX_ReadAhead::Options options;
+  options.budgetShare = 0.1;  // 10 frames of the 100
+  uint64_t reads = 0;
+  options.beforeRead = [&](uint64_t bytes) {
+    EXPECT_EQ(bytes, fileBytes_);
+    ++reads;
+  };
+  JX_ReadAhead readAhead(options);
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 40));
+  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  auto c = readAhead.GetCounters();
+  // The ten nearest, and nothing further: reading frame 11 would take more than the share.
+  EXPECT_EQ(InMemory(1, 11), 10);
+  EXPECT_EQ(InMemory(11, 40), 0);
+  EXPECT_EQ(c.prefetched, 10u);
+  EXPECT_EQ(reads, 10u);
+  EXPECT_EQ(c.stoppedAtShare, 1u);
+  EXPECT_EQ(c.heldBytes, 10u * fileBytes_);
+  // What it holds is checked out: a purge of everything leaves it in memory.
+  bag_->PurgeAllMemoryCaches();
+  EXPECT_EQ(InMemory(1, 11), 10);
+
+  // The viewer uses frames 1 to 4; the playhead moves to 5: those are let go as used, and the
+  // share now reaches 14.
+  for (int i = 1; i <= 4; ++i) ASSERT_TRUE(Use(guids[i]));
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[5]), 1, Requests(guids, 6, 40));
+  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  c = readAhead.GetCounters();
+  EXPECT_EQ(c.hitsOnPrefetched, 4u);
+  EXPECT_EQ(c.wasted, 1u);  // frame 5, read but never used, has been passed by the playhead
+  EXPECT_EQ(c.jumps, 0u);
+  EXPECT_EQ(InMemory(6, 16), 10);
+  EXPECT_EQ(c.prefetched, 15u);
+  readAhead.Stop();
+  c = readAhead.GetCounters();
+  EXPECT_EQ(c.wasted, 11u);  // 6..15, let go unused at the stop
+  EXPECT_EQ(c.heldBytes, 0u);
+  EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
+}
+
+TEST_F(ReadAheadTest, AJumpStopsTheOldPlanAfterTheReadUnderWay) {
+  const auto guids = FramesOnDiskOnly(30);
+  std::latch firstReadStarted(1), jumped(1);
+  std::atomic<int> reads{0};
+  JX_ReadAhead::Options options;
+  options.budgetShare = 1.0;
+  options.beforeRead = [&](uint64_t) {
+    if (reads.fetch_add(1) == 0) {
+      firstReadStarted.count_down();
+      jumped.wait();
+    }
+  };
+  JX_ReadAhead readAhead(options);
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 10));
+  firstReadStarted.wait();
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[20]), 1, Requests(guids, 21, 25));
+  jumped.count_down();
+  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  const auto c = readAhead.GetCounters();
+  EXPECT_EQ(c.jumps, 1u);
+  // Of the old plan only the read under way happened, and it was let go unused.
+  EXPECT_EQ(InMemory(2, 10), 0);
+  EXPECT_EQ(InMemory(21, 25), 4);
+  EXPECT_EQ(c.prefetched, 5u);
+  EXPECT_EQ(c.wasted, 1u);
+  // Going backwards is a jump too, even onto a frame the plan listed.
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[22]), -1, Requests(guids, 21, 22));
+  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  EXPECT_EQ(readAhead.GetCounters().jumps, 2u);
+}
+
+TEST_F(ReadAheadTest, KeysItCannotReadAreSkippedAndAFailedReadIsCountedAndDeleted) {
+  const auto guids = FramesOnDiskOnly(5);
+  // Frame 2's file is cut short, as a crash or a full volume leaves it.
+  const std::string damaged = items_[2]->GetDiskCacheFile().GetPath();
+  std::filesystem::resize_file(damaged, kSize / 2);
+  const uint32_t failedBefore = jx::disk::GetCounters().failedReads.load();
+  std::vector<StuffPtr> ahead = Requests(guids, 1, 5);
+  ahead.insert(ahead.begin() + 1, jx::testing::MakeRequest(Guid::CreateUnique()));  // not cached
+  ahead.insert(ahead.begin() + 2, nullptr);
+  JX_ReadAhead readAhead;
+  readAhead.SetPlayhead(jx::testing::MakeRequest(Guid::CreateUnique()), 1, ahead);
+  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  const auto c = readAhead.GetCounters();
+  EXPECT_EQ(c.notInCache, 1u);
+  EXPECT_EQ(c.failedReads, 1u);
+  EXPECT_EQ(jx::disk::GetCounters().failedReads.load(), failedBefore + 1);
+  EXPECT_FALSE(std::filesystem::exists(damaged));
+  EXPECT_EQ(c.prefetched, 3u);
+  EXPECT_EQ(InMemory(1, 2) + InMemory(3, 5), 3);
+  EXPECT_FALSE(items_[2]->IsInMemory());
+}
+
+TEST_F(ReadAheadTest, FramesAlreadyInMemoryAreHeldButNotCountedAsRead) {
+  const auto guids = FramesOnDiskOnly(6);
+  for (int i = 1; i <= 2; ++i) ASSERT_TRUE(items_[i]->EnsureInMemory());
+  JX_ReadAhead readAhead;
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 6));
+  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  auto c = readAhead.GetCounters();
+  EXPECT_EQ(c.prefetched, 3u);
+  EXPECT_EQ(c.heldBytes, 2u * kSize + 3u * fileBytes_);
+  bag_->PurgeAllMemoryCaches();
+  EXPECT_EQ(InMemory(1, 6), 5);
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, {});  // lets go of everything
+  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  c = readAhead.GetCounters();
+  EXPECT_EQ(c.heldBytes, 0u);
+  EXPECT_EQ(c.wasted, 3u);  // only what it read counts as waste
+  bag_->PurgeAllMemoryCaches();
+  EXPECT_EQ(InMemory(1, 6), 0);
+}
+
+}  // namespace
