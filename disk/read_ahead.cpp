@@ -130,13 +130,15 @@ struct JX_ReadAhead::State {
         CheckIn(*handle);
         return;
       }
+      // Taken before the read: a render thread may use the frame the moment it is in memory.
+      const uint64_t usedAtTake = item->GetLastUsedTime();
       if (!inMemory && !ReadBack(*handle, bytes)) {
         CheckIn(*handle);
         continue;
       }
       heldBytes.fetch_add(bytes, std::memory_order_relaxed);
       Held h;
-      h.usedAtTake = item->GetLastUsedTime();
+      h.usedAtTake = usedAtTake;
       h.handle = std::move(handle);
       h.item = std::move(item);
       h.bytes = bytes;
@@ -217,6 +219,8 @@ void JX_ReadAhead::SetPlayhead(const StuffPtr& playhead, int direction,
     s.havePrevious = true;
     s.previousDirection = direction;
     s.previousKeys = std::move(keys);
+    // The playhead's own frame is held too: it is being shown, or about to be.
+    ahead.insert(ahead.begin(), playhead);
     s.plan = std::move(ahead);
     ++s.generation;
     if (!s.thread.joinable()) s.thread = std::thread([&s] { s.Run(); });

@@ -96,31 +96,32 @@ TEST_F(ReadAheadTest, ReadsNearestFirstWithinItsShareAndHoldsWhatItReadAgainstPu
   readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 40));
   ASSERT_TRUE(readAhead.WaitIdle(kLong));
   auto c = readAhead.GetCounters();
-  // The ten nearest, and nothing further: reading frame 11 would take more than the share.
-  EXPECT_EQ(InMemory(1, 11), 10);
-  EXPECT_EQ(InMemory(11, 40), 0);
+  // The playhead's frame and the nine after it, and nothing further: reading frame 10 would
+  // take more than the share.
+  EXPECT_EQ(InMemory(0, 10), 10);
+  EXPECT_EQ(InMemory(10, 40), 0);
   EXPECT_EQ(c.prefetched, 10u);
   EXPECT_EQ(reads, 10u);
   EXPECT_EQ(c.stoppedAtShare, 1u);
   EXPECT_EQ(c.heldBytes, 10u * fileBytes_);
   // What it holds is checked out: a purge of everything leaves it in memory.
   bag_->PurgeAllMemoryCaches();
-  EXPECT_EQ(InMemory(1, 11), 10);
+  EXPECT_EQ(InMemory(0, 10), 10);
 
-  // The viewer uses frames 1 to 4; the playhead moves to 5: those are let go as used, and the
-  // share now reaches 14.
+  // The viewer uses frames 1 to 4; the playhead moves to 5: 0 to 4 are let go, and the share
+  // now reaches 14.
   for (int i = 1; i <= 4; ++i) ASSERT_TRUE(Use(guids[i]));
   readAhead.SetPlayhead(jx::testing::MakeRequest(guids[5]), 1, Requests(guids, 6, 40));
   ASSERT_TRUE(readAhead.WaitIdle(kLong));
   c = readAhead.GetCounters();
   EXPECT_EQ(c.hitsOnPrefetched, 4u);
-  EXPECT_EQ(c.wasted, 1u);  // frame 5, read but never used, has been passed by the playhead
+  EXPECT_EQ(c.wasted, 1u);  // frame 0, read but never used, has been passed by the playhead
   EXPECT_EQ(c.jumps, 0u);
-  EXPECT_EQ(InMemory(6, 16), 10);
+  EXPECT_EQ(InMemory(5, 15), 10);
   EXPECT_EQ(c.prefetched, 15u);
   readAhead.Stop();
   c = readAhead.GetCounters();
-  EXPECT_EQ(c.wasted, 11u);  // 6..15, let go unused at the stop
+  EXPECT_EQ(c.wasted, 11u);  // 5..14, let go unused at the stop
   EXPECT_EQ(c.heldBytes, 0u);
   EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
 }
@@ -145,10 +146,11 @@ TEST_F(ReadAheadTest, AJumpStopsTheOldPlanAfterTheReadUnderWay) {
   ASSERT_TRUE(readAhead.WaitIdle(kLong));
   const auto c = readAhead.GetCounters();
   EXPECT_EQ(c.jumps, 1u);
-  // Of the old plan only the read under way happened, and it was let go unused.
-  EXPECT_EQ(InMemory(2, 10), 0);
-  EXPECT_EQ(InMemory(21, 25), 4);
-  EXPECT_EQ(c.prefetched, 5u);
+  // Of the old plan only the read under way (the playhead's frame) happened, and it was let go
+  // unused (its memory stays, for the purges to take first).
+  EXPECT_EQ(InMemory(1, 10), 0);
+  EXPECT_EQ(InMemory(20, 25), 5);
+  EXPECT_EQ(c.prefetched, 6u);
   EXPECT_EQ(c.wasted, 1u);
   // Going backwards is a jump too, even onto a frame the plan listed.
   readAhead.SetPlayhead(jx::testing::MakeRequest(guids[22]), -1, Requests(guids, 21, 22));
@@ -169,7 +171,7 @@ TEST_F(ReadAheadTest, KeysItCannotReadAreSkippedAndAFailedReadIsCountedAndDelete
   readAhead.SetPlayhead(jx::testing::MakeRequest(Guid::CreateUnique()), 1, ahead);
   ASSERT_TRUE(readAhead.WaitIdle(kLong));
   const auto c = readAhead.GetCounters();
-  EXPECT_EQ(c.notInCache, 1u);
+  EXPECT_EQ(c.notInCache, 2u);  // the playhead's key and one ahead
   EXPECT_EQ(c.failedReads, 1u);
   EXPECT_EQ(jx::disk::GetCounters().failedReads.load(), failedBefore + 1);
   EXPECT_FALSE(std::filesystem::exists(damaged));
@@ -182,14 +184,15 @@ TEST_F(ReadAheadTest, FramesAlreadyInMemoryAreHeldButNotCountedAsRead) {
   const auto guids = FramesOnDiskOnly(6);
   for (int i = 1; i <= 2; ++i) ASSERT_TRUE(items_[i]->EnsureInMemory());
   JX_ReadAhead readAhead;
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 6));
+  const auto playhead = jx::testing::MakeRequest(Guid::CreateUnique());  // a frame not cached
+  readAhead.SetPlayhead(playhead, 1, Requests(guids, 1, 6));
   ASSERT_TRUE(readAhead.WaitIdle(kLong));
   auto c = readAhead.GetCounters();
   EXPECT_EQ(c.prefetched, 3u);
   EXPECT_EQ(c.heldBytes, 2u * kSize + 3u * fileBytes_);
   bag_->PurgeAllMemoryCaches();
   EXPECT_EQ(InMemory(1, 6), 5);
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, {});  // lets go of everything
+  readAhead.SetPlayhead(playhead, 1, {});  // lets go of everything
   ASSERT_TRUE(readAhead.WaitIdle(kLong));
   c = readAhead.GetCounters();
   EXPECT_EQ(c.heldBytes, 0u);

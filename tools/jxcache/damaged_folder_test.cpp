@@ -23,24 +23,12 @@ using testing::WriteBytes;
 constexpr uint32_t kWidth = 640, kHeight = 360, kFrames = 12;
 
 std::vector<std::string> Session(const TempDir& dir) {
-  return {"simulate",
-          "--frames",
-          std::to_string(kFrames),
-          "--width",
-          std::to_string(kWidth),
-          "--height",
-          std::to_string(kHeight),
-          "--threads",
-          "3",
-          "--passes",
-          "1",
-          "--json",
-          "--disk-cache",
-          dir.File("cache"),
-          "--disk-margin",
-          "0",
-          "--disk-proclivity",
-          "0.001"};
+  return {"simulate", "--frames", std::to_string(kFrames), "--width", std::to_string(kWidth),
+          "--height", std::to_string(kHeight), "--threads", "3", "--passes", "1", "--json",
+          "--disk-cache", dir.File("cache"), "--disk-margin", "0", "--disk-proclivity", "0.001",
+          // The render threads read every file themselves: what a damaged one does to a request
+          // is what these tests count.
+          "--read-ahead", "0"};
 }
 
 // A first run that leaves a file for every frame; *folder is where they are.
@@ -65,7 +53,9 @@ void ExpectServedWell(const nlohmann::json& j) {
     failed += p["failed_reads_asked_again"].get<uint64_t>();
   }
   EXPECT_EQ(j["overall"]["failed_reads_asked_again"].get<uint64_t>(), failed);
-  EXPECT_EQ(j["disk"]["failed_reads"].get<uint64_t>(), failed);
+  // The read-ahead's failures are its own: the render threads never saw those files.
+  EXPECT_EQ(j["disk"]["failed_reads"].get<uint64_t>(),
+            failed + j["readahead"].value("failed_reads", uint64_t{0}));
 }
 
 TEST(SimulateDamagedFolder, DamagedFilesAreServedAsMissesAndWrittenAgain) {

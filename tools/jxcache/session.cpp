@@ -3,14 +3,17 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <exception>
 #include <filesystem>
 #include <mutex>
+#include <optional>
 #include <random>
 #include <thread>
 #include <utility>
 
+#include "jxcache/disk/read_ahead.h"
 #include "jxcache/farm/farm_compute.h"
 #include "jxcache/host/high_precision_time.h"
 #include "jxcache/items/sc_checkout.h"
@@ -112,19 +115,32 @@ class ScReservation {
 // One render thread's work on a pass: serve requests until the list is used up.
 class PassRunner {
  public:
+  // `readAhead`: null, or the read-ahead this pass tells where its playhead is.
   PassRunner(const SimulateOptions& o, BudgetKeeper& budget, HistogramPlugin& plugin,
-             FrameLedger& ledger, RenderTimes& renderTimes, PassResult& pass)
+             FrameLedger& ledger, RenderTimes& renderTimes, PassResult& pass,
+             JX_ReadAhead* readAhead)
       : o_(o),
         budget_(budget),
         plugin_(plugin),
         ledger_(ledger),
         renderTimes_(renderTimes),
         pass_(pass),
+        readAhead_(readAhead),
         frameBytes_(uint64_t{o.width} * o.height * 4) {}
 
   void Work() {
     for (size_t i = next_.fetch_add(1); i < pass_.frames.size(); i = next_.fetch_add(1)) {
+      // Paced: the viewer asks for request i at i/fps and shows it one frame later.
+      const auto due = start_ + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                                    std::chrono::duration<double>(o_.fps > 0 ? i / o_.fps : 0));
+      if (o_.fps > 0) std::this_thread::sleep_until(due);
+      if (readAhead_) AnnouncePlayhead(i);
       const Outcome outcome = Serve(pass_.frames[i]);
+      if (o_.fps > 0 && std::chrono::steady_clock::now() >
+                            due + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                                      std::chrono::duration<double>(1.0 / o_.fps))) {
+        late.fetch_add(1, std::memory_order_relaxed);
+      }
       pass_.outcomes[i] = outcome;
       // Requests done in the high half, hits in the low: one add, so that a reader never sees
       // a hit without its request.
@@ -139,12 +155,35 @@ class PassRunner {
     return {v >> 32, v & 0xFFFFFFFFu};
   }
   std::atomic<uint64_t> waited{0}, checked{0}, badFrames{0}, failedReads{0}, renderMicros{0};
+  std::atomic<uint64_t> late{0};
 
  private:
-  Outcome Serve(uint32_t frame) {
+  IntrusivePtr<JX_Stuff> Request(uint32_t frame) const {
     IntrusivePtr<JX_Stuff> request = JX_Stuff::CreateNew(
         IntrusivePtr<JX_StuffData>(new FramePayload(o_.width, o_.height, frame)), 0.0);
     request->SetGuid(FramePayload::KeyOf(o_.width, o_.height, frame));
+    return request;
+  }
+
+  // The playhead has reached request i: the read-ahead gets the frames after it. The render
+  // threads reach the requests nearly in order; one that comes late to an earlier request says
+  // nothing, which would move the playhead back.
+  void AnnouncePlayhead(size_t i) {
+    size_t seen = announced_.load(std::memory_order_relaxed);
+    do {
+      if (seen != kNone && seen >= i) return;
+    } while (!announced_.compare_exchange_weak(seen, i, std::memory_order_relaxed));
+    // The other render threads may still be serving the requests just before i: the playhead,
+    // the frame on screen, is the oldest of those, and the read-ahead keeps holding it.
+    const size_t head = i >= o_.threads - 1 ? i - (o_.threads - 1) : 0;
+    std::vector<IntrusivePtr<JX_Stuff>> ahead;
+    const size_t end = std::min(pass_.frames.size(), i + 1 + o_.readAhead);
+    for (size_t k = head + 1; k < end; ++k) ahead.push_back(Request(pass_.frames[k]));
+    readAhead_->SetPlayhead(Request(pass_.frames[head]), 1, std::move(ahead));
+  }
+
+  Outcome Serve(uint32_t frame) {
+    IntrusivePtr<JX_Stuff> request = Request(frame);
     const uint64_t askedAt = HighPrecisionTime::GetCurrentTimeStamp();
     // Disk reads are done here, outside the find, so that a disk hit can be told from the rest.
     const int flags = cf::kReadOnly | cf::kCreatePending | cf::kWaitAlways | cf::kNoDiskRead;
@@ -264,7 +303,11 @@ class PassRunner {
   FrameLedger& ledger_;
   RenderTimes& renderTimes_;
   PassResult& pass_;
+  JX_ReadAhead* const readAhead_;
   const uint64_t frameBytes_;
+  const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+  static constexpr size_t kNone = ~size_t{0};
+  std::atomic<size_t> announced_{kNone};
   std::atomic<size_t> next_{0};
   // A pass has at most a million requests (the tool's limit on --frames): each half fits.
   static constexpr uint64_t kOneDone = uint64_t{1} << 32;
@@ -300,6 +343,43 @@ void ConfigureHost(const SimulateOptions& o) {
     const long long held = bag ? std::max(0LL, bag->GetInMemoryCacheSizeInBytes_LockFree()) : 0;
     return budget > static_cast<uint64_t>(held) ? budget - static_cast<uint64_t>(held) : 0;
   });
+}
+
+void AddReadAhead(const JX_ReadAheadCounters& c, ReadAheadFigures* f) {
+  f->used = true;
+  f->prefetched += c.prefetched;
+  f->prefetchedBytes += c.prefetchedBytes;
+  f->hitsOnPrefetched += c.hitsOnPrefetched;
+  f->wasted += c.wasted;
+  f->notInCache += c.notInCache;
+  f->failedReads += c.failedReads;
+  f->jumps += c.jumps;
+  f->stoppedAtShare += c.stoppedAtShare;
+  f->readSeconds += c.readSeconds;
+  f->readRate = f->readSeconds > 0 ? static_cast<double>(f->prefetchedBytes) / f->readSeconds : 0;
+}
+
+// Plain reads of up to 32 of the folder's files, the yardstick of the read-ahead's rate: what
+// the file system gives without allocation, checksum or cache bookkeeping.
+double RawReadRate(const std::string& folder) {
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  std::vector<char> buffer(1 << 20);
+  uint64_t bytes = 0;
+  double seconds = 0;
+  int files = 0;
+  for (fs::directory_iterator it(folder, ec), end; !ec && it != end && files < 32;
+       it.increment(ec)) {
+    if (!it->is_regular_file(ec) || it->path().extension() == ".tmp") continue;
+    std::FILE* f = std::fopen(it->path().c_str(), "rb");
+    if (!f) continue;
+    zelcore::utility::Timer timer;
+    for (size_t n; (n = std::fread(buffer.data(), 1, buffer.size(), f)) > 0;) bytes += n;
+    seconds += timer.GetElapsedSeconds();
+    std::fclose(f);
+    ++files;
+  }
+  return seconds > 0 ? static_cast<double>(bytes) / seconds : 0;
 }
 
 }  // namespace
@@ -369,7 +449,18 @@ SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress) {
     PassResult pass;
     pass.frames = PassFrames(p, o.frames, o.seed, &pass.kind);
     pass.outcomes.assign(pass.frames.size(), Outcome::kMemoryHit);
-    PassRunner runner(o, budget, plugin, ledger, renderTimes, pass);
+    // Forward playback reads ahead; a scrub jumps about, which read-ahead cannot foresee.
+    std::optional<JX_ReadAhead> readAhead;
+    if (pass.kind == "forward" && o.readAhead > 0 && !o.noDisk) {
+      JX_ReadAhead::Options ra;
+      ra.budgetShare = o.readAheadShare;
+      // The host's budget covers the read-ahead's reads as it covers the render threads'.
+      ra.beforeRead = [&budget](uint64_t bytes) { budget.Reserve(bytes); };
+      ra.afterRead = [&budget](uint64_t bytes) { budget.Release(bytes); };
+      readAhead.emplace(std::move(ra));
+    }
+    PassRunner runner(o, budget, plugin, ledger, renderTimes, pass,
+                      readAhead ? &*readAhead : nullptr);
     running = &runner;
     std::exception_ptr failure;
     std::mutex failureMutex;
@@ -392,8 +483,13 @@ SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress) {
       if (progress && result.samples.size() % 5 == 0) progress(result, p, runner.Done());
     }
     for (auto& t : threads) t.join();
-    if (failure) std::rethrow_exception(failure);
     pass.seconds = passClock.GetElapsedSeconds();
+    if (readAhead) {
+      readAhead->Stop();  // before the library may die: it holds frames checked out
+      AddReadAhead(readAhead->GetCounters(), &result.readAhead);
+    }
+    if (failure) std::rethrow_exception(failure);
+    pass.lateFrames = runner.late.load();
     pass.waitedForOtherRender = runner.waited.load();
     pass.framesChecked = runner.checked.load();
     pass.badFrames = runner.badFrames.load();
@@ -408,6 +504,9 @@ SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress) {
   }
   farm.Finish(&result);
   disk.Finish(&result);
+  if (result.readAhead.used && result.disk.available) {
+    result.readAhead.rawReadRate = RawReadRate(result.diskFolder);
+  }
   result.computeCalls = plugin.Calls();
   result.computes = plugin.Computes();
   result.computeHits = plugin.Hits();

@@ -38,6 +38,13 @@ struct SimulateOptions {
   int64_t diskMarginGiB = -1;
   uint32_t passes = 3;
   uint64_t seed = 1;
+  // Frames the forward passes read ahead of the playhead (0: none), and the share of the budget
+  // the read-ahead may hold.
+  uint32_t readAhead = 16;
+  double readAheadShare = 0.25;
+  // Playback pace in frames per second: request i of a pass is made at i/fps seconds and is due
+  // on screen one frame later. 0 plays as fast as the cache and renders allow.
+  double fps = 0.0;
   // The farm tier (session_farm.h): empty address and 0 limits leave the settings table's.
   std::string farmAddress;
   std::string farmNode;
@@ -63,6 +70,8 @@ struct PassResult {
   // Requests whose read back from disk failed (a damaged or vanished file): asked again, they
   // were served like a miss.
   uint64_t failedReads = 0;
+  // Paced playback only: frames served after their display time.
+  uint64_t lateFrames = 0;
   double seconds = 0.0;
   uint64_t Requests() const { return frames.size(); }
 };
@@ -90,6 +99,17 @@ struct FarmFigures {
   uint64_t leaseWaits = 0, leaseTakeovers = 0, leaseWaitsGivenUp = 0, notWorthSharing = 0;
   uint64_t errors = 0, timeouts = 0, bytesRead = 0, bytesWritten = 0;
   bool writesLeftUnfinished = false;  // the run ended before its last farm writes did
+};
+
+// What the read-ahead of the forward passes did, over all of them (JX_ReadAheadCounters).
+struct ReadAheadFigures {
+  bool used = false;
+  uint64_t prefetched = 0, prefetchedBytes = 0, hitsOnPrefetched = 0, wasted = 0;
+  uint64_t notInCache = 0, failedReads = 0, jumps = 0, stoppedAtShare = 0;
+  double readSeconds = 0.0;
+  // Bytes per second: the read-ahead's reads back (allocation and checksum included), and plain
+  // reads of the same folder's files at the end of the run (0 when there was nothing to read).
+  double readRate = 0.0, rawReadRate = 0.0;
 };
 
 struct SessionResult {
@@ -137,6 +157,7 @@ struct SessionResult {
   // Filled by the caller: RunSession knows nothing of the command line.
   RunInfo run;
   FarmFigures farm;
+  ReadAheadFigures readAhead;
 };
 
 // The time series' spacing at the start, and the most samples, purge events and render times a

@@ -3,8 +3,8 @@
 #include <CLI/CLI.hpp>
 
 #include "farm/farm_counters.h"
-#include "farm/tier.h"
 #include "farm/redis_client.h"
+#include "farm/tier.h"
 #include "standalone/standalone_host.h"
 #include "tools/jxcache/tool_error.h"
 

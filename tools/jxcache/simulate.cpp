@@ -49,6 +49,9 @@ SimulateOptions Validate(SimulateArgs& a) {
   Check(o.memoryBudget > 0, "--memory: the memory budget must be more than 0");
   Check(o.noDisk || o.diskLimit > 0, "--disk-limit: the disk limit must be more than 0");
   Check(a.proclivity.empty() || !o.noDisk, "--disk-proclivity: not with --no-disk");
+  Check(o.readAhead <= 10000, "--read-ahead: give 0 to 10000 frames");
+  Check(std::isfinite(o.fps) && o.fps >= 0 && o.fps <= 1000,
+        "--fps: give 0 (as fast as possible) to 1000 frames per second");
   Check(o.diskMarginGiB >= -1 && o.diskMarginGiB <= (1 << 20),
         "--disk-margin: give whole GiB from 0 to 1048576");
   ValidateFarmOptions(o);
@@ -131,6 +134,14 @@ void AddSimulateCommand(CLI::App& app, int* exitCode) {
   cmd->add_option("--passes", o.passes, "Playback passes: forward, forward, then scrubs")
       ->capture_default_str();
   cmd->add_option("--seed", o.seed, "Seed of the scrub passes")->capture_default_str();
+  cmd->add_option("--read-ahead", o.readAhead,
+                  "Frames the forward passes read back from disk ahead of the playhead, within a "
+                  "quarter of the memory budget (0: off)")
+      ->capture_default_str();
+  cmd->add_option("--fps", o.fps,
+                  "Play the passes at this many frames per second, as a viewer shows them; a "
+                  "frame served after its display time is late (0: as fast as possible)")
+      ->capture_default_str();
   AddFarmOptions(*cmd, o);
   cmd->add_flag("--json", args->json, "Print the summary as JSON");
   cmd->add_flag("--progress", args->progress,

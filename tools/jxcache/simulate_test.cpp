@@ -113,10 +113,17 @@ TEST(Simulate, FiguresAddUpAndTheSecondRunStartsWarm) {
   const auto b = second.Json();
   ExpectPassesAddUp(b);
   EXPECT_EQ(b["disk"]["files_at_start"].get<uint64_t>(), written);
-  EXPECT_EQ(b["passes"][0]["disk_hits"].get<uint64_t>(), written);
+  // Read back by the render threads (disk hits) or, ahead of them, by the read-ahead (memory
+  // hits then): either way each file once.
+  const uint64_t prefetched = b["readahead"]["prefetched"];
+  EXPECT_EQ(
+      b["passes"][0]["disk_hits"].get<uint64_t>() + b["passes"][0]["memory_hits"].get<uint64_t>(),
+      written);
   EXPECT_EQ(b["overall"]["renders"].get<uint64_t>(), 0u);
   EXPECT_EQ(b["disk"]["files_written"].get<uint64_t>(), 0u);
-  EXPECT_EQ(b["disk"]["files_read"].get<uint64_t>(), b["overall"]["disk_hits"].get<uint64_t>());
+  EXPECT_EQ(b["disk"]["files_read"].get<uint64_t>(),
+            b["overall"]["disk_hits"].get<uint64_t>() + prefetched);
+  EXPECT_EQ(b["readahead"]["hits_on_prefetched"].get<uint64_t>(), prefetched);
   EXPECT_EQ(b["disk"]["failed_reads"].get<uint64_t>(), 0u);
 
   // inspect agrees with the simulator about what the folder holds.
@@ -148,6 +155,54 @@ TEST(Simulate, SmallBudgetForcesPurgesAndRendersAgain) {
   EXPECT_EQ(j["passes"][1]["renders"].get<uint64_t>(), 12u);  // forward again: all evicted
   EXPECT_LE(j["overall"]["peak_memory"].get<uint64_t>(), 36864u);
   EXPECT_FALSE(std::filesystem::exists(dir.File("cache")));
+}
+
+// A forward pass over frames that are on disk only: a budget of about 25 frames and a timeline of
+// 48, so that the second pass finds nothing of its first half in memory and, without read-ahead,
+// evicts its second half before it gets there. Paced at 100 frames/s, as a viewer plays, which
+// leaves the read-ahead time to keep ahead of one render thread.
+TEST(Simulate, ReadAheadServesAForwardPassOverFramesOnDiskFromMemory) {
+  auto run = [](const TempDir& dir, const char* readAhead) {
+    auto args = SmallSession(dir,
+                             {"--disk-proclivity", "0.001", "--memory", "4MiB", "--passes", "2",
+                              "--fps", "100", "--read-ahead", readAhead},
+                             "256", "144");
+    *(std::find(args.begin(), args.end(), "--threads") + 1) = "1";
+    *(std::find(args.begin(), args.end(), "--frames") + 1) = "48";
+    auto r = RunTool(args);
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    return r.Json();
+  };
+  TempDir off, on;
+  const auto without = run(off, "0");
+  const auto with = run(on, "4");
+  ExpectPassesAddUp(with);
+  for (const auto& j : {without, with}) {
+    for (const auto& p : j["passes"]) EXPECT_TRUE(p.contains("late_frames"));
+  }
+  EXPECT_FALSE(without["readahead"]["used"].get<bool>());
+  const auto& ra = with["readahead"];
+  ASSERT_TRUE(ra["used"].get<bool>());
+  const uint64_t prefetched = ra["prefetched"];
+  EXPECT_GT(prefetched, 0u);
+  // Everything read ahead was let go by the end of its pass, used or not.
+  EXPECT_EQ(ra["hits_on_prefetched"].get<uint64_t>() + ra["wasted"].get<uint64_t>(), prefetched);
+  EXPECT_EQ(ra["failed_reads"].get<uint64_t>(), 0u);
+  const uint64_t hitsWithout = without["passes"][1]["memory_hits"];
+  const uint64_t hitsWith = with["passes"][1]["memory_hits"];
+  EXPECT_LT(hitsWithout, 12u) << "the second pass should have found its frames on disk only";
+  EXPECT_GE(hitsWith, 36u) << "read-ahead should have served most of the pass from memory";
+  EXPECT_LE(with["overall"]["peak_memory"].get<uint64_t>(), 4u << 20);
+}
+
+TEST(Simulate, PlaybackOptionsAreChecked) {
+  TempDir dir;
+  for (const auto& bad : std::vector<std::vector<std::string>>{
+           {"--fps", "-1"}, {"--fps", "nan"}, {"--read-ahead", "100000"}}) {
+    auto args = SmallSession(dir, bad, "16", "16");
+    const auto r = RunTool(args);
+    EXPECT_EQ(r.exitCode, 2) << bad[0] << " " << bad[1];
+  }
 }
 
 // Several threads scrubbing around a playhead want the same frames at the same time, and a small

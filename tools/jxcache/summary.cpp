@@ -123,6 +123,35 @@ void AddRecording(const SessionResult& r, nlohmann::ordered_json& j) {
       {"p99", Quantile(ms, 0.99)},          {"max", ms.empty() ? 0.0 : ms.back()}};
 }
 
+std::string ReadAheadLine(const ReadAheadFigures& f) {
+  std::string line = std::to_string(f.prefetched) + " frames read ahead (" +
+                     FormatSize(f.prefetchedBytes) + "), " + std::to_string(f.hitsOnPrefetched) +
+                     " of them used, " + std::to_string(f.wasted) + " wasted";
+  if (f.failedReads) line += ", " + std::to_string(f.failedReads) + " failed reads";
+  if (f.readRate > 0) {
+    line += "; read at " + FormatSize(static_cast<uint64_t>(f.readRate)) + "/s";
+    if (f.rawReadRate > 0) line += " (plain reads " + Fixed(f.readRate / f.rawReadRate, 2) + "x)";
+  }
+  return line;
+}
+
+nlohmann::ordered_json ReadAheadJson(const SessionResult& r) {
+  const ReadAheadFigures& f = r.readAhead;
+  nlohmann::ordered_json j = {{"used", f.used},
+                              {"prefetched", f.prefetched},
+                              {"hits_on_prefetched", f.hitsOnPrefetched},
+                              {"wasted", f.wasted}};
+  if (!f.used) return j;
+  j["prefetched_bytes"] = f.prefetchedBytes;
+  j["not_in_cache"] = f.notInCache;
+  j["failed_reads"] = f.failedReads;
+  j["jumps"] = f.jumps;
+  j["stopped_at_share"] = f.stoppedAtShare;
+  j["read_bytes_per_second"] = f.readRate;
+  j["raw_read_bytes_per_second"] = f.rawReadRate;
+  return j;
+}
+
 }  // namespace
 
 double HitRate(uint64_t memoryHits, uint64_t diskHits, uint64_t requests) {
@@ -155,6 +184,10 @@ SummaryTables BuildSummary(const SessionResult& r) {
   passes.header = {"pass",      "kind",    "requests", "memory hits",
                    "disk hits", "renders", "hit rate", "frames/s"};
   passes.leftAligned = {0, 1};
+  // Paced playback: the frames that missed their display time.
+  const bool paced = o.fps > 0;
+  if (paced) passes.header.push_back("late");
+  uint64_t late = 0;
   for (size_t i = 0; i < r.passes.size(); ++i) {
     const PassResult& p = r.passes[i];
     passes.rows.push_back({std::to_string(i + 1), p.kind, std::to_string(p.Requests()),
@@ -162,12 +195,15 @@ SummaryTables BuildSummary(const SessionResult& r) {
                            std::to_string(p.renders),
                            Percent(HitRate(p.memoryHits, p.diskHits, p.Requests())),
                            Fixed(PerSecond(p.Requests(), p.seconds), 1)});
+    if (paced) passes.rows.back().push_back(std::to_string(p.lateFrames));
+    late += p.lateFrames;
   }
   const Totals t = Sum(r);
   passes.rows.push_back({"all", "", std::to_string(t.requests), std::to_string(t.memoryHits),
                          std::to_string(t.diskHits), std::to_string(t.renders),
                          Percent(HitRate(t.memoryHits, t.diskHits, t.requests)),
                          Fixed(PerSecond(t.requests, t.seconds), 1)});
+  if (paced) passes.rows.back().push_back(std::to_string(late));
 
   SummaryTable& overall = tables.overall;
   overall.header = {"overall", ""};
@@ -195,6 +231,7 @@ SummaryTables BuildSummary(const SessionResult& r) {
                              " requests found their frame's file damaged or gone and "
                              "were served as misses"});
     overall.rows.push_back({"disk writes", WritesLine(r)});
+    if (r.readAhead.used) overall.rows.push_back({"read-ahead", ReadAheadLine(r.readAhead)});
     overall.rows.push_back({"disk folder", FormatSize(r.diskBytesAtEnd) + " of " +
                                                FormatSize(o.diskLimit) + " limit"});
   } else {
@@ -247,7 +284,9 @@ nlohmann::ordered_json SummaryJson(const SessionResult& r) {
       {"disk_proclivity", o.diskProclivity > 0 ? nlohmann::ordered_json(o.diskProclivity)
                                                : nlohmann::ordered_json(nullptr)},
       {"passes", o.passes},
-      {"seed", o.seed}};
+      {"seed", o.seed},
+      {"read_ahead", o.readAhead},
+      {"fps", o.fps}};
   j["frame_bytes"] = r.frameBytes;
   j["passes"] = nlohmann::json::array();
   for (const PassResult& p : r.passes) {
@@ -260,6 +299,7 @@ nlohmann::ordered_json SummaryJson(const SessionResult& r) {
                            {"frames_checked", p.framesChecked},
                            {"bad_frames", p.badFrames},
                            {"failed_reads_asked_again", p.failedReads},
+                           {"late_frames", p.lateFrames},
                            {"hit_rate", HitRate(p.memoryHits, p.diskHits, p.Requests())},
                            {"seconds", p.seconds},
                            {"frames_per_second", PerSecond(p.Requests(), p.seconds)}});
@@ -330,6 +370,7 @@ nlohmann::ordered_json SummaryJson(const SessionResult& r) {
   j["media_map"] = media;
   AddRecording(r, j);
   j["farm"] = FarmJson(r);
+  j["readahead"] = ReadAheadJson(r);
   return j;
 }
 

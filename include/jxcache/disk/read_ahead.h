@@ -3,12 +3,12 @@
 //
 // The host says where the playhead is, which way it moves, and which items come next (requests,
 // as for a find: a GUID and find-key data), nearest first. A thread of its own then walks that
-// list: an item only on disk is checked out read-only and read back into memory; an item already
-// in memory is checked out as it stands. Every item it holds stays checked out until the playhead
-// has passed it or the plan changes, which keeps the memory purges away from it: a frame ahead is
-// never freed to make room for one further ahead. What it holds never exceeds a share of the
-// cache's maximum size (JX_Bag::GetCurrentMaxCacheSize); at that share it stops, and the frames
-// further on wait for the playhead to come closer.
+// list, starting with the playhead's own item: an item only on disk is checked out read-only and
+// read back into memory; an item already in memory is checked out as it stands. Every item it holds
+// stays checked out until the playhead has passed it or the plan changes, which keeps the memory
+// purges away from it: a frame ahead is never freed to make room for one further ahead. What it
+// holds never exceeds a share of the cache's maximum size (JX_Bag::GetCurrentMaxCacheSize); at that
+// share it stops, and the frames further on wait for the playhead to come closer.
 //
 // A new playhead replaces the plan at once: a read under way finishes, nothing more of the old
 // plan is read, and what the new plan no longer lists is let go. A playhead that is not where the
@@ -67,8 +67,9 @@ class JX_EXPORT JX_ReadAhead {
   JX_ReadAhead& operator=(const JX_ReadAhead&) = delete;
 
   // The playhead's item, the direction it moves (+1 forward, -1 backward, 0 still) and the items
-  // that come next in that direction, nearest first. Replaces the previous plan. An empty list
-  // lets go of everything held. Null entries are skipped. Ignored after Stop.
+  // that come next in that direction, nearest first. Replaces the previous plan, which is the
+  // playhead's item followed by the list: it too is read and held, being on screen or about to
+  // be. Everything else held is let go. Null entries are skipped. Ignored after Stop.
   void SetPlayhead(const StuffPtr& playhead, int direction, std::vector<StuffPtr> ahead);
   // Reads nothing more, lets go of everything it holds and ends its thread. Must be called before
   // the library shuts down (the destructor does it); never from inside a read's callbacks.
