@@ -5,8 +5,8 @@
 #include <cstring>
 #include <filesystem>
 
-#include "host/y_api.h"
 #include "common/settings.h"
+#include "host/y_api.h"
 
 namespace jx::testing {
 
@@ -42,9 +42,9 @@ std::atomic<int>& TestPayload::LiveCount() {
   return n;
 }
 
-unsigned int TestPayload::GetApproximateMemorySize() const { return bytes_ ? size_ : 0; }
+unsigned int TestPayload::GetApproximateMemorySize() const { return IsInMemory() ? size_ : 0; }
 
-bool TestPayload::IsInMemory() const { return bytes_ != nullptr; }
+bool TestPayload::IsInMemory() const { return inMemory_.load(std::memory_order_acquire); }
 
 bool TestPayload::PurgeIfPossible(ReleaseQueue* toRelease) {
   if (!bytes_) return false;
@@ -57,6 +57,7 @@ bool TestPayload::PurgeIfPossible(ReleaseQueue* toRelease) {
   };
   auto release = std::make_shared<Release>();
   release->bytes = std::move(bytes_);
+  inMemory_.store(false, std::memory_order_release);
   if (toRelease) toRelease->push_back(release);
   return true;
 }
@@ -77,6 +78,7 @@ double TestPayload::Read(zelcore::filesupport::IByteStream& in,
   auto bytes = std::make_shared<std::vector<uint8_t>>(size_);
   in.ReadExactly(bytes->data(), size_);
   bytes_ = std::move(bytes);
+  inMemory_.store(true, std::memory_order_release);
   return 0.0;
 }
 

@@ -62,6 +62,9 @@ class TestPayload : public JX_StuffData {
 
  private:
   std::shared_ptr<std::vector<uint8_t>> bytes_;
+  // Whether bytes_ is set, for the questions the cache asks under the item's read lock while a
+  // read back from disk fills bytes_ under its upgrade lock.
+  std::atomic<bool> inMemory_{true};
   unsigned int size_;
   uint32_t seed_;
   bool diskCacheable_;
