@@ -79,6 +79,9 @@ class ClaimedFile;
 namespace jx::recency {
 struct Applier;
 }
+namespace jx::content {
+struct Walker;
+}
 class JX_SortDir;
 class JXp_ScLock;
 
@@ -281,7 +284,8 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   friend class JX_SortDir;
   friend class JX_ScCheckout;
   friend struct jx::recency::Applier;
-  friend struct JX_BagTestAccess;  // tests that need equal time stamps
+  friend struct jx::content::Walker;  // the content map reads an item's fields under its lock
+  friend struct JX_BagTestAccess;     // tests that need equal time stamps
   struct SortDirHash;
   struct SortDirEqual;
 
