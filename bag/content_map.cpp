@@ -37,14 +37,16 @@ struct Walker {
     items_.reserve(static_cast<size_t>(bag_.GetNumItems()) + 64);
     bool done = false;
     for (bool first = true; !done; first = false) {
-      const uint64_t start = HighPrecisionTime::GetCurrentTimeStamp();
+      uint64_t held;
       {
         JXp_ScLock lock;
+        // The hold counts from the moment the lock is ours: waiting for it holds nobody up.
+        const uint64_t start = HighPrecisionTime::GetCurrentTimeStamp();
         // Check-ins note their recency moves for later: the order we report includes them.
         if (first) jx::recency::ApplyAll(lock);
         done = TakeChunk(first ? bag_.mru_.begin() : ResumePoint(), start);
+        held = HighPrecisionTime::GetCurrentTimeStamp() - start;
       }
-      const uint64_t held = HighPrecisionTime::GetCurrentTimeStamp() - start;
       ++out_.lockHolds;
       if (held > out_.maxLockHoldNanos) out_.maxLockHoldNanos = held;
     }
@@ -58,7 +60,10 @@ struct Walker {
     zelcore::threads::ScopedUpgradeLockWrapper up(s.mutex_);
     const JX_StuffData* data = s.data_.get();
     const JX_StuffData* request = data ? data : s.findKeyData_.get();
-    if (request) row.payloadClass = request->GetSubclassMatchname();
+    // A payload class may have no match name.
+    if (const char* name = request ? request->GetSubclassMatchname() : nullptr) {
+      row.payloadClass = name;
+    }
     row.key = s.GetGuid().AsString();
     row.pending = s.pending_.load(std::memory_order_acquire);
     row.inMemory = data && data->IsInMemory();
