@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <new>
 #include <sstream>
 #include <unordered_map>
 
@@ -37,9 +38,11 @@ struct Registry {
   jx::Mutex mu;
   std::unordered_map<const JX_Stuff*, Entry> entries GUARDED_BY(mu);
 };
-// Never destroyed: items may be destroyed during static destruction.
+// Never destroyed (items may be destroyed during static destruction), and made without
+// allocating: an item's destructor reaches it, and must not fail for memory.
 Registry& TheRegistry() {
-  static Registry* const registry = new Registry;
+  alignas(Registry) static unsigned char storage[sizeof(Registry)];
+  static Registry* const registry = new (storage) Registry;
   return *registry;
 }
 
@@ -49,7 +52,8 @@ struct Watchdog {
   std::shared_ptr<zelcore::threads::QueueOnlyOnce> check GUARDED_BY(mu);
 };
 Watchdog& TheWatchdog() {
-  static Watchdog* const watchdog = new Watchdog;
+  alignas(Watchdog) static unsigned char storage[sizeof(Watchdog)];
+  static Watchdog* const watchdog = new (storage) Watchdog;
   return *watchdog;
 }
 
@@ -154,17 +158,25 @@ size_t CheckAndReport() {
   return overdue.size();
 }
 
-void StartWatchdog(std::shared_ptr<zelcore::threads::Executor> executor) {
-  std::shared_ptr<zelcore::threads::QueueOnlyOnce> check = MakeCheck(executor);
-  std::shared_ptr<zelcore::threads::Executor> old = executor;
-  SwapWatchdog(old, check);
-  check.reset();
-  if (old && old != executor) old->Shutdown();
-  // Items still pending from before are watched by the new check.
-  if (WatchedCount() > 0) QueueCheck();
+PreparedWatchdog PrepareWatchdog(std::shared_ptr<zelcore::threads::Executor> executor) {
+  PreparedWatchdog prepared{executor, MakeCheck(executor)};
+  return prepared;
 }
 
-void StopWatchdog() {
+void StartWatchdog(PreparedWatchdog prepared) noexcept {
+  std::shared_ptr<zelcore::threads::Executor> old = prepared.executor;
+  SwapWatchdog(old, prepared.check);
+  prepared.check.reset();
+  if (old && old != prepared.executor) old->Shutdown();
+  // Items still pending from before are watched by the new check. A queuing refused for memory
+  // is made good by the next item created pending.
+  try {
+    if (WatchedCount() > 0) QueueCheck();
+  } catch (...) {
+  }
+}
+
+void StopWatchdog() noexcept {
   std::shared_ptr<zelcore::threads::Executor> executor;
   std::shared_ptr<zelcore::threads::QueueOnlyOnce> check;
   SwapWatchdog(executor, check);
@@ -187,7 +199,7 @@ void SetOverdueLimitMsForTests(uint32_t ms) {
     jx::MutexLock lock(w.mu);
     executor = w.executor;
   }
-  if (executor) StartWatchdog(executor);
+  if (executor) StartWatchdog(PrepareWatchdog(executor));
 }
 
 }  // namespace jx::pending

@@ -48,10 +48,17 @@ std::vector<Overdue> TakeNewlyOverdue();
 // Must be called holding no library lock and no item lock. Returns the items reported.
 size_t CheckAndReport();
 
-// Starts the periodic check on `executor` (replacing a previous one), and stops it: queued
-// checks are dropped and a running one waited for.
-void StartWatchdog(std::shared_ptr<zelcore::threads::Executor> executor);
-void StopWatchdog();
+// The periodic check on `executor`, made (it allocates) before a start-up changes anything, so
+// that a start-up refused for memory leaves the running watchdog as it was.
+struct PreparedWatchdog {
+  std::shared_ptr<zelcore::threads::Executor> executor;
+  std::shared_ptr<zelcore::threads::QueueOnlyOnce> check;
+};
+PreparedWatchdog PrepareWatchdog(std::shared_ptr<zelcore::threads::Executor> executor);
+// Puts `prepared` in force, replacing the previous watchdog (whose executor is shut down), and
+// stops it: queued checks are dropped and a running one waited for. Neither throws.
+void StartWatchdog(PreparedWatchdog prepared) noexcept;
+void StopWatchdog() noexcept;
 
 // The allowed time in milliseconds (0: off): "JX.PendingOverdueMs", unless a test set another.
 uint32_t OverdueLimitMs();

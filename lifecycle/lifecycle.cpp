@@ -60,7 +60,8 @@ void JX_Birth(bool mediaMapAllowed, unsigned int bagArgument, bool gfxpakLimitAl
       idleIo, [] { JX_RunIdleDiskTask(); }, kIdleDiskTaskDelayMs, 0);
   // The pending watchdog reports to the host: a thread of its own, so that a host that takes
   // its time over a report never holds up disk work.
-  auto watchdogIo = jx::host::GetThreads().CreateIOBoundExecutor(1);
+  jx::pending::PreparedWatchdog watchdog =
+      jx::pending::PrepareWatchdog(jx::host::GetThreads().CreateIOBoundExecutor(1));
 
   // Settings read for the first time allocate too. Under the Gfxpak limit the media-map
   // setting is not consulted at all.
@@ -70,7 +71,7 @@ void JX_Birth(bool mediaMapAllowed, unsigned int bagArgument, bool gfxpakLimitAl
   // The previous ones go in the order they always went: executor, idle task, bag.
   jx::settings::SetMediaMapAllowed(mediaMapAllowed);
   jx::disk::SwapExecutors(diskExecutor, idleDiskTask);
-  jx::pending::StartWatchdog(std::move(watchdogIo));
+  jx::pending::StartWatchdog(std::move(watchdog));
   jx::SwapGlobalBag(bag);
   bag.reset();
   jx::settings::ExchangeGfxpakLimitAllowed(gfxpakLimitAllowed);
