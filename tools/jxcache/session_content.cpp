@@ -30,9 +30,14 @@ ContentMapper::ContentMapper(const SimulateOptions& o)
   }
 }
 
-bool ContentMapper::DueWithin(uint64_t done, uint64_t requests) const {
-  if (!enabled_ || takenWithin_ >= within_ || requests == 0) return false;
-  return done * (within_ + 1) >= requests * (takenWithin_ + 1);
+bool ContentMapper::DueWithin(uint64_t done, uint64_t requests) {
+  // The pass's last request done: the map at its end follows.
+  if (!enabled_ || takenWithin_ >= within_ || done >= requests) return false;
+  const uint64_t share = done * (within_ + 1) / requests;
+  if (share <= takenWithin_) return false;
+  // Shares the main thread slept through are skipped, not made up with maps of one moment.
+  takenWithin_ = static_cast<uint32_t>(share);
+  return true;
 }
 
 FrameState ContentMapper::Merge(FrameState a, FrameState b) {
@@ -48,7 +53,6 @@ FrameState ContentMapper::Merge(FrameState a, FrameState b) {
 void ContentMapper::Take(const JX_Bag& bag, double seconds, uint32_t pass, uint64_t done,
                          bool passEnded, SessionResult* result) {
   if (!enabled_ || result->contentMoments.size() >= kMaxContentMoments) return;
-  if (!passEnded) ++takenWithin_;
   const JX_ContentSnapshot snap = JX_TakeContentSnapshot(bag);
   ContentMoment m;
   m.seconds = seconds;

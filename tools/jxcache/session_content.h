@@ -15,9 +15,10 @@ namespace jx::tool {
 class ContentMapper {
  public:
   explicit ContentMapper(const SimulateOptions& o);
-  // Whether a map is due within pass `pass` now that `done` of its `requests` are done. Maps
-  // are taken at even shares of a pass, within the run's bound.
-  bool DueWithin(uint64_t done, uint64_t requests) const;
+  // Whether a map is due within the running pass now that `done` of its `requests` are done
+  // (and, when it is, counts it as taken). Maps are taken at even shares of a pass, within the
+  // run's bound.
+  bool DueWithin(uint64_t done, uint64_t requests);
   // Takes a map of `bag` and appends it to result->contentMoments (unless the bound is reached).
   void Take(const JX_Bag& bag, double seconds, uint32_t pass, uint64_t done, bool passEnded,
             SessionResult* result);
