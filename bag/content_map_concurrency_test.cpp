@@ -79,7 +79,11 @@ TEST_F(ContentMapConcurrencyTest, ConsistentRowsAndNoDeadlockUnderChurn) {
     std::mt19937 rng(7);
     while (!stop.load()) {
       auto item = AddItem(50 + rng() % 50, true);
-      if (rng() % 3 == 0) item->PrepAndWrite(bag_);
+      // Written while checked out, as the disk writer does: a checked-out payload is not purged.
+      if (rng() % 3 == 0 && item->Checkout(cf::kReadOnly) == kJX_CheckedOut) {
+        item->PrepAndWrite(bag_);
+        item->Checkin(ci::kKeepRecency, 0.0);
+      }
       if (rng() % 4 == 0) item->RemoveFromBagAndSortDir();
     }
   });
