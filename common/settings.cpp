@@ -122,6 +122,11 @@ uint32_t DebugSleepTimeSetStuffDataMs() {
   return v;
 }
 
+uint32_t PendingOverdueMs() {
+  static const uint32_t v = ReadUInt32("JX.PendingOverdueMs", 30000);
+  return v;
+}
+
 int32_t ReadDiskDelayMs() {
   static const int32_t v = ReadInt32("KQ.JX.ReadDiskDelayInMsR", 0);
   return v;

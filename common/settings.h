@@ -48,6 +48,8 @@ double MinJXSizeToPurgeLimitRatio();
 double GfxpaksCacheLimitMultiplier();
 // "KQ.DebugSleepTimeInMs_JXSetStuffDataR" (default 0).
 uint32_t DebugSleepTimeSetStuffDataMs();
+// "JX.PendingOverdueMs" (default 30000; 0 turns the pending watchdog off).
+uint32_t PendingOverdueMs();
 // "KQ.JX.ReadDiskDelayInMsR" / "KQ.JX.WriteDiskDelayInMsR" (default 0).
 int32_t ReadDiskDelayMs();
 int32_t WriteDiskDelayMs();

@@ -5,6 +5,7 @@
 #include "host/config.h"
 #include "host/trace.h"
 #include "host/y_api.h"
+#include "items/pending_watch.h"
 #include "jxcache/bag/bag.h"
 #include "jxcache/bag/library_lock.h"
 #include "jxcache/disk/disk_hooks.h"
@@ -37,6 +38,9 @@ void JX_Stuff::WaitForPendingCompletion() const {
   if (IsPendingFromThisThread()) return;
   ZC_PROFILE_SCOPE("KQ.JX_Stuff::WaitForPendingCompletion", 6);
   JX_GetStuffCounters().pendingWaits.fetch_add(1, std::memory_order_relaxed);
+  pendingWaiters_.fetch_add(1, std::memory_order_relaxed);
+  zelcore::config::ExecuteTopLevelFunction leave(
+      [this] { pendingWaiters_.fetch_sub(1, std::memory_order_relaxed); });
   pendingGate_.WaitFor(kPendingWaitDeadline);
 }
 
@@ -92,6 +96,7 @@ void JX_Stuff::CompletePending(IntrusivePtr<JX_StuffData> data, double computeTi
     computeTime_ = computeTime;
     pendingThread_ = zelcore::threads::kNoThread;
   }
+  jx::pending::Forget(*this);
   // Whatever happens below, nobody may be left waiting at the gate.
   zelcore::config::ExecuteTopLevelFunction openGate([this] { pendingGate_.Open(); });
   if (data) {

@@ -3,6 +3,7 @@
 
 #include "bag/sort_dir.h"
 #include "common/failures.h"
+#include "items/pending_watch.h"
 #include "jxcache/bag/bag.h"
 #include "jxcache/host/high_precision_time.h"
 
@@ -42,6 +43,7 @@ JX_Stuff::IntrusivePtr<JX_Stuff> JX_Stuff::CreatePending(const Guid& guid,
                                                          IntrusivePtr<JX_StuffData> findKeyData) {
   IntrusivePtr<JX_Stuff> stuff(new JX_Stuff({}, 0.0, true, std::move(findKeyData)));
   stuff->StoreGuid(guid);
+  jx::pending::Watch(*stuff, guid);
   return stuff;
 }
 
@@ -51,6 +53,8 @@ JX_Stuff::~JX_Stuff() {
   // Applier::InBagPeeked), and relies on it staying null once the bag let go of the item.
   // An item outside any bag still counted its bytes in the global bag; take them out so that the
   // totals stay exact when the last reference goes.
+  // An item dropped while still pending leaves the watchdog's registry before its memory goes.
+  if (pending_.load(std::memory_order_acquire)) jx::pending::Forget(*this);
   try {
     SyncMemorySizeWithBag(0);
     SyncDiskSizeWithBag(0);

@@ -8,12 +8,13 @@
 #include "common/settings.h"
 #include "compute/compute_suite.h"
 #include "disk/disk_writer.h"
-#include "jxcache/farm/farm_tier.h"
 #include "host/media_manager.h"
 #include "host/y_api.h"
+#include "items/pending_watch.h"
 #include "jxcache/bag/bag.h"
 #include "jxcache/bag/global_bag.h"
 #include "jxcache/disk/disk_executor.h"
+#include "jxcache/farm/farm_tier.h"
 #include "jxcache/host/host_services.h"
 #include "jxcache/items/stuff_data.h"
 #include "mediamap/media_map_hooks.h"
@@ -57,6 +58,10 @@ void JX_Birth(bool mediaMapAllowed, unsigned int bagArgument, bool gfxpakLimitAl
   auto idleIo = jx::host::GetThreads().CreateIOBoundExecutor(1);
   auto idleDiskTask = std::make_shared<zelcore::threads::QueueOnlyOnce>(
       idleIo, [] { JX_RunIdleDiskTask(); }, kIdleDiskTaskDelayMs, 0);
+  // The pending watchdog reports to the host: a thread of its own, so that a host that takes
+  // its time over a report never holds up disk work.
+  jx::pending::PreparedWatchdog watchdog =
+      jx::pending::PrepareWatchdog(jx::host::GetThreads().CreateIOBoundExecutor(1));
 
   // Settings read for the first time allocate too. Under the Gfxpak limit the media-map
   // setting is not consulted at all.
@@ -66,6 +71,7 @@ void JX_Birth(bool mediaMapAllowed, unsigned int bagArgument, bool gfxpakLimitAl
   // The previous ones go in the order they always went: executor, idle task, bag.
   jx::settings::SetMediaMapAllowed(mediaMapAllowed);
   jx::disk::SwapExecutors(diskExecutor, idleDiskTask);
+  jx::pending::StartWatchdog(std::move(watchdog));
   jx::SwapGlobalBag(bag);
   bag.reset();
   jx::settings::ExchangeGfxpakLimitAllowed(gfxpakLimitAllowed);
@@ -100,6 +106,7 @@ void JX_Death() {
 void JX_StopAllAsyncWork() {
   YLOG_Log(10, "JX", "JX_StopAllAsyncWork", "JX_StopAllAsyncWork");
   jx::disk::StopExecutors();
+  jx::pending::StopWatchdog();
   // After the executors: a farm write they cancelled or finished has given its lease up; the
   // tier's renewal thread stops here, like the other background work.
   JX_DetachFarmTier();

@@ -41,6 +41,9 @@ void CollectMemory(Collector& c, const JX_PerformanceCounters& p) {
   c.Gauge("items_checked_out", p.itemsCheckedOut);
   c.Counter("pending_refusals", static_cast<int64_t>(p.pendingRefusals));
   c.Counter("pending_waits", static_cast<int64_t>(p.pendingWaits));
+  c.Counter(
+      "pending_overdue",
+      static_cast<int64_t>(JX_GetStuffCounters().pendingOverdue.load(std::memory_order_relaxed)));
   c.Group("purge");
   c.Counter("calls", p.purgeCalls);
   c.Counter("freed_with_disk_copy", p.purgeFreedDiskBacked);
@@ -184,6 +187,7 @@ void JX_ResetStatistics() {
   JX_StuffCounters& s = JX_GetStuffCounters();
   s.pendingRefusals.store(0, std::memory_order_relaxed);
   s.pendingWaits.store(0, std::memory_order_relaxed);
+  s.pendingOverdue.store(0, std::memory_order_relaxed);
   JX_ResetPurgeCounters();
   jx::disk::ResetCounters();
   jx::compute::ResetCounters();

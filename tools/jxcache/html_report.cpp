@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <sstream>
 
+#include "tools/jxcache/content_strip.h"
 #include "tools/jxcache/run_info.h"
 #include "tools/jxcache/size_arg.h"
 #include "tools/jxcache/summary.h"
@@ -436,6 +437,9 @@ std::string RenderHtmlReport(const SessionResult& r) {
   o << "<h2>Render times</h2>\n" << RenderTimeHistogram(r);
   o << "<h2>Disk cache</h2>\n" << DiskCharts(r);
   o << "<h2>Requests of each pass, in order</h2>\n" << PassStrips(r);
+  if (!r.contentMoments.empty()) {
+    o << "<h2>Cache content, frame by frame</h2>\n" << RenderContentStrips(r);
+  }
   o << "<h2>All figures</h2>\n";
   Table(o, tables.overall, "overall");
   o << "<h2>Settings</h2>\n";

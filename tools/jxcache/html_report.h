@@ -3,9 +3,10 @@
 // of the summary as tables, and SVG charts the tool draws itself, each as wide as the page:
 // memory against the budget with the purges marked, hit rate and frames per second over time,
 // the distribution of render times, the disk cache's size and write queue, and one strip per pass
-// with a cell per request coloured by how it was served. Then the settings and the run's
-// metadata (version, time, host, command line). Every text from outside is escaped, and the page
-// is well-formed XML (XHTML) so that any XML parser accepts it.
+// with a cell per request coloured by how it was served; when content maps were taken, one strip
+// per map with a cell per frame coloured by what the cache held of it. Then the settings and the
+// run's metadata (version, time, host, command line). Every text from outside is escaped, and the
+// page is well-formed XML (XHTML) so that any XML parser accepts it.
 #pragma once
 
 #include <string>

@@ -255,6 +255,40 @@ TEST(HtmlReport, LongRunsStayReadableAndKeepTheirPeaks) {
   EXPECT_LT(top, *std::max_element(ys.begin(), ys.end()));
 }
 
+size_t Count(const std::string& text, const std::string& what) {
+  size_t n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
+}
+
+// One strip per content map, one cell per frame, coloured by the frame's state; a run without
+// maps has no such section.
+TEST(HtmlReport, ContentStripsHaveACellPerFramePerMoment) {
+  SessionResult r = MadeUpSession();
+  EXPECT_EQ(RenderHtmlReport(r).find("content-cell"), std::string::npos);
+  constexpr size_t kFrames = 37;
+  const FrameState cycle[] = {FrameState::kAbsent, FrameState::kInMemory, FrameState::kOnDiskOnly,
+                              FrameState::kBoth, FrameState::kPending};
+  for (uint32_t m = 0; m < 3; ++m) {
+    ContentMoment moment;
+    moment.pass = m < 2 ? 0 : 1;
+    moment.passEnded = m != 0;
+    moment.requestsDone = m == 0 ? 2 : 4;
+    for (size_t f = 0; f < kFrames; ++f) moment.frames.push_back(cycle[(f + m) % 5]);
+    r.contentMoments.push_back(moment);
+  }
+  const std::string html = RenderHtmlReport(r);
+  std::string why;
+  EXPECT_TRUE(testing::IsWellFormedXmlByHand(html, &why)) << why;
+  EXPECT_EQ(Count(html, "<rect class=\"content-cell\""), 3 * kFrames);
+  EXPECT_EQ(Count(html, "frame 7: on disk only"), 1u) << "moment 0: frame 7 is state 2";
+  EXPECT_EQ(Count(html, "frame 7: in memory and on disk"), 1u) << "moment 1";
+  EXPECT_EQ(Count(html, "frame 2: being rendered"), 1u) << "moment 2";
+  EXPECT_NE(html.find(">pass 1 50%<"), std::string::npos);
+  EXPECT_NE(html.find(">pass 1 end<"), std::string::npos);
+  EXPECT_NE(html.find(">pass 2 end<"), std::string::npos);
+}
+
 TEST(SummaryJson, RecordingAddsKeysAndKeepsTheOldOnes) {
   const SessionResult r = MadeUpSession();
   const auto j = SummaryJson(r);

@@ -24,6 +24,7 @@
 #include "tools/jxcache/histogram_plugin.h"
 #include "tools/jxcache/host_media.h"
 #include "tools/jxcache/library_run.h"
+#include "tools/jxcache/session_content.h"
 #include "tools/jxcache/session_disk.h"
 #include "tools/jxcache/session_farm.h"
 #include "tools/jxcache/tool_error.h"
@@ -445,7 +446,9 @@ SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress) {
     series.Offer(s, passEnded);
   };
   sample(0, true);
+  ContentMapper contentMaps(o);
   for (uint32_t p = 0; p < o.passes; ++p) {
+    contentMaps.StartPass();
     PassResult pass;
     pass.frames = PassFrames(p, o.frames, o.seed, &pass.kind);
     pass.outcomes.assign(pass.frames.size(), Outcome::kMemoryHit);
@@ -480,6 +483,9 @@ SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress) {
     while (runner.Done() < pass.frames.size() && !failure) {
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
       sample(p, false);
+      if (const uint64_t done = runner.Done(); contentMaps.DueWithin(done, pass.frames.size())) {
+        contentMaps.Take(bag, clock.GetElapsedSeconds(), p, done, false, &result);
+      }
       if (progress && result.samples.size() % 5 == 0) progress(result, p, runner.Done());
     }
     for (auto& t : threads) t.join();
@@ -497,6 +503,7 @@ SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress) {
     result.renderMicrosTotal += runner.renderMicros.load();
     Tally(pass);
     sample(p, true);
+    contentMaps.Take(bag, clock.GetElapsedSeconds(), p, pass.Requests(), true, &result);
     running = nullptr;
     doneBefore += pass.Requests();
     hitsBefore += pass.memoryHits + pass.diskHits;

@@ -46,6 +46,8 @@ struct SimulateOptions {
   // on screen one frame later. 0 plays as fast as the cache and renders allow.
   double fps = 0.0;
   // The farm tier (session_farm.h): empty address and 0 limits leave the settings table's.
+  // Take content maps of the cache through the run (for the HTML report's content strips).
+  bool contentMaps = false;
   std::string farmAddress;
   std::string farmNode;
   uint32_t farmCommandTimeoutMs = 0, farmLeaseMs = 0, farmLeaseWaitMs = 0, farmTtlSeconds = 0;
@@ -81,6 +83,27 @@ struct Sample {
   uint64_t memory;  // bytes the cache holds in memory
   uint64_t disk;    // bytes of the disk cache
   uint32_t pass;    // index of the pass running
+};
+
+// What the cache held of one frame at a moment: its payload in memory, on disk only, both,
+// being rendered, or nothing.
+enum class FrameState : uint8_t {
+  kAbsent = 0,
+  kInMemory = 1,
+  kOnDiskOnly = 2,
+  kBoth = 3,
+  kPending = 4
+};
+
+// A content map of the cache taken during the run, reduced to the timeline's frames.
+struct ContentMoment {
+  double seconds = 0;  // since the session started
+  uint32_t pass = 0;
+  uint64_t requestsDone = 0;  // of that pass, when taken
+  bool passEnded = false;
+  std::vector<FrameState> frames;  // per frame of the timeline
+  uint64_t items = 0;              // items in the map, frames or not
+  uint64_t snapshotNanos = 0, maxLockHoldNanos = 0;
 };
 
 // A subsystem the session uses; when it is not part of this build, its figures are absent.
@@ -154,6 +177,8 @@ struct SessionResult {
   std::vector<PurgeEvent> purgeEvents;
   std::vector<double> renderMs;  // render times: every one, or a uniform sample of them
   uint64_t renderTimesSeen = 0;  // renders timed, sampled or not
+  // With contentMaps: a few moments within each pass and one at its end, oldest first.
+  std::vector<ContentMoment> contentMoments;
   // Filled by the caller: RunSession knows nothing of the command line.
   RunInfo run;
   FarmFigures farm;
@@ -166,6 +191,9 @@ inline constexpr double kSeriesInterval = 0.1;
 inline constexpr size_t kMaxSeriesSamples = 2048;
 inline constexpr size_t kMaxPurgeEvents = 512;
 inline constexpr size_t kMaxRenderTimes = 20000;
+// Content maps taken within a pass (at even shares of its requests), and the most in a run.
+inline constexpr uint32_t kContentMomentsWithinPass = 3;
+inline constexpr size_t kMaxContentMoments = 64;
 
 // Called from the main thread about every 100 ms while a pass runs: pass index, requests done.
 using ProgressFn = std::function<void(const SessionResult&, uint32_t pass, uint64_t done)>;

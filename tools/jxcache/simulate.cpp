@@ -77,7 +77,8 @@ void ShowProgress(ProgressMeter& meter, const SessionResult& r, uint32_t pass, u
 }
 
 int RunSimulate(SimulateArgs& args) {
-  const SimulateOptions options = Validate(args);
+  SimulateOptions options = Validate(args);
+  options.contentMaps = !args.report.empty();
   std::optional<ReportFile> report;
   if (!args.report.empty()) report.emplace(args.report);
   ProgressMeter meter(ProgressMeter::ModeFor(args.progress), std::cerr);

@@ -296,9 +296,18 @@ TEST(Simulate, HtmlReportAndJsonRecordTheRun) {
   for (size_t p = html.find("<title>frame "); p != std::string::npos;
        p = html.find("<title>frame ", p + 1))
     ++cells;
-  // Memory, hit rate, frames/s, render times, disk size, write queue, and the strips.
-  EXPECT_EQ(svgs, 7u);
-  EXPECT_EQ(cells, 3u * 12);  // a cell per request of each pass
+  // Memory, hit rate, frames/s, render times, disk size, write queue, the pass strips and the
+  // content strips.
+  EXPECT_EQ(svgs, 8u);
+  size_t contentCells = 0;
+  const std::string cellTag = "<rect class=\"content-cell\"";
+  for (size_t p = html.find(cellTag); p != std::string::npos; p = html.find(cellTag, p + 1))
+    ++contentCells;
+  EXPECT_EQ(cells - contentCells, 3u * 12);  // a cell per request of each pass
+  // A cell per frame (12) for each content map: at least the end of each of the 3 passes.
+  EXPECT_EQ(contentCells % 12, 0u);
+  EXPECT_GE(contentCells, 3u * 12);
+  EXPECT_NE(html.find(">pass 3 end<"), std::string::npos);
 
   const auto j = r.Json();
   const auto& run = j["run"];

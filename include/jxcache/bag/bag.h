@@ -32,6 +32,9 @@ class JX_SortDir;
 namespace jx::recency {
 struct Applier;
 }
+namespace jx::content {
+struct Walker;
+}
 
 class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
  public:
@@ -159,6 +162,7 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
   friend class JX_SortDir;
   friend struct JX_BagTestAccess;  // tests that need equal time stamps
   friend struct jx::recency::Applier;
+  friend struct jx::content::Walker;
 
   // The recency order, oldest first: a list kept sorted by last-used time, ties in insertion
   // order. Items enter with a time stamp taken under the library lock, so an insertion lands at

@@ -33,9 +33,10 @@
 //                  both the library lock and mutex_, so holding either is enough to read it and
 //                  use the bag (which clears it, under both, as it dies). These carry no
 //                  annotations: the library lock is not a capability the analysis knows.
-//   Atomics (no lock): checkoutCount_, pending_, inSortDir_, keyIsFinalPayload_, lastUsedTime_,
-//                      the accounted sizes (memSize_, checkedOutSize_, diskSize_), purgeState_,
-//                      writeInProgress_, diskCheckouts_, taggedToWrite_.
+//   Atomics (no lock): checkoutCount_, pending_, pendingWaiters_, inSortDir_,
+//                      keyIsFinalPayload_, lastUsedTime_, the accounted sizes (memSize_,
+//                      checkedOutSize_, diskSize_), purgeState_, writeInProgress_,
+//                      diskCheckouts_, taggedToWrite_.
 //                      checkoutCount_ and the accounted sizes are read without a lock but written
 //                      only under mutex_'s upgrade or write lock, which has one holder at a time:
 //                      the hit path's writers use a load and a store, not an atomic
@@ -78,6 +79,9 @@ class ClaimedFile;
 }
 namespace jx::recency {
 struct Applier;
+}
+namespace jx::content {
+struct Walker;
 }
 class JX_SortDir;
 class JXp_ScLock;
@@ -130,6 +134,8 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
                                           bool skipBackPressure);
   bool IsPendingRender() const { return pending_.load(std::memory_order_acquire); }
   bool IsPendingFromThisThread() const;
+  // Threads waiting for the pending render right now.
+  uint32_t GetPendingWaiterCount() const { return pendingWaiters_.load(std::memory_order_relaxed); }
   // The payload, after waiting for a pending render to finish.
   IntrusivePtr<JX_StuffData> GetDataWaitIfPending() const;
   // Reads the payload back from the disk cache when it is not in memory; returns IsInMemory().
@@ -281,7 +287,8 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   friend class JX_SortDir;
   friend class JX_ScCheckout;
   friend struct jx::recency::Applier;
-  friend struct JX_BagTestAccess;  // tests that need equal time stamps
+  friend struct jx::content::Walker;  // the content map reads an item's fields under its lock
+  friend struct JX_BagTestAccess;     // tests that need equal time stamps
   struct SortDirHash;
   struct SortDirEqual;
 
@@ -495,6 +502,9 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   std::atomic<bool> taggedToWrite_{false};
   bool tempRemovedFromSortDir_ GUARDED_BY(mutex_) = false;
   zelcore::threads::OpenOnceGate pendingGate_;
+  // Threads waiting at the gate right now: what the pending watchdog reports of an overdue item
+  // (items/pending_watch.h). Moved only around the wait, never on a hit.
+  mutable std::atomic<uint32_t> pendingWaiters_{0};
   double computeTime_ GUARDED_BY(mutex_) = 0.0;
   std::weak_ptr<JX_SortDir> sortDir_ GUARDED_BY(mutex_);
   std::unique_ptr<MemDiskChangedSignal> memDiskChanged_ GUARDED_BY(mutex_);
@@ -508,6 +518,8 @@ struct JX_StuffCounters {
   zelcore::utility::StripedCounter<int64_t> itemsCheckedOut;
   std::atomic<uint64_t> pendingRefusals{0};
   std::atomic<uint64_t> pendingWaits{0};
+  // Pending items whose renderer had not filled them within the watchdog's time.
+  std::atomic<uint64_t> pendingOverdue{0};
 };
 namespace jx::detail {
 extern JX_EXPORT constinit JX_StuffCounters g_stuffCounters;

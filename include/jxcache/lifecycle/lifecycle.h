@@ -25,7 +25,8 @@ JX_EXPORT void JX_Birth(bool mediaMapAllowed, unsigned int bagArgument, bool gfx
 JX_EXPORT void JX_VX_Birth();
 // Empties and drops the global bag, detaches from the media map, forgets payload factories.
 JX_EXPORT void JX_Death();
-// Stops background disk work: no new work, queued work cancelled, running work waited for.
+// Stops background work (disk writes, the pending watchdog): no new work, queued work
+// cancelled, running work waited for.
 JX_EXPORT void JX_StopAllAsyncWork();
 // 0 when the media map is not used; else the bytes it mirrors.
 JX_EXPORT unsigned long long JX_GetMediaMapSize();
