@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <limits>
 
+#include "disk/cache_file_name.h"
 #include "disk/disk_test_support.h"
 #include "jxcache/disk/performance_counters.h"
 #include "jxcache/items/sc_checkout.h"
@@ -85,7 +86,12 @@ TEST_F(MissReasonsDiskTest, AFileDeletedForTheFolderLimitOrKeptForAnotherVersion
   EXPECT_EQ(Count(kJX_MissFolderLimit), 1);
 
   const Guid older = Guid::CreateUnique();
-  MakeFile(CacheFileName(older, bag_->GetAppVersion() + 1), 100);
+  JX_StuffData::Header header;
+  TestPayload(kSize, 5).GetHeader(header);
+  MakeFile(jx::disk::MakeCacheFileName(older, "TestPayload", bag_->GetAppVersion() + 1,
+                                       header.data(), header.size()),
+           100);
+  bag_->RequestDiskCacheScan();
   bag_->ScanDiskCacheDir();
   EXPECT_EQ(Look(older), kJX_CreatedPending);
   EXPECT_EQ(Count(kJX_MissOtherVersion), 1);
