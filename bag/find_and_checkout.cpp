@@ -49,9 +49,12 @@ void CountIfNotServedFromMemory(const JX_Stuff& request, const JX_Stuff& match, 
         !match.IsPendingFromThisThread()) {
       CountMiss(request, jx::miss::Reason::kPendingDeadline);
     }
-  } else if ((checkoutFlags & (cf::kNoDiskRead | cf::kAcceptNotInMemory)) && !match.IsInMemory()) {
-    // Checked out as it stands, payload left on disk: the caller reads it or does without.
-    CountMiss(request, DepartureOfRequest(request));
+  } else if (checkoutFlags & (cf::kNoDiskRead | cf::kAcceptNotInMemory)) {
+    // Checked out as it stands, perhaps with the payload left on disk: the caller reads it or
+    // does without. Not pending, the payload is final and is looked at without the item's lock.
+    const bool inMemory =
+        match.VisitData([](const JX_StuffData* data) { return data && data->IsInMemory(); });
+    if (!inMemory) CountMiss(request, DepartureOfRequest(request));
   }
 }
 
