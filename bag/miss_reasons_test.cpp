@@ -141,19 +141,6 @@ TEST_F(MissReasonsTest, ClassesGoByMatchNameAndStayBounded) {
   EXPECT_EQ(total, kClasses);
 }
 
-TEST_F(MissReasonsTest, TheFolderScansOwnSearchesAndACallersProbeAreNoLookUps) {
-  {
-    jx::miss::ScLookupMode adopting(jx::miss::kNotALookup);
-    EXPECT_EQ(Look(Guid::CreateUnique(), cf::kReadOnly), kJX_CheckoutRefused);
-  }
-  {
-    jx::miss::ScLookupMode probe(jx::miss::kRefusalNotCounted);
-    EXPECT_EQ(Look(Guid::CreateUnique(), cf::kReadOnly), kJX_CheckoutRefused);
-    EXPECT_EQ(Look(Guid::CreateUnique()), kJX_CreatedPending);  // counted: not a refusal
-  }
-  EXPECT_EQ(JX_GetMissReasonsTotal().total, 1);
-}
-
 TEST_F(MissReasonsTest, TheDepartureTableForgetsAKeyWhoseSlotWasTaken) {
   const size_t hash = 0x123456789ABCDE00ull;
   jx::miss::NoteDeparture(hash, jx::miss::Reason::kFolderLimit);
