@@ -2,6 +2,7 @@
 // pending item the caller must fill while others wait for it.
 #include <boost/container/small_vector.hpp>
 
+#include "bag/miss_reasons.h"
 #include "bag/sort_dir.h"
 #include "common/failures.h"
 #include "host/y_api.h"
@@ -18,6 +19,43 @@ bool MayWaitForPending(int flags) {
   // on another thread's render: the renderer may need exactly that lock to finish.
   return !Y::ScNotifyHoldingMutexLock::IsHoldingLock() && !JXp_ScLock::IsLockedByCurrentThread() &&
          !zelcore::threads::MultiTenantRecursiveMutex::CurrentThreadHoldsAny();
+}
+
+// Miss accounting, all of it off the hit path, which returns before any of it.
+jx::miss::Reason DepartureOfRequest(const JX_Stuff& request) {
+  size_t hash;
+  request.GetGuidAndHash(&hash);
+  return jx::miss::DepartureOf(hash);
+}
+
+void CountMiss(const JX_Stuff& request, jx::miss::Reason reason) {
+  if (jx::miss::CurrentLookupMode() & jx::miss::kNotALookup) return;
+  jx::miss::CountMissOf(request, reason);
+}
+
+// A refusal whose caller searches again right after counts with that search instead.
+void CountRefusal(const JX_Stuff& request, jx::miss::Reason reason) {
+  if (jx::miss::CurrentLookupMode() & jx::miss::kRefusalNotCounted) return;
+  CountMiss(request, reason);
+}
+
+void CountIfNotServedFromMemory(const JX_Stuff& request, const JX_Stuff& match, int checkoutFlags,
+                                jx::miss::ThreadReads before) {
+  if (jx::miss::ThisThreadReads().done != before.done) {
+    CountMiss(request, DepartureOfRequest(request));
+  } else if (match.IsPendingRender()) {
+    // Handed over still pending: this thread could not wait for it here.
+    if (!(jx::miss::CurrentLookupMode() & jx::miss::kCallerWaits) &&
+        !match.IsPendingFromThisThread()) {
+      CountMiss(request, jx::miss::Reason::kPendingDeadline);
+    }
+  } else if (checkoutFlags & (cf::kNoDiskRead | cf::kAcceptNotInMemory)) {
+    // Checked out as it stands, perhaps with the payload left on disk: the caller reads it or
+    // does without. Not pending, the payload is final and is looked at without the item's lock.
+    const bool inMemory =
+        match.VisitData([](const JX_StuffData* data) { return data && data->IsInMemory(); });
+    if (!inMemory) CountMiss(request, DepartureOfRequest(request));
+  }
 }
 
 }  // namespace
@@ -70,11 +108,26 @@ JX_CheckoutResult JX_Bag::FindAndCheckout(const StuffPtr& request, int checkoutF
   }
   StuffPtr match;
   bool matchWasPending = false;
-  const JX_CheckoutResult result =
-      FindOrCreateLocked(*request, checkoutFlags, &match, &matchWasPending, createdPending);
-  if (!match) return kJX_CheckoutRefused;
-  if (result == kJX_CheckedOut && !FinishCheckoutOfMatch(*match, checkoutFlags, matchWasPending)) {
+  bool pendingMatchRefused = false;
+  const JX_CheckoutResult result = FindOrCreateLocked(
+      *request, checkoutFlags, &match, &matchWasPending, createdPending, &pendingMatchRefused);
+  if (!match) {
+    CountRefusal(*request, pendingMatchRefused ? jx::miss::Reason::kPendingDeadline
+                                               : DepartureOfRequest(*request));
     return kJX_CheckoutRefused;
+  }
+  if (result == kJX_CheckedOut) {
+    const jx::miss::ThreadReads before = jx::miss::ThisThreadReads();
+    if (!FinishCheckoutOfMatch(*match, checkoutFlags, matchWasPending)) {
+      // Refused after all: the read back failed, or the render we found was abandoned.
+      const bool readFailed = jx::miss::ThisThreadReads().failed != before.failed;
+      CountRefusal(*request,
+                   readFailed ? jx::miss::Reason::kFailedRead : jx::miss::Reason::kPendingDeadline);
+      return kJX_CheckoutRefused;
+    }
+    CountIfNotServedFromMemory(*request, *match, checkoutFlags, before);
+  } else {
+    CountMiss(*request, DepartureOfRequest(*request));
   }
   *found = std::move(match);
   return result;
@@ -82,19 +135,18 @@ JX_CheckoutResult JX_Bag::FindAndCheckout(const StuffPtr& request, int checkoutF
 
 JX_CheckoutResult JX_Bag::FindOrCreateLocked(const JX_Stuff& request, int checkoutFlags,
                                              StuffPtr* match, bool* matchWasPending,
-                                             bool* createdPending) {
+                                             bool* createdPending, bool* pendingMatchRefused) {
   JXp_ScLock lock;
   ZC_PROFILE_SCOPE("KQ.JX_SortDir::FindAndCheckout 1 - post lock attempt", 7);
   const auto key = request.GetFindKeyData();
   size_t hash;
   const auto guid = request.GetGuidAndHash(&hash);
-  bool pendingMatchRefused = false;
   if (CheckoutFirstMatchLocked(key, guid, hash, checkoutFlags, match, matchWasPending,
-                               &pendingMatchRefused)) {
+                               pendingMatchRefused)) {
     return kJX_CheckedOut;
   }
   // A key that is being rendered never gets a second pending item: that would compute it twice.
-  if (!(checkoutFlags & cf::kCreatePending) || pendingMatchRefused) return kJX_CheckoutRefused;
+  if (!(checkoutFlags & cf::kCreatePending) || *pendingMatchRefused) return kJX_CheckoutRefused;
   ZC_PROFILE_SCOPE("KQ.JX_SortDir.CreatePending", 7);
   *match = JX_Stuff::CreatePending(guid, key);
   AddToBagAndSortDir(*match);

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <ostream>
 
+#include "bag/miss_reasons.h"
 #include "bag/recency_log.h"
 #include "bag/sort_dir.h"
 #include "common/settings.h"
@@ -242,6 +243,13 @@ unsigned int JX_Stuff::FreeUpAsMuchAsPossible(bool removeFromMediaMap, ReleaseQu
       !(data_ && data_->IsInMemory()) && !diskFile_ && !pending_.load(std::memory_order_acquire);
   const bool removedFromBag = keepsNothing && bag;
   if (removedFromBag) bag->RemoveStuffFromBagAndSortDir(self, lock, removeFromMediaMap);
+  // Gone from memory: a later miss of its key says why. An item that had nothing in memory
+  // already went for a reason recorded then, unless the caller names a new one.
+  if (freedAnything || (removedFromBag && jx::miss::HasExplicitCause())) {
+    size_t hash;
+    GetGuidAndHash(&hash);
+    jx::miss::NotePurged(hash, diskFile_ != nullptr);
+  }
   if (jx::settings::UseMediaMap()) {
     const bool erase = freedAnything && !removedFromBag && removeFromMediaMap;
     if (erase) JX_MediaMapErase(self);

@@ -7,6 +7,7 @@
 #include <new>
 #include <vector>
 
+#include "bag/miss_reasons.h"
 #include "common/failures.h"
 #include "jxcache/bag/bag.h"
 #include "jxcache/bag/global_bag.h"
@@ -91,6 +92,8 @@ void JX_SortDir::AddStuff(const StuffPtr& stuff) {
     FreeOutsideLock(std::move(grown));
   }
   for (const StuffPtr& old : superseded) {
+    // A dead item went for a reason recorded when it died; a live one goes now, for this one.
+    if (!IsDead(*old)) jx::miss::NoteDeparture(hash, jx::miss::Reason::kReplaced);
     if (auto bag = old->GetBag()) bag->RemoveStuffGuts(old, lock, true);
     old->RemoveFromBagAndSortDir();
     // Nobody can find the old item any more: its disk copy would only take room in the folder,

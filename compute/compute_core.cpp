@@ -9,6 +9,7 @@
 #include <string>
 #include <typeinfo>
 
+#include "bag/miss_reasons.h"
 #include "common/failures.h"
 #include "compute/compute_registry.h"
 #include "compute/compute_value.h"
@@ -70,11 +71,20 @@ const StuffPtr& LookingRequest(const KQGP_GUID& key) {
 // creation bit; only when that finds nothing is a search item built, which the bag then enters as
 // the pending entry (another thread may have created it meanwhile: then it is found).
 JX_CheckoutResult FindEntry(JX_ScCheckout& handle, const KQGP_GUID& key, Mode mode) {
-  if (mode == Mode::kCachedOnly) return handle.FindAndCheckout(LookingRequest(key), kFindOnlyFlags);
+  // A pending entry found is ours to wait for, and to count as a miss if we do not get it; a
+  // probe that finds nothing is followed by the search that counts.
+  if (mode == Mode::kCachedOnly) {
+    jx::miss::ScLookupMode callerWaits(jx::miss::kCallerWaits);
+    return handle.FindAndCheckout(LookingRequest(key), kFindOnlyFlags);
+  }
   Y::ScNotifyHoldingMutexLock neverBlockInTheBag;
-  const JX_CheckoutResult found =
-      handle.FindAndCheckout(LookingRequest(key), kFindOrCreateFlags & ~cf::kCreatePending);
+  JX_CheckoutResult found;
+  {
+    jx::miss::ScLookupMode probe(jx::miss::kCallerWaits | jx::miss::kRefusalNotCounted);
+    found = handle.FindAndCheckout(LookingRequest(key), kFindOrCreateFlags & ~cf::kCreatePending);
+  }
   if (found != kJX_CheckoutRefused) return found;
+  jx::miss::ScLookupMode callerWaits(jx::miss::kCallerWaits);
   return handle.FindAndCheckout(MakeSearchItem(key), kFindOrCreateFlags);
 }
 
@@ -208,6 +218,13 @@ int32_t NotAvailable() {
   gCounters.notAvailable.fetch_add(1, std::memory_order_relaxed);
   return kNotAvailable;
 }
+
+// A pending entry the bag handed over that this caller did not get a value from: it could not
+// wait, or the compute it waited for failed.
+int32_t PendingNotServed(const JX_Stuff& item) {
+  jx::miss::CountMissOf(item, jx::miss::Reason::kPendingDeadline);
+  return NotAvailable();
+}
 }  // namespace
 
 Counters GetCounters() {
@@ -253,13 +270,14 @@ int32_t ComputeAndCheckout(const char* classId, void* request, Mode mode,
     }
     gCounters.computed.fetch_add(1, std::memory_order_relaxed);
   } else if (item->IsPendingRender()) {
-    if (mode != Mode::kWait || !MayWait(callerHeldNotifyingLock)) return NotAvailable();
+    if (mode != Mode::kWait || !MayWait(callerHeldNotifyingLock)) return PendingNotServed(*item);
     gCounters.waits.fetch_add(1, std::memory_order_relaxed);
     WaitForOtherCompute(*item);
+    if (!item->GetDataPtr()) jx::miss::CountMissOf(*item, jx::miss::Reason::kPendingDeadline);
   } else if (mode != Mode::kWait && !item->GetDataPtr()) {
     // Found while another caller computed it, and abandoned since (its compute failed): for a
     // caller that does not wait that is "not available", as if it had looked a moment earlier.
-    return NotAvailable();
+    return PendingNotServed(*item);
   }
   CheckEntry(*item, id);
   if (found != kJX_CreatedPending) gCounters.served.fetch_add(1);

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "bag/miss_reasons.h"
 #include "common/messages.h"
 #include "common/settings.h"
 #include "disk/cache_file_name.h"
@@ -308,7 +309,10 @@ void DeleteThroughItem(const JX_Bag::StuffPtr& item, PurgeTally& tally) {
   } else {
     ++tally.deleted;
   }
-  if (!item->IsInMemory() && !item->IsPendingRender()) item->FreeUpAsMuchAsPossible(true, nullptr);
+  if (!item->IsInMemory() && !item->IsPendingRender()) {
+    jx::miss::ScDepartureCause cause(jx::miss::Reason::kFolderLimit);
+    item->FreeUpAsMuchAsPossible(true, nullptr);
+  }
 }
 
 // The bag's items by the path of their file.

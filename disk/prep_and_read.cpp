@@ -6,6 +6,7 @@
 // a huge frame fails that way on every try, and a good file costs one render to replace.
 #include <chrono>
 
+#include "bag/miss_reasons.h"
 #include "common/failures.h"
 #include "common/settings.h"
 #include "disk/claimed_file.h"
@@ -69,6 +70,7 @@ void JX_Stuff::PrepAndRead(const ScopedUpgradeLockWrapper& lock) {
     if (seconds > 0.0) jx::disk::AddReadSpeedSample(payloadSize, seconds);
     counters.bytesRead.fetch_add(fileSize, std::memory_order_relaxed);
     counters.filesRead.fetch_add(1, std::memory_order_relaxed);
+    jx::miss::NoteReadDone();
     return;
   } catch (int c) {
     code = c;
@@ -81,6 +83,10 @@ void JX_Stuff::PrepAndRead(const ScopedUpgradeLockWrapper& lock) {
   // (an empty or vanished file); the item has no file now either way.
   SyncDiskSizeWithBag(0);
   counters.failedReads.fetch_add(1, std::memory_order_relaxed);
+  jx::miss::NoteReadFailed();
+  size_t hash;
+  GetGuidAndHash(&hash);
+  jx::miss::NoteDeparture(hash, jx::miss::Reason::kFailedRead);
   ZC_TRACE("JX", 3, "PrepAndRead failed with code " << code << "; disk cache file deleted");
   throw code;
 }

@@ -9,6 +9,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "bag/miss_reasons.h"
 #include "jxcache/bag/bag.h"
 #include "jxcache/bag/global_bag.h"
 #include "jxcache/common/jx_types.h"
@@ -65,6 +66,8 @@ struct JX_ReadAhead::State {
   }
 
   void Run() {
+    // Its searches are the library's own: the look-ups (and their misses) are the callers'.
+    jx::miss::ScLookupMode notALookup(jx::miss::kNotALookup);
     for (;;) {
       std::vector<StuffPtr> todo;
       uint64_t gen;

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "bag/miss_reasons.h"
+#include "bag/sort_dir.h"
 #include "common/failures.h"
 #include "disk/cache_file_name.h"
 #include "disk/claimed_file.h"
@@ -29,10 +31,12 @@ IntrusivePtr<JX_StuffData> PayloadForFile(const File& file, uint32_t runningVers
   jx::disk::CacheFileName name;
   const auto error = jx::disk::ParseCacheFileName(file.GetName(), &name);
   // An unreadable version cannot be ours either.
-  if (error == jx::disk::CacheFileNameError::kBadVersion ||
-      (error == jx::disk::CacheFileNameError::kNone && name.version != runningVersion)) {
+  if (error == jx::disk::CacheFileNameError::kNone && name.version != runningVersion) {
+    // Its key is in the folder, but not for this version: a miss of it is not "never seen".
+    jx::miss::NoteDeparture(JX_SortDir::HashGuid(name.guid), jx::miss::Reason::kOtherVersion);
     throw jx::kErrVersionMismatch;
   }
+  if (error == jx::disk::CacheFileNameError::kBadVersion) throw jx::kErrVersionMismatch;
   if (error != jx::disk::CacheFileNameError::kNone) {
     ZC_TRACE(
         "JX", 5,
@@ -77,7 +81,10 @@ void JX_Bag::ScanOneDiskCacheFile(const File& file) {
     // the same file cannot both add an item for it. Neither step waits.
     JXp_ScLock lock;
     JX_ScCheckout existing;
-    existing.FindAndCheckout(candidate, kAdoptLookupFlags);
+    {
+      jx::miss::ScLookupMode adopting(jx::miss::kNotALookup);
+      existing.FindAndCheckout(candidate, kAdoptLookupFlags);
+    }
     if (auto found = existing.GetStuffPtr()) {
       existing.SetCheckinFlags(jx::checkin_flags::kKeepRecency);  // adopting is not a use
       if (found->TakeDiskCacheFile(claim, true)) {

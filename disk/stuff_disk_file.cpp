@@ -2,6 +2,7 @@
 #include <atomic>
 #include <new>
 
+#include "bag/miss_reasons.h"
 #include "disk/claimed_file.h"
 #include "jxcache/bag/bag.h"
 #include "jxcache/bag/library_lock.h"
@@ -142,6 +143,12 @@ void JX_Stuff::MaybeDeleteDiskCacheFile(uint64_t lastUsedThreshold, bool* delete
   if (GetCheckoutCount() != 0 || !diskFile_ || GetNumDiskCacheCheckouts() != 0) return;
   if (GetLastUsedTime() < lastUsedThreshold) {
     bool d = DeleteDiskCacheFile();
+    // The file was all that was left of a payload already gone from memory.
+    if (d && !(data_ && data_->IsInMemory())) {
+      size_t hash;
+      GetGuidAndHash(&hash);
+      jx::miss::NoteDeparture(hash, jx::miss::Reason::kFolderLimit);
+    }
     if (deleted) *deleted = d;
   } else if (skipped) {
     *skipped = true;

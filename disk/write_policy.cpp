@@ -6,6 +6,7 @@
 #include <limits>
 #include <new>
 
+#include "bag/miss_reasons.h"
 #include "common/settings.h"
 #include "disk/disk_counters.h"
 #include "disk/disk_speed.h"
@@ -128,8 +129,8 @@ void CountRequest(bool lowPriorityForced) {
 // that; then the offer is counted under whatever reason the payload gives. An offer without a
 // reason that the worthiness rule itself turned down (`ruleSaidNo`, and nothing was queued) is
 // the most common refusal of all: it is counted on its own, so that a host can see why nothing
-// is written.
-void RecordReason(JX_StuffData& data, bool worthIfQueueEmpty, bool ruleSaidNo) {
+// is written. Returns whether it was that refusal.
+bool RecordReason(JX_StuffData& data, bool worthIfQueueEmpty, bool ruleSaidNo) {
   if (worthIfQueueEmpty) data.SetReasonWhyNoDiskCache(JX_StuffData::kQueueTooFull);
   const JX_StuffData::NoDiskCacheReason reason = data.GetReasonWhyNoDiskCache();
   auto& counters = jx::disk::GetCounters();
@@ -137,7 +138,17 @@ void RecordReason(JX_StuffData& data, bool worthIfQueueEmpty, bool ruleSaidNo) {
     counters.refusedForReason[reason].fetch_add(1, std::memory_order_relaxed);
   } else if (reason == JX_StuffData::kNoReason && ruleSaidNo) {
     counters.notWorthWriting.fetch_add(1, std::memory_order_relaxed);
+    return true;
   }
+  return false;
+}
+
+// The item stays in memory for now; if a purge frees it before anything is written, a miss of
+// its key is put down to this refusal.
+void NoteWriteDeclined(const JX_Stuff& stuff) {
+  size_t hash;
+  stuff.GetGuidAndHash(&hash);
+  jx::miss::NoteWriteDeclined(hash);
 }
 
 // A queued write: a "queue too full" the payload remembers from an earlier offer is over. The
@@ -221,7 +232,10 @@ void JX_Stuff::MaybeWriteToDisk() {
     const DiskOffer compressed =
         compressedWanted ? OfferToDiskWriter(self, true, computeTime, *data) : DiskOffer{};
     const bool ruleSaidNo = plain.ruleSaidNo || compressed.ruleSaidNo;
-    RecordReason(*data, plain.worthIfQueueEmpty, ruleSaidNo && !plain.queued && !compressed.queued);
+    if (RecordReason(*data, plain.worthIfQueueEmpty,
+                     ruleSaidNo && !plain.queued && !compressed.queued)) {
+      NoteWriteDeclined(*this);
+    }
   } catch (const std::bad_alloc&) {
   }
 }
@@ -279,7 +293,7 @@ void JX_Stuff::OfferToDiskAtCheckin(int flags, bool wasWriteable, double compute
     }
     return;
   }
-  RecordReason(*data, worthIfEmpty, cacheable);
+  if (RecordReason(*data, worthIfEmpty, cacheable)) NoteWriteDeclined(*this);
 }
 
 void JX_Stuff::ReconsiderWriteToDisk() {

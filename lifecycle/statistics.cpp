@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "bag/miss_reasons.h"
 #include "compute/compute_core.h"
 #include "disk/disk_counters.h"
 #include "farm/farm_counters.h"
@@ -12,6 +13,7 @@
 #include "jxcache/disk/performance_counters.h"
 #include "jxcache/items/stuff.h"
 #include "jxcache/lifecycle/lifecycle.h"
+#include "jxcache/lifecycle/miss_reasons.h"
 #include "mediamap/media_map_hooks.h"
 
 namespace {
@@ -127,6 +129,14 @@ void CollectFarm(Collector& c) {
   c.Gauge("average_latency", static_cast<int64_t>(jx::farm::AverageLatencySeconds() * 1e6), "us");
 }
 
+// One snapshot: the total is the sum of the reasons shown beside it.
+void CollectMisses(Collector& c) {
+  const JX_MissReasons all = JX_GetMissReasonsTotal();
+  c.Group("misses");
+  c.Counter("total", all.total);
+  for (int i = 0; i < kJX_MissReasonCount; ++i) c.Counter(JX_MissReasonName(i), all.byReason[i]);
+}
+
 // JSON strings here are the library's own names: plain ASCII, nothing to escape.
 void AppendJsonKey(std::string& out, const std::string& key) {
   out += '"';
@@ -143,6 +153,7 @@ std::vector<JX_Statistic> JX_GetStatistics() {
   CollectDisk(c, p);
   CollectComputeAndMediaMap(c);
   CollectFarm(c);
+  CollectMisses(c);
   return c.Take();
 }
 
@@ -192,4 +203,5 @@ void JX_ResetStatistics() {
   jx::disk::ResetCounters();
   jx::compute::ResetCounters();
   jx::farm::ResetCounters();
+  jx::miss::ResetCounts();
 }

@@ -1,6 +1,7 @@
 // JX_Stuff's side of the media map: what happens to an item whose entry the host purged.
 #include <memory>
 
+#include "bag/miss_reasons.h"
 #include "host/trace.h"
 #include "jxcache/bag/bag.h"
 #include "jxcache/bag/library_lock.h"
@@ -28,5 +29,6 @@ void JX_Stuff::PurgeFromMediaMap() {
   // The purged entry is gone already, but a check-in may have mirrored the item again since the
   // host picked it; erasing on the way out drops that newer entry with the memory, and finds
   // nothing otherwise. Without a release queue the memory goes at once.
+  jx::miss::ScDepartureCause cause(jx::miss::Reason::kMediaManager);
   FreeUpAsMuchAsPossible(true, nullptr);
 }

@@ -42,7 +42,9 @@ std::atomic<int>& TestPayload::LiveCount() {
   return n;
 }
 
-unsigned int TestPayload::GetApproximateMemorySize() const { return IsInMemory() ? size_ : 0; }
+unsigned int TestPayload::GetApproximateMemorySize() const {
+  return inMemory_.load(std::memory_order_acquire) ? size_ : 0;
+}
 
 bool TestPayload::IsInMemory() const { return inMemory_.load(std::memory_order_acquire); }
 

@@ -442,6 +442,8 @@ std::string RenderHtmlReport(const SessionResult& r) {
   }
   o << "<h2>All figures</h2>\n";
   Table(o, tables.overall, "overall");
+  o << "<h2>Why look-ups missed</h2>\n";
+  Table(o, tables.misses, "misses");
   o << "<h2>Settings</h2>\n";
   KeyValues(o, SettingRows(r), "settings");
   o << "<h2>Run</h2>\n";

@@ -325,6 +325,25 @@ uint64_t WriteQueueLength() {
   return n;
 }
 
+// What the library counted between `before` and now, class by class and all together.
+void TakeMissReasons(const std::vector<JX_MissReasons>& before, SessionResult* result) {
+  result->missReasons = JX_MissReasons{};
+  result->missReasons.payloadClass = "all";
+  result->missReasonsByClass.clear();
+  for (JX_MissReasons row : JX_GetMissReasons()) {
+    for (const JX_MissReasons& old : before) {
+      if (old.payloadClass != row.payloadClass) continue;
+      row.total -= old.total;
+      for (int i = 0; i < kJX_MissReasonCount; ++i) row.byReason[i] -= old.byReason[i];
+    }
+    if (row.total == 0) continue;
+    result->missReasons.total += row.total;
+    for (int i = 0; i < kJX_MissReasonCount; ++i)
+      result->missReasons.byReason[i] += row.byReason[i];
+    result->missReasonsByClass.push_back(std::move(row));
+  }
+}
+
 void Tally(PassResult& pass) {
   for (Outcome o : pass.outcomes) {
     pass.memoryHits += o == Outcome::kMemoryHit;
@@ -420,6 +439,8 @@ SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress) {
   disk.Attach(run.bagPtr(), &result);
   SessionFarm farm(o, &result);
   JX_VX_Birth();
+  // The counts are the process's: an earlier session in this process is taken off.
+  const std::vector<JX_MissReasons> missesBefore = JX_GetMissReasons();
   HistogramPlugin plugin;
   result.compute = {true, ""};
   auto& host = StandaloneHost::Instance();
@@ -522,6 +543,7 @@ SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress) {
   result.rendersAfterPurge = ledger.RendersAfterPurge();
   result.rendersWhileInMemory = ledger.RendersWhileInMemory();
   media.Finish(&result);
+  TakeMissReasons(missesBefore, &result);  // while the library lives
   // After the writer drained: the queue is seen to empty.
   sample(o.passes ? o.passes - 1 : 0, true);
   result.series = series.Samples();

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "jxcache/lifecycle/miss_reasons.h"
 #include "tools/jxcache/run_info.h"
 #include "tools/jxcache/time_series.h"
 
@@ -171,6 +172,11 @@ struct SessionResult {
   uint64_t hostMediaLeft = 0;       // what the pool still held of it at the end
   uint64_t mediaMapBytes = 0;       // what the cache mirrored into the pool at the end
   uint64_t mediaManagerPurges = 0;  // entries the media manager took back from the cache
+  // The library's look-ups that missed during the run, by reason: all together ("all") and per
+  // payload class. Its look-ups are not the tool's requests: a render asks the cache more than
+  // once (the frame, the plug-in's histogram).
+  JX_MissReasons missReasons;
+  std::vector<JX_MissReasons> missReasonsByClass;
   // The run as it went, for the report's charts and the JSON (see time_series.h for the bounds).
   std::vector<SeriesSample> series;
   double seriesInterval = 0;  // the spacing the series ended with, in seconds

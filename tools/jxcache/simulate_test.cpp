@@ -226,6 +226,42 @@ TEST(Simulate, ThreadsWantingTheSameFrameRenderItOnce) {
   EXPECT_GT(o["purges"].get<uint64_t>(), 0u);
 }
 
+// The library's misses in the JSON: each counts one reason, overall and per class, and frames the
+// budget pushed out miss because of a purge. Every render and every read back from disk follows a
+// miss of its frame.
+TEST(Simulate, MissReasonsAddUpToTheMissesAndShowThePurges) {
+  TempDir dir;
+  auto args = SmallSession(dir, {"--no-disk", "--memory", "36864", "--passes", "2"}, "64", "36");
+  *(std::find(args.begin(), args.end(), "--threads") + 1) = "1";
+  auto r = RunTool(args);
+  ASSERT_EQ(r.exitCode, 0) << r.err;
+  const auto j = r.Json();
+  const uint64_t misses = j["misses"];
+  uint64_t sum = 0;
+  for (const auto& [reason, n] : j["miss_reasons"].items()) sum += n.get<uint64_t>();
+  EXPECT_EQ(sum, misses) << j["miss_reasons"];
+  uint64_t byClass = 0;
+  for (const auto& [cls, reasons] : j["miss_reasons_by_class"].items()) {
+    for (const auto& [reason, n] : reasons.items()) byClass += n.get<uint64_t>();
+  }
+  EXPECT_EQ(byClass, misses);
+  EXPECT_GT(j["miss_reasons"]["memory_purge"].get<uint64_t>(), 0u) << j["miss_reasons"];
+  const auto& frames = j["miss_reasons_by_class"]["JxSimFrame"];
+  uint64_t frameMisses = 0;
+  for (const auto& [reason, n] : frames.items()) frameMisses += n.get<uint64_t>();
+  EXPECT_EQ(frameMisses,
+            j["overall"]["renders"].get<uint64_t>() + j["overall"]["disk_hits"].get<uint64_t>())
+      << frames;
+  EXPECT_EQ(frames["never_seen"].get<uint64_t>(), 12u);
+
+  // The text summary lists the same reasons.
+  std::erase(args, std::string("--json"));
+  auto text = RunTool(args);
+  ASSERT_EQ(text.exitCode, 0) << text.err;
+  EXPECT_NE(text.out.find("memory_purge"), std::string::npos) << text.out;
+  EXPECT_NE(text.out.find("all misses"), std::string::npos);
+}
+
 // Names are bytes; JSON is UTF-8. A name that is not valid UTF-8 is shown with U+FFFD in place of
 // its bad bytes, whichever subcommand prints it.
 TEST(Inspect, JsonSurvivesNamesThatAreNotUtf8) {
@@ -291,6 +327,9 @@ TEST(Simulate, HtmlReportAndJsonRecordTheRun) {
   EXPECT_EQ(OffPageReference(html), "") << "the report must open with no network";
   EXPECT_EQ(html.find("<b>"), std::string::npos);
   EXPECT_NE(html.find("x&lt;/script&gt;&lt;b&gt;y"), std::string::npos);
+  // The miss reasons get a table of their own, one row per reason.
+  EXPECT_NE(html.find("<table class=\"misses\">"), std::string::npos);
+  EXPECT_NE(html.find("<th>pending_deadline</th>"), std::string::npos);
   size_t svgs = 0, cells = 0;
   for (size_t p = html.find("<svg"); p != std::string::npos; p = html.find("<svg", p + 1)) ++svgs;
   for (size_t p = html.find("<title>frame "); p != std::string::npos;

@@ -152,6 +152,24 @@ nlohmann::ordered_json ReadAheadJson(const SessionResult& r) {
   return j;
 }
 
+// One row per reason, one column for all classes and one per class.
+SummaryTable MissTable(const SessionResult& r) {
+  SummaryTable t;
+  t.header = {"miss reason", "look-ups"};
+  for (const JX_MissReasons& c : r.missReasonsByClass) t.header.push_back(c.payloadClass);
+  t.leftAligned = {0};
+  auto row = [&](const std::string& name, auto figure) {
+    std::vector<std::string> cells{name, std::to_string(figure(r.missReasons))};
+    for (const JX_MissReasons& c : r.missReasonsByClass) cells.push_back(std::to_string(figure(c)));
+    t.rows.push_back(std::move(cells));
+  };
+  for (int i = 0; i < kJX_MissReasonCount; ++i) {
+    row(JX_MissReasonName(i), [i](const JX_MissReasons& m) { return m.byReason[i]; });
+  }
+  row("all misses", [](const JX_MissReasons& m) { return m.total; });
+  return t;
+}
+
 }  // namespace
 
 double HitRate(uint64_t memoryHits, uint64_t diskHits, uint64_t requests) {
@@ -253,13 +271,14 @@ SummaryTables BuildSummary(const SessionResult& r) {
                               " left)"
                         : Unavailable(r.mediaMap)});
   overall.rows.push_back({"wall time", Fixed(r.seconds, 2) + " s"});
+  tables.misses = MissTable(r);
   return tables;
 }
 
 void PrintSummary(const SessionResult& r, std::ostream& out) {
   const SummaryTables tables = BuildSummary(r);
   for (const std::string& line : tables.heading) out << line << '\n';
-  for (const SummaryTable* t : {&tables.passes, &tables.overall}) {
+  for (const SummaryTable* t : {&tables.passes, &tables.overall, &tables.misses}) {
     out << '\n';
     TextTable text(t->header);
     for (size_t column : t->leftAligned)
@@ -368,6 +387,17 @@ nlohmann::ordered_json SummaryJson(const SessionResult& r) {
     media["reason"] = r.mediaMap.why;
   }
   j["media_map"] = media;
+  // The library's own look-ups: the reasons add up to the misses.
+  j["misses"] = r.missReasons.total;
+  auto reasons = [](const JX_MissReasons& m) {
+    nlohmann::ordered_json o = nlohmann::ordered_json::object();
+    for (int i = 0; i < kJX_MissReasonCount; ++i) o[JX_MissReasonName(i)] = m.byReason[i];
+    return o;
+  };
+  j["miss_reasons"] = reasons(r.missReasons);
+  nlohmann::ordered_json byClass = nlohmann::ordered_json::object();
+  for (const JX_MissReasons& c : r.missReasonsByClass) byClass[c.payloadClass] = reasons(c);
+  j["miss_reasons_by_class"] = byClass;
   AddRecording(r, j);
   j["farm"] = FarmJson(r);
   j["readahead"] = ReadAheadJson(r);

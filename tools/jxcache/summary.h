@@ -22,6 +22,7 @@ struct SummaryTable {
 struct SummaryTables {
   std::vector<std::string> heading;  // the lines above the tables: the session's settings
   SummaryTable passes, overall;
+  SummaryTable misses;  // the library's look-ups that missed, by reason and payload class
 };
 SummaryTables BuildSummary(const SessionResult& r);
 

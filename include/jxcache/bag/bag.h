@@ -90,6 +90,9 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
   // thread that already holds the library lock (or a notifying host lock) does not wait.
   // A read-only search first looks without the library lock (see FindReadOnlyUnlocked); what it
   // takes that way is an item a locked search could have returned at that moment.
+  // Each call is one look-up: a hit when it returns an item checked out with its payload in
+  // memory that it did not have to read from disk (waiting for another thread's render
+  // included); any other outcome counts one miss with its reason (bag/miss_reasons.h).
   JX_CheckoutResult FindAndCheckout(const StuffPtr& request, int checkoutFlags, StuffPtr* found,
                                     bool* createdPending);
 
@@ -183,8 +186,10 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
   // The rest of FindAndCheckout (bag/find_and_checkout.cpp), in steps. Under the library lock:
   // checks out the first candidate that answers the request or, with kCreatePending and no
   // pending match refused, creates the pending item; *match is left empty when neither happened.
+  // *pendingMatchRefused: a pending item answered but the flags did not let the caller have it.
   JX_CheckoutResult FindOrCreateLocked(const JX_Stuff& request, int checkoutFlags, StuffPtr* match,
-                                       bool* matchWasPending, bool* createdPending);
+                                       bool* matchWasPending, bool* createdPending,
+                                       bool* pendingMatchRefused);
   // Tries the items filed under `guid` against `key`: uncompressed ones first, then, when the
   // request accepts compression, compressed ones. *pendingMatchRefused: one answered but was
   // pending, and the flags did not let the caller have it.

@@ -14,7 +14,8 @@
 #include "jxcache/host/export.h"
 
 struct JX_EXPORT JX_Statistic {
-  std::string group;  // "memory", "checkout", "purge", "disk", "compute", "media_map", "farm"
+  std::string group;  // "memory", "checkout", "purge", "disk", "compute", "media_map", "farm",
+                      // "misses" (per class: jxcache/lifecycle/miss_reasons.h)
   std::string name;   // snake_case, unique within the group
   int64_t value = 0;
   bool counter = false;  // false: a gauge

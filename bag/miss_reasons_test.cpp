@@ -1,0 +1,169 @@
+// Miss reasons seen from the bag: each miss counts one reason, hits count nothing, classes are
+// told apart by match name and stay bounded, and the statistics show the same figures.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+
+#include "bag/miss_reasons.h"
+#include "jxcache/items/sc_checkout.h"
+#include "jxcache/lifecycle/miss_reasons.h"
+#include "jxcache/lifecycle/statistics.h"
+#include "testing/jx_test_support.h"
+
+namespace cf = jx::checkout_flags;
+namespace ci = jx::checkin_flags;
+using jx::testing::LibraryTest;
+using jx::testing::MakeItem;
+using jx::testing::MakeRequest;
+using jx::testing::TestPayload;
+using zelcore::utility::Guid;
+using zelcore::utility::IntrusivePtr;
+
+namespace {
+
+constexpr int kFindOrCreate = cf::kReadOnly | cf::kCreatePending;
+
+class NamedPayload : public TestPayload {
+ public:
+  explicit NamedPayload(std::string name) : TestPayload(8), name_(std::move(name)) {}
+  const char* GetSubclassMatchname() const override { return name_.c_str(); }
+
+ private:
+  std::string name_;
+};
+
+class MissReasonsTest : public LibraryTest {
+ protected:
+  void SetUp() override {
+    LibraryTest::SetUp();
+    JX_ResetStatistics();
+  }
+  // One look-up; a created pending item is filled at once, as a renderer would.
+  JX_CheckoutResult Look(const Guid& guid, int flags = kFindOrCreate) {
+    JX_ScCheckout handle;
+    const JX_CheckoutResult r = handle.FindAndCheckout(MakeRequest(guid), flags);
+    if (r == kJX_CreatedPending) {
+      handle.GetStuffPtr()->SetStuffDataFromPendingRender(
+          IntrusivePtr<JX_StuffData>(new TestPayload(64)), 1.0);
+    }
+    return r;
+  }
+  static int64_t Count(JX_MissReason reason) { return JX_GetMissReasonsTotal().byReason[reason]; }
+  static int64_t Statistic(const std::string& name) {
+    for (const JX_Statistic& s : JX_GetStatistics()) {
+      if (s.group == "misses" && s.name == name) return s.value;
+    }
+    return -1;
+  }
+};
+
+TEST_F(MissReasonsTest, EachMissCountsOneReasonAndHitsCountNone) {
+  const Guid fresh = Guid::CreateUnique();
+  EXPECT_EQ(Look(fresh), kJX_CreatedPending);
+  EXPECT_EQ(Count(kJX_MissNeverSeen), 1);
+  EXPECT_EQ(Look(fresh), kJX_CheckedOut);  // a hit
+  EXPECT_EQ(JX_GetMissReasonsTotal().total, 1);
+
+  bag_->PurgeAllMemoryCaches();  // no disk folder: the item leaves the bag
+  EXPECT_EQ(Look(fresh), kJX_CreatedPending);
+  EXPECT_EQ(Count(kJX_MissMemoryPurge), 1);
+
+  // A newer item of the same GUID takes the old one's place; once it is gone too, the key was
+  // last seen being replaced.
+  const Guid replacedKey = Guid::CreateUnique();
+  bag_->AddToBagAndSortDir(MakeItem(16, replacedKey));
+  auto newer = MakeItem(16, replacedKey);
+  bag_->AddToBagAndSortDir(newer);
+  ASSERT_EQ(newer->Checkout(cf::kReadOnly), kJX_CheckedOut);
+  newer->Checkin(ci::kRemove, 0.0);
+  EXPECT_EQ(Look(replacedKey, cf::kReadOnly), kJX_CheckoutRefused);
+  EXPECT_EQ(Count(kJX_MissReplaced), 1);
+
+  // Another thread renders; a look-up that may not wait misses, one that waits hits.
+  const Guid rendered = Guid::CreateUnique();
+  JX_ScCheckout renderer;
+  ASSERT_EQ(renderer.FindAndCheckout(MakeRequest(rendered), kFindOrCreate), kJX_CreatedPending);
+  const int64_t missesBefore = JX_GetMissReasonsTotal().total;
+  std::thread([&] { EXPECT_EQ(Look(rendered), kJX_CheckoutRefused); }).join();
+  EXPECT_EQ(Count(kJX_MissPendingDeadline), 1);
+  const uint32_t waits = JX_GetStuffCounters().pendingWaits.load();
+  std::thread waiter(
+      [&] { EXPECT_EQ(Look(rendered, kFindOrCreate | cf::kWaitAlways), kJX_CheckedOut); });
+  while (JX_GetStuffCounters().pendingWaits.load() == waits) std::this_thread::yield();
+  renderer.GetStuffPtr()->SetStuffDataFromPendingRender(
+      IntrusivePtr<JX_StuffData>(new TestPayload(64)), 1.0);
+  waiter.join();
+  renderer.Checkin();
+  // The thread that could not wait missed; the one that waited did not.
+  EXPECT_EQ(JX_GetMissReasonsTotal().total, missesBefore + 1);
+
+  // The statistics and the per-class rows tell the same story, and the reasons add up.
+  const JX_MissReasons all = JX_GetMissReasonsTotal();
+  EXPECT_EQ(all.total, 5);
+  EXPECT_EQ(Statistic("total"), all.total);
+  int64_t sum = 0;
+  for (int r = 0; r < kJX_MissReasonCount; ++r) {
+    EXPECT_EQ(Statistic(JX_MissReasonName(r)), all.byReason[r]) << JX_MissReasonName(r);
+    sum += all.byReason[r];
+  }
+  EXPECT_EQ(sum, all.total);
+  const auto rows = JX_GetMissReasons();
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0].payloadClass, "TestPayload");
+  EXPECT_EQ(rows[0].total, all.total);
+
+  JX_ResetStatistics();
+  EXPECT_EQ(Statistic("total"), 0);
+  EXPECT_EQ(JX_GetMissReasonsTotal().total, 0);
+}
+
+TEST_F(MissReasonsTest, ClassesGoByMatchNameAndStayBounded) {
+  constexpr int kClasses = jx::miss::kMaxClasses + 4;
+  for (int i = 0; i < kClasses; ++i) {
+    auto request = JX_Stuff::CreateNew(
+        IntrusivePtr<JX_StuffData>(new NamedPayload("cls" + std::to_string(i))), 0.0);
+    request->SetGuid(Guid::CreateUnique());
+    JX_ScCheckout handle;
+    EXPECT_EQ(handle.FindAndCheckout(request, cf::kReadOnly), kJX_CheckoutRefused);
+  }
+  const auto rows = JX_GetMissReasons();
+  // Slot 0 is the fallback; the named classes fill the rest, the late ones count as "other".
+  ASSERT_EQ(rows.size(), static_cast<size_t>(jx::miss::kMaxClasses));
+  EXPECT_EQ(rows.front().payloadClass, "cls0");
+  EXPECT_EQ(rows.back().payloadClass, "other");
+  EXPECT_EQ(rows.back().total, kClasses - (jx::miss::kMaxClasses - 1));
+  int64_t total = 0;
+  for (const auto& row : rows) {
+    total += row.total;
+    EXPECT_EQ(row.byReason[kJX_MissNeverSeen], row.total) << row.payloadClass;
+  }
+  EXPECT_EQ(total, kClasses);
+}
+
+TEST_F(MissReasonsTest, TheDepartureTableForgetsAKeyWhoseSlotWasTaken) {
+  const size_t hash = 0x123456789ABCDE00ull;
+  jx::miss::NoteDeparture(hash, jx::miss::Reason::kFolderLimit);
+  EXPECT_EQ(jx::miss::DepartureOf(hash), jx::miss::Reason::kFolderLimit);
+  // A declined write explains nothing by itself, but turns a later purge without a disk copy
+  // into "not worth writing"; with a disk copy it stays a memory purge.
+  jx::miss::NoteWriteDeclined(hash);
+  EXPECT_EQ(jx::miss::DepartureOf(hash), jx::miss::Reason::kNeverSeen);
+  jx::miss::NotePurged(hash, /*hasDiskCopy=*/false);
+  EXPECT_EQ(jx::miss::DepartureOf(hash), jx::miss::Reason::kNotWorthWriting);
+  jx::miss::NotePurged(hash, /*hasDiskCopy=*/true);
+  EXPECT_EQ(jx::miss::DepartureOf(hash), jx::miss::Reason::kMemoryPurge);
+  {
+    jx::miss::ScDepartureCause cause(jx::miss::Reason::kMediaManager);
+    jx::miss::NotePurged(hash, false);
+  }
+  EXPECT_EQ(jx::miss::DepartureOf(hash), jx::miss::Reason::kMediaManager);
+  // The same slot, another tag: the first key is forgotten, not misreported.
+  size_t other = hash + 0x100;
+  while (jx::miss::DepartureSlotOf(other) != jx::miss::DepartureSlotOf(hash)) other += 0x100;
+  jx::miss::NoteDeparture(other, jx::miss::Reason::kReplaced);
+  EXPECT_EQ(jx::miss::DepartureOf(hash), jx::miss::Reason::kNeverSeen);
+  EXPECT_EQ(jx::miss::DepartureOf(other), jx::miss::Reason::kReplaced);
+}
+
+}  // namespace
