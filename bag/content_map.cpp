@@ -34,7 +34,11 @@ struct Walker {
 
   // Takes references to every item, chunk by chunk; returns them in recency order, each once.
   std::vector<StuffPtr> CollectItems() {
-    items_.reserve(static_cast<size_t>(bag_.GetNumItems()) + 64);
+    // Room made before the first hold: growing under the library lock would allocate and free
+    // there.
+    const size_t expected = static_cast<size_t>(bag_.GetNumItems()) + 64;
+    items_.reserve(expected);
+    stamps_.reserve(expected);
     bool done = false;
     for (bool first = true; !done; first = false) {
       uint64_t held;
