@@ -1,6 +1,8 @@
 // JX_ScanOneDiskCacheFile and JX_Bag::ScanOneDiskCacheFile: adopting one cache file.
 #include "disk/scan_one_file.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdint>
 
@@ -14,6 +16,7 @@
 #include "host/y_api.h"
 #include "jxcache/bag/bag.h"
 #include "jxcache/bag/global_bag.h"
+#include "jxcache/host/host_services.h"
 #include "jxcache/items/sc_checkout.h"
 
 using zelcore::filesupport::File;
@@ -61,19 +64,31 @@ void JX_ScanOneDiskCacheFile(const File& file) {
 }
 
 void JX_Bag::ScanOneDiskCacheFile(const File& file) {
-  try {
+  struct stat st {};
+  {
     Y::ScQuietErrors quiet;
     // Only a regular file can be a cache file: reading a FIFO named like one would block.
-    if (!file.IsRegularFile()) return;
+    if (jx::host::GetFiles().Status(file.GetPath().c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+      return;
+    }
+  }
+  jx::disk::AdoptCacheFile(*this, file, static_cast<uint64_t>(st.st_size));
+}
+
+namespace jx::disk {
+
+void AdoptCacheFile(JX_Bag& bag, const File& file, uint64_t fileSize) {
+  try {
+    Y::ScQuietErrors quiet;
     zelcore::utility::Guid guid;
-    auto payload = PayloadForFile(file, GetAppVersion(), &guid);
+    auto payload = PayloadForFile(file, bag.GetAppVersion(), &guid);
     if (!payload) return;
     // A file some item already links to is part of the cache: that item may be out of the
     // directory just now (checked out writeable, re-keyed), which the lookup below would take
     // for a file nobody has.
     std::shared_ptr<jx::disk::ClaimedFile> claim = jx::disk::ClaimedFile::TryClaim(file);
     if (!claim) return;
-    const unsigned int size = AccountableSize(file.Size());
+    const unsigned int size = AccountableSize(fileSize);
 
     auto candidate = JX_Stuff::CreateNew(payload, 0.0);
     candidate->SetGuid(guid);
@@ -93,7 +108,7 @@ void JX_Bag::ScanOneDiskCacheFile(const File& file) {
       }
     } else {
       candidate->TakeDiskCacheFile(claim, false);
-      candidate->AddToBagAndSortDir(shared_from_this());
+      candidate->AddToBagAndSortDir(bag.shared_from_this());
       candidate->SyncDiskSizeWithBag(size);
       jx::disk::GetCounters().filesAdopted.fetch_add(1, std::memory_order_relaxed);
     }
@@ -106,3 +121,5 @@ void JX_Bag::ScanOneDiskCacheFile(const File& file) {
     ZC_TRACE("JX", 5, "Not adopting " << file.GetName() << ": unknown exception");
   }
 }
+
+}  // namespace jx::disk

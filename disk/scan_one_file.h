@@ -9,7 +9,17 @@
 // Threads: any thread. Takes the library lock, then item locks; never waits.
 #pragma once
 
+#include <cstdint>
+
 #include "jxcache/host/file.h"
+
+class JX_Bag;
 
 // Adopts `file` into the global bag (nothing happens without one).
 void JX_ScanOneDiskCacheFile(const zelcore::filesupport::File& file);
+
+namespace jx::disk {
+// Adopts `file` into `bag`, given what a status call already said of it: a regular file of
+// `fileSize` bytes. The folder scan asks that once per file while listing.
+void AdoptCacheFile(JX_Bag& bag, const zelcore::filesupport::File& file, uint64_t fileSize);
+}  // namespace jx::disk
