@@ -70,21 +70,46 @@ std::shared_ptr<zelcore::threads::QueueOnlyOnce> MakeCheck(
       std::move(executor), [] { RunCheck(); }, TickMs(), 0);
 }
 
-// Queued outside the watchdog's mutex: the check being stopped may itself be queuing.
-void QueueCheck() {
+// Set while a check is queued or running, which looks at every item watched by then: an item
+// created pending meanwhile needs no queuing of its own. Every miss creates a pending item, and
+// queuing (a mutex, a shared pointer, the check's own mutex) cost more than the rest of watching.
+std::atomic<bool> gCheckQueued{false};
+
+// Queued outside the watchdog's mutex: the check being stopped may itself be queuing. False when
+// no check was queued by this call (none running, or one queued already).
+bool QueueCheck() {
   std::shared_ptr<zelcore::threads::QueueOnlyOnce> check;
   {
     Watchdog& w = TheWatchdog();
     jx::MutexLock lock(w.mu);
     check = w.check;
   }
-  if (check) check->Queue();
+  return check && check->Queue();
+}
+
+// Queues a check unless one is queued or running already.
+void EnsureCheckQueued() {
+  if (gCheckQueued.load(std::memory_order_acquire)) return;
+  if (gCheckQueued.exchange(true, std::memory_order_acq_rel)) return;
+  bool queued = false;
+  try {
+    queued = QueueCheck();
+  } catch (...) {
+    gCheckQueued.store(false, std::memory_order_release);
+    throw;
+  }
+  // Not queued: no watchdog runs, or its executor takes no more work. The next item watched
+  // tries again.
+  if (!queued) gCheckQueued.store(false, std::memory_order_release);
 }
 
 void RunCheck() {
+  // Cleared before looking, so that an item watched from here on queues the next check itself
+  // should this one not.
+  gCheckQueued.store(false, std::memory_order_release);
   CheckAndReport();
   // Checks continue only while something is pending; the next Watch queues them again.
-  if (WatchedCount() > 0) QueueCheck();
+  if (WatchedCount() > 0) EnsureCheckQueued();
 }
 
 std::string Describe(const Overdue& o) {
@@ -114,7 +139,7 @@ void Watch(const JX_Stuff& item, const zelcore::utility::Guid& guid) {
     r.entries[&item] =
         Entry{guid, zelcore::threads::CurrentThreadId(), HighPrecisionTime::GetCurrentTimeStamp()};
   }
-  QueueCheck();
+  EnsureCheckQueued();
 }
 
 void Forget(const JX_Stuff& item) {
@@ -168,10 +193,12 @@ void StartWatchdog(PreparedWatchdog prepared) noexcept {
   SwapWatchdog(old, prepared.check);
   prepared.check.reset();
   if (old && old != prepared.executor) old->Shutdown();
+  // A check queued on the old watchdog is gone with it.
+  gCheckQueued.store(false, std::memory_order_release);
   // Items still pending from before are watched by the new check. A queuing refused for memory
   // is made good by the next item created pending.
   try {
-    if (WatchedCount() > 0) QueueCheck();
+    if (WatchedCount() > 0) EnsureCheckQueued();
   } catch (...) {
   }
 }
@@ -182,6 +209,7 @@ void StopWatchdog() noexcept {
   SwapWatchdog(executor, check);
   check.reset();
   if (executor) executor->Shutdown();
+  gCheckQueued.store(false, std::memory_order_release);
 }
 
 uint32_t OverdueLimitMs() {
