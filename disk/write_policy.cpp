@@ -210,9 +210,14 @@ void JX_Stuff::MaybeWriteToDisk() {
   // memory refused while queuing means the write is not made now, not that the caller's work
   // failed.
   try {
-    IntrusivePtr<JX_Stuff> self(this);
-    const std::shared_ptr<JX_Bag> bag = GetBag();
+    // Work that took no time is never worth a file, and a bag that does not cache to disk takes
+    // none: both are known before the payload is locked or anything is copied, which every miss
+    // would otherwise pay.
     const double computeTime = GetComputeTime();
+    if (!(computeTime > 0.0)) return;
+    const std::shared_ptr<JX_Bag> bag = GetBag();
+    if (!bag || !bag->IsDiskCacheEnabled()) return;
+    IntrusivePtr<JX_Stuff> self(this);
     IntrusivePtr<JX_StuffData> data;
     PayloadFacts facts;
     {
