@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "compute/compute_test_support.h"
+#include "compute/compute_value.h"
 #include "standalone/standalone_host.h"
 
 using jx::testing::ComputeSuiteTest;
@@ -96,6 +97,49 @@ TEST_F(ComputeConcurrencyTest, OneComputePerKeyEveryValueDeletedOnceNoHang) {
   EXPECT_EQ(stats_.computes.load(), stats_.creates.load() + failedComputes.load());
   EXPECT_GT(stats_.deletes.load(), 0) << "the purging thread freed values while workers ran";
   suite_->ClassUnregister(kClassB);
+}
+
+// An entry's facts are read without its mutex while another thread replaces or purges its value:
+// a reader sees one value's class and handle together, never one value's class with another's
+// handle.
+TEST(ComputeEntryFactsTest, ReadersSeeOneValueAtATime) {
+  const KQGP_ComputeCacheCallbacks noDelete = {kPluginCallbacks.generate_key,
+                                               kPluginCallbacks.compute,
+                                               kPluginCallbacks.approx_size_value, [](intptr_t) {}};
+  auto valueOf = [&](const char* classId, intptr_t handle) {
+    return new JXComputeValue(classId, noDelete,
+                              std::make_unique<JXComputeValueHolder>(nullptr, handle));
+  };
+  const KQGP_GUID key = jx::testing::PluginKeyOf(5);
+  GenericJXComputeStuffData entry(key);
+  std::atomic<bool> done{false};
+  std::atomic<int> mixed{0}, seenA{0}, seenB{0}, started{0};
+  std::vector<std::thread> readers;
+  for (int t = 0; t < 2; ++t) {
+    readers.emplace_back([&] {
+      started.fetch_add(1);
+      while (!done.load()) {
+        const auto facts = entry.Inspect("test.a");
+        if (facts.key != zelcore::utility::Guid::FromBytes(key.bytes)) mixed.fetch_add(1);
+        if (!facts.hasValue) continue;
+        const bool isA = facts.sameClass && facts.refcon == 1;
+        const bool isB = !facts.sameClass && facts.refcon == 2;
+        if (!isA && !isB) mixed.fetch_add(1);
+        (isA ? seenA : seenB).fetch_add(1);
+      }
+    });
+  }
+  while (started.load() < 2) std::this_thread::yield();
+  // On, however the threads are scheduled, until the readers have met values a good many times.
+  for (int round = 0; round < 20000 || (seenA.load() + seenB.load() < 2000 && round < 2'000'000);
+       ++round) {
+    entry.SetValue(round % 2 ? valueOf("test.a", 1) : valueOf("test.b", 2));
+    if (round % 7 == 0) entry.PurgeIfPossible(nullptr);
+  }
+  done = true;
+  for (auto& r : readers) r.join();
+  EXPECT_EQ(mixed.load(), 0);
+  EXPECT_GT(seenA.load() + seenB.load(), 0);
 }
 
 }  // namespace

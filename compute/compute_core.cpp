@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 #include <typeinfo>
 
@@ -19,6 +20,7 @@
 #include "jxcache/bag/library_lock.h"
 #include "jxcache/host/guid.h"
 #include "jxcache/host/high_precision_time.h"
+#include "jxcache/host/host_services.h"
 #include "jxcache/host/multi_tenant_mutex.h"
 #include "jxcache/items/sc_checkout.h"
 
@@ -41,6 +43,71 @@ constexpr size_t kAllocationProbeSize = 80;
 constexpr char kInvalidReceiptMessage[] =
     "$$$/KQ/JX/ThreeWayCheckOut/InvalidReceiptCheckInError=Trying to check in invalid receipt. "
     "Please make sure you are not double checking in or checking in invalid receipts.";
+
+// The entry-key hash fed with the domain "JX-Compute" and the class identifier with its NUL (so
+// that ("ab", key) and ("a", "b"+key) cannot meet): everything but the plug-in's key, which
+// EntryKeyFrom adds. Kept per class, so that a request hashes its own sixteen bytes only.
+zelcore::utility::HashState KeyPrefixOf(std::string_view classId) {
+  static constexpr char kDomain[] = "JX-Compute";
+  zelcore::utility::HashState state = zelcore::utility::MakeHashState();
+  zelcore::utility::UpdateHashState(state, kDomain, sizeof kDomain - 1);
+  zelcore::utility::UpdateHashState(state, classId.data(), classId.size());
+  zelcore::utility::UpdateHashState(state, "", 1);
+  return state;
+}
+
+KQGP_GUID EntryKeyFrom(const zelcore::utility::HashState& prefix, const KQGP_GUID& pluginKey) {
+  static_assert(sizeof pluginKey.bytes == 16);
+  KQGP_GUID key;
+  zelcore::utility::GuidToBytes(
+      Guid(zelcore::utility::GetHashResultWith16(prefix, pluginKey.bytes)), key.bytes);
+  return key;
+}
+
+// What a request needs of its class: a copy, so that a compute that asks for another class on the
+// same thread (which replaces the thread's kept class) leaves the caller's alone.
+struct RequestClass {
+  KQGP_ComputeCacheCallbacks callbacks{};
+  zelcore::utility::HashState keyPrefix;
+  // The process's copy of the identifier (see InternClassId), which the entry check compares by
+  // address; the caller's own string when there was no memory to make that copy.
+  std::string_view id;
+};
+
+// The class this thread asked for last, kept while the registry stays as it was: nearly every
+// request asks for the class of the one before it.
+struct KeptClass {
+  uint64_t generation = 0;  // 0: nothing kept (the registry's generations start at 1)
+  RequestClass facts;
+};
+thread_local constinit KeptClass tKeptClass;
+
+// Fills *out for `classId` and returns 0, or returns 1 (not registered) or the registry's code.
+int32_t FindClass(const char* classId, RequestClass* out) {
+  KeptClass& kept = tKeptClass;
+  // Read before the registry is asked: a change after this read makes the kept answer stale.
+  const uint64_t generation = RegistryGeneration();
+  // Compared up to and including the kept identifier's NUL: equal bytes and equal length.
+  if (kept.generation == generation &&
+      std::strncmp(classId, kept.facts.id.data(), kept.facts.id.size() + 1) == 0) {
+    *out = kept.facts;
+    return 0;
+  }
+  KQGP_ComputeCacheCallbacks callbacks;
+  if (int32_t err = JX_ComputeClassFind(classId, &callbacks)) return err;
+  out->callbacks = callbacks;
+  out->id = classId;
+  out->keyPrefix = KeyPrefixOf(out->id);
+  kept.generation = 0;
+  try {
+    out->id = *InternClassId(out->id);
+  } catch (const std::bad_alloc&) {
+    return 0;  // no memory to keep it: the next request asks the registry again
+  }
+  kept.facts = *out;
+  kept.generation = generation;
+  return 0;
+}
 
 // The search item: a request for `key` that the bag enters as the pending item itself when the
 // key is absent.
@@ -69,23 +136,25 @@ const StuffPtr& LookingRequest(const KQGP_GUID& key) {
 // mode 1 instead would refuse pending matches just the same; one rule for both modes is simpler.
 // A value already cached is looked for first with the looking request and the flags without the
 // creation bit; only when that finds nothing is a search item built, which the bag then enters as
-// the pending entry (another thread may have created it meanwhile: then it is found).
+// the pending entry (another thread may have created it meanwhile: then it is found). The receipt
+// is not handed out yet, so its own lock has nobody to keep out and is not taken.
 JX_CheckoutResult FindEntry(JX_ScCheckout& handle, const KQGP_GUID& key, Mode mode) {
   // A pending entry found is ours to wait for, and to count as a miss if we do not get it; a
   // probe that finds nothing is followed by the search that counts.
   if (mode == Mode::kCachedOnly) {
     jx::miss::ScLookupMode callerWaits(jx::miss::kCallerWaits);
-    return handle.FindAndCheckout(LookingRequest(key), kFindOnlyFlags);
+    return handle.FindAndCheckoutUnsharedHandle(LookingRequest(key), kFindOnlyFlags);
   }
   Y::ScNotifyHoldingMutexLock neverBlockInTheBag;
   JX_CheckoutResult found;
   {
     jx::miss::ScLookupMode probe(jx::miss::kCallerWaits | jx::miss::kRefusalNotCounted);
-    found = handle.FindAndCheckout(LookingRequest(key), kFindOrCreateFlags & ~cf::kCreatePending);
+    found = handle.FindAndCheckoutUnsharedHandle(LookingRequest(key),
+                                                 kFindOrCreateFlags & ~cf::kCreatePending);
   }
   if (found != kJX_CheckoutRefused) return found;
   jx::miss::ScLookupMode callerWaits(jx::miss::kCallerWaits);
-  return handle.FindAndCheckout(MakeSearchItem(key), kFindOrCreateFlags);
+  return handle.FindAndCheckoutUnsharedHandle(MakeSearchItem(key), kFindOrCreateFlags);
 }
 
 // The rule the bag applies to its own waits: a thread under a notifying host lock, or holding
@@ -133,10 +202,10 @@ GenericJXComputeStuffData* EntryOf(JX_StuffData* payload) {
              : nullptr;
 }
 
-// The checks an entry must pass before its value is handed out; each reports and throws 3.
-void CheckEntry(const JX_Stuff& item, std::string_view classId) {
+// The checks an entry found under `key` must pass before its value is handed out; each reports and
+// throws 3.
+void CheckEntry(const JX_Stuff& item, const KQGP_GUID& key, std::string_view classId) {
   bool wrongType = false;
-  // The entry's mutex comes after the item's lock, as on every size sync.
   const GenericJXComputeStuffData::Facts facts = item.VisitData([&](JX_StuffData* data) {
     auto* entry = EntryOf(data);
     // An item without any payload is one whose compute failed while we waited for it: it holds
@@ -149,7 +218,9 @@ void CheckEntry(const JX_Stuff& item, std::string_view classId) {
     FailVerification(
         "JXCompute unexpected missing compute value on successful checkout. corrupt cache??");
   }
-  if (item.GetGuid() != facts.key) {
+  // The item was found under `key` (the search compares GUIDs under the item's lock, and a
+  // checked-out item keeps its GUID), so `key` stands for the item's GUID here.
+  if (Guid::FromBytes(key.bytes) != facts.key) {
     FailVerification(
         "JXCompute unexpected mismatch between Stuff GUID and ComputeStuff Key! corrupt cached??");
   }
@@ -166,39 +237,17 @@ void CheckEntry(const JX_Stuff& item, std::string_view classId) {
 // or cached for the caller: a refused caller leaves the cache as it found it. The block is freed
 // at once: keeping it would leak on every call.
 void ProbeHostAllocator() {
-  void* block = Y_AllocatePtrClear(0, "KQGP_JXComputeReceipt", kAllocationProbeSize);
+  // The host's allocator itself, which is what Y_AllocatePtrClear and Y_DisposePtr call.
+  jx::host::MemoryBudget& memory = jx::host::GetMemory();
+  void* block = memory.AllocateCleared(kAllocationProbeSize, "KQGP_JXComputeReceipt");
   if (block == nullptr) FailVerification("JXCompute alloc failure");
-  Y_DisposePtr(block);
+  memory.FreeCleared(block);
 }
 
 }  // namespace
 
 KQGP_GUID MakeEntryKey(std::string_view classId, const KQGP_GUID& pluginKey) {
-  static constexpr char kDomain[] = "JX-Compute";
-  constexpr size_t kDomainSize = sizeof kDomain - 1;
-  zelcore::utility::HashState state = zelcore::utility::MakeHashState();
-  // The domain, the class identifier with its NUL (so that ("ab", key) and ("a", "b"+key)
-  // cannot meet) and the plug-in's key, in this order; fed in one run when they fit on the stack.
-  char run[256];
-  if (kDomainSize + classId.size() + 1 + sizeof pluginKey.bytes <= sizeof run) {
-    char* p = run;
-    std::memcpy(p, kDomain, kDomainSize);
-    p += kDomainSize;
-    std::memcpy(p, classId.data(), classId.size());
-    p += classId.size();
-    *p++ = '\0';
-    std::memcpy(p, pluginKey.bytes, sizeof pluginKey.bytes);
-    p += sizeof pluginKey.bytes;
-    zelcore::utility::UpdateHashState(state, run, static_cast<size_t>(p - run));
-  } else {
-    zelcore::utility::UpdateHashState(state, kDomain, kDomainSize);
-    zelcore::utility::UpdateHashState(state, classId.data(), classId.size());
-    zelcore::utility::UpdateHashState(state, "", 1);
-    zelcore::utility::UpdateHashState(state, pluginKey.bytes, sizeof pluginKey.bytes);
-  }
-  KQGP_GUID key;
-  zelcore::utility::GuidToBytes(Guid(zelcore::utility::GetHashResult(state)), key.bytes);
-  return key;
+  return EntryKeyFrom(KeyPrefixOf(classId), pluginKey);
 }
 
 zelcore::debug::ProfileDataLog& ThreadWaitingLog() {
@@ -245,12 +294,13 @@ int32_t ComputeAndCheckout(const char* classId, void* request, Mode mode,
                            KQGP_JXComputeReceipt* receipt) {
   if (classId == nullptr) FailVerification("JXCompute null class identifier");
   if (receipt == nullptr) FailVerification("JXCompute null receipt pointer");
-  const std::string_view id(classId);
-  KQGP_ComputeCacheCallbacks callbacks;
-  if (int32_t err = JX_ComputeClassFind(classId, &callbacks)) return err;
+  RequestClass cls;
+  if (int32_t err = FindClass(classId, &cls)) return err;
+  const std::string_view id = cls.id;
+  const KQGP_ComputeCacheCallbacks& callbacks = cls.callbacks;
   KQGP_GUID pluginKey{};
   if (int32_t err = callbacks.generate_key(request, &pluginKey)) return err;
-  const KQGP_GUID key = MakeEntryKey(id, pluginKey);
+  const KQGP_GUID key = EntryKeyFrom(cls.keyPrefix, pluginKey);
   if (*receipt != nullptr) {
     FailVerification("unexpected: receipt already exists. improper receipt use?");
   }
@@ -279,7 +329,7 @@ int32_t ComputeAndCheckout(const char* classId, void* request, Mode mode,
     // caller that does not wait that is "not available", as if it had looked a moment earlier.
     return PendingNotServed(*item);
   }
-  CheckEntry(*item, id);
+  CheckEntry(*item, key, id);
   if (found != kJX_CreatedPending) gCounters.served.fetch_add(1);
   *receipt = ToHandle(handle.release());
   return 0;

@@ -116,3 +116,13 @@ int32_t JX_ComputeClassUnregister(const char* classId) {
     return Y_TranslateAndReportException();
   }
 }
+
+namespace jx::compute {
+
+uint64_t RegistryGeneration() {
+  // Acquire: pairs with the change that moved it, so that a lookup made after this read sees
+  // at least that change.
+  return TheRegistry().generation.load(std::memory_order_acquire);
+}
+
+}  // namespace jx::compute

@@ -29,3 +29,11 @@ JX_EXPORT int32_t JX_ComputeClassFind(const char* classId,
                                       KQGP_ComputeCacheCallbacks* outCallbacks);
 // Forgets `classId`; 0 whether or not it was registered.
 JX_EXPORT int32_t JX_ComputeClassUnregister(const char* classId);
+
+namespace jx::compute {
+
+// Moves with every change of the registry. Callbacks found while it read g are still the class's
+// for as long as it reads g: a caller may keep them that long without asking again.
+uint64_t RegistryGeneration();
+
+}  // namespace jx::compute

@@ -197,6 +197,36 @@ TEST_F(ComputeTest, RegistrationNeedsEveryCallbackAndTheFirstOneWins) {
   EXPECT_EQ(JX_ComputeClassFind("p", &found), kUnknown);
 }
 
+// Each thread keeps the class it asked for last. A compute that asks for another class replaces
+// it mid-call, and the outer value must still be stored as its own class's; a class registered
+// again with other callbacks must be asked with the new ones.
+TEST_F(ComputeTest, ClassesAskedForInsideAComputeOrRegisteredAgainUseTheirOwnCallbacks) {
+  constexpr const char* kOther = "test.compute.other";
+  ASSERT_EQ(suite_->ClassRegister(kOther, &kPluginCallbacks), 0);
+  auto outer = Request(1), inner = Request(2);
+  outer.duringCompute = [&] { EXPECT_EQ(Fetch(inner, kWait, nullptr, kOther), 0); };
+  ASSERT_EQ(Fetch(outer, kWait), 0);
+  intptr_t value = 0;
+  EXPECT_EQ(Fetch(outer, kCached, &value), 0);
+  EXPECT_EQ(KeyOfValue(value), 1);
+  EXPECT_EQ(Fetch(inner, kCached, &value, kOther), 0);
+  EXPECT_EQ(KeyOfValue(value), 2);
+  EXPECT_EQ(Reports(kVerification, ""), 0u);
+
+  // The same identifier, now with keys offset by 100: request 1 is another entry.
+  KQGP_ComputeCacheCallbacks offset = kPluginCallbacks;
+  offset.generate_key = [](void* request, KQGP_GUID* outKey) -> int32_t {
+    *outKey = jx::testing::PluginKeyOf(static_cast<PluginRequest*>(request)->key + 100);
+    return 0;
+  };
+  ASSERT_EQ(suite_->ClassUnregister(kClass), 0);
+  ASSERT_EQ(suite_->ClassRegister(kClass, &offset), 0);
+  EXPECT_EQ(Fetch(outer, kCached), k22) << "asked with the callbacks of before";
+  EXPECT_EQ(Fetch(outer, kWait), 0);
+  EXPECT_EQ(stats_.computes.load(), 3);
+  suite_->ClassUnregister(kOther);
+}
+
 TEST_F(ComputeTest, UnregisteredClassValuesStayUsableAndAreDeletedByThePurgingThread) {
   auto a = Request(1), b = Request(2);
   KQGP_JXComputeReceipt held = nullptr;

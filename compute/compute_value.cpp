@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/y_api.h"
+#include "jxcache/host/cpu_relax.h"
 
 using Lock = std::lock_guard<zelcore::threads::RecursiveMutex>;
 
@@ -22,18 +23,22 @@ unsigned int SizeOf(const JXComputeValue* value) {
   }
 }
 
-// The process's one copy of `classId`. Never destroyed: values may outlive every static.
-const std::string* InternClassId(std::string classId) {
+}  // namespace
+
+namespace jx::compute {
+
+const std::string* InternClassId(std::string_view classId) {
   struct Table {
     std::mutex mutex;
     std::unordered_set<std::string> ids;  // nodes: a string never moves once in
   };
+  // Never destroyed: values may outlive every static.
   static Table* table = new Table;
   std::lock_guard lock(table->mutex);
-  return &*table->ids.insert(std::move(classId)).first;
+  return &*table->ids.emplace(classId).first;
 }
 
-}  // namespace
+}  // namespace jx::compute
 
 JXComputeValueHolder::~JXComputeValueHolder() {
   if (handle == 0 || deleter == nullptr) return;
@@ -47,7 +52,7 @@ JXComputeValueHolder::~JXComputeValueHolder() {
 
 JXComputeValue::JXComputeValue(std::string classId, const KQGP_ComputeCacheCallbacks& callbacks,
                                std::unique_ptr<JXComputeValueHolder> holder)
-    : classId_(InternClassId(std::move(classId))),
+    : classId_(jx::compute::InternClassId(classId)),
       callbacks_(callbacks),
       holder_(std::move(holder)) {}
 
@@ -61,17 +66,16 @@ GenericJXComputeStuffData::GenericJXComputeStuffData(const KQGP_GUID& key) : key
 
 GenericJXComputeStuffData::GenericJXComputeStuffData(const KQGP_GUID& key,
                                                      std::shared_ptr<JXComputeValue> value)
-    : key_(key),
-      value_(std::move(value)),
-      holdsValue_(value_ != nullptr),
-      valueSize_(SizeOf(value_.get())),
-      valueClassId_(value_ ? &value_->GetClassId() : nullptr),
-      valueRefcon_(value_ ? value_->GetRefcon() : 0) {}
+    : holdsValue_(value != nullptr),
+      valueSize_(SizeOf(value.get())),
+      valueClassId_(value ? &value->GetClassId() : nullptr),
+      valueRefcon_(value ? value->GetRefcon() : 0),
+      key_(key),
+      value_(std::move(value)) {}
 
 GenericJXComputeStuffData::~GenericJXComputeStuffData() = default;
 
 zelcore::utility::Guid GenericJXComputeStuffData::GetKey() const {
-  Lock lock(mutex_);
   return zelcore::utility::Guid::FromBytes(key_.bytes);
 }
 
@@ -82,13 +86,32 @@ std::shared_ptr<JXComputeValue> GenericJXComputeStuffData::GetValue() const {
 
 GenericJXComputeStuffData::Facts GenericJXComputeStuffData::Inspect(
     std::string_view classId) const {
-  Lock lock(mutex_);
   Facts facts;
   facts.key = zelcore::utility::Guid::FromBytes(key_.bytes);
-  if (!value_) return facts;
+  const std::string* id;
+  intptr_t refcon;
+  zelcore::threads::SpinBackoff backoff;
+  for (;;) {
+    // Acquire: pairs with the release store that ended the write these facts come from.
+    const uint32_t seq = factsSeq_.load(std::memory_order_acquire);
+    if (seq & 1) {  // a write is in progress
+      backoff.Wait();
+      continue;
+    }
+    // Relaxed: the pair may be torn; the second look at the count finds out.
+    id = valueClassId_.load(std::memory_order_relaxed);
+    refcon = valueRefcon_.load(std::memory_order_relaxed);
+    // Orders the second look at the count after the loads above (see SeqLockedGuid::Load).
+    std::atomic_thread_fence(std::memory_order_acquire);
+    if (factsSeq_.load(std::memory_order_relaxed) == seq) break;
+  }
+  // Every value has a class, so the class pointer also says whether there is a value.
+  if (id == nullptr) return facts;
   facts.hasValue = true;
-  facts.sameClass = *valueClassId_ == classId;
-  facts.refcon = valueRefcon_;
+  // The compute core asks with the process's copy of the identifier: then the address decides.
+  facts.sameClass =
+      (classId.data() == id->data() && classId.size() == id->size()) || *id == classId;
+  facts.refcon = refcon;
   return facts;
 }
 
@@ -97,8 +120,14 @@ void GenericJXComputeStuffData::ReplaceValueLocked(std::shared_ptr<JXComputeValu
   value_.swap(value);
   holdsValue_.store(value_ != nullptr, std::memory_order_release);
   valueSize_.store(size, std::memory_order_release);
-  valueClassId_ = value_ ? &value_->GetClassId() : nullptr;
-  valueRefcon_ = value_ ? value_->GetRefcon() : 0;
+  // Only the mutex's holder writes the count; odd while the facts change. The fence orders the odd
+  // count before the facts for a reader that sees any of them (see SeqLockedGuid::Store).
+  const uint32_t seq = factsSeq_.load(std::memory_order_relaxed);
+  factsSeq_.store(seq + 1, std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_release);
+  valueClassId_.store(value_ ? &value_->GetClassId() : nullptr, std::memory_order_relaxed);
+  valueRefcon_.store(value_ ? value_->GetRefcon() : 0, std::memory_order_relaxed);
+  factsSeq_.store(seq + 2, std::memory_order_release);
 }
 
 void GenericJXComputeStuffData::SetValue(JXComputeValue* value) {

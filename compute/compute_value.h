@@ -4,14 +4,14 @@
 // JXComputeValue wraps the plug-in's value handle together with a copy of its class's callbacks
 // (so the value can be sized and deleted after the class is unregistered) and the identifier of
 // the class that computed it. Identifiers are kept once per process (a table that only grows, by
-// one string per identifier ever computed with): every value of a class points at the same
+// one string per registered identifier ever asked for): every value of a class points at the same
 // string, which therefore stays in the cache for the hit path's class check. It is shared
 // (std::shared_ptr) between the entry and anyone who took it with GetValue; the last one to let go
 // deletes the handle through the class's delete_compute_value, on its own thread, exactly once.
 //
 // GenericJXComputeStuffData is the entry's JX_StuffData: its 16-byte key and its value. It keeps
 // the base class's disk behaviour (compute entries are not written to disk). Its recursive mutex
-// guards the key and the value pointer and is a leaf: plug-in callbacks run outside it.
+// guards the value pointer and is a leaf: plug-in callbacks run outside it.
 #pragma once
 
 #include <atomic>
@@ -25,6 +25,14 @@
 #include "jxcache/host/recursive_mutex.h"
 #include "jxcache/items/stuff_data.h"
 #include "jxcache/kqgp_compute_cache.h"
+
+namespace jx::compute {
+
+// The process's one copy of `classId`, added on first use. Never destroyed, so the pointer stays
+// valid for the life of the process.
+const std::string* InternClassId(std::string_view classId);
+
+}  // namespace jx::compute
 
 // Owns one value handle: deletes it (once, if non-zero) when destroyed.
 struct JXComputeValueHolder {
@@ -61,6 +69,11 @@ class JX_EXPORT JXComputeValue {
 };
 
 // Final: the compute core tells its entries from other payloads by their exact type.
+//
+// Aligned to a cache line (by its mutex, the first member a hit does not touch), with what a cache
+// hit reads (the virtual table pointer, the in-memory flag, the size, the facts Inspect reports and
+// the key) in the first line: a hit on an entry the processor has not seen lately then misses once
+// on the entry, not twice.
 class JX_EXPORT GenericJXComputeStuffData final : public JX_StuffData {
  public:
   explicit GenericJXComputeStuffData(const KQGP_GUID& key);
@@ -70,8 +83,8 @@ class JX_EXPORT GenericJXComputeStuffData final : public JX_StuffData {
   zelcore::utility::Guid GetKey() const;
   // A share of the value (empty when none is held).
   std::shared_ptr<JXComputeValue> GetValue() const;
-  // What the compute core checks before it hands a value out, read under one hold of the entry's
-  // mutex without taking a share of the value.
+  // What the compute core checks before it hands a value out, as one consistent snapshot, read
+  // without the entry's mutex and without taking a share of the value.
   struct Facts {
     bool hasValue = false;
     zelcore::utility::Guid key;
@@ -92,12 +105,9 @@ class JX_EXPORT GenericJXComputeStuffData final : public JX_StuffData {
   bool IsInMemory() const override;
 
  private:
-  // Changes the value, the flag and the size together; `size` is the new value's.
+  // Changes the value, the flag, the size and the facts together; `size` is the new value's.
   void ReplaceValueLocked(std::shared_ptr<JXComputeValue>& value, unsigned int size);
 
-  mutable zelcore::threads::RecursiveMutex mutex_;
-  KQGP_GUID key_;                          // guarded by mutex_
-  std::shared_ptr<JXComputeValue> value_;  // guarded by mutex_
   // Whether value_ is set: written with it, read without the mutex (every check-out and check-in
   // asks, and the answer is stale the moment the mutex is let go all the same).
   std::atomic<bool> holdsValue_{false};
@@ -106,7 +116,15 @@ class JX_EXPORT GenericJXComputeStuffData final : public JX_StuffData {
   // reads it. Written with value_.
   std::atomic<unsigned int> valueSize_{0};
   // What Inspect reports of the value, copied when the entry takes it (neither changes during the
-  // value's life), so that a hit does not reach into the value's own memory. Guarded by mutex_.
-  const std::string* valueClassId_ = nullptr;
-  intptr_t valueRefcon_ = 0;
+  // value's life), so that a hit does not reach into the value's own memory. Written with value_,
+  // under the mutex, between two steps of factsSeq_ (odd while a write is in progress); read
+  // without the mutex, again when factsSeq_ shows that a write overlapped the read. A hit then
+  // writes nothing of the entry: hits on one entry from several threads do not contend for it.
+  std::atomic<uint32_t> factsSeq_{0};
+  std::atomic<const std::string*> valueClassId_{nullptr};
+  std::atomic<intptr_t> valueRefcon_{0};
+  const KQGP_GUID key_;  // set once, at construction
+
+  alignas(64) mutable zelcore::threads::RecursiveMutex mutex_;
+  std::shared_ptr<JXComputeValue> value_;  // guarded by mutex_
 };

@@ -1,5 +1,5 @@
-// MurmurHash3 x64 128, streaming. Blocks are read little-endian byte by byte so that the
-// result does not depend on the machine's byte order or on the alignment of the input.
+// MurmurHash3 x64 128, streaming. Blocks are read as little-endian words from any alignment, so
+// that the result does not depend on the machine's byte order or on the alignment of the input.
 #include "host/murmur3.h"
 
 #include <cstring>
@@ -23,9 +23,19 @@ inline uint64_t FMix64(uint64_t k) {
 }
 
 inline uint64_t LoadLE64(const uint8_t* p) {
-  uint64_t v = 0;
-  for (int i = 7; i >= 0; --i) v = (v << 8) | p[i];
+  uint64_t v;
+  std::memcpy(&v, p, sizeof v);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+  v = __builtin_bswap64(v);
+#endif
   return v;
+}
+
+inline void StoreLE64(uint8_t* p, uint64_t v) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+  v = __builtin_bswap64(v);
+#endif
+  std::memcpy(p, &v, sizeof v);
 }
 
 inline void MixBlock(uint64_t& h1, uint64_t& h2, const uint8_t* block) {
@@ -49,24 +59,28 @@ inline void MixBlock(uint64_t& h1, uint64_t& h2, const uint8_t* block) {
   h2 = h2 * 5 + 0x38495ab5;
 }
 
+// The first n (at most 8) bytes at p as a little-endian number, the bytes after them as zeros.
+// Reads all eight: the caller's buffer holds them.
+inline uint64_t LoadLEPrefix(const uint8_t* p, size_t n) {
+  const uint64_t v = LoadLE64(p);
+  return n >= 8 ? v : v & ((uint64_t{1} << (8 * n)) - 1);
+}
+
 void Finish(const HashState& state, uint64_t* outH1, uint64_t* outH2) {
   uint64_t h1 = state.h1;
   uint64_t h2 = state.h2;
-  const uint8_t* tail = state.tail;
   const size_t n = state.tailLength;
 
-  uint64_t k1 = 0;
-  uint64_t k2 = 0;
-  for (size_t i = n; i > 8; --i) k2 ^= static_cast<uint64_t>(tail[i - 1]) << ((i - 9) * 8);
+  // The tail buffer is sixteen bytes whatever n is; bytes past n are left from earlier runs.
   if (n > 8) {
+    uint64_t k2 = LoadLEPrefix(state.tail + 8, n - 8);
     k2 *= kC2;
     k2 = Rotl64(k2, 33);
     k2 *= kC1;
     h2 ^= k2;
   }
-  for (size_t i = n < 8 ? n : 8; i > 0; --i)
-    k1 ^= static_cast<uint64_t>(tail[i - 1]) << ((i - 1) * 8);
   if (n > 0) {
+    uint64_t k1 = LoadLEPrefix(state.tail, n);
     k1 *= kC1;
     k1 = Rotl64(k1, 31);
     k1 *= kC2;
@@ -125,11 +139,22 @@ std::array<uint8_t, 16> GetHashResult(const HashState& state) {
   uint64_t h1, h2;
   Finish(state, &h1, &h2);
   std::array<uint8_t, 16> out;
-  for (int i = 0; i < 8; ++i) {
-    out[i] = static_cast<uint8_t>(h1 >> (8 * i));
-    out[8 + i] = static_cast<uint8_t>(h2 >> (8 * i));
-  }
+  StoreLE64(out.data(), h1);
+  StoreLE64(out.data() + 8, h2);
   return out;
+}
+
+std::array<uint8_t, 16> GetHashResultWith16(const HashState& state, const uint8_t* bytes) {
+  // The pending tail and the sixteen bytes in a row: one whole block, then as many bytes as the
+  // tail held, which become the new tail. Zeroed first, so that no byte is read unwritten.
+  uint8_t run[32] = {};
+  std::memcpy(run, state.tail, sizeof state.tail);
+  std::memcpy(run + state.tailLength, bytes, 16);
+  HashState fed = state;
+  MixBlock(fed.h1, fed.h2, run);
+  std::memcpy(fed.tail, run + 16, sizeof fed.tail);
+  fed.totalLength += 16;
+  return GetHashResult(fed);
 }
 
 void MurmurHash3_x64_128(const void* key, size_t length, uint32_t seed, void* out) {

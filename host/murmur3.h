@@ -22,6 +22,11 @@ void UpdateHashState(HashState& state, const void* data, size_t length);
 // implementation's output layout). The state itself is not changed.
 std::array<uint8_t, 16> GetHashResult(const HashState& state);
 
+// GetHashResult of `state` fed sixteen more bytes: as copying the state, feeding it `bytes` and
+// taking the result, in fixed-size steps (the compute cache hashes a kept prefix and a 16-byte key
+// on every request).
+std::array<uint8_t, 16> GetHashResultWith16(const HashState& state, const uint8_t* bytes);
+
 // One-shot form of the reference MurmurHash3_x64_128 (out receives h1, h2 as two uint64).
 void MurmurHash3_x64_128(const void* key, size_t length, uint32_t seed, void* out);
 

@@ -102,7 +102,7 @@ TEST(Murmur3Test, StreamingEqualsOneShotForAnySplit) {
   std::mt19937 rng(12345);
   std::vector<uint8_t> data(300);
   for (uint8_t& b : data) b = static_cast<uint8_t>(rng());
-  for (size_t length : {0, 1, 15, 16, 17, 31, 33, 300}) {
+  for (size_t length : {0, 1, 15, 16, 17, 24, 31, 33, 300}) {
     const uint32_t seed = uint32_t(length * 7 + 1);
     std::array<uint8_t, 16> expected;
     MurmurHash3_x64_128(data.data(), length, seed, expected.data());
@@ -115,6 +115,13 @@ TEST(Murmur3Test, StreamingEqualsOneShotForAnySplit) {
       }
       ASSERT_EQ(GetHashResult(state), expected) << "length " << length;
       ASSERT_EQ(GetHashResult(state), expected) << "taking the result changed the state";
+    }
+    // The last sixteen bytes given to GetHashResultWith16, after any tail the rest leaves.
+    if (length >= 16) {
+      HashState state = MakeHashState(seed);
+      UpdateHashState(state, data.data(), length - 16);
+      EXPECT_EQ(GetHashResultWith16(state, data.data() + length - 16), expected)
+          << "length " << length;
     }
   }
 }

@@ -95,6 +95,20 @@ JX_CheckoutResult JX_ScCheckout::FindAndCheckout(const IntrusivePtr<JX_Stuff>& i
   return result;
 }
 
+JX_CheckoutResult JX_ScCheckout::FindAndCheckoutUnsharedHandle(const IntrusivePtr<JX_Stuff>& item,
+                                                               int flags) {
+  CheckinLocked(checkinFlags_, 0.0);
+  checkoutFlags_ = flags;
+  JX_Bag* bag = jx::GlobalBagUnretained();
+  if ((flags & cf::kHoldWithoutCheckout) || !bag || !item) return kJX_CheckoutRefused;
+  IntrusivePtr<JX_Stuff> found;
+  bool created = false;
+  const JX_CheckoutResult result = bag->FindAndCheckout(item, flags, &found, &created);
+  result_ = result;
+  if (result != kJX_CheckoutRefused) item_ = std::move(found);
+  return result;
+}
+
 JX_CheckoutResult JX_ScCheckout::AddToBagAndSortDirAndCheckout(IntrusivePtr<JX_Stuff> item,
                                                                const std::shared_ptr<JX_Bag>& bag,
                                                                int flags) {

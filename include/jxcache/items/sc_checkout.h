@@ -66,6 +66,10 @@ class JX_EXPORT JX_ScCheckout {
   // Checkin() without the handle's lock, for a handle no other thread can reach any more (one
   // about to be destroyed): there is nobody for the lock to keep out.
   void CheckinUnsharedHandle() { CheckinLocked(checkinFlags_, 0.0); }
+  // FindAndCheckout() without the handle's lock, for a handle no other thread can reach yet (just
+  // made and not yet handed out). The search may wait for a pending item as FindAndCheckout's
+  // does; with no lock held here, that wait is the bag's to allow.
+  JX_CheckoutResult FindAndCheckoutUnsharedHandle(const IntrusivePtr<JX_Stuff>& item, int flags);
   // Hands the duty to check in over to the caller: result and check-in flags become 0 and the
   // held item is returned (the handle keeps its pointer but will never check it in).
   IntrusivePtr<JX_Stuff> Release();
