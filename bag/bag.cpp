@@ -107,7 +107,7 @@ void JX_Bag::AddStuffGuts(const StuffPtr& stuff, const JXp_ScLock&, bool addToMe
   stuff->mruStamp_ = stuff->GetLastUsedTime();
   InsertByTime(*stuff);
   stuff->RetainObject();  // the set's reference
-  stuff->SetBagAndInMru(weak_from_this(), this);
+  stuff->SetBagAndInMru(this);
   // Out of a bag, an item counts in the global bag (see RemoveStuffGuts): entering another bag,
   // its bytes leave the global totals here and join this bag's in the sync below.
   if (JX_Bag* global = jx::GlobalBagUnretained(); global && global != this) {
@@ -122,7 +122,7 @@ void JX_Bag::RemoveStuffGuts(const StuffPtr& stuff, const JXp_ScLock&, bool remo
   if (!stuff) jx::ThrowNullPtr("JX_Stuff");
   if (stuff->mruBag_ != this) jx::FailVerification("stuff not in the right bag");
   mru_.erase(mru_.iterator_to(*stuff));
-  stuff->SetBagAndInMru({}, nullptr);
+  stuff->SetBagAndInMru(nullptr);
   const bool mediaMap = jx::settings::UseMediaMap() && removeFromMediaMap;
   if (mediaMap) {
     JX_MediaMapErase(stuff);
@@ -194,10 +194,16 @@ void JX_Bag::TraceMediaMapChange(const char* what, const JX_Stuff& stuff) {
                 << " num entries = " << JX_MediaMapEntryCount());
 }
 
-void JX_Stuff::SetBagAndInMru(const std::weak_ptr<JX_Bag>& bag, JX_Bag* mruBag) {
+void JX_Stuff::SetBagAndInMru(JX_Bag* bag) {
   ScopedWriteLockWrapper wl(mutex_);
-  bag_ = bag;
-  mruBag_ = mruBag;
+  mruBag_ = bag;
+}
+
+std::shared_ptr<JX_Bag> JX_Stuff::BagLocked() const {
+  // The bag clears mruBag_ under this item's write lock before its destruction gets past its
+  // own body, so the caller's hold keeps the bag object there to ask; a bag whose last owner
+  // has gone (its destructor may be waiting for this very lock) answers empty.
+  return mruBag_ ? mruBag_->weak_from_this().lock() : nullptr;
 }
 
 void JX_Stuff::SyncMemorySizeWithBag(unsigned int newSize) {
@@ -221,7 +227,7 @@ void JX_Stuff::SyncMemorySizeLocked(unsigned int newSize, JX_Bag* knownBag) {
     MoveAccountedSizes(newSize, newCheckedOut, *knownBag);
     return;
   }
-  std::shared_ptr<JX_Bag> bag = bag_.lock();
+  std::shared_ptr<JX_Bag> bag = BagLocked();
   if (!bag) bag = JX_GlobalBag();
   if (bag) MoveAccountedSizes(newSize, newCheckedOut, *bag);
 }
@@ -278,7 +284,7 @@ void JX_Stuff::ForgetAccountedSizes(JX_Bag& bag) {
 
 void JX_Stuff::SyncDiskSizeWithBag(unsigned int newSize) {
   ScopedUpgradeLockWrapper up(mutex_);
-  std::shared_ptr<JX_Bag> bag = bag_.lock();
+  std::shared_ptr<JX_Bag> bag = BagLocked();
   if (!bag) bag = JX_GlobalBag();
   if (!bag) return;
   if (accountedIn_ != bag->serial_) AccountIn(*bag);

@@ -400,3 +400,12 @@ TEST_F(BagTest, MisuseIsReportedThrownAndChangesNothing) {
 }
 
 }  // namespace
+
+namespace {
+// Every cached payload gets an item: a field added to it, or padding let in, is paid for once per
+// item. Whatever only some items need belongs in the side record (see JX_Stuff::Extras).
+TEST(BagBookkeepingTest, AnItemStaysWithinItsBytes) {
+  static_assert(sizeof(void*) == 8, "the budget is for 64-bit builds");
+  EXPECT_LE(sizeof(JX_Stuff), 216u);
+}
+}  // namespace

@@ -63,7 +63,7 @@ struct Walker {
     JX_ContentRow row;
     zelcore::threads::ScopedUpgradeLockWrapper up(s.mutex_);
     const JX_StuffData* data = s.data_.get();
-    const JX_StuffData* request = data ? data : s.findKeyData_.get();
+    const JX_StuffData* request = data ? data : s.FindKeyDataLocked().get();
     // A payload class may have no match name.
     if (const char* name = request ? request->GetSubclassMatchname() : nullptr) {
       row.payloadClass = name;

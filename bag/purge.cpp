@@ -236,7 +236,7 @@ unsigned int JX_Stuff::FreeUpAsMuchAsPossible(bool removeFromMediaMap, ReleaseQu
   ScopedWriteLockWrapper wl(mutex_);
   if (checkoutCount_.load(std::memory_order_acquire) != 0) return 0;
   // Taken now: the traces below still describe the bag after the item has left it.
-  const std::shared_ptr<JX_Bag> bag = bag_.lock();
+  const std::shared_ptr<JX_Bag> bag = BagLocked();
   const unsigned int size = data_ ? data_->GetApproximateMemorySize() : 0;
   const bool freedAnything = data_ && data_->IsInMemory() && PurgeIfPossiblePrivate(wl, toRelease);
   const bool keepsNothing =
@@ -270,6 +270,8 @@ bool JX_Stuff::PurgeIfPossiblePrivate(const ScopedWriteLockWrapper&, ReleaseQueu
     if (freed) ResyncMemorySize(nullptr);
   }
   purgeState_.store(kPurgeIdle, std::memory_order_release);
-  if (freed && memDiskChanged_) memDiskChanged_->Fire(false, diskFile_ != nullptr);
+  if (MemDiskChangedSignal* changed = freed ? MemDiskChangedLocked() : nullptr) {
+    changed->Fire(false, diskFile_ != nullptr);
+  }
   return freed;
 }

@@ -85,7 +85,7 @@ void JX_SortDir::AddStuff(const StuffPtr& stuff) {
     std::unique_ptr<jx::SoleItemTable> grown = shard.sole.GrownForOneMore();
     {
       ShardSpin spin(shard.spin);
-      shard.items.insert(Entry{guid, hash, stuff});
+      shard.items.insert(Entry{stuff});
       if (grown) shard.sole.Adopt(*grown);
       shard.sole.Add(hash, stuff.get());
     }
@@ -142,13 +142,13 @@ void JX_SortDir::EraseNode(const StuffPtr& stuff) {
     for (auto it = shard.items.find(key, Hash(), equal); it != shard.items.end() && equal(key, *it);
          ++it) {
       if (it->stuff != stuff) continue;
+      const size_t bucket = shard.items.bucket(*it);
       shard.items.erase(it);
       // What is left under the hash (other GUIDs may share it) decides its slot.
       size_t left = 0;
       JX_Stuff* other = nullptr;
-      const size_t bucket = shard.items.bucket(Entry{guid, hash, nullptr});
       for (auto b = shard.items.begin(bucket); b != shard.items.end(bucket); ++b) {
-        if (b->hash != hash) continue;
+        if (FiledHash(*b->stuff) != hash) continue;
         ++left;
         other = b->stuff.get();
       }

@@ -68,12 +68,12 @@ class JX_SortDir : public std::enable_shared_from_this<JX_SortDir> {
   static size_t HashGuid(const zelcore::utility::Guid& guid);
 
  private:
-  // A node keeps a copy of its item's key and hash: a search compares keys without touching
-  // (and missing the cache on) every item that shares the bucket. The copy cannot go stale: an
-  // item's GUID changes only while it is out of the directory.
+  // A node holds its item and nothing else: the set hashes and compares the item's own key,
+  // which is stable while the node exists (an item is re-keyed only while out of the directory).
+  // Every cached item pays for its node, and copies of the key would double what it holds; the
+  // searches that matter go through the sole-item table, which keeps the hashes, and an item a
+  // search compares is most likely the one it is after, whose key it was going to read anyway.
   struct Entry {
-    zelcore::utility::Guid guid;
-    size_t hash;
     StuffPtr stuff;
   };
   struct Key {
@@ -81,13 +81,15 @@ class JX_SortDir : public std::enable_shared_from_this<JX_SortDir> {
     size_t hash;
   };
   struct Hash {
-    size_t operator()(const Entry& e) const { return e.hash; }
+    size_t operator()(const Entry& e) const { return FiledHash(*e.stuff); }
     size_t operator()(const Key& k) const { return k.hash; }
   };
   struct Equal {
-    bool operator()(const Entry& a, const Entry& b) const { return a.guid == b.guid; }
-    bool operator()(const Key& k, const Entry& e) const { return k.guid == e.guid; }
-    bool operator()(const Entry& e, const Key& k) const { return e.guid == k.guid; }
+    bool operator()(const Entry& a, const Entry& b) const {
+      return a.stuff == b.stuff || IsFiledUnder(*a.stuff, b.stuff->GetGuid());
+    }
+    bool operator()(const Key& k, const Entry& e) const { return IsFiledUnder(*e.stuff, k.guid); }
+    bool operator()(const Entry& e, const Key& k) const { return (*this)(k, e); }
   };
   using Set = boost::unordered_multiset<Entry, Hash, Equal>;
 
@@ -118,6 +120,12 @@ class JX_SortDir : public std::enable_shared_from_this<JX_SortDir> {
   // Whether the item in the directory is filed under `guid` (it cannot be re-keyed while in it).
   static bool IsFiledUnder(const JX_Stuff& stuff, const zelcore::utility::Guid& guid) {
     return stuff.key_.EqualsStable(guid);
+  }
+  // The directory hash the item in the directory is filed under.
+  static size_t FiledHash(const JX_Stuff& stuff) {
+    size_t hash;
+    stuff.key_.Load(&hash);
+    return hash;
   }
 
   std::unique_ptr<Shard[]> shards_;

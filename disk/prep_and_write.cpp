@@ -166,7 +166,7 @@ void JX_Stuff::LinkWrittenFile(const File& target, std::shared_ptr<jx::disk::Cla
     ScopedWriteLockWrapper wl(mutex_);
     size = SizeOrDelete(target);
     replaced = std::exchange(diskFile_, std::move(claim));
-    changed = memDiskChanged_.get();
+    changed = MemDiskChangedLocked();
   }
   SyncDiskSizeWithBag(static_cast<unsigned int>(std::min<uint64_t>(size, UINT32_MAX)));
   auto& counters = jx::disk::GetCounters();

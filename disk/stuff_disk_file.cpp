@@ -71,7 +71,7 @@ bool JX_Stuff::DeleteDiskCacheFile() {
     }
     inMemory = data_ && data_->IsInMemory();
     // The signal is created under this lock; read it here, fire it after.
-    signal = memDiskChanged_.get();
+    signal = MemDiskChangedLocked();
     if (size == 0) {
       // An empty or unreadable file still leaves the item: its counted size must go too.
       wl.Unlock();
@@ -109,7 +109,7 @@ JX_Stuff::DetachedDiskCopy JX_Stuff::DetachDiskCopyLocked(bool onlyIfInMemory) {
   stale.inMemory = data_ && data_->IsInMemory();
   if (onlyIfInMemory && !stale.inMemory) return stale;
   stale.claim = std::move(diskFile_);
-  stale.signal = memDiskChanged_.get();
+  stale.signal = MemDiskChangedLocked();
   return stale;
 }
 
@@ -179,6 +179,7 @@ std::unique_ptr<JX_Stuff::DiskCacheCheckoutScoper> JX_Stuff::CheckoutDiskCache(b
 
 JX_Stuff::MemDiskChangedSignal& JX_Stuff::GetMemDiskChangedSignal() {
   ScopedWriteLockWrapper wl(mutex_);
-  if (!memDiskChanged_) memDiskChanged_ = std::make_unique<MemDiskChangedSignal>();
-  return *memDiskChanged_;
+  Extras& extras = ExtrasLocked();
+  if (!extras.memDiskChanged) extras.memDiskChanged = std::make_unique<MemDiskChangedSignal>();
+  return *extras.memDiskChanged;
 }

@@ -107,7 +107,8 @@ JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, const ScopedUpgradeLockWra
 
 inline bool JX_Stuff::AnswersRequestLocked(const MatchRequest& match) {
   // No find-key data: the item answers any request for its GUID, as the base class does.
-  const IntrusivePtr<JX_StuffData>& key = findKeyData_ ? findKeyData_ : data_;
+  const IntrusivePtr<JX_StuffData>& findKey = FindKeyDataLocked();
+  const IntrusivePtr<JX_StuffData>& key = findKey ? findKey : data_;
   const bool compressed = key && key->IsCompressed();
   bool matched = compressed == match.wantCompressed;
   if (matched && key) {
@@ -133,7 +134,9 @@ inline bool JX_Stuff::MayCheckOutLocked(int flags, bool forWrite, bool pending) 
   }
   if (!data_ && !pending) return false;
   // A thread never waits for the item it is rendering itself.
-  return !(pending && pendingThread_ == zelcore::threads::CurrentThreadId());
+  if (!pending) return true;
+  const Extras* extras = FindExtras();
+  return !(extras && extras->pendingThread == zelcore::threads::CurrentThreadId());
 }
 
 inline bool JX_Stuff::PayloadUsableLocked(int flags, bool pending, bool seenInMemory) {

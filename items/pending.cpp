@@ -37,11 +37,14 @@ void JX_Stuff::WaitForPendingCompletion() const {
   // The renderer itself would wait for ever: it is the one who must open the gate.
   if (IsPendingFromThisThread()) return;
   ZC_PROFILE_SCOPE("KQ.JX_Stuff::WaitForPendingCompletion", 6);
+  // A pending item got its side record before it was shared, and keeps it.
+  Extras* extras = FindExtras();
+  if (!extras) return;
   JX_GetStuffCounters().pendingWaits.fetch_add(1, std::memory_order_relaxed);
-  pendingWaiters_.fetch_add(1, std::memory_order_relaxed);
+  extras->pendingWaiters.fetch_add(1, std::memory_order_relaxed);
   zelcore::config::ExecuteTopLevelFunction leave(
-      [this] { pendingWaiters_.fetch_sub(1, std::memory_order_relaxed); });
-  pendingGate_.WaitFor(kPendingWaitDeadline);
+      [extras] { extras->pendingWaiters.fetch_sub(1, std::memory_order_relaxed); });
+  extras->pendingGate.WaitFor(kPendingWaitDeadline);
 }
 
 JX_Stuff::IntrusivePtr<JX_StuffData> JX_Stuff::GetDataWaitIfPending() const {
@@ -94,16 +97,18 @@ void JX_Stuff::CompletePending(IntrusivePtr<JX_StuffData> data, double computeTi
     data_ = data;
     pending_.store(false, std::memory_order_release);
     computeTime_ = computeTime;
-    pendingThread_ = zelcore::threads::kNoThread;
+    ExtrasLocked().pendingThread = zelcore::threads::kNoThread;
   }
   jx::pending::Forget(*this);
   // Whatever happens below, nobody may be left waiting at the gate.
-  zelcore::config::ExecuteTopLevelFunction openGate([this] { pendingGate_.Open(); });
+  zelcore::config::ExecuteTopLevelFunction openGate([this] {
+    if (Extras* extras = FindExtras()) extras->pendingGate.Open();
+  });
   if (data) {
     ResyncMemorySize(nullptr);
     MaybeWriteToDisk();
     ScopedWriteLockWrapper wl(mutex_);
-    findKeyData_.reset();
+    if (Extras* extras = FindExtras()) extras->findKeyData.reset();
     UpdateKeyIsFinalPayload();
   } else {
     // The render failed: the key is free again.

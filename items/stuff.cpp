@@ -27,11 +27,36 @@ JX_Stuff::JX_Stuff(IntrusivePtr<JX_StuffData> data, double computeTime, bool pen
     : key_(EmptyGuidHash()),
       pending_(pending),
       data_(std::move(data)),
-      findKeyData_(std::move(findKeyData)),
       lastUsedTime_(HighPrecisionTime::GetCurrentTimeStamp()),
       computeTime_(computeTime) {
-  if (pending) pendingThread_ = zelcore::threads::CurrentThreadId();
+  // Made before the item is shared: while the item is pending its side record is reached
+  // without the item's lock.
+  if (pending || findKeyData) {
+    Extras& extras = ExtrasLocked();
+    extras.findKeyData = std::move(findKeyData);
+    if (pending) extras.pendingThread = zelcore::threads::CurrentThreadId();
+  }
   UpdateKeyIsFinalPayload();
+}
+
+JX_Stuff::Extras& JX_Stuff::ExtrasLocked() {
+  if (Extras* extras = FindExtras()) return *extras;
+  // One writer at a time (the write lock, or the constructor): no other thread can be making
+  // one. Published with release: a reader without the lock sees it whole.
+  auto* extras = new Extras;
+  extras_.store(extras, std::memory_order_release);
+  return *extras;
+}
+
+const JX_Stuff::IntrusivePtr<JX_StuffData>& JX_Stuff::FindKeyDataLocked() const {
+  static const IntrusivePtr<JX_StuffData> kNone;
+  const Extras* extras = FindExtras();
+  return extras ? extras->findKeyData : kNone;
+}
+
+JX_Stuff::MemDiskChangedSignal* JX_Stuff::MemDiskChangedLocked() const {
+  const Extras* extras = FindExtras();
+  return extras ? extras->memDiskChanged.get() : nullptr;
 }
 
 JX_Stuff::IntrusivePtr<JX_Stuff> JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData> data,
@@ -60,6 +85,7 @@ JX_Stuff::~JX_Stuff() {
     SyncDiskSizeWithBag(0);
   } catch (...) {
   }
+  delete FindExtras();
 }
 
 bool JX_Stuff::IsCheckedOutWriteable() const {
@@ -69,8 +95,9 @@ bool JX_Stuff::IsCheckedOutWriteable() const {
 
 bool JX_Stuff::IsPendingFromThisThread() const {
   ScopedReadLockWrapper r(mutex_);
-  return pending_.load(std::memory_order_acquire) &&
-         pendingThread_ == zelcore::threads::CurrentThreadId();
+  if (!pending_.load(std::memory_order_acquire)) return false;
+  const Extras* extras = FindExtras();
+  return extras && extras->pendingThread == zelcore::threads::CurrentThreadId();
 }
 
 void JX_Stuff::ThrowIfCheckedOutWriteable() const {
@@ -101,12 +128,14 @@ JX_Stuff::IntrusivePtr<JX_StuffData> JX_Stuff::GetFindKeyData(bool* keptByItem) 
   *keptByItem = keyIsFinalPayload_.load(std::memory_order_acquire);
   if (*keptByItem) return FinalData();
   ScopedReadLockWrapper r(mutex_);
-  return findKeyData_ ? findKeyData_ : data_;
+  const IntrusivePtr<JX_StuffData>& findKey = FindKeyDataLocked();
+  return findKey ? findKey : data_;
 }
 
 void JX_Stuff::SetFindKeyData(IntrusivePtr<JX_StuffData> data) {
   ScopedWriteLockWrapper w(mutex_);
-  findKeyData_ = std::move(data);
+  // Clearing what was never set needs no side record.
+  if (data || FindExtras()) ExtrasLocked().findKeyData = std::move(data);
   UpdateKeyIsFinalPayload();
 }
 
@@ -118,14 +147,15 @@ bool JX_Stuff::IsInMemory() const {
 JX_Stuff::IntrusivePtr<JX_StuffData> JX_Stuff::GetFindKeyDataAndCompression(
     bool* compressed) const {
   ScopedReadLockWrapper r(mutex_);
-  const auto& key = findKeyData_ ? findKeyData_ : data_;
+  const IntrusivePtr<JX_StuffData>& findKey = FindKeyDataLocked();
+  const auto& key = findKey ? findKey : data_;
   *compressed = key && key->IsCompressed();
   return key;
 }
 
 bool JX_Stuff::IsCompressed() const {
   ScopedReadLockWrapper r(mutex_);
-  const auto& key = data_ ? data_ : findKeyData_;
+  const auto& key = data_ ? data_ : FindKeyDataLocked();
   return key && key->IsCompressed();
 }
 
@@ -151,7 +181,7 @@ void JX_Stuff::StoreGuid(const Guid& guid) { key_.Store(guid, JX_SortDir::HashGu
 
 std::shared_ptr<JX_Bag> JX_Stuff::GetBag() const {
   ScopedReadLockWrapper r(mutex_);
-  return bag_.lock();
+  return BagLocked();
 }
 
 std::shared_ptr<JX_SortDir> JX_Stuff::GetSortDir() const {
@@ -163,20 +193,23 @@ bool JX_Stuff::IsInSortDir() const { return inSortDir_.load(std::memory_order_ac
 
 JX_Stuff::Guid JX_Stuff::GetMediaMapGuid() const {
   ScopedReadLockWrapper r(mutex_);
-  return mediaMapGuid_;
+  const Extras* extras = FindExtras();
+  return extras ? extras->mediaMapGuid : Guid();
 }
 
 void JX_Stuff::SetMediaMapGuid(const Guid& guid) {
   ScopedWriteLockWrapper w(mutex_);
-  mediaMapGuid_ = guid;
+  // Clearing what was never set needs no side record.
+  if (guid != Guid() || FindExtras()) ExtrasLocked().mediaMapGuid = guid;
 }
 
 uint64_t JX_Stuff::GetMediaMapID() const {
   ScopedReadLockWrapper r(mutex_);
-  return mediaMapID_;
+  const Extras* extras = FindExtras();
+  return extras ? extras->mediaMapID : 0;
 }
 
 void JX_Stuff::SetMediaMapID(uint64_t id) {
   ScopedWriteLockWrapper w(mutex_);
-  mediaMapID_ = id;
+  if (id != 0 || FindExtras()) ExtrasLocked().mediaMapID = id;
 }

@@ -17,7 +17,7 @@ void JX_Stuff::PurgeFromMediaMap() {
   JXp_ScLock lock;
   {
     ScopedReadLockWrapper r(mutex_);
-    bag = bag_.lock();
+    bag = BagLocked();
   }
   if (!bag) {
     ZC_TRACE("JX_MediaMap", 6,

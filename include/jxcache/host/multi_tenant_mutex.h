@@ -295,8 +295,10 @@ class JX_EXPORT CAPABILITY("mutex") MultiTenantRecursiveMutex {
 
   static constexpr ThreadId kNoOwner = kNoThread;
 
-  std::atomic<uint32_t> state_{0};
+  // The owner first: the four 32-bit words then pack behind it without padding (the mutex sits
+  // in every cached item).
   std::atomic<ThreadId> owner_{kNoOwner};
+  std::atomic<uint32_t> state_{0};
   // Touched only by the owner, but one owner follows another: relaxed atomics, because
   // ThreadSanitizer sees no order between an upgrader leaving and the next one arriving (both are
   // shared holders to it), although the shared word orders them.

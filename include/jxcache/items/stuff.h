@@ -7,21 +7,21 @@
 //
 // Ownership: intrusively reference-counted with weak references (IntrusivePtr<JX_Stuff>); the
 // bag owns its items through its recency set and its sort directory; the item refers back to
-// its bag and directory by weak pointer.
+// its directory by weak pointer and to its bag by a plain pointer (mruBag_) that the bag clears
+// as it dies, a strong reference to the bag being had from the bag itself (GetBag).
 //
 // Locks, in the only order they may be taken: the library lock (JXp_ScLock) -> this item's
 // reader/writer lock (mutex_) -> this item's GUID spin lock (inside key_). Never take the library
 // lock while holding an item lock, and never wait (gate, sleep, executor) while holding either.
 //   mutex_ guards (GUARDED_BY: written under the write lock, read under any mode): data_,
-//                  findKeyData_, writeable_, tempRemovedFromSortDir_, bag_, sortDir_,
-//                  computeTime_, diskFile_, memDiskChanged_, mediaMapGuid_, mediaMapID_,
-//                  pendingThread_. Directory membership (sortDir_, tempRemovedFromSortDir_ and
-//                  inSortDir_) changes under both the library lock and the write lock, which is
-//                  what lets a search without the library lock check it under this lock.
-//                  data_ is written only at construction and when a pending item is completed,
-//                  before pending_ clears: once pending_ reads false, data_ is final and may be
-//                  read without the lock (FinalData(), the one read the analysis is told to
-//                  skip).
+//                  writeable_, tempRemovedFromSortDir_, sortDir_, computeTime_, diskFile_, and
+//                  the side record's fields of the same rule (Extras). Directory membership
+//                  (sortDir_, tempRemovedFromSortDir_ and inSortDir_) changes under both the
+//                  library lock and the write lock, which is what lets a search without the library
+//                  lock check it under this lock. data_ is written only at construction and when a
+//                  pending item is completed, before pending_ clears: once pending_ reads false,
+//                  data_ is final and may be read without the lock (FinalData(), the one read the
+//                  analysis is told to skip).
 //   mutex_'s owner role (the upgrade or write lock: one holder at a time) guards accountedIn_,
 //                  and is what the functions that move the check-out count and the accounted
 //                  sizes require.
@@ -33,7 +33,7 @@
 //                  both the library lock and mutex_, so holding either is enough to read it and
 //                  use the bag (which clears it, under both, as it dies). These carry no
 //                  annotations: the library lock is not a capability the analysis knows.
-//   Atomics (no lock): checkoutCount_, pending_, pendingWaiters_, inSortDir_,
+//   Atomics (no lock): checkoutCount_, pending_, the side record's pendingWaiters, inSortDir_,
 //                      keyIsFinalPayload_, lastUsedTime_, the accounted sizes (memSize_,
 //                      checkedOutSize_, diskSize_), purgeState_, writeInProgress_,
 //                      diskCheckouts_, taggedToWrite_.
@@ -135,7 +135,10 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   bool IsPendingRender() const { return pending_.load(std::memory_order_acquire); }
   bool IsPendingFromThisThread() const;
   // Threads waiting for the pending render right now.
-  uint32_t GetPendingWaiterCount() const { return pendingWaiters_.load(std::memory_order_relaxed); }
+  uint32_t GetPendingWaiterCount() const {
+    const Extras* extras = FindExtras();
+    return extras ? extras->pendingWaiters.load(std::memory_order_relaxed) : 0;
+  }
   // The payload, after waiting for a pending render to finish.
   IntrusivePtr<JX_StuffData> GetDataWaitIfPending() const;
   // Reads the payload back from the disk cache when it is not in memory; returns IsInMemory().
@@ -395,7 +398,7 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
       REQUIRES(mutex_.OwnerRole());
   // After findKeyData_ or pending_ changed: under the write lock, or before the item is shared.
   void UpdateKeyIsFinalPayload() REQUIRES(mutex_) {
-    keyIsFinalPayload_.store(!findKeyData_ && !pending_.load(std::memory_order_relaxed),
+    keyIsFinalPayload_.store(!FindKeyDataLocked() && !pending_.load(std::memory_order_relaxed),
                              std::memory_order_release);
   }
   // Moves the check-out count by `step`; the caller holds the upgrade or write lock.
@@ -414,7 +417,10 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // Hands a newly created pending item to its creator: checked out once, no wait.
   void CheckoutNewPending();
   void TempRemoveFromSortDir(const JXp_ScLock& lock);
-  void SetBagAndInMru(const std::weak_ptr<JX_Bag>& bag, JX_Bag* mruBag);
+  void SetBagAndInMru(JX_Bag* bag);
+  // A strong reference to the bag holding the item, or empty (also while that bag is being
+  // destroyed). The caller holds mutex_ in any mode.
+  std::shared_ptr<JX_Bag> BagLocked() const REQUIRES_SHARED(mutex_);
   // The steps of PrepAndWrite (disk/prep_and_write.cpp): the write itself, which throws on
   // failure and sets *claimed once it holds the item's one write in progress; the claims (the
   // write in progress and the target's path, empty when there is nothing to write); and the
@@ -452,40 +458,68 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
                               ReleaseQueue* toRelease) REQUIRES(mutex_);
   void StoreGuid(const Guid& guid);
 
+  // What only some items need: pending items (the renderer, the gate and its waiters, the
+  // find-key data), items given find-key data, items in the media map, items somebody watches
+  // for memory and disk changes. Most cached items never need any of it, so it lives beside the
+  // item, made on first need and kept until the item dies: a pointer read once may be used for
+  // as long as the item lives. A pending item gets it at construction, before it is shared,
+  // which is what lets the gate and the waiter count be reached without the item's lock while
+  // the item is pending. The GUARDED_BY fields' rule applies to pendingThread, findKeyData,
+  // memDiskChanged, mediaMapGuid and mediaMapID: written under the write lock, read under any
+  // mode.
+  struct Extras {
+    zelcore::threads::ThreadId pendingThread = zelcore::threads::kNoThread;
+    zelcore::threads::OpenOnceGate pendingGate;
+    // Threads waiting at the gate right now: what the pending watchdog reports of an overdue
+    // item (items/pending_watch.h). Moved only around the wait, never on a hit.
+    mutable std::atomic<uint32_t> pendingWaiters{0};
+    IntrusivePtr<JX_StuffData> findKeyData;
+    std::unique_ptr<MemDiskChangedSignal> memDiskChanged;
+    Guid mediaMapGuid;
+    uint64_t mediaMapID = 0;
+  };
+  // The side record, or null when the item has never needed one.
+  Extras* FindExtras() const { return extras_.load(std::memory_order_acquire); }
+  // The side record, made now if need be: under the write lock, or before the item is shared.
+  Extras& ExtrasLocked() REQUIRES(mutex_);
+  // The find-key data, or null.
+  const IntrusivePtr<JX_StuffData>& FindKeyDataLocked() const REQUIRES_SHARED(mutex_);
+  // The change signal when somebody asked for it, else null.
+  MemDiskChangedSignal* MemDiskChangedLocked() const REQUIRES_SHARED(mutex_);
+
   // The members are grouped by use: what every check-out and check-in touches comes first, so
-  // that a cache hit reads as few cache lines of the item as possible.
+  // that a cache hit reads as few cache lines of the item as possible. Fields of one size sit
+  // together: an item is made for every cached payload, and padding would be paid for each.
 
   // Key: the GUID and its directory hash, read without a lock (items/seqlocked_guid.h).
   jx::SeqLockedGuid key_;
   mutable zelcore::threads::MultiTenantRecursiveMutex mutex_;
 
-  // Check-out state.
+  // Check-out state, and the accounted sizes (what this item currently contributes to the bag's
+  // totals).
   std::atomic<uint32_t> checkoutCount_{0};
+  std::atomic<uint32_t> memSize_{0};
+  std::atomic<uint32_t> checkedOutSize_{0};
   bool writeable_ GUARDED_BY(mutex_) = false;
   std::atomic<bool> pending_{false};
   // In a directory and not taken out for a writeable check-out: sortDir_ set and
   // tempRemovedFromSortDir_ clear. Written with them; readable without the lock.
   std::atomic<bool> inSortDir_{false};
-  zelcore::threads::ThreadId pendingThread_ GUARDED_BY(mutex_) = zelcore::threads::kNoThread;
-
-  // Payload and request.
-  IntrusivePtr<JX_StuffData> data_ GUARDED_BY(mutex_);
-  IntrusivePtr<JX_StuffData> findKeyData_ GUARDED_BY(mutex_);
   // Set when the key is the payload for good: no find-key data, and not pending (data_ is
   // written only at construction and when a pending item is completed). Written under the write
   // lock after either changes; while it is set, data_ may be read without the lock.
   std::atomic<bool> keyIsFinalPayload_{false};
 
-  // Accounted sizes (what this item currently contributes to the bag's totals), and the serial
-  // number of the bag they are counted in (0: none). Sizes belong to the bag that counted them:
-  // an item that outlives a restart of the library, say, must not take what it counted in the
-  // old global bag out of the new one. Written with the sizes, under the upgrade or write lock.
-  std::atomic<uint32_t> memSize_{0};
-  std::atomic<uint32_t> checkedOutSize_{0};
+  // Payload.
+  IntrusivePtr<JX_StuffData> data_ GUARDED_BY(mutex_);
+
+  // The serial number of the bag the accounted sizes are counted in (0: none). Sizes belong to
+  // the bag that counted them: an item that outlives a restart of the library, say, must not
+  // take what it counted in the old global bag out of the new one. Written with the sizes, under
+  // the upgrade or write lock.
   uint64_t accountedIn_ GUARDED_BY(mutex_.OwnerRole()) = 0;
 
   // Bag and recency.
-  std::weak_ptr<JX_Bag> bag_ GUARDED_BY(mutex_);
   std::atomic<uint64_t> lastUsedTime_;
   MruHook mruHook_;
   JX_Bag* mruBag_ = nullptr;  // the bag whose recency order links the item
@@ -493,23 +527,16 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // The item's claim on its disk file (disk/claimed_file.h): a file belongs to one item.
   std::shared_ptr<jx::disk::ClaimedFile> diskFile_ GUARDED_BY(mutex_);
 
-  // Less frequently used: the rest of the disk and purge state, the directory link, the pending
-  // gate, the media map.
+  // Less frequently used: the rest of the disk and purge state, the directory link.
   std::atomic<uint32_t> diskSize_{0};
   std::atomic<uint32_t> purgeState_{0};
   std::atomic<uint32_t> writeInProgress_{0};
   std::atomic<uint32_t> diskCheckouts_{0};
   std::atomic<bool> taggedToWrite_{false};
   bool tempRemovedFromSortDir_ GUARDED_BY(mutex_) = false;
-  zelcore::threads::OpenOnceGate pendingGate_;
-  // Threads waiting at the gate right now: what the pending watchdog reports of an overdue item
-  // (items/pending_watch.h). Moved only around the wait, never on a hit.
-  mutable std::atomic<uint32_t> pendingWaiters_{0};
   double computeTime_ GUARDED_BY(mutex_) = 0.0;
   std::weak_ptr<JX_SortDir> sortDir_ GUARDED_BY(mutex_);
-  std::unique_ptr<MemDiskChangedSignal> memDiskChanged_ GUARDED_BY(mutex_);
-  Guid mediaMapGuid_ GUARDED_BY(mutex_);
-  uint64_t mediaMapID_ GUARDED_BY(mutex_) = 0;
+  std::atomic<Extras*> extras_{nullptr};
 };
 
 // Process-wide counters of the check-out protocol. Every hit changes itemsCheckedOut twice, on
