@@ -1,8 +1,6 @@
 // JX_ScanOneDiskCacheFile and JX_Bag::ScanOneDiskCacheFile: adopting one cache file.
 #include "disk/scan_one_file.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cstdint>
 
@@ -16,7 +14,6 @@
 #include "host/y_api.h"
 #include "jxcache/bag/bag.h"
 #include "jxcache/bag/global_bag.h"
-#include "jxcache/host/host_services.h"
 #include "jxcache/items/sc_checkout.h"
 
 using zelcore::filesupport::File;
@@ -64,20 +61,19 @@ void JX_ScanOneDiskCacheFile(const File& file) {
 }
 
 void JX_Bag::ScanOneDiskCacheFile(const File& file) {
-  struct stat st {};
   {
     Y::ScQuietErrors quiet;
-    // Only a regular file can be a cache file: reading a FIFO named like one would block.
-    if (jx::host::GetFiles().Status(file.GetPath().c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
-      return;
-    }
+    // Only a regular file can be a cache file: reading a FIFO named like one would block. The
+    // size is asked only of a file this call gets to adopt (a writer checks its target here
+    // first, and the target is usually not there).
+    if (!file.IsRegularFile()) return;
   }
-  jx::disk::AdoptCacheFile(*this, file, static_cast<uint64_t>(st.st_size));
+  jx::disk::AdoptCacheFile(*this, file, std::nullopt);
 }
 
 namespace jx::disk {
 
-void AdoptCacheFile(JX_Bag& bag, const File& file, uint64_t fileSize) {
+void AdoptCacheFile(JX_Bag& bag, const File& file, std::optional<uint64_t> fileSize) {
   try {
     Y::ScQuietErrors quiet;
     zelcore::utility::Guid guid;
@@ -88,7 +84,7 @@ void AdoptCacheFile(JX_Bag& bag, const File& file, uint64_t fileSize) {
     // for a file nobody has.
     std::shared_ptr<jx::disk::ClaimedFile> claim = jx::disk::ClaimedFile::TryClaim(file);
     if (!claim) return;
-    const unsigned int size = AccountableSize(fileSize);
+    const unsigned int size = AccountableSize(fileSize ? *fileSize : file.Size());
 
     auto candidate = JX_Stuff::CreateNew(payload, 0.0);
     candidate->SetGuid(guid);

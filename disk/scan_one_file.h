@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "jxcache/host/file.h"
 
@@ -19,7 +20,9 @@ class JX_Bag;
 void JX_ScanOneDiskCacheFile(const zelcore::filesupport::File& file);
 
 namespace jx::disk {
-// Adopts `file` into `bag`, given what a status call already said of it: a regular file of
-// `fileSize` bytes. The folder scan asks that once per file while listing.
-void AdoptCacheFile(JX_Bag& bag, const zelcore::filesupport::File& file, uint64_t fileSize);
+// Adopts `file`, a regular file, into `bag`. `fileSize` is what a status call already said of
+// it (the folder scan asks once per file while listing); without it, the file is asked once it
+// is claimed.
+void AdoptCacheFile(JX_Bag& bag, const zelcore::filesupport::File& file,
+                    std::optional<uint64_t> fileSize);
 }  // namespace jx::disk
