@@ -53,9 +53,7 @@ JX_CheckoutResult JX_ScCheckout::CheckoutImpl(IntrusivePtr<JX_Stuff> item, int f
   }
   ScopedWriteLockWrapper wl(mutex_);
   checkoutFlags_ = flags;
-  result_ = result;
-  if (result != kJX_CheckoutRefused) item_ = std::move(item);
-  return result;
+  return KeepLocked(result, std::move(item));
 }
 
 JX_CheckoutResult JX_ScCheckout::FindAndCheckout(const IntrusivePtr<JX_Stuff>& item, int flags) {
@@ -70,10 +68,7 @@ JX_CheckoutResult JX_ScCheckout::FindAndCheckout(const IntrusivePtr<JX_Stuff>& i
     checkoutFlags_ = flags;
     IntrusivePtr<JX_Stuff> found;
     bool created = false;
-    const JX_CheckoutResult result = bag->FindAndCheckout(item, flags, &found, &created);
-    result_ = result;
-    if (result != kJX_CheckoutRefused) item_ = std::move(found);
-    return result;
+    return KeepLocked(bag->FindAndCheckout(item, flags, &found, &created), std::move(found));
   }
   {
     ScopedWriteLockWrapper wl(mutex_);
@@ -90,9 +85,7 @@ JX_CheckoutResult JX_ScCheckout::FindAndCheckout(const IntrusivePtr<JX_Stuff>& i
   ScopedWriteLockWrapper wl(mutex_);
   // Another thread may have used the handle meanwhile: what it left is checked in first.
   CheckinLocked(checkinFlags_, 0.0);
-  result_ = result;
-  if (result != kJX_CheckoutRefused) item_ = std::move(found);
-  return result;
+  return KeepLocked(result, std::move(found));
 }
 
 JX_CheckoutResult JX_ScCheckout::FindAndCheckoutUnsharedHandle(const IntrusivePtr<JX_Stuff>& item,
@@ -103,10 +96,7 @@ JX_CheckoutResult JX_ScCheckout::FindAndCheckoutUnsharedHandle(const IntrusivePt
   if ((flags & cf::kHoldWithoutCheckout) || !bag || !item) return kJX_CheckoutRefused;
   IntrusivePtr<JX_Stuff> found;
   bool created = false;
-  const JX_CheckoutResult result = bag->FindAndCheckout(item, flags, &found, &created);
-  result_ = result;
-  if (result != kJX_CheckoutRefused) item_ = std::move(found);
-  return result;
+  return KeepLocked(bag->FindAndCheckout(item, flags, &found, &created), std::move(found));
 }
 
 JX_CheckoutResult JX_ScCheckout::AddToBagAndSortDirAndCheckout(IntrusivePtr<JX_Stuff> item,

@@ -117,6 +117,13 @@ class JX_EXPORT JX_ScCheckout {
   // The check-in of Checkin, with the write lock held.
   void CheckinLocked(int flags, double computeTime);
   JX_CheckoutResult CheckoutImpl(IntrusivePtr<JX_Stuff> item, int flags);
+  // Keeps what a check-out gave (nothing when it was refused), with the write lock held or on a
+  // handle no other thread can reach; returns `result`.
+  JX_CheckoutResult KeepLocked(JX_CheckoutResult result, IntrusivePtr<JX_Stuff>&& item) {
+    result_ = result;
+    if (result != kJX_CheckoutRefused) item_ = std::move(item);
+    return result;
+  }
   bool AcquireDiskHoldLocked();
   // The two steps of ReacquireSuspendedCheckout that take the write lock on top of its upgrade
   // lock: taking out the suspended item, its disk hold and flags (false when nothing is
