@@ -29,7 +29,8 @@ using zelcore::utility::IntrusivePtr;
 
 namespace {
 
-constexpr size_t kReadBufferSize = 0x200000;
+// Serves the header and other small reads; a payload's large reads bypass it.
+constexpr size_t kReadBufferSize = 64 * 1024;
 constexpr size_t kReadBlockSize = 4096;
 
 // A slow disk, simulated: the delay counts as read time.

@@ -229,7 +229,8 @@ BufferedIByteStream::BufferedIByteStream(IByteStream& source, size_t bufferSize,
     : source_(source) {
   const size_t block = std::max<size_t>(blockSize, 1);
   const size_t blocks = std::max<size_t>((bufferSize + block - 1) / block, 1);
-  buffer_.resize(blocks * block);
+  capacity_ = blocks * block;
+  passThrough_ = std::min(capacity_, kPassThroughBytes);
 }
 
 size_t BufferedIByteStream::Read(void* data, size_t length) {
@@ -237,20 +238,22 @@ size_t BufferedIByteStream::Read(void* data, size_t length) {
   size_t done = 0;
   while (done < length) {
     if (pos_ == end_) {
-      // A request at least a buffer long skips the copy, but only while the buffer is empty
-      // so that the order of bytes is kept.
-      if (length - done >= buffer_.size()) {
+      // A large request goes straight to the source, but only while the buffer is empty so
+      // that the order of bytes is kept: going through the buffer would copy every byte twice.
+      if (length - done >= passThrough_) {
         const size_t n = source_.Read(out + done, length - done);
         if (n == 0) break;
         done += n;
         continue;
       }
+      // Made on first need and never zeroed: a reader of large payloads may not need it at all.
+      if (!buffer_) buffer_.reset(new uint8_t[capacity_]);
       pos_ = 0;
-      end_ = source_.Read(buffer_.data(), buffer_.size());
+      end_ = source_.Read(buffer_.get(), capacity_);
       if (end_ == 0) break;
     }
     const size_t n = std::min(length - done, end_ - pos_);
-    std::memcpy(out + done, buffer_.data() + pos_, n);
+    std::memcpy(out + done, buffer_.get() + pos_, n);
     pos_ += n;
     done += n;
   }

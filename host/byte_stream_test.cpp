@@ -37,9 +37,12 @@ std::vector<uint8_t> ReadBack(const File& file, size_t unit) {
   IPlatformByteStream in(file);
   std::vector<uint8_t> bytes(in.Size());
   BufferedIByteStream buffered(in, 3 * unit, unit);
+  // Small reads go through the buffer and large ones past it, so a large read that comes while
+  // the buffer still holds bytes must be served from the buffer first.
+  const size_t sizes[] = {1000, 3 * unit + 5, 17, 3 * unit};
   size_t done = 0;
-  while (done < bytes.size()) {
-    const size_t want = std::min<size_t>(1000, bytes.size() - done);
+  for (size_t i = 0; done < bytes.size(); ++i) {
+    const size_t want = std::min<size_t>(sizes[i % 4], bytes.size() - done);
     buffered.ReadExactly(bytes.data() + done, want);
     done += want;
   }

@@ -127,14 +127,19 @@ class IPlatformByteStream : public IByteStream {
 
 class BufferedIByteStream : public IByteStream {
  public:
-  // Reads from `source` in chunks of `bufferSize` bytes (a multiple of blockSize).
+  // Reads from `source` in chunks of `bufferSize` bytes (a multiple of blockSize). Requests of
+  // at least min(bufferSize, kPassThroughBytes) bytes go straight to `source` whenever the
+  // buffer is empty.
   BufferedIByteStream(IByteStream& source, size_t bufferSize, size_t blockSize);
+  static constexpr size_t kPassThroughBytes = 64 * 1024;
   size_t Read(void* data, size_t length) override;
   uint64_t Remaining() const override;
 
  private:
   IByteStream& source_;
-  std::vector<uint8_t> buffer_;
+  std::unique_ptr<uint8_t[]> buffer_;
+  size_t capacity_ = 0;
+  size_t passThrough_ = 0;
   size_t pos_ = 0;
   size_t end_ = 0;
 };
