@@ -25,6 +25,19 @@ struct Applier {
   __attribute__((no_sanitize("vptr"))) static bool InBagPeeked(const JX_Stuff* stuff) {
     return stuff->mruBag_ != nullptr;
   }
+  // Starts loading the recency fields of an item that may be gone: only their address is
+  // formed, nothing is read.
+  __attribute__((no_sanitize("vptr"))) static void PrefetchFields(const JX_Stuff* stuff) {
+    __builtin_prefetch(&stuff->mruBag_);
+    __builtin_prefetch(&stuff->mruHook_);
+  }
+  // Starts loading the neighbours that moving an item out of its place rewrites. The caller
+  // holds the library lock and knows the item is in its bag (so alive, its links stable).
+  static void PrefetchNeighbours(const JX_Stuff& stuff) {
+    const auto& hook = stuff.mruHook_;
+    __builtin_prefetch(hook.prev_, 1);
+    __builtin_prefetch(hook.next_, 1);
+  }
   static void Apply(JX_Stuff& stuff, uint64_t stamp, const JXp_ScLock& lock) {
     JX_Bag* bag = stuff.mruBag_;
     if (bag && stamp > stuff.mruStamp_) bag->Reposition(stuff, stamp, lock);
@@ -32,6 +45,10 @@ struct Applier {
 };
 
 namespace {
+
+// From this many notes on, a thread applies its log whenever the library lock is free; only a
+// full log waits for the lock.
+constexpr size_t kApplyWhenFree = kNotesPerThread * 3 / 4;
 
 using zelcore::utility::IntrusivePtr;
 using zelcore::utility::WeakPtr;
@@ -158,6 +175,25 @@ void ApplyOne(Noted& note, const JXp_ScLock& lock, LetGo& letGo) {
   }
 }
 
+// Starts loading what the apply of every pending note will read and write: first each item's
+// reference block and recency fields, then the neighbours of those still in their bag.
+void Prefetch(const Registry& r, const JXp_ScLock&) {
+  const auto each = [&r](auto&& f) {
+    for (const Noted& note : r.orphans) f(note);
+    for (Log* log : r.logs) {
+      for (uint64_t n = log->next; n < log->end; ++n) f(log->Slot(n));
+    }
+  };
+  each([](const Noted& note) {
+    note.stuff.PrefetchBlock();
+    Applier::PrefetchFields(note.stuff.UncheckedAddress());
+  });
+  each([](const Noted& note) {
+    const JX_Stuff* peeked = note.stuff.PeekIfMemoryKept();
+    if (peeked && Applier::InBagPeeked(peeked)) Applier::PrefetchNeighbours(*peeked);
+  });
+}
+
 }  // namespace
 
 void Note(JX_Stuff& stuff, uint64_t stamp) noexcept {
@@ -174,7 +210,20 @@ void Note(JX_Stuff& stuff, uint64_t stamp) noexcept {
       slot.stamp = stamp;
       // Release: publishes the slot to the applier's acquire of `taken`.
       log->taken.store(taken + 1, std::memory_order_release);
-      if (taken + 1 - applied < kNotesPerThread) return;
+      const uint64_t used = taken + 1 - applied;
+      if (used < kApplyWhenFree) return;
+      if (used < kNotesPerThread) {
+        // Room is left: apply now only if nobody holds the library lock. A thread that does
+        // may be applying these very notes, and waiting for it would only queue this one
+        // behind it.
+        try {
+          JXp_ScLock lock(std::try_to_lock);
+          if (lock.owns_lock()) ApplyAll(lock);
+        } catch (...) {
+          // Out of memory: the notes stay for the apply of a full log.
+        }
+        return;
+      }
     }
     try {
       JXp_ScLock lock;
@@ -211,6 +260,9 @@ void ApplyAll(const JXp_ScLock& lock) {
   // buffer the sort still works, only slower).
   std::stable_sort(r.orphans.begin(), r.orphans.end(),
                    [](const Noted& a, const Noted& b) { return a.stamp < b.stamp; });
+  // An apply moves items scattered over memory, one after another, each a few cache misses: the
+  // loads are started for all of them first, so that they overlap.
+  Prefetch(r, lock);
   size_t orphan = 0;
   for (;;) {
     Log* log = OldestNext(r.logs);

@@ -12,7 +12,8 @@
 //
 // Locks: the library lock, then the registry's mutex (a leaf). Note() takes no lock (its one
 // locked instruction is the weak reference): each log is a ring with one writer, its thread, and
-// one reader, the applier (once the log is full, the thread takes the library lock to apply it).
+// one reader, the applier. A log three quarters full is applied when the library lock happens
+// to be free; once it is full, the thread waits for the lock to apply it.
 // Memory: a log is made once per thread; a note never allocates, and out of memory a move is
 // made at once rather than lost.
 #pragma once

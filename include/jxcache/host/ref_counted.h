@@ -236,6 +236,13 @@ class WeakPtr {
     return p_;
   }
 
+  // Asks the processor to start loading the reference's block, without reading it: for a caller
+  // about to look at many weak references in a row.
+  void PrefetchBlock() const noexcept { __builtin_prefetch(ctrl_); }
+  // The pointer as it was set, never to be read through: the object may be gone. For prefetching
+  // only.
+  T* UncheckedAddress() const noexcept { return p_; }
+
   // A strong reference, or empty when the object is gone (or was never set).
   IntrusivePtr<T> Lock() const noexcept {
     if (!ctrl_) return {};
