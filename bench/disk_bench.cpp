@@ -256,12 +256,21 @@ void BM_DiskFolderScan(benchmark::State& state) {
   const int files = static_cast<int>(state.range(0));
   ScanFolder(files);
   auto& lib = Lib();
-  for (auto _ : state) {
-    state.PauseTiming();
+  const auto prepare = [&] {
     lib.bag->ClearBagAndSortDir();
     lib.bag->EnableDiskCache(true);
     lib.bag->SetDiskCacheInfo(ScanRoot(files), 1ll << 40);
     lib.bag->RequestDiskCacheScan();
+  };
+  // One scan before the timed ones, so that every timed scan finds the folder's metadata in
+  // memory: 100,000 files are scanned only once in the time given, and that first scan of a
+  // folder just made (and of one just deleted by the run before) ran at half the rate of the
+  // scans after it.
+  prepare();
+  lib.bag->ScanDiskCacheDir();
+  for (auto _ : state) {
+    state.PauseTiming();
+    prepare();
     state.ResumeTiming();
     // The deferred disk task may take the request first; the call then waits for its scan, so
     // the bag, not the count returned, tells whether every file was adopted.
