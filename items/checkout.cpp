@@ -106,12 +106,8 @@ JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, const ScopedUpgradeLockWra
 }
 
 inline bool JX_Stuff::AnswersRequestLocked(const MatchRequest& match) {
-  // No find-key data: the item answers any request for its GUID, as the base class does. A hit
-  // on a completed item learns that from a flag on a line it reads anyway, without reaching for
-  // the side record.
-  const bool finalPayload = keyIsFinalPayload_.load(std::memory_order_acquire);
-  const IntrusivePtr<JX_StuffData>& findKey = finalPayload ? data_ : FindKeyDataLocked();
-  const IntrusivePtr<JX_StuffData>& key = findKey ? findKey : data_;
+  // No find-key data: the item answers any request for its GUID, as the base class does.
+  const IntrusivePtr<JX_StuffData>& key = KeyLocked();
   const bool compressed = key && key->IsCompressed();
   bool matched = compressed == match.wantCompressed;
   if (matched && key) {

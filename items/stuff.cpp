@@ -128,8 +128,7 @@ JX_Stuff::IntrusivePtr<JX_StuffData> JX_Stuff::GetFindKeyData(bool* keptByItem) 
   *keptByItem = keyIsFinalPayload_.load(std::memory_order_acquire);
   if (*keptByItem) return FinalData();
   ScopedReadLockWrapper r(mutex_);
-  const IntrusivePtr<JX_StuffData>& findKey = FindKeyDataLocked();
-  return findKey ? findKey : data_;
+  return KeyLocked();
 }
 
 void JX_Stuff::SetFindKeyData(IntrusivePtr<JX_StuffData> data) {
@@ -147,8 +146,7 @@ bool JX_Stuff::IsInMemory() const {
 JX_Stuff::IntrusivePtr<JX_StuffData> JX_Stuff::GetFindKeyDataAndCompression(
     bool* compressed) const {
   ScopedReadLockWrapper r(mutex_);
-  const IntrusivePtr<JX_StuffData>& findKey = FindKeyDataLocked();
-  const auto& key = findKey ? findKey : data_;
+  const auto& key = KeyLocked();
   *compressed = key && key->IsCompressed();
   return key;
 }

@@ -484,6 +484,14 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   Extras& ExtrasLocked() REQUIRES(mutex_);
   // The find-key data, or null.
   const IntrusivePtr<JX_StuffData>& FindKeyDataLocked() const REQUIRES_SHARED(mutex_);
+  // What a search matches against: the find-key data, else the payload. A completed item tells
+  // from keyIsFinalPayload_ (on a line every check-out reads) that it is the payload, without
+  // reaching for the side record.
+  const IntrusivePtr<JX_StuffData>& KeyLocked() const REQUIRES_SHARED(mutex_) {
+    if (keyIsFinalPayload_.load(std::memory_order_acquire)) return data_;
+    const IntrusivePtr<JX_StuffData>& findKey = FindKeyDataLocked();
+    return findKey ? findKey : data_;
+  }
   // The change signal when somebody asked for it, else null.
   MemDiskChangedSignal* MemDiskChangedLocked() const REQUIRES_SHARED(mutex_);
 
