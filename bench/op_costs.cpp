@@ -3,10 +3,12 @@
 // one operation: scripts/op-costs.sh runs each kind at N and at 2N and divides the difference
 // by N, which takes the start-up and the filling out.
 //
-// Usage: op_costs KIND N    KIND: hit, lru-hit, tbb-hit, miss, lru-miss, tbb-miss
-// Hits are over 10,000 cached keys drawn from the benchmarks' request ring, as in cache_bench.
+// Usage: op_costs KIND N    KIND: hit, compute-hit, lru-hit, tbb-hit, miss, lru-miss, tbb-miss
+// Hits are over 10,000 cached keys drawn from the benchmarks' request ring, as in cache_bench;
+// compute-hit is a compute-cache hit through the plug-in table, as in compute_bench.
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <random>
 #include <string>
 #include <thread>
@@ -14,7 +16,9 @@
 
 #include "bench_support.h"
 #include "jxcache/items/sc_checkout.h"
+#include "jxcache/kqgp_compute_cache.h"
 #include "jxcache/lifecycle/lifecycle.h"
+#include "jxcache/y_vx_suite.h"
 #include "simple_lru.h"
 #ifdef JX_HAVE_TBB
 #define TBB_PREVIEW_CONCURRENT_LRU_CACHE 1
@@ -37,6 +41,30 @@ std::vector<uint64_t> KeyRing() {
   return keys;
 }
 
+int32_t EntryKeyOf(void* request, KQGP_GUID* out) {
+  *out = KQGP_GUID{};
+  std::memcpy(out->bytes, request, sizeof(int));
+  return 0;
+}
+int32_t EntryCompute(void* request, intptr_t* out) {
+  *out = static_cast<intptr_t>(*static_cast<int*>(request)) + 1;  // never 0
+  return 0;
+}
+size_t EntrySize(intptr_t) { return 1024; }
+void EntryDelete(intptr_t) {}
+
+// The plug-in table, with one class whose values are worth nothing but their key.
+const KQGP_ComputeCacheSuite1& ComputeSuite(const char* classId) {
+  jx::bench::EnsureLibrary();
+  JX_VX_Birth();
+  const void* table = nullptr;
+  Y_VX_AcquireVXSuite(kKQGPComputeCacheSuite, kKQGPComputeCacheSuiteVersion1, &table);
+  auto* suite = static_cast<const KQGP_ComputeCacheSuite1*>(table);
+  const KQGP_ComputeCacheCallbacks callbacks = {EntryKeyOf, EntryCompute, EntrySize, EntryDelete};
+  suite->ClassRegister(classId, &callbacks);
+  return *suite;
+}
+
 #ifdef JX_HAVE_TBB
 uint64_t Compute(uint64_t key) { return key * 2654435761u; }
 using TbbCache = tbb::concurrent_lru_cache<uint64_t, uint64_t, uint64_t (*)(uint64_t)>;
@@ -46,7 +74,8 @@ using TbbCache = tbb::concurrent_lru_cache<uint64_t, uint64_t, uint64_t (*)(uint
 
 int main(int argc, char** argv) {
   if (argc != 3) {
-    std::fprintf(stderr, "usage: op_costs hit|lru-hit|tbb-hit|miss|lru-miss|tbb-miss N\n");
+    std::fprintf(stderr,
+                 "usage: op_costs hit|compute-hit|lru-hit|tbb-hit|miss|lru-miss|tbb-miss N\n");
     return 2;
   }
   const std::string kind = argv[1];
@@ -64,6 +93,30 @@ int main(int argc, char** argv) {
     for (long i = 0; i < n; ++i) {
       JX_ScCheckout handle;
       done += handle.FindAndCheckout(requests.Next(), kHitFlags) == kJX_CheckedOut;
+    }
+  } else if (kind == "compute-hit") {
+    const char* classId = "bench.compute";
+    const KQGP_ComputeCacheSuite1& suite = ComputeSuite(classId);
+    const std::vector<uint64_t> ring = KeyRing();
+    std::vector<int> keys(ring.begin(), ring.end());
+    // The first pass computes every key and checks what the table hands back; the counted
+    // passes do what compute_bench times: ask, and check the receipt in.
+    for (int key = 0; key < static_cast<int>(kKeys); ++key) {
+      KQGP_JXComputeReceipt receipt = nullptr;
+      intptr_t value = 0;
+      if (suite.ComputeIfNeededAndCheckout(classId, &key, true, &receipt) != 0 ||
+          suite.GetReceiptComputeValue(receipt, &value) != 0 || value != key + 1) {
+        std::fprintf(stderr, "op_costs: the compute cache did not fill\n");
+        return 1;
+      }
+      suite.CheckinReceipt(receipt);
+    }
+    for (long i = 0; i < n; ++i) {
+      KQGP_JXComputeReceipt receipt = nullptr;
+      int* key = &keys[static_cast<size_t>(i) & (keys.size() - 1)];
+      if (suite.ComputeIfNeededAndCheckout(classId, key, true, &receipt) == 0) {
+        done += suite.CheckinReceipt(receipt) == 0;
+      }
     }
   } else if (kind == "miss") {
     jx::bench::EnsureLibrary();

@@ -24,7 +24,7 @@ totals() {
 }
 
 printf '%-10s %14s %14s %14s %14s\n' "operation" "instructions" "D1 misses" "LL misses" "locked"
-for kind in hit lru-hit tbb-hit miss lru-miss tbb-miss; do
+for kind in hit compute-hit lru-hit tbb-hit miss lru-miss tbb-miss; do
   ok=1
   for count in "$n" "$((2 * n))"; do
     if ! valgrind --tool=callgrind --cache-sim=yes --collect-bus=yes \
