@@ -249,3 +249,45 @@ TEST_F(FindOrCreateTest, MixedOperationsKeepTheCountersConsistent) {
 }
 
 }  // namespace
+
+namespace {
+
+// A caller re-keys a fresh item while another thread adds it to the bag: whichever goes first,
+// the item ends up in the directory under its new key, found by it and not by the old one, and
+// it leaves the directory whole when removed. (The item used to be filed under the old key's
+// hash when the re-key landed between the add's read of the key and its insertion, where no
+// search for the new key could reach it.)
+TEST_F(FindOrCreateTest, AReKeyDuringAnAddFilesTheItemUnderTheNewKey) {
+  constexpr int kRounds = 4000;
+  const int flags = cf::kReadOnly | cf::kNoDiskRead;
+  std::barrier<> start(2);
+  int lostUnderNewKey = 0, foundUnderOldKey = 0, leftBehind = 0;
+  const size_t before = bag_->GetSortDir()->Size();
+  for (int round = 0; round < kRounds; ++round) {
+    const Guid oldKey = Guid::CreateUnique(), newKey = Guid::CreateUnique();
+    IntrusivePtr<JX_Stuff> item = MakeItem(16, oldKey);
+    std::thread rekey([&] {
+      start.arrive_and_wait();
+      item->SetGuid(newKey);
+    });
+    start.arrive_and_wait();
+    bag_->AddToBagAndSortDir(item);
+    rekey.join();
+    IntrusivePtr<JX_Stuff> found;
+    if (Ask(newKey, flags, &found) != kJX_CheckedOut || found != item) ++lostUnderNewKey;
+    if (found) found->Checkin(0, 0.0);
+    found.reset();
+    if (Ask(oldKey, flags, &found) == kJX_CheckedOut) {
+      ++foundUnderOldKey;
+      found->Checkin(0, 0.0);
+    }
+    item->RemoveFromBagAndSortDir();
+    if (bag_->GetSortDir()->Size() != before) ++leftBehind;
+  }
+  EXPECT_EQ(lostUnderNewKey, 0);
+  EXPECT_EQ(foundUnderOldKey, 0);
+  EXPECT_EQ(leftBehind, 0);
+  ExpectAtRest();
+}
+
+}  // namespace

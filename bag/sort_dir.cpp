@@ -74,7 +74,12 @@ size_t JX_SortDir::Size() const {
   return n;
 }
 
-JX_SortDir::~JX_SortDir() = default;
+JX_SortDir::~JX_SortDir() {
+  // Items outliving their directory are filed nowhere any more.
+  for (size_t i = 0; i < kShards; ++i) {
+    for (const Entry& e : shards_[i].items) e.stuff->key_.Unfile();
+  }
+}
 
 size_t JX_SortDir::HashGuid(const zelcore::utility::Guid& guid) {
   const auto& bytes = guid.Bytes();
@@ -95,7 +100,18 @@ void JX_SortDir::AddStuff(const StuffPtr& stuff) {
   const bool compressed = stuff->IsCompressed();
   std::vector<StuffPtr> superseded;
   size_t hash;
-  const zelcore::utility::Guid guid = stuff->GetGuidAndHash(&hash);
+  bool wasFiled;
+  // Marked filed as it is read: from here on a re-key by another thread comes through the
+  // directory (after this add, under the library lock) instead of changing the key under it.
+  const zelcore::utility::Guid guid = stuff->key_.LoadAndFile(&hash, &wasFiled);
+  bool inserted = wasFiled;
+  struct UnfileUnlessInserted {
+    JX_Stuff& stuff;
+    const bool& inserted;
+    ~UnfileUnlessInserted() {
+      if (!inserted) stuff.key_.Unfile();
+    }
+  } unfileOnFailure{*stuff, inserted};
   ForEachWithGuid(guid, hash, [&](const StuffPtr& old) {
     if (old == stuff) return true;
     bool sameCompression = old->IsCompressed() == compressed;
@@ -117,6 +133,7 @@ void JX_SortDir::AddStuff(const StuffPtr& stuff) {
       if (grown) shard.sole.Adopt(*grown);
       shard.sole.Add(hash, stuff.get());
     }
+    inserted = true;
     FreeOutsideLock(std::move(grown));
   }
   for (const StuffPtr& old : superseded) {
@@ -184,6 +201,8 @@ void JX_SortDir::EraseNode(const StuffPtr& stuff) {
       break;
     }
   }
+  // Out of the directory: the key may change again without it.
+  stuff->key_.Unfile();
   // Only changes, all under the library lock, write the table: this one may read it without the
   // spin. The old slots are freed after the library lock.
   if (std::unique_ptr<jx::SoleItemTable> smaller = shard.sole.ShrunkIfSparse()) {

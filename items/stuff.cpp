@@ -167,12 +167,10 @@ zelcore::utility::Guid JX_Stuff::GetGuid() const { return key_.Load(); }
 zelcore::utility::Guid JX_Stuff::GetGuidAndHash(size_t* hash) const { return key_.Load(hash); }
 
 void JX_Stuff::SetGuid(const Guid& guid) {
-  // The directory hashes items by GUID: an item in it must be re-keyed through the directory.
-  if (IsInSortDir()) {
-    UpdateWithNewGuid(guid);
-    return;
-  }
-  StoreGuid(guid);
+  // The directory hashes items by GUID: an item it has filed must be re-keyed through it. The
+  // check and the store are one step, so that an add on another thread cannot file the item in
+  // between under the old key.
+  if (!key_.StoreUnlessFiled(guid, JX_SortDir::HashGuid(guid))) UpdateWithNewGuid(guid);
 }
 
 void JX_Stuff::StoreGuid(const Guid& guid) { key_.Store(guid, JX_SortDir::HashGuid(guid)); }

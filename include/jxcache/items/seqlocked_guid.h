@@ -11,6 +11,13 @@
 // The sixteen bytes are kept as two 64-bit atomics so that a torn copy is a race the sequence
 // count detects, not undefined behaviour; the class is 32 bytes, one half of a cache line.
 //
+// The key also says whether a directory has filed the item under it ("filed"): the directory
+// reads the key and marks it filed in one hold of the spin word, and a re-key that is not the
+// directory's own (StoreUnlessFiled) checks the mark in that same hold. So a thread re-keying an
+// item while another files it cannot leave the item in the directory under a hash that is not
+// its key's: either the directory reads the new key, or the re-key sees the mark and goes
+// through the directory. The mark shares the spin word (bit 1; bit 0 is the lock).
+//
 // Owned by value by its item (JX_Stuff). Any thread may call any method, Store included: two
 // threads re-keying at once take turns on the spin word (EqualsStable alone asks more of its
 // caller).
@@ -24,7 +31,6 @@
 
 #include "jxcache/host/cpu_relax.h"
 #include "jxcache/host/guid.h"
-#include "jxcache/host/spin_word.h"
 
 namespace jx {
 
@@ -37,30 +43,42 @@ class SeqLockedGuid {
   SeqLockedGuid(const SeqLockedGuid&) = delete;
   SeqLockedGuid& operator=(const SeqLockedGuid&) = delete;
 
-  // Replaces the key. `hash` is the directory hash of `guid`: it is computed once here rather
-  // than on every search.
+  // Replaces the key, filed or not: for the directory's own re-key (it holds the library lock,
+  // and the item is out of it) and for an item nobody else can reach yet. `hash` is the
+  // directory hash of `guid`: it is computed once here rather than on every search.
   void Store(const Guid& guid, uint64_t hash) {
-    uint64_t w0, w1;
-    std::memcpy(&w0, guid.Bytes().data(), 8);
-    std::memcpy(&w1, guid.Bytes().data() + 8, 8);
-    zelcore::threads::SpinWordGuard writer(spin_);
-    // Relaxed: only the spin word's holder writes the count, and the spin word's acquire
-    // exchange made the previous holder's last store of it visible here.
-    const uint32_t seq = seq_.load(std::memory_order_relaxed);
-    // Odd: a write is in progress. Relaxed, because the fence below is what orders it before
-    // the words: a reader whose acquire fence follows its load of any word stored below
-    // synchronises with this fence, and so its second look at the count sees this odd value
-    // (or a later one) and it starts again.
-    seq_.store(seq + 1, std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_release);
-    // Relaxed: ordered for readers by the fence above and the release store below.
-    words_[0].store(w0, std::memory_order_relaxed);
-    words_[1].store(w1, std::memory_order_relaxed);
-    hash_.store(hash, std::memory_order_relaxed);
-    // Even: stable again. Release, so that a reader whose acquire load of the count sees it
-    // also sees every word stored above.
-    seq_.store(seq + 2, std::memory_order_release);
+    const uint32_t filed = Lock();
+    Write(guid, hash);
+    Unlock(filed);
   }
+
+  // Store, unless a directory has filed the key: then nothing changes and false comes back (the
+  // caller re-keys through the directory).
+  bool StoreUnlessFiled(const Guid& guid, uint64_t hash) {
+    const uint32_t filed = Lock();
+    if (!filed) Write(guid, hash);
+    Unlock(filed);
+    return !filed;
+  }
+
+  // The key, marked filed: what the directory files the item under. Until Unfile, only Store
+  // changes it. `*wasFiled`: whether the mark was already set.
+  Guid LoadAndFile(size_t* hash, bool* wasFiled) {
+    *wasFiled = Lock() != 0;
+    // Relaxed: only the spin word's holder writes them.
+    const Guid guid = Words();
+    *hash = static_cast<size_t>(hash_.load(std::memory_order_relaxed));
+    Unlock(kFiled);
+    return guid;
+  }
+
+  // Clears the mark: the directory no longer holds the item.
+  void Unfile() {
+    Lock();
+    Unlock(0);
+  }
+
+  bool IsFiled() const { return (spin_.load(std::memory_order_acquire) & kFiled) != 0; }
 
   // The key and its hash, as one consistent pair: never half of one GUID and half of another,
   // never a hash of another GUID.
@@ -110,9 +128,57 @@ class SeqLockedGuid {
   }
 
  private:
+  static constexpr uint32_t kHeld = 1, kFiled = 2;
+
+  // Takes the spin word (exchange-like: a locked bit test-and-set, which keeps the mark) and
+  // returns the mark as it stands, which only the holder changes.
+  uint32_t Lock() {
+    zelcore::threads::SpinBackoff backoff;
+    while (spin_.fetch_or(kHeld, std::memory_order_acquire) & kHeld) {
+      do {
+        backoff.Wait();
+      } while (spin_.load(std::memory_order_relaxed) & kHeld);
+    }
+    return spin_.load(std::memory_order_relaxed) & kFiled;
+  }
+  void Unlock(uint32_t filed) { spin_.store(filed, std::memory_order_release); }
+
+  // The write itself, with the spin word held.
+  void Write(const Guid& guid, uint64_t hash) {
+    uint64_t w0, w1;
+    std::memcpy(&w0, guid.Bytes().data(), 8);
+    std::memcpy(&w1, guid.Bytes().data() + 8, 8);
+    // Relaxed: only the spin word's holder writes the count, and the spin word's acquire
+    // made the previous holder's last store of it visible here.
+    const uint32_t seq = seq_.load(std::memory_order_relaxed);
+    // Odd: a write is in progress. Relaxed, because the fence below is what orders it before
+    // the words: a reader whose acquire fence follows its load of any word stored below
+    // synchronises with this fence, and so its second look at the count sees this odd value
+    // (or a later one) and it starts again.
+    seq_.store(seq + 1, std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_release);
+    // Relaxed: ordered for readers by the fence above and the release store below.
+    words_[0].store(w0, std::memory_order_relaxed);
+    words_[1].store(w1, std::memory_order_relaxed);
+    hash_.store(hash, std::memory_order_relaxed);
+    // Even: stable again. Release, so that a reader whose acquire load of the count sees it
+    // also sees every word stored above.
+    seq_.store(seq + 2, std::memory_order_release);
+  }
+
+  // The two words as a GUID, for the spin word's holder.
+  Guid Words() const {
+    std::array<uint8_t, 16> bytes;
+    const uint64_t w0 = words_[0].load(std::memory_order_relaxed);
+    const uint64_t w1 = words_[1].load(std::memory_order_relaxed);
+    std::memcpy(bytes.data(), &w0, 8);
+    std::memcpy(bytes.data() + 8, &w1, 8);
+    return Guid(bytes);
+  }
+
   std::atomic<uint64_t> words_[2] = {};
   std::atomic<uint64_t> hash_;
-  std::atomic<uint32_t> spin_{0};  // serialises Store
+  std::atomic<uint32_t> spin_{0};  // bit 0 serialises writers; bit 1 is the filed mark
   std::atomic<uint32_t> seq_{0};   // odd while a Store is in progress
 };
 
