@@ -4,9 +4,6 @@
 // one process on a redis-server of its own (a unix socket, no persistence), so that a machine
 // whose speed drifts slows both alike. Prints the figures as JSON for bench_report (--extra).
 #include <hiredis/hiredis.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,7 +12,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,22 +21,12 @@
 #include "jxcache/host/guid.h"
 #include "jxcache/lifecycle/lifecycle.h"
 #include "standalone/standalone_host.h"
+#include "testing/redis_process.h"
 
 namespace {
 
 constexpr size_t kFrameBytes = 8u << 20;
 constexpr int kRounds = 60;
-
-std::string FindRedisServer() {
-  const char* path = std::getenv("PATH");
-  std::stringstream all(path ? path : "/usr/bin:/bin");
-  std::string dir;
-  while (std::getline(all, dir, ':')) {
-    const std::string candidate = dir + "/redis-server";
-    if (::access(candidate.c_str(), X_OK) == 0) return candidate;
-  }
-  return {};
-}
 
 double Seconds(std::chrono::steady_clock::time_point since) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - since).count();
@@ -132,8 +118,7 @@ nlohmann::json Measure(const std::string& socket) {
 }  // namespace
 
 int main() {
-  const std::string binary = FindRedisServer();
-  if (binary.empty()) {
+  if (jx::testing::FindRedisServer().empty()) {
     std::printf("%s\n", Missing("redis-server is not installed").dump(2).c_str());
     return 0;
   }
@@ -141,38 +126,20 @@ int main() {
   if (!::mkdtemp(pattern)) return 1;
   const std::string dir = pattern;
   const std::string socket = dir + "/redis.sock";
-  std::vector<std::string> args = {binary,
-                                   "--port",
-                                   "0",
-                                   "--unixsocket",
-                                   socket,
-                                   "--save",
-                                   "",
-                                   "--appendonly",
-                                   "no",
-                                   "--maxmemory",
-                                   "256mb",
-                                   "--dir",
-                                   dir,
-                                   "--daemonize",
-                                   "no",
-                                   "--logfile",
-                                   dir + "/redis.log"};
-  const pid_t server = ::fork();
-  if (server == 0) {
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    ::execv(binary.c_str(), argv.data());
-    ::_exit(127);
+  nlohmann::json figures;
+  {
+    jx::testing::RedisProcess server;
+    std::string why;
+    if (!server.Start(dir, "unix://" + socket,
+                      {"--port", "0", "--unixsocket", socket, "--maxmemory", "256mb"}, &why)) {
+      figures = Missing(why.c_str());
+    } else {
+      jx::StandaloneHost::Instance().SetEchoReports(false);
+      JX_Birth(false, 1, false);
+      figures = Measure(socket);
+      JX_Death();
+    }
   }
-  jx::StandaloneHost::Instance().SetEchoReports(false);
-  JX_Birth(false, 1, false);
-  const nlohmann::json figures = Measure(socket);
-  JX_Death();
-  ::kill(server, SIGKILL);
-  ::waitpid(server, nullptr, 0);
   std::error_code ec;
   std::filesystem::remove_all(dir, ec);
   std::printf("%s\n", figures.dump(2).c_str());

@@ -30,7 +30,6 @@
 // as a hang), nodes die with this process (PR_SET_PDEATHSIG), and an alarm aborts the whole run
 // past its hard bound.
 #include <fcntl.h>
-#include <hiredis/hiredis.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 
@@ -55,6 +54,7 @@
 #include "standalone/standalone_settings.h"
 #include "stress_common.h"
 #include "testing/keyed_payload.h"
+#include "testing/redis_process.h"
 
 namespace cf = jx::checkout_flags;
 using zelcore::utility::Guid;
@@ -325,132 +325,35 @@ int NodeMain(int argc, char** argv) {
 // ---------------------------------------------------------------------------------------------
 // The server and the control connection
 
-std::string FindRedisServer() {
-  const char* path = std::getenv("PATH");
-  std::stringstream all(path ? path : "/usr/bin:/bin");
-  std::string dir;
-  while (std::getline(all, dir, ':')) {
-    const std::string candidate = dir + "/redis-server";
-    if (::access(candidate.c_str(), X_OK) == 0) return candidate;
-  }
-  return {};
-}
+using jx::testing::FindRedisServer;
 
 // One command on a connection of its own, bounded by 5 s: the reply as text.
 std::string Command(const std::string& address, const std::vector<std::string>& args) {
-  const timeval timeout{5, 0};
-  redisContext* c = nullptr;
-  if (address.rfind("unix://", 0) == 0) {
-    c = redisConnectUnixWithTimeout(address.substr(7).c_str(), timeout);
-  } else {
-    const std::string hostPort = address.substr(8);  // redis://
-    const size_t colon = hostPort.rfind(':');
-    c = redisConnectWithTimeout(hostPort.substr(0, colon).c_str(),
-                                std::atoi(hostPort.c_str() + colon + 1), timeout);
-  }
-  if (!c || c->err) {
-    if (c) redisFree(c);
-    return "(fault)";
-  }
-  redisSetTimeout(c, timeout);
-  std::vector<const char*> argv;
-  std::vector<size_t> lengths;
-  for (const auto& a : args) {
-    argv.push_back(a.data());
-    lengths.push_back(a.size());
-  }
-  auto* r = static_cast<redisReply*>(
-      redisCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lengths.data()));
-  std::string text = "(fault)";
-  if (r) {
-    if (r->type == REDIS_REPLY_NIL) {
-      text = "(nil)";
-    } else if (r->type == REDIS_REPLY_INTEGER) {
-      text = std::to_string(r->integer);
-    } else if (r->type == REDIS_REPLY_ARRAY) {
-      text.clear();  // the elements, one a line
-      for (size_t i = 0; i < r->elements; ++i) {
-        if (r->element[i]->type == REDIS_REPLY_STRING) {
-          text.append(r->element[i]->str, r->element[i]->len);
-          text.push_back('\n');
-        }
-      }
-    } else {
-      text.assign(r->str, r->len);
-    }
-    freeReplyObject(r);
-  }
-  redisFree(c);
-  return text;
+  return jx::testing::RedisCommand(address, args);
 }
 
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> out;
-  std::stringstream s(text);
-  std::string line;
-  while (std::getline(s, line)) out.push_back(line);
-  return out;
-}
+std::vector<std::string> Lines(const std::string& text) { return jx::testing::ReplyLines(text); }
 
+// The run's own server, on a unix socket in `dir`, never evicting (a frame that vanished would
+// be a render the run cannot account for). A restart listens on the same socket, where the nodes
+// look for it again.
 class Server {
  public:
-  explicit Server(std::string dir) : dir_(std::move(dir)) {
-    address_ = "unix://" + dir_ + "/redis.sock";
-  }
-  ~Server() { Kill(); }
+  explicit Server(std::string dir)
+      : dir_(std::move(dir)), address_("unix://" + dir_ + "/redis.sock") {}
   const std::string& Address() const { return address_; }
-
   bool Start() {
-    const std::string binary = FindRedisServer();
-    std::vector<std::string> args = {binary,
-                                     "--port",
-                                     "0",
-                                     "--unixsocket",
-                                     dir_ + "/redis.sock",
-                                     "--unixsocketperm",
-                                     "700",
-                                     "--save",
-                                     "",
-                                     "--appendonly",
-                                     "no",
-                                     "--maxmemory",
-                                     "256mb",
-                                     "--maxmemory-policy",
-                                     "noeviction",
-                                     "--dir",
-                                     dir_,
-                                     "--daemonize",
-                                     "no",
-                                     "--logfile",
-                                     dir_ + "/redis.log"};
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-      std::vector<char*> argv;
-      for (auto& a : args) argv.push_back(a.data());
-      argv.push_back(nullptr);
-      ::execv(binary.c_str(), argv.data());
-      ::_exit(127);
-    }
-    if (pid_ < 0) return false;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (std::chrono::steady_clock::now() < deadline) {
-      if (Command(address_, {"PING"}) == "PONG") return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
+    std::string why;
+    return process_.Start(dir_, address_,
+                          {"--port", "0", "--unixsocket", dir_ + "/redis.sock", "--unixsocketperm",
+                           "700", "--maxmemory", "256mb", "--maxmemory-policy", "noeviction"},
+                          &why);
   }
-  void Kill() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGKILL);
-    while (::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
-    }
-    pid_ = -1;
-  }
+  void Kill() { process_.Kill(); }
 
  private:
   std::string dir_, address_;
-  pid_t pid_ = -1;
+  jx::testing::RedisProcess process_;
 };
 
 // ---------------------------------------------------------------------------------------------

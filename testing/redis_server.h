@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+#include "testing/redis_process.h"
+
 namespace jx::testing {
 
 class RedisServer {
@@ -43,22 +45,21 @@ class RedisServer {
   int Port() const { return port_; }
 
   // Runs one command on a connection of its own (the test's control channel): the reply as
-  // text ("(nil)" for none, "ERR ..." for an error, "(fault)" when no answer came).
+  // RedisCommand gives it.
   std::string Command(const std::vector<std::string>& args);
 
   // Only for a server of the test's own: on a shared one they do nothing.
   void Kill();    // SIGKILL, and reaps it
   void Pause();   // SIGSTOP
   void Resume();  // SIGCONT
-  pid_t Pid() const { return pid_; }
+  pid_t Pid() const { return process_.Pid(); }
 
  private:
-  pid_t pid_ = -1;
+  RedisProcess process_;
   int port_ = 0;
   std::string dir_;
   std::string socket_;
   std::string address_;
-  std::string host_ = "127.0.0.1";
 };
 
 }  // namespace jx::testing
