@@ -264,8 +264,10 @@ TEST_F(DiskFileTest, AReadOutOfMemoryDeletesTheFileAndCountsAFailedRead) {
 }
 
 TEST_F(DiskFileTest, AFailedWriteLeavesNothingBehindAndTheCacheWorks) {
-  const FileOp ops[] = {FileOp::kCreate, FileOp::kOpen,     FileOp::kWrite,
-                        FileOp::kFlush,  FileOp::kTruncate, FileOp::kRename};
+  // Every call a write makes that can fail (the file's last partial unit is written through
+  // the page cache, not padded and cut back, so no truncation).
+  const FileOp ops[] = {FileOp::kCreate, FileOp::kOpen, FileOp::kWrite, FileOp::kFlush,
+                        FileOp::kRename};
   for (FileOp op : ops) {
     for (bool persistent : {false, true}) {
       SCOPED_TRACE(::testing::Message() << zelcore::filesupport::FileOpName(op)

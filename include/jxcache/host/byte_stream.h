@@ -96,10 +96,12 @@ class OPlatformByteStream : public OByteStream {
   void Close() override;
   bool IsDirect() const { return direct_; }
 
- private:
-  // Clears O_DIRECT on the open descriptor; false when the system will not.
+ protected:
+  // Clears O_DIRECT on the open descriptor, so that what follows goes through the page cache
+  // (synced at Close); false when the system will not.
   bool LeaveDirectMode();
 
+ private:
   int fd_ = -1;
   bool direct_ = false;
   size_t unit_ = 0;  // direct mode: the alignment every block's address and length must have
