@@ -198,11 +198,11 @@ void JX_SortDir::EraseNode(const StuffPtr& stuff) {
         other = b->stuff.get();
       }
       shard.sole.Remove(hash, left, other);
+      // Out of the directory: the key may change again without it.
+      stuff->key_.Unfile();
       break;
     }
   }
-  // Out of the directory: the key may change again without it.
-  stuff->key_.Unfile();
   // Only changes, all under the library lock, write the table: this one may read it without the
   // spin. The old slots are freed after the library lock.
   if (std::unique_ptr<jx::SoleItemTable> smaller = shard.sole.ShrunkIfSparse()) {
