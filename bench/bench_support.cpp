@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "jxcache/lifecycle/lifecycle.h"
+#include "jxcache/y_vx_suite.h"
 #include "standalone/standalone_host.h"
 
 namespace jx::bench {
@@ -16,6 +17,17 @@ void EnsureLibrary() {
     host.SetAmountAvailableBeforePurge(1ull << 40);
     JX_Birth(false, 1, false);
   });
+}
+
+const KQGP_ComputeCacheSuite1& ComputeSuiteWithClass(const char* classId,
+                                                     const KQGP_ComputeCacheCallbacks& callbacks) {
+  EnsureLibrary();
+  JX_VX_Birth();
+  const void* table = nullptr;
+  Y_VX_AcquireVXSuite(kKQGPComputeCacheSuite, kKQGPComputeCacheSuiteVersion1, &table);
+  const auto* suite = static_cast<const KQGP_ComputeCacheSuite1*>(table);
+  suite->ClassRegister(classId, &callbacks);
+  return *suite;
 }
 
 const std::vector<zelcore::utility::Guid>& FillBag(size_t count) {

@@ -8,6 +8,7 @@
 #include "jxcache/bag/bag.h"
 #include "jxcache/host/guid.h"
 #include "jxcache/items/stuff.h"
+#include "jxcache/kqgp_compute_cache.h"
 
 namespace jx::bench {
 
@@ -39,6 +40,10 @@ void EnsureLibrary();
 const std::vector<zelcore::utility::Guid>& FillBag(size_t count);
 // A request item for `guid`.
 zelcore::utility::IntrusivePtr<JX_Stuff> Request(const zelcore::utility::Guid& guid);
+// The compute cache's plug-in table, as a plug-in gets it, with `classId` registered with
+// `callbacks` (the library started first).
+const KQGP_ComputeCacheSuite1& ComputeSuiteWithClass(const char* classId,
+                                                     const KQGP_ComputeCacheCallbacks& callbacks);
 
 // A host asks with a request it has just built or re-keyed: each lookup re-keys one of a few warm
 // request items (inside the timed loop) with a key drawn from a ring that spans the cache.

@@ -12,7 +12,6 @@
 #include "jxcache/items/sc_checkout.h"
 #include "jxcache/kqgp_compute_cache.h"
 #include "jxcache/lifecycle/lifecycle.h"
-#include "jxcache/y_vx_suite.h"
 
 namespace {
 
@@ -37,17 +36,9 @@ size_t Size(intptr_t) { return 1024; }
 void Delete(intptr_t) {}
 
 const KQGP_ComputeCacheSuite1& Suite() {
-  static const KQGP_ComputeCacheSuite1* suite = [] {
-    jx::bench::EnsureLibrary();
-    JX_VX_Birth();
-    const void* table = nullptr;
-    Y_VX_AcquireVXSuite(kKQGPComputeCacheSuite, kKQGPComputeCacheSuiteVersion1, &table);
-    auto* s = static_cast<const KQGP_ComputeCacheSuite1*>(table);
-    const KQGP_ComputeCacheCallbacks callbacks = {KeyOf, Compute, Size, Delete};
-    s->ClassRegister(kBenchClass, &callbacks);
-    return s;
-  }();
-  return *suite;
+  static const KQGP_ComputeCacheSuite1& suite =
+      jx::bench::ComputeSuiteWithClass(kBenchClass, {KeyOf, Compute, Size, Delete});
+  return suite;
 }
 
 // Computes every key that is not cached.

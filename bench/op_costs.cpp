@@ -16,9 +16,7 @@
 
 #include "bench_support.h"
 #include "jxcache/items/sc_checkout.h"
-#include "jxcache/kqgp_compute_cache.h"
 #include "jxcache/lifecycle/lifecycle.h"
-#include "jxcache/y_vx_suite.h"
 #include "simple_lru.h"
 #ifdef JX_HAVE_TBB
 #define TBB_PREVIEW_CONCURRENT_LRU_CACHE 1
@@ -53,18 +51,6 @@ int32_t EntryCompute(void* request, intptr_t* out) {
 size_t EntrySize(intptr_t) { return 1024; }
 void EntryDelete(intptr_t) {}
 
-// The plug-in table, with one class whose values are worth nothing but their key.
-const KQGP_ComputeCacheSuite1& ComputeSuite(const char* classId) {
-  jx::bench::EnsureLibrary();
-  JX_VX_Birth();
-  const void* table = nullptr;
-  Y_VX_AcquireVXSuite(kKQGPComputeCacheSuite, kKQGPComputeCacheSuiteVersion1, &table);
-  auto* suite = static_cast<const KQGP_ComputeCacheSuite1*>(table);
-  const KQGP_ComputeCacheCallbacks callbacks = {EntryKeyOf, EntryCompute, EntrySize, EntryDelete};
-  suite->ClassRegister(classId, &callbacks);
-  return *suite;
-}
-
 #ifdef JX_HAVE_TBB
 uint64_t Compute(uint64_t key) { return key * 2654435761u; }
 using TbbCache = tbb::concurrent_lru_cache<uint64_t, uint64_t, uint64_t (*)(uint64_t)>;
@@ -96,7 +82,9 @@ int main(int argc, char** argv) {
     }
   } else if (kind == "compute-hit") {
     const char* classId = "bench.compute";
-    const KQGP_ComputeCacheSuite1& suite = ComputeSuite(classId);
+    // One class whose values are worth nothing but their key.
+    const KQGP_ComputeCacheSuite1& suite = jx::bench::ComputeSuiteWithClass(
+        classId, {EntryKeyOf, EntryCompute, EntrySize, EntryDelete});
     const std::vector<uint64_t> ring = KeyRing();
     std::vector<int> keys(ring.begin(), ring.end());
     // The first pass computes every key and checks what the table hands back; the counted
