@@ -13,7 +13,6 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "farm/farm_store.h"
@@ -38,14 +37,13 @@ nlohmann::json Missing(const char* why) {
 }
 
 nlohmann::json Measure(const std::string& socket) {
+  // The server already answered PING (RedisProcess::Start waits for it).
   const timeval timeout{5, 0};
-  redisContext* raw = nullptr;
-  for (int i = 0; i < 250 && (!raw || raw->err); ++i) {
+  redisContext* raw = redisConnectUnixWithTimeout(socket.c_str(), timeout);
+  if (!raw || raw->err) {
     if (raw) redisFree(raw);
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    raw = redisConnectUnixWithTimeout(socket.c_str(), timeout);
+    return Missing("redis-server did not answer");
   }
-  if (!raw || raw->err) return Missing("redis-server did not answer");
   redisSetTimeout(raw, timeout);
 
   jx::farm::Address address;

@@ -78,8 +78,6 @@ class SeqLockedGuid {
     Unlock(0);
   }
 
-  bool IsFiled() const { return (spin_.load(std::memory_order_acquire) & kFiled) != 0; }
-
   // The key and its hash, as one consistent pair: never half of one GUID and half of another,
   // never a hash of another GUID.
   Guid Load(size_t* hash) const {
