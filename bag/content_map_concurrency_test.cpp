@@ -1,7 +1,7 @@
-// The content map taken while other threads check items out and in (moving them to the young
-// end between the walk's chunks), purge them to disk, add and remove them: each snapshot lists
-// every item that stayed in the bag throughout exactly once, each row agrees with itself, and
-// nothing deadlocks.
+// The content map: every item once, in recency order, whatever the chunk size; each row
+// describing its item's state; and snapshots taken while other threads use, purge, add and
+// remove items, which must list every item that stayed in the bag exactly once, each row
+// agreeing with itself, without deadlocking.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <future>
+#include <map>
 #include <random>
 #include <set>
 #include <thread>
@@ -21,45 +22,107 @@
 
 namespace cf = jx::checkout_flags;
 namespace ci = jx::checkin_flags;
+using jx::testing::MakeItem;
 using jx::testing::MakeRequest;
+using jx::testing::PayloadOf;
 using jx::testing::TestPayload;
 using zelcore::utility::Guid;
 using zelcore::utility::IntrusivePtr;
 
 namespace {
 
-constexpr int kStable = 400;  // never purged, never removed: must be in every snapshot
-constexpr int kSnapshots = 60;
-constexpr auto kHangLimit = std::chrono::seconds(60);
+class ContentMapTest : public jx::testing::DiskTest {};
+class ContentMapConcurrencyTest : public ContentMapTest {};
 
-class ContentMapConcurrencyTest : public jx::testing::DiskTest {
- protected:
-  IntrusivePtr<JX_Stuff> AddItem(unsigned size, bool purgeable) {
-    auto* payload = new TestPayload(size, 1, /*diskCacheable=*/true);
-    payload->SetAllowPurge(purgeable);
-    auto item = JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(payload), 5.0);
-    item->SetGuid(Guid::CreateUnique());
+TEST_F(ContentMapTest, EveryItemOnceInRecencyOrderWhateverTheChunk) {
+  std::vector<std::string> expected;
+  for (int i = 0; i < 50; ++i) {
+    auto item = MakeItem(100 + i);
     bag_->AddToBagAndSortDir(item);
-    return item;
+    expected.push_back(item->GetGuid().AsString());
   }
-};
+  for (uint32_t chunk : {1u, 7u, 50u, 4096u}) {
+    JX_ContentSnapshotOptions options;
+    options.maxItemsPerHold = chunk;
+    const JX_ContentSnapshot snap = JX_TakeContentSnapshot(*bag_, options);
+    std::vector<std::string> keys;
+    for (const auto& r : snap.rows) keys.push_back(r.key);
+    EXPECT_EQ(keys, expected) << "chunk " << chunk;
+    EXPECT_GE(snap.lockHolds, (50 + chunk - 1) / chunk);
+    EXPECT_EQ(snap.resumesLost, 0u);
+    EXPECT_LE(snap.maxLockHoldNanos, snap.totalNanos);
+  }
+  const JX_ContentSnapshot snap = JX_TakeGlobalContentSnapshot();
+  ASSERT_EQ(snap.rows.size(), 50u);
+  EXPECT_EQ(snap.rows[3].payloadClass, "TestPayload");
+  EXPECT_EQ(snap.rows[3].memorySize, 103u);
+  EXPECT_TRUE(snap.rows[3].inMemory);
+  EXPECT_FALSE(snap.rows[3].onDisk);
+  EXPECT_LE(snap.rows[3].lastUsedTime, snap.rows[4].lastUsedTime);
+}
 
-void ExpectRowAgreesWithItself(const JX_ContentRow& r) {
-  EXPECT_EQ(r.inMemory, r.memorySize > 0) << r.key;
-  EXPECT_EQ(r.onDisk || r.diskSize == 0, true) << r.key;
-  EXPECT_FALSE(r.pending && r.inMemory) << r.key;
-  EXPECT_EQ(r.payloadClass, "TestPayload") << r.key;
+TEST_F(ContentMapTest, RowsDescribePendingCheckedOutAndDiskStates) {
+  // Pending: created by a find that missed, not filled yet.
+  const Guid pendingKey = Guid::CreateUnique();
+  IntrusivePtr<JX_Stuff> pending;
+  bool created = false;
+  ASSERT_EQ(bag_->FindAndCheckout(MakeRequest(pendingKey), cf::kReadOnly | cf::kCreatePending,
+                                  &pending, &created),
+            kJX_CreatedPending);
+  // Checked out twice.
+  auto held = MakeItem(64);
+  bag_->AddToBagAndSortDir(held);
+  ASSERT_EQ(held->Checkout(cf::kReadOnly), kJX_CheckedOut);
+  ASSERT_EQ(held->Checkout(cf::kReadOnly), kJX_CheckedOut);
+  // On disk and in memory, then on disk only.
+  auto both = AddDiskCacheableItem(80);
+  both->PrepAndWrite(bag_);
+  auto diskOnly = AddDiskCacheableItem(90);
+  diskOnly->PrepAndWrite(bag_);
+  JX_Stuff::ReleaseQueue queue;
+  ASSERT_EQ(diskOnly->FreeUpAsMuchAsPossible(false, &queue), 90u);
+
+  std::map<std::string, JX_ContentRow> rows;
+  for (auto& r : JX_TakeContentSnapshot(*bag_).rows) rows[r.key] = r;
+  const JX_ContentRow& p = rows.at(pendingKey.AsString());
+  EXPECT_TRUE(p.pending);
+  EXPECT_FALSE(p.inMemory);
+  EXPECT_EQ(p.payloadClass, "TestPayload") << "the request's class while pending";
+  EXPECT_EQ(p.checkoutCount, 1u);
+  EXPECT_EQ(rows.at(held->GetGuid().AsString()).checkoutCount, 2u);
+  const JX_ContentRow& b = rows.at(both->GetGuid().AsString());
+  EXPECT_TRUE(b.inMemory && b.onDisk);
+  EXPECT_GT(b.diskSize, 0u);
+  EXPECT_EQ(b.memorySize, 80u);
+  const JX_ContentRow& d = rows.at(diskOnly->GetGuid().AsString());
+  EXPECT_TRUE(!d.inMemory && d.onDisk);
+  EXPECT_EQ(d.memorySize, 0u);
+  EXPECT_GT(d.diskSize, 0u);
+
+  pending->SetStuffDataFromPendingRender({}, 0.0);
+  pending->Checkin(0, 0.0);
+  held->Checkin(0, 0.0);
+  held->Checkin(0, 0.0);
+  EXPECT_EQ(JX_TakeContentSnapshot(*bag_).rows.size(), 3u) << "the abandoned render left";
 }
 
 TEST_F(ContentMapConcurrencyTest, ConsistentRowsAndNoDeadlockUnderChurn) {
+  constexpr int kStable = 400;  // never purged, never removed: must be in every snapshot
+  constexpr int kSnapshots = 60;
+  constexpr auto kHangLimit = std::chrono::seconds(60);
   std::vector<Guid> stable;
-  for (int i = 0; i < kStable; ++i) stable.push_back(AddItem(100, false)->GetGuid());
   std::set<std::string> stableKeys;
-  for (const Guid& g : stable) stableKeys.insert(g.AsString());
+  for (int i = 0; i < kStable; ++i) {
+    auto item = AddDiskCacheableItem(100, 5.0);
+    PayloadOf(*item)->SetAllowPurge(false);
+    stable.push_back(item->GetGuid());
+    stableKeys.insert(item->GetGuid().AsString());
+  }
 
   std::atomic<bool> stop{false};
   std::vector<std::thread> threads;
-  // Two readers renew the stable items' recency, so they keep moving to the young end.
+  // Two readers renew the stable items' recency, so they keep moving to the young end between
+  // the walk's chunks.
   for (int t = 0; t < 2; ++t) {
     threads.emplace_back([&, t] {
       std::mt19937 rng(t);
@@ -78,7 +141,7 @@ TEST_F(ContentMapConcurrencyTest, ConsistentRowsAndNoDeadlockUnderChurn) {
   threads.emplace_back([&] {
     std::mt19937 rng(7);
     while (!stop.load()) {
-      auto item = AddItem(50 + rng() % 50, true);
+      auto item = AddDiskCacheableItem(50 + rng() % 50, 5.0);
       // Written while checked out, as the disk writer does: a checked-out payload is not purged.
       if (rng() % 3 == 0 && item->Checkout(cf::kReadOnly) == kJX_CheckedOut) {
         item->PrepAndWrite(bag_);
@@ -121,7 +184,10 @@ TEST_F(ContentMapConcurrencyTest, ConsistentRowsAndNoDeadlockUnderChurn) {
       size_t stableSeen = 0;
       for (const JX_ContentRow& r : snap.rows) {
         EXPECT_TRUE(keys.insert(r.key).second) << "listed twice: " << r.key;
-        ExpectRowAgreesWithItself(r);
+        EXPECT_EQ(r.inMemory, r.memorySize > 0) << r.key;
+        EXPECT_TRUE(r.onDisk || r.diskSize == 0) << r.key;
+        EXPECT_FALSE(r.pending && r.inMemory) << r.key;
+        EXPECT_EQ(r.payloadClass, "TestPayload") << r.key;
         stableSeen += stableKeys.count(r.key);
       }
       EXPECT_EQ(stableSeen, stableKeys.size()) << "snapshot " << i;

@@ -1,6 +1,5 @@
-// Find-or-create under contention: one creator per key, every waiter released, no thread ever
-// blocked on its own render or while holding a notifying host lock; read-only searches without
-// the library lock taking only what a locked search could have returned; and a mixed stress run.
+// Find-or-create and search under contention: one creator per key, every waiter released, no
+// thread blocked on its own render or under a notifying host lock, re-keys racing searches.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -101,10 +100,9 @@ TEST_F(FindOrCreateTest, ExactlyOneCreatorAndEveryWaiterReleased) {
   }
 }
 
-// No thread may block on a pending item where the render could never finish: the renderer
-// asking again for its own key, or a thread holding a notifying host lock. Asked here without a
-// payload (regression): such a request has no find-key data, and the pending item must still
-// answer by GUID instead of every caller creating its own.
+// Neither the renderer asking again nor a thread holding a notifying host lock may block on the
+// pending item. Asked without a payload (regression): the pending item must still answer by GUID
+// instead of every caller creating its own.
 TEST_F(FindOrCreateTest, HostLockHolderAndRendererNeverBlock) {
   const Guid key = Guid::CreateUnique();
   auto ask = [&](IntrusivePtr<JX_Stuff>* found) {
@@ -135,9 +133,8 @@ TEST_F(FindOrCreateTest, HostLockHolderAndRendererNeverBlock) {
   EXPECT_EQ(bag_->GetNumGuidSortedItems(), 1);
 }
 
-// Whatever a read-only search takes without the library lock must be an item under the GUID
-// asked for, in the bag, with its payload, while other threads re-key, take writeable, remove and
-// re-add the very items being searched for.
+// What a read-only search takes without the library lock is the item under the GUID asked for,
+// with its payload, while another thread re-keys, removes and re-adds the items searched for.
 TEST_F(UnlockedSearchTest, WhatASearchTakesIsUnderItsKeyInTheBagAndReadable) {
   constexpr int kItems = 8;
   constexpr int kSearches = 20000;
@@ -151,8 +148,6 @@ TEST_F(UnlockedSearchTest, WhatASearchTakesIsUnderItsKeyInTheBagAndReadable) {
   }
   std::atomic<bool> stop{false};
   std::atomic<int> wrong{0}, hits{0};
-  // Re-keys items through writeable check-outs (out of the directory and back under the other
-  // GUID), and takes others out of the bag and puts them back.
   std::thread changer([&] {
     for (unsigned n = 0; !stop.load(std::memory_order_relaxed); ++n) {
       const int i = static_cast<int>(n % kItems);
@@ -175,8 +170,7 @@ TEST_F(UnlockedSearchTest, WhatASearchTakesIsUnderItsKeyInTheBagAndReadable) {
         IntrusivePtr<JX_Stuff> found;
         if (Ask(want, cf::kReadOnly, &found) != kJX_CheckedOut) continue;
         hits.fetch_add(1, std::memory_order_relaxed);
-        // A read-only check-out keeps the item from being re-keyed by the changer, which needs
-        // a writeable one: its key is the one it was found under.
+        // Held read-only, the item cannot be re-keyed (the changer needs it writeable).
         if (found->GetGuid() != want || !found->IsInMemory() || found.get() != items[i].get()) {
           wrong.fetch_add(1);
         }
@@ -194,9 +188,7 @@ TEST_F(UnlockedSearchTest, WhatASearchTakesIsUnderItsKeyInTheBagAndReadable) {
 }
 
 // Threads over a small hot key set: find-or-create with waits, read and writeable check-outs,
-// GUID changes of writeable items (directory untouched until check-in) and of read-only ones
-// (out of the directory and back in at once, superseding), abandoned renders. Bounded in
-// operations. At rest the totals must equal what the payloads in the bag say they hold.
+// re-keys of both, abandoned renders. At rest the totals equal what the payloads hold.
 TEST_F(FindOrCreateTest, MixedOperationsKeepTheCountersConsistent) {
   constexpr int kThreads = 4;
   constexpr int kOpsPerThread = 3000;
@@ -238,8 +230,7 @@ TEST_F(FindOrCreateTest, MixedOperationsKeepTheCountersConsistent) {
   }
   for (auto& t : threads) t.join();
   ExpectAtRest();
-  // Every request here is the same one, so supersession leaves one item per key, and each item
-  // must be found under the key it holds now, however often it was re-keyed.
+  // Each item is found under the key it holds now, however often it was re-keyed.
   for (auto& s : bag_->CopyMruItems()) {
     IntrusivePtr<JX_Stuff> found;
     EXPECT_EQ(Ask(s->GetGuid(), cf::kReadOnly, &found), kJX_CheckedOut);
@@ -248,15 +239,9 @@ TEST_F(FindOrCreateTest, MixedOperationsKeepTheCountersConsistent) {
   }
 }
 
-}  // namespace
-
-namespace {
-
-// A caller re-keys a fresh item while another thread adds it to the bag: whichever goes first,
-// the item ends up in the directory under its new key, found by it and not by the old one, and
-// it leaves the directory whole when removed. (The item used to be filed under the old key's
-// hash when the re-key landed between the add's read of the key and its insertion, where no
-// search for the new key could reach it.)
+// A re-key racing the item's add: whichever goes first, the item is found under its new key only,
+// and leaves the directory whole. (It used to be filed under the old key's hash when the re-key
+// landed between the add's read of the key and its insertion.)
 TEST_F(FindOrCreateTest, AReKeyDuringAnAddFilesTheItemUnderTheNewKey) {
   constexpr int kRounds = 4000;
   const int flags = cf::kReadOnly | cf::kNoDiskRead;

@@ -1,13 +1,16 @@
-// Miss reasons while render threads share keys and purges run beside them: every miss a caller
-// sees is counted exactly once, under one reason, and nothing else is.
+// Miss reasons seen from the bag: each miss counts one reason and hits none, classes go by match
+// name and stay bounded, the statistics show the same figures; and while render threads share
+// keys beside purges, every miss a caller sees is counted exactly once.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstdint>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include "bag/miss_reasons.h"
 #include "jxcache/items/sc_checkout.h"
 #include "jxcache/lifecycle/miss_reasons.h"
 #include "jxcache/lifecycle/statistics.h"
@@ -15,8 +18,9 @@
 #include "testing/jx_test_support.h"
 
 namespace cf = jx::checkout_flags;
-using jx::StandaloneHost;
+namespace ci = jx::checkin_flags;
 using jx::testing::LibraryTest;
+using jx::testing::MakeItem;
 using jx::testing::MakeRequest;
 using jx::testing::TestPayload;
 using zelcore::utility::Guid;
@@ -24,38 +28,171 @@ using zelcore::utility::IntrusivePtr;
 
 namespace {
 
-constexpr int kKeys = 48;
-constexpr int kLookupsPerThread = 3000;
-constexpr int kMinPurges = 20;
+constexpr int kFindOrCreate = cf::kReadOnly | cf::kCreatePending;
 
-class MissReasonsConcurrencyTest : public LibraryTest {};
+class NamedPayload : public TestPayload {
+ public:
+  explicit NamedPayload(std::string name) : TestPayload(8), name_(std::move(name)) {}
+  const char* GetSubclassMatchname() const override { return name_.c_str(); }
+
+ private:
+  std::string name_;
+};
+
+class MissReasonsTest : public LibraryTest {
+ protected:
+  void SetUp() override {
+    LibraryTest::SetUp();
+    JX_ResetStatistics();
+  }
+  // One look-up; a created pending item is filled at once, as a renderer would.
+  static JX_CheckoutResult Look(const Guid& guid, int flags = kFindOrCreate) {
+    JX_ScCheckout handle;
+    const JX_CheckoutResult r = handle.FindAndCheckout(MakeRequest(guid), flags);
+    if (r == kJX_CreatedPending) {
+      handle.GetStuffPtr()->SetStuffDataFromPendingRender(
+          IntrusivePtr<JX_StuffData>(new TestPayload(64)), 1.0);
+    }
+    return r;
+  }
+  static int64_t Count(JX_MissReason reason) { return JX_GetMissReasonsTotal().byReason[reason]; }
+  static int64_t Statistic(const std::string& name) {
+    for (const JX_Statistic& s : JX_GetStatistics()) {
+      if (s.group == "misses" && s.name == name) return s.value;
+    }
+    return -1;
+  }
+};
+class MissReasonsConcurrencyTest : public MissReasonsTest {};
+
+TEST_F(MissReasonsTest, EachMissCountsOneReasonAndHitsCountNone) {
+  const Guid fresh = Guid::CreateUnique();
+  EXPECT_EQ(Look(fresh), kJX_CreatedPending);
+  EXPECT_EQ(Count(kJX_MissNeverSeen), 1);
+  EXPECT_EQ(Look(fresh), kJX_CheckedOut);  // a hit
+  EXPECT_EQ(JX_GetMissReasonsTotal().total, 1);
+
+  bag_->PurgeAllMemoryCaches();  // no disk folder: the item leaves the bag
+  EXPECT_EQ(Look(fresh), kJX_CreatedPending);
+  EXPECT_EQ(Count(kJX_MissMemoryPurge), 1);
+
+  // A newer item of the same GUID takes the old one's place; once it is gone too, the key was
+  // last seen being replaced.
+  const Guid replacedKey = Guid::CreateUnique();
+  bag_->AddToBagAndSortDir(MakeItem(16, replacedKey));
+  auto newer = MakeItem(16, replacedKey);
+  bag_->AddToBagAndSortDir(newer);
+  ASSERT_EQ(newer->Checkout(cf::kReadOnly), kJX_CheckedOut);
+  newer->Checkin(ci::kRemove, 0.0);
+  EXPECT_EQ(Look(replacedKey, cf::kReadOnly), kJX_CheckoutRefused);
+  EXPECT_EQ(Count(kJX_MissReplaced), 1);
+
+  // Another thread renders; a look-up that may not wait misses, one that waits hits.
+  const Guid rendered = Guid::CreateUnique();
+  JX_ScCheckout renderer;
+  ASSERT_EQ(renderer.FindAndCheckout(MakeRequest(rendered), kFindOrCreate), kJX_CreatedPending);
+  const int64_t missesBefore = JX_GetMissReasonsTotal().total;
+  std::thread([&] { EXPECT_EQ(Look(rendered), kJX_CheckoutRefused); }).join();
+  EXPECT_EQ(Count(kJX_MissPendingDeadline), 1);
+  const uint32_t waits = JX_GetStuffCounters().pendingWaits.load();
+  std::thread waiter(
+      [&] { EXPECT_EQ(Look(rendered, kFindOrCreate | cf::kWaitAlways), kJX_CheckedOut); });
+  while (JX_GetStuffCounters().pendingWaits.load() == waits) std::this_thread::yield();
+  renderer.GetStuffPtr()->SetStuffDataFromPendingRender(
+      IntrusivePtr<JX_StuffData>(new TestPayload(64)), 1.0);
+  waiter.join();
+  renderer.Checkin();
+  EXPECT_EQ(JX_GetMissReasonsTotal().total, missesBefore + 1) << "the waiter did not miss";
+
+  // The statistics and the per-class rows tell the same story, and the reasons add up.
+  const JX_MissReasons all = JX_GetMissReasonsTotal();
+  EXPECT_EQ(all.total, 5);
+  EXPECT_EQ(Statistic("total"), all.total);
+  int64_t sum = 0;
+  for (int r = 0; r < kJX_MissReasonCount; ++r) {
+    EXPECT_EQ(Statistic(JX_MissReasonName(r)), all.byReason[r]) << JX_MissReasonName(r);
+    sum += all.byReason[r];
+  }
+  EXPECT_EQ(sum, all.total);
+  const auto rows = JX_GetMissReasons();
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0].payloadClass, "TestPayload");
+  EXPECT_EQ(rows[0].total, all.total);
+
+  JX_ResetStatistics();
+  EXPECT_EQ(Statistic("total"), 0);
+  EXPECT_EQ(JX_GetMissReasonsTotal().total, 0);
+}
+
+TEST_F(MissReasonsTest, ClassesGoByMatchNameAndStayBounded) {
+  constexpr int kClasses = jx::miss::kMaxClasses + 4;
+  for (int i = 0; i < kClasses; ++i) {
+    auto request = JX_Stuff::CreateNew(
+        IntrusivePtr<JX_StuffData>(new NamedPayload("cls" + std::to_string(i))), 0.0);
+    request->SetGuid(Guid::CreateUnique());
+    JX_ScCheckout handle;
+    EXPECT_EQ(handle.FindAndCheckout(request, cf::kReadOnly), kJX_CheckoutRefused);
+  }
+  const auto rows = JX_GetMissReasons();
+  // Slot 0 is the fallback; the named classes fill the rest, the late ones count as "other".
+  ASSERT_EQ(rows.size(), static_cast<size_t>(jx::miss::kMaxClasses));
+  EXPECT_EQ(rows.front().payloadClass, "cls0");
+  EXPECT_EQ(rows.back().payloadClass, "other");
+  EXPECT_EQ(rows.back().total, kClasses - (jx::miss::kMaxClasses - 1));
+  int64_t total = 0;
+  for (const auto& row : rows) {
+    total += row.total;
+    EXPECT_EQ(row.byReason[kJX_MissNeverSeen], row.total) << row.payloadClass;
+  }
+  EXPECT_EQ(total, kClasses);
+}
+
+TEST_F(MissReasonsTest, TheDepartureTableForgetsAKeyWhoseSlotWasTaken) {
+  const size_t hash = 0x123456789ABCDE00ull;
+  jx::miss::NoteDeparture(hash, jx::miss::Reason::kFolderLimit);
+  EXPECT_EQ(jx::miss::DepartureOf(hash), jx::miss::Reason::kFolderLimit);
+  // A declined write explains nothing by itself, but turns a later purge without a disk copy
+  // into "not worth writing"; with a disk copy it stays a memory purge.
+  jx::miss::NoteWriteDeclined(hash);
+  EXPECT_EQ(jx::miss::DepartureOf(hash), jx::miss::Reason::kNeverSeen);
+  jx::miss::NotePurged(hash, /*hasDiskCopy=*/false);
+  EXPECT_EQ(jx::miss::DepartureOf(hash), jx::miss::Reason::kNotWorthWriting);
+  jx::miss::NotePurged(hash, /*hasDiskCopy=*/true);
+  EXPECT_EQ(jx::miss::DepartureOf(hash), jx::miss::Reason::kMemoryPurge);
+  {
+    jx::miss::ScDepartureCause cause(jx::miss::Reason::kMediaManager);
+    jx::miss::NotePurged(hash, false);
+  }
+  EXPECT_EQ(jx::miss::DepartureOf(hash), jx::miss::Reason::kMediaManager);
+  // The same slot, another tag: the first key is forgotten, not misreported.
+  size_t other = hash + 0x100;
+  while (jx::miss::DepartureSlotOf(other) != jx::miss::DepartureSlotOf(hash)) other += 0x100;
+  jx::miss::NoteDeparture(other, jx::miss::Reason::kReplaced);
+  EXPECT_EQ(jx::miss::DepartureOf(hash), jx::miss::Reason::kNeverSeen);
+  EXPECT_EQ(jx::miss::DepartureOf(other), jx::miss::Reason::kReplaced);
+}
 
 TEST_F(MissReasonsConcurrencyTest, EveryMissSeenIsCountedOnceUnderOneReason) {
-  StandaloneHost::Instance().SetMemoryLimit(2000);  // room for a few dozen items, not all
-  JX_ResetStatistics();
+  constexpr int kKeys = 48;
+  constexpr int kLookupsPerThread = 3000;
+  constexpr int kMinPurges = 20;
+  jx::StandaloneHost::Instance().SetMemoryLimit(2000);  // room for a few dozen items, not all
   std::vector<Guid> keys(kKeys);
   for (Guid& k : keys) k = Guid::CreateUnique();
 
   std::atomic<int> purges{0};
   // Render threads that wait for each other's renders, and one that never waits (its look-ups
-  // of a key being rendered miss). They go on until the purger has run often enough beside
-  // them: on a loaded machine it may otherwise get no turn before they are done.
+  // of a key being rendered miss). They go on until the purger has freed something often
+  // enough: on a loaded machine it may otherwise get no turn before they are done.
   auto renderer = [&](int seed, int flags, int64_t* misses) {
     std::mt19937 rng(seed);
     for (int i = 0; i < kLookupsPerThread || purges.load() < kMinPurges; ++i) {
-      JX_ScCheckout handle;
-      const JX_CheckoutResult r = handle.FindAndCheckout(MakeRequest(keys[rng() % kKeys]), flags);
-      if (r != kJX_CheckedOut) ++*misses;
-      if (r == kJX_CreatedPending) {
-        handle.GetStuffPtr()->SetStuffDataFromPendingRender(
-            IntrusivePtr<JX_StuffData>(new TestPayload(100)), 0.5);
-      }
+      if (Look(keys[rng() % kKeys], flags) != kJX_CheckedOut) ++*misses;
     }
   };
   std::atomic<bool> done{false};
   std::thread purger([&] {
     while (!done.load()) {
-      // Only a purge that freed something counts towards the renderers' minimum.
       const long long before = bag_->GetInMemoryCacheSizeInBytes_LockFree();
       bag_->PurgeAllMemoryCaches();
       if (bag_->GetInMemoryCacheSizeInBytes_LockFree() < before) purges.fetch_add(1);
@@ -66,8 +203,8 @@ TEST_F(MissReasonsConcurrencyTest, EveryMissSeenIsCountedOnceUnderOneReason) {
   std::vector<int64_t> misses(kRenderers, 0);
   std::vector<std::thread> threads;
   for (int t = 0; t < kRenderers; ++t) {
-    const int flags = cf::kReadOnly | cf::kCreatePending | (t == 0 ? 0 : cf::kWaitAlways);
-    threads.emplace_back(renderer, 1000 + t, flags, &misses[t]);
+    threads.emplace_back(renderer, 1000 + t, kFindOrCreate | (t == 0 ? 0 : cf::kWaitAlways),
+                         &misses[t]);
   }
   for (auto& t : threads) t.join();
   done.store(true);
@@ -80,6 +217,7 @@ TEST_F(MissReasonsConcurrencyTest, EveryMissSeenIsCountedOnceUnderOneReason) {
   for (int r = 0; r < kJX_MissReasonCount; ++r) sum += all.byReason[r];
   EXPECT_EQ(all.total, seen);
   EXPECT_EQ(sum, seen);
+  EXPECT_EQ(Statistic("total"), seen);
   // The purges and the budget took items away, and every key was new once.
   EXPECT_GT(purges.load(), 0);
   EXPECT_GT(all.byReason[kJX_MissMemoryPurge], 0);
@@ -88,11 +226,6 @@ TEST_F(MissReasonsConcurrencyTest, EveryMissSeenIsCountedOnceUnderOneReason) {
   EXPECT_EQ(all.byReason[kJX_MissFailedRead], 0);
   EXPECT_EQ(all.byReason[kJX_MissMediaManager], 0);
   EXPECT_EQ(all.byReason[kJX_MissFolderLimit], 0);
-  for (const JX_Statistic& s : JX_GetStatistics()) {
-    if (s.group == "misses" && s.name == "total") {
-      EXPECT_EQ(s.value, seen);
-    }
-  }
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
-// Purges racing other threads: purges that run at once are each satisfied by their own thread's
-// amount, and a purge between a check-in's measurement of its payload and its exchange of the
-// item's accounted size cannot leave the stale size behind.
+// Purges and bag links racing other threads: purges that run at once are each satisfied by their
+// own thread's amount; a purge between a check-in's measurement of its payload and its exchange
+// of the item's accounted size cannot leave the stale size behind; items asked for a dying bag
+// get it or nothing.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -20,6 +21,7 @@
 namespace cf = jx::checkout_flags;
 using jx::StandaloneHost;
 using jx::testing::LibraryTest;
+using jx::testing::MakeItem;
 using jx::testing::SumOfItemSizes;
 using jx::testing::TestPayload;
 using zelcore::utility::Guid;
@@ -122,7 +124,7 @@ class SizeSyncTest : public LibraryTest {};
 TEST_F(SizeSyncTest, PurgeBetweenACheckinsMeasurementAndItsExchangeLeavesExactTotals) {
   auto* payload = new GatedPayload(1000);
   auto item = JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(payload), 0.0);
-  item->SetGuid(zelcore::utility::Guid::CreateUnique());
+  item->SetGuid(Guid::CreateUnique());
   bag_->AddToBagAndSortDir(item);
   ASSERT_EQ(item->Checkout(cf::kReadOnly), kJX_CheckedOut);
   ASSERT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 1000);
@@ -159,6 +161,53 @@ TEST_F(SizeSyncTest, PurgeBetweenACheckinsMeasurementAndItsExchangeLeavesExactTo
   EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), SumOfItemSizes(*bag_));
   EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 0);
   EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 0);
+}
+
+// An item's link to its bag is a plain pointer that the bag clears as it dies. Threads asking
+// items for their bag while it is destroyed (on whichever thread drops its last reference) get
+// it or nothing, never a bag being torn down, and what they count lands in a bag that exists.
+class BagLinkTest : public LibraryTest {};
+
+TEST_F(BagLinkTest, ItemsAskedForADyingBagGetItOrNothing) {
+  constexpr int kItems = 64;
+  constexpr int kThreads = 2;
+  for (int round = 0; round < 20; ++round) {
+    auto local = std::make_shared<JX_Bag>(1);
+    JX_Bag* const address = local.get();
+    std::vector<IntrusivePtr<JX_Stuff>> items;
+    for (int i = 0; i < kItems; ++i) {
+      items.push_back(MakeItem(10));
+      local->AddToBagAndSortDir(items.back());
+    }
+    std::atomic<int> started{0};
+    std::atomic<bool> wrongBag{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&, t] {
+        started.fetch_add(1);
+        // Until one whole pass finds every item without a bag.
+        for (bool anyLinked = true; anyLinked;) {
+          anyLinked = false;
+          for (int i = t; i < kItems + t; ++i) {
+            const auto& item = items[i % kItems];
+            std::shared_ptr<JX_Bag> bag = item->GetBag();
+            if (bag && bag.get() != address) wrongBag = true;
+            anyLinked = anyLinked || bag != nullptr;
+            // The bytes go to the dying bag (which forgets them) or to the global one.
+            item->SyncMemorySizeWithBag(10 + (i & 1));
+          }
+        }
+      });
+    }
+    while (started.load() < kThreads) std::this_thread::yield();
+    local.reset();
+    for (auto& th : threads) th.join();
+    EXPECT_FALSE(wrongBag.load());
+    for (const auto& item : items) EXPECT_EQ(item->GetBag(), nullptr);
+    // Once gone, the items take what they counted back out of the global bag (the fixture
+    // checks its totals at the end).
+    items.clear();
+  }
 }
 
 }  // namespace

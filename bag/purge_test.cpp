@@ -72,8 +72,7 @@ class PurgeTest : public LibraryTest {
     std::vector<IntrusivePtr<JX_Stuff>> items;
     for (int i = 0; i < n; ++i) {
       auto item = MakeItem(size);
-      // Purging only looks at the link to the file; no file is read here. A file belongs to one
-      // item, so each gets a name of its own.
+      // Purging only looks at the link to a file (one per item); no file is read here.
       if (withDiskCopy) {
         EXPECT_TRUE(item->SetDiskCacheFile(
             zelcore::filesupport::File("/nonexistent/" + item->GetGuid().AsString() + ".kqcache"),
@@ -208,20 +207,6 @@ TEST_F(PurgeTest, FailingMemoryLimitsEscapeWithTheQueueReleasedAndExactBooks) {
   EXPECT_EQ(InMemory(), SumOfItemSizes(*bag_));
 }
 
-TEST_F(PurgeTest, AnItemKeepingNothingLeavesAndCountsItsNotedSize) {
-  auto outside = Add(new NotInMemoryPayload(40));
-  auto backed = AddItems(1, 50, true)[0];
-  JX_Stuff::ReleaseQueue queue;
-  EXPECT_EQ(outside->FreeUpAsMuchAsPossible(true, &queue), 40u) << "nothing freed, but removed";
-  EXPECT_FALSE(outside->GetBag());
-  EXPECT_FALSE(outside->IsInSortDir());
-  EXPECT_TRUE(queue.empty());
-  EXPECT_EQ(backed->FreeUpAsMuchAsPossible(true, &queue), 50u);
-  EXPECT_TRUE(backed->GetBag()) << "a disk copy is worth keeping the item for";
-  EXPECT_EQ(queue.size(), 1u);
-  EXPECT_EQ(backed->FreeUpAsMuchAsPossible(true, &queue), 0u) << "freed once, counted once";
-}
-
 TEST_F(PurgeTest, EmptyBagAndPurgeAll) {
   jx::PurgeOverBudget(*bag_, 100);
   EXPECT_EQ(bag_->GetLastPurgedUsedTime(), 0u);
@@ -245,22 +230,32 @@ class PurgeMediaMapTest : public PurgeTest {
 
 // An item freed but kept for its disk copy stays in the bag, so nothing on the way out erases
 // its media-map entry: the purge must, or the host would keep counting bytes that are gone.
-TEST_F(PurgeMediaMapTest, FreedItemsLeaveTheMediaMap) {
+TEST_F(PurgeMediaMapTest, FreedItemsLeaveTheMediaMapAndCountTheirSizeOnce) {
   auto backed = AddItems(1, 50, true)[0];
   auto plain = AddItems(1, 60, false)[0];
   ASSERT_EQ(JX_MediaMapSizeBytes(), 110u);
   JX_Stuff::ReleaseQueue queue;
   EXPECT_EQ(backed->FreeUpAsMuchAsPossible(true, &queue), 50u);
-  EXPECT_TRUE(backed->GetBag());
+  EXPECT_TRUE(backed->GetBag()) << "a disk copy is worth keeping the item for";
+  EXPECT_EQ(queue.size(), 1u);
   EXPECT_EQ(JX_MediaMapSizeBytes(), 60u);
   EXPECT_EQ(JX_MediaMapEntryCount(), 1u);
+  EXPECT_EQ(backed->FreeUpAsMuchAsPossible(true, &queue), 0u) << "freed once, counted once";
   EXPECT_EQ(plain->FreeUpAsMuchAsPossible(true, &queue), 60u);  // freed and removed
   EXPECT_EQ(JX_MediaMapSizeBytes(), 0u);
   EXPECT_EQ(JX_MediaMapEntryCount(), 0u);
+
+  // Holding nothing in memory, an item frees nothing but leaves, counting its noted size.
+  auto outside = Add(new NotInMemoryPayload(40));
+  const size_t queued = queue.size();
+  EXPECT_EQ(outside->FreeUpAsMuchAsPossible(true, &queue), 40u);
+  EXPECT_FALSE(outside->GetBag());
+  EXPECT_FALSE(outside->IsInSortDir());
+  EXPECT_EQ(queue.size(), queued);
 }
 
-// The fixed limit for templates is a feature read once per process, so this purge runs in a
-// fresh one. Returns what went wrong, or "".
+// The fixed limit for templates is read once per process: this purge runs in a fresh one.
+// Returns what went wrong, or "".
 std::string PurgeUnderTheTemplateLimit() {
   auto& host = StandaloneHost::Instance();
   host.Reset();
@@ -270,8 +265,7 @@ std::string PurgeUnderTheTemplateLimit() {
   if (!mkdtemp(folder)) return "no temporary folder";
   setenv("TMPDIR", folder, 1);
   zelappsupport::feature::SetFeatureEnabled(kJX_GfxpakLimitFeature, true);
-  jx::standalone::MediaManagerPool()->SetFixedMaxCacheSize(
-      1500);  // the limit is a tenth of it: 150 bytes
+  jx::standalone::MediaManagerPool()->SetFixedMaxCacheSize(1500);  // a limit of 150 bytes
   JX_Birth(false, 1, true);
   std::string wrong;
   {

@@ -1,21 +1,23 @@
-// Read-only check-ins renew recency through per-thread logs, without the library lock; whoever
-// reads the order sees it as if every move had been made at once, in stamp order, whichever
-// thread made it, whether that thread still runs or ended while the lock was taken.
+// The recency log: read-only check-ins note their moves in per-thread logs, without the library
+// lock, and whoever reads the order sees every note applied in stamp order.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <future>
-#include <mutex>
 #include <thread>
+#include <vector>
 
+#include "bag/recency_log.h"
 #include "jxcache/bag/library_lock.h"
+#include "jxcache/host/high_precision_time.h"
 #include "standalone/standalone_host.h"
 #include "testing/jx_test_support.h"
 
 namespace cf = jx::checkout_flags;
 using jx::testing::LibraryTest;
 using jx::testing::MakeItem;
+using jx::testing::TestPayload;
+using zelcore::utility::HighPrecisionTime;
 using zelcore::utility::IntrusivePtr;
 
 namespace {
@@ -42,6 +44,11 @@ class LockHolder {
 
 class RecencyTest : public LibraryTest {
  protected:
+  void SetUp() override {
+    LibraryTest::SetUp();
+    // Stamps well after every item's own: a note always moves an item that is still in its bag.
+    base_ = HighPrecisionTime::GetCurrentTimeStamp() + (uint64_t{1} << 40);
+  }
   std::vector<IntrusivePtr<JX_Stuff>> AddItems(int n) {
     std::vector<IntrusivePtr<JX_Stuff>> items;
     for (int i = 0; i < n; ++i) {
@@ -50,17 +57,115 @@ class RecencyTest : public LibraryTest {
     }
     return items;
   }
+  // The order after every note is applied (the copy applies them first).
   std::vector<JX_Stuff*> Order() {
     std::vector<JX_Stuff*> order;
     for (auto& s : bag_->CopyMruItems()) order.push_back(s.get());
     return order;
   }
   static void Use(const IntrusivePtr<JX_Stuff>& s) {
-    ASSERT_EQ(s->Checkout(cf::kReadOnly), 1);
+    ASSERT_EQ(s->Checkout(cf::kReadOnly), kJX_CheckedOut);
     s->Checkin(0, 0.0);
   }
-};
+  static void ApplyNow() {
+    JXp_ScLock lock;
+    jx::recency::ApplyAll(lock);
+  }
+  uint64_t At(int step) const { return base_ + 10 * static_cast<uint64_t>(step); }
 
+  uint64_t base_ = 0;
+};
+class RecencyLogTest : public RecencyTest {};
+
+TEST_F(RecencyLogTest, NotesOfLiveAndEndedThreadsApplyInStampOrder) {
+  auto items = AddItems(6);
+  JX_Stuff &a = *items[0], &b = *items[1], &c = *items[2], &d = *items[3], &e = *items[4];
+  JX_Stuff& untouched = *items[5];
+  // Three logs: this thread's, one of a thread still running at the apply, and one of a thread
+  // that ended before it (its notes are kept as orphans).
+  jx::recency::Note(a, At(5));
+  jx::recency::Note(c, At(1));
+  std::promise<void> noted, applied;
+  std::thread live([&] {
+    jx::recency::Note(e, At(2));
+    jx::recency::Note(a, At(4));  // older than this thread's later note of a: a ends at 5
+    noted.set_value();
+    applied.get_future().wait();
+  });
+  noted.get_future().wait();
+  std::thread([&] {
+    jx::recency::Note(b, At(3));
+    jx::recency::Note(d, At(6));
+  }).join();
+  EXPECT_EQ(Order(), (std::vector<JX_Stuff*>{&untouched, &c, &e, &b, &a, &d}));
+  applied.set_value();
+  live.join();
+
+  // Applied already: a note older than the item's place changes nothing, a newer one moves it.
+  jx::recency::Note(a, At(2));
+  jx::recency::Note(b, At(7));
+  EXPECT_EQ(Order(), (std::vector<JX_Stuff*>{&untouched, &c, &e, &a, &d, &b}));
+}
+
+TEST_F(RecencyLogTest, AFullLogAppliesItselfAndWrapsAroundWithoutLosingANote) {
+  auto items = AddItems(3);
+  JX_Stuff &x = *items[0], &y = *items[1], &z = *items[2];
+  ApplyNow();  // whatever this thread noted before starts from an empty log
+  const int room = static_cast<int>(jx::recency::kNotesPerThread);
+  {
+    // Every note but the one that fills the log is taken without the library lock: one that
+    // waited for it would never end.
+    LockHolder holder;
+    for (int i = 1; i < room; ++i) jx::recency::Note(x, At(i));
+  }
+  // The note that fills the log applies it. x then leaves and comes back (with a fresh, far
+  // older stamp), then z does: x's notes, had they been left for later, would move x past z.
+  jx::recency::Note(y, At(room));
+  for (const auto& s : {items[0], items[2]}) {
+    s->RemoveFromBagAndSortDir();
+    bag_->AddToBagAndSortDir(s);
+  }
+  EXPECT_EQ(Order(), (std::vector<JX_Stuff*>{&x, &z, &y}));
+
+  // Many times the log's room: each fill applies, the ring wraps, the last notes decide.
+  const int notes = 5 * room + 17;
+  for (int i = 0; i < notes; ++i) jx::recency::Note(*items[i % 3], At(room + 1 + i));
+  JX_Stuff* last = items[(notes - 1) % 3].get();
+  JX_Stuff* beforeLast = items[(notes - 2) % 3].get();
+  JX_Stuff* first = items[(notes - 3) % 3].get();
+  EXPECT_EQ(Order(), (std::vector<JX_Stuff*>{first, beforeLast, last}));
+}
+
+TEST_F(RecencyLogTest, NotesOfItemsThatLeftDiedOrLostTheirBagChangeNothing) {
+  auto items = AddItems(3);
+  IntrusivePtr<JX_Stuff> left = items[0], died = items[1], stays = items[2];
+  items.clear();
+  auto otherBag = std::make_shared<JX_Bag>(1);
+  IntrusivePtr<JX_Stuff> orphaned = MakeItem(10);
+  otherBag->AddToBagAndSortDir(orphaned);
+  const int livePayloads = TestPayload::LiveCount().load();
+
+  for (JX_Stuff* s : {left.get(), died.get(), stays.get(), orphaned.get()}) {
+    jx::recency::Note(*s, At(1));
+  }
+  left->RemoveFromBagAndSortDir();
+  died->RemoveFromBagAndSortDir();
+  died.reset();  // the note's reference is weak: the item goes now
+  EXPECT_EQ(TestPayload::LiveCount().load(), livePayloads - 1);
+  otherBag.reset();  // the bag goes; its item lives on outside any bag
+
+  ApplyNow();
+  EXPECT_EQ(Order(), (std::vector<JX_Stuff*>{stays.get()}));
+  EXPECT_FALSE(left->GetBag());
+  EXPECT_FALSE(orphaned->GetBag());
+  // The apply let go of what it held once the lock was released.
+  EXPECT_EQ(left->GetRefCount(), 1);
+  EXPECT_EQ(orphaned->GetRefCount(), 1);
+  EXPECT_EQ(bag_->GetNumMruSortedItems(), 1);
+}
+
+// Check-ins while the lock is held elsewhere, this thread's and one of a thread that ended:
+// the order shows their stamps; a note older than an immediate move of its item is stale.
 TEST_F(RecencyTest, NotedMovesShowInStampOrderAndThePurgeFreesTheOldest) {
   auto items = AddItems(4);
   auto &a = items[0], &b = items[1], &c = items[2], &d = items[3];
@@ -72,16 +177,13 @@ TEST_F(RecencyTest, NotedMovesShowInStampOrderAndThePurgeFreesTheOldest) {
     // Renewed at once, although the order waits for the lock.
     EXPECT_GT(a->GetLastUsedTime(), aBefore);
     EXPECT_GT(a->GetLastUsedTime(), c->GetLastUsedTime());
-    std::thread other([&] { Use(b); });  // a thread that ends before anybody reads the order
-    other.join();
+    std::thread([&] { Use(b); }).join();
     EXPECT_EQ(a->GetCheckoutCount(), 0u);
     EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 0);
   }
   EXPECT_EQ(Order(), (std::vector<JX_Stuff*>{d.get(), c.get(), a.get(), b.get()}));
 
-  // A note older than an immediate move of its item is stale (a writeable check-in moves d at
-  // once), and a note of an item that left the bag and died (b's: the note's reference is weak)
-  // changes nothing.
+  // d's note is older than its writeable check-in's immediate move.
   {
     LockHolder holder;
     Use(d);
@@ -108,43 +210,8 @@ TEST_F(RecencyTest, NotedMovesShowInStampOrderAndThePurgeFreesTheOldest) {
   EXPECT_TRUE(d->IsInMemory());
 }
 
-// Two threads take turns using items; their logs are applied together, interleaved by stamp.
-TEST_F(RecencyTest, TwoThreadsMovesInterleaveByStamp) {
-  constexpr int kItems = 40;
-  auto items = AddItems(kItems);
-  // Uses in turn: item k by thread k % 2, in the reverse of the order they were added.
-  std::mutex m;
-  std::condition_variable cv;
-  int turn = kItems - 1;
-  auto run = [&](int parity) {
-    for (;;) {
-      std::unique_lock<std::mutex> l(m);
-      cv.wait(l, [&] { return turn < 0 || turn % 2 == parity; });
-      if (turn < 0) return;
-      Use(items[turn]);
-      --turn;
-      cv.notify_all();
-    }
-  };
-  std::thread even(run, 0), odd(run, 1);
-  // Read before the threads end, so that both logs are still live.
-  {
-    std::unique_lock<std::mutex> l(m);
-    cv.wait(l, [&] { return turn < 0; });
-  }
-  std::vector<JX_Stuff*> expected;
-  for (int i = kItems - 1; i >= 0; --i) expected.push_back(items[i].get());
-  EXPECT_EQ(Order(), expected);
-  {
-    std::lock_guard<std::mutex> l(m);
-    cv.notify_all();
-  }
-  even.join();
-  odd.join();
-}
-
-// One thread's log fills and wraps around many times while another thread keeps applying it:
-// no move is lost or applied twice, and the order ends as the last uses left it.
+// One thread's log wraps around many times while another keeps applying it: no move is lost or
+// applied twice, and the order ends as the last uses left it.
 TEST_F(RecencyTest, AWrappingLogAppliedMeanwhileKeepsEveryMove) {
   constexpr int kItems = 50;
   constexpr int kUses = 5000;  // about twenty times a log's room
@@ -155,8 +222,8 @@ TEST_F(RecencyTest, AWrappingLogAppliedMeanwhileKeepsEveryMove) {
   std::thread user([&] {
     for (int i = 0; i < kUses; ++i) {
       Use(items[i % kItems]);
-      // Every few hundred uses, wait for one more apply: applying then meets the log in every
-      // state, however the two threads happen to be scheduled.
+      // Every few hundred uses, wait for one more apply, so that applies meet the log in every
+      // state however the threads are scheduled.
       if (i % kUsesPerMeeting == 0) {
         const int seen = applies.load();
         while (applies.load() == seen) std::this_thread::yield();

@@ -1,17 +1,17 @@
-// The sole-item table searched by readers under a spin word, as a directory shard does, while
-// its one writer adds and removes hashes, growing the table to many times its size and shrinking
-// it back (new tables made outside the spin word, adopted under it, old slots freed after it).
-// A hash that stays in the table throughout must be found, with its item, by every search; a
-// hash that comes and goes may be missing or shared but never filed under another hash's item.
-// The ThreadSanitizer build checks that the spin word is all the ordering the table needs.
+// The sole-item table: growth and shrinking at their thresholds; against a plain model under
+// random churn, probing and backward-shift removal; and searches under the spin word, as a
+// directory shard makes them, while the one writer resizes the table.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <barrier>
 #include <cstdint>
+#include <iterator>
+#include <map>
 #include <memory>
 #include <random>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -23,11 +23,113 @@ namespace {
 
 using zelcore::threads::SpinWordGuard;
 
+// Distinct addresses to file; the table never looks behind them.
 constexpr int kStable = 16;
 constexpr int kChurn = 600;
 char g_items[kStable + kChurn];
-uintptr_t Addr(int i) { return reinterpret_cast<uintptr_t>(&g_items[i]); }
+const void* Item(size_t i) { return &g_items[i]; }
+uintptr_t Addr(size_t i) { return reinterpret_cast<uintptr_t>(Item(i)); }
 
+// Adds as the directory does: room first, then the entry.
+void AddWithRoom(SoleItemTable& table, size_t hash, const void* item) {
+  if (std::unique_ptr<SoleItemTable> grown = table.GrownForOneMore()) table.Adopt(*grown);
+  table.Add(hash, item);
+}
+
+TEST(SoleItemTable, GrowsPastThreeQuartersAndShrinksBelowAnEighth) {
+  SoleItemTable table;
+  ASSERT_EQ(table.Capacity(), SoleItemTable::kInitialCapacity);
+  for (size_t h = 1; h <= 12; ++h) {
+    EXPECT_EQ(table.GrownForOneMore(), nullptr) << h;  // 12 of 16 is three quarters
+    table.Add(h * 1000, Item(h));
+  }
+  std::unique_ptr<SoleItemTable> grown = table.GrownForOneMore();
+  ASSERT_NE(grown, nullptr);
+  EXPECT_EQ(grown->Capacity(), 32u);
+  table.Adopt(*grown);
+  EXPECT_EQ(table.Capacity(), 32u);
+  EXPECT_EQ(grown->Capacity(), 16u);  // the old slots, handed back to be freed
+  EXPECT_EQ(table.Used(), 12u);
+  for (size_t h = 1; h <= 12; ++h) EXPECT_EQ(table.Find(h * 1000), Addr(h));
+
+  // Up to 48 hashes (capacity 64), then down: 8 of 64 is an eighth and stays; 7 shrinks to the
+  // smallest table at most half full.
+  for (size_t h = 13; h <= 48; ++h) AddWithRoom(table, h * 1000, Item(h));
+  ASSERT_EQ(table.Capacity(), 64u);
+  for (size_t h = 48; h > 8; --h) table.Remove(h * 1000, 0, nullptr);
+  EXPECT_EQ(table.ShrunkIfSparse(), nullptr);
+  table.Remove(8000, 0, nullptr);
+  std::unique_ptr<SoleItemTable> smaller = table.ShrunkIfSparse();
+  ASSERT_NE(smaller, nullptr);
+  EXPECT_EQ(smaller->Capacity(), 16u);
+  table.Adopt(*smaller);
+  for (size_t h = 1; h <= 7; ++h) EXPECT_EQ(table.Find(h * 1000), Addr(h));
+  EXPECT_EQ(table.Find(8000), SoleItemTable::kNone);
+  // The smallest table never shrinks.
+  for (size_t h = 1; h <= 7; ++h) table.Remove(h * 1000, 0, nullptr);
+  EXPECT_EQ(table.ShrunkIfSparse(), nullptr);
+  EXPECT_EQ(table.Used(), 0u);
+}
+
+// Phases that mostly add, then mostly remove, over a small pool of hashes: long probe runs, runs
+// that wrap around the end, removals from the middle of a run, hashes shared by up to three
+// entries, removals of hashes that are not there. After every step each hash of the pool must be
+// found as the model says, a shared hash taking one slot.
+TEST(SoleItemTable, RandomChurnAgreesWithAModel) {
+  std::mt19937_64 random(20240611);
+  std::vector<size_t> pool(40);
+  for (size_t& h : pool) h = random();
+  // hash -> the items filed under it (an item may be filed twice, as two entries)
+  std::map<size_t, std::multiset<int>> model;
+  SoleItemTable table;
+  size_t maxCapacity = 0;
+  bool shrankBack = false;
+  auto check = [&](int step) {
+    size_t used = 0;
+    for (size_t h : pool) {
+      const auto it = model.find(h);
+      const size_t n = it == model.end() ? 0 : it->second.size();
+      used += n != 0;
+      const uintptr_t want = n == 0   ? SoleItemTable::kNone
+                             : n == 1 ? Addr(*it->second.begin())
+                                      : SoleItemTable::kSeveral;
+      ASSERT_EQ(table.Find(h), want) << "step " << step;
+    }
+    ASSERT_EQ(table.Used(), used) << "step " << step;
+  };
+  for (int step = 0; step < 4000; ++step) {
+    const bool adding = (step / 500) % 2 == 0 ? random() % 4 != 0 : random() % 4 == 0;
+    const size_t h = pool[random() % pool.size()];
+    if (adding) {
+      // At most three entries a hash, so that the removing phases empty the table.
+      if (model.count(h) && model[h].size() == 3) continue;
+      const int item = static_cast<int>(random() % 64);
+      AddWithRoom(table, h, Item(item));
+      model[h].insert(item);
+    } else {
+      if (auto it = model.find(h); it == model.end()) {
+        table.Remove(h, 0, nullptr);
+      } else {
+        std::multiset<int>& items = it->second;
+        items.erase(std::next(items.begin(), static_cast<long>(random() % items.size())));
+        const size_t left = items.size();
+        table.Remove(h, left, left == 1 ? Item(*items.begin()) : nullptr);
+        if (left == 0) model.erase(it);
+      }
+      if (std::unique_ptr<SoleItemTable> smaller = table.ShrunkIfSparse()) table.Adopt(*smaller);
+    }
+    shrankBack = shrankBack || table.Capacity() < maxCapacity;
+    maxCapacity = std::max(maxCapacity, table.Capacity());
+    ASSERT_NO_FATAL_FAILURE(check(step));
+  }
+  // The walk did reach a grown table, and came back down.
+  EXPECT_GE(maxCapacity, 64u);
+  EXPECT_TRUE(shrankBack);
+}
+
+// A hash that stays in the table throughout must be found, with its item, by every search; one
+// that comes and goes may be missing or shared but never filed under another hash's item. The
+// ThreadSanitizer build checks that the spin word is all the ordering the table needs.
 TEST(SoleItemTableConcurrency, SearchesUnderTheSpinWordSurviveResizing) {
   constexpr int kReaders = 2;
   constexpr int kRounds = 12;
@@ -38,10 +140,7 @@ TEST(SoleItemTableConcurrency, SearchesUnderTheSpinWordSurviveResizing) {
 
   SoleItemTable table;
   std::atomic<uint32_t> spin{0};
-  for (int i = 0; i < kStable; ++i) {
-    if (std::unique_ptr<SoleItemTable> grown = table.GrownForOneMore()) table.Adopt(*grown);
-    table.Add(hashes[i], &g_items[i]);
-  }
+  for (int i = 0; i < kStable; ++i) AddWithRoom(table, hashes[i], Item(i));
 
   std::barrier start(kReaders + 1);
   std::atomic<int> lost{0}, misfiled{0};
@@ -51,7 +150,7 @@ TEST(SoleItemTableConcurrency, SearchesUnderTheSpinWordSurviveResizing) {
       std::mt19937 pick(r);
       start.arrive_and_wait();
       for (int n = 0; n < kSearches; ++n) {
-        const int i = static_cast<int>(pick() % hashes.size());
+        const size_t i = pick() % hashes.size();
         uintptr_t found;
         {
           SpinWordGuard g(spin);
@@ -65,8 +164,8 @@ TEST(SoleItemTableConcurrency, SearchesUnderTheSpinWordSurviveResizing) {
     });
   }
 
-  // The writer: in each round every churning hash joins (some twice, so that they are shared
-  // for a while) and leaves again.
+  // In each round every churning hash joins (some twice, shared for a while) and leaves again;
+  // new tables are made outside the spin word, adopted under it, old slots freed after it.
   size_t largest = 0, smallestAfterGrowing = SIZE_MAX;
   start.arrive_and_wait();
   for (int round = 0; round < kRounds; ++round) {
@@ -75,16 +174,16 @@ TEST(SoleItemTableConcurrency, SearchesUnderTheSpinWordSurviveResizing) {
       {
         SpinWordGuard g(spin);
         if (grown) table.Adopt(*grown);
-        table.Add(hashes[i], &g_items[i]);
-        if (i % 3 == 0) table.Add(hashes[i], &g_items[i]);
+        table.Add(hashes[i], Item(i));
+        if (i % 3 == 0) table.Add(hashes[i], Item(i));
       }
-      grown.reset();  // the old slots, freed outside the spin word
+      grown.reset();
     }
     largest = std::max(largest, table.Capacity());
     for (int i = kStable; i < kStable + kChurn; ++i) {
       {
         SpinWordGuard g(spin);
-        if (i % 3 == 0) table.Remove(hashes[i], 1, &g_items[i]);
+        if (i % 3 == 0) table.Remove(hashes[i], 1, Item(i));
         table.Remove(hashes[i], 0, nullptr);
       }
       if (std::unique_ptr<SoleItemTable> smaller = table.ShrunkIfSparse()) {

@@ -1,7 +1,6 @@
-// An item's key read without a lock while other threads re-key it: every copy a reader gets is
-// one key that was stored, whole, with that key's own hash; a reader never goes back to an
-// older key; and concurrent writers do not corrupt each other. The keys are made so that a torn
-// copy (half of one GUID and half of another, or a hash of another GUID) is recognisable.
+// An item's key read without a lock while other threads re-key it: every copy is one stored key,
+// whole, with its own hash, never older than the reader's last; concurrent writers take turns.
+// The keys are made so that a torn copy (halves of two GUIDs, another GUID's hash) shows.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -58,21 +57,13 @@ bool CopyKey(const SeqLockedGuid& key, uint64_t* number) {
   return w1 == SecondWord(w0) && hash == HashOf(w0, w1);
 }
 
-TEST(SeqLockedGuid, ReadsBackWhatWasStoredAndComparesBothHalves) {
+// What is stored is read back (the concurrency tests below check every copy); a comparison
+// must look at both halves: random GUIDs alone would never tell.
+TEST(SeqLockedGuid, ComparesBothHalves) {
   static_assert(kSpread * kSpreadInverse == 1);
   SeqLockedGuid key(HashOf(0, 0));
-  size_t hash;
-  EXPECT_TRUE(key.Load(&hash).IsEmpty());
-  EXPECT_EQ(hash, HashOf(0, 0));
-
   const Guid a = KeyNumber(7);
   key.Store(a, HashOfKey(a));
-  EXPECT_EQ(key.Load(&hash), a);
-  EXPECT_EQ(hash, HashOfKey(a));
-  uint64_t number;
-  EXPECT_TRUE(CopyKey(key, &number));
-  EXPECT_EQ(number, 7u);
-
   EXPECT_TRUE(key.EqualsStable(a));
   // Same first half, other second half; and the reverse.
   std::array<uint8_t, 16> bytes = a.Bytes();
@@ -84,8 +75,7 @@ TEST(SeqLockedGuid, ReadsBackWhatWasStoredAndComparesBothHalves) {
 }
 
 // One writer stores keys 1, 2, 3... while readers copy the key: every copy is whole, and each
-// reader's copies never go back to an older key (a copy is a snapshot taken at some instant
-// between its first and last look at the count).
+// reader's copies never go back to an older key.
 TEST(SeqLockedGuidConcurrency, ReadersSeeWholeKeysInTheOrderTheyWereStored) {
   constexpr int kReaders = 2;
   constexpr uint64_t kWrites = 2000000;
@@ -127,9 +117,8 @@ TEST(SeqLockedGuidConcurrency, ReadersSeeWholeKeysInTheOrderTheyWereStored) {
   RecordProperty("keyChangesSeen", std::to_string(distinctSeen.load()));
 }
 
-// Two writers re-key at once (the spin word makes them take turns) while readers copy, in rounds
-// that end with everyone at rest: copies taken during a round are never torn, and the key left
-// at the end of a round, when both writers' last stores landed close together, is one whole key.
+// Two writers re-key at once while readers copy, in rounds that end at rest: no copy is torn,
+// neither during a round nor of the key the two writers' last stores left.
 TEST(SeqLockedGuidConcurrency, ConcurrentWritersTakeTurns) {
   constexpr int kWriters = 2;
   constexpr int kReaders = 2;
