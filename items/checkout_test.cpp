@@ -308,25 +308,6 @@ TEST_F(ScCheckoutTest, SuspendAndReacquireFindsAReplacedItem) {
   EXPECT_EQ(replacement->GetCheckoutCount(), 1u);
 }
 
-TEST_F(ScCheckoutTest, DiskHoldCountsUntilCheckin) {
-  auto item = Added(10);
-  auto& global = JX_Stuff::GetNumDiskCacheCheckoutsGlobal();
-  const uint32_t before = global.load();
-  {
-    JX_ScCheckout handle(item, cf::kReadOnly);
-    EXPECT_TRUE(handle.HasDiskHoldIfWanted()) << "no disk copy: no hold needed";
-    EXPECT_FALSE(handle.AcquireDiskHold()) << "no file to hold";
-    EXPECT_EQ(item->GetNumDiskCacheCheckouts(), 1u);
-    EXPECT_EQ(global.load(), before + 1);
-    handle.SuspendCheckout();
-    EXPECT_EQ(item->GetNumDiskCacheCheckouts(), 1u) << "suspension keeps the hold";
-    ASSERT_TRUE(handle.ReacquireSuspendedCheckout());
-    EXPECT_EQ(item->GetNumDiskCacheCheckouts(), 1u) << "reacquisition renews it, once";
-  }
-  EXPECT_EQ(item->GetNumDiskCacheCheckouts(), 0u);
-  EXPECT_EQ(global.load(), before);
-}
-
 TEST_F(ScCheckoutTest, StuffSetterAbandonsAnUnfilledRenderAndReleasesWaiters) {
   const Guid g = Guid::CreateUnique();
   JX_ScCheckout creator;
@@ -436,10 +417,26 @@ TEST_F(ScCheckoutDiskTest, ReacquisitionReadsFromDiskWhateverTheStoredFlags) {
   EXPECT_EQ(handle.GetCheckoutFlags(), flags);
 }
 
-TEST_F(ScCheckoutDiskTest, DiskHoldOfAnItemWithAFileFollowsSwap) {
-  auto item = AddItemWithFile(100);
+TEST_F(ScCheckoutDiskTest, DiskHoldsCountUntilCheckinAndFollowSwap) {
   auto& global = JX_Stuff::GetNumDiskCacheCheckoutsGlobal();
   const uint32_t globalBefore = global.load();
+  auto plain = MakeItem(10);
+  bag_->AddToBagAndSortDir(plain);
+  {
+    JX_ScCheckout handle(plain, cf::kReadOnly);
+    EXPECT_TRUE(handle.HasDiskHoldIfWanted()) << "no disk copy: no hold needed";
+    EXPECT_FALSE(handle.AcquireDiskHold()) << "no file to hold";
+    EXPECT_EQ(plain->GetNumDiskCacheCheckouts(), 1u);
+    EXPECT_EQ(global.load(), globalBefore + 1);
+    handle.SuspendCheckout();
+    EXPECT_EQ(plain->GetNumDiskCacheCheckouts(), 1u) << "suspension keeps the hold";
+    ASSERT_TRUE(handle.ReacquireSuspendedCheckout());
+    EXPECT_EQ(plain->GetNumDiskCacheCheckouts(), 1u) << "reacquisition renews it, once";
+  }
+  EXPECT_EQ(plain->GetNumDiskCacheCheckouts(), 0u);
+  EXPECT_EQ(global.load(), globalBefore);
+
+  auto item = AddItemWithFile(100);
   JX_ScCheckout a(item, cf::kReadOnly);
   EXPECT_FALSE(a.HasDiskHold());
   EXPECT_FALSE(a.HasDiskHoldIfWanted()) << "the item has a file that nobody holds";
