@@ -1,4 +1,4 @@
-// Round trips through the platform streams, direct and buffered, with and without short reads.
+// Round trips through the platform streams, direct and buffered, with short writes and reads.
 #include "jxcache/host/byte_stream.h"
 
 #include <cstring>
@@ -16,8 +16,7 @@ using testing::PatternBytes;
 using testing::ScratchFolder;
 using utility::FileUtils;
 
-// Writes `blocks` aligned blocks the way the cache's disk writer does (the last block at full
-// length) and sets the true length, which is deliberately not a multiple of the unit.
+// Writes `blocks` aligned blocks as the disk writer does and sets a true length off the unit.
 std::vector<uint8_t> WriteBlocks(OPlatformByteStream& out, size_t unit, size_t blocks,
                                  size_t trim) {
   const size_t blockSize = 4 * unit;
@@ -37,8 +36,7 @@ std::vector<uint8_t> ReadBack(const File& file, size_t unit) {
   IPlatformByteStream in(file);
   std::vector<uint8_t> bytes(in.Size());
   BufferedIByteStream buffered(in, 3 * unit, unit);
-  // Small reads go through the buffer and large ones past it, so a large read that comes while
-  // the buffer still holds bytes must be served from the buffer first.
+  // A large read that comes while the buffer holds bytes must take those first.
   const size_t sizes[] = {1000, 3 * unit + 5, 17, 3 * unit};
   size_t done = 0;
   for (size_t i = 0; done < bytes.size(); ++i) {
@@ -51,38 +49,43 @@ std::vector<uint8_t> ReadBack(const File& file, size_t unit) {
   return bytes;
 }
 
-TEST(PlatformStreams, DirectBlocksWithFinalLengthRoundTripExactly) {
-  ScratchFolder scratch;
-  const size_t unit = FileUtils::GetEfficientDiskBufferSizeFromPath(scratch.dir().GetPath());
-  for (bool shortReads : {false, true}) {
-    SCOPED_TRACE(shortReads ? "short reads" : "full reads");
-    const File file = scratch.file(shortReads ? "short" : "full");
+class PlatformStreams : public ::testing::Test {
+ protected:
+  File NewFile(const char* name) {
+    const File file = scratch_.file(name);
     file.Create();
-    std::vector<uint8_t> written;
-    const uint64_t syncs = FaultInjection::CallCount(FileOp::kFlush);
-    {
-      OPlatformByteStream out(file, true);
-      written = WriteBlocks(out, unit, 5, 123);
-    }
-    // The truncation to the true length must reach the disk too, even after direct writes.
-    EXPECT_EQ(FaultInjection::CallCount(FileOp::kFlush), syncs + 1);
-    EXPECT_EQ(file.Size(), written.size());
-    FaultInjection::SetShortReads(shortReads);
-    EXPECT_EQ(ReadBack(file, unit), written);
-    FaultInjection::SetShortReads(false);
+    return file;
   }
+  // A block of `units` units of one byte value.
+  auto Block(size_t units) {
+    auto buffer = AllocateAligned(units * unit_, unit_);
+    std::memset(buffer.get(), 7, units * unit_);
+    return buffer;
+  }
+
+  ScratchFolder scratch_;
+  const size_t unit_ = FileUtils::GetEfficientDiskBufferSizeFromPath(scratch_.dir().GetPath());
+};
+
+// The truncation to the true length must reach the disk too, even after direct writes.
+TEST_F(PlatformStreams, DirectBlocksWithFinalLengthRoundTripExactly) {
+  const File file = NewFile("f");
+  std::vector<uint8_t> written;
+  {
+    OPlatformByteStream out(file, true);
+    written = WriteBlocks(out, unit_, 5, 123);
+  }
+  EXPECT_EQ(FaultInjection::CallCount(FileOp::kFlush), 1u);
+  EXPECT_EQ(file.Size(), written.size());
+  EXPECT_EQ(ReadBack(file, unit_), written);
 }
 
-TEST(PlatformStreams, DirectModeRefusesMisalignedBlocks) {
-  ScratchFolder scratch;
-  const File file = scratch.file("f");
-  file.Create();
+TEST_F(PlatformStreams, DirectModeRefusesMisalignedBlocks) {
+  const File file = NewFile("f");
   OPlatformByteStream out(file, true);
   if (!out.IsDirect()) GTEST_SKIP() << "this file system refuses O_DIRECT";
-  const size_t unit = FileUtils::GetEfficientDiskBufferSizeFromPath(file.GetPath());
-  auto buffer = AllocateAligned(2 * unit, unit);
-  std::memset(buffer.get(), 7, 2 * unit);
-  for (auto [offset, length] : {std::pair<size_t, size_t>{1, unit}, {0, unit - 1}}) {
+  auto buffer = Block(2);
+  for (auto [offset, length] : {std::pair<size_t, size_t>{1, unit_}, {0, unit_ - 1}}) {
     try {
       out.WriteBlock(buffer.get() + offset, length);
       ADD_FAILURE() << "misaligned block accepted at offset " << offset << " length " << length;
@@ -90,49 +93,42 @@ TEST(PlatformStreams, DirectModeRefusesMisalignedBlocks) {
       EXPECT_EQ(e.Errno(), EINVAL);
     }
   }
-  out.WriteBlock(buffer.get(), unit);  // the stream is still usable
+  out.WriteBlock(buffer.get(), unit_);  // the stream is still usable
   out.Close();
-  EXPECT_EQ(file.Size(), unit);
+  EXPECT_EQ(file.Size(), unit_);
 }
 
-TEST(PlatformStreams, RefusedDirectOpenFallsBackToBufferedAndSyncs) {
-  ScratchFolder scratch;
-  const size_t unit = FileUtils::GetEfficientDiskBufferSizeFromPath(scratch.dir().GetPath());
-  const File file = scratch.file("f");
-  file.Create();
+TEST_F(PlatformStreams, RefusedDirectOpenFallsBackToBufferedAndSyncs) {
+  const File file = NewFile("f");
   FaultInjection::FailNth(FileOp::kOpen, 1, EINVAL);
   std::vector<uint8_t> written;
   {
     OPlatformByteStream out(file, true);
     EXPECT_FALSE(out.IsDirect());
     EXPECT_EQ(FaultInjection::CallCount(FileOp::kOpen), 2u);
-    written = WriteBlocks(out, unit, 3, unit + 1);
+    written = WriteBlocks(out, unit_, 3, unit_ + 1);
   }
   EXPECT_EQ(FaultInjection::CallCount(FileOp::kFlush), 1u);  // the data was synced at Close
-  EXPECT_EQ(ReadBack(file, unit), written);
+  EXPECT_EQ(ReadBack(file, unit_), written);
 
   // EINVAL on a plain open is an error like any other: there is nothing to fall back to.
   FaultInjection::FailNth(FileOp::kOpen, 1, EINVAL);
   EXPECT_THROW(OPlatformByteStream(file, false), FileError);
 }
-// A device may take part of a write. Halving a block of four units leaves whole units, so a
-// direct stream stays direct; halving a single unit does not, and the rest of the file must go
-// through the page cache. Either way the file is synced, is exactly what was written, and
-// short reads of it give the same bytes.
-TEST(PlatformStreams, ShortWritesAreFinishedOnAndOffUnitBoundaries) {
-  ScratchFolder scratch;
-  const size_t unit = FileUtils::GetEfficientDiskBufferSizeFromPath(scratch.dir().GetPath());
+
+// Halving a four-unit block leaves whole units, so the stream stays direct; halving every write
+// from then on does not, and the rest goes through the page cache. The file must be exact.
+TEST_F(PlatformStreams, ShortWritesAreFinishedOnAndOffUnitBoundaries) {
   for (bool persistent : {false, true}) {
     SCOPED_TRACE(persistent ? "every write from the first short" : "the first write short");
-    const File file = scratch.file(persistent ? "every" : "first");
-    file.Create();
+    const File file = NewFile(persistent ? "every" : "first");
     std::vector<uint8_t> written;
     bool directAtStart, directAtEnd;
     {
       OPlatformByteStream out(file, true);
       directAtStart = out.IsDirect();
       FaultInjection::ShortNth(FileOp::kWrite, 1, persistent);
-      written = WriteBlocks(out, unit, 3, 17);
+      written = WriteBlocks(out, unit_, 3, 17);
       directAtEnd = out.IsDirect();
     }
     // Once: the first block in two writes (2 units each), the others whole.
@@ -147,40 +143,34 @@ TEST(PlatformStreams, ShortWritesAreFinishedOnAndOffUnitBoundaries) {
     FaultInjection::Reset();
     EXPECT_EQ(file.Size(), written.size());
     FaultInjection::ShortNth(FileOp::kRead, 1, true);
-    EXPECT_EQ(ReadBack(file, unit), written);
+    EXPECT_EQ(ReadBack(file, unit_), written);
     FaultInjection::Reset();
   }
 }
 
 // Some file systems accept O_DIRECT at open and refuse it (EINVAL) only at the first transfer.
-TEST(PlatformStreams, DirectWriteRefusedAfterOpenCarriesOnBufferedWithEveryByte) {
-  ScratchFolder scratch;
-  const File file = scratch.file("f");
-  file.Create();
-  const size_t unit = FileUtils::GetEfficientDiskBufferSizeFromPath(file.GetPath());
+TEST_F(PlatformStreams, DirectWriteRefusedAfterOpenCarriesOnBufferedWithEveryByte) {
+  const File file = NewFile("f");
   std::vector<uint8_t> written;
   {
     OPlatformByteStream out(file, true);
     if (!out.IsDirect()) GTEST_SKIP() << "this file system refuses O_DIRECT at open";
-    // The second block is refused: the first is already on disk, direct.
-    FaultInjection::FailNth(FileOp::kWrite, 2, EINVAL);
-    written = WriteBlocks(out, unit, 4, 77);
+    FaultInjection::FailNth(FileOp::kWrite, 2, EINVAL);  // the first block is already direct
+    written = WriteBlocks(out, unit_, 4, 77);
     EXPECT_FALSE(out.IsDirect());
   }
   EXPECT_EQ(FaultInjection::InjectedCount(), 1u);
   EXPECT_EQ(FaultInjection::CallCount(FileOp::kWrite), 5u);  // four blocks, one of them twice
   EXPECT_EQ(FaultInjection::CallCount(FileOp::kFlush), 1u);
-  EXPECT_EQ(ReadBack(file, unit), written);
+  EXPECT_EQ(ReadBack(file, unit_), written);
 
   // A buffered write refused as well is a real error, reported once and not retried forever.
   FaultInjection::Reset();
   OPlatformByteStream out(file, true);
   ASSERT_TRUE(out.IsDirect());
   FaultInjection::FailNth(FileOp::kWrite, 1, EINVAL, /*persistent=*/true);
-  auto buffer = AllocateAligned(unit, unit);
-  std::memset(buffer.get(), 1, unit);
   try {
-    out.WriteBlock(buffer.get(), unit);
+    out.WriteBlock(Block(1).get(), unit_);
     ADD_FAILURE() << "a write refused in both modes was accepted";
   } catch (const FileError& e) {
     EXPECT_EQ(e.Errno(), EINVAL);
@@ -189,9 +179,8 @@ TEST(PlatformStreams, DirectWriteRefusedAfterOpenCarriesOnBufferedWithEveryByte)
   EXPECT_FALSE(out.IsDirect());
 }
 
-TEST(PlatformStreams, MissingFilesAreReportedAsNotFound) {
-  ScratchFolder scratch;
-  const File missing = scratch.file("missing");
+TEST_F(PlatformStreams, MissingFilesAreReportedAsNotFound) {
+  const File missing = scratch_.file("missing");
   EXPECT_THROW(OPlatformByteStream(missing, true), FileNotFoundError);
   EXPECT_THROW(OPlatformByteStream(missing, false), FileNotFoundError);
   EXPECT_THROW(IPlatformByteStream{missing}, FileNotFoundError);

@@ -1,5 +1,4 @@
-// A sub-executor whose parent runs out of memory keeps every task it accepted and every runner
-// place it has: nothing is stranded in its queue and nothing is lost from its count of runners.
+// A sub-executor whose parent runs out of memory strands no task and loses no runner place.
 #include "jxcache/host/executor.h"
 
 #include <gtest/gtest.h>
@@ -11,8 +10,7 @@
 namespace zelcore::threads {
 namespace {
 
-// A parent that queues what it is given and runs it when told; it can be made to fail the next
-// post as an allocation would.
+// A parent that runs its queue when told, and can fail the next post as an allocation would.
 class ManualParent : public Executor {
  public:
   bool Post(Task task) override {

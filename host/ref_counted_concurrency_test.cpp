@@ -1,7 +1,5 @@
-// Weak references locked while the last strong reference goes away on another thread: a lock
-// either wins (and the object lives until that reference is dropped) or comes back empty, the
-// object is destroyed exactly once, and the shared control block outlives every weak reference.
-// The ThreadSanitizer and AddressSanitizer builds check the memory orders and the frees.
+// Weak locks racing the final release: a lock wins (and the object lives) or comes back empty,
+// the object dies once, and the sanitizer builds check the memory orders and the frees.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -35,9 +33,8 @@ TEST(RefCountedConcurrency, WeakLockRacingTheFinalReleaseNeverRevivesTheObject) 
   IntrusivePtr<Tracked> strong;
   WeakPtr<Tracked> weak;
   std::atomic<int> foundDead{0};
-  // Each round has three steps, everyone passing `step` between them: the main thread makes an
-  // object; the lockers copy the weak reference; then the main thread drops its strong
-  // reference while the lockers lock their copies.
+  // Per round: the main thread makes an object, the lockers copy the weak reference, then the
+  // main thread drops its strong reference while the lockers lock their copies.
   std::barrier step(kLockers + 1);
   std::vector<std::thread> lockers;
   for (int t = 0; t < kLockers; ++t) {
@@ -46,8 +43,7 @@ TEST(RefCountedConcurrency, WeakLockRacingTheFinalReleaseNeverRevivesTheObject) 
         step.arrive_and_wait();
         WeakPtr<Tracked> mine = weak;  // its release races the object's own, below
         step.arrive_and_wait();
-        // Lock and drop a few times, so that locks keep landing around the moment the count
-        // reaches zero, whoever's release that is.
+        // Several locks, so that some land around the moment the count reaches zero.
         for (int attempt = 0; attempt < kAttempts; ++attempt) {
           IntrusivePtr<Tracked> p = mine.Lock();
           if (!p) break;

@@ -1,5 +1,4 @@
-// Start-up, shut-down and the tuning settings: defaults, read-once, the media-map decision, and
-// the payload factories that shut-down forgets.
+// Start-up, shut-down, the media-map decision, settings read once, and the payload factories.
 #include <gtest/gtest.h>
 
 #include "common/settings.h"
@@ -44,8 +43,7 @@ TEST(LifecycleTest, StartUpMakesTheGlobalBagAndShutDownEmptiesIt) {
   EXPECT_EQ(bag->GetNumItems(), 0);
 }
 
-// The host refusing the bag's memory must leave whatever ran before untouched: the previous bag
-// with its items, its disk executor and the media-map permission.
+// A start-up refused memory leaves the previous bag, its items, executor and permissions alone.
 TEST(LifecycleTest, StartUpRefusedForMemoryChangesNothing) {
   QuietHost();
   JX_Birth(false, 1, false);
@@ -64,9 +62,8 @@ TEST(LifecycleTest, StartUpRefusedForMemoryChangesNothing) {
   JX_Death();
 }
 
-// With the Gfxpak limit (the feature and the start-up's permission) the media manager is told the
-// cache's maximum and the media map stays off; otherwise the media map is used when allowed, and
-// then mirrors the bag's items.
+// Under the Gfxpak limit the media manager is told the cache's maximum and the media map stays
+// off; otherwise the media map is used when allowed.
 TEST(LifecycleTest, StartUpChoosesBetweenTheGfxpakLimitAndTheMediaMap) {
   QuietHost();
   zelappsupport::feature::SetFeatureEnabled(kJX_GfxpakLimitFeature, true);
@@ -97,9 +94,8 @@ TEST(LifecycleTest, StartUpChoosesBetweenTheGfxpakLimitAndTheMediaMap) {
   }
 }
 
-// An item still checked out when the library stops, and checked in after it started again: what
-// it counted belongs to the bag that counted it, never to the new one. Once with the old bag gone
-// and once with the host still holding it.
+// An item checked out across a restart gives its sizes back to the bag that counted them, never
+// to the new one (it used to drive the new bag's totals below zero).
 TEST(LifecycleTest, AnItemThatOutlivesARestartTakesItsSizesBackFromItsOwnBag) {
   QuietHost();
   for (bool hostKeepsOldBag : {false, true}) {
@@ -130,9 +126,8 @@ TEST(LifecycleTest, AnItemThatOutlivesARestartTakesItsSizesBackFromItsOwnBag) {
   }
 }
 
-// A second start-up replaces the bag. The first one's media map mirrors the first bag's items: it
-// must leave the host's media manager whichever way the second start-up decides, or the host
-// would keep purging (and the map keep alive) items of a bag that is gone.
+// The first start-up's media map must leave the host's media manager whichever way a second
+// start-up decides, or it keeps the replaced bag's items alive and offered to the host's purges.
 TEST(LifecycleTest, ASecondStartUpDetachesTheFirstOnesMediaMap) {
   QuietHost();
   zelappsupport::feature::SetFeatureEnabled(kJX_GfxpakLimitFeature, true);
@@ -152,33 +147,8 @@ TEST(LifecycleTest, ASecondStartUpDetachesTheFirstOnesMediaMap) {
   }
 }
 
-// Each accessor is asked twice: a setting is looked up once, on first use, and never again.
-TEST(SettingsTest, DefaultsAndFallbacks) {
-  for (int pass = 0; pass < 2; ++pass) {
-    EXPECT_EQ(JX_GetPlaybackCompressionAllowedOption(), kJX_CompressionNotAllowed);
-    EXPECT_FALSE(JX_IsDiskCompressionEnabled());
-    EXPECT_EQ(jx::settings::WriteToDiskPriority(), 2);
-    EXPECT_DOUBLE_EQ(jx::settings::LowPriorityFactor(), 2.0);
-    EXPECT_DOUBLE_EQ(jx::settings::MinJXSizeToPurgeLimitRatio(), 0.1);
-    EXPECT_DOUBLE_EQ(jx::settings::GfxpaksCacheLimitMultiplier(), 0.1);
-    EXPECT_EQ(jx::settings::DebugSleepTimeSetStuffDataMs(), 0u);
-    EXPECT_EQ(jx::settings::ReadDiskDelayMs(), 0);
-    EXPECT_EQ(jx::settings::WriteDiskDelayMs(), 0);
-    EXPECT_TRUE(jx::settings::UseMediaMapSetting());
-  }
-  for (const char* name :
-       {"KQ.IsDiskCompressionEnabledR", "KQ.JX.LowPriorityFactorR",
-        "KQ.MinJXSizeToPurgeLimitRatioR", "Graphics.DefaultJXCacheLimitForGfxpaksMultiplier",
-        "KQ.DebugSleepTimeInMs_JXSetStuffDataR", "KQ.JX.ReadDiskDelayInMsR",
-        "KQ.JX.WriteDiskDelayInMsR", "JX.UseMediaMap1"}) {
-    EXPECT_EQ(Lookups(name), 1u) << name;
-  }
-  EXPECT_EQ(Lookups("KQ.JX.PlaybackCompressionOptionR"), 0u) << "compression is off";
-  EXPECT_EQ(Lookups("KQ.JX.WriteToDiskPriorityR"), 0u) << "improved behaviour is off";
-}
-
-// Values set before first use are the ones read (a write priority of 3 or more falls back to 2),
-// and kept when the entries change later. The playback option is read only once compression is on.
+// A write priority of 3 or more falls back to 2; the playback option is read only once
+// compression is on.
 TEST(SettingsTest, SetValuesAreReadOnceAndKeptForTheProcess) {
   zelappsupport::feature::SetFeatureEnabled(kJX_ImprovedDiskCacheFeature, true);
   DebugDatabase::Instance().SetEntry("KQ.JX.WriteToDiskPriorityR", "7");
@@ -187,28 +157,21 @@ TEST(SettingsTest, SetValuesAreReadOnceAndKeptForTheProcess) {
   EXPECT_EQ(jx::settings::WriteToDiskPriority(), 2);
   EXPECT_DOUBLE_EQ(jx::settings::LowPriorityFactor(), 4.5);
   EXPECT_EQ(JX_GetPlaybackCompressionAllowedOption(), kJX_CompressionAllowedForPlayback);
-  DebugDatabase::Instance().SetEntry("KQ.JX.LowPriorityFactorR", "8");
   DebugDatabase::Instance().SetEntry("KQ.JX.PlaybackCompressionOptionR", "0");
-  EXPECT_DOUBLE_EQ(jx::settings::LowPriorityFactor(), 4.5);
   EXPECT_EQ(JX_GetPlaybackCompressionAllowedOption(), kJX_CompressionAllowedForPlayback);
   EXPECT_EQ(Lookups("KQ.JX.PlaybackCompressionOptionR"), 1u);
 }
 
-TEST(SettingsTest, PlaybackCompressionSettingZeroGivesOptionOne) {
-  DebugDatabase::Instance().SetEntry("KQ.IsDiskCompressionEnabledR", "true");
-  DebugDatabase::Instance().SetEntry("KQ.JX.PlaybackCompressionOptionR", "0");
-  EXPECT_EQ(JX_GetPlaybackCompressionAllowedOption(), kJX_CompressionAllowed);
-}
-
-// The write priority is not read while the improved behaviour is off, so a value set then is
-// still the one read once the playback-from-disk logic turns the behaviour on.
+// Neither the write priority nor the playback option is read while its switch is off, so a value
+// set then is still the one read once the switch is on.
 TEST(SettingsTest, WritePriorityIsReadOnlyOnceImprovedBehaviourIsOn) {
   DebugDatabase::Instance().SetEntry("KQ.JX.WriteToDiskPriorityR", "0");
   ASSERT_FALSE(JX_IsImprovedDiskCacheBehaviorFullyEnabled());
   EXPECT_EQ(jx::settings::WriteToDiskPriority(), 2);
+  EXPECT_EQ(JX_GetPlaybackCompressionAllowedOption(), kJX_CompressionNotAllowed);
   EXPECT_EQ(Lookups("KQ.JX.WriteToDiskPriorityR"), 0u);
+  EXPECT_EQ(Lookups("KQ.JX.PlaybackCompressionOptionR"), 0u);
   JX_PlaybackFromDiskLogicIsEnabled();
-  EXPECT_TRUE(JX_IsImprovedDiskCacheBehaviorFullyEnabled());
   EXPECT_EQ(jx::settings::WriteToDiskPriority(), 0);
   EXPECT_EQ(jx::settings::WriteToDiskPriority(), 0);
   EXPECT_EQ(Lookups("KQ.JX.WriteToDiskPriorityR"), 1u);

@@ -1,5 +1,5 @@
-// The statistics a host shows: every counter moves with the work it counts, a reset zeroes the
-// counters and keeps the states, and the text and JSON forms carry exactly the list.
+// Counters move with their work, a reset zeroes counters and keeps states, and the text and JSON
+// forms carry exactly the list.
 #include "jxcache/lifecycle/statistics.h"
 
 #include <gtest/gtest.h>

@@ -1,8 +1,5 @@
-// The media map under contention: render threads check items out and in (replacing what purges
-// took), the host adds media and squeezes its budget so that the manager purges through the
-// adapter, and the cache's own purge walk runs at the same time. No checked-out item may lose
-// its memory, nothing may deadlock (the test's time limit catches a hang), and at rest the books
-// must agree.
+// The media map under contention: renders, host purges and the cache's purge walk at once. No
+// checked-out item may lose its memory, nothing may deadlock, and at rest the books must agree.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -27,8 +24,8 @@ using zelcore::utility::IntrusivePtr;
 
 namespace {
 
-// The host picks a checked-out item; before its purge reaches the item, the item is checked in
-// and mirrored again. The purge then frees the memory and must take the new entry with it.
+// An item checked in (and mirrored again) while the host's purge of it is on its way: the purge
+// frees the memory and must take the new entry with it.
 TEST_F(MediaMapTest, HostPurgeRacingACheckinLeavesNoStaleEntry) {
   auto item = MakeItem(100);
   bag_->AddToBagAndSortDir(item);
@@ -50,8 +47,7 @@ TEST_F(MediaMapTest, HostPurgeRacingACheckinLeavesNoStaleEntry) {
   EXPECT_EQ(JX_GetMediaMapSize(), 0u);
 }
 
-// Fails the whole run, saying what it waited for, when `done` is not set within the limit: a
-// deadlock must end the test loudly, not wait for the test runner's time-out.
+// Ends the process, saying what hung, when not destroyed within the limit.
 class Watchdog {
  public:
   Watchdog(const char* what, std::chrono::seconds limit)
@@ -79,64 +75,10 @@ class Watchdog {
   std::thread thread_;
 };
 
-void RendersHostPurgesAndCachePurgesTogether(MediaMapTest& test);
-
-TEST_F(MediaMapTest, RendersHostPurgesAndCachePurgesTogether) {
-  Watchdog watchdog("renders, host purges and cache purges", std::chrono::seconds(90));
-  RendersHostPurgesAndCachePurgesTogether(*this);
-}
-
-// A host that enforces its budget inside a registration, and calls its purges back with its own
-// big lock held: the cache never calls the manager with its own locks held, so neither can
-// close a cycle of locks.
-TEST_F(MediaMapTest, AHostThatPurgesInsideRegistrationsAndUnderItsOwnLockNeverDeadlocks) {
-  auto manager = jx::standalone::MediaManagerPool();
-  manager->SetPurgeDuringRegistration(true);
-  manager->SetCallbacksUnderHostLock(true);
-  {
-    Watchdog watchdog(
-        "renders, host purges and cache purges with a host calling back under its lock",
-        std::chrono::seconds(90));
-    RendersHostPurgesAndCachePurgesTogether(*this);
-  }
-  EXPECT_GT(manager->GetPurgesDuringRegistration(), 0u) << "no purge ran inside a registration";
-  EXPECT_GT(manager->GetPurgeCallCount(), manager->GetPurgesDuringRegistration())
-      << "no purge came back under the host's lock from the host's own thread";
-}
-
-// The cycle itself, step by step: the host's purge holds the host's lock and waits for ours
-// inside its callback, while we, holding ours, mirror a new item. The host hears of the new item
-// only once we let go.
-TEST_F(MediaMapTest, AHostPurgeHoldingItsOwnLockNeverWaitsForAnAddThatWaitsForIt) {
-  auto manager = jx::standalone::MediaManagerPool();
-  manager->SetCallbacksUnderHostLock(true);
-  auto victim = MakeItem(100);
-  bag_->AddToBagAndSortDir(victim);
-  auto added = MakeItem(200);
-  std::thread hostPurge;
-  {
-    Watchdog watchdog("an add under the library lock while the host purges under its own",
-                      std::chrono::seconds(60));
-    {
-      JXp_ScLock lock;
-      hostPurge = std::thread(
-          [&] { manager->PurgeEntry(adapter_->GetMediaMapID(), victim->GetMediaMapID()); });
-      // The host's purge has reached our callback: it holds the host's lock and waits for ours.
-      while (adapter_->GetNumEntries() != 0) std::this_thread::yield();
-      bag_->AddToBagAndSortDir(added);
-      EXPECT_EQ(manager->GetBytesOfMap(adapter_->GetMediaMapID()), 0u)
-          << "the host heard of the new item while the library lock was held";
-    }
-    hostPurge.join();
-  }
-  EXPECT_FALSE(victim->IsInMemory());
-  EXPECT_EQ(manager->GetBytesOfMap(adapter_->GetMediaMapID()), 200u);
-  EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
-}
-
-void RendersHostPurgesAndCachePurgesTogether(MediaMapTest& test) {
-  JX_Bag* bag = test.Bag();
-  auto adapter = test.Adapter();
+// Render threads, the host's budget and the cache's purge walk at once, under a watchdog.
+void RendersHostPurgesAndCachePurgesTogether(JX_Bag* bag, const kq::JX_MediaMapImpl& adapter,
+                                             const char* what) {
+  Watchdog watchdog(what, std::chrono::seconds(90));
   constexpr int kRenderers = 3, kSlotsPerRenderer = 24, kRenderOps = 3000;
   constexpr int kHostOps = 1000, kPurgeOps = 400;
   const uint32_t seed = std::getenv("JX_SEED") ? std::atoi(std::getenv("JX_SEED")) : 2024;
@@ -203,7 +145,52 @@ void RendersHostPurgesAndCachePurgesTogether(MediaMapTest& test) {
   purgeThread.join();
 
   EXPECT_EQ(violations.load(), 0) << "a checked-out item lost its memory";
-  EXPECT_EQ(CheckMediaMapBooks(*adapter, *bag), "");
+  EXPECT_EQ(CheckMediaMapBooks(adapter, *bag), "");
+}
+
+TEST_F(MediaMapTest, RendersHostPurgesAndCachePurgesTogether) {
+  RendersHostPurgesAndCachePurgesTogether(bag_.get(), *adapter_, "renders and purges");
+}
+
+// A host that purges inside registrations and calls back under its own lock: the cache never
+// calls the manager with its own locks held, so no cycle of locks can close.
+TEST_F(MediaMapTest, AHostThatPurgesInsideRegistrationsAndUnderItsOwnLockNeverDeadlocks) {
+  auto manager = jx::standalone::MediaManagerPool();
+  manager->SetPurgeDuringRegistration(true);
+  manager->SetCallbacksUnderHostLock(true);
+  RendersHostPurgesAndCachePurgesTogether(bag_.get(), *adapter_, "renders, host under its lock");
+  EXPECT_GT(manager->GetPurgesDuringRegistration(), 0u) << "no purge ran inside a registration";
+  EXPECT_GT(manager->GetPurgeCallCount(), manager->GetPurgesDuringRegistration())
+      << "no purge came back under the host's lock from the host's own thread";
+}
+
+// The cycle step by step: the host's purge, under its lock, waits for ours in its callback while
+// we, holding ours, mirror a new item; the host hears of it only once we let go.
+TEST_F(MediaMapTest, AHostPurgeHoldingItsOwnLockNeverWaitsForAnAddThatWaitsForIt) {
+  auto manager = jx::standalone::MediaManagerPool();
+  manager->SetCallbacksUnderHostLock(true);
+  auto victim = MakeItem(100);
+  bag_->AddToBagAndSortDir(victim);
+  auto added = MakeItem(200);
+  std::thread hostPurge;
+  {
+    Watchdog watchdog("an add under the library lock while the host purges under its own",
+                      std::chrono::seconds(60));
+    {
+      JXp_ScLock lock;
+      hostPurge = std::thread(
+          [&] { manager->PurgeEntry(adapter_->GetMediaMapID(), victim->GetMediaMapID()); });
+      // The host's purge has reached our callback: it holds the host's lock and waits for ours.
+      while (adapter_->GetNumEntries() != 0) std::this_thread::yield();
+      bag_->AddToBagAndSortDir(added);
+      EXPECT_EQ(manager->GetBytesOfMap(adapter_->GetMediaMapID()), 0u)
+          << "the host heard of the new item while the library lock was held";
+    }
+    hostPurge.join();
+  }
+  EXPECT_FALSE(victim->IsInMemory());
+  EXPECT_EQ(manager->GetBytesOfMap(adapter_->GetMediaMapID()), 200u);
+  EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
 }
 
 }  // namespace

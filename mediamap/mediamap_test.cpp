@@ -1,5 +1,5 @@
-// The media-map adapter: what is mirrored, re-adding, purges by ID, host purges through the
-// manager (checked-out and pinned items survive them), and exact totals over random sequences.
+// The media-map adapter: what is mirrored, purges by ID and through the host's manager, the miss
+// reason of what the manager took, and exact totals over random sequences.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -8,6 +8,9 @@
 #include <vector>
 
 #include "jxcache/bag/bag.h"
+#include "jxcache/items/sc_checkout.h"
+#include "jxcache/lifecycle/miss_reasons.h"
+#include "jxcache/lifecycle/statistics.h"
 #include "mediamap/media_map_hooks.h"
 #include "mediamap/mediamap_test_support.h"
 #include "standalone/standalone_host.h"
@@ -15,6 +18,7 @@
 namespace cf = jx::checkout_flags;
 using jx::testing::CheckMediaMapBooks;
 using jx::testing::MakeItem;
+using jx::testing::MakeRequest;
 using jx::testing::MediaMapTest;
 using jx::testing::PayloadOf;
 using jx::testing::TestPayload;
@@ -24,8 +28,8 @@ using zelcore::utility::IntrusivePtr;
 
 namespace {
 
-// Only items in memory with a size are mirrored, each once: re-adding one (as every check-in
-// does) erases its old entry first, after telling the host that entry was used again.
+// Only items in memory with a size are mirrored, each once; re-adding one (as every check-in
+// does) tells the host the old entry was used, then replaces it.
 TEST_F(MediaMapTest, MirrorsInMemoryItemsOnceAndRenewsTheirEntry) {
   auto item = MakeItem(100), empty = MakeItem(0), purged = MakeItem(70);
   bag_->AddToBagAndSortDir(item);
@@ -49,9 +53,7 @@ TEST_F(MediaMapTest, MirrorsInMemoryItemsOnceAndRenewsTheirEntry) {
   EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
 }
 
-// The host may hand back an ID it was never given, an entry of the map that mirrors no item, or
-// the entry of an item no longer in the bag. None of these frees an item: the last one's memory
-// goes with its last reference.
+// An unknown ID, an entry without an item, or that of an item no longer in the bag frees nothing.
 TEST_F(MediaMapTest, PurgesOfEntriesWithoutAnItemInTheBagFreeNothing) {
   const int liveBefore = TestPayload::LiveCount().load();
   auto kept = MakeItem(100), removed = MakeItem(50);
@@ -72,9 +74,8 @@ TEST_F(MediaMapTest, PurgesOfEntriesWithoutAnItemInTheBagFreeNothing) {
   EXPECT_EQ(TestPayload::LiveCount().load(), liveBefore + 1);
 }
 
-// The host and the cache are one pool: the host's budget drops the oldest entries, its own media
-// and our items alike, but never frees an item that is checked out or pinned. A pin does not
-// count: one MakePurgeable undoes any number of MakeNonPurgeable.
+// The host's budget drops the oldest entries, its media and our items alike, but never a checked
+// out or pinned item. One MakePurgeable undoes any number of MakeNonPurgeable.
 TEST_F(MediaMapTest, HostPurgeFreesTheOldestButNeverACheckedOutOrPinnedItem) {
   auto manager = jx::standalone::MediaManagerPool();
   manager->AddHostMedia(100);  // the oldest entry of the pool
@@ -109,8 +110,21 @@ TEST_F(MediaMapTest, HostPurgeFreesTheOldestButNeverACheckedOutOrPinnedItem) {
   EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
 }
 
-// Any sequence of adds, check-outs and check-ins, purges of every kind, removals and re-adds
-// leaves the books exact after every step.
+TEST_F(MediaMapTest, AnItemTheMediaManagerTookBackMissesForThatReason) {
+  JX_ResetStatistics();
+  auto item = MakeItem(100);
+  bag_->AddToBagAndSortDir(item);
+  jx::standalone::MediaManagerPool()->SetBudget(0);
+  ASSERT_FALSE(item->IsInMemory());
+  JX_ScCheckout handle;
+  EXPECT_EQ(handle.FindAndCheckout(MakeRequest(item->GetGuid()), cf::kReadOnly),
+            kJX_CheckoutRefused);
+  const JX_MissReasons all = JX_GetMissReasonsTotal();
+  EXPECT_EQ(all.byReason[kJX_MissMediaManager], 1);
+  EXPECT_EQ(all.total, 1);
+}
+
+// Any sequence of adds, check-outs and check-ins, purges, removals and re-adds keeps the books.
 TEST_F(MediaMapTest, RandomSequencesKeepTheTotalsExact) {
   const uint32_t seed = std::getenv("JX_SEED") ? std::atoi(std::getenv("JX_SEED")) : 7;
   std::cout << "seed " << seed << "\n";

@@ -1,5 +1,4 @@
-// Test support for the media map: a library fixture with the media map on, and a check of the
-// adapter's books against the items and the media manager.
+// A library fixture with the media map on, and a check of its books against items and manager.
 #pragma once
 
 #include <chrono>
@@ -17,10 +16,6 @@
 namespace jx::testing {
 
 class MediaMapTest : public LibraryTest {
- public:
-  JX_Bag* Bag() const { return bag_.get(); }
-  const std::shared_ptr<kq::JX_MediaMapImpl>& Adapter() const { return adapter_; }
-
  protected:
   void Birth() override {
     jx::standalone::MediaManagerPool()->Reset();
@@ -34,21 +29,15 @@ class MediaMapTest : public LibraryTest {
     adapter_.reset();
     LibraryTest::TearDown();
   }
-  uint64_t ManagerBytes() const {
-    return jx::standalone::MediaManagerPool()->GetBytesOfMap(adapter_->GetMediaMapID());
-  }
 
   std::shared_ptr<kq::JX_MediaMapImpl> adapter_;
 };
 
-// Empty when consistent, else what is wrong. Mirrored items must be in memory, in `bag`, carry
-// their entry's ID and be mirrored once at their payload's size; the adapter's total, the sum of
-// its entries and what the manager holds for it must agree; every in-memory bag item that is not
-// checked out must be mirrored (one purged while checked out is mirrored again at check-in).
+// Empty when consistent, else what is wrong. Every idle in-memory bag item is mirrored once, in
+// `bag`, at its size and ID; the adapter's total, its entries and the manager's figure agree.
 inline std::string CheckMediaMapBooks(const kq::JX_MediaMapImpl& adapter, JX_Bag& bag) {
   std::ostringstream why;
-  // The manager hears of changes once the library's locks are let go, and of those made inside
-  // its own callbacks from a background thread: everything posted so far must have reached it.
+  // The manager hears of changes after the library's locks go (or from a background thread).
   using jx::mediamap::ManagerOutbox;
   const uint64_t posted = ManagerOutbox::Posted();
   ManagerOutbox::Deliver();

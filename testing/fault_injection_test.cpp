@@ -18,8 +18,7 @@ namespace {
 using testing::ScratchFolder;
 using testing::WriteWholeFile;
 
-// Makes one call of `op`. Setup uses other operations only, so the call the plan aims at is
-// the only call of `op` made.
+// Makes one call of `op`, and none in its setup.
 void OneCallOf(FileOp op, const File& f, const File& g) {
   if (op == FileOp::kCreate) {
     ::unlink(f.GetPath().c_str());
@@ -157,8 +156,7 @@ void ReachOnce(CrashPoint point, const Dir& dir) {
   }
 }
 
-// A planned kill ends the process at exactly the planned reach of its point, not before: the
-// reaches before it return, the planned one never does.
+// A planned kill ends the process at exactly the planned reach of its point, not before.
 TEST(FaultInjectionDeathTest, PlannedKillEndsTheProcessAtTheNthReach) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   for (int p = 0; p < kCrashPointCount; ++p) {

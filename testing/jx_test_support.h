@@ -44,7 +44,6 @@ class TestPayload : public JX_StuffData {
   void SetReportedSize(unsigned int size) { size_ = size; }
   // When set, the payload refuses requests of another variant (same GUID, other request).
   void SetVariant(int variant) { variant_ = variant; }
-  int Variant() const { return variant_; }
   // A payload that can stand in for every variant (while requests of its own variant only
   // accept it): makes the direction of CanSatisfyRequest observable.
   void SetSatisfiesAnyVariant(bool any) { satisfiesAny_ = any; }
