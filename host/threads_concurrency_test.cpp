@@ -526,9 +526,9 @@ TEST(QueueOnlyOnce, CoalescesWhileQueuedAndRequeuesOnceStarted) {
 TEST(QueueOnlyOnce, CancelAndDestructionDropQueuedRunsAndWaitForRunning) {
   auto pool = CreateIOBoundExecutor(2);
   std::atomic<int> runs{0};
+  const auto count = [&] { ++runs; };
   {
-    QueueOnlyOnce once(
-        pool, [&] { ++runs; }, 10, 0);
+    QueueOnlyOnce once(pool, count, 10, 0);
     EXPECT_TRUE(once.Queue());
     once.Cancel();
     EXPECT_FALSE(once.IsQueued());
@@ -553,13 +553,10 @@ TEST(QueueOnlyOnce, CancelAndDestructionDropQueuedRunsAndWaitForRunning) {
   EXPECT_TRUE(finished);
 
   // Refused at once, delayed or not: a refusal must not wait for the delay to be noticed.
-  QueueOnlyOnce afterShutdown(
-      pool, [&] { ++runs; }, 0, 0);
-  QueueOnlyOnce delayedAfterShutdown(
-      pool, [&] { ++runs; }, 10, 0);
+  QueueOnlyOnce afterShutdown(pool, count, 0, 0);
+  QueueOnlyOnce delayedAfterShutdown(pool, count, 10, 0);
   auto sub = CreateSubExecutor(CreateIOBoundExecutor(1), 1);
-  QueueOnlyOnce delayedOnStoppedSub(
-      sub, [&] { ++runs; }, 10, 0);
+  QueueOnlyOnce delayedOnStoppedSub(sub, count, 10, 0);
   pool->Shutdown();
   sub->StopTakingWork();
   EXPECT_FALSE(pool->IsTakingWork());

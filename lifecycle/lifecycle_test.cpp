@@ -62,8 +62,7 @@ TEST(LifecycleTest, StartUpRefusedForMemoryChangesNothing) {
   JX_Death();
 }
 
-// Under the Gfxpak limit the media manager is told the cache's maximum and the media map stays
-// off; otherwise the media map is used when allowed.
+// Under the Gfxpak limit the manager is told the cache's maximum; otherwise the media map is used.
 TEST(LifecycleTest, StartUpChoosesBetweenTheGfxpakLimitAndTheMediaMap) {
   QuietHost();
   zelappsupport::feature::SetFeatureEnabled(kJX_GfxpakLimitFeature, true);
@@ -73,8 +72,7 @@ TEST(LifecycleTest, StartUpChoosesBetweenTheGfxpakLimitAndTheMediaMap) {
   } cases[] = {{true, true, true, false}, {false, false, false, false}, {true, false, false, true}};
   for (const auto& c : cases) {
     JX_Birth(c.mediaMapAllowed, 1, c.gfxpakAllowed);
-    // Under the Gfxpak limit the media-map setting is not consulted at all: the first case
-    // starts the process under it.
+    // Under the limit (the first case) the media-map setting is not even read.
     if (c.limit) {
       EXPECT_EQ(Lookups("JX.UseMediaMap1"), 0u);
     }
@@ -147,8 +145,7 @@ TEST(LifecycleTest, ASecondStartUpDetachesTheFirstOnesMediaMap) {
   }
 }
 
-// A write priority of 3 or more falls back to 2; the playback option is read only once
-// compression is on.
+// A write priority of 3 or more falls back to 2; the playback option is read once.
 TEST(SettingsTest, SetValuesAreReadOnceAndKeptForTheProcess) {
   zelappsupport::feature::SetFeatureEnabled(kJX_ImprovedDiskCacheFeature, true);
   DebugDatabase::Instance().SetEntry("KQ.JX.WriteToDiskPriorityR", "7");

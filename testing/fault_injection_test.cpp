@@ -84,33 +84,32 @@ TEST(FaultInjectionTest, CountsFromNowAndHonoursOnceVersusPersistent) {
   ScratchFolder scratch;
   const File f = scratch.file("f");
   f.Create();
-  auto sizeFails = [&] {
-    try {
-      (void)f.Size();
-      return false;
-    } catch (const FileError&) {
-      return true;
+  // Which of the next `n` calls fail: 'x' a failure, '.' a success.
+  auto sizeCalls = [&](int n) {
+    std::string seen;
+    for (int i = 0; i < n; ++i) {
+      try {
+        (void)f.Size();
+        seen += '.';
+      } catch (const FileError&) {
+        seen += 'x';
+      }
     }
+    return seen;
   };
 
-  (void)f.Size();
-  (void)f.Size();
+  EXPECT_EQ(sizeCalls(2), "..");
   FaultInjection::FailNth(FileOp::kSize, 2, EIO);  // the second call from now, not the second ever
-  EXPECT_FALSE(sizeFails());
-  EXPECT_TRUE(sizeFails());
-  EXPECT_FALSE(sizeFails());
+  EXPECT_EQ(sizeCalls(3), ".x.");
   EXPECT_EQ(FaultInjection::CallCount(FileOp::kSize), 5u);
 
   FaultInjection::FailNth(FileOp::kSize, 2, EIO, true);
-  EXPECT_FALSE(sizeFails());
-  EXPECT_TRUE(sizeFails());
-  EXPECT_TRUE(sizeFails());
-  EXPECT_TRUE(sizeFails());
+  EXPECT_EQ(sizeCalls(4), ".xxx");
   EXPECT_EQ(FaultInjection::InjectedCount(), 4u);
   EXPECT_EQ(FaultInjection::CallCount(FileOp::kDelete), 0u);  // other operations are untouched
 
   FaultInjection::Reset();
-  EXPECT_FALSE(sizeFails());
+  EXPECT_EQ(sizeCalls(1), ".");
   EXPECT_EQ(FaultInjection::CallCount(FileOp::kSize), 1u);
   EXPECT_EQ(FaultInjection::InjectedCount(), 0u);
 
