@@ -159,8 +159,8 @@ TEST(SettingsTest, SetValuesAreReadOnceAndKeptForTheProcess) {
   EXPECT_EQ(Lookups("KQ.JX.PlaybackCompressionOptionR"), 1u);
 }
 
-// Neither the write priority nor the playback option is read while its switch is off, so a value
-// set then is still the one read once the switch is on.
+// The write priority is not read while the improved behaviour is off (a value set then is the one
+// read once it is on), nor the playback option while compression is off.
 TEST(SettingsTest, WritePriorityIsReadOnlyOnceImprovedBehaviourIsOn) {
   DebugDatabase::Instance().SetEntry("KQ.JX.WriteToDiskPriorityR", "0");
   ASSERT_FALSE(JX_IsImprovedDiskCacheBehaviorFullyEnabled());
