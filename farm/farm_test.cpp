@@ -30,36 +30,19 @@ double SecondsSince(Clock::time_point start) {
 
 uint64_t Count(const std::atomic<uint64_t>& counter) { return counter.load(); }
 
-// Polls `done` for up to 10 s.
-template <class Done>
-bool WaitFor(Done done) {
-  const auto deadline = Clock::now() + std::chrono::seconds(10);
-  while (!done()) {
-    if (Clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
-
-TEST(FarmValueTest, HeaderRoundTripsAndRefusesWhatDoesNotFit) {
+// The fields themselves come back through the store's round trips below.
+TEST(FarmValueTest, HeaderRefusesWhatDoesNotFit) {
+  using jx::farm::DecodeError;
   jx::farm::ValueHeader h;
   h.payloadLength = 5;
   h.hash = jx::farm::HashPayload("hello", 5);
-  h.computeSeconds = 0.25;
   h.guid = Guid::CreateUnique();
   h.matchName = "KeyedPayload";
-  h.writerNode = "node-a";
   const std::string value = jx::farm::EncodeHeader(h) + "hello";
   jx::farm::ValueHeader back;
   size_t at = 0;
-  ASSERT_EQ(jx::farm::DecodeHeader(value, &back, &at), jx::farm::DecodeError::kNone);
+  ASSERT_EQ(jx::farm::DecodeHeader(value, &back, &at), DecodeError::kNone);
   EXPECT_EQ(value.substr(at), "hello");
-  EXPECT_EQ(back.guid, h.guid);
-  EXPECT_EQ(back.hash, h.hash);
-  EXPECT_EQ(back.computeSeconds, 0.25);
-  EXPECT_EQ(back.writerNode, "node-a");
-
-  using jx::farm::DecodeError;
   EXPECT_EQ(jx::farm::DecodeHeader(value.substr(0, 20), &back, &at), DecodeError::kTooShort);
   EXPECT_EQ(jx::farm::DecodeHeader(value + "!", &back, &at), DecodeError::kBadLength);
   std::string badMagic = value;
@@ -90,7 +73,7 @@ TEST(FarmAddressTest, ParsesBothFormsAndRefusesOthers) {
 }
 
 // The server CI starts for the whole run (JX_FARM_TEST_ADDRESS) when there is one, else one of
-// the test's own on a unix socket: a value goes there, comes back whole, and expires there.
+// the test's own on a unix socket: a value goes there once, comes back whole, and expires there.
 TEST(FarmSharedServerTest, ValueRoundTripsThroughTheRunsServer) {
   RedisServer server;
   JX_SHARED_REDIS_OR_SKIP(server, RedisServer::Listen::kUnixSocket);
@@ -106,11 +89,24 @@ TEST(FarmSharedServerTest, ValueRoundTripsThroughTheRunsServer) {
   id.header = {1, 2, 3, 4, 5, 6, 7, 8};
   const auto b = jx::testing::KeyedBytes(jx::testing::SeedOfKey(id.guid), 100000);
   const std::string bytes(b.begin(), b.end());
+  auto& counters = jx::farm::GetCounters();
+  const uint64_t writes = Count(counters.writes), duplicates = Count(counters.duplicateWrites);
   EXPECT_EQ(store.Get(id).status, FarmStore::GetStatus::kMiss);
   ASSERT_EQ(store.Put(id, bytes, 0.5), FarmStore::PutStatus::kWritten);
   const FarmStore::Fetched got = store.Get(id);
   ASSERT_EQ(got.status, FarmStore::GetStatus::kHit);
   EXPECT_TRUE(got.payload == bytes);
+  EXPECT_EQ(got.computeSeconds, 0.5);
+  EXPECT_EQ(got.writerNode, "node-shared");
+  // First writer wins: a second write is a duplicate and leaves the value as it was.
+  EXPECT_EQ(store.Put(id, "other bytes", 0.1), FarmStore::PutStatus::kDuplicate);
+  EXPECT_EQ(Count(counters.writes), writes + 1);
+  EXPECT_EQ(Count(counters.duplicateWrites), duplicates + 1);
+  EXPECT_TRUE(store.Get(id).payload == bytes);
+  // The key carries the application version: a new version stops reading the old values.
+  auto newer = id;
+  newer.version += 1;
+  EXPECT_EQ(store.Get(newer).status, FarmStore::GetStatus::kMiss);
   const std::string key = jx::farm::KeyOf(id);
   EXPECT_EQ(server.Command({"EXISTS", key}), "1");
   const long ttl = std::stol(server.Command({"PTTL", key}));
@@ -142,6 +138,14 @@ class FarmTest : public jx::testing::DiskTest {
     std::string why;
     ASSERT_TRUE(JX_AttachFarmTier(c, &why)) << why;
     config_ = c;
+  }
+  // Attaches again with the defaults that `change` changes.
+  template <class Change>
+  void Reattach(Change change) {
+    JX_FarmConfig c;
+    change(c);
+    JX_DetachFarmTier();
+    Attach(c);
   }
 
   jx::farm::Identity IdentityOf(const Guid& guid, uint32_t size) {
@@ -175,83 +179,41 @@ class FarmTest : public jx::testing::DiskTest {
     auto* p = dynamic_cast<KeyedPayload*>(item->GetDataPtr().get());
     return p && p->HoldsBytesOf(guid);
   }
+  // Fills the pending item as its render would, and checks it in.
+  static void Render(JX_ScCheckout& handle, uint32_t size) {
+    auto item = handle.GetStuffPtr();
+    item->SetStuffDataFromPendingRender(KeyedPayload::ForKey(item->GetGuid(), size), 0.5);
+    handle.Checkin(0, 0.5);
+  }
 
   RedisServer server_;
   JX_FarmConfig config_;
   JX_StuffData::Header headerScratch_;
 };
 
-TEST_F(FarmTest, ValueRoundTripsOnceAndAnotherVersionDoesNotSeeIt) {
-  const Guid guid = Guid::CreateUnique();
-  const auto id = IdentityOf(guid, 4096);
-  EXPECT_EQ(Store().Get(id).status, FarmStore::GetStatus::kMiss);
-  ASSERT_EQ(Store().Put(id, Bytes(guid, 4096), 0.5), FarmStore::PutStatus::kWritten);
-  const FarmStore::Fetched got = Store().Get(id);
-  ASSERT_EQ(got.status, FarmStore::GetStatus::kHit);
-  EXPECT_EQ(got.payload, Bytes(guid, 4096));
-  EXPECT_EQ(got.computeSeconds, 0.5);
-  EXPECT_EQ(got.writerNode, "node-test");
-  // First writer wins: a second write is a duplicate and leaves the value as it was.
-  EXPECT_EQ(Store().Put(id, "other bytes", 0.1), FarmStore::PutStatus::kDuplicate);
-  EXPECT_EQ(Count(jx::farm::GetCounters().writes), 1u);
-  EXPECT_EQ(Count(jx::farm::GetCounters().duplicateWrites), 1u);
-  EXPECT_EQ(Store().Get(id).payload, Bytes(guid, 4096));
-  // The key carries the application version: a new version stops reading the old values.
-  auto newer = id;
-  newer.version += 1;
-  EXPECT_EQ(Store().Get(newer).status, FarmStore::GetStatus::kMiss);
-  // It also works over a unix socket.
-  RedisServer local;
-  std::string why;
-  ASSERT_TRUE(local.Start(RedisServer::Listen::kUnixSocket, &why)) << why;
-  jx::farm::Address address;
-  ASSERT_TRUE(jx::farm::ParseAddress(local.Address(), &address, &why));
-  jx::farm::RedisPool pool({address});
-  FarmStore overSocket(pool, "node-b", {});
-  ASSERT_EQ(overSocket.Put(id, Bytes(guid, 100), 0.5), FarmStore::PutStatus::kWritten);
-  EXPECT_EQ(overSocket.Get(id).payload, Bytes(guid, 100));
-}
-
-TEST_F(FarmTest, CorruptValueIsCountedDeletedAndAMiss) {
-  const Guid guid = Guid::CreateUnique();
-  const auto id = IdentityOf(guid, 4096);
-  ASSERT_EQ(Store().Put(id, Bytes(guid, 4096), 0.5), FarmStore::PutStatus::kWritten);
-  const std::string key = jx::farm::KeyOf(id);
-  // One payload byte flipped on the server, as a bad disk or a stray writer would.
-  const std::string length = server_.Command({"STRLEN", key});
-  const long offset = std::stol(length) - 100;
-  const std::string old =
-      server_.Command({"GETRANGE", key, std::to_string(offset), std::to_string(offset)});
-  ASSERT_EQ(old.size(), 1u);
-  ASSERT_EQ(server_.Command({"SETRANGE", key, std::to_string(offset),
-                             std::string(1, static_cast<char>(old[0] ^ 0x40))}),
-            length);
-  EXPECT_EQ(Store().Get(id).status, FarmStore::GetStatus::kCorrupt);
-  EXPECT_EQ(Count(jx::farm::GetCounters().corrupt), 1u);
-  EXPECT_EQ(server_.Command({"EXISTS", key}), "0");
-  EXPECT_EQ(Store().Get(id).status, FarmStore::GetStatus::kMiss);
-  // A value whose header names another item is as bad as a damaged one.
-  const Guid other = Guid::CreateUnique();
-  ASSERT_EQ(Store().Put(IdentityOf(other, 64), Bytes(other, 64), 0.5),
-            FarmStore::PutStatus::kWritten);
-  ASSERT_EQ(server_.Command({"COPY", jx::farm::KeyOf(IdentityOf(other, 64)), key}), "1");
-  EXPECT_EQ(Store().Get(id).status, FarmStore::GetStatus::kCorrupt);
-  EXPECT_EQ(Count(jx::farm::GetCounters().corrupt), 2u);
-}
-
-// What another program (or an older build) may leave under a key: each is counted corrupt,
-// deleted, and a miss; the key then takes a good value again.
-TEST_F(FarmTest, ForeignValuesUnderTheKeyAreCountedMissesAndTheKeyRecovers) {
+// What a bad disk, a stray writer, another program or an older build may leave under a key: each
+// is counted corrupt, deleted, and a miss; the key then takes a good value again.
+TEST_F(FarmTest, DamagedOrForeignValuesAreCountedMissesAndTheKeyRecovers) {
   auto& counters = jx::farm::GetCounters();
   const Guid guid = Guid::CreateUnique();
   const auto id = IdentityOf(guid, 4096);
   const std::string key = jx::farm::KeyOf(id);
+  ASSERT_EQ(Store().Put(id, Bytes(guid, 4096), 0.5), FarmStore::PutStatus::kWritten);
+  const std::string offset = std::to_string(std::stol(server_.Command({"STRLEN", key})) - 100);
+  const std::string old = server_.Command({"GETRANGE", key, offset, offset});
+  ASSERT_EQ(old.size(), 1u);
+  const Guid other = Guid::CreateUnique();
+  ASSERT_EQ(Store().Put(IdentityOf(other, 64), Bytes(other, 64), 0.5),
+            FarmStore::PutStatus::kWritten);
   std::string version(2, '\0');
   version[0] = static_cast<char>(jx::farm::kFormatVersion + 1);
   const struct {
     const char* what;
     std::vector<std::string> damage;  // a command run on the good value
   } cases[] = {
+      {"one payload byte flipped",
+       {"SETRANGE", key, offset, std::string(1, static_cast<char>(old[0] ^ 0x40))}},
+      {"another item's value", {"COPY", jx::farm::KeyOf(IdentityOf(other, 64)), key, "REPLACE"}},
       {"garbage", {"SET", key, "not a farm value, just some bytes"}},
       {"a value longer than its header says", {"APPEND", key, "trailing"}},
       {"a header of another format version", {"SETRANGE", key, "4", version}},
@@ -265,18 +227,17 @@ TEST_F(FarmTest, ForeignValuesUnderTheKeyAreCountedMissesAndTheKeyRecovers) {
     EXPECT_EQ(Store().Get(id).status, FarmStore::GetStatus::kCorrupt);
     EXPECT_EQ(Count(counters.corrupt), ++expected);
     EXPECT_EQ(server_.Command({"EXISTS", key}), "0");
+    EXPECT_EQ(Store().Get(id).status, FarmStore::GetStatus::kMiss);
   }
   // Through the host's API: garbage under the key is a miss, the node computes and shares the
   // item, and the next reader gets the good value.
   ASSERT_EQ(server_.Command({"SET", key, "garbage again"}), "OK");
   {
     JX_ScCheckout handle;
-    auto item = Pending(handle, guid, 4096);
-    JX_ScFarmCompute farm(item);
+    JX_ScFarmCompute farm(Pending(handle, guid, 4096));
     ASSERT_EQ(farm.Fetch(), JX_ScFarmCompute::kComputeHere);
     EXPECT_EQ(Count(counters.corrupt), expected + 1);
-    item->SetStuffDataFromPendingRender(KeyedPayload::ForKey(guid, 4096), 0.5);
-    handle.Checkin(0, 0.5);
+    Render(handle, 4096);
     farm.Publish();
   }
   ASSERT_TRUE(JX_WaitForFarmWrites(5000));
@@ -288,10 +249,7 @@ TEST_F(FarmTest, ForeignValuesUnderTheKeyAreCountedMissesAndTheKeyRecovers) {
 TEST_F(FarmTest, LargeValueGoesInPartsAndAMissingPartIsAMiss) {
   // Reading 9 MiB back can take longer than the default command time-out on a loaded machine
   // (a fault, not a hit); time-outs are another test's subject.
-  JX_DetachFarmTier();
-  JX_FarmConfig slow;
-  slow.commandTimeoutMs = 10000;
-  Attach(slow);
+  Reattach([](JX_FarmConfig& c) { c.commandTimeoutMs = 10000; });
   const Guid guid = Guid::CreateUnique();
   const uint32_t size = (9u << 20) + 123;  // two parts of 8 MiB at most
   const auto id = IdentityOf(guid, size);
@@ -307,32 +265,24 @@ TEST_F(FarmTest, LargeValueGoesInPartsAndAMissingPartIsAMiss) {
   EXPECT_EQ(Store().Put(id, Bytes(guid, size), 1.0), FarmStore::PutStatus::kDuplicate);
   EXPECT_EQ(jx::testing::ReplyLines(server_.Command({"KEYS", key + ":part:*"})).size(), 2u);
 
-  // A part deleted between the writer's commit and our read (evicted, expired).
-  const Guid guid2 = Guid::CreateUnique();
-  const auto id2 = IdentityOf(guid2, size);
-  ASSERT_EQ(Store().Put(id2, Bytes(guid2, size), 1.0), FarmStore::PutStatus::kWritten);
-  const std::string key2 = jx::farm::KeyOf(id2);
-  // The part's name is the writer's; find the second one through the server.
+  // A part deleted between the writer's commit and our read (evicted, expired); its name is the
+  // writer's, so find the second one through the server.
   const std::string second =
       server_.Command({"EVAL",
                        "for _, k in ipairs(redis.call('keys', ARGV[1])) do "
                        "if string.sub(k, -2) == ':1' then return k end end return ''",
-                       "0", key2 + ":part:*"});
+                       "0", key + ":part:*"});
   ASSERT_NE(second.find(":part:"), std::string::npos) << second;
   ASSERT_EQ(server_.Command({"DEL", second}), "1");
-  EXPECT_EQ(Store().Get(id2).status, FarmStore::GetStatus::kMissingPart);
+  EXPECT_EQ(Store().Get(id).status, FarmStore::GetStatus::kMissingPart);
   EXPECT_EQ(Count(jx::farm::GetCounters().missingParts), 1u);
   // The broken value is gone, so that the next compute can put it back.
-  EXPECT_EQ(server_.Command({"EXISTS", key2}), "0");
-  EXPECT_EQ(Store().Put(id2, Bytes(guid2, size), 1.0), FarmStore::PutStatus::kWritten);
+  EXPECT_EQ(server_.Command({"EXISTS", key}), "0");
+  EXPECT_EQ(Store().Put(id, Bytes(guid, size), 1.0), FarmStore::PutStatus::kWritten);
 }
 
 TEST_F(FarmTest, ServerFaultsAreBoundedCountedMisses) {
-  JX_DetachFarmTier();
-  JX_FarmConfig c;
-  c.commandTimeoutMs = 200;
-  c.connectTimeoutMs = 200;
-  Attach(c);
+  Reattach([](JX_FarmConfig& c) { c.connectTimeoutMs = c.commandTimeoutMs = 200; });
   auto& counters = jx::farm::GetCounters();
   const Guid guid = Guid::CreateUnique();
   const auto id = IdentityOf(guid, 1024);
@@ -377,22 +327,17 @@ TEST_F(FarmTest, ServerFaultsAreBoundedCountedMisses) {
   EXPECT_GE(Count(counters.connectionErrors), connectionErrors + 2);
   // Through the host's API it is a plain miss: compute it here.
   JX_ScCheckout handle;
-  auto item = Pending(handle, Guid::CreateUnique(), 1024);
   {
-    JX_ScFarmCompute farm(item);
+    JX_ScFarmCompute farm(Pending(handle, Guid::CreateUnique(), 1024));
     EXPECT_EQ(farm.Fetch(), JX_ScFarmCompute::kComputeHere);
     EXPECT_FALSE(farm.HoldsLease());
   }
-  item->SetStuffDataFromPendingRender(KeyedPayload::ForKey(item->GetGuid(), 1024), 0.5);
-  handle.Checkin(0, 0.5);
+  Render(handle, 1024);
   EXPECT_GE(Count(counters.errors), 5u);
 }
 
 TEST_F(FarmTest, ComputingNodeHoldsARenewedLeaseAndPublishesOnTheWriter) {
-  JX_DetachFarmTier();
-  JX_FarmConfig c;
-  c.leaseMs = 300;
-  Attach(c);
+  Reattach([](JX_FarmConfig& c) { c.leaseMs = 300; });
   const Guid guid = Guid::CreateUnique();
   const auto id = IdentityOf(guid, 64 << 10);
   const std::string lease = jx::farm::LeaseKeyOf(jx::farm::KeyOf(id));
@@ -405,8 +350,7 @@ TEST_F(FarmTest, ComputingNodeHoldsARenewedLeaseAndPublishesOnTheWriter) {
   // A compute three times as long as the lease: renewal keeps it.
   std::this_thread::sleep_for(std::chrono::milliseconds(900));
   EXPECT_EQ(server_.Command({"EXISTS", lease}), "1");
-  item->SetStuffDataFromPendingRender(KeyedPayload::ForKey(guid, 64 << 10), 0.5);
-  handle.Checkin(0, 0.5);
+  Render(handle, 64 << 10);
   farm.Publish();
   ASSERT_TRUE(JX_WaitForFarmWrites(5000));
   EXPECT_EQ(Count(jx::farm::GetCounters().writes), 1u);
@@ -444,52 +388,45 @@ TEST_F(FarmTest, WaiterGetsTheOtherNodesValueAndWritesItLocallyOnly) {
   // The host checks the hit in like a render: the local disk writer takes it; the farm does not.
   handle.Checkin(0, farm.FetchedComputeSeconds());
   farm.Publish();  // a host that always publishes: a farm hit is not offered back
-  ASSERT_TRUE(WaitFor([&] { return item->HasDiskCacheFile(); }));
+  ASSERT_TRUE(jx::testing::EventuallyTrue([&] { return item->HasDiskCacheFile(); }));
   EXPECT_TRUE(JX_WaitForFarmWrites(5000));
   EXPECT_EQ(Count(counters.writes), 1u);  // the other node's, none of ours
   EXPECT_EQ(Count(counters.duplicateWrites), 0u);
 }
 
-TEST_F(FarmTest, LeaseOfADeadNodeIsTakenOverAfterItLapses) {
-  const Guid guid = Guid::CreateUnique();
-  const auto id = IdentityOf(guid, 1024);
-  // A node that took the lease and died: nobody renews it.
-  ASSERT_EQ(Store().TakeLease(jx::farm::KeyOf(id), "node-dead/1", std::chrono::milliseconds(400)),
-            FarmStore::LeaseStatus::kTaken);
-  JX_ScCheckout handle;
-  auto item = Pending(handle, guid, 1024);
-  JX_ScFarmCompute farm(item);
-  const auto start = Clock::now();
-  EXPECT_EQ(farm.Fetch(), JX_ScFarmCompute::kComputeHere);
-  EXPECT_GE(SecondsSince(start), 0.3);
-  EXPECT_TRUE(farm.HoldsLease());
-  EXPECT_EQ(Count(jx::farm::GetCounters().leaseTakeovers), 1u);
-  item->SetStuffDataFromPendingRender(KeyedPayload::ForKey(guid, 1024), 0.5);
-  handle.Checkin(0, 0.5);
-}
-
-TEST_F(FarmTest, WaitForALiveNodeEndsAtTheWaitLimit) {
-  JX_DetachFarmTier();
-  JX_FarmConfig c;
-  c.leaseWaitMs = 300;
-  Attach(c);
-  const Guid guid = Guid::CreateUnique();
-  const std::string key = jx::farm::KeyOf(IdentityOf(guid, 1024));
-  // A live node whose compute outlasts our patience.
-  ASSERT_EQ(Store().TakeLease(key, "node-slow/1", std::chrono::milliseconds(60000)),
-            FarmStore::LeaseStatus::kTaken);
-  JX_ScCheckout handle;
-  auto item = Pending(handle, guid, 1024);
-  JX_ScFarmCompute farm(item);
-  const auto start = Clock::now();
-  EXPECT_EQ(farm.Fetch(), JX_ScFarmCompute::kComputeHere);
-  const double waited = SecondsSince(start);
-  EXPECT_GE(waited, 0.29);
-  EXPECT_LT(waited, 1.5);
-  EXPECT_FALSE(farm.HoldsLease());
-  EXPECT_EQ(Count(jx::farm::GetCounters().leaseWaitsGivenUp), 1u);
-  item->SetStuffDataFromPendingRender(KeyedPayload::ForKey(guid, 1024), 0.5);
-  handle.Checkin(0, 0.5);
+// Another node's lease ends a wait either way: one that nobody renews lapses and is taken over;
+// a live node's compute that outlasts the wait limit is not, and this node computes without it.
+TEST_F(FarmTest, AWaitForAnotherNodesLeaseEndsAtItsLapseOrAtTheWaitLimit) {
+  using Counter = std::atomic<uint64_t> jx::farm::Counters::*;
+  const struct {
+    const char* what;
+    uint32_t leaseWaitMs, leaseMs;
+    double minWait;
+    bool takesOver;
+    Counter counter;
+  } cases[] = {
+      {"a dead node", 10000, 400, 0.3, true, &jx::farm::Counters::leaseTakeovers},
+      {"a slow node", 300, 60000, 0.29, false, &jx::farm::Counters::leaseWaitsGivenUp},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    Reattach([&](JX_FarmConfig& config) { config.leaseWaitMs = c.leaseWaitMs; });
+    jx::farm::ResetCounters();
+    const Guid guid = Guid::CreateUnique();
+    ASSERT_EQ(Store().TakeLease(jx::farm::KeyOf(IdentityOf(guid, 1024)), "node-other/1",
+                                std::chrono::milliseconds(c.leaseMs)),
+              FarmStore::LeaseStatus::kTaken);
+    JX_ScCheckout handle;
+    JX_ScFarmCompute farm(Pending(handle, guid, 1024));
+    const auto start = Clock::now();
+    EXPECT_EQ(farm.Fetch(), JX_ScFarmCompute::kComputeHere);
+    const double waited = SecondsSince(start);
+    EXPECT_GE(waited, c.minWait);
+    EXPECT_LT(waited, 1.5);
+    EXPECT_EQ(farm.HoldsLease(), c.takesOver);
+    EXPECT_EQ(Count(jx::farm::GetCounters().*c.counter), 1u);
+    Render(handle, 1024);
+  }
 }
 
 }  // namespace
