@@ -1,13 +1,10 @@
 // A compute that the plug-in abandons (its compute fails) while other callers wait for it: every
-// waiter wakes with the failure, and soon. Prints the distribution of the time from the failing
-// compute's return to each waiter's return; asserts only a generous bound (timing is for
-// reading, not for failing on a busy machine).
+// waiter wakes with the failure, and soon (a generous bound: a busy machine must not fail it).
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <thread>
 #include <vector>
 
@@ -33,13 +30,8 @@ bool WaitUntil(const std::function<bool()>& done) {
   return true;
 }
 
-double Percentile(std::vector<double> v, double p) {
-  std::sort(v.begin(), v.end());
-  return v[std::min(v.size() - 1, static_cast<size_t>(p * static_cast<double>(v.size())))];
-}
-
 TEST_F(ComputeAbandonTest, WaitersOfAnAbandonedComputeWakePromptly) {
-  std::vector<double> latencyUs;
+  Clock::duration slowest{};
   for (int round = 0; round < kRounds; ++round) {
     const uint64_t waitsBefore = JX_GetStuffCounters().pendingWaits.load();
     std::atomic<bool> computing{false};
@@ -74,21 +66,9 @@ TEST_F(ComputeAbandonTest, WaitersOfAnAbandonedComputeWakePromptly) {
     }
     computeThread.join();
     for (auto& t : waiters) t.join();
-    for (const auto& t : wokeAt) {
-      latencyUs.push_back(std::chrono::duration<double, std::micro>(t - abandonedAt).count());
-    }
+    for (const auto& t : wokeAt) slowest = std::max(slowest, t - abandonedAt);
   }
-  const double p50 = Percentile(latencyUs, 0.50);
-  const double p99 = Percentile(latencyUs, 0.99);
-  const double max = *std::max_element(latencyUs.begin(), latencyUs.end());
-  std::printf(
-      "abandoned compute, %d waiters x %d rounds: wake latency p50 %.0f us, p99 %.0f us, "
-      "max %.0f us\n",
-      kWaiters, kRounds, p50, p99, max);
-  RecordProperty("wake_p50_us", static_cast<int>(p50));
-  RecordProperty("wake_p99_us", static_cast<int>(p99));
-  RecordProperty("wake_max_us", static_cast<int>(max));
-  EXPECT_LT(max, 1e6) << "a waiter slept through the abandonment";
+  EXPECT_LT(slowest, std::chrono::seconds(1)) << "a waiter slept through the abandonment";
 }
 
 }  // namespace

@@ -212,22 +212,31 @@ TEST_F(DiskFileTest, ScanAdoptsOnlyFilesOfThisVersionAndKeepsGoing) {
   ExpectReadsBack(diskOnly, 9);
 }
 
+// Out of memory is a failed read like any other: a damaged header that claims a huge payload
+// fails that way on every try, so the file goes too.
 TEST_F(DiskFileTest, AFailedReadDeletesTheFileAndTheItemIsRecomputed) {
-  const std::function<void(const File&)> faults[] = {
-      [](const File& f) { std::filesystem::resize_file(f.GetPath(), kSize / 2); },
-      [](const File& f) { std::filesystem::resize_file(f.GetPath(), 0); },
-      [](const File&) { FaultInjection::FailNth(FileOp::kRead, 1, EIO); },
-      [](const File&) { FaultInjection::FailNth(FileOp::kOpen, 1, EACCES); },
+  using Fault = std::function<void(const File&, HookedPayload&)>;
+  const std::pair<const char*, Fault> faults[] = {
+      {"cut short",
+       [](const File& f, auto&) { std::filesystem::resize_file(f.GetPath(), kSize / 2); }},
+      {"emptied", [](const File& f, auto&) { std::filesystem::resize_file(f.GetPath(), 0); }},
+      {"read error", [](const File&, auto&) { FaultInjection::FailNth(FileOp::kRead, 1, EIO); }},
+      {"open refused",
+       [](const File&, auto&) { FaultInjection::FailNth(FileOp::kOpen, 1, EACCES); }},
+      {"out of memory", [](const File&, HookedPayload& p) { p.failNextRead = true; }},
   };
-  for (const auto& fault : faults) {
-    auto item = AddItem();
+  for (const auto& [what, fault] : faults) {
+    SCOPED_TRACE(what);
+    auto* payload = new HookedPayload(kSize, 5, true);
+    auto item = AddItem(payload);
     const File file = WriteAndPurge(item);
-    fault(file);
+    fault(file, *payload);
     const uint32_t failedReads = counters_.failedReads;
     EXPECT_THROW(item->EnsureInMemory(), int);
     FaultInjection::Reset();
     EXPECT_EQ(counters_.failedReads, failedReads + 1);
     EXPECT_FALSE(item->HasDiskCacheFile());
+    EXPECT_FALSE(item->IsInMemory());
     EXPECT_FALSE(file.Exists());
     ExpectFolderConsistent();
 
@@ -245,22 +254,6 @@ TEST_F(DiskFileTest, AFailedReadDeletesTheFileAndTheItemIsRecomputed) {
     ExpectReadsBack(item->GetGuid(), 6);
     ExpectFolderConsistent();
   }
-}
-
-// Out of memory is a failed read like any other: a damaged header that claims a huge payload
-// fails that way on every try, so the file goes and the item is computed again.
-TEST_F(DiskFileTest, AReadOutOfMemoryDeletesTheFileAndCountsAFailedRead) {
-  auto* payload = new HookedPayload(kSize, 5, true);
-  auto item = AddItem(payload);
-  const File file = WriteAndPurge(item);
-  payload->failNextRead = true;
-  const uint32_t failedReads = counters_.failedReads;
-  EXPECT_THROW(item->EnsureInMemory(), int);
-  EXPECT_EQ(counters_.failedReads, failedReads + 1);
-  EXPECT_FALSE(item->HasDiskCacheFile());
-  EXPECT_FALSE(file.Exists());
-  EXPECT_FALSE(item->IsInMemory());
-  ExpectFolderConsistent();
 }
 
 TEST_F(DiskFileTest, AFailedWriteLeavesNothingBehindAndTheCacheWorks) {
@@ -313,10 +306,6 @@ TEST_F(DiskFileTest, AWriteAfterDiskCachingWentOffWritesNothingAnywhere) {
   EXPECT_EQ(counters_.writesSkipped, skipped + 1);
   EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
 }
-
-}  // namespace
-
-namespace {
 
 // A FIFO named like the item's cache file (left by a tool, or planted): reading one blocks until
 // a writer comes. It is never adopted, never written over, and a read of one fails at once.

@@ -18,7 +18,6 @@ namespace cf = jx::checkout_flags;
 namespace prefs = zelappsupport::preferences;
 using jx::HostReport;
 using jx::StandaloneHost;
-using zelcore::filesupport::Dir;
 using zelcore::filesupport::File;
 using zelcore::utility::FileUtils;
 using zelcore::utility::Guid;
@@ -43,7 +42,6 @@ TEST(DiskFolderNames, MachineFolderAndCacheFileVersion) {
   EXPECT_EQ(jx::disk::MachineFolderName("a/b:c*d?e\"f<g>h|i\\j"),
             "Disk Cache - a-b-c-d-e-f-g-h-i-j.noindex");
   EXPECT_EQ(jx::disk::MachineFolderName(""), "Disk Cache - This Computer.noindex");
-  EXPECT_EQ(Dir("/cache").GetPath() + JX_KQVersDir("1A2B"), "/cache/1A2B");
 
   // The purge tells this version's files from others' by this field. (That it reads what the
   // name writer writes is checked by the header round-trip fuzz corpus, run with the tests.)

@@ -1,7 +1,5 @@
-// The background writer with a live disk executor: what a check-in queues or declines, what the
-// queue holds on to, how it drains (past a foreground read's hold, making room as it goes), how
-// it holds back a renderer that outruns it, and that shutting down mid-queue leaves nothing
-// checked out.
+// The background writer with a live disk executor: what it queues, holds and drains, and how it
+// holds back a renderer that outruns it.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -48,10 +46,8 @@ class DiskWriterTest : public jx::testing::DiskTest {
   }
 };
 
-// Runs `complete` on another thread while the queue counters say writes are queued (each of
-// `queued` in turn), and tells whether it came back by itself before the queue was emptied. A
-// completion that waits for the queue keeps reading its length: two more reads without a return
-// mean it is still waiting.
+// Whether `complete` returned by itself while the counters said `queued` (each in turn); a waiter
+// keeps reading the queue's length, so two more reads without a return mean it is still waiting.
 bool CompletesWhileWritesAreQueued(const std::function<void()>& complete,
                                    std::initializer_list<std::pair<uint32_t, uint32_t>> queued) {
   std::atomic<bool> returned{false};

@@ -1,6 +1,5 @@
-// Miss reasons that involve the cache folder: a payload read back from disk is a miss for the
-// reason it left memory, and a key whose file went (folder limit, failed read, another version)
-// or was never written (the write rule) misses for that reason.
+// Miss reasons that involve the cache folder: a read back misses for why the payload left memory,
+// a key whose file went or was never written misses for that reason.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -31,10 +30,7 @@ class MissReasonsDiskTest : public jx::testing::DiskTest {
     JX_ResetStatistics();
   }
   IntrusivePtr<JX_Stuff> AddWrittenItem() {
-    auto item =
-        JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(new TestPayload(kSize, 5, true)), 0.0);
-    item->SetGuid(Guid::CreateUnique());
-    bag_->AddToBagAndSortDir(item);
+    auto item = AddDiskCacheableItem(kSize);
     item->PrepAndWrite(bag_);
     EXPECT_TRUE(item->HasDiskCacheFile());
     return item;
@@ -99,10 +95,7 @@ TEST_F(MissReasonsDiskTest, AFileDeletedForTheFolderLimitOrKeptForAnotherVersion
 }
 
 TEST_F(MissReasonsDiskTest, APayloadTheWriteRuleDeclinedIsNotWorthWritingOncePurged) {
-  auto cheap =
-      JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(new TestPayload(kSize, 5, true)), 1e-6);
-  cheap->SetGuid(Guid::CreateUnique());
-  bag_->AddToBagAndSortDir(cheap);
+  auto cheap = AddDiskCacheableItem(kSize, 1e-6);
   const auto declined = JX_GetDiskPerformanceCounters().notWorthWriting;
   ASSERT_EQ(cheap->Checkout(0), kJX_CheckedOut);
   cheap->Checkin(0, 1e-6);  // a microsecond for 50 kB: reading it back would not be faster

@@ -16,16 +16,11 @@ using zelcore::utility::IntrusivePtr;
 
 namespace {
 
-class ReadAheadConcurrencyTest : public jx::testing::DiskTest {
- protected:
-  void SetUp() override {
-    DiskTest::SetUp();
-    jx::testing::RegisterTestPayloadFactory();
-  }
-};
+using ReadAheadConcurrencyTest = jx::testing::DiskTest;
 
 TEST_F(ReadAheadConcurrencyTest, PlaybackPurgesAndJumpsTogether) {
   constexpr int kFrames = 64, kSize = 20000;
+  jx::testing::RegisterTestPayloadFactory();
   std::vector<Guid> guids;
   std::vector<IntrusivePtr<JX_Stuff>> items;
   for (int i = 0; i < kFrames; ++i) {

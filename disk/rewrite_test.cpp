@@ -1,7 +1,5 @@
-// What an item's disk copy becomes when the item changes under it: a payload rewritten through a
-// writeable check-out, an item re-keyed, an item out of the directory while the folder is
-// scanned. The copy must never be read back for what the item holds now, and a file must never
-// stand for two items.
+// An item's disk copy when the item changes under it (rewritten, re-keyed, out of the directory
+// during a scan): never read back for what the item holds now, never standing for two items.
 #include <gtest/gtest.h>
 
 #include "disk/claimed_file.h"

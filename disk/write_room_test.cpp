@@ -1,6 +1,5 @@
-// Writes that find no room: the cache's own limit, the volume's free-space margin, a volume that
-// fills up under a write. Each is skipped or failed cleanly, counted, untags the item, and tells
-// the host once per shortage.
+// Writes that find no room (the cache's limit, the volume's margin, a volume filling up): each is
+// skipped or failed cleanly, counted, untags the item, and tells the host once per shortage.
 #include <gtest/gtest.h>
 
 #include <atomic>
