@@ -9,7 +9,7 @@
 set -euo pipefail
 demo=(cmake ninja-build g++ pkg-config libboost-dev libcli11-dev nlohmann-json3-dev libxxhash-dev
       libzstd-dev libhiredis-dev)
-test=(libgtest-dev libgmock-dev redis-server)
+test=(libgtest-dev libgmock-dev libexpat1-dev redis-server)
 sanitizers=(clang clang-14 libclang-rt-14-dev)
 bench=(libbenchmark-dev libtbb-dev libopenimageio-dev)
 ci=(clang-format)

@@ -44,14 +44,7 @@ std::vector<uint8_t> FrameFileBytes(uint32_t width, uint32_t height, uint32_t fr
 std::vector<uint8_t> ReadBytes(const std::string& path);
 void WriteBytes(const std::string& path, const std::vector<uint8_t>& bytes);
 
-// Whether `text` is well-formed XML, as an XML parser (expat) says when the build has one, and
-// otherwise as IsWellFormedXmlByHand says. Sets *why on failure.
+// Whether `text` is well-formed XML, as expat says. Sets *why on failure.
 bool IsWellFormedXml(const std::string& text, std::string* why);
-bool HaveXmlParser();
-// A checker of our own for builds without a parser: one root element with nothing but white
-// space, comments and processing instructions (and before it a DOCTYPE) around it, tags nested
-// and closed in order, attributes quoted and not repeated, entity references predefined or
-// numeric. Sets *why on failure.
-bool IsWellFormedXmlByHand(const std::string& text, std::string* why);
 
 }  // namespace jx::tool::testing
