@@ -1,6 +1,4 @@
-// `simulate` on a disk cache folder with damaged files in it, and on one shared by several runs at
-// once: a file that cannot be read back is a miss, never a failure of the run, and every frame
-// served is checked against the image.
+// `simulate` on damaged and shared disk cache folders: a file that cannot be read back is a miss.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -14,28 +12,24 @@ namespace {
 using testing::FrameFileBytes;
 using testing::FrameFileName;
 using testing::ReadBytes;
-using testing::RunTool;
+using testing::RunToolJson;
 using testing::TempDir;
 using testing::WriteBytes;
 
-// Frames large enough that their renders are worth a file under the proclivity given below
-// (tens of milliseconds against the write rule's 1 ms floor for a read), small enough to be quick.
+// Renders of tens of milliseconds: worth a file under the proclivity below, and still quick.
 constexpr uint32_t kWidth = 640, kHeight = 360, kFrames = 12;
 
 std::vector<std::string> Session(const TempDir& dir) {
   return {"simulate", "--frames", std::to_string(kFrames), "--width", std::to_string(kWidth),
           "--height", std::to_string(kHeight), "--threads", "3", "--passes", "1", "--json",
           "--disk-cache", dir.File("cache"), "--disk-margin", "0", "--disk-proclivity", "0.001",
-          // The render threads read every file themselves: what a damaged one does to a request
-          // is what these tests count.
+          // The render threads read every file themselves, so the counts below are theirs.
           "--read-ahead", "0"};
 }
 
 // A first run that leaves a file for every frame; *folder is where they are.
 void WarmFolder(const TempDir& dir, std::string* folder) {
-  const auto r = RunTool(Session(dir));
-  ASSERT_EQ(r.exitCode, 0) << r.err;
-  const auto j = r.Json();
+  const auto j = RunToolJson(Session(dir));
   ASSERT_EQ(j["disk"]["files_written"].get<uint64_t>(), kFrames);
   *folder = j["disk"]["folder"].get<std::string>();
   for (uint32_t f = 0; f < kFrames; ++f)
@@ -70,8 +64,7 @@ TEST(SimulateDamagedFolder, DamagedFilesAreServedAsMissesAndWrittenAgain) {
   bytes = ReadBytes(path(9));
   bytes[bytes.size() / 2] ^= 0x08;
   WriteBytes(path(9), bytes);
-  // Names the scan does not adopt: a frame too large to be one `simulate` wrote, a frame of
-  // another version, a class nobody registered, and a file that is not the cache's.
+  // Not adopted: a frame too large, another version, an unregistered class, not a cache file.
   WriteBytes(folder + "/" + FrameFileName(65535, 16383, 0), std::vector<uint8_t>(100, 0x5A));
   WriteBytes(folder + "/" + FrameFileName(kWidth, kHeight, 0, 2),
              FrameFileBytes(kWidth, kHeight, 0));
@@ -80,9 +73,7 @@ TEST(SimulateDamagedFolder, DamagedFilesAreServedAsMissesAndWrittenAgain) {
   WriteBytes(folder + "/" + otherClass, FrameFileBytes(kWidth, kHeight, 4));
   WriteBytes(folder + "/notes.txt", {'x'});
 
-  const auto r = RunTool(Session(dir));
-  ASSERT_EQ(r.exitCode, 0) << r.err;
-  const auto j = r.Json();
+  const auto j = RunToolJson(Session(dir));
   ExpectServedWell(j);
   EXPECT_EQ(j["disk"]["files_at_start"].get<uint64_t>(), kFrames);
   EXPECT_EQ(j["disk"]["failed_reads"].get<uint64_t>(), 3u);
@@ -94,8 +85,7 @@ TEST(SimulateDamagedFolder, DamagedFilesAreServedAsMissesAndWrittenAgain) {
     EXPECT_TRUE(ReadBytes(path(f)) == FrameFileBytes(kWidth, kHeight, f)) << "frame " << f;
 }
 
-// A file that is whole but holds another frame passes the checksum; the check of every frame
-// served catches it, and the frame is rendered again.
+// A whole file holding another frame passes the checksum; the check of each frame catches it.
 TEST(SimulateDamagedFolder, AFileHoldingAnotherFrameIsCaughtAsABadFrame) {
   TempDir dir;
   std::string folder;
@@ -103,9 +93,7 @@ TEST(SimulateDamagedFolder, AFileHoldingAnotherFrameIsCaughtAsABadFrame) {
   const std::string three = folder + "/" + FrameFileName(kWidth, kHeight, 3);
   WriteBytes(three, ReadBytes(folder + "/" + FrameFileName(kWidth, kHeight, 4)));
 
-  const auto r = RunTool(Session(dir));
-  ASSERT_EQ(r.exitCode, 0) << r.err;
-  const auto j = r.Json();
+  const auto j = RunToolJson(Session(dir));
   ExpectServedWell(j);
   const auto& o = j["overall"];
   EXPECT_EQ(o["bad_frames"].get<uint64_t>(), 1u);
@@ -119,37 +107,16 @@ TEST(SimulateDamagedFolder, AFileHoldingAnotherFrameIsCaughtAsABadFrame) {
   EXPECT_TRUE(ReadBytes(three) == FrameFileBytes(kWidth, kHeight, 3));
 }
 
-// Runs sharing one folder with different limits delete files the others adopted or wrote, and
-// write files the others then find. Each must finish, serve only good frames and count every
-// read that failed under it.
+// Runs sharing one folder with different limits delete files the others adopted or wrote.
 TEST(SimulateSharedFolder, RunsWithDifferentLimitsServeOnlyGoodFrames) {
   TempDir dir;
   std::vector<std::vector<std::string>> runs;
-  // 24 frames of 225 KiB: 5.3 MiB of files for each run, against limits that hold a few of them.
-  // A memory budget of a few frames sends the second pass to the disk.
+  // 5.3 MiB of files per run against limits that hold a few; the memory budget, a few frames.
   for (const char* limit : {"1MiB", "3MiB", "64MiB"}) {
-    runs.push_back({"simulate",
-                    "--frames",
-                    "24",
-                    "--width",
-                    "320",
-                    "--height",
-                    "180",
-                    "--threads",
-                    "2",
-                    "--memory",
-                    "1MiB",
-                    "--passes",
-                    "3",
-                    "--json",
-                    "--disk-cache",
-                    dir.File("cache"),
-                    "--disk-limit",
-                    limit,
-                    "--disk-margin",
-                    "0",
-                    "--disk-proclivity",
-                    "0.001"});
+    runs.push_back({"simulate", "--frames", "24", "--width", "320", "--height", "180", "--threads",
+                    "2", "--memory", "1MiB", "--passes", "3", "--json", "--disk-limit", limit});
+    runs.back().insert(runs.back().end(), {"--disk-cache", dir.File("cache"), "--disk-margin", "0",
+                                           "--disk-proclivity", "0.001"});
   }
   uint64_t failedReads = 0, diskHits = 0;
   // The second round starts from what the first left in the folder.

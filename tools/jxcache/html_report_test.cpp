@@ -1,5 +1,4 @@
-// The report's building blocks on their own: round ticks, escaping of hostile text, and the
-// bounded recorders behind the time series; then a report rendered from a made-up session.
+// The report's building blocks on their own, then a report rendered from a made-up session.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -90,10 +89,6 @@ TEST(RunInfo, CommandLineQuotedForAShell) {
   EXPECT_EQ(ShellCommandLine({"jxcache", "simulate", "--frames", "12"}),
             "jxcache simulate --frames 12");
   EXPECT_EQ(ShellCommandLine({"a b", "it's", ""}), "'a b' 'it'\\''s' ''");
-  const RunInfo info = CollectRunInfo();
-  EXPECT_FALSE(info.version.empty());
-  EXPECT_EQ(info.startedAt.size(), 20u) << info.startedAt;  // 2024-05-01T09:30:00Z
-  EXPECT_FALSE(info.commandLine.empty());                   // this test program's own
 }
 
 TEST(SeriesRecorder, StaysBoundedAndSpansTheWholeRun) {
@@ -142,8 +137,7 @@ TEST(PurgeLog, MergingKeepsEveryByteAndPurge) {
   EXPECT_EQ(sumBytes, bytes);
   EXPECT_EQ(sumPurges, 100u);
   EXPECT_EQ(log.Events().front().seconds, 0.0);
-  // Thinned evenly over the run: no entry swallows the early purges whole, and the recent ones
-  // are merged like the rest.
+  // Thinned evenly: neither the early purges in one entry nor the recent ones left unmerged.
   EXPECT_GE(log.Events().size(), 3u);
   for (const PurgeEvent& e : log.Events()) EXPECT_LE(e.purges, 50u) << "at " << e.seconds;
   EXPECT_GT(log.Events().back().purges, 1u);
@@ -161,8 +155,7 @@ TEST(RenderTimes, SampleIsBoundedAndUnbiased) {
   EXPECT_NEAR(mean, 2.0, 0.2);
 }
 
-// A session as RunSession would leave it, small and made up, with hostile text wherever text
-// from outside reaches the page.
+// A small made-up session, with hostile text wherever text from outside reaches the page.
 SessionResult MadeUpSession() {
   SessionResult r;
   r.options.frames = 4;
@@ -254,14 +247,7 @@ TEST(HtmlReport, LongRunsStayReadableAndKeepTheirPeaks) {
   EXPECT_LT(top, *std::max_element(ys.begin(), ys.end()));
 }
 
-size_t Count(const std::string& text, const std::string& what) {
-  size_t n = 0;
-  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-  return n;
-}
-
-// One strip per content map, one cell per frame, coloured by the frame's state; a run without
-// maps has no such section.
+// One strip per content map, one cell per frame coloured by its state; none without maps.
 TEST(HtmlReport, ContentStripsHaveACellPerFramePerMoment) {
   SessionResult r = MadeUpSession();
   EXPECT_EQ(RenderHtmlReport(r).find("content-cell"), std::string::npos);
@@ -279,22 +265,19 @@ TEST(HtmlReport, ContentStripsHaveACellPerFramePerMoment) {
   const std::string html = RenderHtmlReport(r);
   std::string why;
   EXPECT_TRUE(testing::IsWellFormedXml(html, &why)) << why;
-  EXPECT_EQ(Count(html, "<rect class=\"content-cell\""), 3 * kFrames);
-  EXPECT_EQ(Count(html, "frame 7: on disk only"), 1u) << "moment 0: frame 7 is state 2";
-  EXPECT_EQ(Count(html, "frame 7: in memory and on disk"), 1u) << "moment 1";
-  EXPECT_EQ(Count(html, "frame 2: being rendered"), 1u) << "moment 2";
+  EXPECT_EQ(testing::Count(html, "<rect class=\"content-cell\""), 3 * kFrames);
+  EXPECT_EQ(testing::Count(html, "frame 7: on disk only"), 1u) << "moment 0: frame 7 is state 2";
+  EXPECT_EQ(testing::Count(html, "frame 7: in memory and on disk"), 1u) << "moment 1";
+  EXPECT_EQ(testing::Count(html, "frame 2: being rendered"), 1u) << "moment 2";
   EXPECT_NE(html.find(">pass 1 50%<"), std::string::npos);
   EXPECT_NE(html.find(">pass 1 end<"), std::string::npos);
   EXPECT_NE(html.find(">pass 2 end<"), std::string::npos);
 }
 
-TEST(SummaryJson, RecordingAddsKeysAndKeepsTheOldOnes) {
+// The JSON carries outside text as it was, not escaped for a page.
+TEST(SummaryJson, CarriesTheRecordings) {
   const SessionResult r = MadeUpSession();
   const auto j = SummaryJson(r);
-  for (const char* key : {"options", "frame_bytes", "passes", "overall", "disk", "compute_cache",
-                          "media_map", "run", "time_series", "purge_events", "render_time_ms"}) {
-    EXPECT_TRUE(j.contains(key)) << key;
-  }
   EXPECT_EQ(j["run"]["command_line"][3], "/tmp/</script><b>bold");
   ASSERT_EQ(j["time_series"].size(), r.series.size());
   EXPECT_TRUE(j["time_series"][0]["hit_rate"].is_null());

@@ -1,6 +1,7 @@
 #include "tools/jxcache/tool_test_support.h"
 
 #include <expat.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,22 +11,26 @@
 #include <fstream>
 #include <memory>
 #include <sstream>
+#include <thread>
 
 #include "disk/cache_file_name.h"
 #include "jxcache/host/byte_stream.h"
 #include "tools/jxcache/frame_payload.h"
 
 namespace jx::tool::testing {
-namespace {
 
-std::string Slurp(const std::string& path) {
+std::string ReadText(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::stringstream s;
   s << in.rdbuf();
   return s.str();
 }
 
-}  // namespace
+size_t Count(const std::string& text, const std::string& what) {
+  size_t n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
+}
 
 namespace {
 
@@ -60,8 +65,8 @@ RunResult WaitFor(const Started& s) {
   RunResult r;
   r.maxRssKiB = usage.ru_maxrss;
   r.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  r.out = Slurp(s.io->File("out"));
-  r.err = Slurp(s.io->File("err"));
+  r.out = ReadText(s.io->File("out"));
+  r.err = ReadText(s.io->File("err"));
   return r;
 }
 
@@ -71,11 +76,37 @@ RunResult RunTool(const std::vector<std::string>& args, const std::vector<std::s
   return WaitFor(StartTool(args, env));
 }
 
-std::vector<RunResult> RunToolsAtOnce(const std::vector<std::vector<std::string>>& runs) {
+nlohmann::json RunToolJson(const std::vector<std::string>& args,
+                           const std::vector<std::string>& env) {
+  const RunResult r = RunTool(args, env);
+  if (r.exitCode != 0)
+    throw std::runtime_error("jxcache exited with " + std::to_string(r.exitCode) + ": " + r.err);
+  return r.Json();
+}
+
+std::vector<RunResult> RunToolsAtOnce(const std::vector<std::vector<std::string>>& runs,
+                                      std::chrono::seconds watchdog) {
   std::vector<Started> started;
   for (const auto& args : runs) started.push_back(StartTool(args, {}));
+  std::vector<bool> killed(started.size(), false);
+  const auto deadline = std::chrono::steady_clock::now() + watchdog;
+  for (size_t i = 0; i < started.size() && watchdog.count() > 0; ++i) {
+    siginfo_t info{};  // WNOWAIT: WaitFor still reaps the child and its resource usage
+    while (waitid(P_PID, started[i].pid, &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           info.si_pid == 0) {
+      if (std::chrono::steady_clock::now() > deadline) {
+        kill(started[i].pid, SIGKILL);
+        killed[i] = true;
+        break;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+  }
   std::vector<RunResult> results;
-  for (const auto& s : started) results.push_back(WaitFor(s));
+  for (size_t i = 0; i < started.size(); ++i) {
+    results.push_back(WaitFor(started[i]));
+    results.back().killed = killed[i];
+  }
   return results;
 }
 
@@ -94,7 +125,7 @@ std::vector<uint8_t> FrameFileBytes(uint32_t width, uint32_t height, uint32_t fr
 }
 
 std::vector<uint8_t> ReadBytes(const std::string& path) {
-  const std::string s = Slurp(path);
+  const std::string s = ReadText(path);
   return {s.begin(), s.end()};
 }
 
