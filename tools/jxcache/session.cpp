@@ -127,10 +127,20 @@ class PassRunner {
         renderTimes_(renderTimes),
         pass_(pass),
         readAhead_(readAhead),
-        frameBytes_(uint64_t{o.width} * o.height * 4) {}
+        frameBytes_(uint64_t{o.width} * o.height * 4),
+        serving_(o.threads) {
+    for (auto& s : serving_) s.store(kNone);
+  }
 
   void Work() {
-    for (size_t i = next_.fetch_add(1); i < pass_.frames.size(); i = next_.fetch_add(1)) {
+    std::atomic<size_t>& serving = serving_.at(threadsStarted_.fetch_add(1));
+    for (;;) {
+      // A bound first, then the request: a thread placing the playhead between the two finds
+      // an earlier frame held for this one, never none.
+      serving.store(next_.load());
+      const size_t i = next_.fetch_add(1);
+      if (i >= pass_.frames.size()) break;
+      serving.store(i);
       // Paced: the viewer asks for request i at i/fps and shows it one frame later.
       const auto due = start_ + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                                     std::chrono::duration<double>(o_.fps > 0 ? i / o_.fps : 0));
@@ -143,11 +153,13 @@ class PassRunner {
         late.fetch_add(1, std::memory_order_relaxed);
       }
       pass_.outcomes[i] = outcome;
+      serving.store(kNone);  // checked in: the read-ahead may let go of it
       // Requests done in the high half, hits in the low: one add, so that a reader never sees
       // a hit without its request.
       progress_.fetch_add(kOneDone | (outcome != Outcome::kRendered ? 1u : 0u),
                           std::memory_order_relaxed);
     }
+    serving.store(kNone);
   }
   uint64_t Done() const { return progress_.load(std::memory_order_relaxed) >> 32; }
   // Requests done and hits among them, read together.
@@ -174,9 +186,12 @@ class PassRunner {
     do {
       if (seen != kNone && seen >= i) return;
     } while (!announced_.compare_exchange_weak(seen, i, std::memory_order_relaxed));
-    // The other render threads may still be serving the requests just before i: the playhead,
-    // the frame on screen, is the oldest of those, and the read-ahead keeps holding it.
-    const size_t head = i >= o_.threads - 1 ? i - (o_.threads - 1) : 0;
+    // The playhead, the frame on screen, is the oldest request a render thread is still
+    // serving: the read-ahead keeps holding it. A thread late to its request (descheduled
+    // between taking it and asking for it) must not find its frame let go, and counted as a
+    // wasted read, before it has used it.
+    size_t head = i;
+    for (const std::atomic<size_t>& s : serving_) head = std::min(head, s.load());
     std::vector<IntrusivePtr<JX_Stuff>> ahead;
     const size_t end = std::min(pass_.frames.size(), i + 1 + o_.readAhead);
     for (size_t k = head + 1; k < end; ++k) ahead.push_back(Request(pass_.frames[k]));
@@ -310,6 +325,9 @@ class PassRunner {
   static constexpr size_t kNone = ~size_t{0};
   std::atomic<size_t> announced_{kNone};
   std::atomic<size_t> next_{0};
+  // Per render thread, the request it is serving (or a bound below it), kNone when none.
+  std::vector<std::atomic<size_t>> serving_;
+  std::atomic<size_t> threadsStarted_{0};
   // A pass has at most a million requests (the tool's limit on --frames): each half fits.
   static constexpr uint64_t kOneDone = uint64_t{1} << 32;
   std::atomic<uint64_t> progress_{0};
