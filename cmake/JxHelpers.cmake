@@ -18,6 +18,12 @@ function(jx_folder_tests unit_out conc_out dir)
   set(${conc_out} ${conc} PARENT_SCOPE)
 endfunction()
 
+# Debug information for our own programs around the library (tests, stress programs, the tool):
+# line tables only. They keep backtraces, sanitizer reports and profiles readable; full debug
+# information for their template-heavy test and JSON code made up about a third of their compile
+# time, in each of the builds CI makes. The library itself keeps full debug information.
+set(JX_LINE_TABLES_ONLY $<$<CONFIG:RelWithDebInfo,Debug>:-g1>)
+
 # One GoogleTest executable; each test runs in its own process under CTest because the
 # library keeps process-wide state (settings are read once per process).
 function(jx_add_gtest name label)
@@ -26,5 +32,6 @@ function(jx_add_gtest name label)
   endif()
   add_executable(${name} ${ARGN})
   target_link_libraries(${name} PRIVATE jxcache_testsupport GTest::gtest GTest::gmock jx_warnings)
+  target_compile_options(${name} PRIVATE ${JX_LINE_TABLES_ONLY})
   gtest_discover_tests(${name} PROPERTIES LABELS "${label}" TIMEOUT 120 DISCOVERY_TIMEOUT 60)
 endfunction()
