@@ -133,9 +133,10 @@ void HandBack(boost::shared_ptr<JX_ScCheckout>& checkout) {
   checkout.reset();
 }
 
-// An entry that will not be written.
+// An entry whose write is over or will not happen. The tag is settled before the item is handed
+// back: whoever sees the item checked in with no write of it queued also sees its tag settled.
 void Drop(Entry& e) {
-  HandBack(e.checkout);
+  zelcore::config::ExecuteTopLevelFunction handBack([&e] { HandBack(e.checkout); });
   SettleTag(e);
 }
 
@@ -268,7 +269,8 @@ void JX_Stuff::WriteToDiskAsyncFromQueue() {
   if (!e) return;
   // The boundary of background work: nothing gets past it, everything is traced.
   try {
-    WriteToDiskAsync(e->item, std::move(e->checkout), e->flag != 0);
+    // A copy: the entry keeps the item checked out until Drop has settled the tag.
+    WriteToDiskAsync(e->item, e->checkout, e->flag != 0);
   } catch (int code) {
     ZC_TRACE("JX", 1, "WriteToDiskAsync failed with code " << code);
   } catch (const std::exception& ex) {
