@@ -178,6 +178,8 @@ void JX_Bag::SetDiskCacheInfo(const std::string& folder, long long maxDiskCacheS
     diskCacheDirText_ = zelcore::utility::UTF8ToUTF16(diskCacheDir_.GetPath());
     maxDiskCacheSize_ = maxDiskCacheSize;
   }
+  // The folder may be on another volume now: a shortage there is news to the host.
+  gOutOfSpace.store(false, std::memory_order_relaxed);
   // Switching disk caching on is the host's call (EnableDiskCache); a folder that cannot be
   // used switches it off, a usable one leaves the host's choice alone.
   if (!usable) EnableDiskCache(false);
