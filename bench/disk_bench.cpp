@@ -8,13 +8,24 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
+
+#define XXH_STATIC_LINKING_ONLY
+#include <xxhash.h>
+#if defined(__x86_64__) || defined(_M_X64)
+#include <xxh_x86dispatch.h>
+#define JX_XXH3_UPDATE XXH3_64bits_update_dispatch
+#else
+#define JX_XXH3_UPDATE XXH3_64bits_update
+#endif
 
 #include "disk/disk_counters.h"
 #include "host/file_utils.h"
@@ -106,40 +117,59 @@ IntrusivePtr<JX_Stuff> NewFrame() {
   return item;
 }
 
-// Runs the library's transfer and the raw one in turns, each on its own clock, and reports both
-// rates (counters jx_bytes_per_second and raw_bytes_per_second). The disk of a shared machine
-// changes speed from one second to the next: two benchmarks run one after the other would
-// compare two different disks. The order alternates, so that neither always follows the other;
-// `setup` and `cleanup` run outside both clocks.
-template <class Setup, class Ours, class Raw, class Cleanup>
-void SideBySide(benchmark::State& state, Setup&& setup, Ours&& ours, Raw&& raw, Cleanup&& cleanup) {
-  double total[2] = {0, 0};  // ours, raw
-  bool oursFirst = true;
+// One transfer of a side-by-side benchmark, and the counter its rate is reported under.
+struct Side {
+  const char* counter;
+  std::function<void()> run;
+};
+
+// Runs the library's transfer and its raw counterparts in turns, each on its own clock, and
+// reports each side's rate under its counter. The disk of a shared machine changes speed from one
+// second to the next: benchmarks run one after the other would compare different disks. The
+// order rotates, so that no side always follows the same one; `setup` and `cleanup` run outside
+// every clock.
+template <class Setup, class Cleanup>
+void SideBySide(benchmark::State& state, Setup&& setup, const std::vector<Side>& sides,
+                Cleanup&& cleanup) {
+  std::vector<double> total(sides.size(), 0.0);
+  size_t first = 0;
   for (auto _ : state) {
     setup();
-    double seconds[2] = {0, 0};
-    for (int turn = 0; turn < 2; ++turn) {
-      const bool doOurs = (turn == 0) == oursFirst;
+    double iteration = 0;
+    for (size_t turn = 0; turn < sides.size(); ++turn) {
+      const size_t side = (first + turn) % sides.size();
       const auto t0 = std::chrono::steady_clock::now();
-      if (doOurs) {
-        ours();
-      } else {
-        raw();
-      }
-      seconds[doOurs ? 0 : 1] =
+      sides[side].run();
+      const double seconds =
           std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+      total[side] += seconds;
+      iteration += seconds;
     }
-    oursFirst = !oursFirst;
+    first = (first + 1) % sides.size();
     cleanup();
-    total[0] += seconds[0];
-    total[1] += seconds[1];
-    state.SetIterationTime(seconds[0] + seconds[1]);
+    state.SetIterationTime(iteration);
   }
   const double bytes = static_cast<double>(state.iterations()) * kFrameBytes;
-  if (total[0] > 0 && total[1] > 0) {
-    state.counters["jx_bytes_per_second"] = bytes / total[0];
-    state.counters["raw_bytes_per_second"] = bytes / total[1];
+  for (size_t side = 0; side < sides.size(); ++side) {
+    if (total[side] > 0) state.counters[sides[side].counter] = bytes / total[side];
   }
+}
+
+// Reads the whole file at `path` into `bytes` (kFrameBytes), `slice` bytes per call, handing each
+// slice to `onSlice` as it arrives. Returns whether every byte came.
+template <class OnSlice>
+bool ReadWholeFile(const std::string& path, uint8_t* bytes, size_t slice, OnSlice&& onSlice) {
+  const int fd = ::open(path.c_str(), O_RDONLY);
+  if (fd < 0) return false;
+  size_t got = 0;
+  while (got < kFrameBytes) {
+    const ssize_t n = ::read(fd, bytes + got, std::min(slice, kFrameBytes - got));
+    if (n <= 0) break;
+    onSlice(bytes + got, static_cast<size_t>(n));
+    got += static_cast<size_t>(n);
+  }
+  ::close(fd);
+  return got == kFrameBytes;
 }
 
 // An item's PrepAndWrite of 8 MiB against the same bytes written straight to a new file in the
@@ -158,16 +188,18 @@ void BM_DiskWrite8MiB(benchmark::State& state) {
         item = NewFrame();
         lib.bag->AddToBagAndSortDir(item);
       },
-      [&] { item->PrepAndWrite(lib.bag); },
-      [&] {
-        int fd = ::open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_DIRECT, 0644);
-        if (fd < 0) fd = ::open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0644);
-        if (fd < 0 || ::write(fd, buffer.get(), kFrameBytes) != static_cast<ssize_t>(kFrameBytes)) {
-          allWritten = false;
-        }
-        ::fdatasync(fd);
-        ::close(fd);
-      },
+      {{"jx_bytes_per_second", [&] { item->PrepAndWrite(lib.bag); }},
+       {"raw_bytes_per_second",
+        [&] {
+          int fd = ::open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_DIRECT, 0644);
+          if (fd < 0) fd = ::open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0644);
+          if (fd < 0 ||
+              ::write(fd, buffer.get(), kFrameBytes) != static_cast<ssize_t>(kFrameBytes)) {
+            allWritten = false;
+          }
+          ::fdatasync(fd);
+          ::close(fd);
+        }}},
       [&] {
         allWritten = allWritten && item->HasDiskCacheFile();
         item->DeleteDiskCacheFile();
@@ -179,7 +211,9 @@ void BM_DiskWrite8MiB(benchmark::State& state) {
 BENCHMARK(BM_DiskWrite8MiB)->Unit(benchmark::kMillisecond)->UseManualTime()->MinTime(4.0);
 
 // An item's PrepAndRead of its 8 MiB file against a plain read of the very same file into a
-// fresh buffer of the same size.
+// fresh buffer of the same size, and against that read with XXH3 run over each 128 KiB slice as
+// it arrives, as the library's checksum does: the least any read that verifies a checksum on one
+// thread can cost, without a cache's bookkeeping or a payload's stream.
 void BM_DiskRead8MiB(benchmark::State& state) {
   auto& lib = Lib();
   auto item = NewFrame();
@@ -191,29 +225,40 @@ void BM_DiskRead8MiB(benchmark::State& state) {
     return;
   }
   bool allRead = true;
-  // Both sides read into a fresh, zeroed buffer of their own, and neither frees one on its clock.
-  std::vector<uint8_t> bytes;
+  uint64_t hashes = 0;  // kept, so that the hashing cannot be left out
+  // Every side reads into a fresh, zeroed buffer of its own, and none frees one on its clock.
+  std::vector<uint8_t> rawBytes, hashedBytes;
+  std::unique_ptr<XXH3_state_t, XXH_errorcode (*)(XXH3_state_t*)> hash(XXH3_createState(),
+                                                                       XXH3_freeState);
+  constexpr size_t kSlice = 128 * 1024;  // the library's slice
   SideBySide(
       state,
       [&] {
         item->FreeUpAsMuchAsPossible(false, nullptr);
-        std::vector<uint8_t>().swap(bytes);
+        std::vector<uint8_t>().swap(rawBytes);
+        std::vector<uint8_t>().swap(hashedBytes);
       },
-      [&] { allRead = item->EnsureInMemory() && allRead; },
-      [&] {
-        bytes.resize(kFrameBytes);
-        int fd = ::open(path.c_str(), O_RDONLY);
-        size_t got = 0;
-        while (fd >= 0 && got < kFrameBytes) {
-          ssize_t n = ::read(fd, bytes.data() + got, kFrameBytes - got);
-          if (n <= 0) break;
-          got += static_cast<size_t>(n);
-        }
-        if (fd >= 0) ::close(fd);
-        allRead = allRead && got == kFrameBytes;
-        benchmark::DoNotOptimize(bytes.data());
-      },
+      {{"jx_bytes_per_second", [&] { allRead = item->EnsureInMemory() && allRead; }},
+       {"raw_bytes_per_second",
+        [&] {
+          rawBytes.resize(kFrameBytes);
+          allRead =
+              ReadWholeFile(path, rawBytes.data(), kFrameBytes, [](const uint8_t*, size_t) {}) &&
+              allRead;
+          benchmark::DoNotOptimize(rawBytes.data());
+        }},
+       {"raw_hashed_bytes_per_second",
+        [&] {
+          hashedBytes.resize(kFrameBytes);
+          XXH3_64bits_reset(hash.get());
+          allRead = ReadWholeFile(
+                        path, hashedBytes.data(), kSlice,
+                        [&](const uint8_t* at, size_t n) { JX_XXH3_UPDATE(hash.get(), at, n); }) &&
+                    allRead;
+          hashes ^= XXH3_64bits_digest(hash.get());
+        }}},
       [] {});
+  benchmark::DoNotOptimize(hashes);
   if (!allRead) state.SkipWithError("read back failed");
   item->DeleteDiskCacheFile();
   item->RemoveFromBagAndSortDir();
