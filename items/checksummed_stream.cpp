@@ -1,6 +1,10 @@
 #include "jxcache/items/checksummed_stream.h"
 
+#include <pthread.h>
+
 #include <algorithm>
+#include <atomic>
+#include <memory>
 #include <new>
 #include <string>
 
@@ -12,6 +16,10 @@
 #else
 #define JX_XXH3_UPDATE XXH3_64bits_update
 #endif
+
+#include "items/checksum_helper.h"
+#include "jxcache/host/cpu_relax.h"
+#include "jxcache/host/host_services.h"
 
 using zelcore::filesupport::CorruptDataError;
 
@@ -34,6 +42,183 @@ StatePtr NewState() {
 void Update(XXH3_state_s* state, const void* data, size_t length) {
   if (length != 0) JX_XXH3_UPDATE(state, data, length);
 }
+
+// A read of at least this many bytes in one call is hashed by the helper thread, a slice behind
+// the reads, when the helper is free.
+constexpr size_t kHelperMin = 1 << 20;
+// The helper's slices are larger: each hand-over costs a wake-up when the helper sleeps.
+constexpr size_t kHelperSlice = 512 * 1024;
+// How long the helper spins for the next slice before it sleeps: some 80 us, about the time the
+// kernel takes to copy one from the page cache.
+constexpr int kHelperSpins = 4000;
+
+// One thread for the whole process that hashes a transfer's bytes while the transferring thread
+// reads the next ones: with the page cache warm, XXH3 costs about a third of the copy, and the
+// read then costs about what a bare read does. One transfer has it at a time, under a lease; a
+// transfer that finds it taken hashes inline rather than wait. The lease also guards the thread's
+// start and stop, so neither needs a lock of its own.
+class ChecksumHelper {
+ public:
+  static ChecksumHelper& Instance() {
+    // Never destroyed: a payload may read from a static destructor; StopChecksumHelper joins.
+    static ChecksumHelper* helper = [] {
+      auto* made = new ChecksumHelper;
+      ::pthread_atfork(nullptr, nullptr, [] { Instance().ForgetAfterFork(); });
+      return made;
+    }();
+    return *helper;
+  }
+
+  bool TryLease() {
+    bool expected = false;
+    return !leased_.load(std::memory_order_relaxed) &&
+           leased_.compare_exchange_strong(expected, true, std::memory_order_acquire);
+  }
+  void EndLease() {
+    leased_.store(false, std::memory_order_release);
+    leased_.notify_all();
+  }
+
+  // With the lease: hands the helper a transfer into `bytes`, hashed into `state`. False when
+  // the thread cannot be had.
+  bool Begin(XXH3_state_s* state, const uint8_t* bytes) {
+    if (!thread_) {
+      try {
+        const uint32_t before = job_.load(std::memory_order_relaxed);
+        thread_ = host::GetThreads().StartThread([this, before] { Run(before); });
+      } catch (...) {
+        return false;
+      }
+    }
+    state_ = state;
+    bytes_ = bytes;
+    ready_.store(0, std::memory_order_relaxed);
+    job_.fetch_add(1, std::memory_order_release);
+    job_.notify_one();
+    transfers_.fetch_add(1, std::memory_order_relaxed);
+    return true;
+  }
+  // bytes[0, n) are final and may be hashed.
+  void Publish(uint64_t n) {
+    ready_.store(n, std::memory_order_release);
+    ready_.notify_one();
+  }
+  // Returns once every published byte is hashed.
+  void Finish() {
+    const uint32_t job = job_.load(std::memory_order_relaxed);
+    // The flag travels in the word the helper waits on, so it cannot miss it.
+    ready_.fetch_or(kDone, std::memory_order_acq_rel);
+    ready_.notify_one();
+    for (int i = 0; i < kHelperSpins && finished_.load(std::memory_order_acquire) != job; ++i) {
+      zelcore::threads::CpuRelax();
+    }
+    for (uint32_t seen; (seen = finished_.load(std::memory_order_acquire)) != job;) {
+      finished_.wait(seen, std::memory_order_acquire);
+    }
+  }
+
+  void Stop() {
+    while (!TryLease()) leased_.wait(true, std::memory_order_acquire);
+    if (thread_) {
+      stop_.store(true, std::memory_order_relaxed);
+      job_.fetch_add(1, std::memory_order_release);
+      job_.notify_one();
+      thread_->Join();
+      thread_.reset();
+      stop_.store(false, std::memory_order_relaxed);
+    }
+    EndLease();
+  }
+
+  // In a forked child, which has only the thread that forked: the helper thread and whoever held
+  // the lease stayed behind in the parent. The thread's handle is dropped without a join.
+  void ForgetAfterFork() {
+    orphan_ = thread_.release();  // kept reachable: it is not a leak of the child's
+    finished_.store(job_.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    stop_.store(false, std::memory_order_relaxed);
+    leased_.store(false, std::memory_order_relaxed);
+  }
+
+  uint64_t Transfers() const { return transfers_.load(std::memory_order_relaxed); }
+
+ private:
+  static constexpr uint64_t kDone = uint64_t{1} << 63;
+
+  // `seen`: the last job number before this thread started; the job that started it is next.
+  void Run(uint32_t seen) {
+    for (;;) {
+      uint32_t job;
+      while ((job = job_.load(std::memory_order_acquire)) == seen) {
+        job_.wait(seen, std::memory_order_acquire);
+      }
+      seen = job;
+      if (stop_.load(std::memory_order_relaxed)) return;
+      HashTransfer();
+      finished_.store(job, std::memory_order_release);
+      finished_.notify_one();
+    }
+  }
+
+  void HashTransfer() {
+    uint64_t hashed = 0;
+    int spins = 0;
+    for (;;) {
+      const uint64_t word = ready_.load(std::memory_order_acquire);
+      const uint64_t ready = word & ~kDone;
+      if (ready > hashed) {
+        Update(state_, bytes_ + hashed, ready - hashed);
+        hashed = ready;
+        spins = 0;
+      } else if (word & kDone) {
+        return;
+      } else if (++spins < kHelperSpins) {
+        zelcore::threads::CpuRelax();
+      } else {
+        ready_.wait(word, std::memory_order_acquire);
+      }
+    }
+  }
+
+  std::atomic<bool> leased_{false};
+  std::unique_ptr<host::JoinableThread> thread_;  // started and stopped under the lease
+  host::JoinableThread* orphan_ = nullptr;        // the parent's, in a forked child
+  std::atomic<bool> stop_{false};
+  // The transfer, set under the lease before job_ moves on.
+  XXH3_state_s* state_ = nullptr;
+  const uint8_t* bytes_ = nullptr;
+  std::atomic<uint64_t> ready_{0};  // bytes published, and kDone
+  std::atomic<uint32_t> job_{0};
+  std::atomic<uint32_t> finished_{0};
+  std::atomic<uint64_t> transfers_{0};
+};
+
+// A lease of the helper for one read, given back (after the hash has caught up) however the read
+// ends.
+class HelperLease {
+ public:
+  HelperLease(XXH3_state_s* state, const uint8_t* bytes) {
+    ChecksumHelper& helper = ChecksumHelper::Instance();
+    if (!helper.TryLease()) return;
+    if (!helper.Begin(state, bytes)) {
+      helper.EndLease();
+      return;
+    }
+    helper_ = &helper;
+  }
+  ~HelperLease() {
+    if (!helper_) return;
+    helper_->Finish();
+    helper_->EndLease();
+  }
+  HelperLease(const HelperLease&) = delete;
+  HelperLease& operator=(const HelperLease&) = delete;
+
+  explicit operator bool() const { return helper_ != nullptr; }
+  void Publish(uint64_t n) { helper_->Publish(n); }
+
+ private:
+  ChecksumHelper* helper_ = nullptr;
+};
 
 void StoreLittleEndian(uint64_t v, uint8_t out[kChecksumTrailerSize]) {
   for (size_t i = 0; i < kChecksumTrailerSize; ++i) out[i] = static_cast<uint8_t>(v >> (8 * i));
@@ -87,6 +272,18 @@ size_t ChecksummedIByteStream::Read(void* data, size_t length) {
   length = static_cast<size_t>(std::min<uint64_t>(length, Remaining()));
   auto* bytes = static_cast<uint8_t*>(data);
   size_t done = 0;
+  if (length >= kHelperMin) {
+    HelperLease helper(state_.get(), bytes);
+    if (helper) {
+      while (done < length) {
+        const size_t n = in_.Read(bytes + done, std::min(length - done, kHelperSlice));
+        if (n == 0) break;
+        done += n;
+        helper.Publish(done);
+      }
+      return done;  // the lease's end waits for the hash to catch up
+    }
+  }
   while (done < length) {
     const size_t n = in_.Read(bytes + done, std::min(length - done, kSlice));
     if (n == 0) break;
@@ -110,5 +307,9 @@ void ChecksummedIByteStream::Verify() {
   uint8_t extra;
   if (in_.Read(&extra, 1) != 0) throw CorruptDataError("bytes after the checksum trailer");
 }
+
+void StopChecksumHelper() { ChecksumHelper::Instance().Stop(); }
+
+uint64_t ChecksumHelperTransfers() { return ChecksumHelper::Instance().Transfers(); }
 
 }  // namespace jx

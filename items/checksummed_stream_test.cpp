@@ -1,9 +1,13 @@
 #include "jxcache/items/checksummed_stream.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <vector>
+
+#include "items/checksum_helper.h"
 
 namespace {
 
@@ -99,6 +103,29 @@ TEST(ChecksummedStream, AHeaderThatClaimsMoreThanTheStreamHoldsIsRefusedBeforeAl
   EXPECT_NO_THROW(in.ExpectAtLeast(100, "frame"));
   EXPECT_THROW(in.ExpectAtLeast(101, "frame"), CorruptDataError);
   EXPECT_THROW(in.ExpectAtLeast(uint64_t{65535} * 16383 * 4, "frame"), CorruptDataError);
+}
+
+// A child forked after the parent's large reads started the hashing thread has no such thread:
+// its own large reads must start one rather than wait for the parent's.
+TEST(ChecksummedStream, AForkedChildHashesItsLargeReadsWithoutTheParentsThread) {
+  const auto payload = Pattern(3 << 20);
+  const auto file = Sealed(payload, payload.size());
+  const uint64_t before = jx::ChecksumHelperTransfers();
+  ASSERT_EQ(Open(file, payload.size()), payload);
+  ASSERT_EQ(jx::ChecksumHelperTransfers(), before + 1) << "the parent's read went to the helper";
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ::alarm(10);  // a hang ends the child by a signal, which the parent reports
+    const uint64_t mine = jx::ChecksumHelperTransfers();
+    const bool ok =
+        Open(file, payload.size()) == payload && jx::ChecksumHelperTransfers() == mine + 1;
+    ::_exit(ok ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status)) << "the child hung or crashed: signal " << WTERMSIG(status);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "disk/disk_writer.h"
 #include "host/media_manager.h"
 #include "host/y_api.h"
+#include "items/checksum_helper.h"
 #include "items/pending_watch.h"
 #include "jxcache/bag/bag.h"
 #include "jxcache/bag/global_bag.h"
@@ -107,6 +108,7 @@ void JX_StopAllAsyncWork() {
   YLOG_Log(10, "JX", "JX_StopAllAsyncWork", "JX_StopAllAsyncWork");
   jx::disk::StopExecutors();
   jx::pending::StopWatchdog();
+  jx::StopChecksumHelper();
   // After the executors: a farm write they cancelled or finished has given its lease up; the
   // tier's renewal thread stops here, like the other background work.
   JX_DetachFarmTier();

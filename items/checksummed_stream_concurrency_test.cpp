@@ -1,0 +1,182 @@
+// A large read is hashed by the helper thread a slice behind the reads: the verdict must be the one
+// an inline hash gives, damage anywhere must still be caught, and neither a read that fails
+// part-way, nor readers that find the helper busy, nor a stop of the helper in the middle of it
+// all may hang, mix two reads' bytes or leave the helper taken.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <future>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "items/checksum_helper.h"
+#include "jxcache/items/checksummed_stream.h"
+
+namespace {
+
+using jx::ChecksummedIByteStream;
+using jx::ChecksummedOByteStream;
+using zelcore::filesupport::CorruptDataError;
+using zelcore::filesupport::IByteStream;
+using zelcore::filesupport::VectorOByteStream;
+
+constexpr size_t kLarge = 3 * 1024 * 1024 + 12345;  // past the size that the helper hashes
+
+std::vector<uint8_t> Pattern(size_t n, unsigned seed) {
+  std::vector<uint8_t> v(n);
+  for (size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(i * 131 + (i >> 9) + seed);
+  return v;
+}
+
+std::vector<uint8_t> Sealed(const std::vector<uint8_t>& payload) {
+  VectorOByteStream out;
+  ChecksummedOByteStream sum(out);
+  sum.Write(payload.data(), payload.size());
+  sum.Finish();
+  return out.Bytes();
+}
+
+// Hands out a file's bytes at most `chunk` at a time (so the helper's slices end anywhere), and
+// throws once `failAt` bytes have gone.
+class ChunkyStream : public IByteStream {
+ public:
+  ChunkyStream(const std::vector<uint8_t>& bytes, size_t chunk, size_t failAt = SIZE_MAX)
+      : bytes_(bytes), chunk_(chunk), failAt_(failAt) {}
+  size_t Read(void* data, size_t length) override {
+    if (at_ >= failAt_) {
+      ++throws;
+      throw std::runtime_error("device gone");
+    }
+    const size_t n = std::min({length, chunk_, bytes_.size() - at_, failAt_ - at_});
+    std::memcpy(data, bytes_.data() + at_, n);
+    at_ += n;
+    return n;
+  }
+  uint64_t Remaining() const override { return bytes_.size() - at_; }
+  int throws = 0;
+
+ private:
+  const std::vector<uint8_t>& bytes_;
+  const size_t chunk_;
+  const size_t failAt_;
+  size_t at_ = 0;
+};
+
+// Reads the payload in one call (large enough for the helper) and verifies it; returns whether
+// it verified, and the bytes in `got`.
+bool ReadAndVerify(const std::vector<uint8_t>& file, size_t chunk, std::vector<uint8_t>* got) {
+  ChunkyStream raw(file, chunk);
+  ChecksummedIByteStream in(raw);
+  got->assign(file.size() - jx::kChecksumTrailerSize, 0);
+  in.ReadExactly(got->data(), got->size());
+  try {
+    in.Verify();
+    return true;
+  } catch (const CorruptDataError&) {
+    return false;
+  }
+}
+
+TEST(ChecksumHelper, AReadHashedAsideVerifiesAsInlineAndCatchesDamageAnywhere) {
+  jx::StopChecksumHelper();  // the first read below starts it again
+  const auto payload = Pattern(kLarge, 0);
+  const auto file = Sealed(payload);
+  std::vector<uint8_t> got;
+  for (size_t chunk : {size_t{1} << 20, size_t{100003}, size_t{4096}}) {
+    const uint64_t before = jx::ChecksumHelperTransfers();
+    EXPECT_TRUE(ReadAndVerify(file, chunk, &got)) << "chunk " << chunk;
+    EXPECT_EQ(got, payload);
+    EXPECT_EQ(jx::ChecksumHelperTransfers(), before + 1) << "the helper hashed it";
+  }
+  // The same file read in small pieces is hashed inline, and verifies just the same.
+  {
+    ChunkyStream raw(file, SIZE_MAX);
+    ChecksummedIByteStream in(raw);
+    const uint64_t before = jx::ChecksumHelperTransfers();
+    for (size_t at = 0; at < kLarge; at += 65536) {
+      in.ReadExactly(got.data() + at, std::min<size_t>(65536, kLarge - at));
+    }
+    EXPECT_NO_THROW(in.Verify());
+    EXPECT_EQ(jx::ChecksumHelperTransfers(), before);
+  }
+  for (size_t at : {size_t{0}, kLarge / 2, kLarge - 1, kLarge}) {  // kLarge: the trailer
+    auto bad = file;
+    bad[at] ^= 0x10;
+    EXPECT_FALSE(ReadAndVerify(bad, 100003, &got)) << "flipped at " << at;
+  }
+}
+
+TEST(ChecksumHelper, AReadThatFailsPartWayThrowsAndLeavesTheHelperFree) {
+  const auto payload = Pattern(kLarge, 1);
+  const auto file = Sealed(payload);
+  std::vector<uint8_t> got(kLarge);
+  for (size_t failAt : {size_t{0}, size_t{1}, kLarge / 3, kLarge - 1}) {
+    ChunkyStream raw(file, 300007, failAt);
+    {
+      ChecksummedIByteStream in(raw);
+      EXPECT_THROW(in.ReadExactly(got.data(), got.size()), std::runtime_error) << failAt;
+    }
+    EXPECT_EQ(raw.throws, 1) << "the failure was injected at " << failAt;
+    // The failed read gave the helper back: the next one gets it.
+    const uint64_t before = jx::ChecksumHelperTransfers();
+    EXPECT_TRUE(ReadAndVerify(file, 300007, &got));
+    EXPECT_EQ(jx::ChecksumHelperTransfers(), before + 1) << "after a failure at " << failAt;
+  }
+}
+
+TEST(ChecksumHelper, ConcurrentReadersAndStopsNeitherHangNorMixReads) {
+  constexpr int kReaders = 4, kReads = 12;
+  constexpr auto kHangLimit = std::chrono::seconds(120);
+  // Each reader has its own file; every third read is of a damaged copy.
+  std::vector<std::vector<uint8_t>> payloads, files, damaged;
+  for (int r = 0; r < kReaders; ++r) {
+    payloads.push_back(Pattern(kLarge, 7 * r + 3));
+    files.push_back(Sealed(payloads.back()));
+    damaged.push_back(files.back());
+    damaged.back()[(r + 1) * kLarge / (kReaders + 1)] ^= 0x01;
+  }
+  const uint64_t before = jx::ChecksumHelperTransfers();
+  std::atomic<int> readersLeft{kReaders};
+  auto run = std::async(std::launch::async, [&] {
+    int wrong = 0, stops = 0;
+    std::vector<std::thread> readers;
+    for (int r = 0; r < kReaders; ++r) {
+      readers.emplace_back([&, r] {
+        std::vector<uint8_t> got;
+        for (int i = 0; i < kReads; ++i) {
+          const bool bad = i % 3 == 2;
+          const bool verified = ReadAndVerify(bad ? damaged[r] : files[r], 262147, &got);
+          if (verified == bad || (!bad && got != payloads[r])) ++wrong;
+        }
+        --readersLeft;
+      });
+    }
+    while (readersLeft > 0) {
+      jx::StopChecksumHelper();
+      ++stops;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    for (auto& t : readers) t.join();
+    return std::make_pair(wrong, stops);
+  });
+  if (run.wait_for(kHangLimit) != std::future_status::ready) {
+    std::fprintf(stderr, "checksum helper: readers and stops hung for %llds\n",
+                 static_cast<long long>(kHangLimit.count()));
+    std::abort();
+  }
+  const auto [wrong, stops] = run.get();
+  EXPECT_EQ(wrong, 0) << "a read verified that should not have, or returned other bytes";
+  EXPECT_GT(stops, 0);
+  const uint64_t aside = jx::ChecksumHelperTransfers() - before;
+  EXPECT_GT(aside, 0u) << "some reads found the helper free";
+  std::printf("reads %d, hashed aside %llu, stops %d\n", kReaders * kReads,
+              static_cast<unsigned long long>(aside), stops);
+}
+
+}  // namespace
