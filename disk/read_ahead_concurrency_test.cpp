@@ -38,9 +38,17 @@ TEST_F(ReadAheadConcurrencyTest, PlaybackPurgesAndJumpsTogether) {
   JX_ReadAhead readAhead;
   std::atomic<bool> done{false};
   std::atomic<int> served{0}, wrong{0};
-  std::atomic<int> next{0};
+  std::atomic<int> next{0}, requests{0};
+  // Six laps at least; more, up to a hundred, until the read-ahead has walked once: on a loaded
+  // machine its thread may not get a processor before six laps are over.
+  auto morePlay = [&](int n) {
+    if (n < 6 * kFrames) return true;
+    const auto c = readAhead.GetCounters();
+    return c.prefetched + c.notInCache == 0 && n < 100 * kFrames;
+  };
   auto player = [&] {
-    for (int n = next.fetch_add(1); n < 6 * kFrames; n = next.fetch_add(1)) {
+    for (int n = next.fetch_add(1); morePlay(n); n = next.fetch_add(1)) {
+      ++requests;
       // Forward play with a jump back to the start every lap.
       const int frame = n % kFrames;
       if (n % 7 == 0) {
@@ -73,7 +81,7 @@ TEST_F(ReadAheadConcurrencyTest, PlaybackPurgesAndJumpsTogether) {
   readAhead.Stop();
   const auto c = readAhead.GetCounters();
   EXPECT_EQ(wrong.load(), 0);
-  EXPECT_EQ(served.load(), 6 * kFrames);
+  EXPECT_EQ(served.load(), requests.load());
   EXPECT_GT(c.prefetched + c.notInCache, 0u);  // it did walk
   EXPECT_EQ(c.heldBytes, 0u);
   EXPECT_EQ(c.failedReads, 0u);
