@@ -71,10 +71,15 @@ class ChecksumHelper {
 
   bool TryLease() {
     bool expected = false;
-    return !leased_.load(std::memory_order_relaxed) &&
-           leased_.compare_exchange_strong(expected, true, std::memory_order_acquire);
+    if (leased_.load(std::memory_order_relaxed) ||
+        !leased_.compare_exchange_strong(expected, true, std::memory_order_acquire)) {
+      return false;
+    }
+    tLessee = true;
+    return true;
   }
   void EndLease() {
+    tLessee = false;
     leased_.store(false, std::memory_order_release);
     leased_.notify_all();
   }
@@ -118,6 +123,9 @@ class ChecksumHelper {
   }
 
   void Stop() {
+    // Asked from inside this thread's own read (a payload that calls back into the host, which
+    // shuts down): the lease is never given back while this waits. The helper stays for now.
+    if (tLessee) return;
     while (!TryLease()) leased_.wait(true, std::memory_order_acquire);
     if (thread_) {
       stop_.store(true, std::memory_order_relaxed);
@@ -143,6 +151,7 @@ class ChecksumHelper {
 
  private:
   static constexpr uint64_t kDone = uint64_t{1} << 63;
+  static inline thread_local bool tLessee = false;  // this thread holds the lease
 
   // `seen`: the last job number before this thread started; the job that started it is next.
   void Run(uint32_t seen) {

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <future>
 #include <stdexcept>
 #include <thread>
@@ -49,6 +50,7 @@ class ChunkyStream : public IByteStream {
   ChunkyStream(const std::vector<uint8_t>& bytes, size_t chunk, size_t failAt = SIZE_MAX)
       : bytes_(bytes), chunk_(chunk), failAt_(failAt) {}
   size_t Read(void* data, size_t length) override {
+    if (onRead) onRead();
     if (at_ >= failAt_) {
       ++throws;
       throw std::runtime_error("device gone");
@@ -60,6 +62,7 @@ class ChunkyStream : public IByteStream {
   }
   uint64_t Remaining() const override { return bytes_.size() - at_; }
   int throws = 0;
+  std::function<void()> onRead;  // runs on the reading thread before every read
 
  private:
   const std::vector<uint8_t>& bytes_;
@@ -128,6 +131,32 @@ TEST(ChecksumHelper, AReadThatFailsPartWayThrowsAndLeavesTheHelperFree) {
     EXPECT_TRUE(ReadAndVerify(file, 300007, &got));
     EXPECT_EQ(jx::ChecksumHelperTransfers(), before + 1) << "after a failure at " << failAt;
   }
+}
+
+// A host that shuts background work down from inside a payload's read, on the reading thread,
+// must not wait for the helper that this very read holds.
+TEST(ChecksumHelper, AStopFromInsideALargeReadDoesNotWaitForThatRead) {
+  const auto payload = Pattern(kLarge, 2);
+  const auto file = Sealed(payload);
+  auto run = std::async(std::launch::async, [&] {
+    ChunkyStream raw(file, 300007);
+    int stops = 0;
+    raw.onRead = [&] {
+      if (stops++ == 1) jx::StopChecksumHelper();  // the second read: the helper is ours
+    };
+    ChecksummedIByteStream in(raw);
+    const uint64_t before = jx::ChecksumHelperTransfers();
+    std::vector<uint8_t> got(kLarge);
+    in.ReadExactly(got.data(), got.size());
+    in.Verify();
+    return got == payload && jx::ChecksumHelperTransfers() == before + 1 && stops > 1;
+  });
+  if (run.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
+    std::fprintf(stderr, "checksum helper: a stop inside a read waited for that read\n");
+    std::abort();
+  }
+  EXPECT_TRUE(run.get());
+  jx::StopChecksumHelper();  // from outside any read, it stops as usual
 }
 
 TEST(ChecksumHelper, ConcurrentReadersAndStopsNeitherHangNorMixReads) {
