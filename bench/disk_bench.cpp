@@ -18,17 +18,9 @@
 #include <string>
 #include <vector>
 
-#define XXH_STATIC_LINKING_ONLY
-#include <xxhash.h>
-#if defined(__x86_64__) || defined(_M_X64)
-#include <xxh_x86dispatch.h>
-#define JX_XXH3_UPDATE XXH3_64bits_update_dispatch
-#else
-#define JX_XXH3_UPDATE XXH3_64bits_update
-#endif
-
 #include "disk/disk_counters.h"
 #include "host/file_utils.h"
+#include "items/xxh3.h"
 #include "jxcache/bag/bag.h"
 #include "jxcache/host/byte_stream.h"
 #include "jxcache/items/checksummed_stream.h"

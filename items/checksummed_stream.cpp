@@ -8,16 +8,8 @@
 #include <new>
 #include <string>
 
-#define XXH_STATIC_LINKING_ONLY
-#include <xxhash.h>
-#if defined(__x86_64__) || defined(_M_X64)
-#include <xxh_x86dispatch.h>
-#define JX_XXH3_UPDATE XXH3_64bits_update_dispatch
-#else
-#define JX_XXH3_UPDATE XXH3_64bits_update
-#endif
-
 #include "items/checksum_helper.h"
+#include "items/xxh3.h"
 #include "jxcache/host/cpu_relax.h"
 #include "jxcache/host/host_services.h"
 
