@@ -55,13 +55,32 @@ class ChecksumHelper {
     // Never destroyed: a payload may read from a static destructor; StopChecksumHelper joins.
     static ChecksumHelper* helper = [] {
       auto* made = new ChecksumHelper;
-      ::pthread_atfork(nullptr, nullptr, [] { Instance().ForgetAfterFork(); });
+      // The fork handlers find the helper through a plain pointer, set once it is whole: a fork
+      // while another thread is still in here must not wait for that thread's initialisation.
+      ::pthread_atfork(
+          [] {
+            if (ChecksumHelper* h = gForkable.load(std::memory_order_acquire)) {
+              h->QuiesceBeforeFork();
+            }
+          },
+          nullptr,
+          [] {
+            if (ChecksumHelper* h = gForkable.load(std::memory_order_acquire)) {
+              h->ForgetAfterFork();
+            }
+          });
+      gForkable.store(made, std::memory_order_release);
       return made;
     }();
     return *helper;
   }
 
   bool TryLease() {
+    // A waiting stop goes first: readers hash inline until it has had the lease.
+    if (stopping_.load(std::memory_order_relaxed) != 0) return false;
+    return TakeLease();
+  }
+  bool TakeLease() {
     bool expected = false;
     if (leased_.load(std::memory_order_relaxed) ||
         !leased_.compare_exchange_strong(expected, true, std::memory_order_acquire)) {
@@ -71,6 +90,10 @@ class ChecksumHelper {
     return true;
   }
   void EndLease() {
+    if (stopAfterLease_) {  // a stop asked from inside this read: carried out now
+      stopAfterLease_ = false;
+      StopThread();
+    }
     tLessee = false;
     leased_.store(false, std::memory_order_release);
     leased_.notify_all();
@@ -86,10 +109,12 @@ class ChecksumHelper {
       } catch (...) {
         return false;
       }
+      if (!thread_) return false;  // a host that could not give one
     }
     state_ = state;
     bytes_ = bytes;
     ready_.store(0, std::memory_order_relaxed);
+    hashed_.store(0, std::memory_order_relaxed);
     job_.fetch_add(1, std::memory_order_release);
     job_.notify_one();
     transfers_.fetch_add(1, std::memory_order_relaxed);
@@ -97,11 +122,20 @@ class ChecksumHelper {
   }
   // bytes[0, n) are final and may be hashed.
   void Publish(uint64_t n) {
+    if (orphaned_) {  // in a forked child: no helper, the reading thread hashes the rest
+      Update(state_, bytes_ + orphanedAt_, n - orphanedAt_);
+      orphanedAt_ = n;
+      return;
+    }
     ready_.store(n, std::memory_order_release);
     ready_.notify_one();
   }
   // Returns once every published byte is hashed.
   void Finish() {
+    if (orphaned_) {
+      orphaned_ = false;
+      return;
+    }
     const uint32_t job = job_.load(std::memory_order_relaxed);
     // The flag travels in the word the helper waits on, so it cannot miss it.
     ready_.fetch_or(kDone, std::memory_order_acq_rel);
@@ -116,18 +150,27 @@ class ChecksumHelper {
 
   void Stop() {
     // Asked from inside this thread's own read (a payload that calls back into the host, which
-    // shuts down): the lease is never given back while this waits. The helper stays for now.
-    if (tLessee) return;
-    while (!TryLease()) leased_.wait(true, std::memory_order_acquire);
-    if (thread_) {
-      stop_.store(true, std::memory_order_relaxed);
-      job_.fetch_add(1, std::memory_order_release);
-      job_.notify_one();
-      thread_->Join();
-      thread_.reset();
-      stop_.store(false, std::memory_order_relaxed);
+    // shuts down): waiting for the lease would wait for this very read. The helper is stopped
+    // when the read gives the lease back.
+    if (tLessee) {
+      stopAfterLease_ = true;  // done when this read gives the lease back
+      return;
     }
+    stopping_.fetch_add(1, std::memory_order_relaxed);
+    while (!TakeLease()) leased_.wait(true, std::memory_order_acquire);
+    stopping_.fetch_sub(1, std::memory_order_relaxed);
+    StopThread();
     EndLease();
+  }
+
+  // Before fork(), on the forking thread: if it holds the lease, the helper catches up with what
+  // it was given and is left outside XXH3, so the child inherits a whole hash state.
+  void QuiesceBeforeFork() {
+    if (!tLessee || !thread_) return;
+    const uint64_t ready = ready_.load(std::memory_order_relaxed) & ~kDone;
+    for (uint64_t h; (h = hashed_.load(std::memory_order_acquire)) != ready;) {
+      hashed_.wait(h, std::memory_order_acquire);
+    }
   }
 
   // In a forked child, which has only the thread that forked: the helper thread and whoever held
@@ -136,14 +179,22 @@ class ChecksumHelper {
     orphan_ = thread_.release();  // kept reachable: it is not a leak of the child's
     finished_.store(job_.load(std::memory_order_relaxed), std::memory_order_relaxed);
     stop_.store(false, std::memory_order_relaxed);
-    leased_.store(false, std::memory_order_relaxed);
+    stopping_.store(0, std::memory_order_relaxed);
+    if (tLessee) {  // this thread's read goes on here, hashed inline from where the helper was
+      orphaned_ = true;
+      orphanedAt_ = hashed_.load(std::memory_order_relaxed);
+      stopAfterLease_ = false;
+    } else {
+      leased_.store(false, std::memory_order_relaxed);
+    }
   }
 
   uint64_t Transfers() const { return transfers_.load(std::memory_order_relaxed); }
 
  private:
   static constexpr uint64_t kDone = uint64_t{1} << 63;
-  static inline thread_local bool tLessee = false;  // this thread holds the lease
+  static inline thread_local bool tLessee = false;                // this thread holds the lease
+  static inline std::atomic<ChecksumHelper*> gForkable{nullptr};  // for the fork handlers
 
   // `seen`: the last job number before this thread started; the job that started it is next.
   void Run(uint32_t seen) {
@@ -160,6 +211,16 @@ class ChecksumHelper {
     }
   }
 
+  void StopThread() {
+    if (!thread_) return;
+    stop_.store(true, std::memory_order_relaxed);
+    job_.fetch_add(1, std::memory_order_release);
+    job_.notify_one();
+    thread_->Join();
+    thread_.reset();
+    stop_.store(false, std::memory_order_relaxed);
+  }
+
   void HashTransfer() {
     uint64_t hashed = 0;
     int spins = 0;
@@ -169,6 +230,8 @@ class ChecksumHelper {
       if (ready > hashed) {
         Update(state_, bytes_ + hashed, ready - hashed);
         hashed = ready;
+        hashed_.store(hashed, std::memory_order_release);
+        hashed_.notify_all();
         spins = 0;
       } else if (word & kDone) {
         return;
@@ -191,6 +254,11 @@ class ChecksumHelper {
   std::atomic<uint32_t> job_{0};
   std::atomic<uint32_t> finished_{0};
   std::atomic<uint64_t> transfers_{0};
+  std::atomic<uint64_t> hashed_{0};  // of the current transfer, by the helper
+  std::atomic<int> stopping_{0};     // stops waiting for the lease
+  bool stopAfterLease_ = false;      // the lessee's thread only
+  bool orphaned_ = false;            // in a forked child, the lessee's thread only
+  uint64_t orphanedAt_ = 0;
 };
 
 // A lease of the helper for one read, given back (after the hash has caught up) however the read

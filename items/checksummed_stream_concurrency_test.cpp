@@ -2,6 +2,7 @@
 // an inline hash gives, damage anywhere must still be caught, and neither a read that fails
 // part-way, nor readers that find the helper busy, nor a stop of the helper in the middle of it
 // all may hang, mix two reads' bytes or leave the helper taken.
+#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -133,30 +134,79 @@ TEST(ChecksumHelper, AReadThatFailsPartWayThrowsAndLeavesTheHelperFree) {
   }
 }
 
+// The threads this process has now.
+int ThreadCount() {
+  int n = 0;
+  if (DIR* d = ::opendir("/proc/self/task")) {
+    while (dirent* e = ::readdir(d)) n += e->d_name[0] != '.';
+    ::closedir(d);
+  }
+  return n;
+}
+
 // A host that shuts background work down from inside a payload's read, on the reading thread,
-// must not wait for the helper that this very read holds.
-TEST(ChecksumHelper, AStopFromInsideALargeReadDoesNotWaitForThatRead) {
+// must not wait for the helper that this very read holds; the helper ends once the read is over.
+TEST(ChecksumHelper, AStopFromInsideALargeReadEndsTheHelperWhenThatReadIsOver) {
   const auto payload = Pattern(kLarge, 2);
   const auto file = Sealed(payload);
+  std::vector<uint8_t> got;
+  ASSERT_TRUE(ReadAndVerify(file, 300007, &got));  // the helper runs
+  jx::StopChecksumHelper();
+  const int withoutHelper = ThreadCount();
   auto run = std::async(std::launch::async, [&] {
     ChunkyStream raw(file, 300007);
-    int stops = 0;
+    int reads = 0;
     raw.onRead = [&] {
-      if (stops++ == 1) jx::StopChecksumHelper();  // the second read: the helper is ours
+      if (reads++ == 1) jx::StopChecksumHelper();  // the second read: the helper is ours
     };
     ChecksummedIByteStream in(raw);
     const uint64_t before = jx::ChecksumHelperTransfers();
-    std::vector<uint8_t> got(kLarge);
-    in.ReadExactly(got.data(), got.size());
+    std::vector<uint8_t> mine(kLarge);
+    in.ReadExactly(mine.data(), mine.size());
     in.Verify();
-    return got == payload && jx::ChecksumHelperTransfers() == before + 1 && stops > 1;
+    return mine == payload && jx::ChecksumHelperTransfers() == before + 1 && reads > 1;
   });
   if (run.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
     std::fprintf(stderr, "checksum helper: a stop inside a read waited for that read\n");
     std::abort();
   }
   EXPECT_TRUE(run.get());
-  jx::StopChecksumHelper();  // from outside any read, it stops as usual
+  EXPECT_EQ(ThreadCount(), withoutHelper) << "the helper outlived the stop asked during the read";
+}
+
+// A stop must not wait behind a thread that reads large payloads back to back (playback), which
+// could otherwise take the helper again each time before the stop wakes.
+TEST(ChecksumHelper, AStopIsNotStarvedByOneThreadReadingBackToBack) {
+  const auto file = Sealed(Pattern(kLarge, 5));
+  constexpr auto kReading = std::chrono::seconds(20);  // at most: the stop ends it
+  std::atomic<bool> stopped{false};
+  std::atomic<int> reads{0}, bad{0};
+  std::thread reader([&] {
+    // Nothing between two reads but the next read: the helper is free only for a moment.
+    std::vector<uint8_t> got(kLarge);
+    const auto until = std::chrono::steady_clock::now() + kReading;
+    while (!stopped && std::chrono::steady_clock::now() < until) {
+      ChunkyStream raw(file, SIZE_MAX);
+      ChecksummedIByteStream in(raw);
+      in.ReadExactly(got.data(), got.size());
+      try {
+        in.Verify();
+      } catch (const CorruptDataError&) {
+        ++bad;
+      }
+      ++reads;
+    }
+  });
+  while (reads < 3) std::this_thread::yield();
+  const uint64_t before = jx::ChecksumHelperTransfers();
+  jx::StopChecksumHelper();
+  // Reads that took the helper while the stop waited for it: the one under way, and perhaps one
+  // that took it just before the stop asked. Starved, the stop waits behind dozens.
+  const uint64_t tookHelper = jx::ChecksumHelperTransfers() - before;
+  stopped = true;
+  reader.join();
+  EXPECT_EQ(bad, 0);
+  EXPECT_LE(tookHelper, 2u) << "the stop waited behind " << tookHelper << " reads of " << reads;
 }
 
 TEST(ChecksumHelper, ConcurrentReadersAndStopsNeitherHangNorMixReads) {

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <functional>
 #include <vector>
 
 #include "items/checksum_helper.h"
@@ -105,27 +106,69 @@ TEST(ChecksummedStream, AHeaderThatClaimsMoreThanTheStreamHoldsIsRefusedBeforeAl
   EXPECT_THROW(in.ExpectAtLeast(uint64_t{65535} * 16383 * 4, "frame"), CorruptDataError);
 }
 
-// A child forked after the parent's large reads started the hashing thread has no such thread:
-// its own large reads must start one rather than wait for the parent's.
+// Runs `child` in a forked child with a 10 s alarm and returns whether it exited with 0.
+::testing::AssertionResult InForkedChild(const std::function<bool()>& child) {
+  const pid_t pid = ::fork();
+  if (pid < 0) return ::testing::AssertionFailure() << "fork failed";
+  if (pid == 0) {
+    ::alarm(10);  // a hang ends the child by a signal, which the parent reports
+    ::_exit(child() ? 0 : 1);
+  }
+  int status = 0;
+  if (::waitpid(pid, &status, 0) != pid) return ::testing::AssertionFailure() << "waitpid";
+  if (!WIFEXITED(status)) {
+    return ::testing::AssertionFailure()
+           << "the child hung or crashed: signal " << WTERMSIG(status);
+  }
+  if (WEXITSTATUS(status) != 0) return ::testing::AssertionFailure() << "the child's check failed";
+  return ::testing::AssertionSuccess();
+}
+
+// A forked child has no hashing thread. Forked after the parent's large reads started one, its
+// own large reads must start their own rather than wait for the parent's; forked from inside a
+// large read (a payload's callback), it carries that read on and a good file still verifies.
 TEST(ChecksummedStream, AForkedChildHashesItsLargeReadsWithoutTheParentsThread) {
   const auto payload = Pattern(3 << 20);
   const auto file = Sealed(payload, payload.size());
   const uint64_t before = jx::ChecksumHelperTransfers();
   ASSERT_EQ(Open(file, payload.size()), payload);
   ASSERT_EQ(jx::ChecksumHelperTransfers(), before + 1) << "the parent's read went to the helper";
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    ::alarm(10);  // a hang ends the child by a signal, which the parent reports
+  EXPECT_TRUE(InForkedChild([&] {
     const uint64_t mine = jx::ChecksumHelperTransfers();
-    const bool ok =
-        Open(file, payload.size()) == payload && jx::ChecksumHelperTransfers() == mine + 1;
-    ::_exit(ok ? 0 : 1);
+    return Open(file, payload.size()) == payload && jx::ChecksumHelperTransfers() == mine + 1;
+  }));
+
+  // Forked inside a read: slices before the fork were hashed by the parent's helper.
+  class ForkingStream : public MemoryIByteStream {
+   public:
+    using MemoryIByteStream::MemoryIByteStream;
+    size_t Read(void* data, size_t length) override {
+      if (++reads == 3) child = ::fork();
+      if (child == 0) ::alarm(10);
+      return MemoryIByteStream::Read(data, std::min<size_t>(length, 300007));
+    }
+    int reads = 0;
+    pid_t child = -1;
+  };
+  ForkingStream raw(file.data(), file.size());
+  bool verified = false;
+  {
+    ChecksummedIByteStream in(raw);
+    std::vector<uint8_t> got(payload.size());
+    in.ReadExactly(got.data(), got.size());
+    try {
+      in.Verify();
+      verified = got == payload;
+    } catch (const CorruptDataError&) {
+    }
   }
+  if (raw.child == 0) ::_exit(verified ? 0 : 1);
+  EXPECT_TRUE(verified);
+  ASSERT_GT(raw.child, 0) << "the read forked";
   int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_EQ(::waitpid(raw.child, &status, 0), raw.child);
   ASSERT_TRUE(WIFEXITED(status)) << "the child hung or crashed: signal " << WTERMSIG(status);
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "the child's read of a good file did not verify";
 }
 
 }  // namespace
