@@ -18,31 +18,19 @@
 #include <vector>
 
 #include "items/checksum_helper.h"
+#include "items/checksummed_stream_test_support.h"
 #include "jxcache/items/checksummed_stream.h"
 
 namespace {
 
 using jx::ChecksummedIByteStream;
-using jx::ChecksummedOByteStream;
 using zelcore::filesupport::CorruptDataError;
 using zelcore::filesupport::IByteStream;
-using zelcore::filesupport::VectorOByteStream;
 
 constexpr size_t kLarge = 3 * 1024 * 1024 + 12345;  // past the size that the helper hashes
 
-std::vector<uint8_t> Pattern(size_t n, unsigned seed) {
-  std::vector<uint8_t> v(n);
-  for (size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(i * 131 + (i >> 9) + seed);
-  return v;
-}
-
-std::vector<uint8_t> Sealed(const std::vector<uint8_t>& payload) {
-  VectorOByteStream out;
-  ChecksummedOByteStream sum(out);
-  sum.Write(payload.data(), payload.size());
-  sum.Finish();
-  return out.Bytes();
-}
+using jx::testing::Pattern;
+using jx::testing::Sealed;
 
 // Hands out a file's bytes at most `chunk` at a time (so the helper's slices end anywhere), and
 // throws once `failAt` bytes have gone.

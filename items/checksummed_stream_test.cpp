@@ -9,32 +9,17 @@
 #include <vector>
 
 #include "items/checksum_helper.h"
+#include "items/checksummed_stream_test_support.h"
 
 namespace {
 
 using jx::ChecksummedIByteStream;
-using jx::ChecksummedOByteStream;
 using zelcore::filesupport::CorruptDataError;
 using zelcore::filesupport::IByteStream;
 using zelcore::filesupport::MemoryIByteStream;
-using zelcore::filesupport::VectorOByteStream;
 
-std::vector<uint8_t> Pattern(size_t n) {
-  std::vector<uint8_t> v(n);
-  for (size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(i * 131 + (i >> 9));
-  return v;
-}
-
-// Writes `payload` in pieces of `piece` bytes, with the trailer.
-std::vector<uint8_t> Sealed(const std::vector<uint8_t>& payload, size_t piece) {
-  VectorOByteStream out;
-  ChecksummedOByteStream sum(out);
-  for (size_t at = 0; at < payload.size(); at += piece) {
-    sum.Write(payload.data() + at, std::min(piece, payload.size() - at));
-  }
-  sum.Finish();
-  return out.Bytes();
-}
+using jx::testing::Pattern;
+using jx::testing::Sealed;
 
 // Reads back `n` payload bytes and verifies; returns what was read (throws as Verify does).
 std::vector<uint8_t> Open(const std::vector<uint8_t>& file, size_t n) {
