@@ -5,8 +5,8 @@
 
 namespace jx {
 
-// Ends the helper thread, after the transfer it serves (if any) is over. A later large read
-// starts it again.
+// Ends the helper thread. A transfer it serves is not waited for: the helper gives it up at its
+// next slice and the reading thread hashes the rest. A later large read starts it again.
 void StopChecksumHelper();
 
 // Transfers whose bytes the helper hashed, since the process started.

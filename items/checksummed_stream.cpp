@@ -47,8 +47,12 @@ constexpr int kHelperSpins = 4000;
 // One thread for the whole process that hashes a transfer's bytes while the transferring thread
 // reads the next ones: with the page cache warm, XXH3 costs about a third of the copy, and the
 // read then costs about what a bare read does. One transfer has it at a time, under a lease; a
-// transfer that finds it taken hashes inline rather than wait. The lease also guards the thread's
-// start and stop, so neither needs a lock of its own.
+// transfer that finds it taken hashes inline rather than wait.
+//
+// A stop never waits for a transfer: the helper gives up the one it serves at its next slice,
+// and the reading thread hashes the rest inline from where the helper left off. The thread's start
+// and stop are guarded by a flag of their own; a transfer that finds a stop under way hashes
+// inline.
 class ChecksumHelper {
  public:
   static ChecksumHelper& Instance() {
@@ -76,11 +80,6 @@ class ChecksumHelper {
   }
 
   bool TryLease() {
-    // A waiting stop goes first: readers hash inline until it has had the lease.
-    if (stopping_.load(std::memory_order_relaxed) != 0) return false;
-    return TakeLease();
-  }
-  bool TakeLease() {
     bool expected = false;
     if (leased_.load(std::memory_order_relaxed) ||
         !leased_.compare_exchange_strong(expected, true, std::memory_order_acquire)) {
@@ -90,100 +89,114 @@ class ChecksumHelper {
     return true;
   }
   void EndLease() {
-    if (stopAfterLease_) {  // a stop asked from inside this read: carried out now
-      stopAfterLease_ = false;
-      StopThread();
-    }
     tLessee = false;
     leased_.store(false, std::memory_order_release);
-    leased_.notify_all();
   }
 
   // With the lease: hands the helper a transfer into `bytes`, hashed into `state`. False when
-  // the thread cannot be had.
+  // the thread cannot be had (a stop is under way, or the host gave none).
   bool Begin(XXH3_state_s* state, const uint8_t* bytes) {
+    if (!TryGuardThread()) return false;
+    struct Unguard {
+      ChecksumHelper* h;
+      ~Unguard() { h->UnguardThread(); }
+    } unguard{this};
     if (!thread_) {
+      // The host may call back into a stop from inside StartThread: it is carried out below.
+      tStarting = true;
       try {
         const uint32_t before = job_.load(std::memory_order_relaxed);
         thread_ = host::GetThreads().StartThread([this, before] { Run(before); });
       } catch (...) {
-        return false;
       }
-      if (!thread_) return false;  // a host that could not give one
+      tStarting = false;
+      if (stopWhileStarting_) {
+        stopWhileStarting_ = false;
+        StopThread();
+      }
+      if (!thread_) return false;
     }
     state_ = state;
     bytes_ = bytes;
+    published_ = 0;
+    orphaned_ = false;
     ready_.store(0, std::memory_order_relaxed);
     hashed_.store(0, std::memory_order_relaxed);
-    job_.fetch_add(1, std::memory_order_release);
-    job_.notify_one();
+    myJob_ = job_.load(std::memory_order_relaxed) + 1;
+    job_.store(myJob_, std::memory_order_release);
+    Wake();
     transfers_.fetch_add(1, std::memory_order_relaxed);
     return true;
   }
   // bytes[0, n) are final and may be hashed.
   void Publish(uint64_t n) {
-    if (orphaned_) {  // in a forked child: no helper, the reading thread hashes the rest
+    if (!orphaned_) TakeOverIfAbandoned();
+    if (orphaned_) {  // the helper gave the transfer up: the reading thread hashes the rest
       Update(state_, bytes_ + orphanedAt_, n - orphanedAt_);
-      orphanedAt_ = n;
+      orphanedAt_ = published_ = n;
       return;
     }
-    ready_.store(n, std::memory_order_release);
+    // A read-modify-write, so that a stop's flag in the same word is never overwritten.
+    ready_.fetch_add(n - published_, std::memory_order_release);
+    published_ = n;
     ready_.notify_one();
   }
   // Returns once every published byte is hashed.
   void Finish() {
+    if (!orphaned_) {
+      // The flag travels in the word the helper waits on, so it cannot miss it.
+      ready_.fetch_or(kDone, std::memory_order_acq_rel);
+      ready_.notify_one();
+      for (int i = 0; i < kHelperSpins && finished_.load(std::memory_order_acquire) != myJob_;
+           ++i) {
+        zelcore::threads::CpuRelax();
+      }
+      for (uint32_t seen; (seen = finished_.load(std::memory_order_acquire)) != myJob_;) {
+        finished_.wait(seen, std::memory_order_acquire);
+      }
+      TakeOverIfAbandoned();
+    }
     if (orphaned_) {
+      Update(state_, bytes_ + orphanedAt_, published_ - orphanedAt_);
       orphaned_ = false;
-      return;
-    }
-    const uint32_t job = job_.load(std::memory_order_relaxed);
-    // The flag travels in the word the helper waits on, so it cannot miss it.
-    ready_.fetch_or(kDone, std::memory_order_acq_rel);
-    ready_.notify_one();
-    for (int i = 0; i < kHelperSpins && finished_.load(std::memory_order_acquire) != job; ++i) {
-      zelcore::threads::CpuRelax();
-    }
-    for (uint32_t seen; (seen = finished_.load(std::memory_order_acquire)) != job;) {
-      finished_.wait(seen, std::memory_order_acquire);
     }
   }
 
+  // Ends the thread. Waits only for the thread to leave the slice it hashes (and for another
+  // stop, or a start, under way), never for a read.
   void Stop() {
-    // Asked from inside this thread's own read (a payload that calls back into the host, which
-    // shuts down): waiting for the lease would wait for this very read. The helper is stopped
-    // when the read gives the lease back.
-    if (tLessee) {
-      stopAfterLease_ = true;  // done when this read gives the lease back
+    if (tStarting) {  // asked by the host from inside StartThread, on the starting thread
+      stopWhileStarting_ = true;
       return;
     }
-    stopping_.fetch_add(1, std::memory_order_relaxed);
-    while (!TakeLease()) leased_.wait(true, std::memory_order_acquire);
-    stopping_.fetch_sub(1, std::memory_order_relaxed);
+    GuardThread();
     StopThread();
-    EndLease();
+    UnguardThread();
   }
 
   // Before fork(), on the forking thread: if it holds the lease, the helper catches up with what
-  // it was given and is left outside XXH3, so the child inherits a whole hash state.
+  // it was given (or gives it up) and is left outside XXH3, so the child inherits a whole state.
   void QuiesceBeforeFork() {
-    if (!tLessee || !thread_) return;
-    const uint64_t ready = ready_.load(std::memory_order_relaxed) & ~kDone;
-    for (uint64_t h; (h = hashed_.load(std::memory_order_acquire)) != ready;) {
+    if (!tLessee || orphaned_) return;
+    for (uint64_t h;
+         (h = hashed_.load(std::memory_order_acquire)) != published_ && (h & kAbandoned) == 0;) {
       hashed_.wait(h, std::memory_order_acquire);
     }
   }
 
-  // In a forked child, which has only the thread that forked: the helper thread and whoever held
-  // the lease stayed behind in the parent. The thread's handle is dropped without a join.
+  // In a forked child, which has only the thread that forked: the helper thread, whoever held the
+  // lease and whoever was starting or stopping the thread stayed behind in the parent. The
+  // thread's handle is dropped without a join.
   void ForgetAfterFork() {
     orphan_ = thread_.release();  // kept reachable: it is not a leak of the child's
-    finished_.store(job_.load(std::memory_order_relaxed), std::memory_order_relaxed);
     stop_.store(false, std::memory_order_relaxed);
-    stopping_.store(0, std::memory_order_relaxed);
-    if (tLessee) {  // this thread's read goes on here, hashed inline from where the helper was
-      orphaned_ = true;
-      orphanedAt_ = hashed_.load(std::memory_order_relaxed);
-      stopAfterLease_ = false;
+    guarded_.store(false, std::memory_order_relaxed);
+    if (tLessee) {
+      // This thread's read goes on here, hashed inline from where the helper was.
+      if (!orphaned_) {
+        orphaned_ = true;
+        orphanedAt_ = hashed_.load(std::memory_order_relaxed) & ~kAbandoned;
+      }
     } else {
       leased_.store(false, std::memory_order_relaxed);
     }
@@ -192,41 +205,81 @@ class ChecksumHelper {
   uint64_t Transfers() const { return transfers_.load(std::memory_order_relaxed); }
 
  private:
-  static constexpr uint64_t kDone = uint64_t{1} << 63;
+  static constexpr uint64_t kDone = uint64_t{1} << 63;            // in ready_: nothing more comes
+  static constexpr uint64_t kStop = uint64_t{1} << 62;            // in ready_: give the transfer up
+  static constexpr uint64_t kAbandoned = uint64_t{1} << 63;       // in hashed_: given up there
   static inline thread_local bool tLessee = false;                // this thread holds the lease
+  static inline thread_local bool tStarting = false;              // this thread is in StartThread
   static inline std::atomic<ChecksumHelper*> gForkable{nullptr};  // for the fork handlers
 
-  // `seen`: the last job number before this thread started; the job that started it is next.
-  void Run(uint32_t seen) {
-    for (;;) {
-      uint32_t job;
-      while ((job = job_.load(std::memory_order_acquire)) == seen) {
-        job_.wait(seen, std::memory_order_acquire);
-      }
-      seen = job;
-      if (stop_.load(std::memory_order_relaxed)) return;
-      HashTransfer();
-      finished_.store(job, std::memory_order_release);
-      finished_.notify_one();
+  bool TryGuardThread() {
+    return !guarded_.load(std::memory_order_relaxed) &&
+           !guarded_.exchange(true, std::memory_order_acquire);
+  }
+  void GuardThread() {
+    while (guarded_.exchange(true, std::memory_order_acquire)) {
+      guarded_.wait(true, std::memory_order_relaxed);
     }
   }
+  void UnguardThread() {
+    guarded_.store(false, std::memory_order_release);
+    guarded_.notify_all();
+  }
 
+  void Wake() {
+    wake_.fetch_add(1, std::memory_order_release);
+    wake_.notify_one();
+  }
+
+  // The reading thread: if the helper gave its transfer up, the rest is hashed here from where
+  // the helper stopped. The helper touches nothing of the transfer after it says so.
+  void TakeOverIfAbandoned() {
+    const uint64_t h = hashed_.load(std::memory_order_acquire);
+    if ((h & kAbandoned) == 0) return;
+    orphaned_ = true;
+    orphanedAt_ = h & ~kAbandoned;
+  }
+
+  // With the guard held.
   void StopThread() {
     if (!thread_) return;
     stop_.store(true, std::memory_order_relaxed);
-    job_.fetch_add(1, std::memory_order_release);
-    job_.notify_one();
+    // Both words the helper may sleep on change, and a transfer it serves sees the flag in its own
+    // word at its next slice.
+    ready_.fetch_or(kStop, std::memory_order_release);
+    ready_.notify_all();
+    Wake();
     thread_->Join();
     thread_.reset();
     stop_.store(false, std::memory_order_relaxed);
   }
 
-  void HashTransfer() {
+  // `done`: the last job number before this thread started; the job that started it is next.
+  void Run(uint32_t done) {
+    for (;;) {
+      const uint32_t woken = wake_.load(std::memory_order_acquire);
+      const uint32_t job = job_.load(std::memory_order_acquire);
+      if (job != done) {
+        HashTransfer(job);
+        done = job;
+        continue;
+      }
+      if (stop_.load(std::memory_order_relaxed)) return;
+      wake_.wait(woken, std::memory_order_acquire);
+    }
+  }
+
+  void HashTransfer(uint32_t job) {
     uint64_t hashed = 0;
     int spins = 0;
     for (;;) {
       const uint64_t word = ready_.load(std::memory_order_acquire);
-      const uint64_t ready = word & ~kDone;
+      if ((word & kStop) != 0 || stop_.load(std::memory_order_relaxed)) {
+        hashed_.store(hashed | kAbandoned, std::memory_order_release);
+        hashed_.notify_all();
+        break;
+      }
+      const uint64_t ready = word & ~(kDone | kStop);
       if (ready > hashed) {
         Update(state_, bytes_ + hashed, ready - hashed);
         hashed = ready;
@@ -234,30 +287,36 @@ class ChecksumHelper {
         hashed_.notify_all();
         spins = 0;
       } else if (word & kDone) {
-        return;
+        break;
       } else if (++spins < kHelperSpins) {
         zelcore::threads::CpuRelax();
       } else {
         ready_.wait(word, std::memory_order_acquire);
       }
     }
+    finished_.store(job, std::memory_order_release);
+    finished_.notify_one();
   }
 
   std::atomic<bool> leased_{false};
-  std::unique_ptr<host::JoinableThread> thread_;  // started and stopped under the lease
+  std::atomic<bool> guarded_{false};              // the thread is being started or stopped
+  std::unique_ptr<host::JoinableThread> thread_;  // started and stopped under the guard
   host::JoinableThread* orphan_ = nullptr;        // the parent's, in a forked child
+  bool stopWhileStarting_ = false;                // under the guard
   std::atomic<bool> stop_{false};
-  // The transfer, set under the lease before job_ moves on.
+  std::atomic<uint32_t> wake_{0};  // moves on for every job and every stop
+  // The transfer, set under the lease and the guard before job_ moves on.
   XXH3_state_s* state_ = nullptr;
   const uint8_t* bytes_ = nullptr;
-  std::atomic<uint64_t> ready_{0};  // bytes published, and kDone
-  std::atomic<uint32_t> job_{0};
+  std::atomic<uint64_t> ready_{0};   // bytes published, with kDone and kStop
+  std::atomic<uint64_t> hashed_{0};  // of the current transfer by the helper, with kAbandoned
+  std::atomic<uint32_t> job_{0};     // written under the lease only
   std::atomic<uint32_t> finished_{0};
   std::atomic<uint64_t> transfers_{0};
-  std::atomic<uint64_t> hashed_{0};  // of the current transfer, by the helper
-  std::atomic<int> stopping_{0};     // stops waiting for the lease
-  bool stopAfterLease_ = false;      // the lessee's thread only
-  bool orphaned_ = false;            // in a forked child, the lessee's thread only
+  // The lessee's thread only.
+  uint32_t myJob_ = 0;
+  uint64_t published_ = 0;
+  bool orphaned_ = false;  // hashing inline: the helper gave the transfer up, or stayed behind
   uint64_t orphanedAt_ = 0;
 };
 

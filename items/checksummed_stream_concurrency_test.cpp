@@ -1,7 +1,7 @@
 // A large read is hashed by the helper thread a slice behind the reads: the verdict must be the one
 // an inline hash gives, damage anywhere must still be caught, and neither a read that fails
 // part-way, nor readers that find the helper busy, nor a stop of the helper in the middle of it
-// all may hang, mix two reads' bytes or leave the helper taken.
+// all may hang, mix two reads' bytes or leave the helper taken, and a stop never waits for a read.
 #include <dirent.h>
 #include <gtest/gtest.h>
 
@@ -133,25 +133,30 @@ int ThreadCount() {
 }
 
 // A host that shuts background work down from inside a payload's read, on the reading thread,
-// must not wait for the helper that this very read holds; the helper ends once the read is over.
-TEST(ChecksumHelper, AStopFromInsideALargeReadEndsTheHelperWhenThatReadIsOver) {
+// must not wait for that very read: the helper gives the read up and ends at once, and the read
+// goes on hashed inline.
+TEST(ChecksumHelper, AStopFromInsideALargeReadEndsTheHelperAtOnce) {
   const auto payload = Pattern(kLarge, 2);
   const auto file = Sealed(payload);
   std::vector<uint8_t> got;
   ASSERT_TRUE(ReadAndVerify(file, 300007, &got));  // the helper runs
   jx::StopChecksumHelper();
-  const int withoutHelper = ThreadCount();
   auto run = std::async(std::launch::async, [&] {
+    const int withoutHelper = ThreadCount();
+    int afterStop = -1;
     ChunkyStream raw(file, 300007);
     int reads = 0;
     raw.onRead = [&] {
-      if (reads++ == 1) jx::StopChecksumHelper();  // the second read: the helper is ours
+      if (reads++ != 1) return;  // the second read: the helper is ours
+      jx::StopChecksumHelper();
+      afterStop = ThreadCount();
     };
     ChecksummedIByteStream in(raw);
     const uint64_t before = jx::ChecksumHelperTransfers();
     std::vector<uint8_t> mine(kLarge);
     in.ReadExactly(mine.data(), mine.size());
     in.Verify();
+    EXPECT_EQ(afterStop, withoutHelper) << "the helper outlived the stop asked during the read";
     return mine == payload && jx::ChecksumHelperTransfers() == before + 1 && reads > 1;
   });
   if (run.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
@@ -159,7 +164,51 @@ TEST(ChecksumHelper, AStopFromInsideALargeReadEndsTheHelperWhenThatReadIsOver) {
     std::abort();
   }
   EXPECT_TRUE(run.get());
-  EXPECT_EQ(ThreadCount(), withoutHelper) << "the helper outlived the stop asked during the read";
+}
+
+// A read held up in its device (a network folder) must not hold up a stop: the helper gives the
+// read up, and the reading thread hashes the rest once its device answers. Damage before and
+// after the point where the helper stopped is still caught.
+TEST(ChecksumHelper, AStopDoesNotWaitForAReadStuckInItsDevice) {
+  const auto payload = Pattern(kLarge, 9);
+  for (size_t flip : {SIZE_MAX, size_t{100}, kLarge - 10}) {
+    auto file = Sealed(payload);
+    if (flip != SIZE_MAX) file[flip] ^= 0x04;
+    std::promise<void> stuck;
+    std::atomic<bool> answer{false};
+    auto reader = std::async(std::launch::async, [&] {
+      ChunkyStream raw(file, 300007);
+      int reads = 0;
+      raw.onRead = [&] {
+        if (reads++ != 3) return;
+        stuck.set_value();
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (!answer && std::chrono::steady_clock::now() < limit) {
+          std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+      };
+      ChecksummedIByteStream in(raw);
+      const uint64_t before = jx::ChecksumHelperTransfers();
+      std::vector<uint8_t> got(kLarge);
+      in.ReadExactly(got.data(), got.size());
+      EXPECT_EQ(jx::ChecksumHelperTransfers(), before + 1) << "the helper had the read";
+      try {
+        in.Verify();
+        return got == payload;
+      } catch (const CorruptDataError&) {
+        return false;
+      }
+    });
+    stuck.get_future().wait();
+    // Long past the helper's spin: it sleeps, waiting for the stuck read's next slice.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    auto stop = std::async(std::launch::async, [] { jx::StopChecksumHelper(); });
+    const bool stopWaited = stop.wait_for(std::chrono::seconds(10)) != std::future_status::ready;
+    answer = true;
+    stop.wait();
+    EXPECT_FALSE(stopWaited) << "the stop waited for a read stuck in its device";
+    EXPECT_EQ(reader.get(), flip == SIZE_MAX) << "flipped at " << flip;
+  }
 }
 
 // A stop must not wait behind a thread that reads large payloads back to back (playback), which
