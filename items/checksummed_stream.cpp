@@ -97,10 +97,7 @@ class ChecksumHelper {
   // the thread cannot be had (a stop is under way, or the host gave none).
   bool Begin(XXH3_state_s* state, const uint8_t* bytes) {
     if (!TryGuardThread()) return false;
-    struct Unguard {
-      ChecksumHelper* h;
-      ~Unguard() { h->UnguardThread(); }
-    } unguard{this};
+    Unguard unguard{this};
     if (!thread_) {
       // The host may call back into a stop from inside StartThread: it is carried out below.
       tStarting = true;
@@ -170,8 +167,8 @@ class ChecksumHelper {
       return;
     }
     GuardThread();
+    Unguard unguard{this};  // also if the host's Join throws
     StopThread();
-    UnguardThread();
   }
 
   // Before fork(), on the forking thread: if it holds the lease, the helper catches up with what
@@ -225,6 +222,10 @@ class ChecksumHelper {
     guarded_.store(false, std::memory_order_release);
     guarded_.notify_all();
   }
+  struct Unguard {
+    ChecksumHelper* helper;
+    ~Unguard() { helper->UnguardThread(); }
+  };
 
   void Wake() {
     wake_.fetch_add(1, std::memory_order_release);
@@ -243,7 +244,8 @@ class ChecksumHelper {
   // With the guard held.
   void StopThread() {
     if (!thread_) return;
-    stop_.store(true, std::memory_order_relaxed);
+    // Released: a helper that sees the flag also sees the job handed over before the stop.
+    stop_.store(true, std::memory_order_release);
     // Both words the helper may sleep on change, and a transfer it serves sees the flag in its own
     // word at its next slice.
     ready_.fetch_or(kStop, std::memory_order_release);
@@ -264,7 +266,12 @@ class ChecksumHelper {
         done = job;
         continue;
       }
-      if (stop_.load(std::memory_order_relaxed)) return;
+      if (stop_.load(std::memory_order_acquire)) {
+        // The job may have been handed over after the look above and before the stop: its read
+        // waits for the helper to serve it (if only to give it up), so it is looked at again.
+        if (job_.load(std::memory_order_acquire) != done) continue;
+        return;
+      }
       wake_.wait(woken, std::memory_order_acquire);
     }
   }
@@ -281,8 +288,10 @@ class ChecksumHelper {
       }
       const uint64_t ready = word & ~(kDone | kStop);
       if (ready > hashed) {
-        Update(state_, bytes_ + hashed, ready - hashed);
-        hashed = ready;
+        // A slice at a time even when behind, so that a stop waits for one slice at most.
+        const uint64_t upto = std::min<uint64_t>(ready, hashed + kHelperSlice);
+        Update(state_, bytes_ + hashed, upto - hashed);
+        hashed = upto;
         hashed_.store(hashed, std::memory_order_release);
         hashed_.notify_all();
         spins = 0;
