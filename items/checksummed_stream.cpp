@@ -129,8 +129,8 @@ class ChecksumHelper {
   void Publish(uint64_t n) {
     if (!orphaned_) TakeOverIfAbandoned();
     if (orphaned_) {  // the helper gave the transfer up: the reading thread hashes the rest
-      Update(state_, bytes_ + orphanedAt_, n - orphanedAt_);
-      orphanedAt_ = published_ = n;
+      HashInlineUpTo(n);
+      published_ = n;
       return;
     }
     // A read-modify-write, so that a stop's flag in the same word is never overwritten.
@@ -154,7 +154,7 @@ class ChecksumHelper {
       TakeOverIfAbandoned();
     }
     if (orphaned_) {
-      Update(state_, bytes_ + orphanedAt_, published_ - orphanedAt_);
+      HashInlineUpTo(published_);
       orphaned_ = false;
     }
   }
@@ -239,6 +239,12 @@ class ChecksumHelper {
     if ((h & kAbandoned) == 0) return;
     orphaned_ = true;
     orphanedAt_ = h & ~kAbandoned;
+  }
+
+  // The reading thread, once the helper is out of the transfer: hashes bytes[orphanedAt_, n).
+  void HashInlineUpTo(uint64_t n) {
+    Update(state_, bytes_ + orphanedAt_, n - orphanedAt_);
+    orphanedAt_ = n;
   }
 
   // With the guard held.
