@@ -49,9 +49,8 @@ tsan:
 	cd build-tsan && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ctest -j $(JOBS) --output-on-failure -L "concurrency|stress"
 
 # Each program's last line holds its figures; ctest keeps them in its log, so show them here.
-# Two at a time: the 1 GiB replay takes most of the time on one core, the rest share the other.
 stress: build
-	cd $(BUILD) && ctest -j $(JOBS) --output-on-failure -L stress
+	cd $(BUILD) && ctest -j 1 --output-on-failure -L stress
 	@grep -hE "violations [0-9]+" $(BUILD)/Testing/Temporary/LastTest.log
 
 # Each fuzz target runs for FUZZ_SECONDS on a copy of its seed corpus (fuzz/corpus/<target>);
