@@ -116,14 +116,23 @@ int DeleteLeftoverTempFiles(const Dir& dir, int64_t minAgeSeconds) {
     if (!zelcore::filesupport::SafeSave::IsTempFileName(name)) continue;
     File f = dir.GetFile(name);
     try {
-      if (now - f.GetCreationTime() < minAgeSeconds) continue;  // a live writer's
-      f.Delete();
-      ++deleted;
+      deleted += DeleteIfLeftover(f, f.GetCreationTime(), now, minAgeSeconds);
     } catch (...) {
-      // Gone already, or not ours to delete: either way nothing to keep track of.
+      // Gone already: nothing to keep track of.
     }
   }
   return deleted;
+}
+
+bool DeleteIfLeftover(const File& temp, int64_t changed, int64_t now, int64_t minAgeSeconds) {
+  if (now - changed < minAgeSeconds) return false;  // a live writer's
+  try {
+    temp.Delete();
+    return true;
+  } catch (...) {
+    // Gone already, or not ours to delete: either way nothing to keep track of.
+    return false;
+  }
 }
 
 int64_t GetMinimumVolumeFreeSpace() { return gMinVolumeFreeSpace.load(std::memory_order_relaxed); }
@@ -262,7 +271,6 @@ int JX_Bag::ScanDiskCacheDir() {
   Y::ScQuietErrors quiet;
   const Dir dir = GetDiskCacheDirSpec();
   if (dir.IsEmpty()) return 0;
-  jx::disk::DeleteLeftoverTempFiles(dir, jx::disk::kLeftoverTempAgeSeconds);
 
   // Oldest file first, so that after a restart the recency order (and with it the order in
   // which the folder's room is reclaimed) follows the files' age.
@@ -275,14 +283,26 @@ int JX_Bag::ScanDiskCacheDir() {
   };
   std::vector<Found> files;
   jx::host::FileSystem& fs = jx::host::GetFiles();
+  const int64_t now = static_cast<int64_t>(std::time(nullptr));
   zelcore::filesupport::RecursiveFileIterator it(dir);
   File f;
   while (it.Next(&f)) {
-    if (!jx::disk::IsCacheFileName(f.GetName())) continue;
+    const std::string name = f.GetName();
+    const bool cacheFile = jx::disk::IsCacheFileName(name);
+    // The temporaries of writes that died are swept by this same walk, so that a big folder is
+    // listed once. Only the folder's own: writes never go to a sub-folder.
+    const bool temp =
+        !cacheFile && zelcore::filesupport::SafeSave::IsTempFileName(name) && f.GetParent() == dir;
+    if (!cacheFile && !temp) continue;
     struct stat st {};
     // Gone since the listing (a purge, another process), or something we must not read (a
     // FIFO named like a cache file would block the read back).
     if (fs.Status(f.GetPath().c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+    if (temp) {
+      jx::disk::DeleteIfLeftover(f, static_cast<int64_t>(st.st_ctime), now,
+                                 jx::disk::kLeftoverTempAgeSeconds);
+      continue;
+    }
     files.push_back({static_cast<int64_t>(st.st_ctime), static_cast<uint64_t>(st.st_size), f});
   }
   std::stable_sort(files.begin(), files.end(),

@@ -35,6 +35,10 @@ std::string MachineFolderName(const std::string& computerName);
 bool IsCacheFileName(const std::string& name);
 // Deletes the SafeSave temporaries in `dir` at least `minAgeSeconds` old; returns how many.
 int DeleteLeftoverTempFiles(const zelcore::filesupport::Dir& dir, int64_t minAgeSeconds);
+// Deletes the SafeSave temporary `temp`, last changed at `changed` (seconds since the epoch), if
+// it is at least `minAgeSeconds` older than `now`; true when it did.
+bool DeleteIfLeftover(const zelcore::filesupport::File& temp, int64_t changed, int64_t now,
+                      int64_t minAgeSeconds);
 
 // Additional settings, read by JX_Bag::SetDiskCacheInfo from the host's preferences.
 inline constexpr const char* kPreferencesGroup = "Additional Disk Cache Controls";

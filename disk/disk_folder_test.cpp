@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <fstream>
+#include <string_view>
 #include <thread>
 
 #include "disk/cache_file_name.h"
@@ -11,6 +13,7 @@
 #include "disk/disk_speed.h"
 #include "disk/disk_test_support.h"
 #include "host/file_utils.h"
+#include "jxcache/host/host_services.h"
 #include "jxcache/items/sc_checkout.h"
 #include "standalone/standalone_host.h"
 
@@ -208,6 +211,74 @@ TEST_F(DiskFolderTest, ScanHandsOverCacheFilesAndClearsLeftovers) {
   bag_->EnableDiskCache(false);
   bag_->RequestDiskCacheScan();
   EXPECT_EQ(bag_->ScanDiskCacheDir(), 0);
+}
+
+// The default file system, with every temporary an hour older than it is and each listing
+// counted: old leftovers without a test that waits a minute.
+class AgedTemporaries final : public jx::host::FileSystem {
+ public:
+  int Open(const char* p, int f, mode_t m) override { return in_.Open(p, f, m); }
+  ssize_t Read(int fd, void* d, size_t n) override { return in_.Read(fd, d, n); }
+  ssize_t Write(int fd, const void* d, size_t n) override { return in_.Write(fd, d, n); }
+  int SyncData(int fd) override { return in_.SyncData(fd); }
+  int Truncate(int fd, off_t n) override { return in_.Truncate(fd, n); }
+  int Close(int fd) override { return in_.Close(fd); }
+  int GetStatusFlags(int fd) override { return in_.GetStatusFlags(fd); }
+  int SetStatusFlags(int fd, int f) override { return in_.SetStatusFlags(fd, f); }
+  int Status(const char* p, struct stat* st) override { return Aged(p, st, in_.Status(p, st)); }
+  int StatusOf(int fd, struct stat* st) override { return in_.StatusOf(fd, st); }
+  int Stat(const char* p, struct stat* st) override { return Aged(p, st, in_.Stat(p, st)); }
+  int FStat(int fd, struct stat* st) override { return in_.FStat(fd, st); }
+  int LStat(const char* p, struct stat* st) override { return in_.LStat(p, st); }
+  int Rename(const char* a, const char* b) override { return in_.Rename(a, b); }
+  int Unlink(const char* p) override { return in_.Unlink(p); }
+  int MakeDirectory(const char* p, mode_t m) override { return in_.MakeDirectory(p, m); }
+  int ListDirectory(const char* p, std::vector<Entry>* e) override {
+    if (listed_ == p) ++listings_;
+    return in_.ListDirectory(p, e);
+  }
+  int VolumeStats(const char* p, struct statvfs* st) override { return in_.VolumeStats(p, st); }
+
+  void CountListingsOf(const std::string& path) {
+    listed_ = path;
+    listings_ = 0;
+  }
+  int listings() const { return listings_; }
+
+ private:
+  static int Aged(const char* path, struct stat* st, int result) {
+    if (result == 0 && std::string_view(path).ends_with(".tmp")) st->st_ctime -= 3600;
+    return result;
+  }
+  jx::host::FileSystem& in_ = jx::host::DefaultFileSystem();
+  std::string listed_;
+  int listings_ = 0;
+};
+
+TEST_F(DiskFolderTest, TheScanListsTheFolderOnceAndSweepsOnlyItsOwnOldTemporaries) {
+  JX_StopAllAsyncWork();
+  const std::string sub = Folder().GetPath() + "/sub";
+  ASSERT_EQ(::mkdir(sub.c_str(), 0755), 0);
+  MakeFile(CacheFileName(Guid::CreateUnique()), 10);
+  const File old = MakeFile(CacheFileName(Guid::CreateUnique()) + ".123.4.tmp", 10);
+  const File elsewhere(sub + "/" + CacheFileName(Guid::CreateUnique()) + ".123.5.tmp");
+  std::ofstream(elsewhere.GetPath()) << "0123456789";
+
+  AgedTemporaries files;
+  files.CountListingsOf(Folder().GetPath());
+  int adopted = 0;
+  {
+    jx::host::InstallFileSystem(&files);
+    const std::shared_ptr<void> uninstall(nullptr,
+                                          [](void*) { jx::host::InstallFileSystem(nullptr); });
+    bag_->RequestDiskCacheScan();
+    adopted = bag_->ScanDiskCacheDir();
+  }
+
+  EXPECT_EQ(adopted, 1);
+  EXPECT_FALSE(old.Exists()) << "an hour old: its writer is gone";
+  EXPECT_TRUE(elsewhere.Exists()) << "not in the folder writes go to";
+  EXPECT_EQ(files.listings(), 1);
 }
 
 TEST_F(DiskFolderTest, AScanThatFindsTheRequestTakenReturnsOnlyOnceThatScanHasEnded) {
