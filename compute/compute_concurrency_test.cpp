@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <random>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -97,6 +98,43 @@ TEST_F(ComputeConcurrencyTest, OneComputePerKeyEveryValueDeletedOnceNoHang) {
   EXPECT_EQ(stats_.computes.load(), stats_.creates.load() + failedComputes.load());
   EXPECT_GT(stats_.deletes.load(), 0) << "the purging thread freed values while workers ran";
   suite_->ClassUnregister(kClassB);
+}
+
+// A plug-in that checks one receipt in twice from two threads at once: the second check-in must
+// be refused like any other stale receipt. Checking it in twice would check the value in twice
+// and put the receipt's block back in the pool twice, after which two live receipts share it.
+TEST_F(ComputeConcurrencyTest, AReceiptCheckedInFromTwoThreadsAtOnceIsCheckedInOnce) {
+  auto r = Request(1);
+  constexpr int kRounds = 500;
+  int bothAccepted = 0, noneAccepted = 0;
+  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  for (int round = 0; round < kRounds; ++round) {
+    KQGP_JXComputeReceipt receipt = nullptr;
+    ASSERT_EQ(suite_->ComputeIfNeededAndCheckout(kClass, &r, true, &receipt), 0);
+    std::atomic<int> ready{0};
+    int32_t codes[2] = {-1, -1};
+    auto checkin = [&](int i) {
+      ready.fetch_add(1);
+      // Bounded: the other thread has been started and only has to arrive.
+      while (ready.load() < 2 && std::chrono::steady_clock::now() < giveUp) {
+      }
+      codes[i] = suite_->CheckinReceipt(receipt);
+    };
+    std::thread a(checkin, 0), b(checkin, 1);
+    a.join();
+    b.join();
+    const int accepted = (codes[0] == 0) + (codes[1] == 0);
+    bothAccepted += accepted == 2;
+    noneAccepted += accepted == 0;
+  }
+  EXPECT_EQ(bothAccepted, 0) << "a receipt was checked in twice";
+  EXPECT_EQ(noneAccepted, 0);
+  // Receipts held at once never share a block.
+  std::vector<KQGP_JXComputeReceipt> held(64, nullptr);
+  for (auto& h : held) ASSERT_EQ(suite_->CheckoutCached(kClass, &r, &h), 0);
+  std::set<KQGP_JXComputeReceipt> distinct(held.begin(), held.end());
+  EXPECT_EQ(distinct.size(), held.size());
+  for (auto h : held) suite_->CheckinReceipt(h);
 }
 
 // An entry's facts are read without its mutex while another thread replaces or purges its value:

@@ -351,7 +351,7 @@ void GetReceiptValue(KQGP_JXComputeReceipt receipt, intptr_t* outValue) {
 
 int32_t CheckinReceipt(KQGP_JXComputeReceipt receipt) {
   if (receipt == nullptr) return 0;
-  JX_ScCheckout* live = LiveReceiptFromHandle(receipt);
+  JX_ScCheckout* live = ClaimReceiptFromHandle(receipt);
   if (live == nullptr) {
     Y_ReportError(0, 8, kInvalidReceiptMessage);
     return kKQGPComputeCacheInvalidReceipt;

@@ -33,6 +33,19 @@ uint32_t* GuardWordAt(void* block) {
   return reinterpret_cast<uint32_t*>(static_cast<unsigned char*>(block) + GuardWordOffset());
 }
 
+// Each block carries, after the receipt, a word that the one check-in of the receipt claims: two
+// threads checking in the same receipt at once both find its guard word live, and only one of
+// them may check it in and give the block back.
+constexpr size_t kClaimWordOffset = sizeof(JX_ScCheckout);
+static_assert(kClaimWordOffset % alignof(uint32_t) == 0);
+constexpr size_t kBlockSize = kClaimWordOffset + sizeof(uint32_t);
+constexpr uint32_t kUnclaimed = 0;
+constexpr uint32_t kClaimed = 1;
+
+uint32_t* ClaimWordAt(void* block) {
+  return reinterpret_cast<uint32_t*>(static_cast<unsigned char*>(block) + kClaimWordOffset);
+}
+
 class ReceiptPool {
  public:
   void* Take() {
@@ -44,7 +57,7 @@ class ReceiptPool {
         return block;
       }
     }
-    return ::operator new(sizeof(JX_ScCheckout));
+    return ::operator new(kBlockSize);
   }
   void Give(void* block) noexcept {
     try {
@@ -106,6 +119,7 @@ void ReceiptDeleter::operator()(JX_ScCheckout* receipt) const noexcept {
 ReceiptPtr NewReceipt() {
   GuardWordOffset();  // located before any block can be scrubbed
   void* block = MyBlocks().Take();
+  __atomic_store_n(ClaimWordAt(block), kUnclaimed, __ATOMIC_RELAXED);
   try {
     return ReceiptPtr(new (block) JX_ScCheckout());
   } catch (...) {
@@ -121,6 +135,17 @@ JX_ScCheckout* LiveReceiptFromHandle(KQGP_JXComputeReceipt handle) {
     return nullptr;
   }
   return reinterpret_cast<JX_ScCheckout*>(handle);
+}
+
+JX_ScCheckout* ClaimReceiptFromHandle(KQGP_JXComputeReceipt handle) {
+  JX_ScCheckout* live = LiveReceiptFromHandle(handle);
+  if (live == nullptr) return nullptr;
+  uint32_t unclaimed = kUnclaimed;
+  if (!__atomic_compare_exchange_n(ClaimWordAt(live), &unclaimed, kClaimed, false, __ATOMIC_ACQ_REL,
+                                   __ATOMIC_ACQUIRE)) {
+    return nullptr;  // another thread is checking it in
+  }
+  return live;
 }
 
 }  // namespace jx::compute

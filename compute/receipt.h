@@ -4,7 +4,9 @@
 // Receipts live in blocks that are recycled, never given back to the system allocator: a
 // receipt checked in twice (or any stale receipt) then still points at mapped memory whose
 // guard word was scrubbed at check-in, so the second check-in is recognised and refused instead
-// of freeing memory twice. The pool holds as many blocks as were ever out at once.
+// of freeing memory twice. Two check-ins of one receipt at once both find the guard word live:
+// a claim word after the receipt lets only one of them through. The pool holds as many blocks as
+// were ever out at once.
 //
 // Threads: any thread. The pool's mutex is a leaf.
 #pragma once
@@ -33,5 +35,9 @@ inline KQGP_JXComputeReceipt ToHandle(JX_ScCheckout* receipt) {
 // non-null. Reads four bytes at the guard word's offset, and only when `handle` is aligned like
 // a JX_ScCheckout: a pointer that is not a receipt is read there and nowhere else.
 JX_ScCheckout* LiveReceiptFromHandle(KQGP_JXComputeReceipt handle);
+
+// The receipt behind `handle`, claimed for its check-in, or null when it is not live or another
+// caller has claimed it already: of the callers checking one receipt in, only one gets it.
+JX_ScCheckout* ClaimReceiptFromHandle(KQGP_JXComputeReceipt handle);
 
 }  // namespace jx::compute
