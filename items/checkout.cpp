@@ -13,6 +13,7 @@
 #include "jxcache/host/high_precision_time.h"
 #include "jxcache/host/profiler.h"
 #include "jxcache/items/stuff.h"
+#include "mediamap/media_map_hooks.h"
 
 namespace cf = jx::checkout_flags;
 namespace ci = jx::checkin_flags;
@@ -224,7 +225,14 @@ void JX_Stuff::CheckinImpl(int flags, double computeTime) {
       dir->AddStuff(IntrusivePtr<JX_Stuff>(this));
       ZC_TRACE("JX_Stuff", 6, "check-in updated w/ guid:" << GetGuid().AsString());
     }
-    if (bag && !(flags & ci::kKeepRecency)) bag->MoveToYoungEnd(*this, lock);
+    if (bag && !(flags & ci::kKeepRecency)) {
+      bag->MoveToYoungEnd(*this, lock);
+    } else if (bag && jx::settings::UseMediaMap()) {
+      // The host may have taken the item's entry back while it was checked out, which freed
+      // nothing: without an entry the host could never purge the item again. The move above
+      // renews the entry; a check-in that keeps the item's place must still restore it.
+      JX_MediaMapAddIfMissing(IntrusivePtr<JX_Stuff>(this));
+    }
   }
   // With every lock released.
   JX_GetStuffCounters().itemsCheckedOut.fetch_sub(1);

@@ -42,6 +42,11 @@ bool JX_MediaMapAddOrUpdate(const zelcore::utility::IntrusivePtr<JX_Stuff>& stuf
   return adapter && adapter->AddOrUpdate(stuff);
 }
 
+bool JX_MediaMapAddIfMissing(const zelcore::utility::IntrusivePtr<JX_Stuff>& stuff) {
+  auto adapter = jx::mediamap::CurrentAdapter();
+  return adapter && adapter->AddIfMissing(stuff);
+}
+
 bool JX_MediaMapErase(const zelcore::utility::IntrusivePtr<JX_Stuff>& stuff) {
   auto adapter = jx::mediamap::CurrentAdapter();
   return adapter && adapter->EraseStuff(stuff);

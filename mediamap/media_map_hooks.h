@@ -21,6 +21,10 @@ class JX_Stuff;
 
 // Mirrors an in-memory item into the host's media manager; true when it is now mirrored.
 bool JX_MediaMapAddOrUpdate(const zelcore::utility::IntrusivePtr<JX_Stuff>& stuff);
+// Mirrors the item only when it has no entry now (the host took its entry back while it was
+// checked out, which freed nothing); an entry it has keeps its place in the host's order. True
+// when a new entry was made.
+bool JX_MediaMapAddIfMissing(const zelcore::utility::IntrusivePtr<JX_Stuff>& stuff);
 // Forgets the item's entry; true when one was erased.
 bool JX_MediaMapErase(const zelcore::utility::IntrusivePtr<JX_Stuff>& stuff);
 // Bytes and entries the adapter mirrors now.

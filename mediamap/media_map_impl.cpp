@@ -69,6 +69,13 @@ bool JX_MediaMapImpl::AddOrUpdate(const StuffPtr& stuff) {
   return true;
 }
 
+bool JX_MediaMapImpl::AddIfMissing(const StuffPtr& stuff) {
+  // A purge by ID may take the entry between the two looks: AddOrUpdate then mirrors the item
+  // afresh, which is what is wanted.
+  if (!stuff || Find(JX_MediaMapDataKey(stuff->GetMediaMapGuid(), 0))) return false;
+  return AddOrUpdate(stuff);
+}
+
 bool JX_MediaMapImpl::EraseStuff(const StuffPtr& stuff) {
   if (!stuff) return false;
   const zelcore::utility::Guid guid = stuff->GetMediaMapGuid();

@@ -66,6 +66,8 @@ class JX_MediaMapImpl final : public JX_MediaMapBase {
   // Mirrors the item (erasing an entry it still has first) and gives it a new media-map GUID.
   // Returns false, mirroring nothing, when the item is not in memory or its payload's size is 0.
   bool AddOrUpdate(const StuffPtr& stuff);
+  // Mirrors the item as AddOrUpdate does, but only when it has no entry; false otherwise.
+  bool AddIfMissing(const StuffPtr& stuff);
   // Erases the item's entry; false when it has none.
   bool EraseStuff(const StuffPtr& stuff);
   // The host took entry `id` back: forget it and free the item's memory. An ID the adapter does

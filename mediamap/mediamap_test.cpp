@@ -110,6 +110,29 @@ TEST_F(MediaMapTest, HostPurgeFreesTheOldestButNeverACheckedOutOrPinnedItem) {
   EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
 }
 
+// The host may take back the entry of an item that someone holds checked out (the disk writer
+// holds every item it writes): the purge frees nothing, and the item, still in memory, must be
+// mirrored again when it is checked in, also by a check-in that keeps its place in the recency
+// order. Otherwise the host never sees those bytes again and can never purge them.
+TEST_F(MediaMapTest, AnItemPurgedByTheHostWhileCheckedOutIsMirroredAgainAtCheckin) {
+  auto manager = jx::standalone::MediaManagerPool();
+  for (int flags : {0, jx::checkin_flags::kKeepRecency}) {
+    SCOPED_TRACE(flags);
+    auto item = MakeItem(100, {}, static_cast<uint32_t>(flags));
+    bag_->AddToBagAndSortDir(item);
+    ASSERT_EQ(item->Checkout(cf::kReadOnly), kJX_CheckedOut);
+    ASSERT_TRUE(manager->PurgeEntry(adapter_->GetMediaMapID(), item->GetMediaMapID()));
+    EXPECT_TRUE(item->IsInMemory()) << "a checked-out item keeps its memory";
+    item->Checkin(flags, 0.0);
+    EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
+    const uint64_t entries = adapter_->GetNumEntries();
+    manager->PurgeEntry(adapter_->GetMediaMapID(), item->GetMediaMapID());
+    EXPECT_FALSE(item->IsInMemory()) << "the host can take it back once it is idle";
+    EXPECT_EQ(adapter_->GetNumEntries(), entries - 1);
+  }
+  EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
+}
+
 TEST_F(MediaMapTest, AnItemTheMediaManagerTookBackMissesForThatReason) {
   JX_ResetStatistics();
   auto item = MakeItem(100);
