@@ -256,6 +256,72 @@ TEST_F(ComputeTest, UnregisteredClassValuesStayUsableAndAreDeletedByThePurgingTh
   EXPECT_EQ(bag_->GetNumItems(), 0);
 }
 
+// A compute may call back into the cache: purge it, check in receipts it holds. Its own pending
+// entry, checked out to it, survives and is stored. A compute that throws stores nothing, gets a
+// code rather than the exception, and leaves its key free to compute again.
+TEST_F(ComputeTest, AComputeThatPurgesChecksInOrThrowsLeavesTheCacheConsistent) {
+  auto idle = Request(1), held = Request(2), outer = Request(3);
+  ASSERT_EQ(Fetch(idle, kWait), 0);
+  KQGP_JXComputeReceipt heldReceipt = nullptr;
+  ASSERT_EQ(suite_->ComputeIfNeededAndCheckout(kClass, &held, true, &heldReceipt), 0);
+  StandaloneHost::Instance().SetMemoryLimit(100);  // the purge floor well below the cache
+  outer.duringCompute = [&] {
+    bag_->PurgeAllMemoryCaches();
+    jx::PurgeOverBudget(*bag_, 1u << 30);
+    EXPECT_EQ(stats_.deletes.load(), 1) << "only the idle value goes";
+    EXPECT_EQ(suite_->CheckinReceipt(heldReceipt), 0);
+  };
+  intptr_t value = 0;
+  EXPECT_EQ(Fetch(outer, kWait, &value), 0);
+  EXPECT_EQ(KeyOfValue(value), 3);
+  EXPECT_EQ(Fetch(outer, kCached, &value), 0);
+  EXPECT_EQ(KeyOfValue(value), 3);
+  EXPECT_EQ(Fetch(held, kCached, &value), 0);
+  EXPECT_EQ(KeyOfValue(value), 2);
+
+  auto thrower = Request(4);
+  int throws = 0;
+  thrower.duringCompute = [&] {
+    ++throws;
+    throw std::runtime_error("plug-in failure");
+  };
+  EXPECT_NE(Fetch(thrower, kWait), 0);
+  EXPECT_EQ(throws, 1);
+  thrower.duringCompute = nullptr;
+  EXPECT_EQ(Fetch(thrower, kCached), k22) << "nothing stored";
+  EXPECT_EQ(Fetch(thrower, kNoWait, &value), 0) << "the key is free to compute again";
+  EXPECT_EQ(KeyOfValue(value), 4);
+}
+
+// A receipt belongs to the plug-in, not to a thread or to the library's life: it may be checked in
+// on another thread, or after the library has shut down, and either way exactly once.
+TEST_F(ComputeTest, ReceiptsCheckedInOnAnotherThreadOrAfterShutDownAreCheckedInOnce) {
+  constexpr int32_t kInvalid = kKQGPComputeCacheInvalidReceipt;
+  auto r = Request(1), s = Request(2);
+  KQGP_JXComputeReceipt elsewhere = nullptr, late = nullptr;
+  ASSERT_EQ(suite_->ComputeIfNeededAndCheckout(kClass, &r, true, &elsewhere), 0);
+  ASSERT_EQ(suite_->ComputeIfNeededAndCheckout(kClass, &s, true, &late), 0);
+  int32_t codes[2] = {-1, -1};
+  std::thread([&] {
+    codes[0] = suite_->CheckinReceipt(elsewhere);
+    codes[1] = suite_->CheckinReceipt(elsewhere);
+  }).join();
+  EXPECT_EQ(codes[0], 0);
+  EXPECT_EQ(codes[1], kInvalid);
+  EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 1000);
+
+  bag_.reset();
+  JX_StopAllAsyncWork();
+  JX_Death();
+  EXPECT_EQ(stats_.deletes.load(), 1) << "the receipt still holds its value";
+  EXPECT_EQ(suite_->CheckinReceipt(late), 0);
+  EXPECT_EQ(stats_.deletes.load(), 2);
+  EXPECT_EQ(suite_->CheckinReceipt(late), kInvalid);
+  JX_Birth(false, 1, false);
+  bag_ = JX_GlobalBag();
+  EXPECT_EQ(Fetch(s, kCached), k22);
+}
+
 // Entries planted under a key's GUID that a compute could not have produced are refused.
 TEST_F(ComputeTest, EntriesAComputeCouldNotHaveProducedAreNotHandedOut) {
   auto entryKey = [](int key) {
