@@ -23,6 +23,21 @@ void MediaManager::SetPurgeDuringRegistration(bool on) { purgeDuringRegistration
 void MediaManager::SetCallbacksUnderHostLock(bool on) { callbacksUnderHostLock_ = on; }
 uint64_t MediaManager::GetPurgesDuringRegistration() const { return purgesDuringRegistration_; }
 
+void MediaManager::SetCallbackHook(std::function<void()> hook) {
+  auto shared = hook ? std::make_shared<const std::function<void()>>(std::move(hook)) : nullptr;
+  std::lock_guard<std::mutex> lock(hookMutex_);
+  hook_ = std::move(shared);
+}
+
+void MediaManager::RunCallbackHook() {
+  std::shared_ptr<const std::function<void()>> hook;
+  {
+    std::lock_guard<std::mutex> lock(hookMutex_);
+    hook = hook_;
+  }
+  if (hook) (*hook)();
+}
+
 void MediaManager::RegisterEntry(uint64_t id, uint64_t size, int32_t purgeable, int32_t flags,
                                  const std::shared_ptr<IMediaMap>& owner) {
   if (!owner) return;
@@ -39,21 +54,27 @@ void MediaManager::RegisterEntry(uint64_t id, uint64_t size, int32_t purgeable, 
     EnforceBudget();
     purgesDuringRegistration_ += GetPurgeCallCount() - before;
   }
+  RunCallbackHook();
 }
 
 void MediaManager::NotifyEntry(uint64_t id, const MediaMapID& map) {
   auto host = HostLock();
-  jx::MutexLock lock(mutex_);
-  ++notifyCount_;
-  auto it = index_.find({map, id});
-  if (it == index_.end()) return;
-  order_.splice(order_.end(), order_, it->second);
+  {
+    jx::MutexLock lock(mutex_);
+    ++notifyCount_;
+    auto it = index_.find({map, id});
+    if (it != index_.end()) order_.splice(order_.end(), order_, it->second);
+  }
+  RunCallbackHook();
 }
 
 void MediaManager::ForgetEntry(uint64_t id, const MediaMapID& map) {
   auto host = HostLock();
-  jx::MutexLock lock(mutex_);
-  RemoveLocked({map, id});
+  {
+    jx::MutexLock lock(mutex_);
+    RemoveLocked({map, id});
+  }
+  RunCallbackHook();
 }
 
 void MediaManager::UnregisterMediaMap(const MediaMapID& map) {
@@ -206,6 +227,8 @@ void MediaManager::Reset() {
   purgeDuringRegistration_ = false;
   callbacksUnderHostLock_ = false;
   purgesDuringRegistration_ = 0;
+  std::lock_guard<std::mutex> hookLock(hookMutex_);
+  hook_.reset();
 }
 
 void MediaManager::AddLocked(Entry entry) {

@@ -14,6 +14,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <list>
 #include <map>
@@ -99,6 +100,10 @@ class MediaManager final : public IMediaManager {
   void SetCallbacksUnderHostLock(bool on);
   // PurgeEntry callbacks made from inside a registration so far.
   uint64_t GetPurgesDuringRegistration() const;
+  // A host may call back into the cache from inside RegisterEntry, NotifyEntry and ForgetEntry
+  // (under its host lock when SetCallbacksUnderHostLock is on): `hook` runs at the end of each,
+  // with the manager's mutex released. Empty: nothing runs.
+  void SetCallbackHook(std::function<void()> hook);
 
  private:
   using EntryKey = std::pair<MediaMapID, uint64_t>;
@@ -127,6 +132,9 @@ class MediaManager final : public IMediaManager {
   std::atomic<bool> purgeDuringRegistration_{false};
   std::atomic<bool> callbacksUnderHostLock_{false};
   std::atomic<uint64_t> purgesDuringRegistration_{0};
+  void RunCallbackHook();
+  std::mutex hookMutex_;
+  std::shared_ptr<const std::function<void()>> hook_;  // guarded by hookMutex_
   mutable std::recursive_mutex hostLock_;  // the big host lock of SetCallbacksUnderHostLock
   mutable jx::Mutex mutex_;
   std::list<Entry> order_ GUARDED_BY(mutex_);  // oldest first
