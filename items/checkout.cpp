@@ -228,9 +228,10 @@ void JX_Stuff::CheckinImpl(int flags, double computeTime) {
     if (bag && !(flags & ci::kKeepRecency)) {
       bag->MoveToYoungEnd(*this, lock);
     } else if (bag && jx::settings::UseMediaMap()) {
-      // The host may have taken the item's entry back while it was checked out, which freed
-      // nothing: without an entry the host could never purge the item again. The move above
-      // renews the entry; a check-in that keeps the item's place must still restore it.
+      // An item in memory without an entry: read back from disk while checked out (the
+      // read-ahead), or its entry taken back by the host while checked out, which freed
+      // nothing. Without an entry the host could never purge it. The move above renews the
+      // entry; a check-in that keeps the item's place must still make one when there is none.
       JX_MediaMapAddIfMissing(IntrusivePtr<JX_Stuff>(this));
     }
   }

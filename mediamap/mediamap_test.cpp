@@ -7,6 +7,7 @@
 #include <random>
 #include <vector>
 
+#include "disk/disk_test_support.h"
 #include "jxcache/bag/bag.h"
 #include "jxcache/items/sc_checkout.h"
 #include "jxcache/lifecycle/miss_reasons.h"
@@ -131,6 +132,48 @@ TEST_F(MediaMapTest, AnItemPurgedByTheHostWhileCheckedOutIsMirroredAgainAtChecki
     EXPECT_EQ(adapter_->GetNumEntries(), entries - 1);
   }
   EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
+}
+
+// The read-ahead brings frames back from disk and checks them in keeping their place in the
+// recency order. The bytes it brought back must be mirrored like any other: the host has to be
+// able to take them back.
+class MediaMapDiskTest : public MediaMapTest {
+ protected:
+  void SetUp() override {
+    zelappsupport::preferences::Clear();
+    zelappsupport::preferences::SetValue(jx::disk::kPreferencesGroup,
+                                         jx::disk::kMinVolumeFreeSpaceName, "0");
+    MediaMapTest::SetUp();
+    jx::testing::RegisterTestPayloadFactory();
+    bag_->EnableDiskCache(true);
+    bag_->SetDiskCacheInfo(tempDir_, 1LL << 30);
+    ASSERT_TRUE(bag_->IsDiskCacheEnabled());
+  }
+  void TearDown() override {
+    MediaMapTest::TearDown();
+    zelappsupport::preferences::Clear();
+  }
+};
+
+TEST_F(MediaMapDiskTest, AFrameReadBackAheadOfPlaybackIsMirrored) {
+  auto item = JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(new TestPayload(100, 7, true)), 10.0);
+  item->SetGuid(Guid::CreateUnique());
+  bag_->AddToBagAndSortDir(item);
+  item->PrepAndWrite(bag_);
+  ASSERT_TRUE(item->HasDiskCacheFile());
+  ASSERT_TRUE(jx::testing::WriterDrained());
+  item->FreeUpAsMuchAsPossible(true, nullptr);
+  ASSERT_FALSE(item->IsInMemory());
+  ASSERT_EQ(adapter_->GetNumEntries(), 0u);
+
+  JX_ScCheckout handle;  // what the read-ahead does with a frame on disk only
+  ASSERT_EQ(handle.FindAndCheckout(MakeRequest(item->GetGuid()), cf::kReadOnly | cf::kNoDiskRead),
+            kJX_CheckedOut);
+  ASSERT_TRUE(handle.EnsureInMemory());
+  handle.Checkin(jx::checkin_flags::kKeepRecency, 0.0);
+  EXPECT_TRUE(item->IsInMemory());
+  EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
+  EXPECT_EQ(JX_GetMediaMapSize(), 100u);
 }
 
 TEST_F(MediaMapTest, AnItemTheMediaManagerTookBackMissesForThatReason) {
