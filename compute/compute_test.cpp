@@ -265,7 +265,9 @@ TEST_F(ComputeTest, AComputeThatPurgesChecksInOrThrowsLeavesTheCacheConsistent) 
   KQGP_JXComputeReceipt heldReceipt = nullptr;
   ASSERT_EQ(suite_->ComputeIfNeededAndCheckout(kClass, &held, true, &heldReceipt), 0);
   StandaloneHost::Instance().SetMemoryLimit(100);  // the purge floor well below the cache
+  auto same = Request(3);
   outer.duringCompute = [&] {
+    EXPECT_EQ(Fetch(same, kCached), k22) << "its own key, still being computed";
     bag_->PurgeAllMemoryCaches();
     jx::PurgeOverBudget(*bag_, 1u << 30);
     EXPECT_EQ(stats_.deletes.load(), 1) << "only the idle value goes";
