@@ -31,6 +31,10 @@ Outbox& Box() {
 }
 
 thread_local int tInHostCallback = 0;
+// This thread is delivering: a manager that calls back into the cache from inside a delivered
+// call posts more calls, which the delivery under way takes along (it looks again after each).
+// Trying the delivery mutex again from the thread that holds it would be undefined.
+thread_local bool tDelivering = false;
 
 }  // namespace
 
@@ -69,7 +73,7 @@ void ManagerOutbox::ScheduleDelivery() noexcept {
 }
 
 void ManagerOutbox::Deliver() noexcept {
-  if (tInHostCallback > 0 || JXp_ScLock::IsLockedByCurrentThread()) return;
+  if (tInHostCallback > 0 || tDelivering || JXp_ScLock::IsLockedByCurrentThread()) return;
   Outbox& box = Box();
   for (;;) {
     {
@@ -77,6 +81,10 @@ void ManagerOutbox::Deliver() noexcept {
       // Another thread is delivering: it takes this thread's calls too (it looks again below
       // after it lets go).
       if (!delivering.owns_lock()) return;
+      tDelivering = true;
+      struct Done {
+        ~Done() { tDelivering = false; }
+      } done;
       for (;;) {
         std::list<Letter::Item> next;
         {
