@@ -237,15 +237,19 @@ void JX_Stuff::UpdateWithNewGuid(const Guid& guid) {
   }
   // The disk copy is filed under the old key: read back, or adopted by a later process, it
   // would answer the old key with what the item now holds for the new one.
-  if ((writeable || dir) && GetGuid() != guid) DiscardDiskCopy(/*onlyIfInMemory=*/false);
+  const bool rekeyed = (writeable || dir) && GetGuid() != guid;
+  if (rekeyed) DiscardDiskCopy(/*onlyIfInMemory=*/false);
   if (writeable || !dir) {
     // Out of the directory for now: check-in (or the next add) files it under the new key.
     StoreGuid(guid);
-    return;
+  } else {
+    dir->RemoveStuff(self);
+    StoreGuid(guid);
+    dir->AddStuff(self);
   }
-  dir->RemoveStuff(self);
-  StoreGuid(guid);
-  dir->AddStuff(self);
+  // A write under way links its file only while the item still answers the key the file is
+  // named after; one that linked between the discard above and the new key is undone here.
+  if (rekeyed) DiscardDiskCopy(/*onlyIfInMemory=*/false);
 }
 
 void JX_Stuff::AddToBagAndSortDir(const std::shared_ptr<JX_Bag>& bag) {

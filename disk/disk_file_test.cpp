@@ -307,6 +307,56 @@ TEST_F(DiskFileTest, AWriteAfterDiskCachingWentOffWritesNothingAnywhere) {
   EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
 }
 
+// The item changes under a write already under way (the writer holds only a read-only check-out,
+// which neither re-keying nor removal waits for). The file the write commits is named after the
+// key it started with: linked to the item anyway, it outlives the change, and a later process
+// adopts it under the old key.
+TEST_F(DiskFileTest, AnItemReKeyedDuringItsWriteLeavesNoCopyUnderTheOldKey) {
+  auto* payload = new HookedPayload(kSize, 5, true);
+  auto item = AddItem(payload);
+  const Guid oldKey = item->GetGuid(), newKey = Guid::CreateUnique();
+  int rekeyed = 0;
+  payload->duringWrite = [&] {
+    item->UpdateWithNewGuid(newKey);
+    ++rekeyed;
+  };
+  item->PrepAndWrite(bag_);
+  payload->duringWrite = nullptr;
+  ASSERT_EQ(rekeyed, 1);
+  for (const auto& name : FolderNames(dir_)) {
+    EXPECT_EQ(name.find(oldKey.AsString()), std::string::npos) << "filed under the old key";
+  }
+  ExpectFolderConsistent();
+
+  // What a process started later makes of the folder.
+  item->ClearDiskCacheFile();
+  Purge(item);
+  for (const auto& name : FolderNames(dir_)) JX_ScanOneDiskCacheFile(dir_.GetFile(name));
+  JX_ScCheckout handle;
+  EXPECT_EQ(Request(oldKey, handle), kJX_CreatedPending)
+      << "the old key is answered with the payload of the new one";
+  if (handle.DidCreateNewPending()) handle.GetStuffPtr()->SetStuffDataFromPendingRender({}, 0.0);
+}
+
+TEST_F(DiskFileTest, AnItemRemovedDuringItsWriteLeavesNoFileBehind) {
+  auto* payload = new HookedPayload(kSize, 5, true);
+  auto item = AddItem(payload);
+  int removed = 0;
+  payload->duringWrite = [&] {
+    JX_ScCheckout handle;
+    ASSERT_EQ(handle.Checkout(item, cf::kReadOnly), kJX_CheckedOut);
+    handle.Checkin(jx::checkin_flags::kRemove, 0.0);
+    ++removed;
+  };
+  item->PrepAndWrite(bag_);
+  payload->duringWrite = nullptr;
+  ASSERT_EQ(removed, 1);
+  EXPECT_EQ(bag_->GetNumItems(), 0);
+  item.reset();
+  EXPECT_EQ(FolderNames(dir_), std::vector<std::string>{}) << "a file nobody can find";
+  ExpectFolderConsistent();
+}
+
 // A FIFO named like the item's cache file (left by a tool, or planted): reading one blocks until
 // a writer comes. It is never adopted, never written over, and a read of one fails at once.
 TEST_F(DiskFileTest, AFifoWhereACacheFileBelongsIsNeitherAdoptedNorWaitedFor) {

@@ -125,6 +125,9 @@ void JX_Stuff::WriteDiskCacheFile(const std::shared_ptr<JX_Bag>& bag, bool* clai
   auto& counters = jx::disk::GetCounters();
   const IntrusivePtr<JX_StuffData> data = GetDataPtr();
   const zelcore::utility::Guid guid = GetGuid();
+  // A compressed copy is written before it joins the bag; an item that was in one and is not by
+  // the end of the write has been removed meanwhile.
+  const bool wasInBag = GetBag() != nullptr;
   VerifyWriteable(data, bag, guid);
   const File target = TargetFile(*data, guid, *bag);
   if (target.IsEmpty()) {
@@ -145,7 +148,7 @@ void JX_Stuff::WriteDiskCacheFile(const std::shared_ptr<JX_Bag>& bag, bool* clai
   const double seconds = WriteBody(*data, temp);
   if (seconds > 0.0) jx::disk::AddWriteSpeedSample(data->GetApproximateMemorySize(), seconds);
   save.Commit(SafeSave::Sync::kAlreadySynced);  // the stream's Close synced the data
-  LinkWrittenFile(target, std::move(claim));
+  LinkWrittenFile(target, guid, wasInBag, std::move(claim));
 }
 
 std::shared_ptr<jx::disk::ClaimedFile> JX_Stuff::ClaimWrite(const File& target, const File& temp,
@@ -158,18 +161,37 @@ std::shared_ptr<jx::disk::ClaimedFile> JX_Stuff::ClaimWrite(const File& target, 
   return jx::disk::ClaimedFile::TryClaim(target);
 }
 
-void JX_Stuff::LinkWrittenFile(const File& target, std::shared_ptr<jx::disk::ClaimedFile> claim) {
-  uint64_t size;
-  MemDiskChangedSignal* changed;
+void JX_Stuff::LinkWrittenFile(const File& target, const zelcore::utility::Guid& guid,
+                               bool wasInBag, std::shared_ptr<jx::disk::ClaimedFile> claim) {
+  uint64_t size = 0;
+  MemDiskChangedSignal* changed = nullptr;
   std::shared_ptr<jx::disk::ClaimedFile> replaced;  // released after the lock
+  bool unwanted;
   {
     ScopedWriteLockWrapper wl(mutex_);
-    size = SizeOrDelete(target);
-    replaced = std::exchange(diskFile_, std::move(claim));
-    changed = MemDiskChangedLocked();
+    // The body took a while, and neither re-keying nor removal waits for a write. A file named
+    // after a key the item no longer answers would be adopted under that key by a later process;
+    // one linked to an item nobody can find stays in the folder, uncounted, once the item goes.
+    // (Re-keying discards the link again after it stores the new key, for a write that gets
+    // here just before.)
+    unwanted = GetGuid() != guid || (wasInBag && !BagLocked());
+    if (!unwanted) {
+      size = SizeOrDelete(target);
+      replaced = std::exchange(diskFile_, std::move(claim));
+      changed = MemDiskChangedLocked();
+    }
+  }
+  auto& counters = jx::disk::GetCounters();
+  if (unwanted) {
+    try {
+      target.Delete();
+    } catch (...) {
+    }
+    claim.reset();  // only once the file is gone: no scan adopts it in between
+    counters.writesSkipped.fetch_add(1, std::memory_order_relaxed);
+    return;
   }
   SyncDiskSizeWithBag(static_cast<unsigned int>(std::min<uint64_t>(size, UINT32_MAX)));
-  auto& counters = jx::disk::GetCounters();
   counters.bytesWritten.fetch_add(size, std::memory_order_relaxed);
   counters.filesWritten.fetch_add(1, std::memory_order_relaxed);
   if (changed) changed->Fire(true, true);

@@ -424,13 +424,15 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // The steps of PrepAndWrite (disk/prep_and_write.cpp): the write itself, which throws on
   // failure and sets *claimed once it holds the item's one write in progress; the claims (the
   // write in progress and the target's path, empty when there is nothing to write); and the
-  // link to the committed file, with its size counted.
+  // link to the committed file, with its size counted. The link is refused (and the file
+  // deleted) when the item no longer answers `guid`, the key the file is named after, or has
+  // left the bag it was in when the write began (`wasInBag`).
   void WriteDiskCacheFile(const std::shared_ptr<JX_Bag>& bag, bool* claimed);
   std::shared_ptr<jx::disk::ClaimedFile> ClaimWrite(const zelcore::filesupport::File& target,
                                                     const zelcore::filesupport::File& temp,
                                                     bool* claimed);
-  void LinkWrittenFile(const zelcore::filesupport::File& target,
-                       std::shared_ptr<jx::disk::ClaimedFile> claim);
+  void LinkWrittenFile(const zelcore::filesupport::File& target, const zelcore::utility::Guid& guid,
+                       bool wasInBag, std::shared_ptr<jx::disk::ClaimedFile> claim);
   // Disk decision of a check-in (disk/): flag 8 writes at once, a writeable check-in asks the
   // write-worthiness rule.
   void OfferToDiskAtCheckin(int flags, bool wasWriteable, double computeTime);
