@@ -239,6 +239,9 @@ void JX_Stuff::UpdateWithNewGuid(const Guid& guid) {
   // would answer the old key with what the item now holds for the new one.
   const bool rekeyed = (writeable || dir) && GetGuid() != guid;
   if (rekeyed) DiscardDiskCopy(/*onlyIfInMemory=*/false);
+  // So would a compressed copy, which is an item of its own under the old key.
+  std::deque<IntrusivePtr<JX_Stuff>> oldCopies;
+  if (rekeyed && dir) oldCopies = CompressedCopiesIn(*dir, GetGuid());
   if (writeable || !dir) {
     // Out of the directory for now: check-in (or the next add) files it under the new key.
     StoreGuid(guid);
@@ -250,6 +253,7 @@ void JX_Stuff::UpdateWithNewGuid(const Guid& guid) {
   // A write under way links its file only while the item still answers the key the file is
   // named after; one that linked between the discard above and the new key is undone here.
   if (rekeyed) DiscardDiskCopy(/*onlyIfInMemory=*/false);
+  DropCopies(oldCopies);
 }
 
 void JX_Stuff::AddToBagAndSortDir(const std::shared_ptr<JX_Bag>& bag) {

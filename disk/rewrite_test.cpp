@@ -2,14 +2,18 @@
 // during a scan): never read back for what the item holds now, never standing for two items.
 #include <gtest/gtest.h>
 
+#include <atomic>
+
 #include "disk/claimed_file.h"
 #include "disk/disk_test_support.h"
 #include "disk/scan_one_file.h"
 #include "jxcache/bag/bag.h"
 #include "jxcache/items/sc_checkout.h"
+#include "standalone/debug_database.h"
 
 namespace cf = jx::checkout_flags;
 using jx::testing::TestPayload;
+using zelcore::debug::DebugDatabase;
 using zelcore::filesupport::File;
 using zelcore::utility::Guid;
 using zelcore::utility::IntrusivePtr;
@@ -19,6 +23,27 @@ namespace {
 constexpr unsigned int kSize = 50000;
 constexpr uint32_t kOldSeed = 7, kNewSeed = 8;
 constexpr double kWorthWriting = 10.0;  // seconds of compute: any disk is faster
+
+// A payload whose compressed copy (one more header byte, so a file name of its own) may stand in
+// for it in a request that takes compressed frames.
+class CompressiblePayload : public TestPayload {
+ public:
+  CompressiblePayload(unsigned size, uint32_t seed) : TestPayload(size, seed, true) {
+    SetCompressedAllowedOption(kJX_CompressionAllowed);
+  }
+  bool IsCompressed() const override { return compressed_; }
+  void SetIsCompressed(bool compressed) override { compressed_ = compressed; }
+  IntrusivePtr<JX_StuffData> CreateCloneForCompression() const override {
+    return IntrusivePtr<JX_StuffData>(new CompressiblePayload(GetApproximateMemorySize(), Seed()));
+  }
+  void GetHeader(Header& header) const override {
+    TestPayload::GetHeader(header);
+    if (compressed_) header.push_back(1);
+  }
+
+ private:
+  std::atomic<bool> compressed_{false};
+};
 
 class RewriteTest : public jx::testing::DiskTest {
  protected:
@@ -86,6 +111,56 @@ TEST_F(RewriteTest, APayloadRewrittenThroughAWriteableCheckoutIsNeverReadBackOld
     const long served = Served(item->GetGuid());
     EXPECT_NE(served, long{kOldSeed}) << "served the payload as it was before the write";
     EXPECT_EQ(served, computeTime > 0.0 ? long{kNewSeed} : -1);
+    ExpectFolderMatchesBag();
+  }
+}
+
+// The writer also keeps a compressed copy of a playback frame: a second item of the same key.
+// It holds the payload as it was when written, like the item's own file, and requests that take
+// compressed frames find it.
+TEST_F(RewriteTest, ARewrittenOrReKeyedItemLeavesNoCompressedCopyOfTheOldPayload) {
+  DebugDatabase::Instance().SetEntry("KQ.IsDiskCompressionEnabledR", "true");
+  struct Reset {
+    ~Reset() { DebugDatabase::Instance().RemoveEntry("KQ.IsDiskCompressionEnabledR"); }
+  } reset;
+  for (bool rekey : {false, true}) {
+    SCOPED_TRACE(rekey ? "re-keyed" : "rewritten through a writeable check-out");
+    auto item = JX_Stuff::CreateNew(
+        IntrusivePtr<JX_StuffData>(new CompressiblePayload(kSize, kOldSeed)), kWorthWriting);
+    const Guid key = Guid::CreateUnique();
+    item->SetGuid(key);
+    bag_->AddToBagAndSortDir(item);
+    const int before = bag_->GetNumItems();
+    item->MaybeWriteToDisk();
+    ASSERT_TRUE(jx::testing::WriterDrained());
+    ASSERT_EQ(bag_->GetNumItems(), before + 1) << "no compressed copy was made";
+    if (rekey) {
+      item->UpdateWithNewGuid(Guid::CreateUnique());
+    } else {
+      JX_ScCheckout handle;
+      ASSERT_EQ(handle.Checkout(item, 0), kJX_CheckedOut);
+      jx::testing::PayloadOf(*item)->Rewrite(kNewSeed);
+      handle.Checkin(0, 0.0);  // not worth writing again
+    }
+    ASSERT_TRUE(jx::testing::WriterDrained());
+    Purge(item);
+
+    JX_ScCheckout handle;
+    const auto result =
+        handle.FindAndCheckout(jx::testing::MakeRequest(key, 0, kJX_CompressionAllowed),
+                               cf::kReadOnly | cf::kCreatePending);
+    if (result == kJX_CreatedPending) {
+      handle.GetStuffPtr()->SetStuffDataFromPendingRender({}, 0.0);
+    } else {
+      ASSERT_EQ(result, kJX_CheckedOut);
+      const auto* payload = jx::testing::PayloadOf(*handle.GetStuffPtr());
+      ASSERT_NE(payload, nullptr);
+      if (rekey) {
+        ADD_FAILURE() << "the old key still finds the item's payload";
+      } else {
+        EXPECT_EQ(payload->Seed(), kNewSeed) << "served the payload as it was before the rewrite";
+      }
+    }
     ExpectFolderMatchesBag();
   }
 }

@@ -3,6 +3,7 @@
 #include <new>
 
 #include "bag/miss_reasons.h"
+#include "bag/sort_dir.h"
 #include "disk/claimed_file.h"
 #include "jxcache/bag/bag.h"
 #include "jxcache/bag/library_lock.h"
@@ -133,6 +134,33 @@ void JX_Stuff::DropDetachedDiskCopy(DetachedDiskCopy stale) {
     JXp_ScLock::ReleaseOutsideLock(std::move(owners));
   } catch (const std::bad_alloc&) {
     unlink();  // no memory to put it off: now, even under the lock
+  }
+}
+
+std::deque<JX_Stuff::IntrusivePtr<JX_Stuff>> JX_Stuff::CompressedCopiesIn(const JX_SortDir& dir,
+                                                                          const Guid& guid) const {
+  std::deque<IntrusivePtr<JX_Stuff>> copies;
+  const IntrusivePtr<JX_StuffData> data = GetDataPtr();
+  if (!data || data->IsCompressed()) return copies;
+  dir.ForEachWithGuid(guid, [&](const IntrusivePtr<JX_Stuff>& other) {
+    if (other.get() == this) return true;
+    const IntrusivePtr<JX_StuffData> otherData = other->GetDataPtr();
+    if (otherData && otherData->IsCompressed() && data->CanSatisfyRequest(otherData)) {
+      copies.push_back(other);
+    }
+    return true;
+  });
+  return copies;
+}
+
+void JX_Stuff::DropCopies(const std::deque<IntrusivePtr<JX_Stuff>>& copies) {
+  for (const IntrusivePtr<JX_Stuff>& copy : copies) {
+    try {
+      copy->RemoveFromBagAndSortDir();
+      copy->DropDiskCacheFileOutsideLock();
+    } catch (...) {
+      // Checked out writeable by someone (who holds it out of the directory): theirs to settle.
+    }
   }
 }
 

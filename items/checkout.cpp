@@ -195,6 +195,8 @@ void JX_Stuff::CheckinImpl(int flags, double computeTime) {
   if (CheckinReadOnly(flags)) return;
   bool wasWriteable;
   DetachedDiskCopy stale;
+  std::deque<IntrusivePtr<JX_Stuff>> oldCopies;
+  bool rewritten = false;
   {
     JXp_ScLock lock;
     std::shared_ptr<JX_SortDir> dir;
@@ -207,6 +209,8 @@ void JX_Stuff::CheckinImpl(int flags, double computeTime) {
       // old one, and would be read back after the next purge. It goes before the item can be
       // found again.
       if (wasWriteable) stale = DetachDiskCopyLocked(/*onlyIfInMemory=*/true);
+      // So may the compressed copies of it, which requests that take compressed frames find.
+      rewritten = wasWriteable && data_ && data_->IsInMemory();
       if (wasWriteable && tempRemovedFromSortDir_) {
         dir = sortDir_.lock();
         if (!dir) tempRemovedFromSortDir_ = false;
@@ -234,10 +238,12 @@ void JX_Stuff::CheckinImpl(int flags, double computeTime) {
       // entry; a check-in that keeps the item's place must still make one when there is none.
       JX_MediaMapAddIfMissing(IntrusivePtr<JX_Stuff>(this));
     }
+    if (rewritten && bag) oldCopies = CompressedCopiesIn(*bag->GetSortDir(), GetGuid());
   }
   // With every lock released.
   JX_GetStuffCounters().itemsCheckedOut.fetch_sub(1);
   DropDetachedDiskCopy(std::move(stale));
+  DropCopies(oldCopies);
   if (flags & ci::kRemove) {
     RemoveFromBagAndSortDir();
     // Nobody can find the item any more: its disk copy would only take room in the folder.

@@ -346,6 +346,14 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   };
   DetachedDiskCopy DetachDiskCopyLocked(bool onlyIfInMemory) REQUIRES(mutex_);
   void DropDetachedDiskCopy(DetachedDiskCopy stale);
+  // The compressed copies the disk writer made of this item's payload: the other items filed
+  // under `guid` in `dir` that are compressed and answer a request this item answers. The caller
+  // holds the library lock. Rewritten or re-keyed, the item leaves them holding what it no longer
+  // holds (for what it no longer is): DropCopies takes them out of the bag and their files out of
+  // the folder.
+  std::deque<IntrusivePtr<JX_Stuff>> CompressedCopiesIn(const JX_SortDir& dir,
+                                                        const Guid& guid) const;
+  static void DropCopies(const std::deque<IntrusivePtr<JX_Stuff>>& copies);
   // The steps of SetStuffDataFromPendingRender_Impl: the debugging pause and the back-pressure
   // behind the disk writer, then the completion that opens the gate.
   void PauseBeforeFilling(bool skipBackPressure);
