@@ -22,6 +22,7 @@
 #include "host/y_api.h"
 #include "jxcache/bag/bag.h"
 #include "jxcache/bag/global_bag.h"
+#include "jxcache/bag/library_lock.h"
 #include "jxcache/disk/disk_executor.h"
 #include "jxcache/host/host_services.h"
 #include "jxcache/host/profiler.h"
@@ -327,7 +328,20 @@ void JX_Stuff::WriteToDiskAsync(IntrusivePtr<JX_Stuff> item,
     return;
   }
   if (target->IsInMemory() && !target->HasDiskCacheFile()) target->PrepAndWrite(bag);
-  if (flag && target->HasDiskCacheFile()) bag->AddToBagAndSortDir(target);
+  if (flag && target->HasDiskCacheFile()) {
+    bool added = false;
+    {
+      // The key is looked at and the copy added under one hold of the library lock, which a
+      // re-key holds throughout: it either comes first (and the copy, made under the key the item
+      // left, is not added) or finds the copy in the directory and lets it go.
+      JXp_ScLock lock;
+      if (item->GetGuid() == target->GetGuid()) {
+        bag->AddToBagAndSortDir(target);
+        added = true;
+      }
+    }
+    if (!added) target->DeleteDiskCacheFile();
+  }
 }
 
 void JX_RunIdleDiskTask() {

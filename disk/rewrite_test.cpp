@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 
 #include "disk/claimed_file.h"
 #include "disk/disk_test_support.h"
@@ -40,6 +41,12 @@ class CompressiblePayload : public TestPayload {
     TestPayload::GetHeader(header);
     if (compressed_) header.push_back(1);
   }
+  double Write(zelcore::filesupport::OByteStream& out) const override {
+    if (compressed_ && duringCompressedWrite) duringCompressedWrite();
+    return TestPayload::Write(out);
+  }
+  // Runs inside the write of a compressed copy, on the disk thread.
+  static inline std::function<void()> duringCompressedWrite;
 
  private:
   std::atomic<bool> compressed_{false};
@@ -163,6 +170,42 @@ TEST_F(RewriteTest, ARewrittenOrReKeyedItemLeavesNoCompressedCopyOfTheOldPayload
     }
     ExpectFolderMatchesBag();
   }
+}
+
+// Re-keyed while the disk thread writes the compressed copy: the copy joins the bag only after
+// its file is written, under the key it was made for.
+TEST_F(RewriteTest, AnItemReKeyedWhileItsCompressedCopyIsWrittenLeavesNoCopyUnderTheOldKey) {
+  DebugDatabase::Instance().SetEntry("KQ.IsDiskCompressionEnabledR", "true");
+  struct Reset {
+    ~Reset() {
+      CompressiblePayload::duringCompressedWrite = nullptr;
+      DebugDatabase::Instance().RemoveEntry("KQ.IsDiskCompressionEnabledR");
+    }
+  } reset;
+  auto item = JX_Stuff::CreateNew(
+      IntrusivePtr<JX_StuffData>(new CompressiblePayload(kSize, kOldSeed)), kWorthWriting);
+  const Guid oldKey = Guid::CreateUnique();
+  item->SetGuid(oldKey);
+  bag_->AddToBagAndSortDir(item);
+  std::atomic<int> rekeyed{0};
+  CompressiblePayload::duringCompressedWrite = [&] {
+    if (rekeyed++ == 0) item->UpdateWithNewGuid(Guid::CreateUnique());
+  };
+  item->MaybeWriteToDisk();
+  ASSERT_TRUE(jx::testing::WriterDrained());
+  ASSERT_EQ(rekeyed, 1) << "no compressed copy was written";
+  Purge(item);
+
+  JX_ScCheckout handle;
+  const auto result =
+      handle.FindAndCheckout(jx::testing::MakeRequest(oldKey, 0, kJX_CompressionAllowed),
+                             cf::kReadOnly | cf::kCreatePending);
+  EXPECT_EQ(result, kJX_CreatedPending) << "the old key still finds the item's payload";
+  if (result == kJX_CreatedPending) handle.GetStuffPtr()->SetStuffDataFromPendingRender({}, 0.0);
+  for (const auto& name : jx::testing::FolderNames(Folder())) {
+    EXPECT_EQ(name.find(oldKey.AsString()), std::string::npos) << "filed under the old key";
+  }
+  ExpectFolderMatchesBag();
 }
 
 TEST_F(RewriteTest, AReKeyedItemLeavesNoCopyUnderItsOldKey) {
