@@ -4,10 +4,14 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
+#include <future>
 #include <initializer_list>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "common/settings.h"
 #include "disk/disk_test_support.h"
@@ -217,6 +221,48 @@ TEST_F(DiskWriterTest, BackPressureHoldsARendererUntilTheQueueIsEmpty) {
   auto own = JX_Stuff::CreatePending(zelcore::utility::Guid::CreateUnique(), {});
   EXPECT_TRUE(CompletesWhileWritesAreQueued(
       [&] { own->SetStuffDataFromPendingRender_Impl(small(), 0.0, true); }, {{201, 0}}));
+}
+
+// A folder purge while files are written and linked: the count of every item stays that of the
+// file it links (none once its file is gone), so the bag counts what the folder holds.
+TEST_F(DiskWriterTest, AFolderPurgeDuringWritesLeavesTheSizesExact) {
+  constexpr int kItems = 2000;
+  constexpr unsigned kSmall = 4096;
+  std::vector<IntrusivePtr<JX_Stuff>> items;
+  for (int i = 0; i < kItems; ++i) {
+    auto item =
+        JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(new TestPayload(kSmall, 5, true)), 0.0);
+    item->SetGuid(zelcore::utility::Guid::CreateUnique());
+    bag_->AddToBagAndSortDir(item);
+    items.push_back(item);
+  }
+  std::atomic<bool> stop{false};
+  std::atomic<int> purges{0};
+  auto run = std::async(std::launch::async, [&] {
+    std::thread purger([&] {
+      while (!stop) {
+        bag_->PurgeAllDiskCaches();
+        ++purges;
+      }
+    });
+    for (const auto& item : items) item->PrepAndWrite(bag_);
+    stop = true;
+    purger.join();
+  });
+  if (run.wait_for(std::chrono::minutes(2)) != std::future_status::ready) {
+    std::fprintf(stderr, "HANG: writes beside a folder purge\n");
+    std::_Exit(3);
+  }
+  run.get();
+  ASSERT_GT(purges, 1);
+  int countedWithoutFile = 0, linkedToNothing = 0;
+  for (const auto& item : items) {
+    if (!item->HasDiskCacheFile() && item->GetAccountedDiskSize() != 0) ++countedWithoutFile;
+    if (item->HasDiskCacheFile() && !item->GetDiskCacheFile().Exists()) ++linkedToNothing;
+  }
+  EXPECT_EQ(countedWithoutFile, 0);
+  EXPECT_EQ(linkedToNothing, 0);
+  EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), jx::testing::SumOfFileSizes(Folder()));
 }
 
 }  // namespace

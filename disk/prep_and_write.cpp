@@ -178,6 +178,9 @@ void JX_Stuff::LinkWrittenFile(const File& target, const zelcore::utility::Guid&
     if (!unwanted) {
       size = SizeOrDelete(target);
       replaced = std::exchange(diskFile_, std::move(claim));
+      // Counted in the same hold as the link: a deletion (a folder purge, a re-key) that comes
+      // in between would otherwise zero the count first and leave this size counted for no file.
+      SyncDiskSizeWithBag(static_cast<unsigned int>(std::min<uint64_t>(size, UINT32_MAX)));
       changed = MemDiskChangedLocked();
     }
   }
@@ -191,7 +194,6 @@ void JX_Stuff::LinkWrittenFile(const File& target, const zelcore::utility::Guid&
     counters.writesSkipped.fetch_add(1, std::memory_order_relaxed);
     return;
   }
-  SyncDiskSizeWithBag(static_cast<unsigned int>(std::min<uint64_t>(size, UINT32_MAX)));
   counters.bytesWritten.fetch_add(size, std::memory_order_relaxed);
   counters.filesWritten.fetch_add(1, std::memory_order_relaxed);
   if (changed) changed->Fire(true, true);

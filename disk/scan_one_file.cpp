@@ -98,8 +98,9 @@ void AdoptCacheFile(JX_Bag& bag, const File& file, std::optional<uint64_t> fileS
     }
     if (auto found = existing.GetStuffPtr()) {
       existing.SetCheckinFlags(jx::checkin_flags::kKeepRecency);  // adopting is not a use
-      if (found->TakeDiskCacheFile(claim, true)) {
-        found->SyncDiskSizeWithBag(size);
+      // Counted with the link: a deletion of the item's file (a folder purge, which does not
+      // wait for the library lock) may come right after it.
+      if (found->TakeDiskCacheFile(claim, true, size)) {
         jx::disk::GetCounters().filesAdopted.fetch_add(1, std::memory_order_relaxed);
       }
     } else {

@@ -23,12 +23,14 @@ bool JX_Stuff::SetDiskCacheFile(const File& file, bool onlyIfNone) {
   return claim && TakeDiskCacheFile(claim, onlyIfNone);
 }
 
-bool JX_Stuff::TakeDiskCacheFile(std::shared_ptr<ClaimedFile>& claim, bool onlyIfNone) {
+bool JX_Stuff::TakeDiskCacheFile(std::shared_ptr<ClaimedFile>& claim, bool onlyIfNone,
+                                 std::optional<unsigned int> size) {
   if (!claim) return false;
   std::shared_ptr<ClaimedFile> previous;  // released after the lock
   ScopedWriteLockWrapper wl(mutex_);
   if (onlyIfNone && diskFile_) return false;
   previous = std::exchange(diskFile_, std::move(claim));
+  if (size) SyncDiskSizeWithBag(*size);
   return true;
 }
 

@@ -54,6 +54,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <optional>
 
 #include <boost/intrusive/list_hook.hpp>
 #include <boost/smart_ptr/shared_ptr.hpp>
@@ -228,7 +229,9 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   bool SetDiskCacheFile(const zelcore::filesupport::File& file, bool onlyIfNone);
   // The same with a claim already taken (disk/claimed_file.h); on success the item holds it and
   // `claim` is left empty.
-  bool TakeDiskCacheFile(std::shared_ptr<jx::disk::ClaimedFile>& claim, bool onlyIfNone);
+  // With `size`, the file's size is counted in the same hold of the item's lock as the link.
+  bool TakeDiskCacheFile(std::shared_ptr<jx::disk::ClaimedFile>& claim, bool onlyIfNone,
+                         std::optional<unsigned int> size = std::nullopt);
   zelcore::filesupport::File GetDiskCacheFile() const;
   bool HasDiskCacheFile() const;
   bool IsOnDisk() const { return HasDiskCacheFile(); }
