@@ -240,7 +240,7 @@ void JX_Stuff::UpdateWithNewGuid(const Guid& guid) {
   const bool rekeyed = (writeable || dir) && GetGuid() != guid;
   if (rekeyed) DiscardDiskCopy(/*onlyIfInMemory=*/false);
   // So would a compressed copy, which is an item of its own under the old key.
-  std::deque<IntrusivePtr<JX_Stuff>> oldCopies;
+  std::vector<IntrusivePtr<JX_Stuff>> oldCopies;  // empty: no allocation
   if (rekeyed && dir) oldCopies = CompressedCopiesIn(*dir, GetGuid());
   if (writeable || !dir) {
     // Out of the directory for now: check-in (or the next add) files it under the new key.

@@ -1,6 +1,7 @@
 // The link between an item and its disk cache file, and the pins that keep the file.
 #include <atomic>
 #include <new>
+#include <vector>
 
 #include "bag/miss_reasons.h"
 #include "bag/sort_dir.h"
@@ -139,23 +140,29 @@ void JX_Stuff::DropDetachedDiskCopy(DetachedDiskCopy stale) {
   }
 }
 
-std::deque<JX_Stuff::IntrusivePtr<JX_Stuff>> JX_Stuff::CompressedCopiesIn(const JX_SortDir& dir,
-                                                                          const Guid& guid) const {
-  std::deque<IntrusivePtr<JX_Stuff>> copies;
+std::vector<JX_Stuff::IntrusivePtr<JX_Stuff>> JX_Stuff::CompressedCopiesIn(const JX_SortDir& dir,
+                                                                           const Guid& guid) const {
+  std::vector<IntrusivePtr<JX_Stuff>> copies;
   const IntrusivePtr<JX_StuffData> data = GetDataPtr();
   if (!data || data->IsCompressed()) return copies;
-  dir.ForEachWithGuid(guid, [&](const IntrusivePtr<JX_Stuff>& other) {
-    if (other.get() == this) return true;
-    const IntrusivePtr<JX_StuffData> otherData = other->GetDataPtr();
-    if (otherData && otherData->IsCompressed() && data->CanSatisfyRequest(otherData)) {
-      copies.push_back(other);
-    }
-    return true;
-  });
+  try {
+    dir.ForEachWithGuid(guid, [&](const IntrusivePtr<JX_Stuff>& other) {
+      if (other.get() == this) return true;
+      const IntrusivePtr<JX_StuffData> otherData = other->GetDataPtr();
+      if (otherData && otherData->IsCompressed() && data->CanSatisfyRequest(otherData)) {
+        copies.push_back(other);
+      }
+      return true;
+    });
+  } catch (const std::bad_alloc&) {
+    // Called where a check-in or a re-key is half done and must not fail: out of memory, the
+    // copies found so far go, and any others stay (a copy is found only by requests that accept
+    // compressed frames, and only while the item itself cannot be checked out).
+  }
   return copies;
 }
 
-void JX_Stuff::DropCopies(const std::deque<IntrusivePtr<JX_Stuff>>& copies) {
+void JX_Stuff::DropCopies(const std::vector<IntrusivePtr<JX_Stuff>>& copies) {
   for (const IntrusivePtr<JX_Stuff>& copy : copies) {
     try {
       copy->RemoveFromBagAndSortDir();

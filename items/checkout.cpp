@@ -1,6 +1,7 @@
 // The check-out protocol of JX_Stuff: check-out (read-only and writeable), check-in and the
 // conversion of a read-only check-out into the writeable one.
 #include <optional>
+#include <vector>
 
 #include "bag/recency_log.h"
 #include "bag/sort_dir.h"
@@ -195,7 +196,7 @@ void JX_Stuff::CheckinImpl(int flags, double computeTime) {
   if (CheckinReadOnly(flags)) return;
   bool wasWriteable;
   DetachedDiskCopy stale;
-  std::deque<IntrusivePtr<JX_Stuff>> oldCopies;
+  std::vector<IntrusivePtr<JX_Stuff>> oldCopies;  // empty: no allocation
   bool rewritten = false;
   {
     JXp_ScLock lock;

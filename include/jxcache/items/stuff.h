@@ -55,6 +55,7 @@
 #include <deque>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include <boost/intrusive/list_hook.hpp>
 #include <boost/smart_ptr/shared_ptr.hpp>
@@ -354,9 +355,9 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // holds the library lock. Rewritten or re-keyed, the item leaves them holding what it no longer
   // holds (for what it no longer is): DropCopies takes them out of the bag and their files out of
   // the folder.
-  std::deque<IntrusivePtr<JX_Stuff>> CompressedCopiesIn(const JX_SortDir& dir,
-                                                        const Guid& guid) const;
-  static void DropCopies(const std::deque<IntrusivePtr<JX_Stuff>>& copies);
+  std::vector<IntrusivePtr<JX_Stuff>> CompressedCopiesIn(const JX_SortDir& dir,
+                                                         const Guid& guid) const;
+  static void DropCopies(const std::vector<IntrusivePtr<JX_Stuff>>& copies);
   // The steps of SetStuffDataFromPendingRender_Impl: the debugging pause and the back-pressure
   // behind the disk writer, then the completion that opens the gate.
   void PauseBeforeFilling(bool skipBackPressure);
