@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <exception>
+#include <new>
+#include <stdexcept>
 
 #include "disk/disk_speed.h"
 #include "disk/disk_writer.h"
@@ -113,7 +115,8 @@ struct __attribute__((visibility("hidden"))) JX_ScFarmCompute::State {
   Outcome LookUp();
   void Offer();
   Step TryFetch();
-  bool Fill(jx::farm::FarmStore::Fetched& fetched);
+  enum class Filled { kYes, kRefused, kFault };
+  Filled Fill(jx::farm::FarmStore::Fetched& fetched);
   Outcome WaitForOtherNode();
   Outcome Computing();
   void GiveUpLease();
@@ -250,7 +253,17 @@ JX_ScFarmCompute::State::Step JX_ScFarmCompute::State::TryFetch() {
   jx::farm::FarmStore::Fetched got = tier_->Store().Get(identity_);
   switch (got.status) {
     case jx::farm::FarmStore::GetStatus::kHit:
-      return Fill(got) ? Step::kHit : Step::kFault;
+      switch (Fill(got)) {
+        case Filled::kYes:
+          return Step::kHit;
+        case Filled::kRefused:
+          // Gone now, like any corrupt value: computed under the lease and shared again.
+          tier_->Store().Discard(identity_, got.header);
+          return Step::kMiss;
+        case Filled::kFault:
+          return Step::kFault;
+      }
+      return Step::kFault;
     case jx::farm::FarmStore::GetStatus::kFault:
       return Step::kFault;
     default:
@@ -258,34 +271,40 @@ JX_ScFarmCompute::State::Step JX_ScFarmCompute::State::TryFetch() {
   }
 }
 
-bool JX_ScFarmCompute::State::Fill(jx::farm::FarmStore::Fetched& fetched) {
+JX_ScFarmCompute::State::Filled JX_ScFarmCompute::State::Fill(
+    jx::farm::FarmStore::Fetched& fetched) {
   auto& counters = jx::farm::GetCounters();
   try {
     JX_StuffData::Header header(identity_.header.begin(), identity_.header.end());
     IntrusivePtr<JX_StuffData> payload =
         JX_StuffData::CreateSubclass(identity_.matchName.c_str(), header);
     if (!payload) throw std::runtime_error("no payload factory for " + identity_.matchName);
-    {
+    try {
       // The payload belongs to no item yet: a lock of its own stands for the item's.
       zelcore::threads::MultiTenantRecursiveMutex unshared;
       zelcore::threads::ScopedWriteLockWrapper w(unshared);
       zelcore::filesupport::MemoryIByteStream in(
           reinterpret_cast<const uint8_t*>(fetched.payload.data()), fetched.payload.size());
       payload->Read(in, unshared);
+    } catch (const std::bad_alloc&) {
+      throw;  // this node's trouble, not the value's
+    } catch (...) {
+      // The bytes passed their checksum, so the payload class itself refused them (another
+      // build's format under the same version, a writer's bug).
+      ZC_TRACE("JX_Farm", 2, "farm value " << key_ << " refused by its payload class");
+      return Filled::kRefused;
     }
     fetched.payload = {};  // the payload holds its own copy now
     fetched.holder.reset();
     fetchedSeconds_ = fetched.computeSeconds;
     item_->SetStuffDataFromPendingRender(payload, fetchedSeconds_);
   } catch (...) {
-    // The bytes passed their checksum, so the payload class itself refused them (another
-    // build's format under the same version): compute it here.
     counters.errors.fetch_add(1, std::memory_order_relaxed);
     ZC_TRACE("JX_Farm", 2, "farm value " << key_ << " could not be read into its payload");
-    return false;
+    return Filled::kFault;
   }
   counters.hits.fetch_add(1, std::memory_order_relaxed);
-  return true;
+  return Filled::kYes;
 }
 
 void JX_ScFarmCompute::State::Publish() {

@@ -146,15 +146,23 @@ FarmStore::Fetched FarmStore::Get(const Identity& identity) {
   out.status = GetStatus::kHit;
   out.computeSeconds = header.computeSeconds;
   out.writerNode = header.writerNode;
+  out.header = std::move(header);
   return out;
+}
+
+void FarmStore::Discard(const Identity& identity, const ValueHeader& header) {
+  const std::string key = KeyOf(identity);
+  ZC_TRACE("JX_Farm", 2, "corrupt value " << key << ": its payload class refused it");
+  GetCounters().corrupt.fetch_add(1, std::memory_order_relaxed);
+  DeleteValue(key, &header);
 }
 
 FarmStore::Fetched FarmStore::ReadParts(const std::string& key, const ValueHeader& header) {
   Fetched out;
   auto whole = std::make_shared<std::string>();
-  // Reserved up to what the first part can hold: the manifest's length comes from the server,
-  // and only parts that really arrive (each of exactly its size) make the payload grow.
-  whole->reserve(std::min<uint64_t>(header.payloadLength, header.partBytes));
+  // The manifest's length and part size both come from the server, so nothing is reserved
+  // before a part has really arrived: then room for two of them (the whole of a value of two
+  // parts), and only further parts that arrive (each of exactly its size) make it grow.
   for (uint32_t i = 0; i < header.parts; ++i) {
     Reply part = Run({"GET", PartKeyOf(key, header.partTag, i)});
     if (!part.Ok()) {
@@ -174,6 +182,7 @@ FarmStore::Fetched FarmStore::ReadParts(const std::string& key, const ValueHeade
       out.status = missing ? GetStatus::kMissingPart : GetStatus::kCorrupt;
       return out;
     }
+    if (i == 0) whole->reserve(std::min<uint64_t>(header.payloadLength, 2 * part.bytes.size()));
     *whole += part.bytes;
   }
   out.payload = *whole;

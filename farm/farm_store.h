@@ -67,10 +67,15 @@ class FarmStore {
     std::shared_ptr<const void> holder;
     double computeSeconds = 0.0;
     std::string writerNode;
+    ValueHeader header;  // a hit's header, which names its parts for Discard
   };
   // The value of `identity`, checked. Counts corrupt values, missing parts and faults (not hits
   // or misses: a lookup may ask several times).
   Fetched Get(const Identity& identity);
+
+  // Deletes a value that passed its checks but that its payload class refused, with its parts,
+  // and counts it corrupt: it would otherwise keep the good value out (writes are SET NX).
+  void Discard(const Identity& identity, const ValueHeader& header);
 
   enum class PutStatus { kWritten, kDuplicate, kFault };
   // Puts the payload under `identity` unless a value is there already. Counts writes,

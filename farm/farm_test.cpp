@@ -1,8 +1,17 @@
 // The farm tier against a redis-server of the test's own: values, their checks, large values,
 // faults of the server, and the leases that make one node compute what the others wait for.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <chrono>
+#include <fstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "disk/disk_test_support.h"
 #include "farm/farm_counters.h"
@@ -53,6 +62,13 @@ TEST(FarmValueTest, HeaderRefusesWhatDoesNotFit) {
   h.partTag = "t";
   h.partBytes = 4;
   h.parts = 1;
+  EXPECT_EQ(jx::farm::DecodeHeader(jx::farm::EncodeHeader(h), &back, &at),
+            DecodeError::kBadManifest);
+  // A length so large that rounding it up to whole parts wraps: no parts must not pass for
+  // enough parts, or a reader takes an empty payload for one of 2^64 bytes.
+  h.payloadLength = ~uint64_t{0};
+  h.partBytes = 2;
+  h.parts = 0;
   EXPECT_EQ(jx::farm::DecodeHeader(jx::farm::EncodeHeader(h), &back, &at),
             DecodeError::kBadManifest);
 }
@@ -426,6 +442,195 @@ TEST_F(FarmTest, AWaitForAnotherNodesLeaseEndsAtItsLapseOrAtTheWaitLimit) {
     EXPECT_EQ(farm.HoldsLease(), c.takesOver);
     EXPECT_EQ(Count(jx::farm::GetCounters().*c.counter), 1u);
     Render(handle, 1024);
+  }
+}
+
+// Bytes that pass the farm's checksum but that the payload class refuses (a writer of another
+// build, a bug in a payload's Write): the value must go like any corrupt one, and the reader
+// then computes under the lease, or every node renders the item on every pass for as long as
+// the bad value stays, since SET NX keeps the good one out.
+TEST_F(FarmTest, ValueItsPayloadClassRefusesIsDeletedAndTheItemComputedUnderTheLease) {
+  auto& counters = jx::farm::GetCounters();
+  const Guid guid = Guid::CreateUnique();
+  const auto id = IdentityOf(guid, 4096);
+  const std::string key = jx::farm::KeyOf(id);
+  const Guid other = Guid::CreateUnique();
+  ASSERT_EQ(Store().Put(id, Bytes(other, 4096), 0.5), FarmStore::PutStatus::kWritten);
+  {
+    JX_ScCheckout handle;
+    JX_ScFarmCompute farm(Pending(handle, guid, 4096));
+    ASSERT_EQ(farm.Fetch(), JX_ScFarmCompute::kComputeHere);
+    EXPECT_EQ(Count(counters.hits), 0u);
+    EXPECT_GE(Count(counters.errors) + Count(counters.corrupt), 1u);  // the refusal was met
+    EXPECT_EQ(server_.Command({"EXISTS", key}), "0");
+    EXPECT_TRUE(farm.HoldsLease());
+    Render(handle, 4096);
+    farm.Publish();
+  }
+  ASSERT_TRUE(JX_WaitForFarmWrites(5000));
+  const FarmStore::Fetched got = Store().Get(id);
+  ASSERT_EQ(got.status, FarmStore::GetStatus::kHit);
+  EXPECT_TRUE(got.payload == Bytes(guid, 4096));
+}
+
+// A manifest comes from the server: one that claims parts of 4 GiB must not make the reader
+// allocate them before a single part has arrived. Address space is limited around the read, so
+// that such an allocation fails here as it would on a loaded machine.
+TEST_F(FarmTest, ManifestClaimingHugePartsAllocatesNothingBeforeThePartsArrive) {
+  const Guid guid = Guid::CreateUnique();
+  const auto id = IdentityOf(guid, 4096);
+  const std::string key = jx::farm::KeyOf(id);
+  jx::farm::ValueHeader h;
+  h.manifest = true;
+  h.payloadLength = 0xFFFFFFF0u;
+  h.partBytes = 0xFFFFFFFFu;
+  h.parts = 1;
+  h.partTag = "t";
+  h.guid = guid;
+  h.matchName = id.matchName;
+  ASSERT_EQ(server_.Command({"SET", key, jx::farm::EncodeHeader(h)}), "OK");
+  // Current address space plus 1 GiB.
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  uint64_t vmKb = 0;
+  while (std::getline(status, line)) {
+    if (line.rfind("VmSize:", 0) == 0) vmKb = std::stoull(line.substr(7));
+  }
+  ASSERT_GT(vmKb, 0u);
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_AS, &before), 0);
+  rlimit limited = before;
+  limited.rlim_cur = (vmKb << 10) + (uint64_t{1} << 30);
+  if (before.rlim_cur != RLIM_INFINITY && before.rlim_cur < limited.rlim_cur) {
+    GTEST_SKIP() << "address space already limited";
+  }
+  ASSERT_EQ(setrlimit(RLIMIT_AS, &limited), 0);
+  FarmStore::GetStatus got = FarmStore::GetStatus::kHit;
+  bool threw = false;
+  try {
+    got = Store().Get(id).status;
+  } catch (...) {
+    threw = true;
+  }
+  ASSERT_EQ(setrlimit(RLIMIT_AS, &before), 0);
+  EXPECT_FALSE(threw);
+  EXPECT_EQ(got, FarmStore::GetStatus::kMissingPart);
+  EXPECT_EQ(server_.Command({"EXISTS", key}), "0");
+}
+
+// A stalled server costs a render thread one command timeout, then the tier fails fast for the
+// back-off: also when the pool holds idle connections from busier moments, each of which would
+// otherwise wait out a timeout of its own.
+TEST_F(FarmTest, StalledServerCostsOneTimeoutThoughThePoolHoldsIdleConnections) {
+  jx::farm::Address address;
+  std::string why;
+  ASSERT_TRUE(jx::farm::ParseAddress(server_.Address(), &address, &why)) << why;
+  jx::farm::RedisPool::Options options;
+  options.address = address;
+  options.connectTimeout = options.commandTimeout = std::chrono::milliseconds(200);
+  options.backOff = std::chrono::milliseconds(2000);
+  jx::farm::RedisPool pool(options);
+  // Four commands at once that each take 100 ms: four connections, idle afterwards.
+  std::vector<std::thread> busy;
+  for (int i = 0; i < 4; ++i) {
+    busy.emplace_back([&] { pool.Command({"BLPOP", "jx:test:nothing", "0.1"}); });
+  }
+  for (auto& t : busy) t.join();
+  ASSERT_EQ(pool.ConnectionsOpened(), 4u);
+  FarmStore store(pool, "node-stall", {});
+  const auto id = IdentityOf(Guid::CreateUnique(), 64);
+  auto& counters = jx::farm::GetCounters();
+  const uint64_t timeouts = Count(counters.timeouts);
+  server_.Pause();
+  const auto start = Clock::now();
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(store.Get(id).status, FarmStore::GetStatus::kFault);
+  const double took = SecondsSince(start);
+  server_.Resume();
+  EXPECT_EQ(Count(counters.timeouts), timeouts + 1);
+  EXPECT_LT(took, 0.6);  // one timeout of 200 ms, not four
+}
+
+// A server of the test's own on loopback that answers each connection's first command with
+// `reply` sent in pieces, `gap` apart, and then closes it: a reply that is malformed, cut off,
+// or dribbled out slower than any timeout of a single read.
+class FakeServer {
+ public:
+  FakeServer(std::vector<std::string> pieces, std::chrono::milliseconds gap)
+      : pieces_(std::move(pieces)), gap_(gap) {
+    listener_ = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(a);
+    if (bind(listener_, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0 ||
+        listen(listener_, 4) != 0 ||
+        getsockname(listener_, reinterpret_cast<sockaddr*>(&a), &length) != 0) {
+      return;
+    }
+    port_ = ntohs(a.sin_port);
+    thread_ = std::thread([this] { Serve(); });
+  }
+  ~FakeServer() {
+    stop_ = true;
+    shutdown(listener_, SHUT_RDWR);
+    close(listener_);
+    if (thread_.joinable()) thread_.join();
+  }
+  int Port() const { return port_; }
+
+ private:
+  void Serve() {
+    const int c = accept(listener_, nullptr, nullptr);
+    if (c < 0) return;
+    char request[256];
+    if (read(c, request, sizeof(request)) > 0) {
+      for (const std::string& piece : pieces_) {
+        if (stop_ || write(c, piece.data(), piece.size()) < 0) break;
+        std::this_thread::sleep_for(gap_);
+      }
+    }
+    close(c);
+  }
+
+  const std::vector<std::string> pieces_;
+  const std::chrono::milliseconds gap_;
+  int listener_ = -1;
+  int port_ = 0;
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+// Whatever comes back on the wire, a command ends within its timeout (give or take a read) as a
+// fault, never as a reply of the wrong shape, and never later than that because the bytes keep
+// trickling in.
+TEST(FarmWireTest, BadOrSlowRepliesAreFaultsWithinTheCommandTimeout) {
+  std::vector<std::string> dribble = {"$40\r\n"};
+  for (int i = 0; i < 40; ++i) dribble.push_back("x");  // 4 s in all, 100 ms a byte
+  dribble.push_back("\r\n");
+  const struct {
+    const char* what;
+    std::vector<std::string> pieces;
+    jx::farm::Fault fault;
+  } cases[] = {
+      {"not the protocol", {"hello there\r\n"}, jx::farm::Fault::kConnection},
+      {"cut off", {"$100\r\nabc"}, jx::farm::Fault::kConnection},
+      {"dribbled out", dribble, jx::farm::Fault::kTimeout},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    FakeServer server(c.pieces, std::chrono::milliseconds(100));
+    ASSERT_NE(server.Port(), 0);
+    jx::farm::RedisPool::Options options;
+    std::string why;
+    ASSERT_TRUE(jx::farm::ParseAddress("redis://127.0.0.1:" + std::to_string(server.Port()),
+                                       &options.address, &why))
+        << why;
+    options.connectTimeout = options.commandTimeout = std::chrono::milliseconds(300);
+    jx::farm::RedisPool pool(options);
+    const auto start = Clock::now();
+    const jx::farm::Reply r = pool.Command({"GET", "k"});
+    EXPECT_EQ(r.fault, c.fault) << jx::farm::DescribeFault(r.fault);
+    EXPECT_LT(SecondsSince(start), 1.0);
   }
 }
 

@@ -104,8 +104,10 @@ DecodeError DecodeHeader(std::string_view value, ValueHeader* out, size_t* heade
   if (h.manifest) {
     // The parts must be exactly enough for the length: a manifest is never trusted to make a
     // reader fetch (or allocate) more than it says the payload is.
+    // Rounded up by division, not by adding partBytes - 1: a length near 2^64 would wrap to
+    // zero parts.
     if (value.size() != at || h.partBytes == 0 || h.partTag.empty() ||
-        h.parts != (h.payloadLength + h.partBytes - 1) / h.partBytes) {
+        h.parts != h.payloadLength / h.partBytes + (h.payloadLength % h.partBytes != 0)) {
       return DecodeError::kBadManifest;
     }
   } else if (value.size() - at != h.payloadLength) {

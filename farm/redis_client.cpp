@@ -2,6 +2,7 @@
 
 #include <hiredis/hiredis.h>
 
+#include <poll.h>
 #include <sys/time.h>
 #include <cerrno>
 #include <charconv>
@@ -142,6 +143,12 @@ bool RedisPool::BackingOff() const {
 }
 
 redisContext* RedisPool::Borrow(Fault* fault) {
+  // Before the idle connections too: each one left from a busier moment would otherwise wait
+  // out a timeout of its own on a stalled server.
+  if (NowNs() < backOffUntil_.load(std::memory_order_relaxed)) {
+    *fault = Fault::kBackOff;
+    return nullptr;
+  }
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (!idle_.empty()) {
@@ -149,10 +156,6 @@ redisContext* RedisPool::Borrow(Fault* fault) {
       idle_.pop_back();
       return c;
     }
-  }
-  if (NowNs() < backOffUntil_.load(std::memory_order_relaxed)) {
-    *fault = Fault::kBackOff;
-    return nullptr;
   }
   const timeval connectTimeout = ToTimeval(options_.connectTimeout);
   const Address& a = options_.address;
@@ -186,6 +189,35 @@ void RedisPool::Return(redisContext* c) {
   redisFree(c);
 }
 
+Fault RedisPool::RoundTrip(redisContext* c, redisReply** reply) {
+  // The socket's own timeouts bound each read and write, not the command: a reply that keeps
+  // trickling in would never end it. So the command has a deadline, and each read waits for
+  // what is left of it.
+  const uint64_t deadline =
+      NowNs() + static_cast<uint64_t>(std::chrono::nanoseconds(options_.commandTimeout).count());
+  int done = 0;
+  while (!done) {
+    if (redisBufferWrite(c, &done) != REDIS_OK) return FaultOf(c);
+    if (!done && NowNs() >= deadline) return Fault::kTimeout;
+  }
+  for (;;) {
+    void* got = nullptr;
+    if (redisGetReplyFromReader(c, &got) != REDIS_OK) return FaultOf(c);
+    if (got) {
+      *reply = static_cast<redisReply*>(got);
+      return Fault::kNone;
+    }
+    const uint64_t now = NowNs();
+    if (now >= deadline) return Fault::kTimeout;
+    pollfd p{c->fd, POLLIN, 0};
+    const int waitMs = static_cast<int>((deadline - now + 999999) / 1000000);
+    const int ready = poll(&p, 1, waitMs);
+    if (ready == 0) return Fault::kTimeout;
+    if (ready < 0 && errno != EINTR) return Fault::kConnection;
+    if (ready > 0 && redisBufferRead(c) != REDIS_OK) return FaultOf(c);
+  }
+}
+
 Reply RedisPool::Command(const std::vector<std::string_view>& args) {
   Reply out;
   redisContext* c = Borrow(&out.fault);
@@ -198,13 +230,17 @@ Reply RedisPool::Command(const std::vector<std::string_view>& args) {
     argv.push_back(a.data());
     lengths.push_back(a.size());
   }
-  auto* r = static_cast<redisReply*>(
-      redisCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lengths.data()));
-  if (!r) {
+  redisReply* r = nullptr;
+  if (redisAppendCommandArgv(c, static_cast<int>(argv.size()), argv.data(), lengths.data()) !=
+      REDIS_OK) {
     out.fault = FaultOf(c);
-    ZC_TRACE(
-        "JX_Farm", 3,
-        "command " << args[0] << " failed (" << DescribeFault(out.fault) << "): " << c->errstr);
+  } else {
+    out.fault = RoundTrip(c, &r);
+  }
+  if (!r) {
+    ZC_TRACE("JX_Farm", 3,
+             "command " << args[0] << " failed (" << DescribeFault(out.fault)
+                        << "): " << (c->err ? c->errstr : "no whole reply in time"));
     // The connection may still owe us the reply: it is never used again.
     redisFree(c);
     if (out.fault == Fault::kTimeout) StartBackOff();

@@ -24,6 +24,7 @@
 #include <vector>
 
 struct redisContext;
+struct redisReply;
 
 namespace jx::farm {
 
@@ -88,6 +89,8 @@ class RedisPool {
   redisContext* Borrow(Fault* fault);
   void Return(redisContext* c);
   void StartBackOff();
+  // Sends the command appended to `c` and reads its reply, all within the command timeout.
+  Fault RoundTrip(redisContext* c, redisReply** reply);
 
   const Options options_;
   std::mutex mutex_;  // guards idle_
