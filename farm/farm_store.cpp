@@ -99,9 +99,19 @@ void FarmStore::DeleteValue(const std::string& key, const ValueHeader* header) {
 FarmStore::Fetched FarmStore::Get(const Identity& identity) {
   const std::string key = KeyOf(identity);
   Timer timer;
-  Reply r = Run({"GET", key});
+  Reply r = pool_.Command({"GET", key});
   Fetched out;
+  if (r.fault == Fault::kRefused && r.text.rfind("WRONGTYPE", 0) == 0) {
+    // Another program's list or hash under the key: no fault of the server's, and it would
+    // keep every value of ours out (writes are SET NX) for as long as it stays.
+    ZC_TRACE("JX_Farm", 2, "corrupt value " << key << ": not a string");
+    GetCounters().corrupt.fetch_add(1, std::memory_order_relaxed);
+    DeleteValue(key, nullptr);
+    out.status = GetStatus::kCorrupt;
+    return out;
+  }
   if (!r.Ok()) {
+    CountFault(r.fault);
     out.status = GetStatus::kFault;
     return out;
   }

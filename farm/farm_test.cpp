@@ -233,6 +233,11 @@ TEST_F(FarmTest, DamagedOrForeignValuesAreCountedMissesAndTheKeyRecovers) {
       {"garbage", {"SET", key, "not a farm value, just some bytes"}},
       {"a value longer than its header says", {"APPEND", key, "trailing"}},
       {"a header of another format version", {"SETRANGE", key, "4", version}},
+      {"another program's list",
+       {"EVAL",
+        "redis.call('del', KEYS[1]) "
+        "return redis.call('rpush', KEYS[1], 'x')",
+        "1", key}},
   };
   uint64_t expected = 0;
   for (const auto& c : cases) {
