@@ -50,8 +50,8 @@ void CountFault(Fault fault) {
 bool IsOk(const Reply& r) { return r.kind == Reply::Kind::kStatus && r.text == "OK"; }
 
 // Compares what a value says it is with what was asked for.
-bool SameIdentity(const ValueHeader& h, const Identity& id) {
-  return h.guid == id.guid && h.matchName == id.matchName;
+bool SameIdentity(const ValueHeader& h, const Identity& id, const std::string& key) {
+  return h.guid == id.guid && h.matchName == id.matchName && h.key == key;
 }
 
 }  // namespace
@@ -123,7 +123,7 @@ FarmStore::Fetched FarmStore::Get(const Identity& identity) {
   ValueHeader header;
   size_t headerSize = 0;
   const DecodeError error = DecodeHeader(r.bytes, &header, &headerSize);
-  if (error != DecodeError::kNone || !SameIdentity(header, identity)) {
+  if (error != DecodeError::kNone || !SameIdentity(header, identity, key)) {
     ZC_TRACE("JX_Farm", 2,
              "corrupt value " << key << ": "
                               << (error != DecodeError::kNone ? DescribeDecodeError(error)
@@ -211,6 +211,7 @@ FarmStore::PutStatus FarmStore::Put(const Identity& identity, std::string_view p
   h.guid = identity.guid;
   h.matchName = identity.matchName;
   h.writerNode = node_;
+  h.key = key;
   Timer timer;
   PutStatus status;
   if (payload.size() <= limits_.partBytes) {

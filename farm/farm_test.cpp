@@ -221,6 +221,13 @@ TEST_F(FarmTest, DamagedOrForeignValuesAreCountedMissesAndTheKeyRecovers) {
   const Guid other = Guid::CreateUnique();
   ASSERT_EQ(Store().Put(IdentityOf(other, 64), Bytes(other, 64), 0.5),
             FarmStore::PutStatus::kWritten);
+  // The same item under keys that differ only in what the name carries beyond GUID and match
+  // name: the application version, and the payload's header.
+  auto olderVersion = id;
+  olderVersion.version -= 1;
+  ASSERT_EQ(Store().Put(olderVersion, Bytes(guid, 4096), 0.5), FarmStore::PutStatus::kWritten);
+  const auto otherHeader = IdentityOf(guid, 64);
+  ASSERT_EQ(Store().Put(otherHeader, Bytes(guid, 64), 0.5), FarmStore::PutStatus::kWritten);
   std::string version(2, '\0');
   version[0] = static_cast<char>(jx::farm::kFormatVersion + 1);
   const struct {
@@ -233,6 +240,10 @@ TEST_F(FarmTest, DamagedOrForeignValuesAreCountedMissesAndTheKeyRecovers) {
       {"garbage", {"SET", key, "not a farm value, just some bytes"}},
       {"a value longer than its header says", {"APPEND", key, "trailing"}},
       {"a header of another format version", {"SETRANGE", key, "4", version}},
+      {"the item's value of another application version",
+       {"COPY", jx::farm::KeyOf(olderVersion), key, "REPLACE"}},
+      {"the item's value under another payload header",
+       {"COPY", jx::farm::KeyOf(otherHeader), key, "REPLACE"}},
       {"another program's list",
        {"EVAL",
         "redis.call('del', KEYS[1]) "
@@ -493,6 +504,7 @@ TEST_F(FarmTest, ManifestClaimingHugePartsAllocatesNothingBeforeThePartsArrive) 
   h.partTag = "t";
   h.guid = guid;
   h.matchName = id.matchName;
+  h.key = key;
   ASSERT_EQ(server_.Command({"SET", key, jx::farm::EncodeHeader(h)}), "OK");
   // Current address space plus 1 GiB.
   std::ifstream status("/proc/self/status");

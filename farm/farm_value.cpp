@@ -62,6 +62,7 @@ std::string EncodeHeader(const ValueHeader& h) {
   PutText(out, h.matchName);
   PutText(out, h.writerNode);
   PutText(out, h.partTag);
+  PutText(out, h.key);
   return out;
 }
 
@@ -98,7 +99,7 @@ DecodeError DecodeHeader(std::string_view value, ValueHeader* out, size_t* heade
   h.partBytes = static_cast<uint32_t>(GetLE(value, 60, 4));
   size_t at = kFixedHeaderSize;
   if (!GetText(value, &at, &h.matchName) || !GetText(value, &at, &h.writerNode) ||
-      !GetText(value, &at, &h.partTag)) {
+      !GetText(value, &at, &h.partTag) || !GetText(value, &at, &h.key)) {
     return DecodeError::kTooShort;
   }
   if (h.manifest) {

@@ -18,6 +18,9 @@
 //       64     2  match name length, then the match name
 //        .     2  writer node length, then the node's name
 //        .     2  part tag length, then the tag that names the parts (manifest only)
+//        .     2  key length, then the key the value was written under: the GUID and match
+//                 name alone would let the item's value of another application version or
+//                 payload header pass for this one
 // All integers little-endian. The payload follows a plain value's header directly.
 //
 // Pure functions, any thread.
@@ -32,7 +35,7 @@
 
 namespace jx::farm {
 
-inline constexpr uint16_t kFormatVersion = 1;
+inline constexpr uint16_t kFormatVersion = 2;
 inline constexpr size_t kFixedHeaderSize = 64;
 
 struct Hash128 {
@@ -52,6 +55,7 @@ struct ValueHeader {
   std::string matchName;
   std::string writerNode;
   std::string partTag;
+  std::string key;
 };
 
 // The header's bytes.
