@@ -258,7 +258,7 @@ JX_ScFarmCompute::State::Step JX_ScFarmCompute::State::TryFetch() {
           return Step::kHit;
         case Filled::kRefused:
           // Gone now, like any corrupt value: computed under the lease and shared again.
-          tier_->Store().Discard(identity_, got.header);
+          tier_->Store().Discard(identity_, got);
           return Step::kMiss;
         case Filled::kFault:
           return Step::kFault;

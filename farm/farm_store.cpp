@@ -24,6 +24,12 @@ constexpr std::string_view kLeasePrefix = "lease:";
 constexpr std::string_view kReleaseScript =
     "if redis.call('get', KEYS[1]) == ARGV[1] then return redis.call('del', KEYS[1]) end "
     "return 0";
+// Deletes a value only while it still starts with the bytes a reader found broken.
+constexpr std::string_view kDeleteIfScript =
+    "if redis.call('getrange', KEYS[1], 0, string.len(ARGV[1]) - 1) == ARGV[1] then "
+    "return redis.call('del', KEYS[1]) end return 0";
+// As much of an undecodable value as tells it apart from whatever replaces it.
+constexpr size_t kSeenBytes = 1024;
 constexpr std::string_view kRenewScript =
     "if redis.call('get', KEYS[1]) == ARGV[1] then "
     "return redis.call('pexpire', KEYS[1], ARGV[2]) end return 0";
@@ -84,7 +90,8 @@ Reply FarmStore::Run(const std::vector<std::string_view>& args) {
 
 std::string FarmStore::TtlArg() const { return std::to_string(limits_.ttl.count()); }
 
-void FarmStore::DeleteValue(const std::string& key, const ValueHeader* header) {
+void FarmStore::DeleteValue(const std::string& key, const ValueHeader* header,
+                            std::string_view seen) {
   // Parts first: a manifest left without parts is a miss anyway; parts left without their
   // manifest are dead weight until their TTL.
   if (header && header->manifest) {
@@ -93,7 +100,11 @@ void FarmStore::DeleteValue(const std::string& key, const ValueHeader* header) {
       if (!Run({"DEL", part}).Ok()) break;
     }
   }
-  Run({"DEL", key});
+  if (seen.empty()) {
+    Run({"DEL", key});
+  } else {
+    Run({"EVAL", kDeleteIfScript, "1", key, seen});
+  }
 }
 
 FarmStore::Fetched FarmStore::Get(const Identity& identity) {
@@ -106,7 +117,7 @@ FarmStore::Fetched FarmStore::Get(const Identity& identity) {
     // keep every value of ours out (writes are SET NX) for as long as it stays.
     ZC_TRACE("JX_Farm", 2, "corrupt value " << key << ": not a string");
     GetCounters().corrupt.fetch_add(1, std::memory_order_relaxed);
-    DeleteValue(key, nullptr);
+    DeleteValue(key, nullptr, {});
     out.status = GetStatus::kCorrupt;
     return out;
   }
@@ -130,12 +141,14 @@ FarmStore::Fetched FarmStore::Get(const Identity& identity) {
                                                               : "another item's identity"));
     GetCounters().corrupt.fetch_add(1, std::memory_order_relaxed);
     // The header cannot be trusted to name its parts: only the key goes.
-    DeleteValue(key, nullptr);
+    DeleteValue(key, nullptr,
+                r.bytes.substr(0, error == DecodeError::kNone ? headerSize : kSeenBytes));
     out.status = GetStatus::kCorrupt;
     return out;
   }
+  std::string headerBytes(r.bytes.substr(0, headerSize));
   if (header.manifest) {
-    out = ReadParts(key, header);
+    out = ReadParts(key, header, headerBytes);
     if (out.status != GetStatus::kHit) return out;
   } else {
     out.payload = r.bytes.substr(headerSize);
@@ -144,7 +157,7 @@ FarmStore::Fetched FarmStore::Get(const Identity& identity) {
   if (HashPayload(out.payload.data(), out.payload.size()) != header.hash) {
     ZC_TRACE("JX_Farm", 2, "corrupt value " << key << ": checksum mismatch");
     GetCounters().corrupt.fetch_add(1, std::memory_order_relaxed);
-    DeleteValue(key, &header);
+    DeleteValue(key, &header, headerBytes);
     out = Fetched{};
     out.status = GetStatus::kCorrupt;
     return out;
@@ -157,17 +170,19 @@ FarmStore::Fetched FarmStore::Get(const Identity& identity) {
   out.computeSeconds = header.computeSeconds;
   out.writerNode = header.writerNode;
   out.header = std::move(header);
+  out.headerBytes = std::move(headerBytes);
   return out;
 }
 
-void FarmStore::Discard(const Identity& identity, const ValueHeader& header) {
+void FarmStore::Discard(const Identity& identity, const Fetched& fetched) {
   const std::string key = KeyOf(identity);
   ZC_TRACE("JX_Farm", 2, "corrupt value " << key << ": its payload class refused it");
   GetCounters().corrupt.fetch_add(1, std::memory_order_relaxed);
-  DeleteValue(key, &header);
+  DeleteValue(key, &fetched.header, fetched.headerBytes);
 }
 
-FarmStore::Fetched FarmStore::ReadParts(const std::string& key, const ValueHeader& header) {
+FarmStore::Fetched FarmStore::ReadParts(const std::string& key, const ValueHeader& header,
+                                        const std::string& headerBytes) {
   Fetched out;
   auto whole = std::make_shared<std::string>();
   // The manifest's length and part size both come from the server, so nothing is reserved
@@ -188,7 +203,7 @@ FarmStore::Fetched FarmStore::ReadParts(const std::string& key, const ValueHeade
                "value " << key << ": part " << i << (missing ? " missing" : " of the wrong size"));
       Counters& c = GetCounters();
       (missing ? c.missingParts : c.corrupt).fetch_add(1, std::memory_order_relaxed);
-      DeleteValue(key, &header);
+      DeleteValue(key, &header, headerBytes);
       out.status = missing ? GetStatus::kMissingPart : GetStatus::kCorrupt;
       return out;
     }

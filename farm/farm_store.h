@@ -67,7 +67,10 @@ class FarmStore {
     std::shared_ptr<const void> holder;
     double computeSeconds = 0.0;
     std::string writerNode;
-    ValueHeader header;  // a hit's header, which names its parts for Discard
+    // A hit's header, which names its parts, and its bytes as they were on the server: Discard
+    // deletes the value only while the key still holds it.
+    ValueHeader header;
+    std::string headerBytes;
   };
   // The value of `identity`, checked. Counts corrupt values, missing parts and faults (not hits
   // or misses: a lookup may ask several times).
@@ -75,7 +78,7 @@ class FarmStore {
 
   // Deletes a value that passed its checks but that its payload class refused, with its parts,
   // and counts it corrupt: it would otherwise keep the good value out (writes are SET NX).
-  void Discard(const Identity& identity, const ValueHeader& header);
+  void Discard(const Identity& identity, const Fetched& fetched);
 
   enum class PutStatus { kWritten, kDuplicate, kFault };
   // Puts the payload under `identity` unless a value is there already. Counts writes,
@@ -97,8 +100,12 @@ class FarmStore {
 
  private:
   Reply Run(const std::vector<std::string_view>& args);
-  Fetched ReadParts(const std::string& key, const ValueHeader& header);
-  void DeleteValue(const std::string& key, const ValueHeader* header);
+  Fetched ReadParts(const std::string& key, const ValueHeader& header,
+                    const std::string& headerBytes);
+  // Deletes the parts `header` names, then the key, but only while the key's value still starts
+  // with `seen` (what this reader found there): another reader may have deleted it already and
+  // the key taken a good value again, which must stay. Empty `seen`: the key whatever it holds.
+  void DeleteValue(const std::string& key, const ValueHeader* header, std::string_view seen);
   PutStatus PutParts(const std::string& key, std::string_view payload, std::string manifest,
                      const std::string& tag, uint32_t parts);
   std::string TtlArg() const;

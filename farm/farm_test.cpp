@@ -567,6 +567,48 @@ TEST_F(FarmTest, StalledServerCostsOneTimeoutThoughThePoolHoldsIdleConnections) 
   EXPECT_LT(took, 0.6);  // one timeout of 200 ms, not four
 }
 
+// Two readers may find one broken value, and the key may take a good value again before the
+// slower of them deletes what it read: that deletion must not take the good value (and orphan
+// its parts) with it. The server holds the slower reader's deletions back while the key is
+// replaced.
+TEST_F(FarmTest, ReaderDeletingABrokenValueLeavesTheValueThatReplacedItAlone) {
+  jx::farm::Address address;
+  std::string why;
+  ASSERT_TRUE(jx::farm::ParseAddress(server_.Address(), &address, &why)) << why;
+  jx::farm::RedisPool::Options options;
+  options.address = address;
+  options.commandTimeout = std::chrono::milliseconds(3000);
+  jx::farm::RedisPool pool(options);
+  FarmStore store(pool, "node-reader", {.partBytes = 16});
+  const Guid guid = Guid::CreateUnique();
+  const auto id = IdentityOf(guid, 1600);  // 100 parts
+  const std::string key = jx::farm::KeyOf(id);
+  const std::string spare = key + ":spare";
+  // The good value that will replace the broken one, kept aside under another name.
+  ASSERT_EQ(store.Put(id, Bytes(guid, 1600), 0.5), FarmStore::PutStatus::kWritten);
+  ASSERT_EQ(server_.Command({"RENAME", key, spare}), "OK");
+  // The broken one: a part gone.
+  ASSERT_EQ(store.Put(id, Bytes(guid, 1600), 0.5), FarmStore::PutStatus::kWritten);
+  jx::farm::ValueHeader manifest;
+  size_t at = 0;
+  ASSERT_EQ(jx::farm::DecodeHeader(server_.Command({"GET", key}), &manifest, &at),
+            jx::farm::DecodeError::kNone);
+  ASSERT_EQ(server_.Command({"DEL", jx::farm::PartKeyOf(key, manifest.partTag, 50)}), "1");
+  ASSERT_EQ(server_.Command({"CLIENT", "PAUSE", "5000", "WRITE"}), "OK");
+  FarmStore::GetStatus status = FarmStore::GetStatus::kHit;
+  std::thread reader([&] { status = store.Get(id).status; });
+  // The reader reads the manifest and 51 parts, then waits at its first deletion.
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_EQ(server_.Command({"CLIENT", "UNPAUSE"}), "OK");
+  EXPECT_EQ(server_.Command({"RENAME", spare, key}), "OK");
+  reader.join();  // bounded: each of its commands by the command timeout
+  EXPECT_EQ(status, FarmStore::GetStatus::kMissingPart);
+  EXPECT_EQ(Count(jx::farm::GetCounters().missingParts), 1u);
+  const FarmStore::Fetched got = store.Get(id);
+  ASSERT_EQ(got.status, FarmStore::GetStatus::kHit);
+  EXPECT_TRUE(got.payload == Bytes(guid, 1600));
+}
+
 // A server of the test's own on loopback that answers each connection's first command with
 // `reply` sent in pieces, `gap` apart, and then closes it: a reply that is malformed, cut off,
 // or dribbled out slower than any timeout of a single read.
