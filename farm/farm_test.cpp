@@ -567,6 +567,33 @@ TEST_F(FarmTest, StalledServerCostsOneTimeoutThoughThePoolHoldsIdleConnections) 
   EXPECT_LT(took, 0.6);  // one timeout of 200 ms, not four
 }
 
+// A server that dropped every connection (restarted, failed over, a reset on the way) costs one
+// failed command, not one per connection the pool kept from before: each such failure is a miss,
+// or a lease not taken, and so a frame rendered again.
+TEST_F(FarmTest, ConnectionsDroppedByTheServerCostOneFailedCommand) {
+  jx::farm::Address address;
+  std::string why;
+  ASSERT_TRUE(jx::farm::ParseAddress(server_.Address(), &address, &why)) << why;
+  jx::farm::RedisPool pool({address});
+  std::vector<std::thread> busy;
+  for (int i = 0; i < 4; ++i) {
+    busy.emplace_back([&] { pool.Command({"BLPOP", "jx:test:nothing", "0.1"}); });
+  }
+  for (auto& t : busy) t.join();
+  ASSERT_EQ(pool.ConnectionsOpened(), 4u);
+  FarmStore store(pool, "node-reset", {});
+  const Guid guid = Guid::CreateUnique();
+  const auto id = IdentityOf(guid, 64);
+  ASSERT_EQ(store.Put(id, Bytes(guid, 64), 0.5), FarmStore::PutStatus::kWritten);
+  auto& counters = jx::farm::GetCounters();
+  const uint64_t errors = Count(counters.connectionErrors);
+  ASSERT_NE(server_.Command({"CLIENT", "KILL", "TYPE", "normal"}), "(fault)");
+  int hits = 0;
+  for (int i = 0; i < 4; ++i) hits += store.Get(id).status == FarmStore::GetStatus::kHit;
+  EXPECT_EQ(Count(counters.connectionErrors), errors + 1);
+  EXPECT_EQ(hits, 3);
+}
+
 // Two readers may find one broken value, and the key may take a good value again before the
 // slower of them deletes what it read: that deletion must not take the good value (and orphan
 // its parts) with it. The server holds the slower reader's deletions back while the key is

@@ -178,6 +178,15 @@ redisContext* RedisPool::Borrow(Fault* fault) {
   return c;
 }
 
+void RedisPool::DropIdle() {
+  std::vector<redisContext*> idle;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    idle.swap(idle_);
+  }
+  for (redisContext* c : idle) redisFree(c);
+}
+
 void RedisPool::Return(redisContext* c) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -244,6 +253,9 @@ Reply RedisPool::Command(const std::vector<std::string_view>& args) {
     // The connection may still owe us the reply: it is never used again.
     redisFree(c);
     if (out.fault == Fault::kTimeout) StartBackOff();
+    // A connection the server dropped: it most likely dropped the idle ones too (a restart, a
+    // failover, a reset on the way), and each would fail a command of its own.
+    if (out.fault == Fault::kConnection) DropIdle();
     return out;
   }
   out = Convert(r);

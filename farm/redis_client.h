@@ -3,7 +3,8 @@
 // A hiredis context is not thread-safe, so every command borrows one connection from the pool,
 // runs on it alone and gives it back; a connection that failed in any way (timeout, reset, a
 // reply that could not be parsed) is closed rather than returned, because a late reply to a
-// timed-out command would otherwise be read as the answer to the next one.
+// timed-out command would otherwise be read as the answer to the next one; a broken connection
+// closes the idle ones too, which the same break most likely took.
 //
 // Every command is bounded: connecting by the connect timeout, each command by the command
 // timeout. After a failed connect or a timeout the pool fails fast for a short back-off, so that
@@ -88,6 +89,7 @@ class RedisPool {
  private:
   redisContext* Borrow(Fault* fault);
   void Return(redisContext* c);
+  void DropIdle();
   void StartBackOff();
   // Sends the command appended to `c` and reads its reply, all within the command timeout.
   Fault RoundTrip(redisContext* c, redisReply** reply);
