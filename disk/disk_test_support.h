@@ -5,6 +5,7 @@
 
 #include "disk/disk_folder.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -40,6 +41,35 @@ inline void RegisterTestPayloadFactory() {
   };
   JX_StuffData::RegisterFactory("TestPayload", factory);
 }
+
+// A payload that allows compression. Its compressed copy carries one more header byte, so the
+// two files of one item have different names.
+class CompressiblePayload : public TestPayload {
+ public:
+  CompressiblePayload(unsigned size, uint32_t seed) : TestPayload(size, seed, true) {}
+  JX_CompressedAllowedOption GetCompressedAllowedOption() const override {
+    return kJX_CompressionAllowed;
+  }
+  bool IsCompressed() const override { return compressed_; }
+  void SetIsCompressed(bool compressed) override { compressed_ = compressed; }
+  zelcore::utility::IntrusivePtr<JX_StuffData> CreateCloneForCompression() const override {
+    return zelcore::utility::IntrusivePtr<JX_StuffData>(
+        new CompressiblePayload(GetApproximateMemorySize(), Seed()));
+  }
+  void GetHeader(Header& header) const override {
+    TestPayload::GetHeader(header);
+    if (compressed_) header.push_back(1);
+  }
+  double Write(zelcore::filesupport::OByteStream& out) const override {
+    if (compressed_ && duringCompressedWrite) duringCompressedWrite();
+    return TestPayload::Write(out);
+  }
+  // When set, runs inside the write of a compressed copy, on the disk thread.
+  static inline std::function<void()> duringCompressedWrite;
+
+ private:
+  std::atomic<bool> compressed_{false};
+};
 
 inline std::vector<std::string> FolderNames(const zelcore::filesupport::Dir& dir) {
   return dir.Exists() ? dir.ListNames() : std::vector<std::string>{};

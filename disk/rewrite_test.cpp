@@ -13,6 +13,7 @@
 #include "standalone/debug_database.h"
 
 namespace cf = jx::checkout_flags;
+using jx::testing::CompressiblePayload;
 using jx::testing::TestPayload;
 using zelcore::debug::DebugDatabase;
 using zelcore::filesupport::File;
@@ -24,33 +25,6 @@ namespace {
 constexpr unsigned int kSize = 50000;
 constexpr uint32_t kOldSeed = 7, kNewSeed = 8;
 constexpr double kWorthWriting = 10.0;  // seconds of compute: any disk is faster
-
-// A payload whose compressed copy (one more header byte, so a file name of its own) may stand in
-// for it in a request that takes compressed frames.
-class CompressiblePayload : public TestPayload {
- public:
-  CompressiblePayload(unsigned size, uint32_t seed) : TestPayload(size, seed, true) {
-    SetCompressedAllowedOption(kJX_CompressionAllowed);
-  }
-  bool IsCompressed() const override { return compressed_; }
-  void SetIsCompressed(bool compressed) override { compressed_ = compressed; }
-  IntrusivePtr<JX_StuffData> CreateCloneForCompression() const override {
-    return IntrusivePtr<JX_StuffData>(new CompressiblePayload(GetApproximateMemorySize(), Seed()));
-  }
-  void GetHeader(Header& header) const override {
-    TestPayload::GetHeader(header);
-    if (compressed_) header.push_back(1);
-  }
-  double Write(zelcore::filesupport::OByteStream& out) const override {
-    if (compressed_ && duringCompressedWrite) duringCompressedWrite();
-    return TestPayload::Write(out);
-  }
-  // Runs inside the write of a compressed copy, on the disk thread.
-  static inline std::function<void()> duringCompressedWrite;
-
- private:
-  std::atomic<bool> compressed_{false};
-};
 
 class RewriteTest : public jx::testing::DiskTest {
  protected:

@@ -10,6 +10,7 @@
 #include "jxcache/disk/performance_counters.h"
 #include "standalone/debug_database.h"
 
+using jx::testing::CompressiblePayload;
 using jx::testing::ScQueueLengths;
 using jx::testing::TestPayload;
 using jx::testing::WriterDrained;
@@ -19,28 +20,6 @@ using zelcore::utility::IntrusivePtr;
 namespace {
 
 constexpr unsigned kSize = 64 * 1024;
-
-// A payload that allows compression. Its compressed copy carries one more header byte, so the
-// two files of one item have different names.
-class CompressiblePayload : public TestPayload {
- public:
-  explicit CompressiblePayload(unsigned size, uint32_t seed) : TestPayload(size, seed, true) {}
-  JX_CompressedAllowedOption GetCompressedAllowedOption() const override {
-    return kJX_CompressionAllowed;
-  }
-  bool IsCompressed() const override { return compressed_; }
-  void SetIsCompressed(bool compressed) override { compressed_ = compressed; }
-  IntrusivePtr<JX_StuffData> CreateCloneForCompression() const override {
-    return IntrusivePtr<JX_StuffData>(new CompressiblePayload(GetApproximateMemorySize(), Seed()));
-  }
-  void GetHeader(Header& header) const override {
-    TestPayload::GetHeader(header);
-    if (compressed_) header.push_back(1);
-  }
-
- private:
-  std::atomic<bool> compressed_{false};
-};
 
 // What one offer added to the counters.
 struct Offered {

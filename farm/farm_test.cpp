@@ -131,6 +131,16 @@ TEST(FarmSharedServerTest, ValueRoundTripsThroughTheRunsServer) {
   server.Command({"DEL", key});
 }
 
+// Four commands at once that each take 100 ms: the pool opens four connections, idle afterwards.
+bool FourIdleConnections(jx::farm::RedisPool& pool) {
+  std::vector<std::thread> busy;
+  for (int i = 0; i < 4; ++i) {
+    busy.emplace_back([&] { pool.Command({"BLPOP", "jx:test:nothing", "0.1"}); });
+  }
+  for (auto& t : busy) t.join();
+  return pool.ConnectionsOpened() == 4u;
+}
+
 // The library with a disk folder and a farm tier on a server of the test's own.
 class FarmTest : public jx::testing::DiskTest {
  protected:
@@ -164,6 +174,13 @@ class FarmTest : public jx::testing::DiskTest {
     Attach(c);
   }
 
+  // The test's server, as a pool takes it.
+  bool ServerAddress(jx::farm::Address* address) {
+    std::string why;
+    const bool ok = jx::farm::ParseAddress(server_.Address(), address, &why);
+    EXPECT_TRUE(ok) << why;
+    return ok;
+  }
   jx::farm::Identity IdentityOf(const Guid& guid, uint32_t size) {
     jx::farm::Identity id;
     id.guid = guid;
@@ -540,20 +557,13 @@ TEST_F(FarmTest, ManifestClaimingHugePartsAllocatesNothingBeforeThePartsArrive) 
 // otherwise wait out a timeout of its own.
 TEST_F(FarmTest, StalledServerCostsOneTimeoutThoughThePoolHoldsIdleConnections) {
   jx::farm::Address address;
-  std::string why;
-  ASSERT_TRUE(jx::farm::ParseAddress(server_.Address(), &address, &why)) << why;
+  ASSERT_TRUE(ServerAddress(&address));
   jx::farm::RedisPool::Options options;
   options.address = address;
   options.connectTimeout = options.commandTimeout = std::chrono::milliseconds(200);
   options.backOff = std::chrono::milliseconds(2000);
   jx::farm::RedisPool pool(options);
-  // Four commands at once that each take 100 ms: four connections, idle afterwards.
-  std::vector<std::thread> busy;
-  for (int i = 0; i < 4; ++i) {
-    busy.emplace_back([&] { pool.Command({"BLPOP", "jx:test:nothing", "0.1"}); });
-  }
-  for (auto& t : busy) t.join();
-  ASSERT_EQ(pool.ConnectionsOpened(), 4u);
+  ASSERT_TRUE(FourIdleConnections(pool));
   FarmStore store(pool, "node-stall", {});
   const auto id = IdentityOf(Guid::CreateUnique(), 64);
   auto& counters = jx::farm::GetCounters();
@@ -572,15 +582,9 @@ TEST_F(FarmTest, StalledServerCostsOneTimeoutThoughThePoolHoldsIdleConnections) 
 // or a lease not taken, and so a frame rendered again.
 TEST_F(FarmTest, ConnectionsDroppedByTheServerCostOneFailedCommand) {
   jx::farm::Address address;
-  std::string why;
-  ASSERT_TRUE(jx::farm::ParseAddress(server_.Address(), &address, &why)) << why;
+  ASSERT_TRUE(ServerAddress(&address));
   jx::farm::RedisPool pool({address});
-  std::vector<std::thread> busy;
-  for (int i = 0; i < 4; ++i) {
-    busy.emplace_back([&] { pool.Command({"BLPOP", "jx:test:nothing", "0.1"}); });
-  }
-  for (auto& t : busy) t.join();
-  ASSERT_EQ(pool.ConnectionsOpened(), 4u);
+  ASSERT_TRUE(FourIdleConnections(pool));
   FarmStore store(pool, "node-reset", {});
   const Guid guid = Guid::CreateUnique();
   const auto id = IdentityOf(guid, 64);
@@ -600,8 +604,7 @@ TEST_F(FarmTest, ConnectionsDroppedByTheServerCostOneFailedCommand) {
 // replaced.
 TEST_F(FarmTest, ReaderDeletingABrokenValueLeavesTheValueThatReplacedItAlone) {
   jx::farm::Address address;
-  std::string why;
-  ASSERT_TRUE(jx::farm::ParseAddress(server_.Address(), &address, &why)) << why;
+  ASSERT_TRUE(ServerAddress(&address));
   jx::farm::RedisPool::Options options;
   options.address = address;
   options.commandTimeout = std::chrono::milliseconds(3000);
