@@ -253,7 +253,7 @@ void JX_Stuff::UpdateWithNewGuid(const Guid& guid) {
   // A write under way links its file only while the item still answers the key the file is
   // named after; one that linked between the discard above and the new key is undone here.
   if (rekeyed) DiscardDiskCopy(/*onlyIfInMemory=*/false);
-  DropCopies(oldCopies);
+  DropCopies(std::move(oldCopies));
 }
 
 void JX_Stuff::AddToBagAndSortDir(const std::shared_ptr<JX_Bag>& bag) {

@@ -9,6 +9,7 @@
 #include "disk/disk_test_support.h"
 #include "disk/scan_one_file.h"
 #include "jxcache/bag/bag.h"
+#include "jxcache/bag/library_lock.h"
 #include "jxcache/items/sc_checkout.h"
 #include "standalone/debug_database.h"
 
@@ -102,7 +103,10 @@ TEST_F(RewriteTest, APayloadRewrittenThroughAWriteableCheckoutIsNeverReadBackOld
 TEST_F(RewriteTest, ARewrittenOrReKeyedItemLeavesNoCompressedCopyOfTheOldPayload) {
   DebugDatabase::Instance().SetEntry("KQ.IsDiskCompressionEnabledR", "true");
   struct Reset {
-    ~Reset() { DebugDatabase::Instance().RemoveEntry("KQ.IsDiskCompressionEnabledR"); }
+    ~Reset() {
+      TestPayload::OnRelease() = nullptr;
+      DebugDatabase::Instance().RemoveEntry("KQ.IsDiskCompressionEnabledR");
+    }
   } reset;
   for (bool rekey : {false, true}) {
     SCOPED_TRACE(rekey ? "re-keyed" : "rewritten through a writeable check-out");
@@ -115,6 +119,15 @@ TEST_F(RewriteTest, ARewrittenOrReKeyedItemLeavesNoCompressedCopyOfTheOldPayload
     item->MaybeWriteToDisk();
     ASSERT_TRUE(jx::testing::WriterDrained());
     ASSERT_EQ(bag_->GetNumItems(), before + 1) << "no compressed copy was made";
+    // Without its file the copy is held by the bag alone (a file's deletion would hold it until
+    // the lock is released). Its payload goes with it, and like all memory, after the lock.
+    bag_->PurgeAllDiskCaches();
+    ASSERT_EQ(bag_->GetNumItems(), before + 1) << "the copy left memory with its file";
+    int released = 0, releasedUnderLock = 0;
+    TestPayload::OnRelease() = [&] {
+      ++released;
+      releasedUnderLock += JXp_ScLock::IsLockedByCurrentThread();
+    };
     if (rekey) {
       item->UpdateWithNewGuid(Guid::CreateUnique());
     } else {
@@ -123,6 +136,9 @@ TEST_F(RewriteTest, ARewrittenOrReKeyedItemLeavesNoCompressedCopyOfTheOldPayload
       jx::testing::PayloadOf(*item)->Rewrite(kNewSeed);
       handle.Checkin(0, 0.0);  // not worth writing again
     }
+    TestPayload::OnRelease() = nullptr;
+    EXPECT_EQ(released, 1) << "the compressed copy's payload is still held";
+    EXPECT_EQ(releasedUnderLock, 0);
     ASSERT_TRUE(jx::testing::WriterDrained());
     Purge(item);
 

@@ -162,7 +162,8 @@ std::vector<JX_Stuff::IntrusivePtr<JX_Stuff>> JX_Stuff::CompressedCopiesIn(const
   return copies;
 }
 
-void JX_Stuff::DropCopies(const std::vector<IntrusivePtr<JX_Stuff>>& copies) {
+void JX_Stuff::DropCopies(std::vector<IntrusivePtr<JX_Stuff>>&& copies) {
+  if (copies.empty()) return;
   for (const IntrusivePtr<JX_Stuff>& copy : copies) {
     try {
       copy->RemoveFromBagAndSortDir();
@@ -170,6 +171,15 @@ void JX_Stuff::DropCopies(const std::vector<IntrusivePtr<JX_Stuff>>& copies) {
     } catch (...) {
       // Checked out writeable by someone (who holds it out of the directory): theirs to settle.
     }
+  }
+  // Out of the bag, these references may be a copy's last, and a re-key holds the library lock:
+  // its payload is freed after that lock, like any other memory.
+  try {
+    std::deque<std::shared_ptr<void>> owners;
+    owners.emplace_back(nullptr, [held = std::move(copies)](void*) {});
+    JXp_ScLock::ReleaseOutsideLock(std::move(owners));
+  } catch (const std::bad_alloc&) {
+    copies.clear();  // no memory to put it off: now, even under the lock
   }
 }
 

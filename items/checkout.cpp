@@ -244,7 +244,7 @@ void JX_Stuff::CheckinImpl(int flags, double computeTime) {
   // With every lock released.
   JX_GetStuffCounters().itemsCheckedOut.fetch_sub(1);
   DropDetachedDiskCopy(std::move(stale));
-  DropCopies(oldCopies);
+  DropCopies(std::move(oldCopies));
   if (flags & ci::kRemove) {
     RemoveFromBagAndSortDir();
     // Nobody can find the item any more: its disk copy would only take room in the folder.

@@ -357,7 +357,7 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // the folder.
   std::vector<IntrusivePtr<JX_Stuff>> CompressedCopiesIn(const JX_SortDir& dir,
                                                          const Guid& guid) const;
-  static void DropCopies(const std::vector<IntrusivePtr<JX_Stuff>>& copies);
+  static void DropCopies(std::vector<IntrusivePtr<JX_Stuff>>&& copies);
   // The steps of SetStuffDataFromPendingRender_Impl: the debugging pause and the back-pressure
   // behind the disk writer, then the completion that opens the gate.
   void PauseBeforeFilling(bool skipBackPressure);
