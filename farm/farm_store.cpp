@@ -30,6 +30,14 @@ constexpr std::string_view kDeleteIfScript =
     "return redis.call('del', KEYS[1]) end return 0";
 // As much of an undecodable value as tells it apart from whatever replaces it.
 constexpr size_t kSeenBytes = 1024;
+// What a reader that found an empty string, or no string at all, deletes: the key only while it
+// holds the same, never a value written there in between.
+constexpr std::string_view kDeleteIfEmptyScript =
+    "if redis.call('type', KEYS[1]).ok == 'string' and redis.call('strlen', KEYS[1]) == 0 then "
+    "return redis.call('del', KEYS[1]) end return 0";
+constexpr std::string_view kDeleteIfNotStringScript =
+    "if redis.call('type', KEYS[1]).ok ~= 'string' then return redis.call('del', KEYS[1]) end "
+    "return 0";
 constexpr std::string_view kRenewScript =
     "if redis.call('get', KEYS[1]) == ARGV[1] then "
     "return redis.call('pexpire', KEYS[1], ARGV[2]) end return 0";
@@ -100,11 +108,8 @@ void FarmStore::DeleteValue(const std::string& key, const ValueHeader* header,
       if (!Run({"DEL", part}).Ok()) break;
     }
   }
-  if (seen.empty()) {
-    Run({"DEL", key});
-  } else {
-    Run({"EVAL", kDeleteIfScript, "1", key, seen});
-  }
+  // An empty prefix would match whatever the key holds by then.
+  Run({"EVAL", seen.empty() ? kDeleteIfEmptyScript : kDeleteIfScript, "1", key, seen});
 }
 
 FarmStore::Fetched FarmStore::Get(const Identity& identity) {
@@ -117,7 +122,7 @@ FarmStore::Fetched FarmStore::Get(const Identity& identity) {
     // keep every value of ours out (writes are SET NX) for as long as it stays.
     ZC_TRACE("JX_Farm", 2, "corrupt value " << key << ": not a string");
     GetCounters().corrupt.fetch_add(1, std::memory_order_relaxed);
-    DeleteValue(key, nullptr, {});
+    Run({"EVAL", kDeleteIfNotStringScript, "1", key});
     out.status = GetStatus::kCorrupt;
     return out;
   }

@@ -104,7 +104,8 @@ class FarmStore {
                     const std::string& headerBytes);
   // Deletes the parts `header` names, then the key, but only while the key's value still starts
   // with `seen` (what this reader found there): another reader may have deleted it already and
-  // the key taken a good value again, which must stay. Empty `seen`: the key whatever it holds.
+  // the key taken a good value again, which must stay. Empty `seen`: only while the key holds
+  // an empty string.
   void DeleteValue(const std::string& key, const ValueHeader* header, std::string_view seen);
   PutStatus PutParts(const std::string& key, std::string_view payload, std::string manifest,
                      const std::string& tag, uint32_t parts);

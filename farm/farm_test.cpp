@@ -639,6 +639,64 @@ TEST_F(FarmTest, ReaderDeletingABrokenValueLeavesTheValueThatReplacedItAlone) {
   EXPECT_TRUE(got.payload == Bytes(guid, 1600));
 }
 
+// The same race for what a reader finds under the key that is not a value at all (another
+// program's list) or an empty string: the deletion must not take the good value that replaced
+// it either. The server holds writes back, the good value's first, so that it lands just before
+// the reader's deletion.
+TEST_F(FarmTest, ReaderDeletingAForeignOrEmptyKeyLeavesTheValueThatReplacedItAlone) {
+  jx::farm::Address address;
+  ASSERT_TRUE(ServerAddress(&address));
+  jx::farm::RedisPool::Options options;
+  options.address = address;
+  options.commandTimeout = std::chrono::milliseconds(3000);
+  jx::farm::RedisPool pool(options);
+  FarmStore store(pool, "node-reader", {});
+  const Guid guid = Guid::CreateUnique();
+  const auto id = IdentityOf(guid, 1024);
+  const std::string key = jx::farm::KeyOf(id);
+  const std::string spare = key + ":spare";
+  // Clients whose command the paused server holds back.
+  auto held = [&] {
+    int n = 0;
+    for (const std::string& c : jx::testing::ReplyLines(server_.Command({"CLIENT", "LIST"}))) {
+      n += c.find(" flags=b ") != std::string::npos;
+    }
+    return n;
+  };
+  const struct {
+    const char* what;
+    std::vector<std::string> bad;
+  } cases[] = {
+      {"another program's list", {"RPUSH", key, "x"}},
+      {"an empty string", {"SET", key, ""}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    ASSERT_EQ(store.Put(id, Bytes(guid, 1024), 0.5), FarmStore::PutStatus::kWritten);
+    ASSERT_EQ(server_.Command({"RENAME", key, spare}), "OK");
+    ASSERT_NE(server_.Command(c.bad), "(fault)");
+    const uint64_t corrupt = Count(jx::farm::GetCounters().corrupt);
+    ASSERT_EQ(server_.Command({"CLIENT", "PAUSE", "5000", "WRITE"}), "OK");
+    std::string renamed;
+    std::thread writer([&] { renamed = server_.Command({"RENAME", spare, key}); });
+    EXPECT_TRUE(jx::testing::EventuallyTrue([&] { return held() == 1; }));
+    FarmStore::GetStatus status = FarmStore::GetStatus::kHit;
+    std::thread reader([&] { status = store.Get(id).status; });
+    // The reader found the bad key (reads pass) and waits at its deletion.
+    EXPECT_TRUE(jx::testing::EventuallyTrue([&] { return held() == 2; }));
+    EXPECT_EQ(server_.Command({"CLIENT", "UNPAUSE"}), "OK");
+    writer.join();  // bounded: by the control connection's timeout
+    reader.join();  // and by the command timeout
+    EXPECT_EQ(renamed, "OK");
+    EXPECT_EQ(status, FarmStore::GetStatus::kCorrupt);
+    EXPECT_EQ(Count(jx::farm::GetCounters().corrupt), corrupt + 1);
+    const FarmStore::Fetched got = store.Get(id);
+    EXPECT_EQ(got.status, FarmStore::GetStatus::kHit);
+    EXPECT_TRUE(got.payload == Bytes(guid, 1024));
+    server_.Command({"DEL", key, spare});
+  }
+}
+
 // A server of the test's own on loopback that answers each connection's first command with
 // `reply` sent in pieces, `gap` apart, and then closes it: a reply that is malformed, cut off,
 // or dribbled out slower than any timeout of a single read.
