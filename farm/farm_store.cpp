@@ -294,11 +294,13 @@ FarmStore::LeaseStatus FarmStore::TakeLease(const std::string& key, const std::s
   return IsOk(r) ? LeaseStatus::kTaken : LeaseStatus::kHeldByOther;
 }
 
-bool FarmStore::RenewLease(const std::string& key, const std::string& token,
-                           std::chrono::milliseconds duration) {
+FarmStore::RenewStatus FarmStore::RenewLease(const std::string& key, const std::string& token,
+                                             std::chrono::milliseconds duration) {
   const std::string ms = std::to_string(duration.count());
   Reply r = Run({"EVAL", kRenewScript, "1", LeaseKeyOf(key), token, ms});
-  return r.Ok() && r.kind == Reply::Kind::kInteger && r.integer == 1;
+  if (!r.Ok()) return RenewStatus::kFault;
+  return r.kind == Reply::Kind::kInteger && r.integer == 1 ? RenewStatus::kRenewed
+                                                           : RenewStatus::kLost;
 }
 
 void FarmStore::ReleaseLease(const std::string& key, const std::string& token) {

@@ -89,9 +89,11 @@ class FarmStore {
   // SET lease NX PX: `token` holds the lease for `duration` unless another token does.
   LeaseStatus TakeLease(const std::string& key, const std::string& token,
                         std::chrono::milliseconds duration);
-  // Extends the lease when `token` still holds it. False when it does not, or on a fault.
-  bool RenewLease(const std::string& key, const std::string& token,
-                  std::chrono::milliseconds duration);
+  enum class RenewStatus { kRenewed, kLost, kFault };
+  // Extends the lease when `token` still holds it. kLost when it does not (it lapsed, or another
+  // token holds it); kFault when the server could not say.
+  RenewStatus RenewLease(const std::string& key, const std::string& token,
+                         std::chrono::milliseconds duration);
   // Gives the lease up when `token` holds it.
   void ReleaseLease(const std::string& key, const std::string& token);
 

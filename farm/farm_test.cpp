@@ -407,6 +407,43 @@ TEST_F(FarmTest, ComputingNodeHoldsARenewedLeaseAndPublishesOnTheWriter) {
   EXPECT_EQ(Store().Get(id).payload, Bytes(guid, 64 << 10));
 }
 
+// A renewal that fails on the wire (the server dropped the connection) is tried again at the
+// next turn: one fault must not let the lease of a long compute lapse, or a waiting node computes
+// the item too. A lease that another node holds now is lost for good, and left to that node.
+TEST_F(FarmTest, RenewalOutlivesAFaultAndLeavesAnotherNodesLeaseAlone) {
+  // Renewed every 300 ms; connects and commands given room on a loaded machine, where a timeout
+  // would start a back-off longer than the renewal period.
+  Reattach([](JX_FarmConfig& c) {
+    c.leaseMs = 900;
+    c.connectTimeoutMs = c.commandTimeoutMs = 1000;
+  });
+  auto& counters = jx::farm::GetCounters();
+  const Guid guid = Guid::CreateUnique();
+  const std::string lease = jx::farm::LeaseKeyOf(jx::farm::KeyOf(IdentityOf(guid, 1024)));
+  JX_ScCheckout handle;
+  {
+    JX_ScFarmCompute farm(Pending(handle, guid, 1024));
+    ASSERT_EQ(farm.Fetch(), JX_ScFarmCompute::kComputeHere);
+    ASSERT_TRUE(farm.HoldsLease());
+    const std::string token = server_.Command({"GET", lease});
+    // The pool's one connection is cut: the next renewal fails on it.
+    const uint64_t connectionErrors = Count(counters.connectionErrors);
+    ASSERT_NE(server_.Command({"CLIENT", "KILL", "TYPE", "normal"}), "(fault)");
+    ASSERT_TRUE(jx::testing::EventuallyTrue(
+        [&] { return Count(counters.connectionErrors) > connectionErrors; }));
+    // More than two lease times later the lease is still ours.
+    std::this_thread::sleep_for(std::chrono::milliseconds(2000));
+    EXPECT_EQ(server_.Command({"GET", lease}), token);
+    EXPECT_EQ(Count(counters.leasesLost), 0u);
+    // Another node has the lease now (ours lapsed while this node lost the server, say).
+    ASSERT_EQ(server_.Command({"SET", lease, "node-other/1", "PX", "60000"}), "OK");
+    EXPECT_TRUE(jx::testing::EventuallyTrue([&] { return Count(counters.leasesLost) == 1; }));
+  }
+  // Giving ours up must not end the other node's.
+  EXPECT_EQ(server_.Command({"GET", lease}), "node-other/1");
+  Render(handle, 1024);
+}
+
 TEST_F(FarmTest, WaiterGetsTheOtherNodesValueAndWritesItLocallyOnly) {
   const Guid guid = Guid::CreateUnique();
   const auto id = IdentityOf(guid, 64 << 10);

@@ -84,12 +84,17 @@ void Tier::RenewLoop() {
     lock.unlock();
     std::vector<std::string> lost;
     for (const auto& [token, key] : held) {
-      if (!store_.RenewLease(key, token, duration)) lost.push_back(token);
+      // A fault (a dropped connection, a timeout and its back-off) says nothing of the lease:
+      // it is tried again next turn, which still comes before the lease lapses. Dropped now,
+      // the lease of a long compute would lapse and a waiting node compute the item too.
+      if (store_.RenewLease(key, token, duration) == FarmStore::RenewStatus::kLost) {
+        lost.push_back(token);
+      }
     }
     lock.lock();
     for (const std::string& token : lost) {
-      // Either the server is unreachable (the lease will lapse and another node may compute
-      // the item too: a duplicate, never a wrong frame) or another node took it over.
+      // It lapsed (the server was out of reach for longer than the lease: another node may
+      // compute the item too, a duplicate, never a wrong frame) or another node took it over.
       if (leases_.erase(token)) {
         GetCounters().leasesLost.fetch_add(1, std::memory_order_relaxed);
         ZC_TRACE("JX_Farm", 3, "lease " << token << " lost");
