@@ -8,7 +8,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <fstream>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,6 +21,7 @@
 #include "farm/farm_store.h"
 #include "farm/farm_value.h"
 #include "farm/tier.h"
+#include "jxcache/disk/disk_executor.h"
 #include "jxcache/farm/farm_compute.h"
 #include "jxcache/items/sc_checkout.h"
 #include "testing/keyed_payload.h"
@@ -442,6 +446,73 @@ TEST_F(FarmTest, RenewalOutlivesAFaultAndLeavesAnotherNodesLeaseAlone) {
   // Giving ours up must not end the other node's.
   EXPECT_EQ(server_.Command({"GET", lease}), "node-other/1");
   Render(handle, 1024);
+}
+
+// Detaching ends the renewal, not the leases: a compute and a farm write still running go on (on
+// the detached tier), share the value and give each lease up when done. A lease given up at the
+// detach sends a waiting node to compute the item too.
+TEST_F(FarmTest, DetachLeavesTheLeasesOfRunningComputesAndWrites) {
+  auto& counters = jx::farm::GetCounters();
+  // Two tasks hold the disk executor's two places, so that the farm write waits in its queue.
+  struct Gate {
+    std::mutex mutex;
+    std::condition_variable changed;
+    int running = 0;
+    bool open = false;
+  };
+  auto gate = std::make_shared<Gate>();
+  auto open = [gate] {
+    std::lock_guard<std::mutex> lock(gate->mutex);
+    gate->open = true;
+    gate->changed.notify_all();
+  };
+  std::shared_ptr<void> opensAtTheEnd(nullptr, [&](void*) { open(); });
+  const auto executor = jx::DiskExecutor();
+  ASSERT_TRUE(executor);
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_TRUE(executor->Post([gate] {
+      std::unique_lock<std::mutex> lock(gate->mutex);
+      ++gate->running;
+      gate->changed.notify_all();
+      gate->changed.wait_for(lock, std::chrono::seconds(30), [&] { return gate->open; });
+    }));
+  }
+  {
+    std::unique_lock<std::mutex> lock(gate->mutex);
+    ASSERT_TRUE(
+        gate->changed.wait_for(lock, std::chrono::seconds(10), [&] { return gate->running == 2; }));
+  }
+  const Guid written = Guid::CreateUnique(), computing = Guid::CreateUnique();
+  const auto writtenId = IdentityOf(written, 64 << 10);
+  const std::string writtenLease = jx::farm::LeaseKeyOf(jx::farm::KeyOf(writtenId));
+  const std::string computingLease =
+      jx::farm::LeaseKeyOf(jx::farm::KeyOf(IdentityOf(computing, 1024)));
+  JX_ScCheckout writtenHandle, computingHandle;
+  {
+    JX_ScFarmCompute farm(Pending(writtenHandle, written, 64 << 10));
+    ASSERT_EQ(farm.Fetch(), JX_ScFarmCompute::kComputeHere);
+    Render(writtenHandle, 64 << 10);
+    farm.Publish();
+  }
+  EXPECT_EQ(counters.uploadsQueued.load(), 1u);
+  const std::string writtenToken = server_.Command({"GET", writtenLease});
+  auto farm = std::make_unique<JX_ScFarmCompute>(Pending(computingHandle, computing, 1024));
+  ASSERT_EQ(farm->Fetch(), JX_ScFarmCompute::kComputeHere);
+  const std::string computingToken = server_.Command({"GET", computingLease});
+
+  JX_DetachFarmTier();
+  EXPECT_EQ(Count(counters.writes), 0u);  // the write is still queued
+  EXPECT_EQ(server_.Command({"GET", writtenLease}), writtenToken);
+  EXPECT_EQ(server_.Command({"GET", computingLease}), computingToken);
+
+  open();
+  ASSERT_TRUE(JX_WaitForFarmWrites(10000));
+  EXPECT_EQ(Count(counters.writes), 1u);
+  EXPECT_EQ(server_.Command({"EXISTS", jx::farm::KeyOf(writtenId)}), "1");
+  EXPECT_EQ(server_.Command({"EXISTS", writtenLease}), "0");
+  Render(computingHandle, 1024);
+  farm.reset();  // not published: the lease goes with the compute
+  EXPECT_EQ(server_.Command({"EXISTS", computingLease}), "0");
 }
 
 TEST_F(FarmTest, WaiterGetsTheOtherNodesValueAndWritesItLocallyOnly) {

@@ -61,16 +61,17 @@ void Tier::Forget(const std::string& key, const std::string& token) {
 }
 
 void Tier::Stop() {
-  std::map<std::string, std::string> left;
+  // The leases stay with their holders: a compute or a write still running on this tier goes
+  // on after the stop, shares its value and gives its lease up then (Forget). Given up here,
+  // a waiting node would take the lease over and compute the item too. A holder that never
+  // finishes (the process ends) leaves its lease to lapse, as a dead node's does.
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (stopping_) return;
     stopping_ = true;
-    left.swap(leases_);
   }
   wake_.notify_all();
   if (renewer_) renewer_->Join();
-  for (const auto& [token, key] : left) store_.ReleaseLease(key, token);
 }
 
 void Tier::RenewLoop() {

@@ -29,7 +29,8 @@ class Tier {
   // Keeps the lease of `key` renewed until Forget; Forget also gives it up on the server.
   void Renew(const std::string& key, const std::string& token);
   void Forget(const std::string& key, const std::string& token);
-  // Stops the renewal thread and gives up every lease still held.
+  // Stops the renewal thread. The leases still held are given up by their holders (Forget),
+  // or lapse.
   void Stop();
 
  private:

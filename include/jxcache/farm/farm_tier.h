@@ -48,8 +48,9 @@ JX_EXPORT JX_FarmConfig JX_FarmConfigFromSettings();
 // Attaches a farm tier (replacing any other). False, with the reason in `why`, when the address
 // does not parse or a limit is 0; nothing is attached then.
 JX_EXPORT bool JX_AttachFarmTier(const JX_FarmConfig& config, std::string* why);
-// Detaches the tier: its lease renewal stops and the leases it held are given up. Writes already
-// running finish on the detached tier.
+// Detaches the tier: its lease renewal stops. Lookups, computes and writes already running
+// finish on the detached tier, and each gives its lease up when done (a lease whose holder never
+// finishes lapses).
 JX_EXPORT void JX_DetachFarmTier();
 JX_EXPORT bool JX_IsFarmTierAttached();
 // Waits (up to `timeoutMs`) until no farm write is queued or running; true when none is. Call
