@@ -18,6 +18,7 @@
 #include "common/messages.h"
 #include "common/settings.h"
 #include "disk/cache_file_name.h"
+#include "disk/claimed_file.h"
 #include "disk/disk_speed.h"
 #include "disk/scan_one_file.h"
 #include "host/feature.h"
@@ -361,7 +362,7 @@ std::map<std::string, JX_Bag::StuffPtr> ItemsByFile(const JX_Bag& bag) {
 
 // One name of the folder, after the pass through the items: a cache file of the running version
 // that an item owns now (a write committed meanwhile) goes through its item; any other cache file
-// is deleted as it is.
+// is deleted as it is, unless something of this process claims it.
 void PurgeFolderEntry(const Dir& dir, const std::string& name, uint32_t appVersion,
                       const std::map<std::string, JX_Bag::StuffPtr>& owners, PurgeTally& tally) {
   if (!jx::disk::IsCacheFileName(name)) {
@@ -378,6 +379,15 @@ void PurgeFolderEntry(const Dir& dir, const std::string& name, uint32_t appVersi
       DeleteThroughItem(owner->second, tally);
       return;
     }
+  }
+  // Deleted under a claim of its own. A write renames its file into the folder before it links
+  // it to its item, and the items were looked at before this name: a file deleted by name here
+  // could be one linked (and counted) since. A refused claim means an item holds the file, or is
+  // about to link it: it stays, counted by that item.
+  const std::shared_ptr<jx::disk::ClaimedFile> claim = jx::disk::ClaimedFile::TryClaim(file);
+  if (!claim) {
+    tally.kept.insert(file.GetPath());
+    return;
   }
   try {
     file.Delete();

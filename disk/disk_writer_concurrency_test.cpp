@@ -9,6 +9,9 @@
 #include <functional>
 #include <future>
 #include <initializer_list>
+#include <memory>
+#include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -17,6 +20,7 @@
 #include "disk/disk_test_support.h"
 #include "disk/disk_writer.h"
 #include "jxcache/disk/performance_counters.h"
+#include "jxcache/host/host_services.h"
 #include "jxcache/items/sc_checkout.h"
 #include "jxcache/lifecycle/lifecycle.h"
 #include "standalone/standalone_host.h"
@@ -263,6 +267,102 @@ TEST_F(DiskWriterTest, AFolderPurgeDuringWritesLeavesTheSizesExact) {
   EXPECT_EQ(countedWithoutFile, 0);
   EXPECT_EQ(linkedToNothing, 0);
   EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), jx::testing::SumOfFileSizes(Folder()));
+}
+
+// The default file system with a meeting point between a write and a folder purge. The write's
+// rename of its finished file into the folder (the commit, before the write links the file to its
+// item) waits there until it is let go. The first deletion of that file by the thread that made
+// this file system (the purge's) lets the write go and waits until the write has linked the file.
+class CommitMeetsPurge final : public jx::host::FileSystem {
+ public:
+  explicit CommitMeetsPurge(std::function<bool()> linked) : linked_(std::move(linked)) {}
+  int Open(const char* p, int f, mode_t m) override { return in_.Open(p, f, m); }
+  ssize_t Read(int fd, void* d, size_t n) override { return in_.Read(fd, d, n); }
+  ssize_t Write(int fd, const void* d, size_t n) override { return in_.Write(fd, d, n); }
+  int SyncData(int fd) override { return in_.SyncData(fd); }
+  int Truncate(int fd, off_t n) override { return in_.Truncate(fd, n); }
+  int Close(int fd) override { return in_.Close(fd); }
+  int GetStatusFlags(int fd) override { return in_.GetStatusFlags(fd); }
+  int SetStatusFlags(int fd, int f) override { return in_.SetStatusFlags(fd, f); }
+  int Status(const char* p, struct stat* st) override { return in_.Status(p, st); }
+  int StatusOf(int fd, struct stat* st) override { return in_.StatusOf(fd, st); }
+  int Stat(const char* p, struct stat* st) override { return in_.Stat(p, st); }
+  int FStat(int fd, struct stat* st) override { return in_.FStat(fd, st); }
+  int LStat(const char* p, struct stat* st) override { return in_.LStat(p, st); }
+  int MakeDirectory(const char* p, mode_t m) override { return in_.MakeDirectory(p, m); }
+  int ListDirectory(const char* p, std::vector<Entry>* e) override {
+    return in_.ListDirectory(p, e);
+  }
+  int VolumeStats(const char* p, struct statvfs* st) override { return in_.VolumeStats(p, st); }
+
+  int Rename(const char* from, const char* to) override {
+    const int result = in_.Rename(from, to);
+    if (result == 0 && std::string_view(to).ends_with(jx::disk::kCacheFileSuffix) && !committed_) {
+      committedPath_ = to;
+      committed_ = true;
+      EventuallyTrue([this] { return writeMayLink_.load(); });
+    }
+    return result;
+  }
+  int Unlink(const char* path) override {
+    if (committed_ && path == committedPath_ && std::this_thread::get_id() == purger_ &&
+        purgeDeletions_++ == 0) {
+      writeMayLink_ = true;
+      EventuallyTrue(linked_);
+    }
+    return in_.Unlink(path);
+  }
+
+  bool Committed() const { return committed_; }
+  int PurgeDeletions() const { return purgeDeletions_; }
+  void LetTheWriteLink() { writeMayLink_ = true; }
+
+ private:
+  jx::host::FileSystem& in_ = jx::host::DefaultFileSystem();
+  const std::function<bool()> linked_;
+  const std::thread::id purger_ = std::this_thread::get_id();
+  std::string committedPath_;  // written before committed_ is set, read after it is seen
+  std::atomic<bool> committed_{false};
+  std::atomic<bool> writeMayLink_{false};
+  std::atomic<int> purgeDeletions_{0};
+};
+
+// A folder purge lists the folder after a write renamed its finished file into it, and looks at
+// the items before the write links that file to its item. Nothing is deleted under the item: the
+// bag counts what the folder holds, and the item, gone from memory, is read back without a failed
+// read.
+TEST_F(DiskWriterTest, AFolderPurgeBetweenAWritesCommitAndItsLinkLeavesTheItemsFile) {
+  auto item = AddDiskCacheableItem(4096);
+  CommitMeetsPurge files([&] { return item->HasDiskCacheFile(); });
+  std::shared_ptr<void> uninstall(nullptr, [](void*) { jx::host::InstallFileSystem(nullptr); });
+  jx::host::InstallFileSystem(&files);
+  auto write = std::async(std::launch::async, [&] { item->PrepAndWrite(bag_); });
+  const bool committed = EventuallyTrue([&] { return files.Committed(); });
+  const bool linkedBeforePurge = item->HasDiskCacheFile();
+  if (committed) bag_->PurgeAllDiskCaches();
+  files.LetTheWriteLink();
+  if (write.wait_for(std::chrono::minutes(2)) != std::future_status::ready) {
+    std::fprintf(stderr, "HANG: a write that met a folder purge\n");
+    std::_Exit(3);
+  }
+  write.get();
+  uninstall.reset();
+  ASSERT_TRUE(committed) << "the write never renamed its file into the folder";
+  ASSERT_FALSE(linkedBeforePurge) << "the purge came after the link, not between";
+
+  ASSERT_TRUE(item->HasDiskCacheFile());
+  EXPECT_TRUE(item->GetDiskCacheFile().Exists())
+      << "linked to a file the purge deleted (" << files.PurgeDeletions() << " deletion)";
+  EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), jx::testing::SumOfFileSizes(Folder()));
+
+  JX_Stuff::ReleaseQueue queue;
+  item->FreeUpAsMuchAsPossible(false, &queue);
+  ASSERT_FALSE(item->IsInMemory());
+  const uint64_t failedReads = jx::disk::GetCounters().failedReads;
+  JX_ScCheckout handle;
+  EXPECT_EQ(handle.FindAndCheckout(jx::testing::MakeRequest(item->GetGuid()), cf::kReadOnly),
+            kJX_CheckedOut);
+  EXPECT_EQ(jx::disk::GetCounters().failedReads, failedReads);
 }
 
 }  // namespace
