@@ -357,6 +357,35 @@ TEST_F(DiskFileTest, AnItemRemovedDuringItsWriteLeavesNoFileBehind) {
   ExpectFolderConsistent();
 }
 
+// A scan gives the item a file of its key under another name (another process wrote the key with
+// another header) while the item's own write is under way: the item ends with one file, linked
+// and counted, and no file of its key stays in the folder that nothing counts.
+TEST_F(DiskFileTest, AFileOfTheKeyAdoptedDuringTheItemsWriteLeavesNoUncountedFile) {
+  auto* payload = new HookedPayload(kSize, 5, true);
+  auto item = AddItem(payload);
+  JX_StuffData::Header header;
+  TestPayload(kSize, 6).GetHeader(header);
+  const File other =
+      MakeFile(jx::disk::MakeCacheFileName(item->GetGuid(), "TestPayload", bag_->GetAppVersion(),
+                                           header.data(), header.size()),
+               kSize / 2);
+  ASSERT_NE(other.GetName(), NameFor(item->GetGuid()));
+  const uint64_t adopted = counters_.filesAdopted;
+  int linkedMidWrite = 0;
+  payload->duringWrite = [&] {
+    JX_ScanOneDiskCacheFile(other);
+    linkedMidWrite += item->GetDiskCacheFile() == other;
+  };
+  item->PrepAndWrite(bag_);
+  payload->duringWrite = nullptr;
+  ASSERT_EQ(linkedMidWrite, 1) << "the scan did not give the item the other file";
+  EXPECT_EQ(counters_.filesAdopted, adopted + 1);
+  ASSERT_TRUE(item->HasDiskCacheFile());
+  EXPECT_EQ(FolderNames(dir_), std::vector<std::string>{item->GetDiskCacheFile().GetName()})
+      << "a file of the key that no item links to";
+  ExpectFolderConsistent();
+}
+
 // A FIFO named like the item's cache file (left by a tool, or planted): reading one blocks until
 // a writer comes. It is never adopted, never written over, and a read of one fails at once.
 TEST_F(DiskFileTest, AFifoWhereACacheFileBelongsIsNeitherAdoptedNorWaitedFor) {

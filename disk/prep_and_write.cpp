@@ -165,7 +165,6 @@ void JX_Stuff::LinkWrittenFile(const File& target, const zelcore::utility::Guid&
                                bool wasInBag, std::shared_ptr<jx::disk::ClaimedFile> claim) {
   uint64_t size = 0;
   MemDiskChangedSignal* changed = nullptr;
-  std::shared_ptr<jx::disk::ClaimedFile> replaced;  // released after the lock
   bool unwanted;
   {
     ScopedWriteLockWrapper wl(mutex_);
@@ -173,11 +172,14 @@ void JX_Stuff::LinkWrittenFile(const File& target, const zelcore::utility::Guid&
     // after a key the item no longer answers would be adopted under that key by a later process;
     // one linked to an item nobody can find stays in the folder, uncounted, once the item goes.
     // (Re-keying discards the link again after it stores the new key, for a write that gets
-    // here just before.)
-    unwanted = GetGuid() != guid || (wasInBag && !BagLocked());
+    // here just before.) Nor does a scan wait: it may have given the item a file of its key under
+    // another name meanwhile (another process's, written with another header). That file is
+    // linked and counted; replacing the link would leave it in the folder with nothing counting
+    // it, so the item keeps it, as it would had the scan come before the write.
+    unwanted = GetGuid() != guid || (wasInBag && !BagLocked()) || diskFile_ != nullptr;
     if (!unwanted) {
       size = SizeOrDelete(target);
-      replaced = std::exchange(diskFile_, std::move(claim));
+      diskFile_ = std::move(claim);
       // Counted in the same hold as the link: a deletion (a folder purge, a re-key) that comes
       // in between would otherwise zero the count first and leave this size counted for no file.
       SyncDiskSizeWithBag(static_cast<unsigned int>(std::min<uint64_t>(size, UINT32_MAX)));

@@ -437,8 +437,8 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // failure and sets *claimed once it holds the item's one write in progress; the claims (the
   // write in progress and the target's path, empty when there is nothing to write); and the
   // link to the committed file, with its size counted. The link is refused (and the file
-  // deleted) when the item no longer answers `guid`, the key the file is named after, or has
-  // left the bag it was in when the write began (`wasInBag`).
+  // deleted) when the item no longer answers `guid`, the key the file is named after, has left
+  // the bag it was in when the write began (`wasInBag`), or has been given a file meanwhile.
   void WriteDiskCacheFile(const std::shared_ptr<JX_Bag>& bag, bool* claimed);
   std::shared_ptr<jx::disk::ClaimedFile> ClaimWrite(const zelcore::filesupport::File& target,
                                                     const zelcore::filesupport::File& temp,
