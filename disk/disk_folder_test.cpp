@@ -215,29 +215,14 @@ TEST_F(DiskFolderTest, ScanHandsOverCacheFilesAndClearsLeftovers) {
 
 // The default file system, with every temporary an hour older than it is and each listing
 // counted: old leftovers without a test that waits a minute.
-class AgedTemporaries final : public jx::host::FileSystem {
+class AgedTemporaries final : public jx::testing::ForwardingFileSystem {
  public:
-  int Open(const char* p, int f, mode_t m) override { return in_.Open(p, f, m); }
-  ssize_t Read(int fd, void* d, size_t n) override { return in_.Read(fd, d, n); }
-  ssize_t Write(int fd, const void* d, size_t n) override { return in_.Write(fd, d, n); }
-  int SyncData(int fd) override { return in_.SyncData(fd); }
-  int Truncate(int fd, off_t n) override { return in_.Truncate(fd, n); }
-  int Close(int fd) override { return in_.Close(fd); }
-  int GetStatusFlags(int fd) override { return in_.GetStatusFlags(fd); }
-  int SetStatusFlags(int fd, int f) override { return in_.SetStatusFlags(fd, f); }
   int Status(const char* p, struct stat* st) override { return Aged(p, st, in_.Status(p, st)); }
-  int StatusOf(int fd, struct stat* st) override { return in_.StatusOf(fd, st); }
   int Stat(const char* p, struct stat* st) override { return Aged(p, st, in_.Stat(p, st)); }
-  int FStat(int fd, struct stat* st) override { return in_.FStat(fd, st); }
-  int LStat(const char* p, struct stat* st) override { return in_.LStat(p, st); }
-  int Rename(const char* a, const char* b) override { return in_.Rename(a, b); }
-  int Unlink(const char* p) override { return in_.Unlink(p); }
-  int MakeDirectory(const char* p, mode_t m) override { return in_.MakeDirectory(p, m); }
   int ListDirectory(const char* p, std::vector<Entry>* e) override {
     if (listed_ == p) ++listings_;
     return in_.ListDirectory(p, e);
   }
-  int VolumeStats(const char* p, struct statvfs* st) override { return in_.VolumeStats(p, st); }
 
   void CountListingsOf(const std::string& path) {
     listed_ = path;
@@ -250,7 +235,6 @@ class AgedTemporaries final : public jx::host::FileSystem {
     if (result == 0 && std::string_view(path).ends_with(".tmp")) st->st_ctime -= 3600;
     return result;
   }
-  jx::host::FileSystem& in_ = jx::host::DefaultFileSystem();
   std::string listed_;
   int listings_ = 0;
 };

@@ -273,27 +273,9 @@ TEST_F(DiskWriterTest, AFolderPurgeDuringWritesLeavesTheSizesExact) {
 // rename of its finished file into the folder (the commit, before the write links the file to its
 // item) waits there until it is let go. The first deletion of that file by the thread that made
 // this file system (the purge's) lets the write go and waits until the write has linked the file.
-class CommitMeetsPurge final : public jx::host::FileSystem {
+class CommitMeetsPurge final : public jx::testing::ForwardingFileSystem {
  public:
   explicit CommitMeetsPurge(std::function<bool()> linked) : linked_(std::move(linked)) {}
-  int Open(const char* p, int f, mode_t m) override { return in_.Open(p, f, m); }
-  ssize_t Read(int fd, void* d, size_t n) override { return in_.Read(fd, d, n); }
-  ssize_t Write(int fd, const void* d, size_t n) override { return in_.Write(fd, d, n); }
-  int SyncData(int fd) override { return in_.SyncData(fd); }
-  int Truncate(int fd, off_t n) override { return in_.Truncate(fd, n); }
-  int Close(int fd) override { return in_.Close(fd); }
-  int GetStatusFlags(int fd) override { return in_.GetStatusFlags(fd); }
-  int SetStatusFlags(int fd, int f) override { return in_.SetStatusFlags(fd, f); }
-  int Status(const char* p, struct stat* st) override { return in_.Status(p, st); }
-  int StatusOf(int fd, struct stat* st) override { return in_.StatusOf(fd, st); }
-  int Stat(const char* p, struct stat* st) override { return in_.Stat(p, st); }
-  int FStat(int fd, struct stat* st) override { return in_.FStat(fd, st); }
-  int LStat(const char* p, struct stat* st) override { return in_.LStat(p, st); }
-  int MakeDirectory(const char* p, mode_t m) override { return in_.MakeDirectory(p, m); }
-  int ListDirectory(const char* p, std::vector<Entry>* e) override {
-    return in_.ListDirectory(p, e);
-  }
-  int VolumeStats(const char* p, struct statvfs* st) override { return in_.VolumeStats(p, st); }
 
   int Rename(const char* from, const char* to) override {
     const int result = in_.Rename(from, to);
@@ -318,7 +300,6 @@ class CommitMeetsPurge final : public jx::host::FileSystem {
   void LetTheWriteLink() { writeMayLink_ = true; }
 
  private:
-  jx::host::FileSystem& in_ = jx::host::DefaultFileSystem();
   const std::function<bool()> linked_;
   const std::thread::id purger_ = std::this_thread::get_id();
   std::string committedPath_;  // written before committed_ is set, read after it is seen

@@ -185,6 +185,11 @@ class FarmTest : public jx::testing::DiskTest {
     EXPECT_TRUE(ok) << why;
     return ok;
   }
+  // Options for a pool of the test's server with `timeout` for each command.
+  bool ServerOptions(std::chrono::milliseconds timeout, jx::farm::RedisPool::Options* options) {
+    options->commandTimeout = timeout;
+    return ServerAddress(&options->address);
+  }
   jx::farm::Identity IdentityOf(const Guid& guid, uint32_t size) {
     jx::farm::Identity id;
     id.guid = guid;
@@ -664,11 +669,9 @@ TEST_F(FarmTest, ManifestClaimingHugePartsAllocatesNothingBeforeThePartsArrive) 
 // back-off: also when the pool holds idle connections from busier moments, each of which would
 // otherwise wait out a timeout of its own.
 TEST_F(FarmTest, StalledServerCostsOneTimeoutThoughThePoolHoldsIdleConnections) {
-  jx::farm::Address address;
-  ASSERT_TRUE(ServerAddress(&address));
   jx::farm::RedisPool::Options options;
-  options.address = address;
-  options.connectTimeout = options.commandTimeout = std::chrono::milliseconds(200);
+  ASSERT_TRUE(ServerOptions(std::chrono::milliseconds(200), &options));
+  options.connectTimeout = options.commandTimeout;
   options.backOff = std::chrono::milliseconds(2000);
   jx::farm::RedisPool pool(options);
   ASSERT_TRUE(FourIdleConnections(pool));
@@ -711,11 +714,8 @@ TEST_F(FarmTest, ConnectionsDroppedByTheServerCostOneFailedCommand) {
 // its parts) with it. The server holds the slower reader's deletions back while the key is
 // replaced.
 TEST_F(FarmTest, ReaderDeletingABrokenValueLeavesTheValueThatReplacedItAlone) {
-  jx::farm::Address address;
-  ASSERT_TRUE(ServerAddress(&address));
   jx::farm::RedisPool::Options options;
-  options.address = address;
-  options.commandTimeout = std::chrono::milliseconds(3000);
+  ASSERT_TRUE(ServerOptions(std::chrono::milliseconds(3000), &options));
   jx::farm::RedisPool pool(options);
   FarmStore store(pool, "node-reader", {.partBytes = 16});
   const Guid guid = Guid::CreateUnique();
@@ -752,11 +752,8 @@ TEST_F(FarmTest, ReaderDeletingABrokenValueLeavesTheValueThatReplacedItAlone) {
 // it either. The server holds writes back, the good value's first, so that it lands just before
 // the reader's deletion.
 TEST_F(FarmTest, ReaderDeletingAForeignOrEmptyKeyLeavesTheValueThatReplacedItAlone) {
-  jx::farm::Address address;
-  ASSERT_TRUE(ServerAddress(&address));
   jx::farm::RedisPool::Options options;
-  options.address = address;
-  options.commandTimeout = std::chrono::milliseconds(3000);
+  ASSERT_TRUE(ServerOptions(std::chrono::milliseconds(3000), &options));
   jx::farm::RedisPool pool(options);
   FarmStore store(pool, "node-reader", {});
   const Guid guid = Guid::CreateUnique();
