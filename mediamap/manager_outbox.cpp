@@ -72,6 +72,35 @@ void ManagerOutbox::ScheduleDelivery() noexcept {
   }
 }
 
+namespace {
+
+// Delivers until the queue is empty; the caller holds the delivery mutex.
+void DeliverQueued(Outbox& box) noexcept {
+  tDelivering = true;
+  struct Done {
+    ~Done() { tDelivering = false; }
+  } done;
+  for (;;) {
+    std::list<ManagerOutbox::Letter::Item> next;
+    {
+      std::lock_guard<std::mutex> lock(box.mutex);
+      if (box.queue.empty()) return;
+      next.splice(next.end(), box.queue, box.queue.begin());
+    }
+    try {
+      next.front().call(next.front().id);
+    } catch (const std::exception& e) {
+      // The host refused the call; its pool and the adapter differ until the entry goes.
+      ZC_TRACE("JX_MediaMap", 3, "media manager call failed: " << e.what());
+    } catch (...) {
+      ZC_TRACE("JX_MediaMap", 3, "media manager call failed");
+    }
+    box.delivered.fetch_add(1, std::memory_order_release);
+  }
+}
+
+}  // namespace
+
 void ManagerOutbox::Deliver() noexcept {
   if (tInHostCallback > 0 || tDelivering || JXp_ScLock::IsLockedByCurrentThread()) return;
   Outbox& box = Box();
@@ -81,31 +110,24 @@ void ManagerOutbox::Deliver() noexcept {
       // Another thread is delivering: it takes this thread's calls too (it looks again below
       // after it lets go).
       if (!delivering.owns_lock()) return;
-      tDelivering = true;
-      struct Done {
-        ~Done() { tDelivering = false; }
-      } done;
-      for (;;) {
-        std::list<Letter::Item> next;
-        {
-          std::lock_guard<std::mutex> lock(box.mutex);
-          if (box.queue.empty()) break;
-          next.splice(next.end(), box.queue, box.queue.begin());
-        }
-        try {
-          next.front().call(next.front().id);
-        } catch (const std::exception& e) {
-          // The host refused the call; its pool and the adapter differ until the entry goes.
-          ZC_TRACE("JX_MediaMap", 3, "media manager call failed: " << e.what());
-        } catch (...) {
-          ZC_TRACE("JX_MediaMap", 3, "media manager call failed");
-        }
-        box.delivered.fetch_add(1, std::memory_order_release);
-      }
+      DeliverQueued(box);
     }
     std::lock_guard<std::mutex> lock(box.mutex);
     if (box.queue.empty()) return;
   }
+}
+
+bool ManagerOutbox::DeliverAll() noexcept {
+  if (tInHostCallback > 0 || tDelivering || JXp_ScLock::IsLockedByCurrentThread()) {
+    ScheduleDelivery();
+    return false;
+  }
+  Outbox& box = Box();
+  // Once the mutex is ours, a delivery under way on another thread has finished its call; what
+  // it left queued goes out from here.
+  std::lock_guard<std::mutex> delivering(box.delivering);
+  DeliverQueued(box);
+  return true;
 }
 
 ManagerOutbox::ScInHostCallback::ScInHostCallback() { ++tInHostCallback; }

@@ -53,6 +53,11 @@ class ManagerOutbox {
   // Delivers now; the caller holds no library lock and no item lock. Does nothing inside a host
   // callback.
   static void Deliver() noexcept;
+  // Delivers every call posted so far before it returns, waiting for a delivery under way on
+  // another thread to finish its call first (the manager is still inside it). Inside a host
+  // callback, inside a delivery or under the library lock, waiting could close a cycle: it only
+  // schedules a delivery there and returns false.
+  static bool DeliverAll() noexcept;
   // Calls posted so far, and calls delivered so far (made, whether the host accepted them or
   // threw): a caller that saw Posted() reach n knows the manager has heard all of them once
   // Delivered() reaches n.

@@ -30,8 +30,13 @@ bool JX_MediaMapErase(const zelcore::utility::IntrusivePtr<JX_Stuff>& stuff);
 // Bytes and entries the adapter mirrors now.
 uint64_t JX_MediaMapSizeBytes();
 uint64_t JX_MediaMapEntryCount();
-// Start-up: create the adapter when the media map is used. Shut-down: flush it, unregister it
-// from the media manager and drop it (under the media-map lock).
+// Start-up: create the adapter when the media map is used. Shut-down: close it (its entries are
+// dropped and its unregistration posted behind its other manager calls) and drop it, under the
+// media-map lock. Both close an earlier adapter, then wait, with no lock of ours held, until the
+// manager has heard its unregistration, which takes the end of a delivery under way on another
+// thread: a host must not call them holding a lock that its manager calls take. Called from
+// inside one of the host's manager calls or purges, they do not wait: the unregistration follows
+// the calls still queued, with the delivery under way or the next one.
 void JX_MediaMapBirth();
 void JX_MediaMapDeath();
 // Tells the media manager the maximum size of the cache `cacheIdentity`.

@@ -14,25 +14,44 @@ constexpr const char* kAddOrUpdateLabel = "JX_MediaMapImpl::AddOrUpdate";
 constexpr const char* kEraseLabel = "JX_MediaMapImpl::EraseStuff";
 constexpr const char* kPurgeEntryLabel = "JX_MediaMapImpl::PurgeEntry";
 constexpr const char* kSizeLabel = "JX_MediaMapImpl::Size";
-constexpr const char* kFlushAllLabel = "JX_MediaMapImpl::FlushAll";
+constexpr const char* kCloseLabel = "JX_MediaMapImpl::Close";
 }  // namespace
 
 using jx::mediamap::ManagerOutbox;
 
-// The letters hold the adapter: a call queued for the manager keeps the map it speaks for.
+// The letters hold the adapter: a call queued for the manager keeps the map it speaks for. Once
+// the manager has heard the map is gone, it hears nothing more about the map's entries: a
+// renewal posted after the map closed (AddOrUpdate posts it before it takes the mutex) would
+// otherwise reach it after the unregistration.
 ManagerOutbox::Letter JX_MediaMapImpl::RegisterLetter(uint64_t size) {
   auto self = std::static_pointer_cast<JX_MediaMapImpl>(shared_from_this());
-  return ManagerOutbox::Letter([self, size](uint64_t id) { self->RegisterWithManager(id, size); });
+  return ManagerOutbox::Letter([self, size](uint64_t id) {
+    if (!self->unregistered_.load(std::memory_order_acquire)) self->RegisterWithManager(id, size);
+  });
 }
 
 ManagerOutbox::Letter JX_MediaMapImpl::NotifyLetter(uint64_t id) {
   auto self = std::static_pointer_cast<JX_MediaMapImpl>(shared_from_this());
-  return ManagerOutbox::Letter([self](uint64_t entry) { self->NotifyManager(entry); }, id);
+  return ManagerOutbox::Letter(
+      [self](uint64_t entry) {
+        if (!self->unregistered_.load(std::memory_order_acquire)) self->NotifyManager(entry);
+      },
+      id);
 }
 
 ManagerOutbox::Letter JX_MediaMapImpl::ForgetLetter() {
   auto self = std::static_pointer_cast<JX_MediaMapImpl>(shared_from_this());
-  return ManagerOutbox::Letter([self](uint64_t id) { self->ForgetWithManager(id); });
+  return ManagerOutbox::Letter([self](uint64_t id) {
+    if (!self->unregistered_.load(std::memory_order_acquire)) self->ForgetWithManager(id);
+  });
+}
+
+ManagerOutbox::Letter JX_MediaMapImpl::UnregisterLetter() {
+  auto self = std::static_pointer_cast<JX_MediaMapImpl>(shared_from_this());
+  return ManagerOutbox::Letter([self](uint64_t) {
+    if (self->unregistered_.exchange(true, std::memory_order_acq_rel)) return;
+    self->UnregisterFromManager();
+  });
 }
 
 bool JX_MediaMapImpl::AddOrUpdate(const StuffPtr& stuff) {
@@ -58,6 +77,9 @@ bool JX_MediaMapImpl::AddOrUpdate(const StuffPtr& stuff) {
     // in the same hold, so that it reaches the manager before any later call about the entry.
     ManagerOutbox::Letter letter = RegisterLetter(size);
     RV::ScopedLabelledLock lock(Mutex(), Holder(), kAddOrUpdateLabel);
+    // Closed: its unregistration is posted already, and an entry made now would outlive it in
+    // the manager's pool.
+    if (closed_) return false;
     id = InsertEntry(key, JX_MediaMapData{stuff, size});
     mirrored_.try_emplace(id, Mirror{stuff, size});
     cacheSize_ += size;
@@ -135,13 +157,19 @@ uint64_t JX_MediaMapImpl::GetNumEntries() const {
   return mirrored_.size();
 }
 
-void JX_MediaMapImpl::FlushAll() {
+void JX_MediaMapImpl::Close() {
+  // Declared before the lock so that the item references they hold go after it.
   std::map<uint64_t, Mirror> dropped;
   std::vector<Removed> cleared;
-  RV::ScopedLabelledLock lock(Mutex(), Holder(), kFlushAllLabel);
+  ManagerOutbox::Letter letter = UnregisterLetter();
+  RV::ScopedLabelledLock lock(Mutex(), Holder(), kCloseLabel);
+  if (closed_) return;
+  closed_ = true;
   dropped.swap(mirrored_);
   cacheSize_ = 0;
   cleared = Clear();
+  // Under the mutex, as every other call of the map is posted: none can come in behind it.
+  ManagerOutbox::Post(std::move(letter));
 }
 
 std::vector<JX_MediaMapImpl::Mirrored> JX_MediaMapImpl::Snapshot() const {

@@ -16,6 +16,7 @@
 // released, and an item's own purge (which takes the library lock) runs last, with nothing held.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <map>
@@ -76,8 +77,11 @@ class JX_MediaMapImpl final : public JX_MediaMapBase {
   // Running total of mirrored bytes, and the number of mirrored items.
   uint64_t GetCacheSize() const;
   uint64_t GetNumEntries() const;
-  // Forgets every entry (shut-down); the manager is not told: the caller unregisters the map.
-  void FlushAll();
+  // Shut-down: forgets every entry, mirrors nothing from now on, and posts the map's
+  // unregistration behind every call the map posted before. The manager hears nothing more of
+  // the map after that, though a delivery on another thread may still be making an earlier call,
+  // and a thread that read the adapter's handle before may still try to mirror an item.
+  void Close();
 
   // What the adapter mirrors now, by entry ID (for tools and tests).
   struct Mirrored {
@@ -92,6 +96,7 @@ class JX_MediaMapImpl final : public JX_MediaMapBase {
   jx::mediamap::ManagerOutbox::Letter RegisterLetter(uint64_t size);
   jx::mediamap::ManagerOutbox::Letter NotifyLetter(uint64_t id);
   jx::mediamap::ManagerOutbox::Letter ForgetLetter();
+  jx::mediamap::ManagerOutbox::Letter UnregisterLetter();
 
   struct Mirror {
     StuffPtr stuff;
@@ -99,6 +104,9 @@ class JX_MediaMapImpl final : public JX_MediaMapBase {
   };
   std::map<uint64_t, Mirror> mirrored_;  // guarded by Mutex()
   uint64_t cacheSize_ = 0;               // guarded by Mutex()
+  bool closed_ = false;                  // guarded by Mutex()
+  // The manager was told the map is gone; read and written only by the delivering thread.
+  std::atomic<bool> unregistered_{false};
 };
 
 }  // namespace kq

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "mediamap/media_map_hooks.h"
 #include "mediamap/mediamap_test_support.h"
 #include "standalone/standalone_host.h"
 
@@ -231,6 +232,124 @@ TEST_F(MediaMapTest, AHostThatCallsBackIntoTheCacheFromItsManagerCallsNeverDeadl
   EXPECT_GT(callbacks.load(), 0u);
   EXPECT_GT(checkouts.load(), 0u);
   EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
+}
+
+// A gate that a test opens once; waits on it are bounded.
+class Gate {
+ public:
+  void Open() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      open_ = true;
+    }
+    cv_.notify_all();
+  }
+  bool WaitFor(std::chrono::seconds limit) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return cv_.wait_for(lock, limit, [this] { return open_; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable cv_;
+  bool open_ = false;
+};
+
+// Waits (bounded) until the manager has heard every call posted so far.
+bool SettleDeliveries() {
+  using jx::mediamap::ManagerOutbox;
+  const uint64_t posted = ManagerOutbox::Posted();
+  ManagerOutbox::Deliver();
+  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (ManagerOutbox::Delivered() < posted && std::chrono::steady_clock::now() < giveUp)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  return ManagerOutbox::Delivered() >= posted;
+}
+
+// Where the media map is shut down and started again while a delivery to the manager is under
+// way: on another thread, while the host holds the delivering thread inside a registration; or by
+// the host itself, from inside that registration, after it mirrored a second item.
+enum class ShutDownFrom { kAnotherThread, kInsideTheCall };
+
+// The second item's registration is queued behind the call under way, which takes it along. The
+// manager must hear nothing of the dead map after its unregistration, and nothing of the old
+// items in the new map.
+void ShutDownDuringADelivery(JX_Bag& bag, const kq::JX_MediaMapImpl& oldAdapter,
+                             ShutDownFrom where) {
+  Watchdog watchdog("a shut-down racing a delivery to the manager", std::chrono::seconds(90));
+  auto manager = jx::standalone::MediaManagerPool();
+  // A host lock around the held call would keep the shut-down on another thread out of the
+  // manager until the call ends, hiding the race; from inside the call it is held throughout.
+  manager->SetCallbacksUnderHostLock(where == ShutDownFrom::kInsideTheCall);
+  const RV::MediaMapID oldMap = oldAdapter.GetMediaMapID();
+  auto first = MakeItem(100), second = MakeItem(200);
+  auto restart = [] {
+    JX_MediaMapDeath();
+    JX_MediaMapBirth();
+  };
+  std::atomic<bool> armed{false};
+  std::atomic<int> held{0};
+  Gate entered, release;
+  manager->SetCallbackHook([&] {
+    if (!armed.exchange(false)) return;
+    held.fetch_add(1);
+    if (where == ShutDownFrom::kInsideTheCall) {
+      bag.AddToBagAndSortDir(second);
+      restart();
+      return;
+    }
+    entered.Open();
+    if (!release.WaitFor(std::chrono::seconds(30))) ADD_FAILURE() << "never released";
+  });
+
+  armed = true;
+  if (where == ShutDownFrom::kInsideTheCall) {
+    bag.AddToBagAndSortDir(first);
+  } else {
+    std::thread delivering([&] { bag.AddToBagAndSortDir(first); });
+    if (!entered.WaitFor(std::chrono::seconds(30))) {
+      release.Open();
+      delivering.join();
+      FAIL() << "the registration never reached the host";
+    }
+    bag.AddToBagAndSortDir(second);
+    EXPECT_EQ(manager->GetEntryIDsOfMap(oldMap).size(), 1u) << "the second item reached the host";
+    const uint64_t posted = jx::mediamap::ManagerOutbox::Posted();
+    std::atomic<bool> shutDown{false};
+    std::thread shutting([&] {
+      restart();
+      shutDown = true;
+    });
+    // Let the shut-down get as far as it goes while the call is held: to its end, or to where it
+    // has queued what it has to tell the manager.
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!shutDown && jx::mediamap::ManagerOutbox::Posted() == posted &&
+           std::chrono::steady_clock::now() < giveUp)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    release.Open();
+    delivering.join();
+    shutting.join();
+  }
+  manager->SetCallbackHook(nullptr);
+  manager->SetCallbacksUnderHostLock(false);
+
+  EXPECT_EQ(held.load(), 1) << "the host never held a call";
+  ASSERT_TRUE(SettleDeliveries());
+  EXPECT_EQ(manager->GetEntryIDsOfMap(oldMap), std::vector<uint64_t>{})
+      << "the manager holds entries of a map it was told is gone";
+  auto adapter = jx::mediamap::CurrentAdapter();
+  ASSERT_TRUE(adapter);
+  EXPECT_NE(adapter->GetMediaMapID(), oldMap);
+  EXPECT_EQ(manager->GetEntryIDsOfMap(adapter->GetMediaMapID()), std::vector<uint64_t>{});
+  EXPECT_EQ(adapter->GetNumEntries(), 0u);
+}
+
+TEST_F(MediaMapTest, AShutDownOnAnotherThreadLeavesTheManagerNothingOfTheDeadMap) {
+  ShutDownDuringADelivery(*bag_, *adapter_, ShutDownFrom::kAnotherThread);
+}
+
+TEST_F(MediaMapTest, AShutDownFromInsideAManagerCallLeavesTheManagerNothingOfTheDeadMap) {
+  ShutDownDuringADelivery(*bag_, *adapter_, ShutDownFrom::kInsideTheCall);
 }
 
 }  // namespace

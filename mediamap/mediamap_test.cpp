@@ -190,6 +190,26 @@ TEST_F(MediaMapTest, AnItemTheMediaManagerTookBackMissesForThatReason) {
   EXPECT_EQ(all.total, 1);
 }
 
+// A thread that took the adapter's handle just before a shut-down mirrors an item after it: the
+// dead map must neither keep the item nor tell the manager about it, before or after a restart.
+TEST_F(MediaMapTest, AnAdapterShutDownMirrorsNothingMore) {
+  auto manager = jx::standalone::MediaManagerPool();
+  auto kept = MakeItem(100), late = MakeItem(50);
+  bag_->AddToBagAndSortDir(kept);
+  const RV::MediaMapID oldMap = adapter_->GetMediaMapID();
+  ASSERT_EQ(manager->GetBytesOfMap(oldMap), 100u);
+  JX_MediaMapDeath();
+  EXPECT_EQ(manager->GetBytesOfMap(oldMap), 0u);
+  for (int restarted : {0, 1}) {
+    if (restarted) JX_MediaMapBirth();
+    EXPECT_FALSE(adapter_->AddOrUpdate(late)) << "restarted " << restarted;
+    EXPECT_EQ(manager->GetBytesOfMap(oldMap), 0u) << "restarted " << restarted;
+    EXPECT_EQ(adapter_->GetNumEntries(), 0u) << "restarted " << restarted;
+  }
+  ASSERT_TRUE(jx::mediamap::CurrentAdapter());
+  EXPECT_NE(jx::mediamap::CurrentAdapter(), adapter_);
+}
+
 // Any sequence of adds, check-outs and check-ins, purges, removals and re-adds keeps the books.
 TEST_F(MediaMapTest, RandomSequencesKeepTheTotalsExact) {
   const uint32_t seed = std::getenv("JX_SEED") ? std::atoi(std::getenv("JX_SEED")) : 7;
