@@ -4,6 +4,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <new>
 #include <thread>
 #include <unordered_map>
 #include <unordered_set>
@@ -71,14 +72,28 @@ struct JX_ReadAhead::State {
     for (;;) {
       std::vector<StuffPtr> todo;
       uint64_t gen;
+      bool copied = true;
       {
         std::unique_lock<std::mutex> l(mutex);
         wake.wait(l, [&] { return stopping || generation != walked; });
         if (stopping) break;
-        todo = plan;
         gen = generation;
+        try {
+          todo = plan;
+        } catch (const std::bad_alloc&) {
+          // No memory for a copy of the plan: this one is not walked, and what is held stays.
+          copied = false;
+        }
       }
-      Walk(todo, gen);
+      if (copied) {
+        try {
+          Walk(todo, gen);
+        } catch (...) {
+          // An allocation refused in the walk's own bookkeeping, or a search that threw: this
+          // walk ends here, and the next plan starts afresh. An exception must not leave this
+          // thread, which would end the host's process.
+        }
+      }
       {
         std::lock_guard<std::mutex> l(mutex);
         walked = gen;
@@ -139,19 +154,27 @@ struct JX_ReadAhead::State {
         CheckIn(*handle);
         continue;
       }
-      heldBytes.fetch_add(bytes, std::memory_order_relaxed);
       Held h;
       h.usedAtTake = usedAtTake;
       h.handle = std::move(handle);
       h.item = std::move(item);
       h.bytes = bytes;
       h.readBack = !inMemory;
+      // Counted once held: an emplace refused for memory checks the item in with `h`.
       held.emplace(guid, std::move(h));
+      heldBytes.fetch_add(bytes, std::memory_order_relaxed);
     }
   }
 
   bool ReadBack(JX_ScCheckout& handle, uint64_t bytes) {
-    if (options.beforeRead) options.beforeRead(bytes);
+    try {
+      if (options.beforeRead) options.beforeRead(bytes);
+    } catch (...) {
+      // The host has no room for the frame: it is skipped, unread. Its file is sound as far as
+      // anyone knows, and stays for whoever asks for the frame.
+      failedReads.fetch_add(1, std::memory_order_relaxed);
+      return false;
+    }
     const uint64_t start = zelcore::utility::HighPrecisionTime::GetCurrentTimeStamp();
     bool ok = false;
     try {
@@ -162,7 +185,11 @@ struct JX_ReadAhead::State {
       failedReads.fetch_add(1, std::memory_order_relaxed);
     }
     const uint64_t end = zelcore::utility::HighPrecisionTime::GetCurrentTimeStamp();
-    if (options.afterRead) options.afterRead(bytes);
+    try {
+      if (options.afterRead) options.afterRead(bytes);
+    } catch (...) {
+      // The host's own accounting failed; the read itself stands, and the frame is held.
+    }
     if (!ok) return false;
     readNanos.fetch_add(end - start, std::memory_order_relaxed);  // stamps count nanoseconds
     prefetched.fetch_add(1, std::memory_order_relaxed);

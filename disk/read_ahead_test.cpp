@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <latch>
+#include <new>
 
 #include "disk/disk_counters.h"
 #include "disk/disk_test_support.h"
@@ -199,6 +200,46 @@ TEST_F(ReadAheadTest, FramesAlreadyInMemoryAreHeldButNotCountedAsRead) {
   EXPECT_EQ(c.wasted, 3u);  // only what it read counts as waste
   bag_->PurgeAllMemoryCaches();
   EXPECT_EQ(InMemory(1, 6), 0);
+}
+
+TEST_F(ReadAheadTest, AHostThatRefusesRoomOrFailsItsAccountingCostsOneFrameNotTheProcess) {
+  const auto guids = FramesOnDiskOnly(4);
+  JX_ReadAhead::Options options;
+  int befores = 0, afters = 0, refused = 0, afterFailures = 0;
+  // The host has no room for the playhead's frame, and its accounting after the third read
+  // fails: both as a host's allocator says no.
+  options.beforeRead = [&](uint64_t) {
+    if (++befores == 1) {
+      ++refused;
+      throw std::bad_alloc();
+    }
+  };
+  options.afterRead = [&](uint64_t) {
+    if (++afters == 2) {
+      ++afterFailures;
+      throw std::bad_alloc();
+    }
+  };
+  JX_ReadAhead readAhead(options);
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 4));
+  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_EQ(refused, 1);
+  ASSERT_EQ(afterFailures, 1);
+  EXPECT_EQ(befores, 4);
+  EXPECT_EQ(afters, 3);  // no accounting after for the read the host refused
+  auto c = readAhead.GetCounters();
+  // The refused frame is skipped; its file is sound and stays.
+  EXPECT_EQ(c.failedReads, 1u);
+  EXPECT_FALSE(items_[0]->IsInMemory());
+  EXPECT_TRUE(items_[0]->HasDiskCacheFile());
+  EXPECT_EQ(items_[0]->GetCheckoutCount(), 0u);
+  // The read whose accounting failed did happen: it is held like the others.
+  EXPECT_EQ(c.prefetched, 3u);
+  EXPECT_EQ(InMemory(1, 4), 3);
+  EXPECT_EQ(c.heldBytes, 3u * fileBytes_);
+  readAhead.Stop();
+  EXPECT_EQ(readAhead.GetCounters().heldBytes, 0u);
+  EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
 }
 
 }  // namespace

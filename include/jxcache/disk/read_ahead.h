@@ -37,7 +37,7 @@ struct JX_ReadAheadCounters {
   uint64_t hitsOnPrefetched = 0;  // of those, used by someone before they were let go
   uint64_t wasted = 0;            // of those, let go unused (passed, jumped over, stopped)
   uint64_t notInCache = 0;        // keys ahead the cache did not hold, or held pending: skipped
-  uint64_t failedReads = 0;       // reads back that failed: skipped
+  uint64_t failedReads = 0;       // reads back that failed or the host refused room for: skipped
   uint64_t jumps = 0;             // playheads the previous plan did not lead to
   uint64_t stoppedAtShare = 0;    // walks that stopped at the share of the budget
   uint64_t heldBytes = 0;         // gauge: bytes held now (read ahead or found in memory)
@@ -54,7 +54,9 @@ class JX_EXPORT JX_ReadAhead {
     // The most it holds, as a share of the cache's maximum size (0 < share <= 1).
     double budgetShare = 0.25;
     // Called with no lock held around each read back, with the bytes about to be allocated: a
-    // host that keeps its own budget makes room before and accounts after.
+    // host that keeps its own budget makes room before and accounts after. A beforeRead that
+    // throws refuses the room: that frame is skipped unread (a failed read; its file stays), and
+    // its afterRead is not called. An afterRead that throws leaves the read as it went.
     std::function<void(uint64_t bytes)> beforeRead;
     std::function<void(uint64_t bytes)> afterRead;
   };
