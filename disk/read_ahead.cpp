@@ -110,7 +110,7 @@ struct JX_ReadAhead::State {
       if (request) wanted.insert(request->GetGuid());
     }
     for (auto it = held.begin(); it != held.end();) {
-      if (wanted.count(it->first)) {
+      if (wanted.count(it->first) && StillAnswers(*it->second.item, it->first)) {
         ++it;
       } else {
         LetGo(it->second);
@@ -164,6 +164,13 @@ struct JX_ReadAhead::State {
       held.emplace(guid, std::move(h));
       heldBytes.fetch_add(bytes, std::memory_order_relaxed);
     }
+  }
+
+  // Whether a held item is still the one the plan's request for `guid` finds. One replaced by a
+  // new render of its key, removed from the cache or re-keyed while held is found by nobody under
+  // that key: holding it keeps memory no request can use, and leaves the key's new item unheld.
+  static bool StillAnswers(const JX_Stuff& item, const Guid& guid) {
+    return item.IsInSortDir() && item.GetGuid() == guid;
   }
 
   bool ReadBack(JX_ScCheckout& handle, uint64_t bytes) {

@@ -242,4 +242,38 @@ TEST_F(ReadAheadTest, AHostThatRefusesRoomOrFailsItsAccountingCostsOneFrameNotTh
   EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
 }
 
+TEST_F(ReadAheadTest, AHeldFrameReplacedRemovedOrReKeyedIsLetGoWhenThePlanStillListsItsKey) {
+  const auto guids = FramesOnDiskOnly(4);
+  JX_ReadAhead readAhead;
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 4));
+  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_EQ(readAhead.GetCounters().prefetched, 4u);
+  ASSERT_EQ(items_[1]->GetCheckoutCount(), 1u);
+  // While held: frame 1 is rendered again under its key (the new item replaces the held one),
+  // frame 2's item is re-keyed, frame 3's leaves the cache.
+  auto fresh = JX_Stuff::CreateNew(
+      IntrusivePtr<JX_StuffData>(new jx::testing::TestPayload(kSize, 9, true)), 10.0);
+  fresh->SetGuid(guids[1]);
+  bag_->AddToBagAndSortDir(fresh);
+  ASSERT_FALSE(items_[1]->IsInSortDir());
+  items_[2]->SetGuid(Guid::CreateUnique());
+  items_[3]->RemoveFromBagAndSortDir();
+  // The playhead has not moved: the plan lists the same keys.
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 4));
+  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  // Nobody can find those items under the plan's keys any more: holding them keeps memory no
+  // request can use, and left frame 1's new item to the purges.
+  EXPECT_EQ(items_[1]->GetCheckoutCount(), 0u);
+  EXPECT_EQ(items_[2]->GetCheckoutCount(), 0u);
+  EXPECT_EQ(items_[3]->GetCheckoutCount(), 0u);
+  EXPECT_EQ(fresh->GetCheckoutCount(), 1u);
+  const auto c = readAhead.GetCounters();
+  EXPECT_EQ(c.heldBytes, fileBytes_ + kSize);  // frame 0, and frame 1's new item in memory
+  EXPECT_EQ(c.notInCache, 2u);                 // frames 2 and 3: no item answers their keys now
+  bag_->PurgeAllMemoryCaches();
+  EXPECT_TRUE(fresh->IsInMemory());
+  readAhead.Stop();
+  EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
+}
+
 }  // namespace
