@@ -59,7 +59,8 @@ struct JX_ReadAhead::State {
       failedReads{0}, jumps{0}, stoppedAtShare{0}, heldBytes{0}, readNanos{0};
 
   // The walk's own, touched by its thread only.
-  std::unordered_map<Guid, Held> held;
+  // By key; one key may have several items held, one per variant the plan asks for.
+  std::unordered_multimap<Guid, Held> held;
 
   bool Superseded(uint64_t gen) {
     std::lock_guard<std::mutex> l(mutex);
@@ -105,12 +106,16 @@ struct JX_ReadAhead::State {
   }
 
   void Walk(const std::vector<StuffPtr>& todo, uint64_t gen) {
-    std::unordered_set<Guid> wanted;
+    std::unordered_multimap<Guid, const JX_Stuff*> wanted;
     for (const StuffPtr& request : todo) {
-      if (request) wanted.insert(request->GetGuid());
+      if (request) wanted.emplace(request->GetGuid(), request.get());
     }
     for (auto it = held.begin(); it != held.end();) {
-      if (wanted.count(it->first) && StillAnswers(*it->second.item, it->first)) {
+      bool stillWanted = false;
+      for (auto [w, end] = wanted.equal_range(it->first); w != end && !stillWanted; ++w) {
+        stillWanted = Answers(*it->second.item, it->first, *w->second);
+      }
+      if (stillWanted) {
         ++it;
       } else {
         LetGo(it->second);
@@ -126,7 +131,7 @@ struct JX_ReadAhead::State {
       if (Superseded(gen)) return;
       if (!request) continue;
       const Guid guid = request->GetGuid();
-      if (held.count(guid)) continue;
+      if (IsHeldFor(guid, *request)) continue;
       auto handle = std::make_unique<JX_ScCheckout>();
       // Never waits for a render: a pending frame is being made by someone who wants it now.
       if (handle->FindAndCheckout(request, cf::kReadOnly | cf::kNoDiskRead) != kJX_CheckedOut) {
@@ -166,11 +171,27 @@ struct JX_ReadAhead::State {
     }
   }
 
-  // Whether a held item is still the one the plan's request for `guid` finds. One replaced by a
-  // new render of its key, removed from the cache or re-keyed while held is found by nobody under
-  // that key: holding it keeps memory no request can use, and leaves the key's new item unheld.
-  static bool StillAnswers(const JX_Stuff& item, const Guid& guid) {
-    return item.IsInSortDir() && item.GetGuid() == guid;
+  bool IsHeldFor(const Guid& guid, const JX_Stuff& request) const {
+    for (auto [it, end] = held.equal_range(guid); it != end; ++it) {
+      if (Answers(*it->second.item, guid, request)) return true;
+    }
+    return false;
+  }
+
+  // Whether a held item is one the plan's request for `guid` may find, as the cache's search
+  // matches them. One replaced by a new render of its key, removed from the cache or re-keyed while
+  // held is found by nobody under that key, and one of another variant (a request whose find-key
+  // data it does not satisfy) not by this request: holding it keeps memory the plan cannot use,
+  // and leaves the item the request does find unheld.
+  static bool Answers(const JX_Stuff& item, const Guid& guid, const JX_Stuff& request) {
+    if (!item.IsInSortDir() || item.GetGuid() != guid) return false;
+    bool compressed = false;
+    const auto itemKey = item.GetFindKeyDataAndCompression(&compressed);
+    const auto requestKey = request.GetFindKeyData();
+    // A compressed copy answers only a request that accepts one.
+    if (compressed && !(requestKey && requestKey->CanBeCompressed())) return false;
+    // No find-key data: the item answers any request for its GUID.
+    return !itemKey || itemKey->CanSatisfyRequest(requestKey);
   }
 
   bool ReadBack(JX_ScCheckout& handle, uint64_t bytes) {

@@ -276,4 +276,44 @@ TEST_F(ReadAheadTest, AHeldFrameReplacedRemovedOrReKeyedIsLetGoWhenThePlanStillL
   EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
 }
 
+// Two variants of one frame share its GUID and differ in their find-key data (as a proxy and a
+// full-size render may): the plan's requests, not the GUIDs alone, say which items to hold.
+TEST_F(ReadAheadTest, AnotherVariantOfAHeldKeyIsReadAndTheHeldOneLetGo) {
+  const Guid guid = Guid::CreateUnique();
+  std::vector<StuffPtr> variants;
+  for (int v = 0; v < 2; ++v) {
+    auto* payload = new jx::testing::TestPayload(kSize, 20 + v, true);
+    payload->SetVariant(v);
+    auto item = JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(payload), 10.0);
+    item->SetGuid(guid);
+    bag_->AddToBagAndSortDir(item);
+    item->PrepAndWrite(bag_);
+    ASSERT_TRUE(item->HasDiskCacheFile());
+    variants.push_back(item);
+  }
+  ASSERT_TRUE(jx::testing::WriterDrained());
+  for (auto& item : variants) {
+    JX_Stuff::ReleaseQueue queue;
+    item->FreeUpAsMuchAsPossible(false, &queue);
+    ASSERT_FALSE(item->IsInMemory());
+  }
+  JX_ReadAhead readAhead;
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guid, 0), 1, {});
+  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_EQ(variants[0]->GetCheckoutCount(), 1u);
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guid, 1), 1, {});
+  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  EXPECT_EQ(variants[1]->GetCheckoutCount(), 1u);
+  EXPECT_TRUE(variants[1]->IsInMemory());
+  EXPECT_EQ(variants[0]->GetCheckoutCount(), 0u);
+  // A plan that asks for both holds both.
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guid, 0), 1, {jx::testing::MakeRequest(guid, 1)});
+  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  EXPECT_EQ(variants[0]->GetCheckoutCount(), 1u);
+  EXPECT_EQ(variants[1]->GetCheckoutCount(), 1u);
+  EXPECT_TRUE(variants[0]->IsInMemory());
+  readAhead.Stop();
+  EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
+}
+
 }  // namespace

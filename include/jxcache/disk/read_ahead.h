@@ -11,11 +11,12 @@
 // share it stops, and the frames further on wait for the playhead to come closer.
 //
 // A new playhead replaces the plan at once: a read under way finishes, nothing more of the old
-// plan is read, and what the new plan no longer lists is let go, as is a held item that no
-// longer answers its key (replaced, removed or re-keyed meanwhile): the key is looked up afresh. A
-// playhead that is not where the previous plan led (a jump, or a change of direction) counts as a
-// jump. A key the cache does not hold, or holds pending, is skipped; a read that fails is skipped
-// and counted (the library deletes the file, as it does for any failed read).
+// plan is read, and what the new plan no longer lists is let go, as is a held item the plan's
+// request for its key would no longer find (replaced, removed or re-keyed meanwhile, or asked for
+// as another variant): that request is looked up afresh. A playhead that is not where the
+// previous plan led (a jump, or a change of direction) counts as a jump. A key the cache does not
+// hold, or holds pending, is skipped; a read that fails is skipped and counted (the library deletes
+// the file, as it does for any failed read).
 //
 // Threads: any thread may call any method. SetPlayhead only hands the plan over; it never waits
 // for a read. Locks: none of this class's is held while it calls into the cache or the host.
