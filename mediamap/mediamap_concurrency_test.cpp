@@ -21,6 +21,7 @@ using jx::testing::CheckMediaMapBooks;
 using jx::testing::MakeItem;
 using jx::testing::MediaMapTest;
 using jx::testing::PayloadOf;
+using jx::testing::SettleDeliveries;
 using zelcore::utility::IntrusivePtr;
 
 namespace {
@@ -254,17 +255,6 @@ class Gate {
   std::condition_variable cv_;
   bool open_ = false;
 };
-
-// Waits (bounded) until the manager has heard every call posted so far.
-bool SettleDeliveries() {
-  using jx::mediamap::ManagerOutbox;
-  const uint64_t posted = ManagerOutbox::Posted();
-  ManagerOutbox::Deliver();
-  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (ManagerOutbox::Delivered() < posted && std::chrono::steady_clock::now() < giveUp)
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  return ManagerOutbox::Delivered() >= posted;
-}
 
 // Where the media map is shut down and started again while a delivery to the manager is under
 // way: on another thread, while the host holds the delivering thread inside a registration; or by

@@ -33,18 +33,23 @@ class MediaMapTest : public LibraryTest {
   std::shared_ptr<kq::JX_MediaMapImpl> adapter_;
 };
 
-// Empty when consistent, else what is wrong. Every idle in-memory bag item is mirrored once, in
-// `bag`, at its size and ID; the adapter's total, its entries and the manager's figure agree.
-inline std::string CheckMediaMapBooks(const kq::JX_MediaMapImpl& adapter, JX_Bag& bag) {
-  std::ostringstream why;
-  // The manager hears of changes after the library's locks go (or from a background thread).
+// Waits (bounded) until the manager has heard every call posted so far.
+inline bool SettleDeliveries() {
   using jx::mediamap::ManagerOutbox;
   const uint64_t posted = ManagerOutbox::Posted();
   ManagerOutbox::Deliver();
   const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(30);
   while (ManagerOutbox::Delivered() < posted && std::chrono::steady_clock::now() < giveUp)
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  if (ManagerOutbox::Delivered() < posted) why << "calls to the manager never delivered; ";
+  return ManagerOutbox::Delivered() >= posted;
+}
+
+// Empty when consistent, else what is wrong. Every idle in-memory bag item is mirrored once, in
+// `bag`, at its size and ID; the adapter's total, its entries and the manager's figure agree.
+inline std::string CheckMediaMapBooks(const kq::JX_MediaMapImpl& adapter, JX_Bag& bag) {
+  std::ostringstream why;
+  // The manager hears of changes after the library's locks go (or from a background thread).
+  if (!SettleDeliveries()) why << "calls to the manager never delivered; ";
   uint64_t recorded = 0;
   std::set<const JX_Stuff*> items;
   std::set<uint64_t> ids;
