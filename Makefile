@@ -55,10 +55,14 @@ stress: build
 
 # Each fuzz target runs for FUZZ_SECONDS on a copy of its seed corpus (fuzz/corpus/<target>);
 # a crash leaves its input in build-fuzz/ and fails the run.
+# FUZZ_BUILD_TYPE and FUZZ_LAYERS (the layers given coverage instrumentation, all by default)
+# let CI build the targets mostly from what its ASan build compiled.
 FUZZ_SECONDS ?= 20
+FUZZ_BUILD_TYPE ?= RelWithDebInfo
+FUZZ_LAYERS ?=
 fuzz:
 	@bash scripts/install-deps.sh --sanitizers
-	CC=clang CXX=clang++ cmake -S . -B build-fuzz $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DJX_BUILD_FUZZERS=ON -DJX_BUILD_TESTS=OFF -DJX_BUILD_TOOLS=OFF -DJX_SANITIZE=address,undefined
+	CC=clang CXX=clang++ cmake -S . -B build-fuzz $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=$(FUZZ_BUILD_TYPE) -DJX_BUILD_FUZZERS=ON -DJX_BUILD_TESTS=OFF -DJX_BUILD_TOOLS=OFF -DJX_SANITIZE=address,undefined $(if $(FUZZ_LAYERS),"-DJX_FUZZ_LAYERS=$(FUZZ_LAYERS)",-UJX_FUZZ_LAYERS)
 	cmake --build build-fuzz -j $(JOBS) --target fuzzers
 	@for t in $$(ls fuzz/corpus); do \
 	  rm -rf build-fuzz/corpus/$$t && mkdir -p build-fuzz/corpus/$$t && cp fuzz/corpus/$$t/* build-fuzz/corpus/$$t/ && \

@@ -24,11 +24,16 @@ endfunction()
 # time, in each of the builds CI makes. The library itself keeps full debug information.
 set(JX_LINE_TABLES_ONLY $<$<CONFIG:RelWithDebInfo,Debug>:-g1>)
 
+# The test files themselves (not the library they test, nor the stress programs, whose loops
+# are what they measure) are optimized less: at -O1, GCC compiled a test file in about 30% less
+# time than at -O2, and the tests ran no slower for it.
+set(JX_TEST_CODE_OPTIONS ${JX_LINE_TABLES_ONLY} $<$<CONFIG:RelWithDebInfo,Release>:-O1>)
+
 # What every test program compiles with: the precompiled header below is only valid for
 # programs compiled exactly alike.
 function(jx_test_program_settings name)
   target_link_libraries(${name} PRIVATE jxcache_testsupport GTest::gtest GTest::gmock jx_warnings)
-  target_compile_options(${name} PRIVATE ${JX_LINE_TABLES_ONLY})
+  target_compile_options(${name} PRIVATE ${JX_TEST_CODE_OPTIONS})
 endfunction()
 
 # One GoogleTest executable; each test runs in its own process under CTest because the

@@ -5,15 +5,16 @@
 #   (no mode)     --demo, and the test framework: what `make test` needs
 #   --sanitizers  the above, and clang with its sanitizer and fuzzer runtimes
 #   --bench       the above without clang, and the peer libraries the benchmarks compare with
-#   --ci          everything CI runs: tests, sanitizers, formatting, the farm tier's server, and
-#                 ccache (CI compiles the same sources with the same flags in several builds)
+#   --ci          everything CI runs: tests, sanitizers, formatting, the farm tier's server,
+#                 ccache (CI compiles the same sources with the same flags in several builds) and
+#                 lld (CI links some hundred test programs)
 set -euo pipefail
 demo=(cmake ninja-build g++ pkg-config libboost-dev libcli11-dev nlohmann-json3-dev libxxhash-dev
       libzstd-dev libhiredis-dev)
 test=(libgtest-dev libgmock-dev libexpat1-dev redis-server)
 sanitizers=(clang clang-14 libclang-rt-14-dev)
 bench=(libbenchmark-dev libtbb-dev libopenimageio-dev)
-ci=(clang-format ccache)
+ci=(clang-format ccache lld)
 modes=("$@")
 [[ ${#modes[@]} -eq 0 ]] && modes=(--test)
 pkgs=("${demo[@]}")
