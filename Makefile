@@ -77,4 +77,4 @@ format:
 	@git ls-files '*.cpp' '*.h' '*.c' | xargs clang-format -i
 
 clean:
-	rm -rf build build-demo build-asan build-tsan build-bench build-fuzz build-shared
+	rm -rf build build-demo build-asan build-tsan build-bench build-fuzz build-shared build-subproject
