@@ -257,8 +257,9 @@ class Run {
 int main(int argc, char** argv) {
   auto o = jx::stress::ParseOptions(argc, argv, "stress_mediamap", 150000);
   if (o.threads < 1) o.threads = 1;
-  // Under ThreadSanitizer, beside another program, a run does three quarters of its plan or more in
-  // its time bound; less than a tenth means something slowed it down far beyond that.
+  // Under a sanitizer the plan is what such a build does in its time bound beside another
+  // program (stress/CMakeLists.txt); less than a tenth of a plan means something slowed the run
+  // down far beyond a loaded machine.
   constexpr double kFloorPercent = 10;
   jx::stress::Watchdog watchdog("stress_mediamap", jx::stress::kStallSeconds,
                                 jx::stress::HardSeconds(o));
