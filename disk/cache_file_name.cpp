@@ -2,6 +2,7 @@
 #include "disk/cache_file_name.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <stdexcept>
 
@@ -17,17 +18,22 @@ constexpr char kEncodedSlash = '/';
 constexpr char kNameSlash = '-';
 constexpr size_t kFieldCount = 5;  // four identifying fields and the extension
 
-std::vector<std::string_view> SplitAtSeparator(std::string_view name) {
-  std::vector<std::string_view> fields;
-  size_t start = 0;
+// A name's fields between separators, without allocating: a folder scan parses every name it
+// lists. Fields past kFieldCount are counted but not kept, so a name of too many fields is still
+// told apart from a cache file's.
+struct Fields {
+  std::array<std::string_view, kFieldCount> field;
+  size_t count = 0;
+};
+
+Fields SplitAtSeparator(std::string_view name) {
+  Fields fields;
   for (;;) {
-    const size_t dot = name.find(kSeparator, start);
-    if (dot == std::string_view::npos) {
-      fields.push_back(name.substr(start));
-      return fields;
-    }
-    fields.push_back(name.substr(start, dot - start));
-    start = dot + 1;
+    const size_t dot = name.find(kSeparator);
+    if (fields.count < kFieldCount) fields.field[fields.count] = name.substr(0, dot);
+    ++fields.count;
+    if (dot == std::string_view::npos) return fields;
+    name.remove_prefix(dot + 1);
   }
 }
 
@@ -100,12 +106,11 @@ std::string MakeCacheFileName(const zelcore::utility::Guid& guid, std::string_vi
 
 CacheFileNameError ParseCacheFileName(std::string_view name, CacheFileName* out) {
   // A temporary's name starts with the whole target name, so it would parse as its target.
-  if (zelcore::filesupport::SafeSave::IsTempFileName(std::string(name))) {
-    return CacheFileNameError::kTempFile;
-  }
-  const std::vector<std::string_view> fields = SplitAtSeparator(name);
-  if (fields.size() < kFieldCount - 1) return CacheFileNameError::kTooFewFields;
-  if (fields.size() != kFieldCount || fields[4] != kCacheFileExtension) {
+  if (zelcore::filesupport::SafeSave::IsTempFileName(name)) return CacheFileNameError::kTempFile;
+  const Fields split = SplitAtSeparator(name);
+  const auto& fields = split.field;
+  if (split.count < kFieldCount - 1) return CacheFileNameError::kTooFewFields;
+  if (split.count != kFieldCount || fields[4] != kCacheFileExtension) {
     return CacheFileNameError::kNotACacheFile;
   }
   if (!zelcore::utility::Guid::TryParse(fields[0], &out->guid) || out->guid.IsEmpty()) {
@@ -123,8 +128,8 @@ CacheFileNameError ParseCacheFileName(std::string_view name, CacheFileName* out)
 }
 
 bool ParseCacheFileVersion(std::string_view name, uint32_t* version) {
-  const std::vector<std::string_view> fields = SplitAtSeparator(name);
-  return fields.size() >= kFieldCount - 1 && ParseVersionField(fields[2], version);
+  const Fields split = SplitAtSeparator(name);
+  return split.count >= kFieldCount - 1 && ParseVersionField(split.field[2], version);
 }
 
 }  // namespace jx::disk

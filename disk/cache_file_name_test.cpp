@@ -64,6 +64,7 @@ TEST(CacheFileNameTest, TellsForeignNamesApart) {
       {kGuidText + ".TestPayload.1.AQID", CacheFileNameError::kNotACacheFile},
       {kGuidText + ".TestPayload.1.AQID.kqcachex", CacheFileNameError::kNotACacheFile},
       {good + ".bak", CacheFileNameError::kNotACacheFile},
+      {kGuidText + ".TestPayload.1.AQID.kqcache.x.kqcache", CacheFileNameError::kNotACacheFile},
       {"not-a-guid.TestPayload.1.AQID.kqcache", CacheFileNameError::kBadGuid},
       {"00000000-0000-0000-0000-000000000000.TestPayload.1.AQID.kqcache",
        CacheFileNameError::kBadGuid},

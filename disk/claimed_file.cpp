@@ -1,15 +1,18 @@
 #include "disk/claimed_file.h"
 
 #include <mutex>
-#include <string>
+#include <string_view>
 #include <unordered_set>
 
 namespace jx::disk {
 namespace {
 
+// The paths of the registered claims, as views of each claim's own copy: a claim takes its
+// view out in its destructor, before the copy goes. A folder scan claims every file it adopts,
+// and a copy of each path here would be two more allocations a file.
 struct Registry {
   std::mutex mutex;
-  std::unordered_set<std::string> paths;
+  std::unordered_set<std::string_view> paths;
 };
 
 Registry& Claims() {
@@ -22,10 +25,10 @@ Registry& Claims() {
 
 std::shared_ptr<ClaimedFile> ClaimedFile::TryClaim(const zelcore::filesupport::File& file) {
   // Allocated before the path is registered, so that a refused allocation leaves no claim.
-  std::shared_ptr<ClaimedFile> claim(new ClaimedFile(file));
+  auto claim = std::make_shared<ClaimedFile>(Key{}, file);
   Registry& r = Claims();
   std::lock_guard<std::mutex> lock(r.mutex);
-  if (!r.paths.insert(file.GetPath()).second) return nullptr;
+  if (!r.paths.insert(claim->file_.GetPath()).second) return nullptr;
   claim->registered_ = true;
   return claim;
 }

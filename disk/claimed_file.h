@@ -29,6 +29,13 @@ class ClaimedFile {
   // Whether some claim holds `file`'s path now.
   static bool IsClaimed(const zelcore::filesupport::File& file);
 
+  // For TryClaim's single allocation only; the key keeps everyone else to TryClaim.
+  struct Key {
+   private:
+    Key() = default;
+    friend class ClaimedFile;
+  };
+  ClaimedFile(Key, zelcore::filesupport::File file) : file_(std::move(file)) {}
   ~ClaimedFile();
   ClaimedFile(const ClaimedFile&) = delete;
   ClaimedFile& operator=(const ClaimedFile&) = delete;
@@ -36,7 +43,6 @@ class ClaimedFile {
   const zelcore::filesupport::File& File() const { return file_; }
 
  private:
-  explicit ClaimedFile(zelcore::filesupport::File file) : file_(std::move(file)) {}
   const zelcore::filesupport::File file_;
   bool registered_ = false;
 };

@@ -276,7 +276,8 @@ int JX_Bag::ScanDiskCacheDir() {
   // Oldest file first, so that after a restart the recency order (and with it the order in
   // which the folder's room is reclaimed) follows the files' age.
   // One status call per file gives its age, its kind and its size: in a folder of 100,000 files
-  // the calls, not the adoption, are most of the scan's time.
+  // the calls, not the adoption, are most of the scan's time. They are asked a batch of names of
+  // one folder at a time, which the file system can answer from one handle on the folder.
   struct Found {
     int64_t creationTime;
     uint64_t size;
@@ -285,27 +286,65 @@ int JX_Bag::ScanDiskCacheDir() {
   std::vector<Found> files;
   jx::host::FileSystem& fs = jx::host::GetFiles();
   const int64_t now = static_cast<int64_t>(std::time(nullptr));
+
+  struct Listed {
+    File file;
+    bool temp;
+  };
+  constexpr size_t kBatch = 256;
+  std::vector<Listed> batch;
+  batch.reserve(kBatch);  // never moved: `names` points into its paths
+  std::vector<const char*> names;
+  names.reserve(kBatch);
+  std::string batchFolder;
+  std::vector<struct stat> stats;
+  std::vector<int> errors;
+  const auto statusOfBatch = [&] {
+    if (batch.empty()) return;
+    stats.clear();
+    errors.clear();
+    fs.StatusInFolder(batchFolder.c_str(), names, &stats, &errors);
+    // A name the host's file system left unanswered counts as gone.
+    const size_t answered = std::min({batch.size(), stats.size(), errors.size()});
+    for (size_t i = 0; i < answered; ++i) {
+      const struct stat& st = stats[i];
+      // Gone since the listing (a purge, another process), or something we must not read (a
+      // FIFO named like a cache file would block the read back).
+      if (errors[i] != 0 || !S_ISREG(st.st_mode)) continue;
+      if (batch[i].temp) {
+        jx::disk::DeleteIfLeftover(batch[i].file, static_cast<int64_t>(st.st_ctime), now,
+                                   jx::disk::kLeftoverTempAgeSeconds);
+        continue;
+      }
+      files.push_back({static_cast<int64_t>(st.st_ctime), static_cast<uint64_t>(st.st_size),
+                       std::move(batch[i].file)});
+    }
+    batch.clear();
+    names.clear();
+  };
+
   zelcore::filesupport::RecursiveFileIterator it(dir);
+  zelcore::filesupport::RecursiveFileIterator::Place place;
   File f;
-  while (it.Next(&f)) {
-    const std::string name = f.GetName();
+  while (it.Next(&f, &place)) {
+    const std::string& name = *place.name;
     const bool cacheFile = jx::disk::IsCacheFileName(name);
     // The temporaries of writes that died are swept by this same walk, so that a big folder is
     // listed once. Only the folder's own: writes never go to a sub-folder.
     const bool temp =
-        !cacheFile && zelcore::filesupport::SafeSave::IsTempFileName(name) && f.GetParent() == dir;
+        !cacheFile && zelcore::filesupport::SafeSave::IsTempFileName(name) && *place.folder == dir;
     if (!cacheFile && !temp) continue;
-    struct stat st {};
-    // Gone since the listing (a purge, another process), or something we must not read (a
-    // FIFO named like a cache file would block the read back).
-    if (fs.Status(f.GetPath().c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
-    if (temp) {
-      jx::disk::DeleteIfLeftover(f, static_cast<int64_t>(st.st_ctime), now,
-                                 jx::disk::kLeftoverTempAgeSeconds);
-      continue;
+    // A batch holds names of one folder.
+    if (!batch.empty() && (batch.size() == kBatch || place.folder->GetPath() != batchFolder)) {
+      statusOfBatch();
     }
-    files.push_back({static_cast<int64_t>(st.st_ctime), static_cast<uint64_t>(st.st_size), f});
+    if (batch.empty()) batchFolder = place.folder->GetPath();
+    // The file's path ends in its name: File joins the folder and the name.
+    const size_t nameAt = f.GetPath().size() - name.size();
+    batch.push_back({std::move(f), temp});
+    names.push_back(batch.back().file.GetPath().c_str() + nameAt);
   }
+  statusOfBatch();
   std::stable_sort(files.begin(), files.end(),
                    [](const Found& a, const Found& b) { return a.creationTime < b.creationTime; });
   int handed = 0;

@@ -265,6 +265,40 @@ TEST_F(DiskFolderTest, TheScanListsTheFolderOnceAndSweepsOnlyItsOwnOldTemporarie
   EXPECT_EQ(files.listings(), 1);
 }
 
+// The scan asks the status of the names it lists a folder's batch at a time; whatever the
+// batches, every file, sub-folders' too, must come in with its own size.
+TEST_F(DiskFolderTest, TheScanAdoptsEveryFileWithItsOwnSizeAcrossBatchesAndSubFolders) {
+  JX_StopAllAsyncWork();
+  jx::testing::RegisterTestPayloadFactory();
+  const std::string sub = Folder().GetPath() + "/sub";
+  ASSERT_EQ(::mkdir(sub.c_str(), 0755), 0);
+  ASSERT_EQ(::mkdir((sub + "/deeper").c_str(), 0755), 0);
+  size_t made = 0;
+  const auto make = [&](const std::string& folder) {
+    const uint32_t header[2] = {static_cast<uint32_t>(made), 8};
+    const std::string path =
+        folder + "/" +
+        jx::disk::MakeCacheFileName(Guid::CreateUnique(), "TestPayload", bag_->GetAppVersion(),
+                                    reinterpret_cast<const uint8_t*>(header), sizeof header);
+    std::ofstream(path, std::ios::binary) << std::string(++made, 'x');  // a size of its own
+  };
+  for (int i = 0; i < 600; ++i) make(Folder().GetPath());
+  for (int i = 0; i < 5; ++i) make(sub);
+  for (int i = 0; i < 3; ++i) make(sub + "/deeper");
+
+  bag_->RequestDiskCacheScan();
+  EXPECT_EQ(bag_->ScanDiskCacheDir(), static_cast<int>(made));
+  size_t items = 0;
+  for (const auto& item : bag_->CopyMruItems()) {
+    ++items;
+    const File file = item->GetDiskCacheFile();
+    ASSERT_FALSE(file.IsEmpty());
+    EXPECT_EQ(item->GetAccountedDiskSize(), file.Size()) << file.GetPath();
+  }
+  EXPECT_EQ(items, made);
+  EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), static_cast<long long>(made * (made + 1) / 2));
+}
+
 TEST_F(DiskFolderTest, AScanThatFindsTheRequestTakenReturnsOnlyOnceThatScanHasEnded) {
   // The other scanner is this test's own thread, standing in for the deferred disk task.
   JX_StopAllAsyncWork();

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <memory>
+#include <string_view>
 
 #include "host/file_syscall.h"
 #include "host/file_utils.h"
@@ -43,15 +44,21 @@ using detail::Fs;
 using detail::ThrowFileError;
 
 // Drops trailing slashes so that "a/b/" and "a/b" name the same folder; "/" stays "/".
-std::string StripTrailingSlashes(std::string path) {
-  while (path.size() > 1 && path.back() == '/') path.pop_back();
+std::string_view StripTrailingSlashes(std::string_view path) {
+  while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
   return path;
 }
 
+// One allocation: a folder scan builds a path for every name it lists.
 std::string JoinPath(const std::string& folder, const std::string& name) {
   if (folder.empty()) return name;
-  if (folder.back() == '/') return folder + name;
-  return folder + "/" + name;
+  const bool slash = folder.back() != '/';
+  std::string path;
+  path.reserve(folder.size() + slash + name.size());
+  path += folder;
+  if (slash) path += '/';
+  path += name;
+  return path;
 }
 
 struct stat StatusOrThrow(const std::string& path) {
@@ -67,17 +74,17 @@ struct stat StatusOrThrow(const std::string& path) {
 File::File(const Dir& dir, const std::string& name) : path_(JoinPath(dir.GetPath(), name)) {}
 
 std::string File::GetName() const {
-  const std::string path = StripTrailingSlashes(path_);
+  const std::string_view path = StripTrailingSlashes(path_);
   const size_t slash = path.rfind('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
+  return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
 }
 
 Dir File::GetParent() const {
-  const std::string path = StripTrailingSlashes(path_);
+  const std::string_view path = StripTrailingSlashes(path_);
   const size_t slash = path.rfind('/');
-  if (slash == std::string::npos) return Dir(".");
+  if (slash == std::string_view::npos) return Dir(".");
   if (slash == 0) return Dir("/");
-  return Dir(path.substr(0, slash));
+  return Dir(std::string(path.substr(0, slash)));
 }
 
 bool File::Exists() const {
@@ -117,7 +124,9 @@ int64_t File::GetCreationTime() const {
 
 // ---- Dir ----
 
-Dir::Dir(std::string path) : path_(StripTrailingSlashes(std::move(path))) {}
+Dir::Dir(std::string path) : path_(std::move(path)) {
+  path_.resize(StripTrailingSlashes(path_).size());
+}
 
 bool Dir::Exists() const {
   struct stat st {};

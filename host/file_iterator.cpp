@@ -60,7 +60,7 @@ RecursiveFileIterator::RecursiveFileIterator(const Dir& root) : impl_(std::make_
 
 RecursiveFileIterator::~RecursiveFileIterator() = default;
 
-bool RecursiveFileIterator::Next(File* out) {
+bool RecursiveFileIterator::Next(File* out, Place* place) {
   auto& stack = impl_->stack;
   while (!stack.empty()) {
     Impl::Level& level = stack.back();
@@ -68,15 +68,15 @@ bool RecursiveFileIterator::Next(File* out) {
       impl_->Leave();
       continue;
     }
-    const jx::host::FileSystem::Entry entry = std::move(level.entries[level.next++]);
-    const std::string& name = entry.name;
-    const Dir parent = level.path;
-    switch (Classify(parent, entry)) {
+    const jx::host::FileSystem::Entry& entry = level.entries[level.next++];
+    switch (Classify(level.path, entry)) {
       case Kind::kFile:
-        *out = File(parent, name);
+        *out = File(level.path, entry.name);
+        if (place) *place = {&level.path, &entry.name};
         return true;
       case Kind::kFolder:
-        impl_->Enter(parent.Join(name));
+        // Joined before the push, which may move `level` and its entries.
+        impl_->Enter(level.path.Join(entry.name));
         break;
       case Kind::kOther:
         break;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 #include "jxcache/host/file.h"
 
@@ -11,8 +12,14 @@ class RecursiveFileIterator {
  public:
   explicit RecursiveFileIterator(const Dir& root);
   ~RecursiveFileIterator();
+  // Where the file Next gave lies: its folder and its name there, both valid until the next
+  // call. A walk over a large folder uses them instead of taking each path apart again.
+  struct Place {
+    const Dir* folder = nullptr;
+    const std::string* name = nullptr;
+  };
   // The next file, or false when the walk is done.
-  bool Next(File* out);
+  bool Next(File* out, Place* place = nullptr);
 
  private:
   struct Impl;

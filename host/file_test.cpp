@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <set>
 
@@ -136,7 +137,12 @@ TEST(RecursiveFileIteratorTest, FindsNestedFilesWithoutFollowingLinkedFolders) {
   std::multiset<std::string> found;
   RecursiveFileIterator it(scratch.dir());
   File f;
-  while (it.Next(&f)) found.insert(f.GetPath().substr(root.size() + 1));
+  RecursiveFileIterator::Place place;
+  while (it.Next(&f, &place)) {
+    found.insert(f.GetPath().substr(root.size() + 1));
+    EXPECT_EQ(place.folder->GetPath(), f.GetParent().GetPath());
+    EXPECT_EQ(*place.name, f.GetName());
+  }
   EXPECT_EQ(found,
             (std::multiset<std::string>{"top", "a/one", "a/b/two", "a/b/c/three", "a/b/c/four"}));
   EXPECT_FALSE(it.Next(&f));
@@ -151,6 +157,63 @@ TEST(RecursiveFileIteratorTest, FindsNestedFilesWithoutFollowingLinkedFolders) {
   while (skipping.Next(&f)) found.insert(f.GetPath().substr(root.size() + 1));
   EXPECT_EQ(found, (std::multiset<std::string>{"top", "a/one"}));
   ::chmod((root + "/a/b").c_str(), 0700);
+}
+
+// The built-in file system answers a folder's names from one handle on it; each answer must be
+// what Status gives for the name's path, failures (and their errno) included.
+TEST(FileSystemTest, StatusInFolderAnswersEachNameAsStatusDoes) {
+  ScratchFolder scratch;
+  const std::string root = scratch.dir().GetPath();
+  WriteWholeFile(File(root + "/file"), "abc");
+  ASSERT_EQ(::mkfifo((root + "/fifo").c_str(), 0600), 0);
+  ASSERT_EQ(::symlink((root + "/file").c_str(), (root + "/link").c_str()), 0);
+  ASSERT_TRUE(FileUtils::EnsureDirectoryExists(root + "/folder"));
+  const std::vector<const char*> names = {"file", "fifo", "link", "missing", "folder", "file"};
+
+  jx::host::FileSystem& fs = jx::host::DefaultFileSystem();
+  const auto expectAsStatus = [&](const std::string& folder) {
+    std::vector<struct stat> stats(1);  // answers replace whatever the vectors held
+    std::vector<int> errors(9, -1);
+    fs.StatusInFolder(folder.c_str(), names, &stats, &errors);
+    ASSERT_EQ(stats.size(), names.size());
+    ASSERT_EQ(errors.size(), names.size());
+    for (size_t i = 0; i < names.size(); ++i) {
+      struct stat want {};
+      errno = 0;
+      const int result = fs.Status((folder + "/" + names[i]).c_str(), &want);
+      EXPECT_EQ(errors[i], result == 0 ? 0 : errno) << folder << " " << names[i];
+      if (result != 0) continue;
+      EXPECT_EQ(stats[i].st_ino, want.st_ino) << names[i];
+      EXPECT_EQ(stats[i].st_mode, want.st_mode) << names[i];
+      EXPECT_EQ(stats[i].st_size, want.st_size) << names[i];
+      EXPECT_EQ(stats[i].st_ctime, want.st_ctime) << names[i];
+    }
+  };
+  expectAsStatus(root);
+  // No handle to be had on a file or a missing folder: each name fails as its path would.
+  expectAsStatus(root + "/file");
+  expectAsStatus(root + "/missing");
+
+  std::vector<struct stat> stats;
+  std::vector<int> errors;
+  fs.StatusInFolder(root.c_str(), names, &stats, &errors);
+  EXPECT_TRUE(S_ISREG(stats[2].st_mode)) << "a link answers for what it points to";
+  EXPECT_EQ(stats[2].st_size, 3);
+  EXPECT_EQ(errors[3], ENOENT);
+  EXPECT_TRUE(S_ISFIFO(stats[1].st_mode));
+
+  // A file system that only overrides Status sees every name through it.
+  struct CountingStatus final : jx::testing::ForwardingFileSystem {
+    int Status(const char* p, struct stat* st) override {
+      paths.insert(p);
+      return in_.Status(p, st);
+    }
+    std::multiset<std::string> paths;
+  } counting;
+  counting.StatusInFolder(root.c_str(), names, &stats, &errors);
+  EXPECT_EQ(counting.paths.size(), names.size());
+  EXPECT_EQ(counting.paths.count(root + "/file"), 2u);
+  EXPECT_EQ(errors[3], ENOENT);
 }
 
 }  // namespace

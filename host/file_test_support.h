@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "jxcache/host/file.h"
+#include "jxcache/host/host_services.h"
 #include "testing/fault_injection.h"
 
 namespace zelcore::filesupport::testing {
@@ -67,3 +68,36 @@ inline std::vector<uint8_t> PatternBytes(size_t n, uint32_t seed = 1) {
 }
 
 }  // namespace zelcore::filesupport::testing
+
+namespace jx::testing {
+
+// The default file system, call for call: a test's wrapper derives from it and changes only the
+// calls it watches or delays.
+class ForwardingFileSystem : public jx::host::FileSystem {
+ public:
+  int Open(const char* p, int f, mode_t m) override { return in_.Open(p, f, m); }
+  ssize_t Read(int fd, void* d, size_t n) override { return in_.Read(fd, d, n); }
+  ssize_t Write(int fd, const void* d, size_t n) override { return in_.Write(fd, d, n); }
+  int SyncData(int fd) override { return in_.SyncData(fd); }
+  int Truncate(int fd, off_t n) override { return in_.Truncate(fd, n); }
+  int Close(int fd) override { return in_.Close(fd); }
+  int GetStatusFlags(int fd) override { return in_.GetStatusFlags(fd); }
+  int SetStatusFlags(int fd, int f) override { return in_.SetStatusFlags(fd, f); }
+  int Status(const char* p, struct stat* st) override { return in_.Status(p, st); }
+  int StatusOf(int fd, struct stat* st) override { return in_.StatusOf(fd, st); }
+  int Stat(const char* p, struct stat* st) override { return in_.Stat(p, st); }
+  int FStat(int fd, struct stat* st) override { return in_.FStat(fd, st); }
+  int LStat(const char* p, struct stat* st) override { return in_.LStat(p, st); }
+  int Rename(const char* a, const char* b) override { return in_.Rename(a, b); }
+  int Unlink(const char* p) override { return in_.Unlink(p); }
+  int MakeDirectory(const char* p, mode_t m) override { return in_.MakeDirectory(p, m); }
+  int ListDirectory(const char* p, std::vector<Entry>* e) override {
+    return in_.ListDirectory(p, e);
+  }
+  int VolumeStats(const char* p, struct statvfs* st) override { return in_.VolumeStats(p, st); }
+
+ protected:
+  jx::host::FileSystem& in_ = jx::host::DefaultFileSystem();
+};
+
+}  // namespace jx::testing

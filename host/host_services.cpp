@@ -215,6 +215,20 @@ class PosixFileSystem final : public FileSystem {
     }
   }
   int VolumeStats(const char* path, struct statvfs* st) override { return ::statvfs(path, st); }
+  void StatusInFolder(const char* folder, const std::vector<const char*>& names,
+                      std::vector<struct stat>* stats, std::vector<int>* errors) override {
+    const int fd = Open(folder, O_RDONLY | O_DIRECTORY, 0);
+    if (fd < 0) {
+      FileSystem::StatusInFolder(folder, names, stats, errors);
+      return;
+    }
+    stats->assign(names.size(), {});
+    errors->assign(names.size(), 0);
+    for (size_t i = 0; i < names.size(); ++i) {
+      if (::fstatat(fd, names[i], &(*stats)[i], 0) != 0) (*errors)[i] = errno != 0 ? errno : EIO;
+    }
+    ::close(fd);
+  }
 };
 
 // The defaults are never destroyed: the library may reach them from static destructors.
@@ -243,6 +257,20 @@ Installed& Current() {
 }
 
 }  // namespace
+
+void FileSystem::StatusInFolder(const char* folder, const std::vector<const char*>& names,
+                                std::vector<struct stat>* stats, std::vector<int>* errors) {
+  stats->assign(names.size(), {});
+  errors->assign(names.size(), 0);
+  std::string path = folder;
+  if (!path.empty() && path.back() != '/') path += '/';
+  const size_t base = path.size();
+  for (size_t i = 0; i < names.size(); ++i) {
+    path.resize(base);
+    path += names[i];
+    if (Status(path.c_str(), &(*stats)[i]) != 0) (*errors)[i] = errno != 0 ? errno : EIO;
+  }
+}
 
 void Install(const Services& services) {
   Installed& c = Current();

@@ -83,7 +83,7 @@ void SafeSave::Commit(Sync sync) {
   committed_ = true;
 }
 
-bool SafeSave::IsTempFileName(const std::string& name) {
+bool SafeSave::IsTempFileName(std::string_view name) {
   // "<target name>.<pid>.<attempt>.tmp"
   const std::string_view suffix(kTempSuffix);
   std::string_view s(name);

@@ -7,6 +7,8 @@
 // temporary. A SafeSave belongs to one thread.
 #pragma once
 
+#include <string_view>
+
 #include "jxcache/host/file.h"
 
 namespace zelcore::filesupport {
@@ -30,7 +32,7 @@ class SafeSave {
   // The suffix every temporary file carries; a folder scan can recognise leftovers by it.
   static constexpr const char* kTempSuffix = ".tmp";
   // Whether a file name looks like a SafeSave temporary.
-  static bool IsTempFileName(const std::string& name);
+  static bool IsTempFileName(std::string_view name);
 
  private:
   File target_;

@@ -3,13 +3,15 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <string_view>
 
-#include "host/y_api.h"
 #include "jxcache/host/recursive_mutex.h"
 
 namespace {
 
-using Registry = std::map<std::u16string, JX_StuffData::Factory>;
+// Keyed by the match name's bytes, as file names carry it. Looked up by `find`, so that the
+// names a folder scan meets and no class registered leave nothing behind.
+using Registry = std::map<std::string, JX_StuffData::Factory, std::less<>>;
 
 zelcore::threads::RecursiveMutex& RegistryMutex() {
   static zelcore::threads::RecursiveMutex m;
@@ -48,7 +50,7 @@ void JX_StuffData::RegisterFactory(const char* matchname, Factory& factory) {
   std::lock_guard<zelcore::threads::RecursiveMutex> lock(RegistryMutex());
   auto& registry = RegistryPtr();
   if (!registry) registry = std::make_unique<Registry>();
-  (*registry)[Y_AsciiToUTF16String(matchname)] = factory;
+  (*registry)[matchname ? matchname : ""] = factory;
 }
 
 JX_StuffData::IntrusivePtr<JX_StuffData> JX_StuffData::CreateSubclass(const char* matchname,
@@ -57,9 +59,10 @@ JX_StuffData::IntrusivePtr<JX_StuffData> JX_StuffData::CreateSubclass(const char
   {
     std::lock_guard<zelcore::threads::RecursiveMutex> lock(RegistryMutex());
     auto& registry = RegistryPtr();
-    // operator[] leaves an empty entry for a name never registered; a later registration fills
-    // it, so nothing is lost by keeping it.
-    if (registry && matchname) factory = (*registry)[Y_AsciiToUTF16String(matchname)];
+    if (registry && matchname) {
+      const auto it = registry->find(std::string_view(matchname));
+      if (it != registry->end()) factory = it->second;
+    }
   }
   if (!factory) return {};
   return factory(header);

@@ -30,7 +30,7 @@ std::vector<std::string> Session(const TempDir& dir) {
 // A first run that leaves a file for every frame; *folder is where they are.
 void WarmFolder(const TempDir& dir, std::string* folder) {
   const auto j = RunToolJson(Session(dir));
-  ASSERT_EQ(j["disk"]["files_written"].get<uint64_t>(), kFrames);
+  ASSERT_EQ(j["disk"]["files_written"].get<uint64_t>(), kFrames) << j["disk"].dump();
   *folder = j["disk"]["folder"].get<std::string>();
   for (uint32_t f = 0; f < kFrames; ++f)
     ASSERT_TRUE(std::filesystem::exists(*folder + "/" + FrameFileName(kWidth, kHeight, f))) << f;

@@ -92,7 +92,7 @@ TEST(Simulate, FiguresAddUpAndTheSecondRunStartsWarm) {
   EXPECT_EQ(SumOf(a["disk"]["writes_refused"]), 0u) << a["disk"]["writes_refused"];
   EXPECT_EQ(a["disk"]["writes_skipped"].get<uint64_t>(), 0u);
   const uint64_t written = a["disk"]["files_written"];
-  EXPECT_EQ(written, 12u);
+  EXPECT_EQ(written, 12u) << a["disk"].dump();
   // Each file holds the pixels and their checksum.
   EXPECT_EQ(a["disk"]["bytes_written"].get<uint64_t>(),
             12 * (a["frame_bytes"].get<uint64_t>() + jx::kChecksumTrailerSize));

@@ -187,6 +187,14 @@ class JX_EXPORT FileSystem {
   };
   virtual int ListDirectory(const char* path, std::vector<Entry>* entries) = 0;
   virtual int VolumeStats(const char* path, struct statvfs* st) = 0;
+  // Status (above) of each of `names`, names of entries directly in the folder `folder`: on
+  // return (*errors)[i] is 0 and (*stats)[i] that name's status, or the errno of its failure.
+  // A folder scan asks this of every cache file it lists. The default calls Status on each
+  // path, so a file system that only overrides Status sees every call; the built-in one answers
+  // from one handle on the folder (fstatat(2)), which spares the walk of the folder's path for
+  // each name.
+  virtual void StatusInFolder(const char* folder, const std::vector<const char*>& names,
+                              std::vector<struct stat>* stats, std::vector<int>* errors);
 };
 
 // The services a host installs; a null member keeps the library's default.
