@@ -145,19 +145,23 @@ void JX_Bag::UpdateWithNewLastUsedTime(const StuffPtr& stuff, const JXp_ScLock& 
 }
 
 void JX_Bag::MoveToYoungEnd(JX_Stuff& stuff, const JXp_ScLock& lock) {
-  if (jx::settings::UseMediaMap()) {
-    // The media map must see the item leave and come back so that its entry is renewed.
-    const StuffPtr held(&stuff);
-    RemoveStuffGuts(held, lock, true);
-    stuff.lastUsedTime_.store(HighPrecisionTime::GetCurrentTimeStamp(), std::memory_order_release);
-    zelcore::config::ExecuteTopLevelFunction readd([&] { AddStuffGuts(held, lock, true); });
-    return;
-  }
-  // Without the media map, leaving and re-entering the bag only moves the item in the recency
-  // set: do just that, keeping the bag link and the accounted sizes.
+  // Only the item's place in the recency set moves: it keeps its bag link and its accounted
+  // sizes. The link must never blink: the disk writer, a write's link and an offer to the disk
+  // ask an item for its bag under the item's lock alone, and an item seen out of its bag has
+  // its write dropped as if it had left the cache.
   const uint64_t now = HighPrecisionTime::GetCurrentTimeStamp();
   stuff.lastUsedTime_.store(now, std::memory_order_release);
+  if (!jx::settings::UseMediaMap()) {
+    Reposition(stuff, now, lock);
+    return;
+  }
+  // The media map must see the item leave and come back so that its entry is renewed.
+  const StuffPtr held(&stuff);
+  JX_MediaMapErase(held);
+  TraceMediaMapChange("Removed stuff ", stuff);
   Reposition(stuff, now, lock);
+  if (stuff.IsInMemory()) JX_MediaMapAddOrUpdate(held);
+  TraceMediaMapChange("Added stuff ", stuff);
 }
 
 void JX_Bag::Reposition(JX_Stuff& stuff, uint64_t stamp, const JXp_ScLock&) {

@@ -156,6 +156,37 @@ void RendersHostPurgesAndCachePurgesTogether(JX_Bag* bag, const kq::JX_MediaMapI
   EXPECT_EQ(CheckMediaMapBooks(adapter, *bag), "");
 }
 
+// A check-in moves its item to the young end of the recency order, and with the media map on
+// renews the item's entry there. The item must stay in its bag throughout: the disk writer asks
+// an item for its bag under the item's lock alone, and an item it saw out of its bag had its
+// queued write dropped as if it had left the cache.
+TEST_F(MediaMapTest, AnItemMovedToTheYoungEndNeverLooksOutOfItsBag) {
+  auto item = MakeItem(100);
+  bag_->AddToBagAndSortDir(item);
+  Watchdog watchdog("check-ins beside a reader of the item's bag", std::chrono::seconds(90));
+  std::atomic<bool> done{false};
+  std::atomic<long> looks{0}, outOfBag{0};
+  std::thread reader([&] {
+    while (!done.load()) {
+      if (!item->GetBag()) outOfBag.fetch_add(1);
+      looks.fetch_add(1);
+    }
+  });
+  long checkins = 0;
+  while (checkins < 20000 || looks.load() < 100000) {
+    ASSERT_EQ(item->Checkout(cf::kReadOnly), kJX_CheckedOut);
+    item->Checkin(0, 0.0);
+    ++checkins;
+  }
+  done = true;
+  reader.join();
+  EXPECT_EQ(outOfBag.load(), 0) << "in " << looks.load() << " looks beside " << checkins
+                                << " check-ins";
+  SettleDeliveries();
+  EXPECT_EQ(adapter_->GetNumEntries(), 1u) << "the entry is renewed, never lost";
+  EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
+}
+
 TEST_F(MediaMapTest, RendersHostPurgesAndCachePurgesTogether) {
   RendersHostPurgesAndCachePurgesTogether(bag_.get(), *adapter_, "renders and purges");
 }
