@@ -8,7 +8,6 @@
 #include "bag/sort_dir.h"
 #include "common/failures.h"
 #include "common/settings.h"
-#include "host/config.h"
 #include "host/media_manager.h"
 #include "host/trace.h"
 #include "host/y_api.h"
