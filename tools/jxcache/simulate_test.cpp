@@ -124,8 +124,11 @@ TEST(Simulate, FiguresAddUpAndTheSecondRunStartsWarm) {
   EXPECT_TRUE(c["over_limit"].get<bool>());
 }
 
-// A budget of about 25 frames and a timeline of 48: without read-ahead the second pass finds its
-// frames on disk only. Paced as a viewer plays, so the read-ahead can keep ahead of one thread.
+// A budget of 28 frames and a timeline of 48: without read-ahead the second pass can find at most
+// what the budget holds in memory, and finds the rest on disk. How many it finds depends on the
+// machine's load (a frame whose write is still queued outlives older frames already on disk), so
+// the test bounds that by the budget, not by a count seen on a quiet machine. Paced as a viewer
+// plays, so the read-ahead can keep ahead of one thread.
 TEST(Simulate, ReadAheadServesAForwardPassOverFramesOnDiskFromMemory) {
   auto run = [](const TempDir& dir, const char* readAhead) {
     auto args = SmallSession(dir,
@@ -139,6 +142,7 @@ TEST(Simulate, ReadAheadServesAForwardPassOverFramesOnDiskFromMemory) {
   const auto with = run(on, "4");
   ExpectPassesAddUp(with);
   EXPECT_FALSE(without["readahead"]["used"].get<bool>());
+  EXPECT_EQ(without["readahead"]["prefetched"].get<uint64_t>(), 0u);
   const auto& ra = with["readahead"];
   ASSERT_TRUE(ra["used"].get<bool>());
   const uint64_t prefetched = ra["prefetched"];
@@ -146,10 +150,15 @@ TEST(Simulate, ReadAheadServesAForwardPassOverFramesOnDiskFromMemory) {
   // Everything read ahead was let go by the end of its pass, used or not.
   EXPECT_EQ(ra["hits_on_prefetched"].get<uint64_t>() + ra["wasted"].get<uint64_t>(), prefetched);
   EXPECT_EQ(ra["failed_reads"].get<uint64_t>(), 0u);
+  const uint64_t budgetFrames = (4u << 20) / with["frame_bytes"].get<uint64_t>();
+  ASSERT_EQ(budgetFrames, 28u);
   const uint64_t hitsWithout = without["passes"][1]["memory_hits"];
   const uint64_t hitsWith = with["passes"][1]["memory_hits"];
-  EXPECT_LT(hitsWithout, 12u) << "the second pass should have found its frames on disk only";
+  EXPECT_LE(hitsWithout, budgetFrames) << "more frames in memory than the budget holds";
+  EXPECT_GE(without["passes"][1]["disk_hits"].get<uint64_t>(), 48u - budgetFrames);
+  // More memory hits than the budget could have kept from the first pass: the rest were read ahead.
   EXPECT_GE(hitsWith, 36u) << "read-ahead should have served most of the pass from memory";
+  EXPECT_GE(ra["hits_on_prefetched"].get<uint64_t>(), hitsWith - budgetFrames);
   EXPECT_LE(with["overall"]["peak_memory"].get<uint64_t>(), 4u << 20);
 }
 
