@@ -80,13 +80,15 @@ void JX_Birth(bool mediaMapAllowed, unsigned int bagArgument, bool gfxpakLimitAl
   // host's media manager whatever is decided below, and with it its hold on those items.
   JX_MediaMapDeath();
 
+  // Decided afresh at every start-up: under the Gfxpak limit too, where an earlier start-up's
+  // media map would otherwise stay "in use" after it left the host's media manager. A host
+  // without a media manager has no pool to mirror into.
+  jx::settings::SetUseMediaMap(!gfxpakLimit && useMediaMapSetting && mediaMapAllowed &&
+                               RV::GetMediaManager() != nullptr);
   if (gfxpakLimit) {
     JX_MediaMapSetCacheLimit(jx::settings::CacheIdentity(), JX_GetMaxJXCacheSize());
-  } else {
-    // A host without a media manager has no pool to mirror into.
-    jx::settings::SetUseMediaMap(useMediaMapSetting && mediaMapAllowed &&
-                                 RV::GetMediaManager() != nullptr);
-    if (jx::settings::UseMediaMap()) JX_MediaMapBirth();
+  } else if (jx::settings::UseMediaMap()) {
+    JX_MediaMapBirth();
   }
 }
 

@@ -137,6 +137,7 @@ TEST(LifecycleTest, ASecondStartUpDetachesTheFirstOnesMediaMap) {
     ASSERT_EQ(manager->GetTotalBytes(), 10u);
     JX_Birth(secondTakesGfxpakLimit, 1, secondTakesGfxpakLimit);
     EXPECT_EQ(jx::mediamap::CurrentAdapter(), nullptr);
+    EXPECT_FALSE(jx::settings::UseMediaMap()) << "the first start-up's decision outlived it";
     EXPECT_EQ(manager->GetTotalBytes(), 0u);
     EXPECT_EQ(first->GetRefCount(), 1) << "nothing but the test holds the first bag's item";
     JX_GlobalBag()->AddToBagAndSortDir(jx::testing::MakeItem(10));
