@@ -3,6 +3,8 @@
 // keys beside purges, every miss a caller sees is counted exactly once.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <atomic>
 #include <cstdint>
 #include <random>
@@ -66,6 +68,15 @@ class MissReasonsTest : public LibraryTest {
 class MissReasonsConcurrencyTest : public MissReasonsTest {};
 
 TEST_F(MissReasonsTest, EachMissCountsOneReasonAndHitsCountNone) {
+  // The class the misses count under: this payload's own, unless earlier tests of this process
+  // took every class slot before it missed for the first time.
+  const auto known = JX_GetMissReasons();
+  const bool slotLeft = known.size() < jx::miss::kMaxClasses - 1 ||
+                        std::any_of(known.begin(), known.end(), [](const auto& row) {
+                          return row.payloadClass == "TestPayload";
+                        });
+  const std::string expectedClass = slotLeft ? "TestPayload" : jx::miss::kOtherClass;
+
   const Guid fresh = Guid::CreateUnique();
   EXPECT_EQ(Look(fresh), kJX_CreatedPending);
   EXPECT_EQ(Count(kJX_MissNeverSeen), 1);
@@ -114,9 +125,11 @@ TEST_F(MissReasonsTest, EachMissCountsOneReasonAndHitsCountNone) {
     sum += all.byReason[r];
   }
   EXPECT_EQ(sum, all.total);
-  const auto rows = JX_GetMissReasons();
+  // Classes that missed in earlier tests of this process keep their rows, at zero.
+  auto rows = JX_GetMissReasons();
+  std::erase_if(rows, [](const auto& row) { return row.total == 0; });
   ASSERT_EQ(rows.size(), 1u);
-  EXPECT_EQ(rows[0].payloadClass, "TestPayload");
+  EXPECT_EQ(rows[0].payloadClass, expectedClass);
   EXPECT_EQ(rows[0].total, all.total);
 
   JX_ResetStatistics();

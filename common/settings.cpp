@@ -1,6 +1,8 @@
 #include "common/settings.h"
 
 #include <atomic>
+#include <mutex>
+#include <string>
 
 #include "host/feature.h"
 #include "host/setting_text.h"
@@ -23,6 +25,65 @@ zelappsupport::feature::BetaFeature gGfxpakLimitFeature(
     "$$$/KQ/BetaFeature/SetJXCacheLimitForGfxpaks/Desc=Enabling memory limit set on JX cache for "
     "KQ gfxpaks.",
     "JXC-MEM-0002", 1, 1, 0);
+
+// A setting read on first use and kept. As with a function-local static, the first read runs
+// under a lock of the setting's own, so that a host answering one setting may read another;
+// unlike one, the value can be forgotten, so that each test reads the settings afresh as a new
+// process would. Every one links itself into a list at static initialisation, so that
+// ForgetForTests reaches each without a list to keep up by hand.
+class ReadOnceBase {
+ public:
+  ReadOnceBase() : next_(first_) { first_ = this; }
+  ReadOnceBase(const ReadOnceBase&) = delete;
+  ReadOnceBase& operator=(const ReadOnceBase&) = delete;
+
+  // Only while no other thread reads the setting.
+  static void ForgetAll() {
+    for (ReadOnceBase* r = first_; r != nullptr; r = r->next_) {
+      std::lock_guard lock(r->mutex_);
+      r->ready_.store(false, std::memory_order_relaxed);
+    }
+  }
+
+ protected:
+  ~ReadOnceBase() = default;  // static storage only: never unlinked
+  std::atomic<bool> ready_{false};
+  std::mutex mutex_;
+
+ private:
+  static inline ReadOnceBase* first_ = nullptr;
+  ReadOnceBase* const next_;
+};
+
+template <class T>
+class ReadOnce : public ReadOnceBase {
+ public:
+  template <class Read>
+  const T& Get(Read read) {
+    if (!ready_.load(std::memory_order_acquire)) {
+      std::lock_guard lock(mutex_);
+      if (!ready_.load(std::memory_order_relaxed)) {
+        value_ = read();
+        ready_.store(true, std::memory_order_release);
+      }
+    }
+    return value_;
+  }
+
+ private:
+  T value_{};
+};
+
+struct ReadOnceSettings {
+  ReadOnce<bool> improvedDiskCacheFeature, gfxpakLimitFeature, diskCompression, useMediaMap;
+  ReadOnce<int32_t> playbackCompressionOption, writeToDiskPriority, readDiskDelayMs,
+      writeDiskDelayMs;
+  ReadOnce<double> lowPriorityFactor, minSizeToPurgeLimitRatio, gfxpaksLimitMultiplier;
+  ReadOnce<uint32_t> debugSleepSetStuffDataMs, pendingOverdueMs, farmConnectTimeoutMs,
+      farmCommandTimeoutMs, farmLeaseMs, farmLeaseWaitMs, farmTtlSeconds;
+  ReadOnce<std::string> farmAddress, farmNode;
+};
+ReadOnceSettings gRead;
 
 bool gMediaMapAllowed = false;
 bool gUseMediaMap = false;
@@ -49,8 +110,8 @@ double ReadDouble(const char* name, double def) {
 }
 
 bool ImprovedDiskCacheFeatureOn() {
-  static const bool on = zelappsupport::feature::IsFeatureEnabled(kJX_ImprovedDiskCacheFeature);
-  return on;
+  return gRead.improvedDiskCacheFeature.Get(
+      [] { return zelappsupport::feature::IsFeatureEnabled(kJX_ImprovedDiskCacheFeature); });
 }
 }  // namespace
 
@@ -64,8 +125,8 @@ void JX_PlaybackFromDiskLogicIsEnabled() {
 
 namespace jx::settings {
 bool GfxpakLimitFeatureOn() {
-  static const bool on = zelappsupport::feature::IsFeatureEnabled(kJX_GfxpakLimitFeature);
-  return on;
+  return gRead.gfxpakLimitFeature.Get(
+      [] { return zelappsupport::feature::IsFeatureEnabled(kJX_GfxpakLimitFeature); });
 }
 }  // namespace jx::settings
 
@@ -75,101 +136,88 @@ bool JX_IsSetJXCacheLimitForGfxpaksEnabled() {
 }
 
 bool JX_IsDiskCompressionEnabled() {
-  static const bool on = ReadBool("KQ.IsDiskCompressionEnabledR", false);
-  return on;
+  return gRead.diskCompression.Get([] { return ReadBool("KQ.IsDiskCompressionEnabledR", false); });
 }
 
 JX_CompressedAllowedOption JX_GetPlaybackCompressionAllowedOption() {
   if (!JX_IsDiskCompressionEnabled()) return kJX_CompressionNotAllowed;
-  static const int32_t playback = ReadInt32("KQ.JX.PlaybackCompressionOptionR", 1);
+  const int32_t playback = gRead.playbackCompressionOption.Get(
+      [] { return ReadInt32("KQ.JX.PlaybackCompressionOptionR", 1); });
   return playback != 0 ? kJX_CompressionAllowedForPlayback : kJX_CompressionAllowed;
 }
 
 namespace jx::settings {
 
 bool UseMediaMapSetting() {
-  static const bool v = ReadBool("JX.UseMediaMap1", true);
-  return v;
+  return gRead.useMediaMap.Get([] { return ReadBool("JX.UseMediaMap1", true); });
 }
 
 int32_t WriteToDiskPriority() {
   constexpr int32_t kDefault = 2;
   if (!JX_IsImprovedDiskCacheBehaviorFullyEnabled()) return kDefault;
-  static const int32_t v = [] {
+  return gRead.writeToDiskPriority.Get([] {
     int32_t read = ReadInt32("KQ.JX.WriteToDiskPriorityR", kDefault);
     return read >= 3 ? kDefault : read;
-  }();
-  return v;
+  });
 }
 
 double LowPriorityFactor() {
-  static const double v = ReadDouble("KQ.JX.LowPriorityFactorR", 2.0);
-  return v;
+  return gRead.lowPriorityFactor.Get([] { return ReadDouble("KQ.JX.LowPriorityFactorR", 2.0); });
 }
 
 double MinJXSizeToPurgeLimitRatio() {
-  static const double v = ReadDouble("KQ.MinJXSizeToPurgeLimitRatioR", 0.1);
-  return v;
+  return gRead.minSizeToPurgeLimitRatio.Get(
+      [] { return ReadDouble("KQ.MinJXSizeToPurgeLimitRatioR", 0.1); });
 }
 
 double GfxpaksCacheLimitMultiplier() {
-  static const double v = ReadDouble("Graphics.DefaultJXCacheLimitForGfxpaksMultiplier", 0.1);
-  return v;
+  return gRead.gfxpaksLimitMultiplier.Get(
+      [] { return ReadDouble("Graphics.DefaultJXCacheLimitForGfxpaksMultiplier", 0.1); });
 }
 
 uint32_t DebugSleepTimeSetStuffDataMs() {
-  static const uint32_t v = ReadUInt32("KQ.DebugSleepTimeInMs_JXSetStuffDataR", 0);
-  return v;
+  return gRead.debugSleepSetStuffDataMs.Get(
+      [] { return ReadUInt32("KQ.DebugSleepTimeInMs_JXSetStuffDataR", 0); });
 }
 
 uint32_t PendingOverdueMs() {
-  static const uint32_t v = ReadUInt32("JX.PendingOverdueMs", 30000);
-  return v;
+  return gRead.pendingOverdueMs.Get([] { return ReadUInt32("JX.PendingOverdueMs", 30000); });
 }
 
 int32_t ReadDiskDelayMs() {
-  static const int32_t v = ReadInt32("KQ.JX.ReadDiskDelayInMsR", 0);
-  return v;
+  return gRead.readDiskDelayMs.Get([] { return ReadInt32("KQ.JX.ReadDiskDelayInMsR", 0); });
 }
 
 int32_t WriteDiskDelayMs() {
-  static const int32_t v = ReadInt32("KQ.JX.WriteDiskDelayInMsR", 0);
-  return v;
+  return gRead.writeDiskDelayMs.Get([] { return ReadInt32("KQ.JX.WriteDiskDelayInMsR", 0); });
 }
 
 const std::string& FarmAddress() {
-  static const std::string v = ReadEntry("JX.Farm.Address", "");
-  return v;
+  return gRead.farmAddress.Get([] { return ReadEntry("JX.Farm.Address", ""); });
 }
 
 const std::string& FarmNode() {
-  static const std::string v = ReadEntry("JX.Farm.Node", "");
-  return v;
+  return gRead.farmNode.Get([] { return ReadEntry("JX.Farm.Node", ""); });
 }
 
 uint32_t FarmConnectTimeoutMs() {
-  static const uint32_t v = ReadUInt32("JX.Farm.ConnectTimeoutMs", 100);
-  return v;
+  return gRead.farmConnectTimeoutMs.Get([] { return ReadUInt32("JX.Farm.ConnectTimeoutMs", 100); });
 }
 
 uint32_t FarmCommandTimeoutMs() {
-  static const uint32_t v = ReadUInt32("JX.Farm.CommandTimeoutMs", 250);
-  return v;
+  return gRead.farmCommandTimeoutMs.Get([] { return ReadUInt32("JX.Farm.CommandTimeoutMs", 250); });
 }
 
 uint32_t FarmLeaseMs() {
-  static const uint32_t v = ReadUInt32("JX.Farm.LeaseMs", 5000);
-  return v;
+  return gRead.farmLeaseMs.Get([] { return ReadUInt32("JX.Farm.LeaseMs", 5000); });
 }
 
 uint32_t FarmLeaseWaitMs() {
-  static const uint32_t v = ReadUInt32("JX.Farm.LeaseWaitMs", 10000);
-  return v;
+  return gRead.farmLeaseWaitMs.Get([] { return ReadUInt32("JX.Farm.LeaseWaitMs", 10000); });
 }
 
 uint32_t FarmTtlSeconds() {
-  static const uint32_t v = ReadUInt32("JX.Farm.TTLSeconds", 86400);
-  return v;
+  return gRead.farmTtlSeconds.Get([] { return ReadUInt32("JX.Farm.TTLSeconds", 86400); });
 }
 
 void SetMediaMapAllowed(bool allowed) { gMediaMapAllowed = allowed; }
@@ -178,7 +226,10 @@ void SetUseMediaMap(bool use) { gUseMediaMap = use; }
 bool UseMediaMap() { return gUseMediaMap; }
 bool ExchangeGfxpakLimitAllowed(bool allowed) { return gGfxpakLimitAllowed.exchange(allowed); }
 bool PlaybackFromDiskLogic() { return gPlaybackFromDiskLogic.load(std::memory_order_relaxed); }
-void SwitchPlaybackFromDiskLogicOffForTests() { gPlaybackFromDiskLogic.store(false); }
+void ForgetForTests() {
+  ReadOnceBase::ForgetAll();
+  gPlaybackFromDiskLogic.store(false);
+}
 const zelcore::utility::Guid& CacheIdentity() { return gCacheIdentity; }
 
 }  // namespace jx::settings

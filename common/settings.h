@@ -73,9 +73,10 @@ void SetUseMediaMap(bool use);
 bool UseMediaMap();
 bool ExchangeGfxpakLimitAllowed(bool allowed);
 bool PlaybackFromDiskLogic();
-// Tests only: the playback-from-disk logic off again, so that a test that switched it on does not
-// leave it on for the next test run in the same process.
-void SwitchPlaybackFromDiskLogicOffForTests();
+// Tests only, while no other thread uses the library: every setting is read again on its next
+// use, and the playback-from-disk logic is off, as in a new process. Lets the tests of one
+// program run in one process, each seeing the settings it sets.
+void ForgetForTests();
 
 // This library's cache identity towards the host's media manager (made at load time).
 const zelcore::utility::Guid& CacheIdentity();

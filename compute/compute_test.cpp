@@ -195,6 +195,7 @@ TEST_F(ComputeTest, RegistrationNeedsEveryCallbackAndTheFirstOneWins) {
   EXPECT_EQ(suite_->ClassUnregister("p"), 0);
   EXPECT_EQ(suite_->ClassUnregister("p"), 0);
   EXPECT_EQ(JX_ComputeClassFind("p", &found), kUnknown);
+  EXPECT_EQ(suite_->ClassUnregister(""), 0);
 }
 
 // Each thread keeps the class it asked for last. A compute that asks for another class replaces

@@ -252,9 +252,7 @@ TEST_F(DiskFolderTest, TheScanListsTheFolderOnceAndSweepsOnlyItsOwnOldTemporarie
   files.CountListingsOf(Folder().GetPath());
   int adopted = 0;
   {
-    jx::host::InstallFileSystem(&files);
-    const std::shared_ptr<void> uninstall(nullptr,
-                                          [](void*) { jx::host::InstallFileSystem(nullptr); });
+    const jx::testing::InstalledFileSystem installed(files);
     bag_->RequestDiskCacheScan();
     adopted = bag_->ScanDiskCacheDir();
   }

@@ -48,6 +48,11 @@ void SpeedStatistics::AddSample(uint64_t bytes, double seconds, uint64_t now, do
   s_.lastTimeStamp = now;
 }
 
+void SpeedStatistics::Reset() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  s_ = Snapshot{};
+}
+
 double SpeedStatistics::GetAverage() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return s_.average;

@@ -44,6 +44,8 @@ class SpeedStatistics {
   double GetMaxAverage() const;
   int64_t GetSampleCount() const;
   Snapshot GetSnapshot() const;
+  // Forgets every sample: the estimate is the initial one again.
+  void Reset();
 
  private:
   mutable std::mutex mutex_;

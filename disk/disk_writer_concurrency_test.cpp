@@ -315,8 +315,7 @@ class CommitMeetsPurge final : public jx::testing::ForwardingFileSystem {
 TEST_F(DiskWriterTest, AFolderPurgeBetweenAWritesCommitAndItsLinkLeavesTheItemsFile) {
   auto item = AddDiskCacheableItem(4096);
   CommitMeetsPurge files([&] { return item->HasDiskCacheFile(); });
-  std::shared_ptr<void> uninstall(nullptr, [](void*) { jx::host::InstallFileSystem(nullptr); });
-  jx::host::InstallFileSystem(&files);
+  auto installed = std::make_unique<jx::testing::InstalledFileSystem>(files);
   auto write = std::async(std::launch::async, [&] { item->PrepAndWrite(bag_); });
   const bool committed = EventuallyTrue([&] { return files.Committed(); });
   const bool linkedBeforePurge = item->HasDiskCacheFile();
@@ -327,7 +326,7 @@ TEST_F(DiskWriterTest, AFolderPurgeBetweenAWritesCommitAndItsLinkLeavesTheItemsF
     std::_Exit(3);
   }
   write.get();
-  uninstall.reset();
+  installed.reset();
   ASSERT_TRUE(committed) << "the write never renamed its file into the folder";
   ASSERT_FALSE(linkedBeforePurge) << "the purge came after the link, not between";
 

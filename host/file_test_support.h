@@ -100,4 +100,19 @@ class ForwardingFileSystem : public jx::host::FileSystem {
   jx::host::FileSystem& in_ = jx::host::DefaultFileSystem();
 };
 
+// Installs a file system for the scope and then puts back the one that was installed before (the
+// fault-injecting one, in a test program that uses it), never the default in its place.
+class InstalledFileSystem {
+ public:
+  explicit InstalledFileSystem(jx::host::FileSystem& files) : previous_(&jx::host::GetFiles()) {
+    jx::host::InstallFileSystem(&files);
+  }
+  ~InstalledFileSystem() { jx::host::InstallFileSystem(previous_); }
+  InstalledFileSystem(const InstalledFileSystem&) = delete;
+  InstalledFileSystem& operator=(const InstalledFileSystem&) = delete;
+
+ private:
+  jx::host::FileSystem* const previous_;
+};
+
 }  // namespace jx::testing

@@ -30,6 +30,7 @@ TEST(RefCountedConcurrency, WeakLockRacingTheFinalReleaseNeverRevivesTheObject) 
   constexpr int kLockers = 3;
   constexpr int kRounds = 2000;
   constexpr int kAttempts = 20;
+  destroyed.store(0);  // a count of this run only, when the test is repeated
   IntrusivePtr<Tracked> strong;
   WeakPtr<Tracked> weak;
   std::atomic<int> foundDead{0};

@@ -30,10 +30,21 @@ DebugDatabase& DebugDatabase::Instance() {
   return *instance;
 }
 
-DebugDatabase::DebugDatabase() {
+DebugDatabase::DebugDatabase() { LoadEnvironmentFile(); }
+
+void DebugDatabase::LoadEnvironmentFile() {
   if (const char* path = std::getenv("JX_SETTINGS"); path != nullptr && *path != '\0') {
     LoadFile(path);
   }
+}
+
+void DebugDatabase::ResetForTests() {
+  {
+    jx::MutexLock lock(mutex_);
+    entries_.clear();
+    lookups_.clear();
+  }
+  LoadEnvironmentFile();
 }
 
 std::string DebugDatabase::GetEntry(const std::string& name, const std::string& defaultText) const {

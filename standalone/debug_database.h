@@ -31,9 +31,13 @@ class DebugDatabase {
   // How often GetEntry was asked for `name` in this process, whether or not it had an entry:
   // lets tests tell a setting that is read lazily, once, from one that is read at all.
   uint64_t LookupCount(const std::string& name) const;
+  // Tests only: back to what a new process starts with, the $JX_SETTINGS file's entries and no
+  // look-ups counted.
+  void ResetForTests();
 
  private:
   DebugDatabase();
+  void LoadEnvironmentFile();
   mutable jx::Mutex mutex_;
   std::unordered_map<std::string, std::string> entries_ GUARDED_BY(mutex_);
   mutable std::unordered_map<std::string, uint64_t> lookups_ GUARDED_BY(mutex_);

@@ -86,8 +86,6 @@ TEST(DebugDatabaseTest, TypedParsingFallsBackToTheDefault) {
   }
 }
 
-// First of the tracing tests: the others reconfigure tracing when the whole program runs in
-// one process.
 TEST(TracingTest, SeededFromTheEnvironmentAndWrittenToTheTraceFile) {
   EXPECT_TRUE(Tracing::IsEnabled("SettingsTest.Env", 3));
   EXPECT_FALSE(Tracing::IsEnabled("SettingsTest.Env", 4));
@@ -111,6 +109,7 @@ int Counted(int v) { return ++sideEffects, v; }
 void TraceFromOneSite(int v) { ZC_TRACE("SettingsTest.Site", 5, "value " << Counted(v)); }
 
 TEST(TracingTest, TextIsBuiltOnlyWhileTheSiteIsOnAndTheCacheFollowsChanges) {
+  sideEffects = 0;
   std::vector<std::string> lines;
   Tracing::Configure("");
   Tracing::SetSink([&](const char* category, int level, const std::string& text) {

@@ -14,9 +14,12 @@ struct FeatureStates {
   std::mutex mutex;
   std::unordered_map<std::string, bool> explicitStates;
 
-  FeatureStates() {
+  FeatureStates() { explicitStates = FromEnvironment(); }
+
+  static std::unordered_map<std::string, bool> FromEnvironment() {
+    std::unordered_map<std::string, bool> explicitStates;
     const char* env = std::getenv("JX_FEATURES");
-    if (env == nullptr) return;
+    if (env == nullptr) return explicitStates;
     std::string list(env);
     size_t start = 0;
     while (start <= list.size()) {
@@ -29,6 +32,7 @@ struct FeatureStates {
       size_t last = key.find_last_not_of(" \t");
       explicitStates[key.substr(first, last - first + 1)] = true;
     }
+    return explicitStates;
   }
 };
 
@@ -54,6 +58,13 @@ void SetFeatureEnabled(const std::string& key, bool enabled) {
   FeatureStates& f = Features();
   std::lock_guard<std::mutex> lock(f.mutex);
   f.explicitStates[key] = enabled;
+}
+
+void ResetFeaturesForTests() {
+  auto fresh = FeatureStates::FromEnvironment();
+  FeatureStates& f = Features();
+  std::lock_guard<std::mutex> lock(f.mutex);
+  f.explicitStates.swap(fresh);
 }
 }  // namespace zelappsupport::feature
 

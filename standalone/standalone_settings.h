@@ -13,6 +13,9 @@
 namespace zelappsupport::feature {
 // Turns a feature on or off for the stand-in host, whatever its declared default.
 void SetFeatureEnabled(const std::string& key, bool enabled);
+// Tests only: every feature back to what a new process starts with ($JX_FEATURES, else the
+// declared default).
+void ResetFeaturesForTests();
 }  // namespace zelappsupport::feature
 
 namespace zelappsupport::preferences {

@@ -152,7 +152,9 @@ void FaultInjection::Install() {
     jx::host::InstallFileSystem(fs);
     return fs;
   }();
-  (void)files;
+  // Again whenever the default is back (a test put it back in place of this one), or a planned
+  // fault would silently never happen; a test's own file system installed on top stays.
+  if (&jx::host::GetFiles() == &jx::host::DefaultFileSystem()) jx::host::InstallFileSystem(files);
 }
 
 const char* CrashPointName(CrashPoint point) {

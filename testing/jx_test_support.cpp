@@ -6,7 +6,11 @@
 #include <filesystem>
 
 #include "common/settings.h"
+#include "disk/disk_speed.h"
+#include "host/trace.h"
 #include "host/y_api.h"
+#include "standalone/debug_database.h"
+#include "standalone/standalone_settings.h"
 
 namespace jx::testing {
 
@@ -133,10 +137,20 @@ long long SumOfItemSizes(JX_Bag& bag) {
   return sum;
 }
 
+void StartAsANewProcess() {
+  jx::settings::ForgetForTests();
+  zelcore::debug::DebugDatabase::Instance().ResetForTests();
+  zelappsupport::feature::ResetFeaturesForTests();
+  jx::disk::ReadSpeedStatistics().Reset();
+  jx::disk::WriteSpeedStatistics().Reset();
+  const char* trace = std::getenv("JX_TRACE");
+  zelcore::debug::Tracing::Configure(trace != nullptr ? trace : "");
+  zelcore::debug::Tracing::SetSink(nullptr);
+}
+
 void LibraryTest::SetUp() {
   auto& host = StandaloneHost::Instance();
   host.Reset();
-  jx::settings::SwitchPlaybackFromDiskLogicOffForTests();
   host.SetEchoReports(false);
   host.MakeCurrentThreadMain();
   char pattern[] = "/tmp/jxtest.XXXXXX";

@@ -101,6 +101,13 @@ long long SumOfItemSizes(JX_Bag& bag);
 // independent of the running totals, which at rest must equal them.
 long long PayloadBytesInBag(const JX_Bag& bag);
 
+// Puts back what a new process starts with and a test may have changed: the settings the library
+// read once, the stand-in's settings database (entries and look-up counts) and features, the
+// disk speed estimates and the tracing configuration. The shared test entry point calls it before every test, so that a test
+// program's tests pass in one process as they do one process each. Only while the library runs
+// no work of its own.
+void StartAsANewProcess();
+
 // Starts the library (JX_Birth) with a quiet, deterministic host and a temporary folder;
 // stops it in TearDown and checks that nothing is left checked out.
 class LibraryTest : public ::testing::Test {
