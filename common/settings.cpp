@@ -29,17 +29,17 @@ zelappsupport::feature::BetaFeature gGfxpakLimitFeature(
 // A setting read on first use and kept. As with a function-local static, the first read runs
 // under a lock of the setting's own, so that a host answering one setting may read another;
 // unlike one, the value can be forgotten, so that each test reads the settings afresh as a new
-// process would. Every one links itself into a list at static initialisation, so that
-// ForgetForTests reaches each without a list to keep up by hand.
+// process would. The first read links the setting into a list, so that ForgetForTests reaches
+// every setting ever read without a list to keep up by hand.
 class ReadOnceBase {
  public:
-  ReadOnceBase() : next_(first_) { first_ = this; }
+  constexpr ReadOnceBase() = default;
   ReadOnceBase(const ReadOnceBase&) = delete;
   ReadOnceBase& operator=(const ReadOnceBase&) = delete;
 
-  // Only while no other thread reads the setting.
+  // Only while no other thread reads a setting.
   static void ForgetAll() {
-    for (ReadOnceBase* r = first_; r != nullptr; r = r->next_) {
+    for (ReadOnceBase* r = read_.load(std::memory_order_acquire); r != nullptr; r = r->next_) {
       std::lock_guard lock(r->mutex_);
       r->ready_.store(false, std::memory_order_relaxed);
     }
@@ -47,23 +47,35 @@ class ReadOnceBase {
 
  protected:
   ~ReadOnceBase() = default;  // static storage only: never unlinked
+  // Under mutex_, once per setting.
+  void LinkOnce() {
+    if (linked_) return;
+    linked_ = true;
+    next_ = read_.load(std::memory_order_relaxed);
+    while (!read_.compare_exchange_weak(next_, this, std::memory_order_release,
+                                        std::memory_order_relaxed)) {
+    }
+  }
   std::atomic<bool> ready_{false};
   std::mutex mutex_;
 
  private:
-  static inline ReadOnceBase* first_ = nullptr;
-  ReadOnceBase* const next_;
+  static constinit inline std::atomic<ReadOnceBase*> read_{nullptr};
+  ReadOnceBase* next_ = nullptr;
+  bool linked_ = false;
 };
 
 template <class T>
 class ReadOnce : public ReadOnceBase {
  public:
+  constexpr ReadOnce() = default;
   template <class Read>
   const T& Get(Read read) {
     if (!ready_.load(std::memory_order_acquire)) {
       std::lock_guard lock(mutex_);
       if (!ready_.load(std::memory_order_relaxed)) {
         value_ = read();
+        LinkOnce();
         ready_.store(true, std::memory_order_release);
       }
     }
