@@ -54,4 +54,14 @@ function(jx_add_gtest name label)
   jx_test_program_settings(${name})
   target_precompile_headers(${name} REUSE_FROM jx_test_pch)
   gtest_discover_tests(${name} PROPERTIES LABELS "${label}" TIMEOUT 120 DISCOVERY_TIMEOUT 60)
+  jx_add_one_process_test(${name})
+endfunction()
+
+# The whole program in one process, twice, in shuffled orders (fixed seeds, so that a failure
+# replays): a test that leans on another's leftovers, or on a fresh process, fails here. Label
+# one_process, which `make test` runs and the sanitizer runs leave out.
+function(jx_add_one_process_test name)
+  add_test(NAME ${name}.one_process
+    COMMAND ${name} --gtest_shuffle --gtest_random_seed=2026 --gtest_repeat=2 --gtest_brief=1)
+  set_tests_properties(${name}.one_process PROPERTIES LABELS one_process TIMEOUT 600)
 endfunction()
