@@ -217,13 +217,14 @@ class PosixFileSystem final : public FileSystem {
   int VolumeStats(const char* path, struct statvfs* st) override { return ::statvfs(path, st); }
   void StatusInFolder(const char* folder, const std::vector<const char*>& names,
                       std::vector<struct stat>* stats, std::vector<int>* errors) override {
+    // Sized before the folder is opened: running out of memory must not leave its handle open.
+    stats->assign(names.size(), {});
+    errors->assign(names.size(), 0);
     const int fd = Open(folder, O_RDONLY | O_DIRECTORY, 0);
     if (fd < 0) {
       FileSystem::StatusInFolder(folder, names, stats, errors);
       return;
     }
-    stats->assign(names.size(), {});
-    errors->assign(names.size(), 0);
     for (size_t i = 0; i < names.size(); ++i) {
       if (::fstatat(fd, names[i], &(*stats)[i], 0) != 0) (*errors)[i] = errno != 0 ? errno : EIO;
     }
