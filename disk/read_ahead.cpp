@@ -155,7 +155,8 @@ struct JX_ReadAhead::State {
       }
       // Taken before the read: a render thread may use the frame the moment it is in memory.
       const uint64_t usedAtTake = item->GetLastUsedTime();
-      if (!inMemory && !ReadBack(*handle, bytes)) {
+      bool readBack = false;
+      if (!inMemory && !ReadBack(*handle, bytes, &readBack)) {
         CheckIn(*handle);
         continue;
       }
@@ -164,7 +165,7 @@ struct JX_ReadAhead::State {
       h.handle = std::move(handle);
       h.item = std::move(item);
       h.bytes = bytes;
-      h.readBack = !inMemory;
+      h.readBack = readBack;
       // Counted once held: an emplace refused for memory checks the item in with `h`.
       held.emplace(guid, std::move(h));
       heldBytes.fetch_add(bytes, std::memory_order_relaxed);
@@ -194,7 +195,11 @@ struct JX_ReadAhead::State {
     return !itemKey || itemKey->CanSatisfyRequest(requestKey);
   }
 
-  bool ReadBack(JX_ScCheckout& handle, uint64_t bytes) {
+  // `*didRead`: this thread read the payload back. A viewer that asked for the frame meanwhile
+  // may have read it first (the playhead's own frame, typically): then it is found in memory,
+  // and neither the read nor its later use is the read-ahead's doing.
+  bool ReadBack(JX_ScCheckout& handle, uint64_t bytes, bool* didRead) {
+    *didRead = false;
     try {
       if (options.beforeRead) options.beforeRead(bytes);
     } catch (...) {
@@ -205,6 +210,7 @@ struct JX_ReadAhead::State {
     }
     const uint64_t start = zelcore::utility::HighPrecisionTime::GetCurrentTimeStamp();
     bool ok = false;
+    const uint32_t readsBefore = jx::miss::ThisThreadReads().done;
     try {
       ok = handle.EnsureInMemory();
     } catch (...) {
@@ -212,6 +218,7 @@ struct JX_ReadAhead::State {
       // by whoever asks for it.
       failedReads.fetch_add(1, std::memory_order_relaxed);
     }
+    const bool readHere = jx::miss::ThisThreadReads().done != readsBefore;
     const uint64_t end = zelcore::utility::HighPrecisionTime::GetCurrentTimeStamp();
     try {
       if (options.afterRead) options.afterRead(bytes);
@@ -219,6 +226,8 @@ struct JX_ReadAhead::State {
       // The host's own accounting failed; the read itself stands, and the frame is held.
     }
     if (!ok) return false;
+    if (!readHere) return true;
+    *didRead = true;
     readNanos.fetch_add(end - start, std::memory_order_relaxed);  // stamps count nanoseconds
     prefetched.fetch_add(1, std::memory_order_relaxed);
     prefetchedBytes.fetch_add(bytes, std::memory_order_relaxed);

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <latch>
 #include <new>
+#include <thread>
 
 #include "disk/disk_counters.h"
 #include "disk/disk_test_support.h"
@@ -316,4 +317,44 @@ TEST_F(ReadAheadTest, AnotherVariantOfAHeldKeyIsReadAndTheHeldOneLetGo) {
   EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
 }
 
+// The playhead's frame is the one a viewer wants first, so the viewer often reads it back itself
+// while the walk is about to. What the walk reports as read ahead (and later as used or wasted)
+// must be what it read: a frame someone else read is held, but was found in memory.
+TEST_F(ReadAheadTest, AFrameAViewerReadBackFirstIsHeldButNotCountedAsReadAhead) {
+  const auto guids = FramesOnDiskOnly(2);
+  auto& disk = jx::disk::GetCounters();
+  const uint64_t readsBefore = disk.filesRead.load();
+  int viewerReads = 0;
+  JX_ReadAhead::Options options;
+  options.beforeRead = [&](uint64_t) {
+    if (viewerReads != 0) return;
+    // The viewer, on a thread of its own, reads frame 0 back before the walk gets to it.
+    std::thread viewer([&] {
+      JX_ScCheckout handle;
+      if (handle.FindAndCheckout(jx::testing::MakeRequest(guids[0]), cf::kReadOnly) ==
+              kJX_CheckedOut &&
+          handle.IsInMemory()) {
+        ++viewerReads;
+      }
+    });
+    viewer.join();
+  };
+  JX_ReadAhead readAhead(options);
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 2));
+  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_EQ(viewerReads, 1);
+  // Two files read in all: frame 0 by the viewer, frame 1 by the walk.
+  ASSERT_EQ(disk.filesRead.load(), readsBefore + 2);
+  auto c = readAhead.GetCounters();
+  EXPECT_EQ(c.prefetched, 1u);
+  EXPECT_EQ(c.prefetchedBytes, fileBytes_);
+  EXPECT_EQ(c.heldBytes, 2u * fileBytes_);  // both are held all the same
+  EXPECT_EQ(items_[0]->GetCheckoutCount(), 1u);
+  readAhead.Stop();
+  c = readAhead.GetCounters();
+  // Frame 1 was read ahead and never used; frame 0 was not read ahead at all.
+  EXPECT_EQ(c.hitsOnPrefetched, 0u);
+  EXPECT_EQ(c.wasted, 1u);
+  EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
+}
 }  // namespace
