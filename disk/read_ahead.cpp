@@ -145,8 +145,8 @@ struct JX_ReadAhead::State {
         continue;
       }
       const bool inMemory = handle->IsInMemory();
-      const uint64_t bytes =
-          inMemory ? item->GetAccountedMemorySize() : item->GetAccountedDiskSize();
+      // Before a read, the file's size is all there is to go by.
+      uint64_t bytes = inMemory ? item->GetAccountedMemorySize() : item->GetAccountedDiskSize();
       if (heldBytes.load(std::memory_order_relaxed) + bytes > limit) {
         // Further frames wait for the playhead: making room for them would free nearer ones.
         stoppedAtShare.fetch_add(1, std::memory_order_relaxed);
@@ -159,6 +159,17 @@ struct JX_ReadAhead::State {
       if (!inMemory && !ReadBack(*handle, bytes, &readBack)) {
         CheckIn(*handle);
         continue;
+      }
+      if (!inMemory) {
+        // Read, the frame takes what its payload takes in memory, which a file stored compressed
+        // understates: past the share, it is let go (unused, for the purges to take first).
+        bytes = std::max<uint64_t>(bytes, item->GetAccountedMemorySize());
+        if (heldBytes.load(std::memory_order_relaxed) + bytes > limit) {
+          if (readBack) wasted.fetch_add(1, std::memory_order_relaxed);
+          stoppedAtShare.fetch_add(1, std::memory_order_relaxed);
+          CheckIn(*handle);
+          return;
+        }
       }
       Held h;
       h.usedAtTake = usedAtTake;

@@ -357,4 +357,61 @@ TEST_F(ReadAheadTest, AFrameAViewerReadBackFirstIsHeldButNotCountedAsReadAhead) 
   EXPECT_EQ(c.wasted, 1u);
   EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
 }
+
+// A payload kept compressed on disk: in memory it takes four times its file.
+class UnpackedPayload : public jx::testing::TestPayload {
+ public:
+  using TestPayload::TestPayload;
+  unsigned int GetApproximateMemorySize() const override {
+    return 4 * TestPayload::GetApproximateMemorySize();
+  }
+};
+
+// The share is of the cache's memory: a frame read back counts for what it takes in memory once
+// read, which its file may well understate.
+TEST_F(ReadAheadTest, FramesLargerInMemoryThanOnDiskStillStayWithinTheShare) {
+  std::vector<Guid> guids;
+  for (int i = 0; i < 12; ++i) {
+    auto item =
+        JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(new UnpackedPayload(kSize, 7, true)), 10.0);
+    item->SetGuid(Guid::CreateUnique());
+    bag_->AddToBagAndSortDir(item);
+    item->PrepAndWrite(bag_);
+    ASSERT_TRUE(item->HasDiskCacheFile());
+    guids.push_back(item->GetGuid());
+    items_.push_back(item);
+  }
+  ASSERT_TRUE(jx::testing::WriterDrained());
+  fileBytes_ = items_[0]->GetAccountedDiskSize();
+  ASSERT_LT(fileBytes_, 2u * kSize);
+  room_ = 100 * fileBytes_;
+  for (auto& item : items_) {
+    JX_Stuff::ReleaseQueue queue;
+    item->FreeUpAsMuchAsPossible(false, &queue);
+    ASSERT_FALSE(item->IsInMemory());
+  }
+  JX_ReadAhead::Options options;
+  options.budgetShare = 0.1;  // ten files' worth, but only two frames' memory
+  const uint64_t limit = static_cast<uint64_t>(0.1 * static_cast<double>(room_));
+  JX_ReadAhead readAhead(options);
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 12));
+  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  uint64_t heldMemory = 0;
+  int held = 0;
+  for (auto& item : items_) {
+    if (item->GetCheckoutCount() == 0) continue;
+    ++held;
+    heldMemory += item->GetAccountedMemorySize();
+  }
+  EXPECT_GT(held, 0);
+  EXPECT_LE(heldMemory, limit) << held << " frames held";
+  EXPECT_GE(readAhead.GetCounters().heldBytes, heldMemory);
+  EXPECT_EQ(readAhead.GetCounters().stoppedAtShare, 1u);
+  // What it holds cannot be purged; what it let go of can.
+  bag_->PurgeAllMemoryCaches();
+  EXPECT_EQ(InMemory(0, 12), held);
+  readAhead.Stop();
+  EXPECT_EQ(readAhead.GetCounters().heldBytes, 0u);
+  EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
+}
 }  // namespace
