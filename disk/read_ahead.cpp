@@ -257,7 +257,10 @@ struct JX_ReadAhead::State {
 
   void LetGo(Held& h) {
     if (h.readBack) {
-      if (h.item->GetLastUsedTime() > h.usedAtTake) {
+      // A user renews the frame's last use only as it checks the frame back in: one that holds
+      // it now (a viewer with it on screen as the playhead moves on) is using it.
+      const bool inUseNow = h.item->GetCheckoutCount() > 1;
+      if (inUseNow || h.item->GetLastUsedTime() > h.usedAtTake) {
         hits.fetch_add(1, std::memory_order_relaxed);
       } else {
         wasted.fetch_add(1, std::memory_order_relaxed);

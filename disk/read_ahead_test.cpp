@@ -414,4 +414,28 @@ TEST_F(ReadAheadTest, FramesLargerInMemoryThanOnDiskStillStayWithinTheShare) {
   EXPECT_EQ(readAhead.GetCounters().heldBytes, 0u);
   EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
 }
+
+// A viewer keeps the frame on screen checked out, and the host moves the playhead on before the
+// viewer checks it back in: a frame in use when it is let go was used all the same.
+TEST_F(ReadAheadTest, AFrameStillCheckedOutByAViewerWhenLetGoCountsAsUsed) {
+  const auto guids = FramesOnDiskOnly(3);
+  JX_ReadAhead readAhead;
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 3));
+  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_EQ(readAhead.GetCounters().prefetched, 3u);
+  {
+    JX_ScCheckout onScreen;
+    ASSERT_EQ(onScreen.FindAndCheckout(jx::testing::MakeRequest(guids[0]), cf::kReadOnly),
+              kJX_CheckedOut);
+    ASSERT_TRUE(onScreen.IsInMemory());
+    readAhead.SetPlayhead(jx::testing::MakeRequest(guids[1]), 1, Requests(guids, 2, 3));
+    ASSERT_TRUE(readAhead.WaitIdle(kLong));
+    EXPECT_EQ(items_[0]->GetCheckoutCount(), 1u);  // the viewer's own
+  }
+  readAhead.Stop();
+  const auto c = readAhead.GetCounters();
+  EXPECT_EQ(c.hitsOnPrefetched, 1u);  // frame 0
+  EXPECT_EQ(c.wasted, 2u);            // frames 1 and 2, never used
+}
+
 }  // namespace
