@@ -32,7 +32,16 @@ struct Held {
   uint64_t bytes = 0;
   uint64_t usedAtTake = 0;  // its last-used time once held: a later one means someone used it
   bool readBack = false;    // read back by the walk, not found in memory
+  bool registered = false;  // counted in PlanHolds
 };
+
+// How many check-outs of each item the read-ahead plans hold, all plans together: of an item's
+// check-outs, those are not someone using it.
+std::mutex gPlanHoldsMutex;  // leaf
+std::unordered_map<const JX_Stuff*, uint32_t>& PlanHolds() {
+  static auto* holds = new std::unordered_map<const JX_Stuff*, uint32_t>;
+  return *holds;
+}
 
 }  // namespace
 
@@ -178,8 +187,15 @@ struct JX_ReadAhead::State {
       h.bytes = bytes;
       h.readBack = readBack;
       // Counted once held: an emplace refused for memory checks the item in with `h`.
-      held.emplace(guid, std::move(h));
+      const auto at = held.emplace(guid, std::move(h));
       heldBytes.fetch_add(bytes, std::memory_order_relaxed);
+      try {
+        std::lock_guard<std::mutex> l(gPlanHoldsMutex);
+        ++PlanHolds()[at->second.item.get()];
+        at->second.registered = true;
+      } catch (const std::bad_alloc&) {
+        // Unregistered, the hold looks like a user of the frame to another plan's count.
+      }
     }
   }
 
@@ -256,10 +272,20 @@ struct JX_ReadAhead::State {
   }
 
   void LetGo(Held& h) {
+    uint32_t planHolds = h.registered ? 0 : 1;  // this one's, when not counted below
+    {
+      std::lock_guard<std::mutex> l(gPlanHoldsMutex);
+      auto& holds = PlanHolds();
+      if (const auto it = holds.find(h.item.get()); it != holds.end()) {
+        planHolds += it->second;
+        if (h.registered && --it->second == 0) holds.erase(it);
+      }
+      h.registered = false;
+    }
     if (h.readBack) {
       // A user renews the frame's last use only as it checks the frame back in: one that holds
       // it now (a viewer with it on screen as the playhead moves on) is using it.
-      const bool inUseNow = h.item->GetCheckoutCount() > 1;
+      const bool inUseNow = h.item->GetCheckoutCount() > planHolds;
       if (inUseNow || h.item->GetLastUsedTime() > h.usedAtTake) {
         hits.fetch_add(1, std::memory_order_relaxed);
       } else {

@@ -438,4 +438,28 @@ TEST_F(ReadAheadTest, AFrameStillCheckedOutByAViewerWhenLetGoCountsAsUsed) {
   EXPECT_EQ(c.wasted, 2u);            // frames 1 and 2, never used
 }
 
+// Two viewers of one clip, each with its plan: a frame both plans hold is not in use for either,
+// and one a viewer has checked out is.
+TEST_F(ReadAheadTest, AFrameAnotherPlanHoldsIsNotCountedAsUsed) {
+  const auto guids = FramesOnDiskOnly(3);
+  JX_ReadAhead first, second;
+  first.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 3));
+  ASSERT_TRUE(first.WaitIdle(kLong));
+  second.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 3));
+  ASSERT_TRUE(second.WaitIdle(kLong));
+  ASSERT_EQ(first.GetCounters().prefetched, 3u);
+  ASSERT_EQ(items_[0]->GetCheckoutCount(), 2u);
+  {
+    JX_ScCheckout onScreen;
+    ASSERT_EQ(onScreen.FindAndCheckout(jx::testing::MakeRequest(guids[1]), cf::kReadOnly),
+              kJX_CheckedOut);
+    first.Stop();
+  }
+  const auto c = first.GetCounters();
+  EXPECT_EQ(c.hitsOnPrefetched, 1u);  // frame 1, on screen
+  EXPECT_EQ(c.wasted, 2u);            // frames 0 and 2, which only the other plan holds
+  second.Stop();
+  EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
+}
+
 }  // namespace
