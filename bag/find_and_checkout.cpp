@@ -119,10 +119,13 @@ JX_CheckoutResult JX_Bag::FindAndCheckout(const StuffPtr& request, int checkoutF
   if (result == kJX_CheckedOut) {
     const jx::miss::ThreadReads before = jx::miss::ThisThreadReads();
     if (!FinishCheckoutOfMatch(*match, checkoutFlags, matchWasPending)) {
-      // Refused after all: the read back failed, or the render we found was abandoned.
+      // Refused after all: the render we found was abandoned, or the payload could not be read
+      // back. The read may have been another thread's, which this one waited for (and which
+      // recorded why the payload is gone): only a read of this thread's own shows here.
       const bool readFailed = jx::miss::ThisThreadReads().failed != before.failed;
-      CountRefusal(*request,
-                   readFailed ? jx::miss::Reason::kFailedRead : jx::miss::Reason::kPendingDeadline);
+      CountRefusal(*request, readFailed        ? jx::miss::Reason::kFailedRead
+                             : matchWasPending ? jx::miss::Reason::kPendingDeadline
+                                               : DepartureOfRequest(*request));
       return kJX_CheckoutRefused;
     }
     CountIfNotServedFromMemory(*request, *match, checkoutFlags, before);

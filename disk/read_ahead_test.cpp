@@ -2,6 +2,7 @@
 // the playhead jumps, and how it treats keys it cannot read.
 #include <gtest/gtest.h>
 
+#include <condition_variable>
 #include <filesystem>
 #include <latch>
 #include <new>
@@ -10,8 +11,10 @@
 #include "disk/disk_counters.h"
 #include "disk/disk_test_support.h"
 #include "jxcache/bag/bag.h"
+#include "jxcache/bag/library_lock.h"
 #include "jxcache/disk/read_ahead.h"
 #include "jxcache/items/sc_checkout.h"
+#include "jxcache/lifecycle/miss_reasons.h"
 #include "standalone/standalone_host.h"
 
 namespace cf = jx::checkout_flags;
@@ -459,6 +462,106 @@ TEST_F(ReadAheadTest, AFrameAnotherPlanHoldsIsNotCountedAsUsed) {
   EXPECT_EQ(c.hitsOnPrefetched, 1u);  // frame 1, on screen
   EXPECT_EQ(c.wasted, 2u);            // frames 0 and 2, which only the other plan holds
   second.Stop();
+  EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
+}
+
+// A payload whose file turns out damaged when read back. It lets a test hold a viewer's look-up
+// at the point where the viewer, having checked the frame out, looks whether it must read it.
+class DamagedOnDiskPayload : public jx::testing::TestPayload {
+ public:
+  using TestPayload::TestPayload;
+  bool IsInMemory() const override {
+    if (onViewerThread && std::this_thread::get_id() == viewer) onViewerThread();
+    return TestPayload::IsInMemory();
+  }
+  double Read(zelcore::filesupport::IByteStream&,
+              zelcore::threads::MultiTenantRecursiveMutex&) override {
+    if (duringRead) duringRead();
+    throw std::runtime_error("damaged frame");
+  }
+  static inline std::thread::id viewer;
+  static inline std::function<void()> onViewerThread, duringRead;
+};
+
+// The walk's read of a frame fails while a viewer has the frame checked out, about to read it
+// itself: the viewer's look-up then misses because the file was damaged, and counts so.
+TEST_F(ReadAheadTest, AViewerMissingAFrameWhoseReadFailedOnTheWalkCountsAFailedRead) {
+  auto* payload = new DamagedOnDiskPayload(kSize, 7, true);
+  auto item = JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(payload), 10.0);
+  item->SetGuid(Guid::CreateUnique());
+  bag_->AddToBagAndSortDir(item);
+  item->PrepAndWrite(bag_);
+  ASSERT_TRUE(jx::testing::WriterDrained());
+  ASSERT_TRUE(item->HasDiskCacheFile());
+  {
+    JX_Stuff::ReleaseQueue queue;
+    item->FreeUpAsMuchAsPossible(false, &queue);
+  }
+  ASSERT_FALSE(item->IsInMemory());
+  const Guid guid = item->GetGuid();
+
+  std::mutex m;
+  std::condition_variable cv;
+  bool viewerWaits = false, readStarted = false, sawLibraryLock = false;
+  int viewerHeld = 0, reads = 0;
+  auto waitFor = [&](const bool& flag) {
+    std::unique_lock<std::mutex> l(m);
+    return cv.wait_for(l, std::chrono::seconds(10), [&] { return flag; });
+  };
+  // The viewer's check-out asks under the library lock; the next question, without it, is the
+  // one that decides whether to read. It waits there until the walk's read is under way.
+  DamagedOnDiskPayload::onViewerThread = [&] {
+    if (JXp_ScLock::IsLockedByCurrentThread()) {
+      sawLibraryLock = true;
+      return;
+    }
+    if (!sawLibraryLock || viewerHeld != 0) return;
+    ++viewerHeld;
+    {
+      std::lock_guard<std::mutex> l(m);
+      viewerWaits = true;
+    }
+    cv.notify_all();
+    EXPECT_TRUE(waitFor(readStarted)) << "the walk's read never started";
+  };
+  DamagedOnDiskPayload::duringRead = [&] {
+    ++reads;
+    {
+      std::lock_guard<std::mutex> l(m);
+      readStarted = true;
+    }
+    cv.notify_all();
+    // The viewer goes on meanwhile, to wait for this read.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  };
+  const JX_MissReasons before = JX_GetMissReasonsTotal();
+  JX_CheckoutResult viewerResult = kJX_CheckedOut;
+  std::thread viewer;
+  JX_ReadAhead::Options options;
+  options.beforeRead = [&](uint64_t) {
+    viewer = std::thread([&] {
+      DamagedOnDiskPayload::viewer = std::this_thread::get_id();
+      JX_ScCheckout handle;
+      viewerResult = handle.FindAndCheckout(jx::testing::MakeRequest(guid), cf::kReadOnly);
+    });
+    EXPECT_TRUE(waitFor(viewerWaits)) << "the viewer never checked the frame out";
+  };
+  {
+    JX_ReadAhead readAhead(options);
+    readAhead.SetPlayhead(jx::testing::MakeRequest(guid), 1, {});
+    EXPECT_TRUE(readAhead.WaitIdle(kLong));
+    EXPECT_EQ(readAhead.GetCounters().failedReads, 1u);
+  }
+  if (viewer.joinable()) viewer.join();
+  DamagedOnDiskPayload::onViewerThread = nullptr;
+  DamagedOnDiskPayload::duringRead = nullptr;
+  ASSERT_EQ(reads, 1);  // the walk's read failed, and the viewer never read
+  ASSERT_EQ(viewerHeld, 1);
+  EXPECT_EQ(viewerResult, kJX_CheckoutRefused);
+  const JX_MissReasons after = JX_GetMissReasonsTotal();
+  EXPECT_EQ(after.total, before.total + 1);
+  EXPECT_EQ(after.byReason[kJX_MissFailedRead], before.byReason[kJX_MissFailedRead] + 1);
+  EXPECT_EQ(after.byReason[kJX_MissPendingDeadline], before.byReason[kJX_MissPendingDeadline]);
   EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
 }
 
