@@ -210,5 +210,5 @@ bool JX_Bag::FinishCheckoutOfMatch(JX_Stuff& match, int checkoutFlags, bool matc
   }
   // Unlike the item's own check-out, a search undoes a failed read with a check-in that renews
   // the item's recency.
-  return (checkoutFlags & cf::kNoDiskRead) || match.ReadBackOrUndoCheckout(0);
+  return (checkoutFlags & cf::kNoDiskRead) || match.ReadBackOrUndoCheckout(0, checkoutFlags);
 }

@@ -21,6 +21,13 @@ using zelcore::filesupport::File;
 using zelcore::utility::Guid;
 using zelcore::utility::IntrusivePtr;
 
+// The second half of a search, which runs once the library lock is released.
+struct JX_BagTestAccess {
+  static bool FinishCheckout(JX_Stuff& match, int flags) {
+    return JX_Bag::FinishCheckoutOfMatch(match, flags, /*matchWasPending=*/false);
+  }
+};
+
 namespace {
 
 constexpr unsigned int kSize = 50000;
@@ -246,6 +253,34 @@ TEST_F(RewriteTest, AScanWhileTheItemIsOutOfTheDirectoryDoesNotAdoptItsFile) {
     writer.Checkin();
     EXPECT_EQ(bag_->GetNumItems(), items);
     ExpectFolderMatchesBag();
+  }
+}
+
+// A search checks an item out on disk only and reads it back once the library lock is released.
+// A new render of the key may replace the item in between, and its file goes with it: the search
+// must then come back empty, never with a payload that has no pixels.
+TEST_F(RewriteTest, AnItemReplacedBetweenItsCheckoutAndItsReadBackIsNotServedEmpty) {
+  for (const int flags : {cf::kReadOnly, cf::kReadOnly | cf::kAcceptNotInMemory}) {
+    SCOPED_TRACE(flags);
+    auto item = WrittenItem();
+    Purge(item);
+    ASSERT_FALSE(item->IsInMemory());
+    // The search's first half, under the library lock: checked out, the payload left on disk.
+    ASSERT_EQ(item->Checkout(flags | cf::kNoDiskRead), kJX_CheckedOut);
+    // A new render replaces it; the replaced item's file goes once the library lock is released.
+    bag_->AddToBagAndSortDir(jx::testing::MakeItem(kSize, item->GetGuid(), kNewSeed));
+    ASSERT_FALSE(item->HasDiskCacheFile()) << "the replaced item kept its file";
+    const bool served = JX_BagTestAccess::FinishCheckout(*item, flags);
+    if (flags & cf::kAcceptNotInMemory) {
+      EXPECT_TRUE(served) << "a caller that takes an item as it stands gets it so";
+      item->Checkin(0, 0.0);
+    } else {
+      EXPECT_FALSE(served) << "served an item with nothing in memory and nothing on disk";
+      EXPECT_EQ(item->GetCheckoutCount(), 0u) << "the refused check-out was not undone";
+    }
+    EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 0);
+    // What the key serves now is the new render.
+    EXPECT_EQ(Served(item->GetGuid()), static_cast<long>(kNewSeed));
   }
 }
 

@@ -61,21 +61,24 @@ JX_CheckoutResult JX_Stuff::CheckoutForWrite(int flags, JX_Bag* knownBag, bool* 
   }
   if (result != kJX_CheckedOut || (flags & cf::kNoDiskRead) || match) return result;
   // Refused after all: the check-out is undone and the item left where it was.
-  return ReadBackOrUndoCheckout(ci::kKeepRecency) ? result : kJX_CheckoutRefused;
+  return ReadBackOrUndoCheckout(ci::kKeepRecency, flags) ? result : kJX_CheckoutRefused;
 }
 
-bool JX_Stuff::ReadBackOrUndoCheckout(int undoCheckinFlags) {
-  if (ReadBackIfOnDiskOnly()) return true;
+bool JX_Stuff::ReadBackOrUndoCheckout(int undoCheckinFlags, int checkoutFlags) {
+  if (ReadBackIfOnDiskOnly(checkoutFlags)) return true;
   Checkin(undoCheckinFlags, 0.0);
   return false;
 }
 
-bool JX_Stuff::ReadBackIfOnDiskOnly() {
+bool JX_Stuff::ReadBackIfOnDiskOnly(int checkoutFlags) {
   {
     // One look at all three, so that they describe one state of the item.
     ScopedReadLockWrapper r(mutex_);
     const bool pending = pending_.load(std::memory_order_acquire);
-    if (pending || (data_ && data_->IsInMemory()) || !diskFile_) return true;
+    if (pending || (data_ && data_->IsInMemory())) return true;
+    // Checked out on disk only, its file dropped since: a new render of the key replaced it, or
+    // it was re-keyed. Served as it stands, the caller would get a payload with no pixels.
+    if (!diskFile_) return (checkoutFlags & cf::kAcceptNotInMemory) != 0;
   }
   try {
     return EnsureInMemory();
@@ -310,5 +313,5 @@ JX_CheckoutResult JX_Stuff::CheckinAndCheckout(int checkinFlags, double computeT
     result = Checkout(checkoutFlags | cf::kNoDiskRead);
   }
   if (result != kJX_CheckedOut || (checkoutFlags & cf::kNoDiskRead)) return result;
-  return ReadBackOrUndoCheckout(ci::kKeepRecency) ? result : kJX_CheckoutRefused;
+  return ReadBackOrUndoCheckout(ci::kKeepRecency, checkoutFlags) ? result : kJX_CheckoutRefused;
 }

@@ -325,13 +325,15 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   };
   JX_CheckoutResult CheckoutForWrite(int flags, JX_Bag* knownBag, bool* wasPending,
                                      const MatchRequest* match);
-  // Reads the payload back when the item is only on disk; true when it is usable now (in
-  // memory, pending, or with nothing on disk to read). Never called under the library lock.
-  bool ReadBackIfOnDiskOnly();
+  // Reads the payload back when the item is only on disk; true when it is usable now: in
+  // memory, pending, or as it stands for a caller whose `checkoutFlags` accept an item not in
+  // memory. An item whose file went after it was checked out (replaced or re-keyed meanwhile) has
+  // nothing left to serve: false. Never called under the library lock.
+  bool ReadBackIfOnDiskOnly(int checkoutFlags);
   // The end of a check-out made with kNoDiskRead for a caller that wants the payload:
-  // ReadBackIfOnDiskOnly, and when the read fails the check-out is undone (checked in with
+  // ReadBackIfOnDiskOnly, and when it is false the check-out is undone (checked in with
   // `undoCheckinFlags`) and false returned.
-  bool ReadBackOrUndoCheckout(int undoCheckinFlags);
+  bool ReadBackOrUndoCheckout(int undoCheckinFlags, int checkoutFlags);
   // Checkin without taking a reference of its own: the caller keeps the item alive.
   void CheckinImpl(int flags, double computeTime);
   // The check-in of a read-only check-out that asks for nothing but the count and the recency:
