@@ -57,21 +57,26 @@ JX_Bag::~JX_Bag() {
     std::lock_guard<std::mutex> lock(live.mutex);
     live.bags.erase(serial_);
   }
-  // The items' bytes were counted here and go with this bag's counters: forget them, so that an
-  // item outliving its bag does not take them out of another bag. Then drop the set's
-  // references; the items' own links are weak and expire with this bag. Under the library lock,
-  // which is what lets a check-in use its item's plain link to this bag; and under each item's
-  // lock, because size syncs hold it while they compare and store.
+  // The items' bytes counted here go with this bag's counters: forget them, so that an item
+  // outliving its bag does not take them out of another bag. Only those counted here: since the
+  // last owner let go, a size sync that asked the item for its bag found none and counted the
+  // item in the global bag, and those bytes must stay known to the item or the global totals
+  // keep them for good. Then drop the set's references; the items' own links are weak and
+  // expire with this bag. Under the library lock, which is what lets a check-in use its item's
+  // plain link to this bag; and under each item's lock, because size syncs hold it while they
+  // compare and store.
   std::deque<StuffPtr> items;
   {
     JXp_ScLock lock;
-    mru_.clear_and_dispose([&items](JX_Stuff* s) {
+    mru_.clear_and_dispose([this, &items](JX_Stuff* s) {
       {
         ScopedWriteLockWrapper wl(s->mutex_);
-        s->memSize_.store(0, std::memory_order_relaxed);
-        s->checkedOutSize_.store(0, std::memory_order_relaxed);
-        s->diskSize_.store(0, std::memory_order_relaxed);
-        s->accountedIn_ = 0;
+        if (s->accountedIn_ == serial_) {
+          s->memSize_.store(0, std::memory_order_relaxed);
+          s->checkedOutSize_.store(0, std::memory_order_relaxed);
+          s->diskSize_.store(0, std::memory_order_relaxed);
+          s->accountedIn_ = 0;
+        }
         s->mruBag_ = nullptr;
       }
       items.emplace_back(s);
