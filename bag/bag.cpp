@@ -231,13 +231,17 @@ void JX_Stuff::SyncMemorySizeLocked(unsigned int newSize, JX_Bag* knownBag) {
       checkedOutSize_.load(std::memory_order_acquire) == newCheckedOut) {
     return;
   }
+  // The bag that links the item, by its plain link: the item's lock held here keeps that bag
+  // alive (it unlinks its items under their locks as it dies). Never an owning reference: were
+  // it the last one, the bag's destructor would run here, under the item's lock.
+  if (!knownBag) knownBag = mruBag_;
   if (knownBag) {
     MoveAccountedSizes(newSize, newCheckedOut, *knownBag);
     return;
   }
-  std::shared_ptr<JX_Bag> bag = BagLocked();
-  if (!bag) bag = JX_GlobalBag();
-  if (bag) MoveAccountedSizes(newSize, newCheckedOut, *bag);
+  if (std::shared_ptr<JX_Bag> global = JX_GlobalBag()) {
+    MoveAccountedSizes(newSize, newCheckedOut, *global);
+  }
 }
 
 void JX_Stuff::MoveAccountedSizes(unsigned int newSize, unsigned int newCheckedOut, JX_Bag& bag) {
@@ -292,8 +296,13 @@ void JX_Stuff::ForgetAccountedSizes(JX_Bag& bag) {
 
 void JX_Stuff::SyncDiskSizeWithBag(unsigned int newSize) {
   ScopedUpgradeLockWrapper up(mutex_);
-  std::shared_ptr<JX_Bag> bag = BagLocked();
-  if (!bag) bag = JX_GlobalBag();
+  // The linking bag by its plain link, never an owning reference (see SyncMemorySizeLocked).
+  std::shared_ptr<JX_Bag> global;
+  JX_Bag* bag = mruBag_;
+  if (!bag) {
+    global = JX_GlobalBag();
+    bag = global.get();
+  }
   if (!bag) return;
   if (accountedIn_ != bag->serial_) AccountIn(*bag);
   unsigned int old = diskSize_.exchange(newSize, std::memory_order_acq_rel);

@@ -1,19 +1,25 @@
 // A bag dying while its items are still used on other threads: an item that outlives its bag
 // ends up with its bytes counted once, in the global bag, whichever of the bag's tear-down and
-// the item's own size syncs got there first.
+// the item's own size syncs got there first; and the bag's end never runs under an item's lock.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <memory>
 #include <thread>
 
+#include "host/trace.h"
 #include "jxcache/bag/library_lock.h"
 #include "testing/jx_test_support.h"
 
 namespace cf = jx::checkout_flags;
 using jx::testing::LibraryTest;
 using jx::testing::MakeItem;
+using jx::testing::TestPayload;
+using zelcore::debug::Tracing;
+using zelcore::utility::Guid;
+using zelcore::utility::IntrusivePtr;
 using namespace std::chrono_literals;
 
 namespace {
@@ -39,13 +45,13 @@ class LockHolder {
 
 class BagDeathTest : public LibraryTest {};
 
-// Once the last owner of a bag lets go, the bag no longer answers for its items: a size sync
-// made then (a read-only check-out needs no library lock) counts the item in the global bag,
-// while the bag's destructor, kept waiting for the library lock, has not unlinked it yet. So is
-// the disk writer's record of a finished write. When the destructor then reaches the item it
-// must not forget bytes that are no longer its own: they would stay in the global totals for
-// good, and the item's next sync would count them again.
-TEST_F(BagDeathTest, ItemSyncedIntoTheGlobalBagWhileItsBagDiesIsCountedOnce) {
+// Once the last owner of a bag lets go, its destructor may wait for the library lock while the
+// item, which needs no library lock for a read-only check-out, is still used and synced: its
+// bytes and the disk writer's record of a finished write land in the dying bag or in the global
+// one. Whichever it is, the destructor must forget only what is its own: bytes it forgot that
+// the global bag still counted would stay in the global totals for good, and the item's next
+// sync would count them again.
+TEST_F(BagDeathTest, ItemSyncedWhileItsBagDiesIsCountedOnce) {
   constexpr unsigned int kSize = 1000;
   constexpr unsigned int kDiskSize = 300;
   auto local = std::make_shared<JX_Bag>(2);
@@ -68,8 +74,6 @@ TEST_F(BagDeathTest, ItemSyncedIntoTheGlobalBagWhileItsBagDiesIsCountedOnce) {
     item->SyncDiskSizeWithBag(kDiskSize);
     // The interleaving really happened: the destructor is still held up by the lock.
     ASSERT_EQ(destroyed.wait_for(0s), std::future_status::timeout);
-    EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), checkedOutBefore + kSize);
-    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), onDiskBefore + kDiskSize);
   }
   ASSERT_EQ(destroyed.wait_for(10s), std::future_status::ready) << "the bag's destructor hangs";
   EXPECT_EQ(item->GetBag(), nullptr);
@@ -77,11 +81,83 @@ TEST_F(BagDeathTest, ItemSyncedIntoTheGlobalBagWhileItsBagDiesIsCountedOnce) {
 
   EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), checkedOutBefore);
   EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), inMemoryBefore + kSize);
-  EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), onDiskBefore + kDiskSize);
   EXPECT_EQ(item->GetAccountedMemorySize(), kSize);
   item.reset();
   EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), inMemoryBefore);
   EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), onDiskBefore);
+}
+
+// A payload that records, as it goes, whether its thread held a given item's lock: memory
+// must be freed with no lock held, and a bag's destructor takes the library lock, which comes
+// before every item lock.
+class WatchingPayload : public TestPayload {
+ public:
+  WatchingPayload(unsigned int size, const JX_Stuff*& watched, int& freedUnderItsLock)
+      : TestPayload(size), watched_(watched), freedUnderItsLock_(freedUnderItsLock) {}
+  ~WatchingPayload() override {
+    const auto& m = watched_->GetMutex();
+    if (m.IsUpgradeLockedByCurrentThread() || m.IsWriteLockedByCurrentThread()) {
+      ++freedUnderItsLock_;
+    }
+  }
+
+ private:
+  const JX_Stuff*& watched_;
+  int& freedUnderItsLock_;
+};
+
+// A size sync asks the item for its bag under the item's lock. Had it taken an owning reference,
+// the bag's last owner letting go meanwhile (a restart, on another thread) would leave that
+// reference the last: the bag's destructor would run on the syncing thread, under the item's
+// lock, taking the library lock there (a thread holding the library lock and waiting for this
+// item's lock deadlocks with it) and freeing the bag's items there.
+TEST_F(BagDeathTest, ASizeSyncNeverEndsItsBagsLifeUnderTheItemsLock) {
+  const JX_Stuff* watched = nullptr;
+  int freedUnderItsLock = 0;
+  auto local = std::make_shared<JX_Bag>(2);
+  auto item = MakeItem(1000);
+  watched = item.get();
+  {
+    // Held by the bag alone: it goes with the bag's last reference.
+    auto other = JX_Stuff::CreateNew(
+        IntrusivePtr<JX_StuffData>(new WatchingPayload(10, watched, freedUnderItsLock)), 0.0);
+    other->SetGuid(Guid::CreateUnique());
+    local->AddToBagAndSortDir(other);
+  }
+  local->AddToBagAndSortDir(item);
+  // The sync moves the checked-out share and traces it: the trace is where another thread lets
+  // go of the bag's last owner, in the middle of the sync. The sync goes on once that release
+  // has returned or has begun the bag's destruction (which waits for this item's lock).
+  const std::weak_ptr<JX_Bag> watch = local;
+  std::promise<void> letGo;
+  std::atomic<bool> released{false};
+  int dropped = 0;
+  auto dropper = std::async(std::launch::async, [&, f = letGo.get_future()]() mutable {
+    f.wait();
+    local.reset();
+    released = true;
+  });
+  Tracing::Configure("JX:7");
+  Tracing::SetSink([&](const char*, int, const std::string&) {
+    if (dropped != 0 || !item->GetMutex().IsUpgradeLockedByCurrentThread()) return;
+    ++dropped;
+    letGo.set_value();
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (!released && !watch.expired() && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::yield();
+    }
+  });
+  const JX_CheckoutResult result = item->Checkout(jx::checkout_flags::kReadOnly);
+  Tracing::SetSink(nullptr);
+  Tracing::Configure("");
+  if (dropped == 0) letGo.set_value();
+  ASSERT_EQ(dropper.wait_for(10s), std::future_status::ready) << "the bag's release hangs";
+  ASSERT_EQ(result, kJX_CheckedOut);
+  ASSERT_EQ(dropped, 1) << "the last owner never let go in the middle of the sync";
+  EXPECT_TRUE(watch.expired());
+  EXPECT_EQ(freedUnderItsLock, 0);
+  item->Checkin(0, 0.0);
+  EXPECT_EQ(item->GetBag(), nullptr);
 }
 
 }  // namespace
