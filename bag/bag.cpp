@@ -58,13 +58,12 @@ JX_Bag::~JX_Bag() {
     live.bags.erase(serial_);
   }
   // The items' bytes counted here go with this bag's counters: forget them, so that an item
-  // outliving its bag does not take them out of another bag. Only those counted here: since the
-  // last owner let go, a size sync that asked the item for its bag found none and counted the
-  // item in the global bag, and those bytes must stay known to the item or the global totals
-  // keep them for good. Then drop the set's references; the items' own links are weak and
-  // expire with this bag. Under the library lock, which is what lets a check-in use its item's
-  // plain link to this bag; and under each item's lock, because size syncs hold it while they
-  // compare and store.
+  // outliving its bag does not take them out of another bag. Only those counted here: bytes an
+  // item counts in another bag (the global one) must stay known to the item, or that bag's
+  // totals keep them for good. Then drop the set's references; the items' own links are weak
+  // and expire with this bag. Under the library lock, which is what lets a check-in use its
+  // item's plain link to this bag; and under each item's lock, because size syncs hold it while
+  // they compare and store.
   std::deque<StuffPtr> items;
   {
     JXp_ScLock lock;
