@@ -24,25 +24,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// Holds the library lock on a thread of its own for its lifetime.
-class LockHolder {
- public:
-  LockHolder() { held_.get_future().wait(); }
-  ~LockHolder() {
-    release_.set_value();
-    thread_.join();
-  }
-
- private:
-  std::promise<void> held_, release_;
-  std::future<void> released_ = release_.get_future();
-  std::thread thread_{[this] {
-    JXp_ScLock lock;
-    held_.set_value();
-    released_.wait();
-  }};
-};
-
 class BagDeathTest : public LibraryTest {};
 
 // Once the last owner of a bag lets go, its destructor may wait for the library lock while the
@@ -63,7 +44,7 @@ TEST_F(BagDeathTest, ItemSyncedWhileItsBagDiesIsCountedOnce) {
   const std::weak_ptr<JX_Bag> watch = local;
   std::future<void> destroyed;
   {
-    LockHolder holder;  // the destructor cannot unlink the item meanwhile
+    jx::testing::LibraryLockHolder holder;  // the destructor cannot unlink the item meanwhile
     destroyed = std::async(std::launch::async, [b = std::move(local)]() mutable { b.reset(); });
     const auto deadline = std::chrono::steady_clock::now() + 10s;
     while (!watch.expired()) {

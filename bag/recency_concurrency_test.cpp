@@ -22,26 +22,6 @@ using zelcore::utility::IntrusivePtr;
 
 namespace {
 
-// Holds the library lock on a thread of its own for its lifetime: nothing can apply the notes
-// meanwhile, not even a thread that ends.
-class LockHolder {
- public:
-  LockHolder() { held_.get_future().wait(); }
-  ~LockHolder() {
-    release_.set_value();
-    thread_.join();
-  }
-
- private:
-  std::promise<void> held_, release_;
-  std::future<void> released_ = release_.get_future();
-  std::thread thread_{[this] {
-    JXp_ScLock lock;
-    held_.set_value();
-    released_.wait();
-  }};
-};
-
 class RecencyTest : public LibraryTest {
  protected:
   void SetUp() override {
@@ -115,7 +95,7 @@ TEST_F(RecencyLogTest, AFullLogAppliesItselfAndWrapsAroundWithoutLosingANote) {
   {
     // Every note but the one that fills the log is taken without the library lock: one that
     // waited for it would never end.
-    LockHolder holder;
+    jx::testing::LibraryLockHolder holder;
     for (int i = 1; i < room; ++i) jx::recency::Note(x, At(i));
   }
   // The note that fills the log applies it. x then leaves and comes back (with a fresh, far
@@ -171,7 +151,7 @@ TEST_F(RecencyTest, NotedMovesShowInStampOrderAndThePurgeFreesTheOldest) {
   auto &a = items[0], &b = items[1], &c = items[2], &d = items[3];
   const uint64_t aBefore = a->GetLastUsedTime();
   {
-    LockHolder holder;
+    jx::testing::LibraryLockHolder holder;
     Use(c);
     Use(a);
     // Renewed at once, although the order waits for the lock.
@@ -185,7 +165,7 @@ TEST_F(RecencyTest, NotedMovesShowInStampOrderAndThePurgeFreesTheOldest) {
 
   // d's note is older than its writeable check-in's immediate move.
   {
-    LockHolder holder;
+    jx::testing::LibraryLockHolder holder;
     Use(d);
     Use(a);
   }
@@ -200,7 +180,7 @@ TEST_F(RecencyTest, NotedMovesShowInStampOrderAndThePurgeFreesTheOldest) {
 
   // A purge applies the notes first: c, noted last, is not the oldest any more; a is.
   {
-    LockHolder holder;
+    jx::testing::LibraryLockHolder holder;
     Use(c);
   }
   jx::StandaloneHost::Instance().SetMemoryLimit(100);  // a floor of 10 bytes

@@ -6,11 +6,14 @@
 
 #include <atomic>
 #include <functional>
+#include <future>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "jxcache/bag/bag.h"
+#include "jxcache/bag/library_lock.h"
 #include "jxcache/host/guid.h"
 #include "jxcache/items/stuff.h"
 #include "jxcache/lifecycle/lifecycle.h"
@@ -103,10 +106,32 @@ long long PayloadBytesInBag(const JX_Bag& bag);
 
 // Puts back what a new process starts with and a test may have changed: the settings the library
 // read once, the stand-in's settings database (entries and look-up counts) and features, the
-// disk speed estimates and the tracing configuration. The shared test entry point calls it before every test, so that a test
-// program's tests pass in one process as they do one process each. Only while the library runs
-// no work of its own.
+// disk speed estimates and the tracing configuration. The shared test entry point calls it before
+// every test, so that a test program's tests pass in one process as they do one process each. Only
+// while the library runs no work of its own.
 void StartAsANewProcess();
+
+// Holds the library lock on a thread of its own for its lifetime: what needs the lock (applying
+// recency notes, a bag's tear-down) waits meanwhile, while what does not goes on.
+class LibraryLockHolder {
+ public:
+  LibraryLockHolder() { held_.get_future().wait(); }
+  ~LibraryLockHolder() {
+    release_.set_value();
+    thread_.join();
+  }
+  LibraryLockHolder(const LibraryLockHolder&) = delete;
+  LibraryLockHolder& operator=(const LibraryLockHolder&) = delete;
+
+ private:
+  std::promise<void> held_, release_;
+  std::future<void> released_ = release_.get_future();
+  std::thread thread_{[this] {
+    JXp_ScLock lock;
+    held_.set_value();
+    released_.wait();
+  }};
+};
 
 // Starts the library (JX_Birth) with a quiet, deterministic host and a temporary folder;
 // stops it in TearDown and checks that nothing is left checked out.
