@@ -90,7 +90,7 @@ void JX_Bag::AddStuff(const StuffPtr& stuff) {
   if (!stuff) jx::ThrowNullPtr("JX_Stuff");
   JXp_ScLock lock;
   // Checked before the time stamp moves: an item's time is its key in the recency set.
-  if (stuff->GetBag()) jx::FailVerification("stuff already in a bag");
+  if (stuff->mruBag_) jx::FailVerification("stuff already in a bag");
   stuff->lastUsedTime_.store(HighPrecisionTime::GetCurrentTimeStamp(), std::memory_order_release);
   AddStuffGuts(stuff, lock, true);
 }
@@ -104,7 +104,7 @@ void JX_Bag::RemoveStuff(const StuffPtr& stuff) {
 
 void JX_Bag::AddStuffGuts(const StuffPtr& stuff, const JXp_ScLock&, bool addToMediaMap) {
   if (!stuff) jx::ThrowNullPtr("JX_Stuff");
-  if (stuff->mruBag_ || stuff->GetBag()) jx::FailVerification("stuff already in a bag");
+  if (stuff->mruBag_) jx::FailVerification("stuff already in a bag");
   const bool mediaMap = jx::settings::UseMediaMap() && addToMediaMap;
   if (mediaMap && stuff->IsInMemory()) JX_MediaMapAddOrUpdate(stuff);
   stuff->mruStamp_ = stuff->GetLastUsedTime();
@@ -204,6 +204,15 @@ void JX_Bag::TraceMediaMapChange(const char* what, const JX_Stuff& stuff) {
 void JX_Stuff::SetBagAndInMru(JX_Bag* bag) {
   ScopedWriteLockWrapper wl(mutex_);
   mruBag_ = bag;
+}
+
+JX_Bag* JX_Stuff::LiveBagLocked() const {
+  return mruBag_ && !mruBag_->weak_from_this().expired() ? mruBag_ : nullptr;
+}
+
+JX_Bag* JX_Stuff::LiveBag(const JXp_ScLock&) const {
+  ScopedReadLockWrapper r(mutex_);
+  return LiveBagLocked();
 }
 
 std::shared_ptr<JX_Bag> JX_Stuff::BagLocked() const {

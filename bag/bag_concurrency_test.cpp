@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <future>
 #include <memory>
 #include <thread>
@@ -68,16 +69,17 @@ TEST_F(BagDeathTest, ItemSyncedWhileItsBagDiesIsCountedOnce) {
   EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), onDiskBefore);
 }
 
-// A payload that records, as it goes, whether its thread held a given item's lock: memory
-// must be freed with no lock held, and a bag's destructor takes the library lock, which comes
-// before every item lock.
+// A payload that records, as it goes, whether its thread held a given item's lock or the library
+// lock: memory must be freed with no lock held, and a bag's destructor takes the library lock,
+// which comes before every item lock.
 class WatchingPayload : public TestPayload {
  public:
   WatchingPayload(unsigned int size, const JX_Stuff*& watched, int& freedUnderItsLock)
       : TestPayload(size), watched_(watched), freedUnderItsLock_(freedUnderItsLock) {}
   ~WatchingPayload() override {
     const auto& m = watched_->GetMutex();
-    if (m.IsUpgradeLockedByCurrentThread() || m.IsWriteLockedByCurrentThread()) {
+    if (m.IsUpgradeLockedByCurrentThread() || m.IsWriteLockedByCurrentThread() ||
+        JXp_ScLock::IsLockedByCurrentThread()) {
       ++freedUnderItsLock_;
     }
   }
@@ -139,6 +141,73 @@ TEST_F(BagDeathTest, ASizeSyncNeverEndsItsBagsLifeUnderTheItemsLock) {
   EXPECT_EQ(freedUnderItsLock, 0);
   item->Checkin(0, 0.0);
   EXPECT_EQ(item->GetBag(), nullptr);
+}
+
+// A payload whose purge calls back into the test while the purge holds its locks.
+class PurgeHookPayload : public TestPayload {
+ public:
+  PurgeHookPayload(unsigned int size, std::function<void()> onPurge)
+      : TestPayload(size), onPurge_(std::move(onPurge)) {}
+  bool PurgeIfPossible(ReleaseQueue* toRelease) override {
+    onPurge_();
+    return TestPayload::PurgeIfPossible(toRelease);
+  }
+
+ private:
+  std::function<void()> onPurge_;
+};
+
+// A purge (the host's media manager asking an item to go, say) holds the library lock and the
+// item's lock, and needs the item's bag to take the item out of it. Had it held an owning
+// reference, the bag's last owner letting go meanwhile would leave that reference the last: the
+// bag's destructor would run on the purging thread, freeing the bag's other items under both
+// locks.
+TEST_F(BagDeathTest, APurgeNeverEndsItsBagsLifeUnderItsLocks) {
+  const JX_Stuff* watched = nullptr;
+  int freedUnderALock = 0;
+  auto local = std::make_shared<JX_Bag>(2);
+  {
+    auto other = JX_Stuff::CreateNew(
+        IntrusivePtr<JX_StuffData>(new WatchingPayload(10, watched, freedUnderALock)), 0.0);
+    other->SetGuid(Guid::CreateUnique());
+    local->AddToBagAndSortDir(other);
+  }
+  const std::weak_ptr<JX_Bag> watch = local;
+  std::promise<void> letGo;
+  std::atomic<bool> released{false};
+  int dropped = 0;
+  auto dropper = std::async(std::launch::async, [&, f = letGo.get_future()]() mutable {
+    f.wait();
+    local.reset();
+    released = true;
+  });
+  // In the middle of the purge, the bag's last owner lets go on another thread; the purge goes
+  // on once that release has returned or has begun the bag's destruction (which waits for the
+  // library lock).
+  auto item = JX_Stuff::CreateNew(
+      IntrusivePtr<JX_StuffData>(new PurgeHookPayload(
+          1000,
+          [&] {
+            if (dropped++ != 0) return;
+            letGo.set_value();
+            const auto deadline = std::chrono::steady_clock::now() + 10s;
+            while (!released && !watch.expired() && std::chrono::steady_clock::now() < deadline) {
+              std::this_thread::yield();
+            }
+          })),
+      0.0);
+  item->SetGuid(Guid::CreateUnique());
+  watched = item.get();
+  local->AddToBagAndSortDir(item);
+
+  EXPECT_EQ(item->FreeUpAsMuchAsPossible(true, nullptr), 1000u);
+  if (dropped == 0) letGo.set_value();
+  ASSERT_EQ(dropper.wait_for(10s), std::future_status::ready) << "the bag's release hangs";
+  ASSERT_EQ(dropped, 1) << "the last owner never let go in the middle of the purge";
+  EXPECT_TRUE(watch.expired());
+  EXPECT_EQ(freedUnderALock, 0);
+  EXPECT_EQ(item->GetBag(), nullptr);
+  EXPECT_FALSE(item->IsInMemory());
 }
 
 }  // namespace

@@ -235,8 +235,10 @@ unsigned int JX_Stuff::FreeUpAsMuchAsPossible(bool removeFromMediaMap, ReleaseQu
   JXp_ScLock lock;
   ScopedWriteLockWrapper wl(mutex_);
   if (checkoutCount_.load(std::memory_order_acquire) != 0) return 0;
-  // Taken now: the traces below still describe the bag after the item has left it.
-  const std::shared_ptr<JX_Bag> bag = BagLocked();
+  // Taken now: the traces below still describe the bag after the item has left it. The locks
+  // held keep it there; an owning reference, were it the last, would run the bag's destructor
+  // here, freeing its items under both locks.
+  JX_Bag* const bag = LiveBagLocked();
   const unsigned int size = data_ ? data_->GetApproximateMemorySize() : 0;
   const bool freedAnything = data_ && data_->IsInMemory() && PurgeIfPossiblePrivate(wl, toRelease);
   const bool keepsNothing =
@@ -253,7 +255,7 @@ unsigned int JX_Stuff::FreeUpAsMuchAsPossible(bool removeFromMediaMap, ReleaseQu
   if (jx::settings::UseMediaMap()) {
     const bool erase = freedAnything && !removedFromBag && removeFromMediaMap;
     if (erase) JX_MediaMapErase(self);
-    TraceMediaMapAfterPurge(bag.get(), freedAnything, removedFromBag, erase);
+    TraceMediaMapAfterPurge(bag, freedAnything, removedFromBag, erase);
   }
   return (freedAnything || removedFromBag) ? size : 0;
 }

@@ -139,7 +139,7 @@ void JX_SortDir::AddStuff(const StuffPtr& stuff) {
   for (const StuffPtr& old : superseded) {
     // A dead item went for a reason recorded when it died; a live one goes now, for this one.
     if (!IsDead(*old)) jx::miss::NoteDeparture(hash, jx::miss::Reason::kReplaced);
-    if (auto bag = old->GetBag()) bag->RemoveStuffGuts(old, lock, true);
+    if (JX_Bag* bag = old->LiveBag(lock)) bag->RemoveStuffGuts(old, lock, true);
     old->RemoveFromBagAndSortDir();
     // Nobody can find the old item any more: its disk copy would only take room in the folder,
     // unless the new item answers from that very file.
@@ -282,7 +282,7 @@ void JX_Stuff::RemoveFromBagAndSortDir() {
   } else if (dir) {
     dir->RemoveStuff(self);
   }
-  if (auto bag = GetBag()) bag->RemoveStuffGuts(self, lock, true);
+  if (JX_Bag* bag = LiveBag(lock)) bag->RemoveStuffGuts(self, lock, true);
 }
 
 void JX_Bag::AddToBagAndSortDir(const StuffPtr& stuff) {

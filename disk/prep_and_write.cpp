@@ -176,7 +176,7 @@ void JX_Stuff::LinkWrittenFile(const File& target, const zelcore::utility::Guid&
     // another name meanwhile (another process's, written with another header). That file is
     // linked and counted; replacing the link would leave it in the folder with nothing counting
     // it, so the item keeps it, as it would had the scan come before the write.
-    unwanted = GetGuid() != guid || (wasInBag && !BagLocked()) || diskFile_ != nullptr;
+    unwanted = GetGuid() != guid || (wasInBag && !LiveBagLocked()) || diskFile_ != nullptr;
     if (!unwanted) {
       size = SizeOrDelete(target);
       diskFile_ = std::move(claim);

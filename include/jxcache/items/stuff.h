@@ -433,8 +433,15 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   void TempRemoveFromSortDir(const JXp_ScLock& lock);
   void SetBagAndInMru(JX_Bag* bag);
   // A strong reference to the bag holding the item, or empty (also while that bag is being
-  // destroyed). The caller holds mutex_ in any mode.
+  // destroyed). The caller holds mutex_ in any mode. Never to be dropped under a lock: were it
+  // the bag's last reference, the bag's destructor would run there.
   std::shared_ptr<JX_Bag> BagLocked() const REQUIRES_SHARED(mutex_);
+  // The bag holding the item, by its plain link, or null (also while that bag is being
+  // destroyed): no owning reference is made. The caller holds mutex_ in any mode, which keeps
+  // that bag there (a dying bag unlinks its items under their locks); so does a hold of the
+  // library lock, which a dying bag takes first.
+  JX_Bag* LiveBagLocked() const REQUIRES_SHARED(mutex_);
+  JX_Bag* LiveBag(const JXp_ScLock& libraryLock) const;
   // The steps of PrepAndWrite (disk/prep_and_write.cpp): the write itself, which throws on
   // failure and sets *claimed once it holds the item's one write in progress; the claims (the
   // write in progress and the target's path, empty when there is nothing to write); and the
