@@ -186,8 +186,15 @@ struct JX_ReadAhead::State {
       h.item = std::move(item);
       h.bytes = bytes;
       h.readBack = readBack;
-      // Counted once held: an emplace refused for memory checks the item in with `h`.
-      const auto at = held.emplace(guid, std::move(h));
+      // Counted once held. An emplace refused for memory checks the item in with `h` (or with
+      // the node it was moved into), and the walk ends: a frame read for nothing is waste.
+      std::unordered_multimap<Guid, Held>::iterator at;
+      try {
+        at = held.emplace(guid, std::move(h));
+      } catch (...) {
+        if (readBack) wasted.fetch_add(1, std::memory_order_relaxed);
+        throw;
+      }
       heldBytes.fetch_add(bytes, std::memory_order_relaxed);
       try {
         std::lock_guard<std::mutex> l(gPlanHoldsMutex);
@@ -237,15 +244,24 @@ struct JX_ReadAhead::State {
     }
     const uint64_t start = zelcore::utility::HighPrecisionTime::GetCurrentTimeStamp();
     bool ok = false;
-    const uint32_t readsBefore = jx::miss::ThisThreadReads().done;
+    bool threw = false;
+    const jx::miss::ThreadReads readsBefore = jx::miss::ThisThreadReads();
     try {
       ok = handle.EnsureInMemory();
     } catch (...) {
       // The library has counted the failure and deleted the file; the frame is rendered later
       // by whoever asks for it.
       failedReads.fetch_add(1, std::memory_order_relaxed);
+      threw = true;
     }
-    const bool readHere = jx::miss::ThisThreadReads().done != readsBefore;
+    const jx::miss::ThreadReads readsAfter = jx::miss::ThisThreadReads();
+    const bool readHere = readsAfter.done != readsBefore.done;
+    if (!ok && !threw) {
+      // Not read and nothing thrown: a read that failed quietly, or no file left to read (a new
+      // render of the key, or a purge of the folder, took it since the check-out).
+      (readsAfter.failed != readsBefore.failed ? failedReads : notInCache)
+          .fetch_add(1, std::memory_order_relaxed);
+    }
     const uint64_t end = zelcore::utility::HighPrecisionTime::GetCurrentTimeStamp();
     try {
       if (options.afterRead) options.afterRead(bytes);
@@ -319,8 +335,10 @@ void JX_ReadAhead::SetPlayhead(const StuffPtr& playhead, int direction,
   {
     std::lock_guard<std::mutex> l(s.mutex);
     if (s.stopping) return;
-    if (s.havePrevious && (direction != s.previousDirection || !playhead ||
-                           !s.previousKeys.count(playhead->GetGuid()))) {
+    // Stopping or starting again (a direction of 0 on either side) is no jump; a reversal is.
+    const bool reversed =
+        direction != 0 && s.previousDirection != 0 && direction != s.previousDirection;
+    if (s.havePrevious && (reversed || !playhead || !s.previousKeys.count(playhead->GetGuid()))) {
       s.jumps.fetch_add(1, std::memory_order_relaxed);
     }
     s.havePrevious = true;

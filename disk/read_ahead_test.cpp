@@ -161,6 +161,45 @@ TEST_F(ReadAheadTest, AJumpStopsTheOldPlanAfterTheReadUnderWay) {
   readAhead.SetPlayhead(jx::testing::MakeRequest(guids[22]), -1, Requests(guids, 21, 22));
   ASSERT_TRUE(readAhead.WaitIdle(kLong));
   EXPECT_EQ(readAhead.GetCounters().jumps, 2u);
+  // A pause on the frame shown, and playing on from it, are not; a jump out of a pause is.
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[22]), 0, {});
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[22]), -1, Requests(guids, 21, 22));
+  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  EXPECT_EQ(readAhead.GetCounters().jumps, 2u);
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[21]), 0, {});
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[5]), 1, Requests(guids, 6, 8));
+  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  EXPECT_EQ(readAhead.GetCounters().jumps, 3u);
+}
+
+// A frame's file can go between the walk's check-out and its read: a new render of the key
+// replaces the item and drops the old file. Nothing is read; the key counts as not in the cache
+// (not as a failed read, which would mean a damaged file), and the walk goes on.
+TEST_F(ReadAheadTest, AFrameWhoseFileGoesBeforeItsReadCountsAsNotInTheCache) {
+  const auto guids = FramesOnDiskOnly(3);
+  int reads = 0, replaced = 0;
+  JX_ReadAhead::Options options;
+  options.beforeRead = [&](uint64_t) {
+    if (reads++ != 0) return;  // the playhead's frame, 0
+    // A new render of frame 0, in memory only.
+    auto fresh = JX_Stuff::CreateNew(
+        IntrusivePtr<JX_StuffData>(new jx::testing::TestPayload(kSize, 9, true)), 0.0);
+    fresh->SetGuid(guids[0]);
+    bag_->AddToBagAndSortDir(fresh);
+    replaced += items_[0]->HasDiskCacheFile() ? 0 : 1;
+  };
+  JX_ReadAhead readAhead(options);
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 3));
+  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_EQ(replaced, 1) << "the old frame's file was not dropped before its read";
+  const auto c = readAhead.GetCounters();
+  EXPECT_EQ(reads, 3);
+  EXPECT_EQ(c.notInCache, 1u);
+  EXPECT_EQ(c.failedReads, 0u);
+  EXPECT_EQ(c.prefetched, 2u);
+  EXPECT_FALSE(items_[0]->IsInMemory());
+  EXPECT_EQ(items_[0]->GetCheckoutCount(), 0u);
+  EXPECT_EQ(InMemory(1, 3), 2);
 }
 
 TEST_F(ReadAheadTest, KeysItCannotReadAreSkippedAndAFailedReadIsCountedAndDeleted) {

@@ -14,9 +14,10 @@
 // plan is read, and what the new plan no longer lists is let go, as is a held item the plan's
 // request for its key would no longer find (replaced, removed or re-keyed meanwhile, or asked for
 // as another variant): that request is looked up afresh. A playhead that is not where the
-// previous plan led (a jump, or a change of direction) counts as a jump. A key the cache does not
-// hold, or holds pending, is skipped; a read that fails is skipped and counted (the library deletes
-// the file, as it does for any failed read).
+// previous plan led (a jump, or a reversal of direction) counts as a jump; a pause (direction 0)
+// on a frame the previous plan listed, and playing on from it, do not. A key the cache does not
+// hold, or holds pending, or whose file went before it could be read, is skipped; a read that
+// fails is skipped and counted (the library deletes the file, as it does for any failed read).
 //
 // Threads: any thread may call any method. SetPlayhead only hands the plan over; it never waits
 // for a read. Locks: none of this class's is held while it calls into the cache or the host.
@@ -38,7 +39,8 @@ struct JX_ReadAheadCounters {
   uint64_t prefetchedBytes = 0;   // their bytes on disk
   uint64_t hitsOnPrefetched = 0;  // of those, used by someone before they were let go
   uint64_t wasted = 0;            // of those, let go unused (passed, jumped over, stopped)
-  uint64_t notInCache = 0;        // keys ahead the cache did not hold, or held pending: skipped
+  uint64_t notInCache = 0;        // keys ahead the cache did not hold, held pending, or whose
+                                  // file went before the read: skipped
   uint64_t failedReads = 0;       // reads back that failed or the host refused room for: skipped
   uint64_t jumps = 0;             // playheads the previous plan did not lead to
   uint64_t stoppedAtShare = 0;    // walks that stopped at the share of the budget
