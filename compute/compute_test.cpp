@@ -155,6 +155,18 @@ TEST_F(ComputeTest, MisuseAndRefusalsReturnACodeAndChangeNothing) {
   EXPECT_EQ(suite_->CheckinReceipt(receipt), 0);
   EXPECT_EQ(suite_->CheckinReceipt(receipt), 2) << "checked in twice";
   EXPECT_EQ(suite_->GetReceiptComputeValue(receipt, &value), kBad);
+  // Checked in again once its memory holds a newer receipt (a thread takes back the block it
+  // gave last): refused, and the newer receipt stays checked out and usable.
+  KQGP_JXComputeReceipt newer = nullptr;
+  ASSERT_EQ(suite_->CheckoutCached(kClass, &r, &newer), 0);
+  const auto address = [](KQGP_JXComputeReceipt h) {
+    return reinterpret_cast<uintptr_t>(h) & ((uintptr_t{1} << 48) - 1);
+  };
+  ASSERT_EQ(address(newer), address(receipt)) << "the block was not reused: nothing tested";
+  EXPECT_EQ(suite_->CheckinReceipt(receipt), 2) << "a stale receipt";
+  EXPECT_EQ(suite_->GetReceiptComputeValue(receipt, &value), kBad);
+  EXPECT_EQ(suite_->GetReceiptComputeValue(newer, &value), 0);
+  EXPECT_EQ(suite_->CheckinReceipt(newer), 0);
   EXPECT_EQ(suite_->CheckinReceipt(nullptr), 0);
   alignas(16) unsigned char foreign[256], copy[256];
   std::memset(foreign, 0xAB, sizeof foreign);
@@ -162,7 +174,7 @@ TEST_F(ComputeTest, MisuseAndRefusalsReturnACodeAndChangeNothing) {
   EXPECT_EQ(suite_->CheckinReceipt(reinterpret_cast<KQGP_JXComputeReceipt>(foreign)), 2);
   EXPECT_EQ(std::memcmp(foreign, copy, sizeof foreign), 0);
   EXPECT_EQ(suite_->CheckinReceipt(reinterpret_cast<KQGP_JXComputeReceipt>(foreign + 1)), 2);
-  EXPECT_EQ(Reports(HostReport::Kind::kError, "Trying to check in invalid receipt"), 3u);
+  EXPECT_EQ(Reports(HostReport::Kind::kError, "Trying to check in invalid receipt"), 4u);
   // (The fixture checks that nothing is left checked out, or checked in once too often.)
 }
 

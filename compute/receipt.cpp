@@ -38,12 +38,34 @@ uint32_t* GuardWordAt(void* block) {
 // them may check it in and give the block back.
 constexpr size_t kClaimWordOffset = sizeof(JX_ScCheckout);
 static_assert(kClaimWordOffset % alignof(uint32_t) == 0);
-constexpr size_t kBlockSize = kClaimWordOffset + sizeof(uint32_t);
+// And a count of the receipts the block has held, 1 to 65,535 and round again (0: none yet),
+// which its handles carry in their top bits: a stale handle carries an older count.
+constexpr size_t kCountWordOffset = kClaimWordOffset + sizeof(uint32_t);
+constexpr size_t kBlockSize = kCountWordOffset + sizeof(uint32_t);
 constexpr uint32_t kUnclaimed = 0;
 constexpr uint32_t kClaimed = 1;
+constexpr unsigned kCountShift = 48;
+constexpr uintptr_t kAddressMask = (uintptr_t{1} << kCountShift) - 1;
+static_assert(sizeof(uintptr_t) == 8, "handles carry the count in a 64-bit address's top bits");
 
 uint32_t* ClaimWordAt(void* block) {
   return reinterpret_cast<uint32_t*>(static_cast<unsigned char*>(block) + kClaimWordOffset);
+}
+
+uint32_t* CountWordAt(void* block) {
+  return reinterpret_cast<uint32_t*>(static_cast<unsigned char*>(block) + kCountWordOffset);
+}
+
+// A new block, its count at 0. One whose address leaves no room for the count (no user-space
+// address does on the systems this builds for) is refused as memory would be.
+void* NewBlock() {
+  void* block = ::operator new(kBlockSize);
+  if ((reinterpret_cast<uintptr_t>(block) & ~kAddressMask) != 0) {
+    ::operator delete(block);
+    throw std::bad_alloc();
+  }
+  __atomic_store_n(CountWordAt(block), 0u, __ATOMIC_RELAXED);
+  return block;
 }
 
 class ReceiptPool {
@@ -57,7 +79,7 @@ class ReceiptPool {
         return block;
       }
     }
-    return ::operator new(kBlockSize);
+    return NewBlock();
   }
   void Give(void* block) noexcept {
     try {
@@ -120,6 +142,10 @@ ReceiptPtr NewReceipt() {
   GuardWordOffset();  // located before any block can be scrubbed
   void* block = MyBlocks().Take();
   __atomic_store_n(ClaimWordAt(block), kUnclaimed, __ATOMIC_RELAXED);
+  // Counted before the guard word goes live (the constructor below): a stale handle that finds
+  // the new receipt live finds the new count too.
+  const uint32_t count = __atomic_load_n(CountWordAt(block), __ATOMIC_RELAXED) % 0xFFFFu + 1;
+  __atomic_store_n(CountWordAt(block), count, __ATOMIC_RELEASE);
   try {
     return ReceiptPtr(new (block) JX_ScCheckout());
   } catch (...) {
@@ -128,13 +154,26 @@ ReceiptPtr NewReceipt() {
   }
 }
 
+KQGP_JXComputeReceipt ToHandle(JX_ScCheckout* receipt) {
+  const uintptr_t count = __atomic_load_n(CountWordAt(receipt), __ATOMIC_RELAXED);
+  return reinterpret_cast<KQGP_JXComputeReceipt>(reinterpret_cast<uintptr_t>(receipt) |
+                                                 count << kCountShift);
+}
+
 JX_ScCheckout* LiveReceiptFromHandle(KQGP_JXComputeReceipt handle) {
-  const auto address = reinterpret_cast<uintptr_t>(handle);
-  if (address % alignof(JX_ScCheckout) != 0 || GuardWordOffset() == SIZE_MAX) return nullptr;
-  if (__atomic_load_n(GuardWordAt(handle), __ATOMIC_ACQUIRE) != JX_ScCheckout::kGuardWord) {
+  const auto value = reinterpret_cast<uintptr_t>(handle);
+  const auto count = static_cast<uint32_t>(value >> kCountShift);
+  const uintptr_t address = value & kAddressMask;
+  if (count == 0 || address % alignof(JX_ScCheckout) != 0 || GuardWordOffset() == SIZE_MAX) {
     return nullptr;
   }
-  return reinterpret_cast<JX_ScCheckout*>(handle);
+  void* block = reinterpret_cast<void*>(address);
+  if (__atomic_load_n(GuardWordAt(block), __ATOMIC_ACQUIRE) != JX_ScCheckout::kGuardWord) {
+    return nullptr;
+  }
+  // A block reused since the handle was made holds a newer receipt under a newer count.
+  if (__atomic_load_n(CountWordAt(block), __ATOMIC_ACQUIRE) != count) return nullptr;
+  return static_cast<JX_ScCheckout*>(block);
 }
 
 JX_ScCheckout* ClaimReceiptFromHandle(KQGP_JXComputeReceipt handle) {

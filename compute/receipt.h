@@ -4,8 +4,12 @@
 // Receipts live in blocks that are recycled, never given back to the system allocator: a
 // receipt checked in twice (or any stale receipt) then still points at mapped memory whose
 // guard word was scrubbed at check-in, so the second check-in is recognised and refused instead
-// of freeing memory twice. Two check-ins of one receipt at once both find the guard word live:
-// a claim word after the receipt lets only one of them through. The pool holds as many blocks as
+// of freeing memory twice. A block may meanwhile hold a newer receipt, whose guard word is live:
+// each block counts the receipts it has held, and a handle carries that count in the top 16 bits
+// of the address (which user-space addresses leave clear), so a stale handle is refused rather
+// than check in somebody else's receipt (unless the block served exactly a multiple of 65,535
+// receipts in between). Two check-ins of one receipt at once both find the guard word live: a
+// claim word after the receipt lets only one of them through. The pool holds as many blocks as
 // were ever out at once.
 //
 // Threads: any thread. The pool's mutex is a leaf.
@@ -27,13 +31,13 @@ using ReceiptPtr = std::unique_ptr<JX_ScCheckout, ReceiptDeleter>;
 // A new, empty receipt.
 ReceiptPtr NewReceipt();
 
-inline KQGP_JXComputeReceipt ToHandle(JX_ScCheckout* receipt) {
-  return reinterpret_cast<KQGP_JXComputeReceipt>(receipt);
-}
+// The handle of a receipt made by NewReceipt: its address and its block's count.
+KQGP_JXComputeReceipt ToHandle(JX_ScCheckout* receipt);
 
-// The receipt behind `handle` when it carries a live guard word, else null. `handle` must be
-// non-null. Reads four bytes at the guard word's offset, and only when `handle` is aligned like
-// a JX_ScCheckout: a pointer that is not a receipt is read there and nowhere else.
+// The receipt behind `handle` when it carries a live guard word and its block's current count,
+// else null. `handle` must be non-null. A value without a count (any plain pointer) is refused
+// unread; otherwise reads the guard word and the count at their offsets from the address the
+// handle carries, and only when that address is aligned like a JX_ScCheckout.
 JX_ScCheckout* LiveReceiptFromHandle(KQGP_JXComputeReceipt handle);
 
 // The receipt behind `handle`, claimed for its check-in, or null when it is not live or another
