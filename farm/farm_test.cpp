@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <fstream>
 #include <memory>
 #include <mutex>
@@ -884,6 +885,49 @@ TEST(FarmWireTest, BadOrSlowRepliesAreFaultsWithinTheCommandTimeout) {
     EXPECT_EQ(r.fault, c.fault) << jx::farm::DescribeFault(r.fault);
     EXPECT_LT(SecondsSince(start), 1.0);
   }
+}
+
+}  // namespace
+
+namespace {
+
+// A host need not ignore SIGPIPE, and most do not: a write to a connection the server has
+// closed must come back as a fault, like any other, and never end the host's process. The
+// pool keeps connections between commands, so after a restart of the server (or its idle
+// timeout, or CLIENT KILL) the next command goes out on one the server has closed; a value
+// larger than the socket's buffer takes more than one write, and the write after the server's
+// reset is the one that would raise the signal. Run in a child, so that the signal ends the
+// child and not the test program.
+TEST(FarmWireTest, LargeWriteOnAConnectionTheServerClosedIsAFaultNotABrokenPipe) {
+  RedisServer server;
+  JX_REDIS_OR_SKIP(server, RedisServer::Listen::kLoopbackPort);
+  jx::farm::RedisPool::Options options;
+  std::string why;
+  ASSERT_TRUE(jx::farm::ParseAddress(server.Address(), &options.address, &why)) << why;
+  options.commandTimeout = std::chrono::milliseconds(5000);
+  ASSERT_EQ(::signal(SIGPIPE, SIG_DFL), SIG_DFL) << "the test program must not ignore SIGPIPE";
+  const auto body = [&] {
+    jx::farm::RedisPool pool(options);
+    FarmStore store(pool, "node-pipe", {});
+    // One idle connection, then the server drops it.
+    if (pool.Command({"PING"}).text != "PONG") std::_Exit(10);
+    // The pool's one connection is the only one the server drops (the control connection
+    // skips itself): the drop really happened.
+    if (server.Command({"CLIENT", "KILL", "TYPE", "normal"}) != "1") std::_Exit(11);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // its FIN is in
+    jx::farm::Identity id;
+    id.guid = Guid::CreateUnique();
+    id.matchName = jx::testing::kKeyedPayloadName;
+    id.version = 1;
+    id.header = {1, 2, 3, 4};
+    const std::string bytes(6u << 20, 'x');  // one plain value, far beyond a socket buffer
+    const uint64_t before = Count(jx::farm::GetCounters().connectionErrors);
+    const auto status = store.Put(id, bytes, 0.5);
+    // A fault (counted), as the connection was gone; reached at all only without the signal.
+    const bool counted = Count(jx::farm::GetCounters().connectionErrors) == before + 1;
+    std::_Exit(status == FarmStore::PutStatus::kFault && counted ? 0 : 12);
+  };
+  EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -3,9 +3,13 @@
 #include <hiredis/hiredis.h>
 
 #include <poll.h>
+#include <pthread.h>
 #include <sys/time.h>
+
 #include <cerrno>
 #include <charconv>
+#include <csignal>
+#include <ctime>
 
 #include "host/trace.h"
 #include "jxcache/host/host_services.h"
@@ -24,6 +28,40 @@ timeval ToTimeval(std::chrono::milliseconds ms) {
 }
 
 uint64_t NowNs() { return jx::host::GetClock().NowNanoseconds(); }
+
+// A write to a connection the server has closed (a restart, an idle timeout) raises SIGPIPE,
+// whose default action ends the process: the host's, which a library cannot ask to ignore it.
+// hiredis writes with plain write(), so the signal is blocked on this thread for the write, and
+// one the write raised is taken off before the old mask comes back. A host that blocks SIGPIPE
+// itself keeps what is pending; one already pending before the write is not taken either.
+class ScNoSigpipe {
+ public:
+  ScNoSigpipe() {
+    sigemptyset(&pipe_);
+    sigaddset(&pipe_, SIGPIPE);
+    sigset_t pending;
+    pendingBefore_ = sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
+    blocked_ = pthread_sigmask(SIG_BLOCK, &pipe_, &old_) == 0 && sigismember(&old_, SIGPIPE) == 0;
+  }
+  ~ScNoSigpipe() {
+    if (!blocked_) return;
+    sigset_t pending;
+    if (!pendingBefore_ && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1) {
+      const timespec now{0, 0};
+      while (sigtimedwait(&pipe_, nullptr, &now) < 0 && errno == EINTR) {
+      }
+    }
+    pthread_sigmask(SIG_SETMASK, &old_, nullptr);
+  }
+  ScNoSigpipe(const ScNoSigpipe&) = delete;
+  ScNoSigpipe& operator=(const ScNoSigpipe&) = delete;
+
+ private:
+  sigset_t pipe_;
+  sigset_t old_;
+  bool pendingBefore_ = false;
+  bool blocked_ = false;
+};
 
 // hiredis reports a read that hit its timeout as an I/O error with errno EAGAIN.
 Fault FaultOf(const redisContext* c) {
@@ -205,9 +243,12 @@ Fault RedisPool::RoundTrip(redisContext* c, redisReply** reply) {
   const uint64_t deadline =
       NowNs() + static_cast<uint64_t>(std::chrono::nanoseconds(options_.commandTimeout).count());
   int done = 0;
-  while (!done) {
-    if (redisBufferWrite(c, &done) != REDIS_OK) return FaultOf(c);
-    if (!done && NowNs() >= deadline) return Fault::kTimeout;
+  {
+    const ScNoSigpipe noSigpipe;
+    while (!done) {
+      if (redisBufferWrite(c, &done) != REDIS_OK) return FaultOf(c);
+      if (!done && NowNs() >= deadline) return Fault::kTimeout;
+    }
   }
   for (;;) {
     void* got = nullptr;
