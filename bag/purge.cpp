@@ -273,7 +273,23 @@ bool JX_Stuff::PurgeIfPossiblePrivate(const ScopedWriteLockWrapper&, ReleaseQueu
   }
   purgeState_.store(kPurgeIdle, std::memory_order_release);
   if (MemDiskChangedSignal* changed = freed ? MemDiskChangedLocked() : nullptr) {
-    changed->Fire(false, diskFile_ != nullptr);
+    // The host's handler runs once the purge has let go of its locks, with the memory it freed:
+    // it may use the cache again, or wait for a thread of its own that does; and a purge walk
+    // under way is not disturbed by an item the handler renews or drops.
+    const bool onDisk = diskFile_ != nullptr;
+    auto fire = [changed, onDisk] {
+      try {
+        changed->Fire(false, onDisk);
+      } catch (...) {
+        // A handler's failure is the host's own; the purge stands.
+      }
+    };
+    try {
+      toRelease->emplace_back(nullptr,
+                              [self = IntrusivePtr<JX_Stuff>(this), fire](void*) { fire(); });
+    } catch (const std::bad_alloc&) {
+      fire();  // no memory to put it off
+    }
   }
   return freed;
 }

@@ -7,6 +7,7 @@
 #include <boost/version.hpp>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <new>
 #include <vector>
 
@@ -147,10 +148,23 @@ void JX_SortDir::AddStuff(const StuffPtr& stuff) {
     if (stuff->GetDiskCacheFile() == old->GetDiskCacheFile()) continue;
     old->DropDiskCacheFileOutsideLock();
   }
-  ScopedWriteLockWrapper wl(stuff->mutex_);
-  stuff->sortDir_ = weak_from_this();
-  stuff->tempRemovedFromSortDir_ = false;
-  stuff->inSortDir_.store(true, std::memory_order_release);
+  {
+    ScopedWriteLockWrapper wl(stuff->mutex_);
+    stuff->sortDir_ = weak_from_this();
+    stuff->tempRemovedFromSortDir_ = false;
+    stuff->inSortDir_.store(true, std::memory_order_release);
+  }
+  // The replaced items, and their payloads when nobody else holds them, go once the library lock
+  // is released: a payload's owner may wait for a thread of its own that uses the cache.
+  if (!superseded.empty()) {
+    try {
+      std::deque<std::shared_ptr<void>> owners;
+      owners.push_back(std::make_shared<std::vector<StuffPtr>>(std::move(superseded)));
+      JXp_ScLock::ReleaseOutsideLock(std::move(owners));
+    } catch (const std::bad_alloc&) {
+      // No memory to put them off: they go now, under the lock.
+    }
+  }
 }
 
 void JX_SortDir::RemoveStuff(const StuffPtr& stuff) {

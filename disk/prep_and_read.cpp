@@ -43,7 +43,7 @@ double SimulatedReadDelaySeconds() {
 
 }  // namespace
 
-void JX_Stuff::PrepAndRead(const ScopedUpgradeLockWrapper& lock) {
+void JX_Stuff::PrepAndRead(const ScopedUpgradeLockWrapper& lock, DiskCopyGone* gone) {
   ZC_PROFILE_SCOPE("KQ.JX_Stuff::PrepAndRead", 6);
   Y::ScQuietErrors quiet;
   auto& counters = jx::disk::GetCounters();
@@ -79,7 +79,7 @@ void JX_Stuff::PrepAndRead(const ScopedUpgradeLockWrapper& lock) {
     code = Y_TranslateAndReportException();
     ZC_TRACE("JX", 3, "PrepAndRead: " << e.what());
   }
-  DeleteDiskCacheFile();
+  DeleteDiskCacheFile(gone);
   // DeleteDiskCacheFile leaves the accounted size alone when it could not see the file's size
   // (an empty or vanished file); the item has no file now either way.
   SyncDiskSizeWithBag(0);

@@ -54,9 +54,18 @@ void JX_Stuff::ClearDiskCacheFile() {
   SyncDiskSizeWithBag(0);
 }
 
+void JX_Stuff::DiskCopyGone::Tell() const {
+  if (signal) signal->Fire(inMemory, false);
+}
+
 bool JX_Stuff::DeleteDiskCacheFile() {
-  bool inMemory;
-  MemDiskChangedSignal* signal = nullptr;
+  DiskCopyGone gone;
+  const bool deleted = DeleteDiskCacheFile(&gone);
+  gone.Tell();
+  return deleted;
+}
+
+bool JX_Stuff::DeleteDiskCacheFile(DiskCopyGone* gone) {
   // Released once the file is gone: until then no scan can adopt it.
   std::shared_ptr<ClaimedFile> claim;
   {
@@ -73,17 +82,16 @@ bool JX_Stuff::DeleteDiskCacheFile() {
       claim->File().Delete();
     } catch (...) {
     }
-    inMemory = data_ && data_->IsInMemory();
-    // The signal is created under this lock; read it here, fire it after.
-    signal = MemDiskChangedLocked();
     if (size == 0) {
       // An empty or unreadable file still leaves the item: its counted size must go too.
       wl.Unlock();
       SyncDiskSizeWithBag(0);
       return false;
     }
+    // The signal is created under this lock; read it here, fire it after.
+    gone->inMemory = data_ && data_->IsInMemory();
+    gone->signal = MemDiskChangedLocked();
   }
-  if (signal) signal->Fire(inMemory, false);
   SyncDiskSizeWithBag(0);
   return true;
 }
@@ -186,10 +194,19 @@ void JX_Stuff::DropCopies(std::vector<IntrusivePtr<JX_Stuff>>&& copies) {
 void JX_Stuff::MaybeDeleteDiskCacheFile(uint64_t lastUsedThreshold, bool* deleted, bool* skipped) {
   if (deleted) *deleted = false;
   if (skipped) *skipped = false;
-  ScopedWriteLockWrapper wl(mutex_);
+  DiskCopyGone gone;
+  {
+    ScopedWriteLockWrapper wl(mutex_);
+    MaybeDeleteDiskCacheFileLocked(lastUsedThreshold, deleted, skipped, &gone);
+  }
+  gone.Tell();
+}
+
+void JX_Stuff::MaybeDeleteDiskCacheFileLocked(uint64_t lastUsedThreshold, bool* deleted,
+                                              bool* skipped, DiskCopyGone* gone) {
   if (GetCheckoutCount() != 0 || !diskFile_ || GetNumDiskCacheCheckouts() != 0) return;
   if (GetLastUsedTime() < lastUsedThreshold) {
-    bool d = DeleteDiskCacheFile();
+    bool d = DeleteDiskCacheFile(gone);
     // The file was all that was left of a payload already gone from memory.
     if (d && !(data_ && data_->IsInMemory())) {
       size_t hash;

@@ -121,9 +121,18 @@ bool JX_Stuff::EnsureInMemory() {
   Y::ScQuietErrors quiet(Y::ScQuietErrors::Refused::kCarryOn);
   ZC_TRACE("JX_Stuff", 1,
            "JX_Stuff::EnsureInMemory pre-prep " << zelcore::threads::CurrentThreadId());
-  {
+  // A failed read deletes the file with the item's lock held; its handler hears of it after.
+  DiskCopyGone gone;
+  try {
     ScopedUpgradeLockWrapper up(mutex_);
-    if (!(data_ && data_->IsInMemory()) && diskFile_) PrepAndRead(up);
+    if (!(data_ && data_->IsInMemory()) && diskFile_) PrepAndRead(up, &gone);
+  } catch (...) {
+    try {
+      gone.Tell();
+    } catch (...) {
+      // The read's failure is what the caller hears.
+    }
+    throw;
   }
   ZC_TRACE("JX_Stuff", 1,
            "JX_Stuff::EnsureInMemory post-prep " << zelcore::threads::CurrentThreadId());

@@ -221,9 +221,18 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // writer in disk/write_policy.cpp.
   // Writes the item's disk cache file if it has none (errors are caught and counted).
   void PrepAndWrite(const std::shared_ptr<JX_Bag>& bag);
+  // What a deleted disk copy tells the item's change handler, kept by a caller that deleted it
+  // under the item's lock: the handler is the host's, and runs with no lock of the cache held
+  // (Tell, once the caller has let go).
+  struct DiskCopyGone {
+    MemDiskChangedSignal* signal = nullptr;
+    bool inMemory = false;
+    void Tell() const;
+  };
   // Reads the payload back from the item's file; the caller holds the item's upgrade lock.
-  // On failure the file is deleted, the failed-reads counter raised and the error thrown on.
-  void PrepAndRead(const zelcore::threads::ScopedUpgradeLockWrapper& lock);
+  // On failure the file is deleted (what that tells the handler left in *gone for the caller),
+  // the failed-reads counter raised and the error thrown on.
+  void PrepAndRead(const zelcore::threads::ScopedUpgradeLockWrapper& lock, DiskCopyGone* gone);
   // Links the item to `file` (replacing its link, unless `onlyIfNone` and it has one). False
   // when nothing changed, also when another item's link holds the file: a file belongs to one
   // item. Does not touch the disk or the sizes.
@@ -238,6 +247,8 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   bool IsOnDisk() const { return HasDiskCacheFile(); }
   void ClearDiskCacheFile();
   bool DeleteDiskCacheFile();
+  // The same for a caller holding the item's lock: the handler is left to it, in *gone.
+  bool DeleteDiskCacheFile(DiskCopyGone* gone);
   // The disk copy no longer holds what the item answers (the payload was written to through a
   // writeable check-out, or the item was re-keyed): the item forgets it at once, so that nothing
   // can read it back, and the file is deleted once the calling thread holds no library lock.
@@ -351,6 +362,8 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
     MemDiskChangedSignal* signal = nullptr;
   };
   DetachedDiskCopy DetachDiskCopyLocked(bool onlyIfInMemory) REQUIRES(mutex_);
+  void MaybeDeleteDiskCacheFileLocked(uint64_t lastUsedThreshold, bool* deleted, bool* skipped,
+                                      DiskCopyGone* gone) REQUIRES(mutex_);
   void DropDetachedDiskCopy(DetachedDiskCopy stale);
   // The compressed copies the disk writer made of this item's payload: the other items filed
   // under `guid` in `dir` that are compressed and answer a request this item answers. The caller
