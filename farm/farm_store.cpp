@@ -279,7 +279,15 @@ FarmStore::PutStatus FarmStore::PutParts(const std::string& key, std::string_vie
   Reply r =
       expires ? Run({"SET", key, manifest, "NX", "PX", ttl}) : Run({"SET", key, manifest, "NX"});
   if (r.Ok() && IsOk(r)) return PutStatus::kWritten;
-  // Another node committed first (or the commit failed): our parts are nobody's.
+  if (!r.Ok()) {
+    // The commit may have reached the server with only its reply lost (a reset or a failover on
+    // the way back): then the parts are a committed value's, and deleting them would break it
+    // for every reader. Our manifest names our parts by their tag, so the key tells.
+    const Reply check = Run({"GET", key});
+    if (!check.Ok()) return PutStatus::kFault;  // unknown: the parts stay (until their TTL)
+    if (check.kind == Reply::Kind::kString && check.bytes == manifest) return PutStatus::kWritten;
+  }
+  // Another node committed first, or the commit did not happen: our parts are nobody's.
   for (uint32_t j = 0; j < parts; ++j) Run({"DEL", PartKeyOf(key, tag, j)});
   return r.Ok() ? PutStatus::kDuplicate : PutStatus::kFault;
 }

@@ -2,6 +2,7 @@
 // faults of the server, and the leases that make one node compute what the others wait for.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -928,6 +929,150 @@ TEST(FarmWireTest, LargeWriteOnAConnectionTheServerClosedIsAFaultNotABrokenPipe)
     std::_Exit(status == FarmStore::PutStatus::kFault && counted ? 0 : 12);
   };
   EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+
+namespace {
+
+// A loopback proxy in front of the test's server that, once, lets through the first command
+// whose bytes hold `marker` and then cuts the connection before the server's reply reaches
+// the client: the command ran, but the client only sees a dropped connection.
+class ReplyDroppingProxy {
+ public:
+  ReplyDroppingProxy(int serverPort, std::string marker)
+      : serverPort_(serverPort), marker_(std::move(marker)) {
+    listener_ = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(a);
+    if (bind(listener_, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0 ||
+        listen(listener_, 16) != 0 ||
+        getsockname(listener_, reinterpret_cast<sockaddr*>(&a), &length) != 0) {
+      return;
+    }
+    port_ = ntohs(a.sin_port);
+    thread_ = std::thread([this] { Serve(); });
+  }
+  ~ReplyDroppingProxy() {
+    stop_ = true;
+    if (thread_.joinable()) thread_.join();
+    for (auto& t : pumps_) t.join();
+    close(listener_);
+  }
+  int Port() const { return port_; }
+  // Replies held back and connections cut: the fault really happened.
+  int Drops() const { return drops_.load(); }
+
+ private:
+  void Serve() {
+    while (!stop_) {
+      pollfd p{listener_, POLLIN, 0};
+      if (poll(&p, 1, 50) <= 0) continue;
+      const int c = accept(listener_, nullptr, nullptr);
+      if (c >= 0) pumps_.emplace_back([this, c] { Pump(c); });
+    }
+  }
+  void Pump(int client) {
+    const int server = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons(static_cast<uint16_t>(serverPort_));
+    bool dropping = false;
+    std::string seen;
+    if (connect(server, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0) {
+      char buffer[65536];
+      while (!stop_) {
+        pollfd fds[2] = {{client, POLLIN, 0}, {server, POLLIN, 0}};
+        if (poll(fds, 2, 50) <= 0) continue;
+        if (fds[0].revents) {
+          const ssize_t n = read(client, buffer, sizeof(buffer));
+          if (n <= 0) break;
+          if (!dropping && armed_) {
+            seen.append(buffer, static_cast<size_t>(n));
+            if (seen.find(marker_) != std::string::npos && armed_.exchange(false)) {
+              dropping = true;
+              ++drops_;
+            }
+          }
+          if (!WriteAll(server, buffer, static_cast<size_t>(n))) break;
+        }
+        if (fds[1].revents) {
+          const ssize_t n = read(server, buffer, sizeof(buffer));
+          if (n <= 0 || dropping) break;  // the reply to the marked command goes nowhere
+          if (!WriteAll(client, buffer, static_cast<size_t>(n))) break;
+        }
+      }
+    }
+    close(server);
+    close(client);
+  }
+  static bool WriteAll(int fd, const char* data, size_t size) {
+    while (size > 0) {
+      const ssize_t n = send(fd, data, size, MSG_NOSIGNAL);
+      if (n <= 0) return false;
+      data += n;
+      size -= static_cast<size_t>(n);
+    }
+    return true;
+  }
+
+  const int serverPort_;
+  const std::string marker_;
+  int listener_ = -1;
+  int port_ = 0;
+  std::atomic<bool> stop_{false};
+  std::atomic<bool> armed_{true};
+  std::atomic<int> drops_{0};
+  std::thread thread_;
+  std::vector<std::thread> pumps_;  // only Serve's thread adds; joined after it ends
+};
+
+// A write whose commit reached the server but whose reply was lost on the way back (a reset,
+// a failover, a proxy that dropped the connection) must never leave a committed value broken. A
+// plain value is whole either way, and its writer sees a fault. A value in parts is committed by
+// its manifest: a writer that took the lost reply for a failed commit and deleted "its" parts
+// would leave a manifest whose parts are gone, which every reader meets as a missing part. The
+// writer asks the server instead, finds its manifest there, and counts the value written.
+TEST_F(FarmTest, CommitWhoseReplyIsLostLeavesNoBrokenValueBehind) {
+  const struct {
+    const char* what;
+    uint32_t size;
+    FarmStore::PutStatus put;
+  } cases[] = {
+      {"a plain value", 512, FarmStore::PutStatus::kFault},
+      {"a value in parts", 4096, FarmStore::PutStatus::kWritten},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    // Every SET NX is a commit; the parts go with a plain SET.
+    ReplyDroppingProxy proxy(server_.Port(), "\r\n$2\r\nNX\r\n");
+    ASSERT_NE(proxy.Port(), 0);
+    jx::farm::RedisPool::Options options;
+    std::string why;
+    ASSERT_TRUE(jx::farm::ParseAddress("redis://127.0.0.1:" + std::to_string(proxy.Port()),
+                                       &options.address, &why))
+        << why;
+    options.connectTimeout = options.commandTimeout = std::chrono::milliseconds(3000);
+    jx::farm::RedisPool pool(options);
+    FarmStore writer(pool, "node-writer", {.partBytes = 1024});
+    const Guid guid = Guid::CreateUnique();
+    const auto id = IdentityOf(guid, c.size);
+    const uint64_t connectionErrors = Count(jx::farm::GetCounters().connectionErrors);
+    EXPECT_EQ(writer.Put(id, Bytes(guid, c.size), 0.5), c.put);
+    EXPECT_EQ(proxy.Drops(), 1);
+    EXPECT_EQ(Count(jx::farm::GetCounters().connectionErrors), connectionErrors + 1);
+    // The commit is on the server.
+    EXPECT_EQ(server_.Command({"EXISTS", jx::farm::KeyOf(id)}), "1");
+    // Whatever the writer believes, a reader finds the whole value.
+    const FarmStore::Fetched got = Store().Get(id);
+    EXPECT_EQ(got.status, FarmStore::GetStatus::kHit)
+        << "status " << static_cast<int>(got.status) << ", missing parts "
+        << Count(jx::farm::GetCounters().missingParts);
+    EXPECT_TRUE(got.payload == Bytes(guid, c.size));
+  }
 }
 
 }  // namespace
