@@ -306,6 +306,49 @@ TEST_F(FarmTest, DamagedOrForeignValuesAreCountedMissesAndTheKeyRecovers) {
   EXPECT_EQ(got.payload, Bytes(guid, 4096));
 }
 
+// The compute seconds travel in the header, outside the payload's checksum, and reach the host
+// with the frame: its check-in and the local disk writer's rule take them as the writer's
+// measure. A bit flipped there on the server is as much damage as one in the payload (a frame
+// of 0.5 s that claims 1e307 s, or less than none) and must be caught the same way: counted
+// corrupt, deleted, a miss.
+TEST_F(FarmTest, FlippedBitInTheHeadersComputeSecondsIsCaughtLikeOneInThePayload) {
+  auto& counters = jx::farm::GetCounters();
+  const struct {
+    const char* what;
+    uint8_t mask;  // on the compute seconds' top byte (offset 39: a little-endian double)
+  } cases[] = {
+      {"an exponent bit: 0.5 s reads as 9e307 s", 0x40},
+      {"the sign bit: 0.5 s reads as -0.5 s", 0x80},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const Guid guid = Guid::CreateUnique();
+    const auto id = IdentityOf(guid, 4096);
+    const std::string key = jx::farm::KeyOf(id);
+    ASSERT_EQ(Store().Put(id, Bytes(guid, 4096), 0.5), FarmStore::PutStatus::kWritten);
+    const std::string old = server_.Command({"GETRANGE", key, "39", "39"});
+    ASSERT_EQ(old.size(), 1u);
+    ASSERT_EQ(server_.Command(
+                  {"SETRANGE", key, "39", std::string(1, static_cast<char>(old[0] ^ c.mask))}),
+              server_.Command({"STRLEN", key}));
+    ASSERT_NE(server_.Command({"GETRANGE", key, "39", "39"}), old);  // the flip is there
+    const uint64_t corrupt = Count(counters.corrupt);
+    // What the host would be handed: the fetch through its API.
+    JX_ScCheckout handle;
+    JX_ScFarmCompute farm(Pending(handle, guid, 4096));
+    const auto outcome = farm.Fetch();
+    if (outcome == JX_ScFarmCompute::kFilledFromFarm) {
+      EXPECT_EQ(farm.FetchedComputeSeconds(), 0.5) << "a damaged header was served";
+      handle.Checkin(0, farm.FetchedComputeSeconds());
+    } else {
+      EXPECT_EQ(outcome, JX_ScFarmCompute::kComputeHere);
+      Render(handle, 4096);
+    }
+    EXPECT_EQ(Count(counters.corrupt), corrupt + 1);
+    EXPECT_EQ(server_.Command({"EXISTS", key}), "0");
+  }
+}
+
 TEST_F(FarmTest, LargeValueGoesInPartsAndAMissingPartIsAMiss) {
   // Reading 9 MiB back can take longer than the default command time-out on a loaded machine
   // (a fault, not a hit); time-outs are another test's subject.

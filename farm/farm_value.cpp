@@ -63,6 +63,7 @@ std::string EncodeHeader(const ValueHeader& h) {
   PutText(out, h.writerNode);
   PutText(out, h.partTag);
   PutText(out, h.key);
+  PutLE(out, XXH3_64bits(out.data(), out.size()), 8);
   return out;
 }
 
@@ -76,6 +77,8 @@ const char* DescribeDecodeError(DecodeError error) {
       return "not a farm value";
     case DecodeError::kBadVersion:
       return "another format version";
+    case DecodeError::kBadHeaderChecksum:
+      return "header checksum mismatch";
     case DecodeError::kBadLength:
       return "payload length does not match";
     case DecodeError::kBadManifest:
@@ -99,9 +102,12 @@ DecodeError DecodeHeader(std::string_view value, ValueHeader* out, size_t* heade
   h.partBytes = static_cast<uint32_t>(GetLE(value, 60, 4));
   size_t at = kFixedHeaderSize;
   if (!GetText(value, &at, &h.matchName) || !GetText(value, &at, &h.writerNode) ||
-      !GetText(value, &at, &h.partTag) || !GetText(value, &at, &h.key)) {
+      !GetText(value, &at, &h.partTag) || !GetText(value, &at, &h.key) ||
+      value.size() < at + sizeof(uint64_t)) {
     return DecodeError::kTooShort;
   }
+  if (GetLE(value, at, 8) != XXH3_64bits(value.data(), at)) return DecodeError::kBadHeaderChecksum;
+  at += sizeof(uint64_t);
   if (h.manifest) {
     // The parts must be exactly enough for the length: a manifest is never trusted to make a
     // reader fetch (or allocate) more than it says the payload is.

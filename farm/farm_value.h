@@ -21,6 +21,9 @@
 //        .     2  key length, then the key the value was written under: the GUID and match
 //                 name alone would let the item's value of another application version or
 //                 payload header pass for this one
+//        .     8  XXH3-64 of every header byte before it: the payload's checksum and the
+//                 identity checks leave fields uncovered (the compute seconds, which decide
+//                 whether the reader's disk cache keeps the frame, and the writer's name)
 // All integers little-endian. The payload follows a plain value's header directly.
 //
 // Pure functions, any thread.
@@ -35,7 +38,7 @@
 
 namespace jx::farm {
 
-inline constexpr uint16_t kFormatVersion = 2;
+inline constexpr uint16_t kFormatVersion = 3;
 inline constexpr size_t kFixedHeaderSize = 64;
 
 struct Hash128 {
@@ -61,11 +64,20 @@ struct ValueHeader {
 // The header's bytes.
 std::string EncodeHeader(const ValueHeader& header);
 
-enum class DecodeError { kNone, kTooShort, kBadMagic, kBadVersion, kBadLength, kBadManifest };
+enum class DecodeError {
+  kNone,
+  kTooShort,
+  kBadMagic,
+  kBadVersion,
+  kBadHeaderChecksum,
+  kBadLength,
+  kBadManifest
+};
 const char* DescribeDecodeError(DecodeError error);
 // Reads the header at the start of `value`; *headerSize is where the payload starts. Checks the
-// header's own consistency (a plain value's length matches the bytes after it; a manifest's parts
-// cover its length), not the identity or the checksum, which the caller compares.
+// header's own checksum and consistency (a plain value's length matches the bytes after it; a
+// manifest's parts cover its length), not the identity or the payload's checksum, which the
+// caller compares.
 DecodeError DecodeHeader(std::string_view value, ValueHeader* out, size_t* headerSize);
 
 }  // namespace jx::farm
