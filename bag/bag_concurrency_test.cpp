@@ -89,6 +89,48 @@ class WatchingPayload : public TestPayload {
   int& freedUnderItsLock_;
 };
 
+// Lets go of a bag's last owner on another thread, at a moment of the test's choosing (Drop,
+// from inside the operation under test), and comes back once that release has returned or has
+// begun the bag's destruction (which waits for a lock the operation holds).
+class LastOwnerDropper {
+ public:
+  explicit LastOwnerDropper(std::shared_ptr<JX_Bag> owner)
+      : watch_(owner),
+        thread_(std::async(std::launch::async,
+                           [this, owner = std::move(owner), go = letGo_.get_future()]() mutable {
+                             go.wait();
+                             owner.reset();
+                             released_ = true;
+                           })) {}
+  ~LastOwnerDropper() { Finish(); }
+  // Once: later calls do nothing.
+  void Drop() {
+    if (drops_++ != 0) return;
+    letGo_.set_value();
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (!released_ && !watch_.expired() && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::yield();
+    }
+  }
+  // Lets go now if Drop never came; true once the release has returned.
+  bool Finish() {
+    if (drops_ == 0) {
+      drops_ = -1;
+      letGo_.set_value();
+    }
+    return thread_.wait_for(10s) == std::future_status::ready;
+  }
+  int Drops() const { return drops_ > 0 ? drops_ : 0; }
+  bool BagGone() const { return watch_.expired(); }
+
+ private:
+  const std::weak_ptr<JX_Bag> watch_;
+  std::promise<void> letGo_;
+  std::atomic<bool> released_{false};
+  int drops_ = 0;
+  std::future<void> thread_;
+};
+
 // A size sync asks the item for its bag under the item's lock. Had it taken an owning reference,
 // the bag's last owner letting go meanwhile (a restart, on another thread) would leave that
 // reference the last: the bag's destructor would run on the syncing thread, under the item's
@@ -109,35 +151,19 @@ TEST_F(BagDeathTest, ASizeSyncNeverEndsItsBagsLifeUnderTheItemsLock) {
   }
   local->AddToBagAndSortDir(item);
   // The sync moves the checked-out share and traces it: the trace is where another thread lets
-  // go of the bag's last owner, in the middle of the sync. The sync goes on once that release
-  // has returned or has begun the bag's destruction (which waits for this item's lock).
-  const std::weak_ptr<JX_Bag> watch = local;
-  std::promise<void> letGo;
-  std::atomic<bool> released{false};
-  int dropped = 0;
-  auto dropper = std::async(std::launch::async, [&, f = letGo.get_future()]() mutable {
-    f.wait();
-    local.reset();
-    released = true;
-  });
+  // go of the bag's last owner, in the middle of the sync.
+  LastOwnerDropper dropper(std::move(local));
   Tracing::Configure("JX:7");
   Tracing::SetSink([&](const char*, int, const std::string&) {
-    if (dropped != 0 || !item->GetMutex().IsUpgradeLockedByCurrentThread()) return;
-    ++dropped;
-    letGo.set_value();
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (!released && !watch.expired() && std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::yield();
-    }
+    if (item->GetMutex().IsUpgradeLockedByCurrentThread()) dropper.Drop();
   });
   const JX_CheckoutResult result = item->Checkout(jx::checkout_flags::kReadOnly);
   Tracing::SetSink(nullptr);
   Tracing::Configure("");
-  if (dropped == 0) letGo.set_value();
-  ASSERT_EQ(dropper.wait_for(10s), std::future_status::ready) << "the bag's release hangs";
+  ASSERT_TRUE(dropper.Finish()) << "the bag's release hangs";
   ASSERT_EQ(result, kJX_CheckedOut);
-  ASSERT_EQ(dropped, 1) << "the last owner never let go in the middle of the sync";
-  EXPECT_TRUE(watch.expired());
+  ASSERT_EQ(dropper.Drops(), 1) << "the last owner never let go in the middle of the sync";
+  EXPECT_TRUE(dropper.BagGone());
   EXPECT_EQ(freedUnderItsLock, 0);
   item->Checkin(0, 0.0);
   EXPECT_EQ(item->GetBag(), nullptr);
@@ -172,39 +198,20 @@ TEST_F(BagDeathTest, APurgeNeverEndsItsBagsLifeUnderItsLocks) {
     other->SetGuid(Guid::CreateUnique());
     local->AddToBagAndSortDir(other);
   }
-  const std::weak_ptr<JX_Bag> watch = local;
-  std::promise<void> letGo;
-  std::atomic<bool> released{false};
-  int dropped = 0;
-  auto dropper = std::async(std::launch::async, [&, f = letGo.get_future()]() mutable {
-    f.wait();
-    local.reset();
-    released = true;
-  });
-  // In the middle of the purge, the bag's last owner lets go on another thread; the purge goes
-  // on once that release has returned or has begun the bag's destruction (which waits for the
-  // library lock).
+  // In the middle of the purge, the bag's last owner lets go on another thread.
+  LastOwnerDropper* dropper = nullptr;
   auto item = JX_Stuff::CreateNew(
-      IntrusivePtr<JX_StuffData>(new PurgeHookPayload(
-          1000,
-          [&] {
-            if (dropped++ != 0) return;
-            letGo.set_value();
-            const auto deadline = std::chrono::steady_clock::now() + 10s;
-            while (!released && !watch.expired() && std::chrono::steady_clock::now() < deadline) {
-              std::this_thread::yield();
-            }
-          })),
-      0.0);
+      IntrusivePtr<JX_StuffData>(new PurgeHookPayload(1000, [&] { dropper->Drop(); })), 0.0);
   item->SetGuid(Guid::CreateUnique());
   watched = item.get();
   local->AddToBagAndSortDir(item);
+  LastOwnerDropper drops(std::move(local));
+  dropper = &drops;
 
   EXPECT_EQ(item->FreeUpAsMuchAsPossible(true, nullptr), 1000u);
-  if (dropped == 0) letGo.set_value();
-  ASSERT_EQ(dropper.wait_for(10s), std::future_status::ready) << "the bag's release hangs";
-  ASSERT_EQ(dropped, 1) << "the last owner never let go in the middle of the purge";
-  EXPECT_TRUE(watch.expired());
+  ASSERT_TRUE(drops.Finish()) << "the bag's release hangs";
+  ASSERT_EQ(drops.Drops(), 1) << "the last owner never let go in the middle of the purge";
+  EXPECT_TRUE(drops.BagGone());
   EXPECT_EQ(freedUnderALock, 0);
   EXPECT_EQ(item->GetBag(), nullptr);
   EXPECT_FALSE(item->IsInMemory());

@@ -855,6 +855,22 @@ TEST_F(FarmTest, ReaderDeletingAForeignOrEmptyKeyLeavesTheValueThatReplacedItAlo
   }
 }
 
+// A listening TCP socket on a loopback port of the system's choosing: its descriptor, and the
+// port in *port (0 when it could not listen).
+int ListenOnLoopback(int backlog, int* port) {
+  *port = 0;
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof(a);
+  if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a)) == 0 &&
+      listen(fd, backlog) == 0 && getsockname(fd, reinterpret_cast<sockaddr*>(&a), &length) == 0) {
+    *port = ntohs(a.sin_port);
+  }
+  return fd;
+}
+
 // A server of the test's own on loopback that answers each connection's first command with
 // `reply` sent in pieces, `gap` apart, and then closes it: a reply that is malformed, cut off,
 // or dribbled out slower than any timeout of a single read.
@@ -862,17 +878,8 @@ class FakeServer {
  public:
   FakeServer(std::vector<std::string> pieces, std::chrono::milliseconds gap)
       : pieces_(std::move(pieces)), gap_(gap) {
-    listener_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(a);
-    if (bind(listener_, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0 ||
-        listen(listener_, 4) != 0 ||
-        getsockname(listener_, reinterpret_cast<sockaddr*>(&a), &length) != 0) {
-      return;
-    }
-    port_ = ntohs(a.sin_port);
+    listener_ = ListenOnLoopback(4, &port_);
+    if (port_ == 0) return;
     thread_ = std::thread([this] { Serve(); });
   }
   ~FakeServer() {
@@ -993,17 +1000,8 @@ class ReplyDroppingProxy {
  public:
   ReplyDroppingProxy(int serverPort, std::string marker)
       : serverPort_(serverPort), marker_(std::move(marker)) {
-    listener_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(a);
-    if (bind(listener_, reinterpret_cast<sockaddr*>(&a), sizeof(a)) != 0 ||
-        listen(listener_, 16) != 0 ||
-        getsockname(listener_, reinterpret_cast<sockaddr*>(&a), &length) != 0) {
-      return;
-    }
-    port_ = ntohs(a.sin_port);
+    listener_ = ListenOnLoopback(16, &port_);
+    if (port_ == 0) return;
     thread_ = std::thread([this] { Serve(); });
   }
   ~ReplyDroppingProxy() {

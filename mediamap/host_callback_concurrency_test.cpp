@@ -39,23 +39,7 @@ constexpr auto kHostThreadDeadline = 2s;
 
 // The media map on, and a disk cache folder, so that every way an item leaves memory or loses
 // its disk copy can be taken.
-class HostCallbackTest : public MediaMapTest {
- protected:
-  void SetUp() override {
-    zelappsupport::preferences::Clear();
-    zelappsupport::preferences::SetValue(jx::disk::kPreferencesGroup,
-                                         jx::disk::kMinVolumeFreeSpaceName, "0");
-    MediaMapTest::SetUp();
-    jx::testing::RegisterTestPayloadFactory();
-    bag_->EnableDiskCache(true);
-    bag_->SetDiskCacheInfo(tempDir_, 1LL << 30);
-    ASSERT_TRUE(bag_->IsDiskCacheEnabled());
-  }
-  void TearDown() override {
-    MediaMapTest::TearDown();
-    zelappsupport::preferences::Clear();
-  }
-};
+class HostCallbackTest : public jx::testing::MediaMapDiskTest {};
 
 // What a host's change handler saw when an item lost its memory or its disk copy. The handler
 // has its own thread check the item out and back in, and look at the bag, and waits for that,

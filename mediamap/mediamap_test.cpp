@@ -134,26 +134,11 @@ TEST_F(MediaMapTest, AnItemPurgedByTheHostWhileCheckedOutIsMirroredAgainAtChecki
   EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
 }
 
+using jx::testing::MediaMapDiskTest;
+
 // The read-ahead brings frames back from disk and checks them in keeping their place in the
 // recency order. The bytes it brought back must be mirrored like any other: the host has to be
 // able to take them back.
-class MediaMapDiskTest : public MediaMapTest {
- protected:
-  void SetUp() override {
-    zelappsupport::preferences::Clear();
-    zelappsupport::preferences::SetValue(jx::disk::kPreferencesGroup,
-                                         jx::disk::kMinVolumeFreeSpaceName, "0");
-    MediaMapTest::SetUp();
-    jx::testing::RegisterTestPayloadFactory();
-    bag_->EnableDiskCache(true);
-    bag_->SetDiskCacheInfo(tempDir_, 1LL << 30);
-    ASSERT_TRUE(bag_->IsDiskCacheEnabled());
-  }
-  void TearDown() override {
-    MediaMapTest::TearDown();
-    zelappsupport::preferences::Clear();
-  }
-};
 
 TEST_F(MediaMapDiskTest, AFrameReadBackAheadOfPlaybackIsMirrored) {
   auto item = JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(new TestPayload(100, 7, true)), 10.0);

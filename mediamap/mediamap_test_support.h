@@ -7,6 +7,7 @@
 #include <string>
 #include <thread>
 
+#include "disk/disk_test_support.h"
 #include "mediamap/manager_outbox.h"
 #include "mediamap/media_map_impl.h"
 #include "standalone/media_manager_pool.h"
@@ -31,6 +32,25 @@ class MediaMapTest : public LibraryTest {
   }
 
   std::shared_ptr<kq::JX_MediaMapImpl> adapter_;
+};
+
+// The same, with a disk cache folder: frames read back, written or dropped from the disk.
+class MediaMapDiskTest : public MediaMapTest {
+ protected:
+  void SetUp() override {
+    zelappsupport::preferences::Clear();
+    zelappsupport::preferences::SetValue(jx::disk::kPreferencesGroup,
+                                         jx::disk::kMinVolumeFreeSpaceName, "0");
+    MediaMapTest::SetUp();
+    RegisterTestPayloadFactory();
+    bag_->EnableDiskCache(true);
+    bag_->SetDiskCacheInfo(tempDir_, 1LL << 30);
+    ASSERT_TRUE(bag_->IsDiskCacheEnabled());
+  }
+  void TearDown() override {
+    MediaMapTest::TearDown();
+    zelappsupport::preferences::Clear();
+  }
 };
 
 // Waits (bounded) until the manager has heard every call posted so far.
