@@ -89,8 +89,10 @@ bool JX_Stuff::DeleteDiskCacheFile(DiskCopyGone* gone) {
       return false;
     }
     // The signal is created under this lock; read it here, fire it after.
-    gone->inMemory = data_ && data_->IsInMemory();
-    gone->signal = MemDiskChangedLocked();
+    if (gone) {
+      gone->inMemory = data_ && data_->IsInMemory();
+      gone->signal = MemDiskChangedLocked();
+    }
   }
   SyncDiskSizeWithBag(0);
   return true;

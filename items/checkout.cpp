@@ -43,8 +43,16 @@ JX_CheckoutResult JX_Stuff::Checkout(int flags) { return CheckoutInBag(flags, nu
 JX_CheckoutResult JX_Stuff::CheckoutInBag(int flags, JX_Bag* bag, bool* wasPending,
                                           const MatchRequest* match) {
   if (!(flags & cf::kReadOnly)) return CheckoutForWrite(flags, bag, wasPending, match);
-  ScopedUpgradeLockWrapper up(mutex_);
-  return CheckoutLocked(flags, up, nullptr, bag, wasPending, match);
+  DiskCopyGone gone;
+  JX_CheckoutResult result;
+  {
+    ScopedUpgradeLockWrapper up(mutex_);
+    result = CheckoutLocked(flags, up, nullptr, bag, wasPending, match, &gone);
+  }
+  // A read back that failed dropped the file: the item's handler hears of it with no lock held.
+  if (gone.signal) [[unlikely]]
+    gone.Tell();
+  return result;
 }
 
 JX_CheckoutResult JX_Stuff::CheckoutForWrite(int flags, JX_Bag* knownBag, bool* wasPending,
@@ -57,7 +65,8 @@ JX_CheckoutResult JX_Stuff::CheckoutForWrite(int flags, JX_Bag* knownBag, bool* 
     // read, if one is needed, waits until the lock is released.
     JXp_ScLock lock;
     ScopedUpgradeLockWrapper up(mutex_);
-    result = CheckoutLocked(flags | cf::kNoDiskRead, up, &lock, knownBag, wasPending, match);
+    result =
+        CheckoutLocked(flags | cf::kNoDiskRead, up, &lock, knownBag, wasPending, match, nullptr);
   }
   if (result != kJX_CheckedOut || (flags & cf::kNoDiskRead) || match) return result;
   // Refused after all: the check-out is undone and the item left where it was.
@@ -89,7 +98,8 @@ bool JX_Stuff::ReadBackIfOnDiskOnly(int checkoutFlags) {
 
 JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, const ScopedUpgradeLockWrapper&,
                                            JXp_ScLock* libraryLock, JX_Bag* knownBag,
-                                           bool* wasPending, const MatchRequest* match) {
+                                           bool* wasPending, const MatchRequest* match,
+                                           DiskCopyGone* gone) {
   if (match && !AnswersRequestLocked(*match)) return kJX_CheckoutRefused;
   const bool forWrite = libraryLock != nullptr;
   // Stable while the upgrade lock is held: only the write lock completes a pending item.
@@ -98,7 +108,7 @@ JX_CheckoutResult JX_Stuff::CheckoutLocked(int flags, const ScopedUpgradeLockWra
   StepCheckoutCountLocked(+1);
   // A candidate found without the library lock was just seen in memory under this same hold of
   // the lock, which keeps purging out: no need to ask its payload again.
-  if (!PayloadUsableLocked(flags, pending, match && match->unlockedIn)) {
+  if (!PayloadUsableLocked(flags, pending, match && match->unlockedIn, gone)) {
     StepCheckoutCountLocked(-1);
     return kJX_CheckoutRefused;
   }
@@ -143,13 +153,14 @@ inline bool JX_Stuff::MayCheckOutLocked(int flags, bool forWrite, bool pending) 
   return !(extras && extras->pendingThread == zelcore::threads::CurrentThreadId());
 }
 
-inline bool JX_Stuff::PayloadUsableLocked(int flags, bool pending, bool seenInMemory) {
+inline bool JX_Stuff::PayloadUsableLocked(int flags, bool pending, bool seenInMemory,
+                                          DiskCopyGone* gone) {
   const bool onDisk = diskFile_ != nullptr;
   bool inMemory = seenInMemory || (data_ && data_->IsInMemory());
   if (!inMemory && onDisk && !(flags & cf::kNoDiskRead)) {
     bool readOk = false;
     try {
-      readOk = EnsureInMemory();
+      readOk = EnsureInMemory(gone);
     } catch (...) {
       readOk = false;
     }

@@ -117,15 +117,10 @@ void JX_Stuff::CompletePending(IntrusivePtr<JX_StuffData> data, double computeTi
 }
 
 bool JX_Stuff::EnsureInMemory() {
-  // A file that cannot be read back is an expected event: its reports stay quiet.
-  Y::ScQuietErrors quiet(Y::ScQuietErrors::Refused::kCarryOn);
-  ZC_TRACE("JX_Stuff", 1,
-           "JX_Stuff::EnsureInMemory pre-prep " << zelcore::threads::CurrentThreadId());
   // A failed read deletes the file with the item's lock held; its handler hears of it after.
   DiskCopyGone gone;
   try {
-    ScopedUpgradeLockWrapper up(mutex_);
-    if (!(data_ && data_->IsInMemory()) && diskFile_) PrepAndRead(up, &gone);
+    return EnsureInMemory(&gone);
   } catch (...) {
     try {
       gone.Tell();
@@ -133,6 +128,17 @@ bool JX_Stuff::EnsureInMemory() {
       // The read's failure is what the caller hears.
     }
     throw;
+  }
+}
+
+bool JX_Stuff::EnsureInMemory(DiskCopyGone* gone) {
+  // A file that cannot be read back is an expected event: its reports stay quiet.
+  Y::ScQuietErrors quiet(Y::ScQuietErrors::Refused::kCarryOn);
+  ZC_TRACE("JX_Stuff", 1,
+           "JX_Stuff::EnsureInMemory pre-prep " << zelcore::threads::CurrentThreadId());
+  {
+    ScopedUpgradeLockWrapper up(mutex_);
+    if (!(data_ && data_->IsInMemory()) && diskFile_) PrepAndRead(up, gone);
   }
   ZC_TRACE("JX_Stuff", 1,
            "JX_Stuff::EnsureInMemory post-prep " << zelcore::threads::CurrentThreadId());

@@ -326,9 +326,10 @@ TEST_F(HostCallbackTest, AnItemLosingItsDiskCopyTellsItsHandlerWithNoItemLockHel
     item->Checkin(0, 0.0);
     item->RemoveFromBagAndSortDir();
   }
-  // On disk only, its copy unreadable.
-  {
-    SCOPED_TRACE("failed read back");
+  // On disk only, its copy unreadable: read back on its own, and by a check-out that asks for
+  // the payload in memory.
+  for (const bool byCheckout : {false, true}) {
+    SCOPED_TRACE(byCheckout ? "failed read back in a check-out" : "failed read back");
     auto item =
         JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(new UnreadablePayload(400, 3, true)), 1.0);
     item->SetGuid(Guid::CreateUnique());
@@ -342,11 +343,17 @@ TEST_F(HostCallbackTest, AnItemLosingItsDiskCopyTellsItsHandlerWithNoItemLockHel
     ChangeWatch watch;
     Watch(item, bag_, watch);
     const int readsBefore = UnreadablePayload::reads.load();
-    int thrown = 0;
-    ExpectHandlerFreeToUseTheCache(
-        [&] { thrown = jx::testing::ThrownCode([&] { item->EnsureInMemory(); }); }, watch);
+    if (byCheckout) {
+      JX_CheckoutResult result = kJX_CheckedOut;
+      ExpectHandlerFreeToUseTheCache([&] { result = item->Checkout(cf::kReadOnly); }, watch);
+      EXPECT_EQ(result, kJX_CheckoutRefused) << "an item whose payload cannot be read is refused";
+    } else {
+      int thrown = 0;
+      ExpectHandlerFreeToUseTheCache(
+          [&] { thrown = jx::testing::ThrownCode([&] { item->EnsureInMemory(); }); }, watch);
+      EXPECT_EQ(thrown, 5) << "the read's failure comes back to the caller";
+    }
     EXPECT_EQ(UnreadablePayload::reads.load(), readsBefore + 1) << "the read must have been tried";
-    EXPECT_EQ(thrown, 5) << "the read's failure comes back to the caller";
     EXPECT_FALSE(item->HasDiskCacheFile()) << "a copy that cannot be read is dropped";
     item->RemoveFromBagAndSortDir();
   }

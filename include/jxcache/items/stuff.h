@@ -386,10 +386,12 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // The check-out under the caller's upgrade lock on this item (and, for a writeable one, the
   // library lock), in steps: the search's request, the refusals that need no payload, the
   // payload (read back from disk unless kNoDiskRead), the move out of the directory.
+  // A read back that fails deletes the file: what that tells the item's handler is left in *gone
+  // (required unless kNoDiskRead), for the caller to tell once it lets go of the lock.
   JX_CheckoutResult CheckoutLocked(int flags, const zelcore::threads::ScopedUpgradeLockWrapper& up,
                                    JXp_ScLock* libraryLock, JX_Bag* knownBag, bool* wasPending,
-                                   const MatchRequest* match) REQUIRES_SHARED(mutex_)
-      REQUIRES(mutex_.OwnerRole());
+                                   const MatchRequest* match, DiskCopyGone* gone)
+      REQUIRES_SHARED(mutex_) REQUIRES(mutex_.OwnerRole());
   // Its steps on every cache hit are always inlined (items/checkout.cpp alone calls them), so
   // that a hit pays no calls for the check-out being written in steps.
   // Whether this item answers the search's request (and sets *match.matched), and, for a
@@ -403,8 +405,12 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // Whether the payload can be handed out: in memory (read back first unless kNoDiskRead;
   // `seenInMemory` skips asking), pending, accepted out of memory by the flags, or on disk for
   // the caller to read back after the library lock.
-  [[gnu::always_inline]] inline bool PayloadUsableLocked(int flags, bool pending, bool seenInMemory)
+  [[gnu::always_inline]] inline bool PayloadUsableLocked(int flags, bool pending, bool seenInMemory,
+                                                         DiskCopyGone* gone)
       REQUIRES_SHARED(mutex_);
+  // EnsureInMemory for a caller that holds the item's lock: a failed read's news for the item's
+  // handler is left in *gone.
+  bool EnsureInMemory(DiskCopyGone* gone);
   // Takes the item out of the directory and marks it writeable, taking the write lock on top of
   // the caller's upgrade lock.
   void MakeWriteableLocked(const JXp_ScLock& libraryLock);
