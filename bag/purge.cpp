@@ -1,6 +1,8 @@
 // Memory purging: the host's purge walk over the recency order, and the purge of one item.
 #include <algorithm>
 #include <atomic>
+#include <memory>
+#include <new>
 #include <ostream>
 
 #include "bag/miss_reasons.h"
@@ -275,20 +277,31 @@ bool JX_Stuff::PurgeIfPossiblePrivate(const ScopedWriteLockWrapper&, ReleaseQueu
   if (MemDiskChangedSignal* changed = freed ? MemDiskChangedLocked() : nullptr) {
     // The host's handler runs once the purge has let go of its locks, with the memory it freed:
     // it may use the cache again, or wait for a thread of its own that does; and a purge walk
-    // under way is not disturbed by an item the handler renews or drops.
-    const bool onDisk = diskFile_ != nullptr;
-    auto fire = [changed, onDisk] {
-      try {
-        changed->Fire(false, onDisk);
-      } catch (...) {
-        // A handler's failure is the host's own; the purge stands.
+    // under way is not disturbed by an item the handler renews or drops. It hears the item's
+    // state as it is then, not as the purge left it: a change made meanwhile (its disk copy
+    // deleted, its payload read back) has told the handler already, and must stay the last word.
+    struct TellAtRelease {
+      IntrusivePtr<JX_Stuff> item;
+      MemDiskChangedSignal* changed;
+      bool armed = false;
+      ~TellAtRelease() {
+        if (!armed) return;
+        try {
+          changed->Fire(item->IsInMemory(), item->HasDiskCacheFile());
+        } catch (...) {
+          // A handler's failure is the host's own; the purge stands.
+        }
       }
     };
     try {
-      toRelease->emplace_back(nullptr,
-                              [self = IntrusivePtr<JX_Stuff>(this), fire](void*) { fire(); });
+      auto tell = std::make_shared<TellAtRelease>();
+      tell->item.reset(this);
+      tell->changed = changed;
+      toRelease->push_back(tell);
+      tell->armed = true;  // queued: it tells once, when the queue lets go of it
     } catch (const std::bad_alloc&) {
-      fire();  // no memory to put it off
+      // No memory to put it off: told now, under the locks, rather than never.
+      changed->Fire(false, diskFile_ != nullptr);
     }
   }
   return freed;

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -1122,6 +1123,66 @@ TEST_F(FarmTest, CommitWhoseReplyIsLostLeavesNoBrokenValueBehind) {
         << Count(jx::farm::GetCounters().missingParts);
     EXPECT_TRUE(got.payload == Bytes(guid, c.size));
   }
+}
+
+}  // namespace
+
+namespace {
+
+std::atomic<int> gSigpipesHandled{0};
+
+// The write's own SIGPIPE is the library's to take back; one sent to the process by somebody else
+// while the write is under way (another program, the host's own kill(getpid(), SIGPIPE)) is not:
+// the host's handler must still run. Only the thread doing the write leaves SIGPIPE unblocked
+// here (the sender blocks it), so a process-wide signal waits for that thread's mask to open.
+// The server is a listener that never reads: the write fills the socket's buffers and waits
+// out the command timeout, which leaves the signal time to arrive in the middle of it.
+TEST(FarmWireTest, ASigpipeSentToTheProcessDuringAWriteStillReachesTheHostsHandler) {
+  const int listener = socket(AF_INET, SOCK_STREAM, 0);
+  ASSERT_GE(listener, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof(a);
+  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&a), sizeof(a)), 0);
+  ASSERT_EQ(listen(listener, 4), 0);
+  ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&a), &length), 0);
+  jx::farm::RedisPool::Options options;
+  std::string why;
+  ASSERT_TRUE(jx::farm::ParseAddress("redis://127.0.0.1:" + std::to_string(ntohs(a.sin_port)),
+                                     &options.address, &why))
+      << why;
+  options.connectTimeout = options.commandTimeout = std::chrono::milliseconds(1500);
+
+  struct sigaction handler {}, old {};
+  handler.sa_handler = [](int) { gSigpipesHandled.fetch_add(1); };
+  sigemptyset(&handler.sa_mask);
+  ASSERT_EQ(sigaction(SIGPIPE, &handler, &old), 0);
+  gSigpipesHandled = 0;
+
+  std::atomic<bool> sent{false};
+  std::thread sender([&] {
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    sent = kill(getpid(), SIGPIPE) == 0;
+  });
+  jx::farm::RedisPool pool(options);
+  const std::string big(64u << 20, 'x');  // far beyond what an unread socket buffers
+  const auto start = std::chrono::steady_clock::now();
+  const auto reply = pool.Command({"SET", "k", big});
+  const auto took = std::chrono::steady_clock::now() - start;
+  sender.join();
+  const int handled = gSigpipesHandled.load();  // the mask is back: anything pending has run
+  sigaction(SIGPIPE, &old, nullptr);
+  close(listener);
+
+  ASSERT_TRUE(sent);
+  ASSERT_EQ(reply.fault, jx::farm::Fault::kTimeout) << "the write did not wait: nothing tested";
+  ASSERT_GT(took, std::chrono::milliseconds(400)) << "the signal came after the write";
+  EXPECT_EQ(handled, 1) << "a SIGPIPE sent to the process during a farm write was swallowed";
 }
 
 }  // namespace

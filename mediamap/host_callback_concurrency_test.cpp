@@ -379,3 +379,84 @@ TEST_F(HostCallbackTest, AnItemLosingItsDiskCopyTellsItsHandlerWithNoItemLockHel
 }
 
 }  // namespace
+
+namespace {
+
+// A payload whose purge runs `onPurge` first, on the purging thread, while the walk holds the
+// library lock.
+class PurgeHookPayload : public TestPayload {
+ public:
+  PurgeHookPayload(unsigned int size, std::function<void()> onPurge)
+      : TestPayload(size), onPurge_(std::move(onPurge)) {}
+  bool PurgeIfPossible(ReleaseQueue* toRelease) override {
+    if (onPurge_) onPurge_();
+    return TestPayload::PurgeIfPossible(toRelease);
+  }
+
+ private:
+  std::function<void()> onPurge_;
+};
+
+// A host mirrors an item's state from what its change handler hears: the last thing it heard
+// must be where the item is. A purge walk frees a frame that has a disk copy (the handler is to
+// hear "on disk, not in memory"); later in the same walk, with the walk still holding the
+// library lock, the disk writer deletes that copy on its own thread (which takes the item's lock
+// only) and its handler call says "nowhere". When the walk's news reaches the handler after the
+// writer's, the host ends up believing the frame is on disk, and will count it, show it as
+// cached and ask for it from disk, while it is gone.
+TEST_F(HostCallbackTest, TheLastChangeAHandlerHearsIsTheItemsState) {
+  auto first = JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(new TestPayload(400, 5, true)), 1.0);
+  first->SetGuid(Guid::CreateUnique());
+  bag_->AddToBagAndSortDir(first);  // the oldest: the walk frees it first
+  first->PrepAndWrite(bag_);
+  ASSERT_TRUE(first->HasDiskCacheFile());
+  ASSERT_TRUE(jx::testing::WriterDrained());
+
+  std::mutex heardMutex;
+  std::vector<std::pair<bool, bool>> heard;  // (in memory, on disk), in the order heard
+  first->GetMemDiskChangedSignal().Connect([&](bool inMemory, bool onDisk) {
+    std::lock_guard<std::mutex> lock(heardMutex);
+    heard.emplace_back(inMemory, onDisk);
+  });
+
+  // The next item the walk frees: by then the first is out of memory, and the writer deletes
+  // its copy meanwhile. The writer's thread is waited for, bounded: it needs no lock the walk
+  // holds.
+  int deletes = 0;
+  bool deleterDone = false;
+  std::future<bool> deleter;
+  auto second = JX_Stuff::CreateNew(
+      IntrusivePtr<JX_StuffData>(new PurgeHookPayload(400,
+                                                      [&] {
+                                                        if (deletes++ != 0) return;
+                                                        deleter = std::async(
+                                                            std::launch::async, [&] {
+                                                              return first->DeleteDiskCacheFile();
+                                                            });
+                                                        deleterDone =
+                                                            deleter.wait_for(10s) ==
+                                                            std::future_status::ready;
+                                                      })),
+      1.0);
+  second->SetGuid(Guid::CreateUnique());
+  bag_->AddToBagAndSortDir(second);
+
+  auto purged = std::async(std::launch::async, [&] { jx::PurgeOverBudget(*bag_, 1u << 20); });
+  ASSERT_EQ(purged.wait_for(60s), std::future_status::ready) << "the purge never returned";
+  purged.get();
+  ASSERT_EQ(deletes, 1) << "the second item was never purged: nothing tested";
+  ASSERT_TRUE(deleterDone) << "the disk copy's deletion waited for the purge walk";
+  ASSERT_TRUE(deleter.get()) << "the disk copy was not deleted: nothing tested";
+  ASSERT_FALSE(first->IsInMemory());
+  ASSERT_FALSE(first->HasDiskCacheFile());
+
+  std::lock_guard<std::mutex> lock(heardMutex);
+  ASSERT_EQ(heard.size(), 2u) << "the handler must hear of the purge and of the deletion";
+  EXPECT_EQ(heard.back(), std::make_pair(false, false))
+      << "the handler heard last that the item is on disk, after it heard the copy was deleted";
+  first->RemoveFromBagAndSortDir();
+  second->RemoveFromBagAndSortDir();
+  EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
+}
+
+}  // namespace
