@@ -1154,7 +1154,8 @@ TEST(FarmWireTest, ASigpipeSentToTheProcessDuringAWriteStillReachesTheHostsHandl
       << why;
   options.connectTimeout = options.commandTimeout = std::chrono::milliseconds(1500);
 
-  struct sigaction handler {}, old {};
+  struct sigaction handler {
+  }, old{};
   handler.sa_handler = [](int) { gSigpipesHandled.fetch_add(1); };
   sigemptyset(&handler.sa_mask);
   ASSERT_EQ(sigaction(SIGPIPE, &handler, &old), 0);

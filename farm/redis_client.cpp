@@ -32,8 +32,10 @@ uint64_t NowNs() { return jx::host::GetClock().NowNanoseconds(); }
 // A write to a connection the server has closed (a restart, an idle timeout) raises SIGPIPE,
 // whose default action ends the process: the host's, which a library cannot ask to ignore it.
 // hiredis writes with plain write(), so the signal is blocked on this thread for the write, and
-// one the write raised is taken off before the old mask comes back. A host that blocks SIGPIPE
-// itself keeps what is pending; one already pending before the write is not taken either.
+// the one a write raised (it failed with EPIPE) is taken off before the old mask comes back.
+// Any other SIGPIPE stays pending for the host: one pending before the write, one sent to the
+// process meanwhile (unless a failed write's own merged with it), and every one while the host
+// blocks SIGPIPE on this thread itself.
 class ScNoSigpipe {
  public:
   ScNoSigpipe() {
@@ -46,12 +48,19 @@ class ScNoSigpipe {
   ~ScNoSigpipe() {
     if (!blocked_) return;
     sigset_t pending;
-    if (!pendingBefore_ && sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1) {
+    if (writeRaised_ && !pendingBefore_ && sigpending(&pending) == 0 &&
+        sigismember(&pending, SIGPIPE) == 1) {
+      const int saved = errno;
       const timespec now{0, 0};
       while (sigtimedwait(&pipe_, nullptr, &now) < 0 && errno == EINTR) {
       }
+      errno = saved;
     }
     pthread_sigmask(SIG_SETMASK, &old_, nullptr);
+  }
+  // Called right after a failed write, while errno still says why.
+  void NoteFailedWrite() {
+    if (errno == EPIPE) writeRaised_ = true;
   }
   ScNoSigpipe(const ScNoSigpipe&) = delete;
   ScNoSigpipe& operator=(const ScNoSigpipe&) = delete;
@@ -61,6 +70,7 @@ class ScNoSigpipe {
   sigset_t old_;
   bool pendingBefore_ = false;
   bool blocked_ = false;
+  bool writeRaised_ = false;
 };
 
 // hiredis reports a read that hit its timeout as an I/O error with errno EAGAIN.
@@ -244,9 +254,12 @@ Fault RedisPool::RoundTrip(redisContext* c, redisReply** reply) {
       NowNs() + static_cast<uint64_t>(std::chrono::nanoseconds(options_.commandTimeout).count());
   int done = 0;
   {
-    const ScNoSigpipe noSigpipe;
+    ScNoSigpipe noSigpipe;
     while (!done) {
-      if (redisBufferWrite(c, &done) != REDIS_OK) return FaultOf(c);
+      if (redisBufferWrite(c, &done) != REDIS_OK) {
+        noSigpipe.NoteFailedWrite();
+        return FaultOf(c);
+      }
       if (!done && NowNs() >= deadline) return Fault::kTimeout;
     }
   }
