@@ -33,28 +33,26 @@ uint32_t* GuardWordAt(void* block) {
   return reinterpret_cast<uint32_t*>(static_cast<unsigned char*>(block) + GuardWordOffset());
 }
 
-// Each block carries, after the receipt, a word that the one check-in of the receipt claims: two
-// threads checking in the same receipt at once both find its guard word live, and only one of
-// them may check it in and give the block back.
-constexpr size_t kClaimWordOffset = sizeof(JX_ScCheckout);
-static_assert(kClaimWordOffset % alignof(uint32_t) == 0);
-// And a count of the receipts the block has held, 1 to 65,535 and round again (0: none yet),
-// which its handles carry in their top bits: a stale handle carries an older count.
-constexpr size_t kCountWordOffset = kClaimWordOffset + sizeof(uint32_t);
-constexpr size_t kBlockSize = kCountWordOffset + sizeof(uint32_t);
-constexpr uint32_t kUnclaimed = 0;
-constexpr uint32_t kClaimed = 1;
+// Each block carries, after the receipt, a state word: the count of the receipts the block has
+// held, 1 to 65,535 and round again (0: none yet), which its handles carry in their top bits,
+// and a claim bit that the one check-in of the receipt sets. Two threads checking in the same
+// receipt at once both find its guard word live, and only one of them may check it in and give
+// the block back. Count and claim are one word so that a stale handle can never claim: its claim
+// expects its own count, unclaimed, which the block no longer holds once that receipt was
+// checked in, whatever newer receipt the block holds by then.
+constexpr size_t kStateWordOffset = sizeof(JX_ScCheckout);
+static_assert(kStateWordOffset % alignof(uint32_t) == 0);
+constexpr size_t kBlockSize = kStateWordOffset + sizeof(uint32_t);
+constexpr uint32_t kClaimedBit = 1;
 constexpr unsigned kCountShift = 48;
 constexpr uintptr_t kAddressMask = (uintptr_t{1} << kCountShift) - 1;
 static_assert(sizeof(uintptr_t) == 8, "handles carry the count in a 64-bit address's top bits");
 
-uint32_t* ClaimWordAt(void* block) {
-  return reinterpret_cast<uint32_t*>(static_cast<unsigned char*>(block) + kClaimWordOffset);
+uint32_t* StateWordAt(void* block) {
+  return reinterpret_cast<uint32_t*>(static_cast<unsigned char*>(block) + kStateWordOffset);
 }
-
-uint32_t* CountWordAt(void* block) {
-  return reinterpret_cast<uint32_t*>(static_cast<unsigned char*>(block) + kCountWordOffset);
-}
+uint32_t Unclaimed(uint32_t count) { return count << 1; }
+uint32_t CountOf(uint32_t state) { return state >> 1; }
 
 // A new block, its count at 0. One whose address leaves no room for the count (no user-space
 // address does on the systems this builds for) is refused as memory would be.
@@ -64,7 +62,7 @@ void* NewBlock() {
     ::operator delete(block);
     throw std::bad_alloc();
   }
-  __atomic_store_n(CountWordAt(block), 0u, __ATOMIC_RELAXED);
+  __atomic_store_n(StateWordAt(block), 0u, __ATOMIC_RELAXED);
   return block;
 }
 
@@ -141,11 +139,10 @@ void ReceiptDeleter::operator()(JX_ScCheckout* receipt) const noexcept {
 ReceiptPtr NewReceipt() {
   GuardWordOffset();  // located before any block can be scrubbed
   void* block = MyBlocks().Take();
-  __atomic_store_n(ClaimWordAt(block), kUnclaimed, __ATOMIC_RELAXED);
-  // Counted before the guard word goes live (the constructor below): a stale handle that finds
-  // the new receipt live finds the new count too.
-  const uint32_t count = __atomic_load_n(CountWordAt(block), __ATOMIC_RELAXED) % 0xFFFFu + 1;
-  __atomic_store_n(CountWordAt(block), count, __ATOMIC_RELEASE);
+  // Counted before the guard word goes live (the constructor below).
+  const uint32_t count =
+      CountOf(__atomic_load_n(StateWordAt(block), __ATOMIC_RELAXED)) % 0xFFFFu + 1;
+  __atomic_store_n(StateWordAt(block), Unclaimed(count), __ATOMIC_RELEASE);
   try {
     return ReceiptPtr(new (block) JX_ScCheckout());
   } catch (...) {
@@ -155,7 +152,7 @@ ReceiptPtr NewReceipt() {
 }
 
 KQGP_JXComputeReceipt ToHandle(JX_ScCheckout* receipt) {
-  const uintptr_t count = __atomic_load_n(CountWordAt(receipt), __ATOMIC_RELAXED);
+  const uintptr_t count = CountOf(__atomic_load_n(StateWordAt(receipt), __ATOMIC_RELAXED));
   return reinterpret_cast<KQGP_JXComputeReceipt>(reinterpret_cast<uintptr_t>(receipt) |
                                                  count << kCountShift);
 }
@@ -172,17 +169,18 @@ JX_ScCheckout* LiveReceiptFromHandle(KQGP_JXComputeReceipt handle) {
     return nullptr;
   }
   // A block reused since the handle was made holds a newer receipt under a newer count.
-  if (__atomic_load_n(CountWordAt(block), __ATOMIC_ACQUIRE) != count) return nullptr;
+  if (CountOf(__atomic_load_n(StateWordAt(block), __ATOMIC_ACQUIRE)) != count) return nullptr;
   return static_cast<JX_ScCheckout*>(block);
 }
 
 JX_ScCheckout* ClaimReceiptFromHandle(KQGP_JXComputeReceipt handle) {
   JX_ScCheckout* live = LiveReceiptFromHandle(handle);
   if (live == nullptr) return nullptr;
-  uint32_t unclaimed = kUnclaimed;
-  if (!__atomic_compare_exchange_n(ClaimWordAt(live), &unclaimed, kClaimed, false, __ATOMIC_ACQ_REL,
-                                   __ATOMIC_ACQUIRE)) {
-    return nullptr;  // another thread is checking it in
+  const auto count = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(handle) >> kCountShift);
+  uint32_t expected = Unclaimed(count);
+  if (!__atomic_compare_exchange_n(StateWordAt(live), &expected, Unclaimed(count) | kClaimedBit,
+                                   false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE)) {
+    return nullptr;  // another thread is checking it in, or it was and the block went on
   }
   return live;
 }

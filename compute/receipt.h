@@ -9,7 +9,8 @@
 // of the address (which user-space addresses leave clear), so a stale handle is refused rather
 // than check in somebody else's receipt (unless the block served exactly a multiple of 65,535
 // receipts in between). Two check-ins of one receipt at once both find the guard word live: a
-// claim word after the receipt lets only one of them through. The pool holds as many blocks as
+// word after the receipt, which holds the count and a claim bit, lets only one of them through,
+// and never a stale handle, whose claim expects its own count. The pool holds as many blocks as
 // were ever out at once.
 //
 // Threads: any thread. The pool's mutex is a leaf.
