@@ -64,15 +64,17 @@
  * Receipts: a receipt is returned with code 0, owned by the caller, and holds its value pinned
  * (it cannot be purged) until CheckinReceipt. The handle from GetReceiptComputeValue is valid
  * while the receipt is checked out. A receipt must be checked in exactly once and not used
- * afterwards. CheckinReceipt recognises misuses (a receipt already checked in, a pointer that
- * never was a receipt) and answers 2 without touching anything. A receipt handle is not a plain
- * pointer: it carries, in its top 16 bits, a count of the receipts its memory has held, so a
- * pointer that never was a receipt is refused unread, and a receipt checked in again after its
- * memory went to a newer receipt is refused rather than taken for that one (unless the memory
- * served exactly a multiple of 65,535 receipts in between). The memory of receipts is never
- * given back to the system, and to check a handle the library reads a few bytes of it: a
- * non-NULL value handed to CheckinReceipt or GetReceiptComputeValue must be a handle the library
- * returned (checked in or not) or a plain pointer; any other value may be read as a handle.
+ * afterwards, nor by another thread while it is being checked in (a GetReceiptComputeValue that
+ * overlaps the check-in of its receipt may wait for good). CheckinReceipt recognises misuses (a
+ * receipt already checked in, a pointer that never was a receipt) and answers 2 without touching
+ * anything. A receipt handle is not a plain pointer: it carries, in its top 16 bits, a count of the
+ * receipts its memory has held, so a pointer that never was a receipt is refused unread, and a
+ * receipt checked in again after its memory went to a newer receipt is refused rather than taken
+ * for that one (unless the memory served exactly a multiple of 65,535 receipts in between). The
+ * memory of receipts is never given back to the system, and to check a handle the library reads a
+ * few bytes of it: a non-NULL value handed to CheckinReceipt or GetReceiptComputeValue must be a
+ * handle the library returned (checked in or not) or a plain pointer; any other value may be read
+ * as a handle.
  */
 #ifndef KQGP_COMPUTE_CACHE_H
 #define KQGP_COMPUTE_CACHE_H

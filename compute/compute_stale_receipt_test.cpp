@@ -1,0 +1,131 @@
+// A plug-in that checks a receipt in once too often, from another thread, while the receipt's
+// memory already holds a newer receipt: the stale check-in must be refused, and must never check
+// in that newer receipt, which belongs to somebody else.
+// Not among the concurrency tests that ThreadSanitizer runs: a stale handle is recognised by
+// reading the memory it names, which a newer receipt may be being built in at that moment. The
+// read sees the guard word before or after its store, either of which is refused (the claim
+// expects the stale handle's own count), but to ThreadSanitizer it is a race, and the misuse is
+// the plug-in's.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <future>
+#include <memory>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "compute/compute_test_support.h"
+
+using jx::testing::KeyOfValue;
+
+using jx::testing::ComputeSuiteTest;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr int kThreads = 4;
+constexpr int kReceiptsPerThread = 500'000;
+constexpr auto kRunFor = std::chrono::seconds(8);
+// A block's count goes round after 65,535 receipts; a handle accepted long after it was handed
+// out could then meet its count again (which the header allows). A block's count moves only when
+// a receipt is handed out, so fewer than that many receipts handed out in all since the handle's
+// own rules it out.
+constexpr long kCountPeriod = 65535;
+
+using ComputeStaleReceiptTest = ComputeSuiteTest;
+
+// Runs `work(t)` on kThreads threads and waits for them within the run time and a margin. A thread
+// stuck inside the library cannot be stopped, and its frame points into the test's: the failure
+// is reported and the program ends at once rather than hang or let it run on freed state.
+template <class Work>
+void RunOnThreadsOrDie(Work work) {
+  std::vector<std::future<void>> workers;
+  for (int t = 0; t < kThreads; ++t) workers.push_back(std::async(std::launch::async, work, t));
+  for (auto& w : workers) {
+    if (w.wait_for(kRunFor + std::chrono::seconds(60)) != std::future_status::ready) {
+      ADD_FAILURE() << "a thread hung inside the compute cache";
+      std::fflush(nullptr);
+      std::_Exit(1);
+    }
+  }
+}
+
+// Every thread takes receipts, shows each one to the others, and checks in its own and, as a
+// careless plug-in would, one the others showed. Whoever checks a receipt in first keeps its
+// memory for the next receipt it takes, so that memory is soon live again under a newer count; a
+// check-in that recognised the old receipt and claims it only afterwards must not take the new one.
+TEST_F(ComputeStaleReceiptTest, AStaleHandleNeverChecksInTheNewerReceiptOfItsMemory) {
+  auto r = Request(1);
+  {
+    KQGP_JXComputeReceipt first = nullptr;
+    ASSERT_EQ(suite_->ComputeIfNeededAndCheckout(kClass, &r, true, &first), 0);
+    ASSERT_EQ(suite_->CheckinReceipt(first), 0);
+  }
+  struct Slot {
+    std::vector<KQGP_JXComputeReceipt> handles;
+    std::vector<long> stamps;  // receipts handed out in all when this one was
+    std::unique_ptr<std::atomic<int>[]> accepted;
+    std::atomic<int> shown{-1};
+  };
+  std::vector<Slot> slots(kThreads);
+  for (Slot& s : slots) {
+    s.handles.assign(kReceiptsPerThread, nullptr);
+    s.stamps.assign(kReceiptsPerThread, 0);
+    s.accepted = std::make_unique<std::atomic<int>[]>(kReceiptsPerThread);
+    for (int i = 0; i < kReceiptsPerThread; ++i) s.accepted[i] = 0;
+  }
+  std::atomic<long> handedOut{0}, lateAcceptances{0}, failedCheckouts{0};
+  const auto until = Clock::now() + kRunFor;
+
+  auto worker = [&](int me) {
+    std::minstd_rand pick(me + 1);
+    auto req = r;
+    Slot& mine = slots[me];
+    for (int i = 0; i < kReceiptsPerThread && Clock::now() < until; ++i) {
+      KQGP_JXComputeReceipt h = nullptr;
+      if (suite_->CheckoutCached(kClass, &req, &h) != 0) {
+        failedCheckouts.fetch_add(1);
+        break;
+      }
+      mine.handles[i] = h;
+      mine.stamps[i] = handedOut.fetch_add(1) + 1;
+      mine.shown.store(i, std::memory_order_release);
+      // Somebody else's receipt, shown a moment ago: checked in by mistake.
+      const int other = (me + 1 + static_cast<int>(pick() % (kThreads - 1))) % kThreads;
+      const int j = slots[other].shown.load(std::memory_order_acquire);
+      if (j >= 0 && suite_->CheckinReceipt(slots[other].handles[j]) == 0) {
+        if (handedOut.load() - slots[other].stamps[j] < kCountPeriod) {
+          slots[other].accepted[j].fetch_add(1);
+        } else {
+          lateAcceptances.fetch_add(1);
+        }
+      }
+      if (suite_->CheckinReceipt(h) == 0) mine.accepted[i].fetch_add(1);
+    }
+  };
+  RunOnThreadsOrDie(worker);
+
+  long twice = 0, never = 0, total = 0;
+  for (Slot& s : slots) {
+    for (int i = 0; i <= s.shown.load(); ++i) {
+      ++total;
+      twice += s.accepted[i] > 1;
+      never += s.accepted[i] == 0;
+    }
+  }
+  EXPECT_EQ(failedCheckouts.load(), 0);
+  EXPECT_EQ(twice, 0) << "of " << total
+                      << " receipts, these were accepted by two check-ins: a stale handle was "
+                         "taken for the newer receipt its memory held";
+  EXPECT_EQ(never, 0) << "of " << total
+                      << " receipts, these were refused to every check-in: their memory had been "
+                         "checked in through a stale handle (late acceptances, not counted: "
+                      << lateAcceptances << ")";
+  EXPECT_EQ(stats_.computes.load(), 1);
+}
+
+}  // namespace
