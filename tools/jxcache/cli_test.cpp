@@ -91,7 +91,7 @@ TEST(Progress, OnlyWhenAskedAndWithRates) {
   auto shown = RunTool({"replay", dir.File("t.csv"), "--cache-size", "20k", "--progress"});
   ASSERT_EQ(shown.exitCode, 0) << shown.err;
   for (const char* want : {"reading trace  ", "/s  ETA 0s", "LRU 20.00 KiB  3000/3000 requests",
-                           "optimal  3000/3000 requests"}) {
+                           "next uses and optimal  6000/6000 requests"}) {
     EXPECT_NE(shown.err.find(want), std::string::npos) << want << "\n" << shown.err;
   }
   EXPECT_EQ(shown.err.find('\r'), std::string::npos) << "a log gets lines, not redraws";

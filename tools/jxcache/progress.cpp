@@ -81,15 +81,16 @@ ProgressMeter::~ProgressMeter() {
   if (started_ && mode_ == Mode::kTerminal) Finish();
 }
 
-void ProgressMeter::Start(std::string label, uint64_t total, std::string unit) {
+void ProgressMeter::Start(std::string label, uint64_t total, std::string unit,
+                          std::optional<Clock::time_point> since) {
   if (started_) Finish();
   label_ = std::move(label);
   unit_ = std::move(unit);
   total_ = total;
   last_ = 0;
   lastExtra_.clear();
-  start_ = Clock::now();
-  lastDrawn_ = start_;
+  start_ = since.value_or(Clock::now());
+  lastDrawn_ = Clock::now();
   started_ = true;
 }
 

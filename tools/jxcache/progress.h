@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -33,15 +34,17 @@ class ProgressMeter {
   ProgressMeter& operator=(const ProgressMeter&) = delete;
 
   bool on() const { return mode_ != Mode::kOff; }
-  // Starts a new piece of work: the rate and the ETA count from here.
-  void Start(std::string label, uint64_t total, std::string unit);
+  using Clock = std::chrono::steady_clock;
+  // Starts a new piece of work: the rate and the ETA count from `since` (for work that began on
+  // another thread before it could be shown), by default from now.
+  void Start(std::string label, uint64_t total, std::string unit,
+             std::optional<Clock::time_point> since = std::nullopt);
   // Cheap when nothing is drawn: call it as often as convenient.
   void Update(uint64_t done, std::string_view extra = "");
   // Ends the piece of work: a log gets its last line, a terminal line is wiped.
   void Finish();
 
  private:
-  using Clock = std::chrono::steady_clock;
   void Draw(uint64_t done, std::string_view extra);
 
   Mode mode_;

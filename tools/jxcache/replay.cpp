@@ -4,9 +4,14 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <atomic>
+#include <condition_variable>
 #include <cstring>
+#include <exception>
 #include <iostream>
+#include <mutex>
 #include <optional>
+#include <thread>
 
 #include "jxcache/host/high_precision_time.h"
 #include "jxcache/items/stuff.h"
@@ -215,6 +220,79 @@ void PrintJson(const ReplayOptions& o, const TraceFacts& facts,
   std::cout << out.dump(2) << '\n';
 }
 
+// The optimal policy reads only the spool, never the cache, so it runs on a thread of its own
+// beside the LRU runs: a long trace takes about the longer of the two instead of their sum. Its
+// progress is counted here and drawn by the caller's thread, which owns the meter.
+class OptimalPass {
+ public:
+  OptimalPass(TraceSpool& spool, std::vector<uint64_t> sizes)
+      : requests_(spool.requests()),
+        started_(ProgressMeter::Clock::now()),
+        thread_([this, &spool, sizes = std::move(sizes)] { Run(spool, sizes); }) {}
+  // Should the LRU runs fail, the pass is told to stop and is waited for: it uses the spool.
+  ~OptimalPass() {
+    cancelled_ = true;
+    thread_.join();
+  }
+  OptimalPass(const OptimalPass&) = delete;
+  OptimalPass& operator=(const OptimalPass&) = delete;
+
+  // The results, once the pass has ended; its error, if it failed. The pass shows on `meter`
+  // from here on, with its rate counted from its start: both halves (the next uses, found
+  // backwards, then the policy) as one piece of work.
+  std::vector<OptimalResult> Wait(ProgressMeter& meter) {
+    meter.Start("next uses and optimal", 2 * requests_, "requests", started_);
+    std::unique_lock lock(mutex_);
+    while (!ended_.wait_for(lock, std::chrono::milliseconds(100), [this] { return done_; })) {
+      meter.Update(progress_.load(std::memory_order_relaxed));
+    }
+    meter.Update(progress_.load(std::memory_order_relaxed));
+    meter.Finish();
+    if (error_) std::rethrow_exception(error_);
+    return std::move(results_);
+  }
+
+  uint64_t distinctObjects() const { return distinct_; }  // after Wait
+
+ private:
+  struct Cancelled {};
+
+  void Run(TraceSpool& spool, const std::vector<uint64_t>& sizes) {
+    std::vector<OptimalResult> results;
+    std::exception_ptr error;
+    try {
+      spool.FindNextUses([this](uint64_t done) { Note(done); });
+      results = ReplayOptimal(spool, sizes, [this](uint64_t done) { Note(requests_ + done); });
+      distinct_ = spool.distinctObjects();
+    } catch (const Cancelled&) {
+    } catch (...) {
+      error = std::current_exception();
+    }
+    std::lock_guard lock(mutex_);
+    results_ = std::move(results);
+    error_ = error;
+    done_ = true;
+    ended_.notify_all();
+  }
+
+  void Note(uint64_t done) {
+    if (cancelled_.load(std::memory_order_relaxed)) throw Cancelled{};
+    progress_.store(done, std::memory_order_relaxed);
+  }
+
+  const uint64_t requests_;
+  const ProgressMeter::Clock::time_point started_;
+  std::atomic<uint64_t> progress_{0};
+  std::atomic<bool> cancelled_{false};
+  uint64_t distinct_ = 0;
+  std::mutex mutex_;
+  std::condition_variable ended_;
+  bool done_ = false;
+  std::vector<OptimalResult> results_;
+  std::exception_ptr error_;
+  std::thread thread_;  // last: it starts once everything it uses is made
+};
+
 int RunReplay(const ReplayOptions& o) {
   const std::vector<uint64_t> sizes = ParseSizeList(o.cacheSizes, "--cache-size");
   TraceFacts facts;
@@ -231,6 +309,8 @@ int RunReplay(const ReplayOptions& o) {
   }
   facts.requests = spool->requests();
   if (facts.requests == 0) throw ToolError("trace '" + o.trace + "' holds no requests");
+  std::optional<OptimalPass> optimalPass;
+  if (!o.noOptimal) optimalPass.emplace(*spool, sizes);
   UsePureRecencyPurging();
   std::vector<SizeResult> results;
   for (uint64_t size : sizes) {
@@ -239,14 +319,10 @@ int RunReplay(const ReplayOptions& o) {
     results.push_back({ReplayOnce(*requests, size, update), std::nullopt});
     meter.Finish();
   }
-  if (!o.noOptimal) {
-    meter.Start("next uses", facts.requests, "requests");
-    spool->FindNextUses(update);
-    meter.Start("optimal", facts.requests, "requests");
-    const std::vector<OptimalResult> optimal = ReplayOptimal(*spool, sizes, update);
-    meter.Finish();
+  if (optimalPass) {
+    const std::vector<OptimalResult> optimal = optimalPass->Wait(meter);
     for (size_t i = 0; i < sizes.size(); ++i) results[i].optimal = optimal[i];
-    facts.distinctObjects = spool->distinctObjects();
+    facts.distinctObjects = optimalPass->distinctObjects();
   }
   if (o.json) {
     PrintJson(o, facts, results);
@@ -283,9 +359,10 @@ void AddReplayCommand(CLI::App& app, int* exitCode) {
       "trace's length.\n"
       "The optimal policy evicts the object whose next request is furthest away (Belady's MIN: "
       "the optimum when objects have one size; with mixed sizes the usual heuristic, not a "
-      "bound). Finding next uses takes a table of 23 to 46 bytes per distinct object in the "
-      "trace and another temporary file of 8 bytes per request; the policy itself about 100 "
-      "bytes per object in its cache, for each cache size.");
+      "bound). It runs on a second thread beside the LRU runs, whose rates it may lower on a "
+      "machine with one core. Finding next uses takes a table of 23 to 46 bytes per distinct "
+      "object in the trace and another temporary file of 8 bytes per request; the policy itself "
+      "about 100 bytes per object in its cache, for each cache size.");
   cmd->callback([options, exitCode] { *exitCode = RunReplay(*options); });
 }
 
