@@ -136,81 +136,159 @@ struct JX_ReadAhead::State {
     const double share = std::clamp(options.budgetShare, 0.0, 1.0);
     const uint64_t limit =
         static_cast<uint64_t>(share * static_cast<double>(bag->GetCurrentMaxCacheSize()));
-    for (const StuffPtr& request : todo) {
+    // The share goes to the plan's frames in its order, nearest first. What is held already
+    // counts where the plan lists it, not where an earlier plan did: a frame held for a plan
+    // that started further on must not keep a nearer one out, and a share that has shrunk must
+    // not keep frames past it held.
+    Walked walked;
+    for (size_t at = 0; at < todo.size(); ++at) {
       if (Superseded(gen)) return;
+      const StuffPtr& request = todo[at];
       if (!request) continue;
       const Guid guid = request->GetGuid();
-      if (IsHeldFor(guid, *request)) continue;
-      auto handle = std::make_unique<JX_ScCheckout>();
-      // Never waits for a render: a pending frame is being made by someone who wants it now.
-      if (handle->FindAndCheckout(request, cf::kReadOnly | cf::kNoDiskRead) != kJX_CheckedOut) {
-        notInCache.fetch_add(1, std::memory_order_relaxed);
-        continue;
-      }
-      StuffPtr item = handle->GetStuffPtr();
-      if (!item || item->IsPendingRender()) {
-        notInCache.fetch_add(1, std::memory_order_relaxed);
-        CheckIn(*handle);
-        continue;
-      }
-      const bool inMemory = handle->IsInMemory();
-      // Before a read, the file's size is all there is to go by.
-      uint64_t bytes = inMemory ? item->GetAccountedMemorySize() : item->GetAccountedDiskSize();
-      if (heldBytes.load(std::memory_order_relaxed) + bytes > limit) {
-        // Further frames wait for the playhead: making room for them would free nearer ones.
-        stoppedAtShare.fetch_add(1, std::memory_order_relaxed);
-        CheckIn(*handle);
-        return;
-      }
-      // Taken before the read: a render thread may use the frame the moment it is in memory.
-      const uint64_t usedAtTake = item->GetLastUsedTime();
-      bool readBack = false;
-      if (!inMemory && !ReadBack(*handle, bytes, &readBack)) {
-        CheckIn(*handle);
-        continue;
-      }
-      if (!inMemory) {
-        // Read, the frame takes what its payload takes in memory, which a file stored compressed
-        // understates: past the share, it is let go (unused, for the purges to take first).
-        bytes = std::max<uint64_t>(bytes, item->GetAccountedMemorySize());
-        if (heldBytes.load(std::memory_order_relaxed) + bytes > limit) {
-          if (readBack) wasted.fetch_add(1, std::memory_order_relaxed);
+      if (Held* h = HeldFor(guid, *request)) {
+        if (walked.met.count(h)) continue;
+        if (walked.bytes + h->bytes > limit) {
           stoppedAtShare.fetch_add(1, std::memory_order_relaxed);
-          CheckIn(*handle);
+          LetGoOfAllBut(walked.met);
           return;
         }
+        walked.met.insert(h);
+        walked.bytes += h->bytes;
+        continue;
       }
-      Held h;
-      h.usedAtTake = usedAtTake;
-      h.handle = std::move(handle);
-      h.item = std::move(item);
-      h.bytes = bytes;
-      h.readBack = readBack;
-      // Counted once held. An emplace refused for memory checks the item in with `h` (or with
-      // the node it was moved into), and the walk ends: a frame read for nothing is waste.
-      std::unordered_multimap<Guid, Held>::iterator at;
-      try {
-        at = held.emplace(guid, std::move(h));
-      } catch (...) {
+      if (!TakeNew(todo, at, guid, request, limit, walked)) return;
+    }
+  }
+
+  // What a walk has met of the plan so far: the items held for it, and their bytes.
+  struct Walked {
+    std::unordered_set<const Held*> met;
+    uint64_t bytes = 0;
+  };
+
+  // Checks out (and reads back) the item the request at `at` finds and holds it. False when the
+  // walk ends there, at the share.
+  bool TakeNew(const std::vector<StuffPtr>& todo, size_t at, const Guid& guid,
+               const StuffPtr& request, uint64_t limit, Walked& walked) {
+    auto handle = std::make_unique<JX_ScCheckout>();
+    // Never waits for a render: a pending frame is being made by someone who wants it now.
+    if (handle->FindAndCheckout(request, cf::kReadOnly | cf::kNoDiskRead) != kJX_CheckedOut) {
+      notInCache.fetch_add(1, std::memory_order_relaxed);
+      return true;
+    }
+    StuffPtr item = handle->GetStuffPtr();
+    if (!item || item->IsPendingRender()) {
+      notInCache.fetch_add(1, std::memory_order_relaxed);
+      CheckIn(*handle);
+      return true;
+    }
+    const bool inMemory = handle->IsInMemory();
+    // Before a read, the file's size is all there is to go by.
+    uint64_t bytes = inMemory ? item->GetAccountedMemorySize() : item->GetAccountedDiskSize();
+    if (!RoomFor(todo, at, bytes, limit, walked)) {
+      // Further frames wait for the playhead: making room for them would free nearer ones.
+      CheckIn(*handle);
+      return false;
+    }
+    // Taken before the read: a render thread may use the frame the moment it is in memory.
+    const uint64_t usedAtTake = item->GetLastUsedTime();
+    bool readBack = false;
+    if (!inMemory && !ReadBack(*handle, bytes, &readBack)) {
+      CheckIn(*handle);
+      return true;
+    }
+    if (!inMemory) {
+      // Read, the frame takes what its payload takes in memory, which a file stored compressed
+      // understates: past the share, it is let go (unused, for the purges to take first).
+      bytes = std::max<uint64_t>(bytes, item->GetAccountedMemorySize());
+      if (!RoomFor(todo, at, bytes, limit, walked)) {
         if (readBack) wasted.fetch_add(1, std::memory_order_relaxed);
-        throw;
+        CheckIn(*handle);
+        return false;
       }
-      heldBytes.fetch_add(bytes, std::memory_order_relaxed);
-      try {
-        std::lock_guard<std::mutex> l(gPlanHoldsMutex);
-        ++PlanHolds()[at->second.item.get()];
-        at->second.registered = true;
-      } catch (const std::bad_alloc&) {
-        // Unregistered, the hold looks like a user of the frame to another plan's count.
+    }
+    Held h;
+    h.usedAtTake = usedAtTake;
+    h.handle = std::move(handle);
+    h.item = std::move(item);
+    h.bytes = bytes;
+    h.readBack = readBack;
+    // Counted once held. An emplace refused for memory checks the item in with `h` (or with
+    // the node it was moved into), and the walk ends: a frame read for nothing is waste.
+    std::unordered_multimap<Guid, Held>::iterator it;
+    try {
+      it = held.emplace(guid, std::move(h));
+    } catch (...) {
+      if (readBack) wasted.fetch_add(1, std::memory_order_relaxed);
+      throw;
+    }
+    heldBytes.fetch_add(bytes, std::memory_order_relaxed);
+    try {
+      walked.met.insert(&it->second);
+    } catch (...) {
+      // Held, but not counted where the plan lists it: let go at once rather than left over.
+      LetGo(it->second);
+      held.erase(it);
+      throw;
+    }
+    walked.bytes += bytes;
+    try {
+      std::lock_guard<std::mutex> l(gPlanHoldsMutex);
+      ++PlanHolds()[it->second.item.get()];
+      it->second.registered = true;
+    } catch (const std::bad_alloc&) {
+      // Unregistered, the hold looks like a user of the frame to another plan's count.
+    }
+    return true;
+  }
+
+  // Whether `bytes` more fit in the share once the frames of the plan before `at` are counted.
+  // Held frames the plan lists after `at` give way, the farthest first, as far as needed. When
+  // they do not fit, the walk stops at the share and lets go of every frame past `at`.
+  bool RoomFor(const std::vector<StuffPtr>& todo, size_t at, uint64_t bytes, uint64_t limit,
+               const Walked& walked) {
+    if (walked.bytes + bytes > limit) {
+      stoppedAtShare.fetch_add(1, std::memory_order_relaxed);
+      LetGoOfAllBut(walked.met);
+      return false;
+    }
+    for (size_t i = todo.size();
+         i-- > at + 1 && heldBytes.load(std::memory_order_relaxed) + bytes > limit;) {
+      const StuffPtr& request = todo[i];
+      if (!request) continue;
+      const Guid guid = request->GetGuid();
+      for (auto [it, end] = held.equal_range(guid); it != end;) {
+        if (!walked.met.count(&it->second) && Answers(*it->second.item, guid, *request)) {
+          LetGo(it->second);
+          it = held.erase(it);
+        } else {
+          ++it;
+        }
+      }
+    }
+    // Every frame held and not met yet is one of those: past `at`.
+    if (heldBytes.load(std::memory_order_relaxed) + bytes > limit) LetGoOfAllBut(walked.met);
+    return true;
+  }
+
+  void LetGoOfAllBut(const std::unordered_set<const Held*>& keep) {
+    for (auto it = held.begin(); it != held.end();) {
+      if (keep.count(&it->second)) {
+        ++it;
+      } else {
+        LetGo(it->second);
+        it = held.erase(it);
       }
     }
   }
 
-  bool IsHeldFor(const Guid& guid, const JX_Stuff& request) const {
+  // The item held for the request, or null.
+  Held* HeldFor(const Guid& guid, const JX_Stuff& request) {
     for (auto [it, end] = held.equal_range(guid); it != end; ++it) {
-      if (Answers(*it->second.item, guid, request)) return true;
+      if (Answers(*it->second.item, guid, request)) return &it->second;
     }
-    return false;
+    return nullptr;
   }
 
   // Whether a held item is one the plan's request for `guid` may find, as the cache's search

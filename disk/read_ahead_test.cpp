@@ -605,3 +605,39 @@ TEST_F(ReadAheadTest, AViewerMissingAFrameWhoseReadFailedOnTheWalkCountsAFailedR
 }
 
 }  // namespace
+
+// What the read-ahead holds is the plan's nearest frames, whatever it held before the plan
+// changed. A jump back by a few frames (looped playback), or a host that has less room than
+// before, must not leave frames further on pinned while the playhead's own frame and the ones
+// right after it get nothing: those are the ones shown next, and the ones a purge would take.
+TEST_F(ReadAheadTest, HoldsTheNearestFramesWithinTheShareAfterTheMoveOrTheShareShrinks) {
+  const auto guids = FramesOnDiskOnly(40);
+  JX_ReadAhead::Options options;
+  options.budgetShare = 0.1;  // 10 frames of the 100
+  JX_ReadAhead readAhead(options);
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[10]), 1, Requests(guids, 11, 40));
+  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_EQ(InMemory(10, 20), 10);
+
+  // Back to frame 5, playing on: 5..14 are the ten nearest; 15..19 are further than the share.
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[5]), 1, Requests(guids, 6, 40));
+  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  auto c = readAhead.GetCounters();
+  EXPECT_LE(c.heldBytes, 10u * fileBytes_);
+  bag_->PurgeAllMemoryCaches();
+  EXPECT_EQ(InMemory(5, 15), 10) << "the playhead's frame and the nine after it are not all held";
+  EXPECT_EQ(InMemory(15, 20), 0) << "frames past the share are still held";
+
+  // The host now has room for 50 frames: the share is 5, the nearest of them.
+  room_ = 50 * fileBytes_;
+  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[5]), 0, Requests(guids, 6, 40));
+  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  c = readAhead.GetCounters();
+  EXPECT_LE(c.heldBytes, 5u * fileBytes_);
+  bag_->PurgeAllMemoryCaches();
+  EXPECT_EQ(InMemory(5, 10), 5);
+  EXPECT_EQ(InMemory(10, 40), 0) << "more than the share stays held";
+  readAhead.Stop();
+  EXPECT_EQ(readAhead.GetCounters().heldBytes, 0u);
+  EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
+}
