@@ -107,6 +107,16 @@ void PurgeWalk::Visit(JX_Stuff& item) {
   ++pass_.attempted;
   const unsigned long long usedTime = stuff->GetLastUsedTime();
   const unsigned int freed = stuff->FreeUpAsMuchAsPossible(true, toRelease_);
+  if (!stuff->IsInSortDir()) {
+    // Out of the directory (and the bag, when it kept nothing), the item may be held by this
+    // reference alone, which goes under the library lock. The queue keeps it instead: the item and
+    // its payload go once the lock is released, like the memory the walk freed.
+    try {
+      toRelease_->push_back(std::make_shared<JX_Bag::StuffPtr>(stuff));
+    } catch (const std::bad_alloc&) {
+      // No memory to put it off: it goes now, under the lock.
+    }
+  }
   ZC_TRACE("JX_Purge", 6,
            "Stuff-Stats: pass, index, stuffFreedAmount, amtToPurge:"
                << pass_.number << ", " << index << ", " << freed << ", " << Y_AmountToPurge());

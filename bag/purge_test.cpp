@@ -7,7 +7,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <future>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bag/sort_dir.h"
@@ -49,6 +51,50 @@ class NotInMemoryPayload : public TestPayload {
  public:
   using TestPayload::TestPayload;
   bool IsInMemory() const override { return false; }
+};
+
+// The end of a helper left behind by the payload below, for the test to wait for.
+std::shared_future<void>& StuckHelperEnded() {
+  static std::shared_future<void> ended;
+  return ended;
+}
+
+// Its owner, as it goes, hands a last piece of work to a thread of its own that uses the cache
+// and waits (boundedly) for it: the shape of a payload whose owner flushes a render queue.
+class OwnerWaitsOnDestroyPayload : public TestPayload {
+ public:
+  OwnerWaitsOnDestroyPayload(unsigned int size, JX_Bag& bag, int* destroyed, int* underLock,
+                             int* helperStuck)
+      : TestPayload(size),
+        bag_(bag),
+        destroyed_(destroyed),
+        underLock_(underLock),
+        helperStuck_(helperStuck) {}
+  ~OwnerWaitsOnDestroyPayload() override {
+    ++*destroyed_;
+    if (JXp_ScLock::IsLockedByCurrentThread()) ++*underLock_;
+    auto done = std::make_shared<std::promise<void>>();
+    std::future<void> finished = done->get_future();
+    std::thread helper([bag = &bag_, done] {
+      bag->GetNumItems();  // takes the library lock
+      done->set_value();
+    });
+    if (finished.wait_for(std::chrono::seconds(2)) == std::future_status::ready) {
+      helper.join();
+    } else {
+      // Stuck behind this thread's caller: joining would hang for good. It ends once the
+      // caller lets go of the lock.
+      ++*helperStuck_;
+      helper.detach();
+      StuckHelperEnded() = finished.share();
+    }
+  }
+
+ private:
+  JX_Bag& bag_;
+  int* destroyed_;
+  int* underLock_;
+  int* helperStuck_;
 };
 
 class PurgeTest : public LibraryTest {
@@ -300,3 +346,24 @@ TEST(PurgeTemplateLimitTest, StopsOnceTheBagIsWithinTheLimit) {
 }
 
 }  // namespace
+
+// An item the walk frees and removes (it keeps nothing) may be held by nobody else: the walk's
+// own reference is then the last, and the item, with its payload, goes when the walk lets go of
+// it. That must be after the library lock is released, as for any memory a purge frees: the
+// payload's owner may wait for a thread of its own that uses the cache.
+TEST_F(PurgeTest, AnItemThePurgeRemovesIsDestroyedOutsideTheLock) {
+  int destroyed = 0, underLock = 0, helperStuck = 0;
+  Add(new OwnerWaitsOnDestroyPayload(50, *bag_, &destroyed, &underLock, &helperStuck));
+  auto kept = AddItems(3, 50, false);
+  jx::PurgeOverBudget(*bag_, 50);
+  EXPECT_EQ(destroyed, 1) << "the oldest item was not freed and dropped";
+  EXPECT_EQ(underLock, 0) << "its payload was destroyed under the library lock";
+  EXPECT_EQ(helperStuck, 0) << "the owner's helper waited for the purging thread's lock";
+  if (StuckHelperEnded().valid()) {
+    ASSERT_EQ(StuckHelperEnded().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  }
+  EXPECT_EQ(bag_->GetNumItems(), 3);
+  for (auto& i : kept) EXPECT_TRUE(i->IsInMemory());
+  EXPECT_EQ(InMemory(), 150);
+  EXPECT_EQ(InMemory(), SumOfItemSizes(*bag_));
+}
