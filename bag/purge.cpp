@@ -272,6 +272,29 @@ unsigned int JX_Stuff::FreeUpAsMuchAsPossible(bool removeFromMediaMap, ReleaseQu
   return (freedAnything || removedFromBag) ? size : 0;
 }
 
+void JX_Stuff::LeaveIfKeepsNothing() {
+  ReleaseQueue owners;
+  {
+    IntrusivePtr<JX_Stuff> self(this);
+    JXp_ScLock lock;
+    ScopedWriteLockWrapper wl(mutex_);
+    // Still held: the last holder's check-in asks again.
+    if (checkoutCount_.load(std::memory_order_acquire) != 0) return;
+    mayKeepNothing_.store(false, std::memory_order_relaxed);
+    const bool keepsNothing =
+        !(data_ && data_->IsInMemory()) && !diskFile_ && !pending_.load(std::memory_order_acquire);
+    if (!keepsNothing) return;
+    RemoveFromBagAndSortDir();
+    // The caller's reference may be the last, and go under a library lock the caller holds.
+    try {
+      owners.push_back(std::make_shared<IntrusivePtr<JX_Stuff>>(self));
+    } catch (const std::bad_alloc&) {
+      // No memory to put it off: it goes with the caller's reference.
+    }
+  }
+  JXp_ScLock::ReleaseOutsideLock(std::move(owners));
+}
+
 bool JX_Stuff::PurgeIfPossiblePrivate(const ScopedWriteLockWrapper&, ReleaseQueue* toRelease) {
   uint32_t idle = kPurgeIdle;
   if (!purgeState_.compare_exchange_strong(idle, kPurgeRunning, std::memory_order_acq_rel)) {

@@ -413,3 +413,55 @@ TEST_F(DiskFileTest, AFifoWhereACacheFileBelongsIsNeitherAdoptedNorWaitedFor) {
 }
 
 }  // namespace
+
+// An item only on disk whose read back fails keeps nothing: no memory, no file. Whatever asked
+// for it (a viewer that only looks, a plain check-out of the item, a writeable look-up), the
+// item must leave the bag and the directory as any item left with nothing does, rather than
+// stay there for good: no purge walk visits an item that is not in memory, and only a new
+// render of that very key would ever replace it.
+TEST_F(DiskFileTest, AnItemLeftWithNothingByAFailedReadLeavesTheBagAndTheDirectory) {
+  struct Asker {
+    const char* what;
+    std::function<JX_CheckoutResult(const IntrusivePtr<JX_Stuff>&)> ask;
+  };
+  const Asker askers[] = {
+      {"a look-up that only looks",
+       [](const IntrusivePtr<JX_Stuff>& item) {
+         JX_ScCheckout handle;
+         return handle.FindAndCheckout(jx::testing::MakeRequest(item->GetGuid()), cf::kReadOnly);
+       }},
+      {"a writeable look-up",
+       [](const IntrusivePtr<JX_Stuff>& item) {
+         JX_ScCheckout handle;
+         return handle.FindAndCheckout(jx::testing::MakeRequest(item->GetGuid()), 0);
+       }},
+      {"the item's own check-out",
+       [](const IntrusivePtr<JX_Stuff>& item) {
+         JX_ScCheckout handle;
+         return handle.Checkout(item, cf::kReadOnly);
+       }},
+  };
+  for (const Asker& asker : askers) {
+    SCOPED_TRACE(asker.what);
+    auto kept = AddItem();  // a neighbour that stays
+    auto item = AddItem();
+    const File file = WriteAndPurge(item);
+    std::filesystem::resize_file(file.GetPath(), kSize / 2);
+    const int items = bag_->GetNumItems();
+    const int filed = bag_->GetNumGuidSortedItems();
+    const uint32_t failedReads = counters_.failedReads;
+    EXPECT_EQ(asker.ask(item), kJX_CheckoutRefused);
+    ASSERT_EQ(counters_.failedReads, failedReads + 1) << "the read did not fail";
+    EXPECT_FALSE(item->IsInMemory());
+    EXPECT_FALSE(item->HasDiskCacheFile());
+    EXPECT_EQ(item->GetCheckoutCount(), 0u);
+    EXPECT_FALSE(item->GetBag()) << "an item with nothing stays in the bag";
+    EXPECT_FALSE(item->IsInSortDir()) << "an item with nothing stays in the directory";
+    EXPECT_EQ(bag_->GetNumItems(), items - 1);
+    EXPECT_EQ(bag_->GetNumGuidSortedItems(), filed - 1);
+    EXPECT_TRUE(kept->GetBag());
+    ExpectFolderConsistent();
+    bag_->ClearBagAndSortDir();
+  }
+  EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
+}

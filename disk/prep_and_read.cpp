@@ -80,6 +80,10 @@ void JX_Stuff::PrepAndRead(const ScopedUpgradeLockWrapper& lock, DiskCopyGone* g
     ZC_TRACE("JX", 3, "PrepAndRead: " << e.what());
   }
   DeleteDiskCacheFile(gone);
+  // Its payload out of memory and its file gone, the item may keep nothing: whoever checks it in
+  // last takes it out of the bag (the caller holds this item's lock, which comes after the
+  // library lock that takes).
+  mayKeepNothing_.store(true, std::memory_order_release);
   // DeleteDiskCacheFile leaves the accounted size alone when it could not see the file's size
   // (an empty or vanished file); the item has no file now either way.
   SyncDiskSizeWithBag(0);

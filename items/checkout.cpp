@@ -52,6 +52,10 @@ JX_CheckoutResult JX_Stuff::CheckoutInBag(int flags, JX_Bag* bag, bool* wasPendi
   // A read back that failed dropped the file: the item's handler hears of it with no lock held.
   if (gone.signal) [[unlikely]]
     gone.Tell();
+  // Refused because that read failed: nobody else may come back for an item left with nothing.
+  if (result == kJX_CheckoutRefused && !(flags & cf::kNoDiskRead) &&
+      mayKeepNothing_.load(std::memory_order_acquire)) [[unlikely]]
+    LeaveIfKeepsNothing();
   return result;
 }
 
@@ -267,6 +271,8 @@ void JX_Stuff::CheckinImpl(int flags, double computeTime) {
     FreeUpAsMuchAsPossible(true, nullptr);
   } else {
     OfferToDiskAtCheckin(flags, wasWriteable, computeTime);
+    if (mayKeepNothing_.load(std::memory_order_acquire)) [[unlikely]]
+      LeaveIfKeepsNothing();
     return;
   }
   // Always re-synchronise: the checked-out share must drop even when a purge freed nothing.
@@ -289,8 +295,10 @@ void JX_Stuff::ConvertToWriteable() {
 }
 
 bool JX_Stuff::CheckinReadOnly(int flags) {
-  // The media map renews an item's entry as the item moves; that needs the library lock.
-  if ((flags & (ci::kRemove | ci::kPurge | ci::kWriteNow)) || jx::settings::UseMediaMap()) {
+  // The media map renews an item's entry as the item moves; that needs the library lock. So does
+  // taking an item left with nothing out of the bag.
+  if ((flags & (ci::kRemove | ci::kPurge | ci::kWriteNow)) || jx::settings::UseMediaMap() ||
+      mayKeepNothing_.load(std::memory_order_acquire)) {
     return false;
   }
   // The move is noted for later (see bag/recency_log.h): no library lock. Moving some items at

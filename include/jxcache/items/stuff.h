@@ -214,6 +214,11 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // What the purge walk asks of each item, under one hold of its lock: the payload allows a
   // purge and is in memory (and, with `needsDiskCopy`, the item has a disk file).
   bool IsPurgeCandidate(bool needsDiskCopy) const;
+  // Takes the item out of its bag and directory when nobody has it checked out and it keeps
+  // nothing (no payload in memory, no disk file, not pending). For an item whose disk copy went
+  // while its payload was out of memory (a failed read back): no purge walk visits such an item.
+  // Takes the library lock, then the item's write lock.
+  void LeaveIfKeepsNothing();
 
   // ---- disk cache ----------------------------------------------------------------------------
   // Writing in disk/prep_and_write.cpp, reading in disk/prep_and_read.cpp, the file link and the
@@ -583,6 +588,9 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   std::atomic<uint32_t> writeInProgress_{0};
   std::atomic<uint32_t> diskCheckouts_{0};
   std::atomic<bool> taggedToWrite_{false};
+  // Set when the disk copy went while the payload was out of memory (a failed read back): the
+  // check-in that leaves the item idle asks whether it keeps anything (LeaveIfKeepsNothing).
+  std::atomic<bool> mayKeepNothing_{false};
   bool tempRemovedFromSortDir_ GUARDED_BY(mutex_) = false;
   double computeTime_ GUARDED_BY(mutex_) = 0.0;
   std::weak_ptr<JX_SortDir> sortDir_ GUARDED_BY(mutex_);
