@@ -152,8 +152,12 @@ void JX_Bag::MoveToYoungEnd(JX_Stuff& stuff, const JXp_ScLock& lock) {
   // sizes. The link must never blink: the disk writer, a write's link and an offer to the disk
   // ask an item for its bag under the item's lock alone, and an item seen out of its bag has
   // its write dropped as if it had left the cache.
-  const uint64_t now = HighPrecisionTime::GetCurrentTimeStamp();
-  stuff.lastUsedTime_.store(now, std::memory_order_release);
+  uint64_t now;
+  {
+    // Stamped and stored under the item's lock, as a read-only check-in renews it.
+    ScopedWriteLockWrapper wl(stuff.mutex_);
+    now = stuff.RenewLastUsedTimeLocked();
+  }
   if (!jx::settings::UseMediaMap()) {
     Reposition(stuff, now, lock);
     return;

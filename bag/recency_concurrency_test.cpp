@@ -3,13 +3,18 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <future>
+#include <map>
+#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "bag/recency_log.h"
 #include "jxcache/bag/library_lock.h"
 #include "jxcache/host/high_precision_time.h"
+#include "jxcache/host/host_services.h"
 #include "standalone/standalone_host.h"
 #include "testing/jx_test_support.h"
 
@@ -223,3 +228,100 @@ TEST_F(RecencyTest, AWrappingLogAppliedMeanwhileKeepsEveryMove) {
 }
 
 }  // namespace
+
+namespace {
+
+// The default clock, except that the first stamp it gives a thread marked to stall is handed
+// over only once the test lets it go: that thread's check-in is caught between taking its stamp
+// and storing it. Records the first stamp it gave each marked thread.
+class StallingClock : public jx::host::Clock {
+ public:
+  uint64_t NowNanoseconds() override {
+    const uint64_t t = jx::host::DefaultClock().NowNanoseconds();
+    std::unique_lock<std::mutex> l(mutex_);
+    const auto me = std::this_thread::get_id();
+    auto marked = first_.find(me);
+    if (marked == first_.end() || marked->second != 0) return t;
+    marked->second = t;
+    if (me == stalling_) {
+      stalled_ = true;
+      changed_.notify_all();
+      // Bounded: a test that never lets go fails on its own wait, not here.
+      changed_.wait_for(l, std::chrono::seconds(30), [this] { return released_; });
+    }
+    return t;
+  }
+  uint64_t MillisecondsSinceBoot() override {
+    return jx::host::DefaultClock().MillisecondsSinceBoot();
+  }
+  void SleepFor(std::chrono::nanoseconds d) override { jx::host::DefaultClock().SleepFor(d); }
+
+  void Mark(bool stall) {
+    std::lock_guard<std::mutex> l(mutex_);
+    first_[std::this_thread::get_id()] = 0;
+    if (stall) stalling_ = std::this_thread::get_id();
+  }
+  bool WaitUntilStalled(std::chrono::seconds bound) {
+    std::unique_lock<std::mutex> l(mutex_);
+    return changed_.wait_for(l, bound, [this] { return stalled_; });
+  }
+  void Release() {
+    std::lock_guard<std::mutex> l(mutex_);
+    released_ = true;
+    changed_.notify_all();
+  }
+  std::vector<uint64_t> Stamps() {
+    std::lock_guard<std::mutex> l(mutex_);
+    std::vector<uint64_t> out;
+    for (const auto& [thread, t] : first_) out.push_back(t);
+    return out;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::map<std::thread::id, uint64_t> first_;
+  std::thread::id stalling_;
+  bool stalled_ = false;
+  bool released_ = false;
+};
+
+}  // namespace
+
+// Two holders of one item check it in at once. Whatever the interleaving, the item's last-used
+// time ends as the later of their two uses: it is what the disk folder's size keeping and the
+// purge's "last purged" time go by, and the recency order places the item by that later use.
+TEST_F(RecencyTest, TwoOverlappingCheckinsLeaveTheLaterUseAsTheLastUsedTime) {
+  auto items = AddItems(1);
+  const auto& x = items[0];
+  ASSERT_EQ(x->Checkout(cf::kReadOnly), kJX_CheckedOut);
+  ASSERT_EQ(x->Checkout(cf::kReadOnly), kJX_CheckedOut);
+  // Never destroyed: a library thread may still be inside a call when it is uninstalled.
+  static auto* const stallingClock = new StallingClock;
+  StallingClock& clock = *stallingClock;
+  jx::host::InstallClock(&clock);
+  std::thread first([&] {
+    clock.Mark(/*stall=*/true);
+    x->Checkin(0, 0.0);
+  });
+  const bool stalled = clock.WaitUntilStalled(std::chrono::seconds(10));
+  auto second = std::async(std::launch::async, [&] {
+    clock.Mark(/*stall=*/false);
+    x->Checkin(0, 0.0);
+  });
+  // The second may have to wait for the first: it is let go after a while either way.
+  second.wait_for(std::chrono::seconds(2));
+  clock.Release();
+  first.join();
+  const bool secondDone = second.wait_for(std::chrono::seconds(30)) == std::future_status::ready;
+  jx::host::InstallClock(nullptr);
+  ASSERT_TRUE(stalled) << "the first check-in never asked the clock";
+  ASSERT_TRUE(secondDone) << "the second check-in hung";
+  const std::vector<uint64_t> stamps = clock.Stamps();
+  ASSERT_EQ(stamps.size(), 2u);
+  ASSERT_NE(stamps[0], 0u);
+  ASSERT_NE(stamps[1], 0u);
+  EXPECT_EQ(x->GetLastUsedTime(), std::max(stamps[0], stamps[1]))
+      << "the item's last use went back to the earlier check-in's";
+  EXPECT_EQ(x->GetCheckoutCount(), 0u);
+}

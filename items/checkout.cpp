@@ -294,6 +294,14 @@ void JX_Stuff::ConvertToWriteable() {
   DeleteDiskCacheFile();
 }
 
+uint64_t JX_Stuff::RenewLastUsedTimeLocked() {
+  const uint64_t now = zelcore::utility::HighPrecisionTime::GetCurrentTimeStamp();
+  if (now > lastUsedTime_.load(std::memory_order_relaxed)) {
+    lastUsedTime_.store(now, std::memory_order_release);
+  }
+  return now;
+}
+
 bool JX_Stuff::CheckinReadOnly(int flags) {
   // The media map renews an item's entry as the item moves; that needs the library lock. So does
   // taking an item left with nothing out of the bag.
@@ -303,20 +311,17 @@ bool JX_Stuff::CheckinReadOnly(int flags) {
   }
   // The move is noted for later (see bag/recency_log.h): no library lock. Moving some items at
   // once and noting others would make the noted ones, older, walk back past the moved ones.
-  JX_Bag* bag;
+  uint64_t renewedAt = 0;
   {
     ScopedWriteLockWrapper wl(mutex_);
     if (writeable_) return false;
     if (checkoutCount_.load(std::memory_order_relaxed) > 0) StepCheckoutCountLocked(-1);
     // Holding the item's lock keeps its bag alive and linked while the sizes move.
-    bag = mruBag_;
+    JX_Bag* const bag = mruBag_;
     SyncMemorySizeLocked(data_ ? data_->GetApproximateMemorySize() : 0, bag);
+    if (bag && !(flags & ci::kKeepRecency)) renewedAt = RenewLastUsedTimeLocked();
   }
-  if (bag && !(flags & ci::kKeepRecency)) {
-    const uint64_t now = zelcore::utility::HighPrecisionTime::GetCurrentTimeStamp();
-    lastUsedTime_.store(now, std::memory_order_release);
-    jx::recency::Note(*this, now);
-  }
+  if (renewedAt != 0) jx::recency::Note(*this, renewedAt);
   JX_GetStuffCounters().itemsCheckedOut.fetch_sub(1);
   return true;
 }

@@ -456,6 +456,10 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   void CheckoutNewPending();
   void TempRemoveFromSortDir(const JXp_ScLock& lock);
   void SetBagAndInMru(JX_Bag* bag);
+  // Renews the last-used time with a stamp taken now, and returns the stamp. Under the write
+  // lock, renewals take their stamps one after another, so the time never moves back: a
+  // renewal that took its stamp first cannot store it last.
+  uint64_t RenewLastUsedTimeLocked() REQUIRES(mutex_);
   // A strong reference to the bag holding the item, or empty (also while that bag is being
   // destroyed). The caller holds mutex_ in any mode. Never to be dropped under a lock: were it
   // the bag's last reference, the bag's destructor would run there.
