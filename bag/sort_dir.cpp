@@ -268,6 +268,9 @@ void JX_Stuff::UpdateWithNewGuid(const Guid& guid) {
   // named after; one that linked between the discard above and the new key is undone here.
   if (rekeyed) DiscardDiskCopy(/*onlyIfInMemory=*/false);
   DropCopies(std::move(oldCopies));
+  // A payload only on disk went with its copy: an item that nobody holds and that keeps nothing
+  // leaves the bag now (a holder's check-in asks again).
+  if (mayKeepNothing_.load(std::memory_order_acquire)) LeaveIfKeepsNothing();
 }
 
 void JX_Stuff::AddToBagAndSortDir(const std::shared_ptr<JX_Bag>& bag) {

@@ -465,3 +465,29 @@ TEST_F(DiskFileTest, AnItemLeftWithNothingByAFailedReadLeavesTheBagAndTheDirecto
   }
   EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
 }
+
+// Re-keying an item whose payload is only on disk drops that copy (it is filed under the old
+// key), which leaves the item nothing to answer its new key with: it leaves the bag and the
+// directory, now or, when somebody holds it, at the check-in that leaves it idle.
+TEST_F(DiskFileTest, AnItemReKeyedWhileOnlyOnDiskLeavesTheBagOnceIdle) {
+  auto idle = AddItem();
+  WriteAndPurge(idle);
+  const int items = bag_->GetNumItems();
+  idle->UpdateWithNewGuid(Guid::CreateUnique());
+  EXPECT_FALSE(idle->HasDiskCacheFile());
+  EXPECT_FALSE(idle->GetBag()) << "an item with nothing stays in the bag";
+  EXPECT_FALSE(idle->IsInSortDir()) << "an item with nothing stays in the directory";
+  EXPECT_EQ(bag_->GetNumItems(), items - 1);
+
+  auto held = AddItem();
+  WriteAndPurge(held);
+  ASSERT_EQ(held->Checkout(cf::kReadOnly | cf::kNoDiskRead), kJX_CheckedOut);
+  held->UpdateWithNewGuid(Guid::CreateUnique());
+  EXPECT_TRUE(held->GetBag()) << "taken out from under its holder";
+  held->Checkin(0, 0.0);
+  EXPECT_FALSE(held->GetBag());
+  EXPECT_FALSE(held->IsInSortDir());
+
+  ExpectFolderConsistent();
+  EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
+}

@@ -123,6 +123,8 @@ JX_Stuff::DetachedDiskCopy JX_Stuff::DetachDiskCopyLocked(bool onlyIfInMemory) {
   stale.inMemory = data_ && data_->IsInMemory();
   if (onlyIfInMemory && !stale.inMemory) return stale;
   stale.claim = std::move(diskFile_);
+  // Its only copy gone, the item may keep nothing: whoever leaves it idle asks.
+  if (!stale.inMemory) mayKeepNothing_.store(true, std::memory_order_release);
   stale.signal = MemDiskChangedLocked();
   return stale;
 }
