@@ -17,6 +17,7 @@
 #include "disk/disk_counters.h"
 #include "disk/disk_test_support.h"
 #include "disk/scan_one_file.h"
+#include "jxcache/disk/read_ahead.h"
 #include "jxcache/items/sc_checkout.h"
 #include "testing/fault_injection.h"
 
@@ -439,6 +440,14 @@ TEST_F(DiskFileTest, AnItemLeftWithNothingByAFailedReadLeavesTheBagAndTheDirecto
        [](const IntrusivePtr<JX_Stuff>& item) {
          JX_ScCheckout handle;
          return handle.Checkout(item, cf::kReadOnly);
+       }},
+      {"a read ahead of the playhead",
+       [](const IntrusivePtr<JX_Stuff>& item) {
+         JX_ReadAhead readAhead;
+         readAhead.SetPlayhead(jx::testing::MakeRequest(item->GetGuid()), 1, {});
+         EXPECT_TRUE(readAhead.WaitIdle(std::chrono::seconds(30)));
+         readAhead.Stop();
+         return readAhead.GetCounters().failedReads == 1 ? kJX_CheckoutRefused : kJX_CheckedOut;
        }},
   };
   for (const Asker& asker : askers) {
