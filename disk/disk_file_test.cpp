@@ -500,3 +500,54 @@ TEST_F(DiskFileTest, AnItemReKeyedWhileOnlyOnDiskLeavesTheBagOnceIdle) {
   ExpectFolderConsistent();
   EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
 }
+
+// An item's change handler is the host's: it runs with no lock of the cache held, and may wait
+// for a thread of its own that uses the cache. Re-keying an item drops its disk copy (filed under
+// the old key), and so does a writeable check-in made inside CheckinAndCheckout: both tell the
+// handler, and neither may do so holding the library lock.
+TEST_F(DiskFileTest, ADroppedDiskCopyTellsTheChangeHandlerWithNoLockHeld) {
+  const std::pair<const char*, std::function<void(const IntrusivePtr<JX_Stuff>&)>> drops[] = {
+      {"re-keyed", [](const auto& item) { item->UpdateWithNewGuid(Guid::CreateUnique()); }},
+      {"written to, checked in and out again",
+       [](const auto& item) {
+         ASSERT_EQ(item->Checkout(0), kJX_CheckedOut);
+         ASSERT_EQ(item->CheckinAndCheckout(jx::checkin_flags::kKeepRecency, 0.0, cf::kReadOnly),
+                   kJX_CheckedOut);
+         item->Checkin(jx::checkin_flags::kKeepRecency, 0.0);
+       }},
+  };
+  for (const auto& [what, drop] : drops) {
+    SCOPED_TRACE(what);
+    auto item = AddItem();
+    item->PrepAndWrite(bag_);
+    ASSERT_TRUE(item->HasDiskCacheFile());
+    int told = 0, underLock = 0, helperStuck = 0;
+    std::shared_future<void> stuckHelperEnded;
+    JX_Bag* const bag = bag_.get();
+    item->GetMemDiskChangedSignal().Connect([&](bool, bool onDisk) {
+      ++told;
+      EXPECT_FALSE(onDisk);
+      if (JXp_ScLock::IsLockedByCurrentThread()) ++underLock;
+      auto done = std::make_shared<std::promise<void>>();
+      std::shared_future<void> ended = done->get_future().share();
+      std::thread([bag, done] {
+        bag->GetNumItems();  // takes the library lock
+        done->set_value();
+      }).detach();
+      if (ended.wait_for(std::chrono::seconds(2)) != std::future_status::ready) {
+        ++helperStuck;
+        stuckHelperEnded = ended;
+      }
+    });
+    drop(item);
+    EXPECT_EQ(told, 1);
+    EXPECT_EQ(underLock, 0) << "the handler ran under the library lock";
+    EXPECT_EQ(helperStuck, 0) << "the handler's helper waited for the lock held around it";
+    if (stuckHelperEnded.valid()) {
+      ASSERT_EQ(stuckHelperEnded.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    }
+    EXPECT_FALSE(item->HasDiskCacheFile());
+    ExpectFolderConsistent();
+  }
+  EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
+}

@@ -134,21 +134,36 @@ void JX_Stuff::DropDetachedDiskCopy(DetachedDiskCopy stale) {
   // The written or re-keyed payload is not what the old copy holds; it is a candidate again.
   taggedToWrite_.store(false, std::memory_order_release);
   SyncDiskSizeWithBag(0);
-  if (stale.signal) stale.signal->Fire(stale.inMemory, false);
-  // The claim goes with the file, so that no scan adopts the file in between.
-  auto unlink = [claim = std::move(stale.claim)] {
-    try {
-      claim->File().Delete();
-    } catch (...) {
-      // Gone already, or the folder refuses: either way no item links to it any more.
+  // The handler is the host's: it hears of the drop once the calling thread holds no lock of the
+  // cache (a re-key and CheckinAndCheckout hold the library lock here), and may then wait for a
+  // thread of its own that uses the cache. It hears the item's state as it is then. The claim
+  // goes with the file, after the handler, so that no scan adopts the file in between.
+  struct TellAndUnlink {
+    IntrusivePtr<JX_Stuff> item;
+    MemDiskChangedSignal* signal;
+    std::shared_ptr<jx::disk::ClaimedFile> claim;
+    void operator()() const noexcept {
+      if (signal) {
+        try {
+          signal->Fire(item->IsInMemory(), item->HasDiskCacheFile());
+        } catch (...) {
+          // A handler's failure is the host's own; the copy is dropped all the same.
+        }
+      }
+      try {
+        claim->File().Delete();
+      } catch (...) {
+        // Gone already, or the folder refuses: either way no item links to it any more.
+      }
     }
   };
+  TellAndUnlink later{IntrusivePtr<JX_Stuff>(this), stale.signal, std::move(stale.claim)};
   try {
     std::deque<std::shared_ptr<void>> owners;
-    owners.emplace_back(nullptr, [unlink](void*) { unlink(); });
+    owners.emplace_back(nullptr, [later](void*) { later(); });
     JXp_ScLock::ReleaseOutsideLock(std::move(owners));
   } catch (const std::bad_alloc&) {
-    unlink();  // no memory to put it off: now, even under the lock
+    later();  // no memory to put it off: now, even under the lock
   }
 }
 
