@@ -34,22 +34,37 @@ namespace {
 
 constexpr unsigned int kSize = 100000;
 
-// A payload with hooks: `duringWrite` runs inside its own Write, and `failNextRead` makes the
-// next Read find no memory, as a host's allocator may refuse it.
+// What a payload's own code may throw: not a code, not a standard exception.
+struct PayloadsOwnFault {};
+
+// A payload with hooks: `duringWrite` runs inside its own Write, `failNextRead` makes the next
+// Read find no memory, as a host's allocator may refuse it, and `ownFaultNextRead` and
+// `ownFaultNextWrite` make the next Read or Write throw the payload's own exception type.
 class HookedPayload : public TestPayload {
  public:
   using TestPayload::TestPayload;
   double Write(zelcore::filesupport::OByteStream& out) const override {
     if (duringWrite) duringWrite();
+    if (std::exchange(ownFaultNextWrite, false)) {
+      ++ownFaultsThrown;
+      throw PayloadsOwnFault{};
+    }
     return TestPayload::Write(out);
   }
   double Read(zelcore::filesupport::IByteStream& in,
               zelcore::threads::MultiTenantRecursiveMutex& itemMutex) override {
     if (std::exchange(failNextRead, false)) throw std::bad_alloc();
+    if (std::exchange(ownFaultNextRead, false)) {
+      ++ownFaultsThrown;
+      throw PayloadsOwnFault{};
+    }
     return TestPayload::Read(in, itemMutex);
   }
   std::function<void()> duringWrite;
   bool failNextRead = false;
+  bool ownFaultNextRead = false;
+  mutable bool ownFaultNextWrite = false;
+  mutable int ownFaultsThrown = 0;
 };
 
 class DiskFileTest : public jx::testing::DiskTest {
@@ -225,6 +240,7 @@ TEST_F(DiskFileTest, AFailedReadDeletesTheFileAndTheItemIsRecomputed) {
       {"open refused",
        [](const File&, auto&) { FaultInjection::FailNth(FileOp::kOpen, 1, EACCES); }},
       {"out of memory", [](const File&, HookedPayload& p) { p.failNextRead = true; }},
+      {"payload's own exception", [](const File&, HookedPayload& p) { p.ownFaultNextRead = true; }},
   };
   for (const auto& [what, fault] : faults) {
     SCOPED_TRACE(what);
@@ -235,6 +251,7 @@ TEST_F(DiskFileTest, AFailedReadDeletesTheFileAndTheItemIsRecomputed) {
     const uint32_t failedReads = counters_.failedReads;
     EXPECT_THROW(item->EnsureInMemory(), int);
     FaultInjection::Reset();
+    EXPECT_FALSE(payload->failNextRead || payload->ownFaultNextRead) << "no fault was injected";
     EXPECT_EQ(counters_.failedReads, failedReads + 1);
     EXPECT_FALSE(item->HasDiskCacheFile());
     EXPECT_FALSE(item->IsInMemory());
@@ -284,6 +301,30 @@ TEST_F(DiskFileTest, AFailedWriteLeavesNothingBehindAndTheCacheWorks) {
       ExpectFolderConsistent();
     }
   }
+}
+
+// A payload's Write is the payload's own code and may throw anything. The write fails like any
+// other (counted, nothing left behind), and the item can still be written later.
+TEST_F(DiskFileTest, AWriteFailedByThePayloadsOwnExceptionLeavesTheItemWriteable) {
+  auto* payload = new HookedPayload(kSize, 5, true);
+  auto item = AddItem(payload);
+  const uint64_t failed = counters_.failedWrites;
+  payload->ownFaultNextWrite = true;
+  try {
+    item->PrepAndWrite(bag_);
+  } catch (...) {
+    ADD_FAILURE() << "the payload's exception left the write";
+  }
+  ASSERT_EQ(payload->ownFaultsThrown, 1);
+  EXPECT_EQ(counters_.failedWrites, failed + 1);
+  EXPECT_FALSE(item->HasDiskCacheFile());
+  ExpectFolderConsistent();
+
+  item->PrepAndWrite(bag_);
+  EXPECT_TRUE(item->HasDiskCacheFile()) << "the failed write kept the item from ever being written";
+  Purge(item);
+  ExpectReadsBack(item->GetGuid(), 5);
+  ExpectFolderConsistent();
 }
 
 TEST_F(DiskFileTest, AWriteAfterDiskCachingWentOffWritesNothingAnywhere) {

@@ -78,6 +78,11 @@ void JX_Stuff::PrepAndRead(const ScopedUpgradeLockWrapper& lock, DiskCopyGone* g
   } catch (const std::exception& e) {
     code = Y_TranslateAndReportException();
     ZC_TRACE("JX", 3, "PrepAndRead: " << e.what());
+  } catch (...) {
+    // A payload's Read is its own code and may throw anything; the file fails all the same, and
+    // the caller hears a code like for any other failed read.
+    code = Y_TranslateAndReportException();
+    ZC_TRACE("JX", 3, "PrepAndRead: unknown exception");
   }
   DeleteDiskCacheFile(gone);
   // Its payload out of memory and its file gone, the item may keep nothing: whoever checks it in

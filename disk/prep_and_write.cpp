@@ -115,6 +115,12 @@ void JX_Stuff::PrepAndWrite(const std::shared_ptr<JX_Bag>& bag) {
     if (bag && fileError && jx::disk::IsOutOfSpaceErrno(fileError->Errno())) {
       jx::disk::NoteDiskOutOfSpace(*bag);
     }
+  } catch (...) {
+    // A payload's Write is its own code and may throw anything. Let through, it would also skip
+    // the release below and leave the item claimed by a write that is over: never written again.
+    const int32_t code = Y_TranslateAndReportException();
+    counters.failedWrites.fetch_add(1, std::memory_order_relaxed);
+    ZC_TRACE("JX", 3, "PrepAndWrite failed with code " << code << ": unknown exception");
   }
   // Paired with the acquire of the exchange that claimed it: the next write of this item starts
   // after everything this one did.
