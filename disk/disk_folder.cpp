@@ -227,6 +227,35 @@ bool JX_Bag::IsDiskCacheLimitedDueToDriveSpace() const {
   return volumeFree >= 0 && volumeFree < need;
 }
 
+namespace {
+
+// Whether `item`'s file is one that making room may delete now (MaybeDeleteDiskCacheFile decides
+// again under the item's lock).
+bool MayGoToMakeRoom(const JX_Stuff& item, unsigned long long lastUsedThreshold) {
+  return item.GetCheckoutCount() == 0 && item.GetNumDiskCacheCheckouts() == 0 &&
+         item.GetLastUsedTime() < lastUsedThreshold && item.HasDiskCacheFile();
+}
+
+// The bytes that deleting every file that may go would give back.
+long long ReclaimableBytes(const std::deque<JX_Bag::StuffPtr>& items,
+                           unsigned long long lastUsedThreshold) {
+  long long bytes = 0;
+  for (const JX_Bag::StuffPtr& item : items) {
+    if (MayGoToMakeRoom(*item, lastUsedThreshold)) bytes += item->GetAccountedDiskSize();
+  }
+  return bytes;
+}
+
+// An item whose file was the last of it (its payload had left memory) keeps nothing a request
+// could use: it leaves the bag, as it does when the folder is purged. Nothing else would take it
+// out, and after a restart every adopted file is such an item.
+void LetGoIfNothingLeft(JX_Stuff& item) {
+  if (item.IsInMemory() || item.IsPendingRender() || item.HasDiskCacheFile()) return;
+  item.FreeUpAsMuchAsPossible(true, nullptr);
+}
+
+}  // namespace
+
 bool JX_Bag::EnsureDiskSpace(long long bytesNeeded, unsigned long long lastUsedThreshold) {
   ZC_PROFILE_SCOPE("KQ.JX_Bag::EnsureDiskSpace", 6);
   long long free = GetCurFreeSpace();
@@ -237,13 +266,21 @@ bool JX_Bag::EnsureDiskSpace(long long bytesNeeded, unsigned long long lastUsedT
     ZC_PROFILE_SCOPE("KQ.JX_Bag::EnsureDiskSpace - bag copy", 6);
     items = CopyMruItems();  // oldest use first; the library lock is released on return
   }
-  for (const StuffPtr& item : items) {
-    if (free >= target) break;
-    bool skipped = false;
-    item->MaybeDeleteDiskCacheFile(lastUsedThreshold, nullptr, &skipped);
-    // Measured again also when the deletion reports nothing freed: a file found empty (or
-    // already gone) still gives back the size the item had counted.
-    if (!skipped) free = GetCurFreeSpace();
+  // A write that cannot fit even once every file it may take is gone (it is larger than the whole
+  // limit, or the rest is pinned or used since) deletes nothing: those files would be lost and the
+  // write skipped all the same.
+  if (free + ReclaimableBytes(items, lastUsedThreshold) >= target) {
+    for (const StuffPtr& item : items) {
+      if (free >= target) break;
+      if (!MayGoToMakeRoom(*item, lastUsedThreshold)) continue;
+      bool skipped = false;
+      item->MaybeDeleteDiskCacheFile(lastUsedThreshold, nullptr, &skipped);
+      if (skipped) continue;
+      // Measured again also when the deletion reports nothing freed: a file found empty (or
+      // already gone) still gives back the size the item had counted.
+      free = GetCurFreeSpace();
+      LetGoIfNothingLeft(*item);
+    }
   }
   const bool enough = free >= target;
   if (!enough) {

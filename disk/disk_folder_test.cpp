@@ -190,6 +190,28 @@ TEST_F(DiskFolderTest, EnsureDiskSpaceDeletesOldestUnpinnedFirst) {
   EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 200);
 }
 
+// Making room can take the last copy of an item whose payload already left memory (after a
+// restart, every adopted file is such an item). Nothing a request could use is left then, and
+// nothing would ever take the item out of the bag: a long session would pile them up.
+TEST_F(DiskFolderTest, AnItemWhoseLastCopyGoesToMakeRoomLeavesTheBag) {
+  auto diskOnly = AddItemWithFile(100);
+  diskOnly->FreeUpAsMuchAsPossible(true, nullptr);
+  ASSERT_FALSE(diskOnly->IsInMemory());
+  ASSERT_TRUE(diskOnly->GetBag());
+  auto inMemory = AddItemWithFile(100);
+  bag_->SetDiskCacheInfo(tempDir_, 200);
+  const int items = bag_->GetNumItems();
+
+  EXPECT_TRUE(bag_->EnsureDiskSpace(200, ~0ull));
+  EXPECT_FALSE(diskOnly->HasDiskCacheFile());
+  EXPECT_FALSE(inMemory->HasDiskCacheFile());
+  EXPECT_FALSE(diskOnly->GetBag()) << "an item with nothing left stayed in the bag";
+  EXPECT_TRUE(inMemory->GetBag()) << "an item still in memory left the bag";
+  EXPECT_TRUE(inMemory->IsInMemory());
+  EXPECT_EQ(bag_->GetNumItems(), items - 1);
+  EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
+}
+
 TEST_F(DiskFolderTest, ScanHandsOverCacheFilesAndClearsLeftovers) {
   // The scans here are the test's own: a request must not also start one on the idle disk task.
   JX_StopAllAsyncWork();

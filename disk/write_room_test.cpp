@@ -71,6 +71,37 @@ TEST_F(WriteRoomTest, AWriteWithoutRoomInTheLimitIsSkippedCountedAndUntagged) {
   EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 900);
 }
 
+// Room is made by deleting other items' files. When the write cannot fit even once every file it
+// may take is gone (it is larger than the whole limit, or what it may take is too little), those
+// files are kept: deleting them would lose cached frames and still not make the write.
+TEST_F(WriteRoomTest, AWriteThatCannotFitDeletesNoFileForIt) {
+  for (const bool tooLargeForTheLimit : {true, false}) {
+    SCOPED_TRACE(tooLargeForTheLimit ? "larger than the limit" : "more than could be freed");
+    bag_->SetDiskCacheInfo(tempDir_, 1000);
+    auto pinned = AddItemWithFile(400);
+    auto pin = pinned->CheckoutDiskCache();
+    auto older = AddItemWithFile(300);
+    const auto file = older->GetDiskCacheFile();
+    // 300 free and 300 more that may go: 600 at most, and the limit is 1000.
+    auto item = AddDiskCacheableItem(tooLargeForTheLimit ? 1001 : 601);
+    ASSERT_LT(older->GetLastUsedTime(), item->GetLastUsedTime());
+    const JX_DiskPerformanceCounters before = JX_GetDiskPerformanceCounters();
+    OfferAndWait(item);
+    EXPECT_FALSE(item->HasDiskCacheFile());
+    EXPECT_EQ(JX_GetDiskPerformanceCounters().writesSkippedForRoom,
+              before.writesSkippedForRoom + 1);
+    EXPECT_TRUE(older->HasDiskCacheFile()) << "a file was deleted for a write that was skipped";
+    EXPECT_TRUE(file.Exists());
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 700);
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), jx::testing::SumOfFileSizes(Folder()));
+    pin.reset();
+    pinned->DeleteDiskCacheFile();
+    older->DeleteDiskCacheFile();
+    ASSERT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
+    for (const auto& i : {pinned, older, item}) i->RemoveFromBagAndSortDir();
+  }
+}
+
 TEST_F(WriteRoomTest, WritesLeaveTheVolumeItsMargin) {
   zelappsupport::preferences::SetValue(jx::disk::kPreferencesGroup,
                                        jx::disk::kMinVolumeFreeSpaceName, "1");

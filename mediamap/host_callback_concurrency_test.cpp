@@ -370,7 +370,7 @@ TEST_F(HostCallbackTest, AnItemLosingItsDiskCopyTellsItsHandlerWithNoItemLockHel
     ChangeWatch watch;
     Watch(item, bag_, watch);
     ExpectHandlerFreeToUseTheCache(
-        [&] { bag_->EnsureDiskSpace(bag_->GetMaxDiskCacheSize() + 1, UINT64_MAX); }, watch);
+        [&] { bag_->EnsureDiskSpace(bag_->GetCurFreeSpace() + 1, UINT64_MAX); }, watch);
     EXPECT_FALSE(item->HasDiskCacheFile()) << "the copy must have been deleted to make room";
     EXPECT_TRUE(item->IsInMemory());
     item->RemoveFromBagAndSortDir();
@@ -426,17 +426,13 @@ TEST_F(HostCallbackTest, TheLastChangeAHandlerHearsIsTheItemsState) {
   bool deleterDone = false;
   std::future<bool> deleter;
   auto second = JX_Stuff::CreateNew(
-      IntrusivePtr<JX_StuffData>(new PurgeHookPayload(400,
-                                                      [&] {
-                                                        if (deletes++ != 0) return;
-                                                        deleter = std::async(
-                                                            std::launch::async, [&] {
-                                                              return first->DeleteDiskCacheFile();
-                                                            });
-                                                        deleterDone =
-                                                            deleter.wait_for(10s) ==
-                                                            std::future_status::ready;
-                                                      })),
+      IntrusivePtr<JX_StuffData>(new PurgeHookPayload(
+          400,
+          [&] {
+            if (deletes++ != 0) return;
+            deleter = std::async(std::launch::async, [&] { return first->DeleteDiskCacheFile(); });
+            deleterDone = deleter.wait_for(10s) == std::future_status::ready;
+          })),
       1.0);
   second->SetGuid(Guid::CreateUnique());
   bag_->AddToBagAndSortDir(second);
