@@ -256,6 +256,30 @@ TEST_F(RewriteTest, AScanWhileTheItemIsOutOfTheDirectoryDoesNotAdoptItsFile) {
   }
 }
 
+// A file pinned by a reader outlives its item's departure from the bag (replaced by a new render
+// of the key, or checked in for removal) only as long as the pin: the bag no longer counts it, and
+// nothing else would ever delete it.
+TEST_F(RewriteTest, AFilePinnedWhenItsItemLeftTheBagGoesWithTheLastPin) {
+  for (const bool replaced : {true, false}) {
+    SCOPED_TRACE(replaced ? "replaced by a new render" : "checked in for removal");
+    auto item = WrittenItem();
+    const File file = item->GetDiskCacheFile();
+    auto pin = item->CheckoutDiskCache();
+    ASSERT_TRUE(pin);
+    if (replaced) {
+      bag_->AddToBagAndSortDir(jx::testing::MakeItem(kSize, item->GetGuid(), kNewSeed));
+    } else {
+      ASSERT_EQ(item->Checkout(cf::kReadOnly), kJX_CheckedOut);
+      item->Checkin(jx::checkin_flags::kRemove, 0.0);
+    }
+    ASSERT_FALSE(item->GetBag());
+    EXPECT_TRUE(file.Exists()) << "deleted under its pin";
+    pin.reset();
+    EXPECT_FALSE(file.Exists()) << "left in the folder with nothing counting it";
+    ExpectFolderMatchesBag();
+  }
+}
+
 // A search checks an item out on disk only and reads it back once the library lock is released.
 // A new render of the key may replace the item in between, and its file goes with it: the search
 // must then come back empty, never with a payload that has no pixels.

@@ -99,7 +99,12 @@ bool JX_Stuff::DeleteDiskCacheFile(DiskCopyGone* gone) {
 }
 
 void JX_Stuff::DropDiskCacheFileOutsideLock() {
-  if (!HasDiskCacheFile() || GetNumDiskCacheCheckouts() != 0) return;
+  if (!HasDiskCacheFile()) return;
+  // Left to the pins' last release when pinned: nobody else would ever delete the file, and the
+  // bag stops counting it once the item is gone. The flag is set before the pins are counted and
+  // the release counts down before it reads the flag, so one of the two always sees the other.
+  dropFileWhenUnpinned_.store(true, std::memory_order_seq_cst);
+  if (diskCheckouts_.load(std::memory_order_seq_cst) != 0) return;
   IntrusivePtr<JX_Stuff> self(this);
   std::deque<std::shared_ptr<void>> owners;
   owners.emplace_back(nullptr, [self](void*) {
@@ -250,8 +255,18 @@ JX_Stuff::DiskCacheCheckoutScoper::DiskCacheCheckoutScoper(IntrusivePtr<JX_Stuff
 }
 
 JX_Stuff::DiskCacheCheckoutScoper::~DiskCacheCheckoutScoper() {
-  stuff_->diskCheckouts_.fetch_sub(1, std::memory_order_acq_rel);
   GetNumDiskCacheCheckoutsGlobal().fetch_sub(1, std::memory_order_acq_rel);
+  stuff_->ReleaseDiskCheckout();
+}
+
+void JX_Stuff::ReleaseDiskCheckout() noexcept {
+  if (diskCheckouts_.fetch_sub(1, std::memory_order_seq_cst) != 1) return;
+  if (!dropFileWhenUnpinned_.load(std::memory_order_seq_cst)) return;
+  try {
+    DropDiskCacheFileOutsideLock();
+  } catch (...) {
+    // Out of memory to put the deletion off: the file stays, as it did under the pin.
+  }
 }
 
 std::unique_ptr<JX_Stuff::DiskCacheCheckoutScoper> JX_Stuff::CheckoutDiskCache(bool) {

@@ -13,9 +13,9 @@ using zelcore::threads::ScopedUpgradeLockWrapper;
 using zelcore::threads::ScopedWriteLockWrapper;
 
 JX_ScCheckout::DiskHold::~DiskHold() {
-  if (tookItem) stuff->diskCheckouts_.fetch_sub(1, std::memory_order_acq_rel);
   if (tookGlobal)
     JX_Stuff::GetNumDiskCacheCheckoutsGlobal().fetch_sub(1, std::memory_order_acq_rel);
+  if (tookItem) stuff->ReleaseDiskCheckout();
 }
 
 JX_ScCheckout::JX_ScCheckout() = default;

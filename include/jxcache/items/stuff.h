@@ -355,9 +355,12 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // The check-in of a read-only check-out that asks for nothing but the count and the recency:
   // no library lock, the recency move noted for later. False when it is not such a check-in.
   bool CheckinReadOnly(int flags);
-  // Deletes the item's disk file once the calling thread holds no library lock, unless a disk
-  // hold pins it. For items nobody can find any more.
+  // Deletes the item's disk file once the calling thread holds no library lock; a file pinned by
+  // a disk hold goes when the last pin does. For items nobody can find any more.
   void DropDiskCacheFileOutsideLock();
+  // Lets go of one pin on the disk file (a DiskCacheCheckoutScoper, a check-out's disk hold). The
+  // last one deletes the file DropDiskCacheFileOutsideLock had to leave to its pins.
+  void ReleaseDiskCheckout() noexcept;
   // DiscardDiskCopy in two steps: the link is taken away under the item's write lock, in the same
   // hold that makes the item usable again (so that no purge frees the payload while the stale
   // copy still looks like its backup), and the rest is done with the locks released.
@@ -595,6 +598,8 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // Set when the disk copy went while the payload was out of memory (a failed read back): the
   // check-in that leaves the item idle asks whether it keeps anything (LeaveIfKeepsNothing).
   std::atomic<bool> mayKeepNothing_{false};
+  // Set when the item's file was to go while pinned: the last pin's release deletes it.
+  std::atomic<bool> dropFileWhenUnpinned_{false};
   bool tempRemovedFromSortDir_ GUARDED_BY(mutex_) = false;
   double computeTime_ GUARDED_BY(mutex_) = 0.0;
   std::weak_ptr<JX_SortDir> sortDir_ GUARDED_BY(mutex_);
