@@ -10,6 +10,7 @@
 #include <climits>
 #include <ctime>
 #include <map>
+#include <mutex>
 #include <set>
 #include <utility>
 #include <vector>
@@ -54,6 +55,9 @@ constexpr bool kBetaBuild = false;
 std::atomic<int64_t> gMinVolumeFreeSpace{jx::disk::kDefaultMinVolumeFreeSpaceGB << 30};
 // Process-wide like the bag it reports for: one global bag is all a process has.
 std::atomic<bool> gOutOfSpace{false};
+// Room held by writes under way (ScWriteRoom), and the mutex under which room is made.
+std::atomic<int64_t> gRoomHeld{0};
+std::mutex gRoomMutex;
 
 // Only a person at the main thread can act on a folder warning; elsewhere the state change
 // happens silently.
@@ -158,6 +162,18 @@ void NoteDiskWriteCommitted() {
 }
 
 bool IsOutOfSpaceErrno(int err) { return err == ENOSPC || err == EDQUOT; }
+
+ScWriteRoom::ScWriteRoom(JX_Bag& bag, int64_t bytes, uint64_t lastUsedThreshold) : bytes_(bytes) {
+  std::lock_guard<std::mutex> lock(gRoomMutex);
+  // The room the other writes hold is not free for this one, though no file takes it yet.
+  made_ = bag.EnsureDiskSpace(bytes + gRoomHeld.load(std::memory_order_acquire), lastUsedThreshold);
+  if (made_) gRoomHeld.fetch_add(bytes, std::memory_order_acq_rel);
+}
+
+ScWriteRoom::~ScWriteRoom() {
+  // Once the file is counted (or there is none): from here on the bag's size holds it.
+  if (made_) gRoomHeld.fetch_sub(bytes_, std::memory_order_acq_rel);
+}
 
 }  // namespace jx::disk
 

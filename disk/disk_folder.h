@@ -40,6 +40,24 @@ int DeleteLeftoverTempFiles(const zelcore::filesupport::Dir& dir, int64_t minAge
 bool DeleteIfLeftover(const zelcore::filesupport::File& temp, int64_t changed, int64_t now,
                       int64_t minAgeSeconds);
 
+// Room for one write in the cache's limit, made by EnsureDiskSpace and then held by the write
+// until its file is linked and counted (or the write is over without one). The disk thread runs
+// writes at once; without the hold each could count on the same free bytes and together they
+// would overrun the limit. Room is made one write at a time, under a mutex that is taken before
+// any other lock and by nothing but this: never make room while holding a lock of the cache.
+class ScWriteRoom {
+ public:
+  ScWriteRoom(JX_Bag& bag, int64_t bytes, uint64_t lastUsedThreshold);
+  ~ScWriteRoom();
+  ScWriteRoom(const ScWriteRoom&) = delete;
+  ScWriteRoom& operator=(const ScWriteRoom&) = delete;
+  bool Made() const { return made_; }
+
+ private:
+  const int64_t bytes_;
+  bool made_ = false;
+};
+
 // Additional settings, read by JX_Bag::SetDiskCacheInfo from the host's preferences.
 inline constexpr const char* kPreferencesGroup = "Additional Disk Cache Controls";
 inline constexpr const char* kMinVolumeFreeSpaceName = "Minimum Volume Free Space (Gigabytes)";

@@ -307,12 +307,14 @@ void JX_Stuff::WriteToDiskAsync(IntrusivePtr<JX_Stuff> item,
   }
   auto& counters = jx::disk::GetCounters();
   const unsigned int bytes = data->GetApproximateMemorySize();
+  std::optional<jx::disk::ScWriteRoom> room;
   {
     ZC_PROFILE_SCOPE("KQ.JX_Stuff::WriteToDiskAsync - EnsureDisk", 6);
     // Room is made only from files used before this item: a write never evicts something more
     // recently wanted than itself. Without room the write is skipped rather than overrunning
-    // the folder's limit.
-    if (!bag->EnsureDiskSpace(bytes, item->GetLastUsedTime())) {
+    // the folder's limit. The room is held until the write is over.
+    room.emplace(*bag, bytes, item->GetLastUsedTime());
+    if (!room->Made()) {
       counters.writesSkippedForRoom.fetch_add(1, std::memory_order_relaxed);
       ZC_TRACE("JX", 3, "WriteToDiskAsync: no room for " << bytes << " bytes; write skipped");
       return;

@@ -4,6 +4,9 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <functional>
+#include <thread>
 
 #include "disk/disk_folder.h"
 #include "disk/disk_test_support.h"
@@ -20,6 +23,20 @@ using zelcore::utility::IntrusivePtr;
 namespace {
 
 constexpr unsigned kSize = 64 * 1024;
+
+// A disk-cacheable payload whose Write runs `hook` first, on the writer's thread.
+class HookedWritePayload : public jx::testing::TestPayload {
+ public:
+  HookedWritePayload(unsigned size, std::function<void()> hook)
+      : TestPayload(size, 7, true), hook_(std::move(hook)) {}
+  double Write(zelcore::filesupport::OByteStream& out) const override {
+    hook_();
+    return TestPayload::Write(out);
+  }
+
+ private:
+  const std::function<void()> hook_;
+};
 constexpr long long kGiB = 1LL << 30;
 
 class WriteRoomTest : public jx::testing::DiskTest {
@@ -100,6 +117,40 @@ TEST_F(WriteRoomTest, AWriteThatCannotFitDeletesNoFileForIt) {
     ASSERT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
     for (const auto& i : {pinned, older, item}) i->RemoveFromBagAndSortDir();
   }
+}
+
+// The writer runs two writes at once. Each makes room before it writes; room that one of them
+// counted on must not be counted on again by the other, or the two overrun the limit together.
+TEST_F(WriteRoomTest, WritesRunningAtOnceNeverCountOnTheSameRoom) {
+  bag_->SetDiskCacheInfo(tempDir_, 1000);
+  auto older = AddItemWithFile(800);
+  std::atomic<bool> secondWriting{false};
+  std::atomic<int> waitsTimedOut{0};
+  auto add = [&](std::function<void()> hook) {
+    auto item = JX_Stuff::CreateNew(
+        IntrusivePtr<JX_StuffData>(new HookedWritePayload(200, std::move(hook))), 10.0);
+    item->SetGuid(zelcore::utility::Guid::CreateUnique());
+    bag_->AddToBagAndSortDir(item);
+    return item;
+  };
+  // The first write, once it has its room, waits (a few seconds at most) for the second to be
+  // writing too.
+  auto first = add([&] {
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (!secondWriting && std::chrono::steady_clock::now() < giveUp)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (!secondWriting) ++waitsTimedOut;
+  });
+  auto second = add([&] { secondWriting = true; });
+  first->MaybeWriteToDisk();
+  second->MaybeWriteToDisk();
+  ASSERT_TRUE(jx::testing::WriterDrained());
+  ASSERT_EQ(waitsTimedOut, 0) << "the two writes never ran at once";
+  EXPECT_TRUE(first->HasDiskCacheFile());
+  EXPECT_TRUE(second->HasDiskCacheFile());
+  EXPECT_LE(bag_->GetCurrentDiskCacheSize(), 1000) << "the folder is over its limit";
+  EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), jx::testing::SumOfFileSizes(Folder()));
+  EXPECT_FALSE(older->HasDiskCacheFile());
 }
 
 TEST_F(WriteRoomTest, WritesLeaveTheVolumeItsMargin) {
