@@ -228,6 +228,29 @@ TEST_F(DiskFileTest, ScanAdoptsOnlyFilesOfThisVersionAndKeepsGoing) {
   ExpectReadsBack(diskOnly, 9);
 }
 
+// The bag counts an item's file in 32 bits. A file too large for that (damaged, or made by
+// something else) would be counted short, and the folder would hold more than its limit with
+// nothing to show for it; it is deleted, not adopted.
+TEST_F(DiskFileTest, AFileTooLargeToCountIsNotAdopted) {
+  for (const bool folderScan : {false, true}) {
+    SCOPED_TRACE(folderScan ? "folder scan" : "one file");
+    const File file = dir_.GetFile(NameFor(Guid::CreateUnique()));
+    std::ofstream(file.GetPath(), std::ios::binary).close();
+    std::filesystem::resize_file(file.GetPath(), (uint64_t{1} << 32) + 100);  // sparse
+    const int items = bag_->GetNumItems();
+    if (folderScan) {
+      bag_->RequestDiskCacheScan();
+      bag_->ScanDiskCacheDir();
+    } else {
+      JX_ScanOneDiskCacheFile(file);
+    }
+    EXPECT_EQ(bag_->GetNumItems(), items) << "adopted";
+    EXPECT_FALSE(file.Exists());
+    ExpectFolderConsistent();
+    if (file.Exists()) std::filesystem::remove(file.GetPath());
+  }
+}
+
 // Out of memory is a failed read like any other: a damaged header that claims a huge payload
 // fails that way on every try, so the file goes too.
 TEST_F(DiskFileTest, AFailedReadDeletesTheFileAndTheItemIsRecomputed) {

@@ -84,7 +84,19 @@ void AdoptCacheFile(JX_Bag& bag, const File& file, std::optional<uint64_t> fileS
     // for a file nobody has.
     std::shared_ptr<jx::disk::ClaimedFile> claim = jx::disk::ClaimedFile::TryClaim(file);
     if (!claim) return;
-    const unsigned int size = AccountableSize(fileSize ? *fileSize : file.Size());
+    const uint64_t bytes = fileSize ? *fileSize : file.Size();
+    if (bytes > UINT32_MAX) {
+      // An item's file is counted in 32 bits: one larger (damaged, or not ours) would be counted
+      // short, and the folder would hold more than its limit with nothing to show for it. It goes,
+      // under the claim, so that no other item takes it meanwhile.
+      ZC_TRACE("JX", 5, "Not adopting " << file.GetName() << ": " << bytes << " bytes");
+      try {
+        file.Delete();
+      } catch (...) {
+      }
+      return;
+    }
+    const unsigned int size = AccountableSize(bytes);
 
     auto candidate = JX_Stuff::CreateNew(payload, 0.0);
     candidate->SetGuid(guid);
