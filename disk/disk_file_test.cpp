@@ -422,10 +422,11 @@ TEST_F(DiskFileTest, AnItemRemovedDuringItsWriteLeavesNoFileBehind) {
   ExpectFolderConsistent();
 }
 
-// A scan gives the item a file of its key under another name (another process wrote the key with
-// another header) while the item's own write is under way: the item ends with one file, linked
-// and counted, and no file of its key stays in the folder that nothing counts.
-TEST_F(DiskFileTest, AFileOfTheKeyAdoptedDuringTheItemsWriteLeavesNoUncountedFile) {
+// A scan finds a file of the item's key under another name (another process wrote the key with
+// another header) while the item's own write is under way. That file holds another payload than
+// the item's, and read back into the item it would be served for it: it is not linked, and no
+// file of the key stays in the folder that nothing counts. The item ends with its own file.
+TEST_F(DiskFileTest, AFileOfTheKeyUnderAnotherHeaderFoundDuringTheItemsWriteIsNotTaken) {
   auto* payload = new HookedPayload(kSize, 5, true);
   auto item = AddItem(payload);
   JX_StuffData::Header header;
@@ -436,15 +437,17 @@ TEST_F(DiskFileTest, AFileOfTheKeyAdoptedDuringTheItemsWriteLeavesNoUncountedFil
                kSize / 2);
   ASSERT_NE(other.GetName(), NameFor(item->GetGuid()));
   const uint64_t adopted = counters_.filesAdopted;
-  int linkedMidWrite = 0;
+  int scans = 0, linkedMidWrite = 0;
   payload->duringWrite = [&] {
+    ++scans;
     JX_ScanOneDiskCacheFile(other);
     linkedMidWrite += item->GetDiskCacheFile() == other;
   };
   item->PrepAndWrite(bag_);
   payload->duringWrite = nullptr;
-  ASSERT_EQ(linkedMidWrite, 1) << "the scan did not give the item the other file";
-  EXPECT_EQ(counters_.filesAdopted, adopted + 1);
+  ASSERT_EQ(scans, 1);
+  EXPECT_EQ(linkedMidWrite, 0) << "the item took a file of another payload";
+  EXPECT_EQ(counters_.filesAdopted, adopted);
   ASSERT_TRUE(item->HasDiskCacheFile());
   EXPECT_EQ(FolderNames(dir_), std::vector<std::string>{item->GetDiskCacheFile().GetName()})
       << "a file of the key that no item links to";

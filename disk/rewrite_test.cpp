@@ -12,6 +12,7 @@
 #include "jxcache/bag/library_lock.h"
 #include "jxcache/items/sc_checkout.h"
 #include "standalone/debug_database.h"
+#include "testing/fault_injection.h"
 
 namespace cf = jx::checkout_flags;
 using jx::testing::CompressiblePayload;
@@ -254,6 +255,36 @@ TEST_F(RewriteTest, AScanWhileTheItemIsOutOfTheDirectoryDoesNotAdoptItsFile) {
     EXPECT_EQ(bag_->GetNumItems(), items);
     ExpectFolderMatchesBag();
   }
+}
+
+// The old payload's copy of a rewritten item may stay in the folder when its deletion fails. A
+// folder scan then finds a file of the item's key, written under another header: the payload it
+// holds is not the one the item holds, and must never be read back into it.
+TEST_F(RewriteTest, AStaleCopyLeftByAFailedDeletionIsNeverReadBackIntoTheRewrittenItem) {
+  using zelcore::filesupport::FaultInjection;
+  auto item = WrittenItem();
+  const File old = item->GetDiskCacheFile();
+  FaultInjection::FailNth(zelcore::filesupport::FileOp::kDelete, 1, EIO);
+  {
+    JX_ScCheckout handle;
+    ASSERT_EQ(handle.Checkout(item, 0), kJX_CheckedOut);
+    jx::testing::PayloadOf(*item)->Rewrite(kNewSeed);
+    handle.Checkin(0, 0.0);  // not worth writing again
+  }
+  const uint64_t injected = FaultInjection::InjectedCount();
+  FaultInjection::Reset();
+  ASSERT_EQ(injected, 1u);
+  ASSERT_TRUE(old.Exists()) << "the deletion did not fail";
+  ASSERT_FALSE(item->HasDiskCacheFile());
+
+  for (const auto& name : jx::testing::FolderNames(Folder()))
+    JX_ScanOneDiskCacheFile(Folder().GetFile(name));
+  EXPECT_FALSE(item->HasDiskCacheFile()) << "the item took the old payload's copy";
+  ExpectFolderMatchesBag();
+  Purge(item);
+  const long served = Served(item->GetGuid());
+  EXPECT_NE(served, long{kOldSeed}) << "served the payload as it was before the rewrite";
+  EXPECT_EQ(served, -1);
 }
 
 // A file pinned by a reader outlives its item's departure from the bag (replaced by a new render

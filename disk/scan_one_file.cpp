@@ -27,7 +27,8 @@ constexpr int kAdoptLookupFlags = cf::kReadOnly | cf::kNoDiskRead;
 
 // An empty payload of the file's class, or throws (a version mismatch as its own code).
 IntrusivePtr<JX_StuffData> PayloadForFile(const File& file, uint32_t runningVersion,
-                                          zelcore::utility::Guid* guid) {
+                                          zelcore::utility::Guid* guid,
+                                          JX_StuffData::Header* headerOut) {
   jx::disk::CacheFileName name;
   const auto error = jx::disk::ParseCacheFileName(file.GetName(), &name);
   // An unreadable version cannot be ours either.
@@ -47,7 +48,17 @@ IntrusivePtr<JX_StuffData> PayloadForFile(const File& file, uint32_t runningVers
   auto payload = JX_StuffData::CreateSubclass(name.matchName.c_str(), header);
   if (!payload) jx::ThrowNullPtr("JX_StuffData");
   *guid = name.guid;
+  *headerOut = std::move(header);
   return payload;
+}
+
+// Whether `item`'s payload is written under `header`.
+bool HoldsHeader(const JX_Stuff& item, const JX_StuffData::Header& header) {
+  const IntrusivePtr<JX_StuffData> data = item.GetDataPtr();
+  if (!data) return false;
+  JX_StuffData::Header own;
+  data->GetHeader(own);
+  return own == header;
 }
 
 unsigned int AccountableSize(uint64_t size) {
@@ -77,7 +88,8 @@ void AdoptCacheFile(JX_Bag& bag, const File& file, std::optional<uint64_t> fileS
   try {
     Y::ScQuietErrors quiet;
     zelcore::utility::Guid guid;
-    auto payload = PayloadForFile(file, bag.GetAppVersion(), &guid);
+    JX_StuffData::Header header;
+    auto payload = PayloadForFile(file, bag.GetAppVersion(), &guid, &header);
     if (!payload) return;
     // A file some item already links to is part of the cache: that item may be out of the
     // directory just now (checked out writeable, re-keyed), which the lookup below would take
@@ -110,6 +122,19 @@ void AdoptCacheFile(JX_Bag& bag, const File& file, std::optional<uint64_t> fileS
     }
     if (auto found = existing.GetStuffPtr()) {
       existing.SetCheckinFlags(jx::checkin_flags::kKeepRecency);  // adopting is not a use
+      // The file would be read back into the found item's own payload, so it must be a copy of
+      // that payload. One of the key written under another header holds something else (the old
+      // payload of a rewritten item whose deletion failed, another process's other render of the
+      // key): read back, it would be served for what the item holds. No item can use it; it
+      // goes, under the claim, rather than stay in the folder with nothing counting it.
+      if (!HoldsHeader(*found, header)) {
+        ZC_TRACE("JX", 5, "Not adopting " << file.GetName() << ": another payload of its key");
+        try {
+          file.Delete();
+        } catch (...) {
+        }
+        return;
+      }
       // Counted with the link: a deletion of the item's file (a folder purge, which does not
       // wait for the library lock) may come right after it.
       if (found->TakeDiskCacheFile(claim, true, size)) {
