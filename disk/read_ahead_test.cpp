@@ -539,6 +539,8 @@ TEST_F(ReadAheadTest, AViewerMissingAFrameWhoseReadFailedOnTheWalkCountsAFailedR
   ASSERT_FALSE(item->IsInMemory());
   const Guid guid = item->GetGuid();
 
+  // Not the id of an earlier run's viewer, which a thread made since may have been given.
+  DamagedOnDiskPayload::viewer = std::thread::id();
   std::mutex m;
   std::condition_variable cv;
   bool viewerWaits = false, readStarted = false, sawLibraryLock = false;
@@ -594,6 +596,7 @@ TEST_F(ReadAheadTest, AViewerMissingAFrameWhoseReadFailedOnTheWalkCountsAFailedR
   if (viewer.joinable()) viewer.join();
   DamagedOnDiskPayload::onViewerThread = nullptr;
   DamagedOnDiskPayload::duringRead = nullptr;
+  DamagedOnDiskPayload::viewer = std::thread::id();
   ASSERT_EQ(reads, 1);  // the walk's read failed, and the viewer never read
   ASSERT_EQ(viewerHeld, 1);
   EXPECT_EQ(viewerResult, kJX_CheckoutRefused);
