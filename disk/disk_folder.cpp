@@ -59,6 +59,27 @@ std::atomic<bool> gOutOfSpace{false};
 std::atomic<int64_t> gRoomHeld{0};
 std::mutex gRoomMutex;
 
+// What making room tells the host (an item's lost copy, an item let go with its payload, the
+// folder out of space), held while a write makes room under gRoomMutex and told once that is let
+// go: a handler may wait for a thread of its own whose write needs room too.
+struct RoomNews {
+  std::vector<JX_Stuff::DiskCopyGone> gone;
+  JX_Stuff::ReleaseQueue released;
+  JX_Bag* outOfSpace = nullptr;
+  // Told last thing, after the mutex (declared after this) is let go; the queue then goes.
+  ~RoomNews() {
+    for (const JX_Stuff::DiskCopyGone& g : gone) {
+      try {
+        g.Tell();
+      } catch (...) {
+        // A handler's failure is the host's own; the room is made all the same.
+      }
+    }
+    if (outOfSpace) jx::disk::NoteDiskOutOfSpace(*outOfSpace);
+  }
+};
+thread_local RoomNews* tRoomNews = nullptr;
+
 // Only a person at the main thread can act on a folder warning; elsewhere the state change
 // happens silently.
 void WarnOnMainThread(const char* lstrKey) {
@@ -151,6 +172,10 @@ bool VolumeKeepsMarginAfter(const JX_Bag& bag, int64_t bytes) {
 }
 
 void NoteDiskOutOfSpace(JX_Bag& bag) {
+  if (tRoomNews) {
+    tRoomNews->outOfSpace = &bag;  // told once the room's mutex is let go
+    return;
+  }
   if (gOutOfSpace.exchange(true, std::memory_order_acq_rel)) return;
   ZC_TRACE("JX", 3, "disk cache out of space");
   if (const auto& signal = bag.GetDiskOutOfSpaceSignal()) signal->Fire();
@@ -164,7 +189,12 @@ void NoteDiskWriteCommitted() {
 bool IsOutOfSpaceErrno(int err) { return err == ENOSPC || err == EDQUOT; }
 
 ScWriteRoom::ScWriteRoom(JX_Bag& bag, int64_t bytes, uint64_t lastUsedThreshold) : bytes_(bytes) {
+  RoomNews news;  // told once the lock below is let go, however this ends
   std::lock_guard<std::mutex> lock(gRoomMutex);
+  struct Collect {
+    explicit Collect(RoomNews* news) { tRoomNews = news; }
+    ~Collect() { tRoomNews = nullptr; }
+  } collect(&news);
   // The room the other writes hold is not free for this one, though no file takes it yet.
   made_ = bag.EnsureDiskSpace(bytes + gRoomHeld.load(std::memory_order_acquire), lastUsedThreshold);
   if (made_) gRoomHeld.fetch_add(bytes, std::memory_order_acq_rel);
@@ -267,7 +297,7 @@ long long ReclaimableBytes(const std::deque<JX_Bag::StuffPtr>& items,
 // out, and after a restart every adopted file is such an item.
 void LetGoIfNothingLeft(JX_Stuff& item) {
   if (item.IsInMemory() || item.IsPendingRender() || item.HasDiskCacheFile()) return;
-  item.FreeUpAsMuchAsPossible(true, nullptr);
+  item.FreeUpAsMuchAsPossible(true, tRoomNews ? &tRoomNews->released : nullptr);
 }
 
 }  // namespace
@@ -290,7 +320,22 @@ bool JX_Bag::EnsureDiskSpace(long long bytesNeeded, unsigned long long lastUsedT
       if (free >= target) break;
       if (!MayGoToMakeRoom(*item, lastUsedThreshold)) continue;
       bool skipped = false;
-      item->MaybeDeleteDiskCacheFile(lastUsedThreshold, nullptr, &skipped);
+      if (RoomNews* news = tRoomNews) {
+        JX_Stuff::DiskCopyGone gone;
+        {
+          zelcore::threads::ScopedWriteLockWrapper wl(item->mutex_);
+          item->MaybeDeleteDiskCacheFileLocked(lastUsedThreshold, nullptr, &skipped, &gone);
+        }
+        if (gone.signal) {
+          try {
+            news->gone.push_back(gone);
+          } catch (const std::bad_alloc&) {
+            gone.Tell();  // no memory to put it off: now, under the room's mutex alone
+          }
+        }
+      } else {
+        item->MaybeDeleteDiskCacheFile(lastUsedThreshold, nullptr, &skipped);
+      }
       if (skipped) continue;
       // Measured again also when the deletion reports nothing freed: a file found empty (or
       // already gone) still gives back the size the item had counted.

@@ -6,7 +6,9 @@
 #include <cerrno>
 #include <chrono>
 #include <functional>
+#include <future>
 #include <thread>
+#include <vector>
 
 #include "disk/disk_folder.h"
 #include "disk/disk_test_support.h"
@@ -221,3 +223,42 @@ TEST_F(WriteRoomTest, AVolumeThatFillsUpFailsTheWriteCleanlyAndTellsTheHost) {
 }
 
 }  // namespace
+
+// Room is made one write at a time, under a mutex of its own; what making room tells the host
+// (an older item's copy deleted, the folder out of space) is told once that mutex is let go. A
+// host's handler may wait for a thread of its own whose write needs room too.
+TEST_F(WriteRoomTest, WhatMakingRoomTellsTheHostIsToldOnceOtherWritesMayMakeRoom) {
+  bag_->SetDiskCacheInfo(tempDir_, 1000);
+  auto older = AddItemWithFile(800);
+  std::atomic<int> told{0}, hostThreadStuck{0};
+  std::vector<std::thread> hostThreads;  // joined at the end: a stuck one gets on once let go
+  auto hostWrite = [&] {
+    // What another write does first: it needs the room's mutex.
+    auto made = std::make_shared<std::promise<void>>();
+    auto done = made->get_future();
+    hostThreads.emplace_back([this, made] {
+      jx::disk::ScWriteRoom room(*bag_, 1, 0);
+      made->set_value();
+    });
+    if (done.wait_for(std::chrono::seconds(5)) != std::future_status::ready) ++hostThreadStuck;
+  };
+  older->GetMemDiskChangedSignal().Connect([&](bool, bool onDisk) {
+    if (onDisk) return;
+    ++told;
+    hostWrite();
+  });
+  bag_->GetDiskOutOfSpaceSignal()->Connect([&] { hostWrite(); });
+  auto item = AddDiskCacheableItem(500);
+  OfferAndWait(item);
+  ASSERT_EQ(told, 1) << "the older item's copy must have gone to make room";
+  EXPECT_TRUE(item->HasDiskCacheFile());
+  // Out of space: nothing may go for a write larger than the limit.
+  auto tooLarge = AddDiskCacheableItem(2000);
+  const int outOfSpaceBefore = outOfSpace_;
+  OfferAndWait(tooLarge);
+  EXPECT_EQ(outOfSpace_, outOfSpaceBefore + 1) << "the shortage must have been told";
+  for (std::thread& t : hostThreads) t.join();
+  EXPECT_EQ(hostThreads.size(), 2u) << "told of the lost copy and of the shortage";
+  EXPECT_EQ(hostThreadStuck, 0) << "the host's thread could not make room while told";
+  for (const auto& i : {older, item, tooLarge}) i->RemoveFromBagAndSortDir();
+}
