@@ -8,6 +8,7 @@
 
 #include "host/safe_save.h"
 #include "host/text_encoding.h"
+#include "items/xxh3.h"
 
 namespace jx::disk {
 namespace {
@@ -130,6 +131,11 @@ CacheFileNameError ParseCacheFileName(std::string_view name, CacheFileName* out)
 bool ParseCacheFileVersion(std::string_view name, uint32_t* version) {
   const Fields split = SplitAtSeparator(name);
   return split.count >= kFieldCount - 1 && ParseVersionField(split.field[2], version);
+}
+
+uint64_t CacheFileChecksumSeed(std::string_view fileName) {
+  const uint64_t seed = XXH3_64bits(fileName.data(), fileName.size());
+  return seed != 0 ? seed : 1;
 }
 
 }  // namespace jx::disk

@@ -62,4 +62,10 @@ CacheFileNameError ParseCacheFileName(std::string_view name, CacheFileName* out)
 // and must take the same files for the running version's as the folder scan does.
 bool ParseCacheFileVersion(std::string_view name, uint32_t* version);
 
+// The seed a cache file's checksum is bound to its name with (see ChecksumIdentity): XXH3-64 of
+// the file name (no folder), never 0, which would stand for no identity. A file keeps its name
+// when its folder moves or another process adopts it; only a copy or rename to another name (a
+// stale copy, another item's file) changes it.
+uint64_t CacheFileChecksumSeed(std::string_view fileName);
+
 }  // namespace jx::disk

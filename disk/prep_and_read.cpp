@@ -9,6 +9,7 @@
 #include "bag/miss_reasons.h"
 #include "common/failures.h"
 #include "common/settings.h"
+#include "disk/cache_file_name.h"
 #include "disk/claimed_file.h"
 #include "disk/disk_counters.h"
 #include "disk/disk_writer.h"
@@ -18,6 +19,7 @@
 #include "jxcache/host/byte_stream.h"
 #include "jxcache/host/host_services.h"
 #include "jxcache/host/profiler.h"
+#include "jxcache/items/checksummed_stream.h"
 #include "jxcache/items/stuff.h"
 
 using zelcore::filesupport::BufferedIByteStream;
@@ -32,6 +34,16 @@ namespace {
 // Serves the header and other small reads; a payload's large reads bypass it.
 constexpr size_t kReadBufferSize = 64 * 1024;
 constexpr size_t kReadBlockSize = 4096;
+
+// The stream a payload reads its file through: it carries the seed of the name the file was
+// found under, so a checksum written for another name (a file copied or renamed over this one)
+// does not verify.
+class CacheFileIStream : public BufferedIByteStream, public jx::ChecksumIdentity {
+ public:
+  CacheFileIStream(IPlatformByteStream& raw, const File& file)
+      : BufferedIByteStream(raw, kReadBufferSize, kReadBlockSize),
+        ChecksumIdentity(jx::disk::CacheFileChecksumSeed(file.GetName())) {}
+};
 
 // A slow disk, simulated: the delay counts as read time.
 double SimulatedReadDelaySeconds() {
@@ -64,7 +76,7 @@ void JX_Stuff::PrepAndRead(const ScopedUpgradeLockWrapper& lock, DiskCopyGone* g
 
     IPlatformByteStream raw(file->File());
     const uint64_t fileSize = raw.Size();
-    BufferedIByteStream in(raw, kReadBufferSize, kReadBlockSize);
+    CacheFileIStream in(raw, file->File());
     const double seconds = data->Read(in, lock.mutex()) + delaySeconds;
     const unsigned int payloadSize = data->GetApproximateMemorySize();
     SyncMemorySizeWithBag(payloadSize);

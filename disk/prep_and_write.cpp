@@ -24,6 +24,7 @@
 #include "jxcache/host/high_precision_time.h"
 #include "jxcache/host/host_services.h"
 #include "jxcache/host/profiler.h"
+#include "jxcache/items/checksummed_stream.h"
 #include "jxcache/items/stuff.h"
 
 using zelcore::filesupport::File;
@@ -66,12 +67,21 @@ double SimulatedWriteDelaySeconds() {
   return delayMs / 1000.0;
 }
 
+// The stream a payload writes its file through: it carries the final name's checksum seed, so
+// the bytes written into the temporary verify only under the name they are renamed to.
+class CacheFileOStream : public jx::disk::FastWriteOnlyStream, public jx::ChecksumIdentity {
+ public:
+  CacheFileOStream(const File& temp, const File& target)
+      : FastWriteOnlyStream(temp),
+        ChecksumIdentity(jx::disk::CacheFileChecksumSeed(target.GetName())) {}
+};
+
 // Creates `temp` and writes the payload into it, completely. Returns the seconds it took.
-double WriteBody(const JX_StuffData& data, const File& temp) {
+double WriteBody(const JX_StuffData& data, const File& temp, const File& target) {
   temp.Create();
   temp.SetNotContentIndexed();
   double seconds = SimulatedWriteDelaySeconds();
-  jx::disk::FastWriteOnlyStream stream(temp);
+  CacheFileOStream stream(temp, target);
   seconds += data.Write(stream);
   zelcore::utility::Timer flushTimer;
   stream.Flush();
@@ -151,7 +161,7 @@ void JX_Stuff::WriteDiskCacheFile(const std::shared_ptr<JX_Bag>& bag, bool* clai
     counters.writesSkipped.fetch_add(1, std::memory_order_relaxed);
     return;
   }
-  const double seconds = WriteBody(*data, temp);
+  const double seconds = WriteBody(*data, temp, target);
   if (seconds > 0.0) jx::disk::AddWriteSpeedSample(data->GetApproximateMemorySize(), seconds);
   save.Commit(SafeSave::Sync::kAlreadySynced);  // the stream's Close synced the data
   LinkWrittenFile(target, guid, wasInBag, std::move(claim));

@@ -25,9 +25,16 @@ constexpr size_t kSlice = 128 * 1024;
 
 using StatePtr = std::unique_ptr<XXH3_state_s, void (*)(XXH3_state_s*)>;
 
-StatePtr NewState() {
+// The seed of the stream wrapped: its identity's, or none (0, the plain XXH3-64).
+template <class Stream>
+uint64_t SeedOf(const Stream& stream) {
+  const auto* identity = dynamic_cast<const ChecksumIdentity*>(&stream);
+  return identity ? identity->ChecksumSeed() : 0;
+}
+
+StatePtr NewState(uint64_t seed) {
   StatePtr state(XXH3_createState(), [](XXH3_state_s* s) { XXH3_freeState(s); });
-  if (!state || XXH3_64bits_reset(state.get()) != XXH_OK) throw std::bad_alloc();
+  if (!state || XXH3_64bits_reset_withSeed(state.get(), seed) != XXH_OK) throw std::bad_alloc();
   return state;
 }
 
@@ -376,7 +383,7 @@ uint64_t LoadLittleEndian(const uint8_t in[kChecksumTrailerSize]) {
 }  // namespace
 
 ChecksummedOByteStream::ChecksummedOByteStream(zelcore::filesupport::OByteStream& out)
-    : out_(out), state_(NewState()) {}
+    : out_(out), state_(NewState(SeedOf(out))) {}
 
 ChecksummedOByteStream::~ChecksummedOByteStream() = default;
 
@@ -401,7 +408,7 @@ void ChecksummedOByteStream::Finish() {
 }
 
 ChecksummedIByteStream::ChecksummedIByteStream(zelcore::filesupport::IByteStream& in)
-    : in_(in), state_(NewState()) {}
+    : in_(in), state_(NewState(SeedOf(in))) {}
 
 ChecksummedIByteStream::~ChecksummedIByteStream() = default;
 

@@ -10,6 +10,7 @@
 
 #include "items/checksum_helper.h"
 #include "items/checksummed_stream_test_support.h"
+#include "items/xxh3.h"
 
 // ThreadSanitizer's runtime refuses to start a thread in a child forked from a process with
 // threads, which is what the fork test checks.
@@ -26,10 +27,13 @@
 
 namespace {
 
+using jx::ChecksumIdentity;
 using jx::ChecksummedIByteStream;
+using jx::ChecksummedOByteStream;
 using zelcore::filesupport::CorruptDataError;
 using zelcore::filesupport::IByteStream;
 using zelcore::filesupport::MemoryIByteStream;
+using zelcore::filesupport::VectorOByteStream;
 
 using jx::testing::Pattern;
 using jx::testing::Sealed;
@@ -64,6 +68,51 @@ TEST(ChecksummedStream, RoundTripsWhateverTheWritesSizesAndTellsThePayloadWhatIs
     EXPECT_EQ(got, payload);
     EXPECT_NO_THROW(in.Verify());
   }
+}
+
+// Streams that carry an identity bind the trailer to it: the bytes verify under that identity
+// and no other, also when the helper thread hashes a large read. Without one, the trailer is
+// the plain XXH3-64 that files written before identities have.
+TEST(ChecksummedStream, ATrailerWrittenUnderAnIdentityVerifiesUnderThatIdentityOnly) {
+  struct NamedOut : VectorOByteStream, ChecksumIdentity {
+    using ChecksumIdentity::ChecksumIdentity;
+  };
+  struct NamedIn : MemoryIByteStream, ChecksumIdentity {
+    NamedIn(const std::vector<uint8_t>& b, uint64_t seed)
+        : MemoryIByteStream(b.data(), b.size()), ChecksumIdentity(seed) {}
+  };
+  for (size_t size : {size_t{100}, size_t{3} << 20}) {
+    const auto payload = Pattern(size);
+    NamedOut out(7);
+    ChecksummedOByteStream sum(out);
+    sum.Write(payload.data(), size);
+    sum.Finish();
+    const auto& file = out.Bytes();
+    ASSERT_EQ(file.size(), size + jx::kChecksumTrailerSize);
+    EXPECT_NE(file, Sealed(payload));
+    auto read = [&](IByteStream& raw) {
+      ChecksummedIByteStream in(raw);
+      std::vector<uint8_t> got(size);
+      in.ReadExactly(got.data(), size);
+      in.Verify();
+      return got;
+    };
+    NamedIn same(file, 7), other(file, 8);
+    MemoryIByteStream none(file.data(), file.size());
+    const uint64_t before = jx::ChecksumHelperTransfers();
+    EXPECT_EQ(read(same), payload) << size;
+    EXPECT_THROW(read(other), CorruptDataError) << size;
+    EXPECT_THROW(read(none), CorruptDataError) << size;
+    if (size >= (size_t{1} << 20)) {
+      EXPECT_EQ(jx::ChecksumHelperTransfers(), before + 3) << "the helper hashed the large reads";
+    }
+  }
+  const auto payload = Pattern(100);
+  const auto file = Sealed(payload);
+  uint64_t trailer = 0;
+  for (size_t i = 0; i < jx::kChecksumTrailerSize; ++i)
+    trailer |= uint64_t{file[100 + i]} << (8 * i);
+  EXPECT_EQ(trailer, XXH3_64bits(payload.data(), payload.size()));
 }
 
 TEST(ChecksummedStream, EveryFlippedBitTruncationOrTailIsCaught) {

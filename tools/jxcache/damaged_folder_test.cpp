@@ -85,25 +85,27 @@ TEST(SimulateDamagedFolder, DamagedFilesAreServedAsMissesAndWrittenAgain) {
     EXPECT_TRUE(ReadBytes(path(f)) == FrameFileBytes(kWidth, kHeight, f)) << "frame " << f;
 }
 
-// A whole file holding another frame passes the checksum; the check of each frame catches it.
-TEST(SimulateDamagedFolder, AFileHoldingAnotherFrameIsCaughtAsABadFrame) {
-  TempDir dir;
+// A file's checksum holds under the name it was written under and no other: a whole, good file
+// of another frame copied over a frame's file is a failed read, and the frame is rendered again.
+// The folder's path is no part of it: moved elsewhere, every other file still reads back.
+TEST(SimulateDamagedFolder, AFileVerifiesOnlyUnderItsOwnNameWhereverItsFolderIs) {
+  TempDir dir, moved;
   std::string folder;
   ASSERT_NO_FATAL_FAILURE(WarmFolder(dir, &folder));
-  const std::string three = folder + "/" + FrameFileName(kWidth, kHeight, 3);
-  WriteBytes(three, ReadBytes(folder + "/" + FrameFileName(kWidth, kHeight, 4)));
+  WriteBytes(folder + "/" + FrameFileName(kWidth, kHeight, 3),
+             ReadBytes(folder + "/" + FrameFileName(kWidth, kHeight, 4)));
+  std::filesystem::rename(dir.File("cache"), moved.File("cache"));
 
-  const auto j = RunToolJson(Session(dir));
+  const auto j = RunToolJson(Session(moved));
   ExpectServedWell(j);
   const auto& o = j["overall"];
-  EXPECT_EQ(o["bad_frames"].get<uint64_t>(), 1u);
-  EXPECT_EQ(o["frames_checked"].get<uint64_t>(), kFrames + 1);
+  EXPECT_EQ(j["disk"]["files_at_start"].get<uint64_t>(), kFrames);
+  EXPECT_EQ(j["disk"]["failed_reads"].get<uint64_t>(), 1u);
+  EXPECT_EQ(o["bad_frames"].get<uint64_t>(), 0u);
   EXPECT_EQ(o["renders"].get<uint64_t>(), 1u);
   EXPECT_EQ(o["disk_hits"].get<uint64_t>(), kFrames - 1);
-  // The wrong frame was no copy of frame 3: its render is the frame's first, not a repeat.
-  EXPECT_EQ(o["first_renders"].get<uint64_t>(), 1u);
-  EXPECT_EQ(o["renders_while_in_memory"].get<uint64_t>(), 0u);
-  EXPECT_EQ(j["disk"]["failed_reads"].get<uint64_t>(), 0u);
+  const std::string three =
+      j["disk"]["folder"].get<std::string>() + "/" + FrameFileName(kWidth, kHeight, 3);
   EXPECT_TRUE(ReadBytes(three) == FrameFileBytes(kWidth, kHeight, 3));
 }
 

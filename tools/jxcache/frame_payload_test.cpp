@@ -3,6 +3,7 @@
 
 #include <filesystem>
 
+#include "disk/cache_file_name.h"
 #include "disk/disk_counters.h"
 #include "jxcache/host/byte_stream.h"
 #include "jxcache/items/checksummed_stream.h"
@@ -26,8 +27,13 @@ IntrusivePtr<FramePayload> Empty(uint32_t width, uint32_t height, uint32_t frame
   return IntrusivePtr<FramePayload>(new FramePayload(width, height, frame));
 }
 
-void ReadInto(FramePayload& frame, const std::vector<uint8_t>& bytes) {
-  zelcore::filesupport::MemoryIByteStream in(bytes.data(), bytes.size());
+// Reads `bytes` the way the cache reads frame (w, h, f)'s file: under that file's name.
+void ReadInto(FramePayload& frame, const std::vector<uint8_t>& bytes, uint32_t w, uint32_t h,
+              uint32_t f) {
+  struct FileStream : zelcore::filesupport::MemoryIByteStream, ChecksumIdentity {
+    FileStream(const std::vector<uint8_t>& b, uint64_t seed)
+        : MemoryIByteStream(b.data(), b.size()), ChecksumIdentity(seed) {}
+  } in(bytes, disk::CacheFileChecksumSeed(FrameFileName(w, h, f)));
   zelcore::threads::MultiTenantRecursiveMutex itemMutex;
   frame.Read(in, itemMutex);
 }
@@ -38,7 +44,7 @@ TEST(FramePayload, ReadGivesBackTheWrittenFrameOrRefuses) {
   const std::vector<uint8_t> good = FrameFileBytes(w, h, f);
   ASSERT_EQ(good.size(), rendered->ByteCount() + jx::kChecksumTrailerSize);
   auto back = Empty(w, h, f);
-  ReadInto(*back, good);
+  ReadInto(*back, good, w, h, f);
   ASSERT_TRUE(back->GetPixels());
   EXPECT_EQ(*back->GetPixels(), *rendered->GetPixels());
 
@@ -61,13 +67,16 @@ TEST(FramePayload, ReadGivesBackTheWrittenFrameOrRefuses) {
       {"a byte after the trailer", longer}};
   for (const auto& [what, bytes] : damaged) {
     auto frame = Empty(w, h, f);
-    EXPECT_THROW(ReadInto(*frame, bytes), CorruptDataError) << what;
+    EXPECT_THROW(ReadInto(*frame, bytes, w, h, f), CorruptDataError) << what;
     EXPECT_FALSE(frame->IsInMemory()) << what << ": kept pixels it refused";
   }
 
-  // Another frame's file passes the checksum: only the check against the image catches it.
+  // Another frame's whole file under this frame's name fails the checksum, which is bound to the
+  // name it was written under. Read under that name, it passes: only the image check catches it.
   auto other = Empty(w, h, f + 1);
-  ReadInto(*other, good);
+  EXPECT_THROW(ReadInto(*other, good, w, h, f + 1), CorruptDataError);
+  EXPECT_FALSE(other->IsInMemory());
+  ReadInto(*other, good, w, h, f);
   EXPECT_FALSE(other->Verify());
   EXPECT_TRUE(back->Verify());
 
@@ -81,7 +90,7 @@ TEST(FramePayload, AHeaderClaimingAHugeFrameIsRefusedBeforeAllocating) {
   // Nearly 4 GiB claimed, 100 bytes held: allocating first would end in bad_alloc or end of file.
   auto huge = Empty(65535, 16383, 0);
   ASSERT_GT(huge->ByteCount(), kMaxFrameBytes);
-  EXPECT_THROW(ReadInto(*huge, std::vector<uint8_t>(100, 0x5A)), CorruptDataError);
+  EXPECT_THROW(ReadInto(*huge, std::vector<uint8_t>(100, 0x5A), 65535, 16383, 0), CorruptDataError);
   EXPECT_FALSE(huge->IsInMemory());
 
   // The factory refuses every header `simulate` could not have written.

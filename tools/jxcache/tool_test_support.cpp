@@ -15,6 +15,7 @@
 
 #include "disk/cache_file_name.h"
 #include "jxcache/host/byte_stream.h"
+#include "jxcache/items/checksummed_stream.h"
 #include "tools/jxcache/frame_payload.h"
 
 namespace jx::tool::testing {
@@ -119,7 +120,9 @@ std::string FrameFileName(uint32_t width, uint32_t height, uint32_t frame, uint3
 }
 
 std::vector<uint8_t> FrameFileBytes(uint32_t width, uint32_t height, uint32_t frame) {
-  zelcore::filesupport::VectorOByteStream out;
+  struct FileStream : zelcore::filesupport::VectorOByteStream, jx::ChecksumIdentity {
+    using ChecksumIdentity::ChecksumIdentity;
+  } out(jx::disk::CacheFileChecksumSeed(FrameFileName(width, height, frame)));
   FramePayload::Render(width, height, frame)->Write(out);
   return out.Bytes();
 }

@@ -41,7 +41,8 @@ class TempDir {
   std::string path_;
 };
 
-// The name (version 1 unless told) and contents of the disk cache file `simulate` writes.
+// The name (version 1 unless told) and contents of the disk cache file `simulate` writes; the
+// contents' checksum is bound to the version-1 name.
 std::string FrameFileName(uint32_t width, uint32_t height, uint32_t frame, uint32_t version = 1);
 std::vector<uint8_t> FrameFileBytes(uint32_t width, uint32_t height, uint32_t frame);
 std::vector<uint8_t> ReadBytes(const std::string& path);

@@ -8,6 +8,15 @@
 // trailer, compares, and throws CorruptDataError on a mismatch or on bytes after the trailer.
 // The cache counts that as a failed read: the file is deleted and the value computed again.
 //
+// A file's bytes alone cannot tell whose they are: a whole, good file copied or renamed to another
+// item's name would pass a plain checksum and be served as that item. So the streams the cache
+// hands a payload for a cache file also carry a ChecksumIdentity, a seed derived from the file's
+// name, and a checksummed stream wrapped directly around such a stream seeds its hash with it.
+// The trailer then holds for those bytes under that name only; a file under any other name fails
+// Verify like a damaged one. Streams without an identity (in memory, the farm tier's values)
+// keep the unseeded XXH3-64. A payload that puts a stream of its own in between loses the
+// binding unless its stream forwards the identity too.
+//
 // Before allocating what a header claims, a reader compares the claim with Remaining() (which,
 // here, leaves the trailer out): a damaged name or body can then never make it allocate more
 // than the file can hold.
@@ -27,6 +36,18 @@ struct XXH3_state_s;
 namespace jx {
 
 inline constexpr size_t kChecksumTrailerSize = 8;
+
+// Mixed into a byte stream that stands for one named copy of an item (the cache's file streams).
+// The seed must be the same for the stream that writes the copy and every stream that reads it.
+class JX_EXPORT ChecksumIdentity {
+ public:
+  explicit ChecksumIdentity(uint64_t seed) : seed_(seed) {}
+  virtual ~ChecksumIdentity() = default;
+  uint64_t ChecksumSeed() const { return seed_; }
+
+ private:
+  uint64_t seed_;
+};
 
 class JX_EXPORT ChecksummedOByteStream : public zelcore::filesupport::OByteStream {
  public:
