@@ -253,9 +253,7 @@ unsigned int JX_Stuff::FreeUpAsMuchAsPossible(bool removeFromMediaMap, ReleaseQu
   JX_Bag* const bag = LiveBagLocked();
   const unsigned int size = data_ ? data_->GetApproximateMemorySize() : 0;
   const bool freedAnything = data_ && data_->IsInMemory() && PurgeIfPossiblePrivate(wl, toRelease);
-  const bool keepsNothing =
-      !(data_ && data_->IsInMemory()) && !diskFile_ && !pending_.load(std::memory_order_acquire);
-  const bool removedFromBag = keepsNothing && bag;
+  const bool removedFromBag = KeepsNothingLocked() && bag;
   if (removedFromBag) bag->RemoveStuffFromBagAndSortDir(self, lock, removeFromMediaMap);
   // Gone from memory: a later miss of its key says why. An item that had nothing in memory
   // already went for a reason recorded then, unless the caller names a new one.
@@ -272,7 +270,7 @@ unsigned int JX_Stuff::FreeUpAsMuchAsPossible(bool removeFromMediaMap, ReleaseQu
   return (freedAnything || removedFromBag) ? size : 0;
 }
 
-void JX_Stuff::LeaveIfKeepsNothing() {
+void JX_Stuff::LeaveIfKeepsNothing(ReleaseQueue* toRelease) {
   ReleaseQueue owners;
   {
     IntrusivePtr<JX_Stuff> self(this);
@@ -281,13 +279,11 @@ void JX_Stuff::LeaveIfKeepsNothing() {
     // Still held: the last holder's check-in asks again.
     if (checkoutCount_.load(std::memory_order_acquire) != 0) return;
     mayKeepNothing_.store(false, std::memory_order_relaxed);
-    const bool keepsNothing =
-        !(data_ && data_->IsInMemory()) && !diskFile_ && !pending_.load(std::memory_order_acquire);
-    if (!keepsNothing) return;
+    if (!KeepsNothingLocked()) return;
     RemoveFromBagAndSortDir();
     // The caller's reference may be the last, and go under a library lock the caller holds.
     try {
-      owners.push_back(std::make_shared<IntrusivePtr<JX_Stuff>>(self));
+      (toRelease ? *toRelease : owners).push_back(std::make_shared<IntrusivePtr<JX_Stuff>>(self));
     } catch (const std::bad_alloc&) {
       // No memory to put it off: it goes with the caller's reference.
     }

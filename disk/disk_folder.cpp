@@ -292,14 +292,6 @@ long long ReclaimableBytes(const std::deque<JX_Bag::StuffPtr>& items,
   return bytes;
 }
 
-// An item whose file was the last of it (its payload had left memory) keeps nothing a request
-// could use: it leaves the bag, as it does when the folder is purged. Nothing else would take it
-// out, and after a restart every adopted file is such an item.
-void LetGoIfNothingLeft(JX_Stuff& item) {
-  if (item.IsInMemory() || item.IsPendingRender() || item.HasDiskCacheFile()) return;
-  item.FreeUpAsMuchAsPossible(true, tRoomNews ? &tRoomNews->released : nullptr);
-}
-
 }  // namespace
 
 bool JX_Bag::EnsureDiskSpace(long long bytesNeeded, unsigned long long lastUsedThreshold) {
@@ -340,7 +332,10 @@ bool JX_Bag::EnsureDiskSpace(long long bytesNeeded, unsigned long long lastUsedT
       // Measured again also when the deletion reports nothing freed: a file found empty (or
       // already gone) still gives back the size the item had counted.
       free = GetCurFreeSpace();
-      LetGoIfNothingLeft(*item);
+      // An item whose file was the last of it (its payload had left memory) keeps nothing a
+      // request could use: it leaves the bag, as it does when the folder is purged. Nothing else
+      // would take it out, and after a restart every adopted file is such an item.
+      item->LeaveIfKeepsNothing(tRoomNews ? &tRoomNews->released : nullptr);
     }
   }
   const bool enough = free >= target;

@@ -217,8 +217,11 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // Takes the item out of its bag and directory when nobody has it checked out and it keeps
   // nothing (no payload in memory, no disk file, not pending). For an item whose disk copy went
   // while its payload was out of memory (a failed read back): no purge walk visits such an item.
-  // Takes the library lock, then the item's write lock.
-  void LeaveIfKeepsNothing();
+  // An item whose file went to make room while its payload was out of memory is another. The
+  // reference the removal took goes into `toRelease` when given (to be let go after the caller's
+  // locks), else it is let go once this returns. Takes the library lock, then the item's write
+  // lock.
+  void LeaveIfKeepsNothing(ReleaseQueue* toRelease = nullptr);
 
   // ---- disk cache ----------------------------------------------------------------------------
   // Writing in disk/prep_and_write.cpp, reading in disk/prep_and_read.cpp, the file link and the
@@ -321,6 +324,11 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // keyIsFinalPayload_ true (acquire): data_ is then written no more, for as long as the item
   // lives. The analysis cannot see that, hence the exemption, kept to this one read.
   const IntrusivePtr<JX_StuffData>& FinalData() const NO_THREAD_SAFETY_ANALYSIS { return data_; }
+  // Nothing a request could use: no payload in memory, no disk file, no render on the way.
+  bool KeepsNothingLocked() const REQUIRES_SHARED(mutex_) {
+    return !(data_ && data_->IsInMemory()) && !diskFile_ &&
+           !pending_.load(std::memory_order_acquire);
+  }
 
   // What a search asks of a candidate before checking it out: the request it must answer and
   // the compression state wanted. `matched` says whether the candidate answered it.
