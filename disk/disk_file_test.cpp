@@ -251,6 +251,36 @@ TEST_F(DiskFileTest, AFileTooLargeToCountIsNotAdopted) {
   }
 }
 
+// The same size reached by a write (a payload that wrote more than 4 GiB, here a file grown sparse
+// as it is renamed into place): the file is not linked but deleted, and the write fails.
+TEST_F(DiskFileTest, AWrittenFileTooLargeToCountIsDeletedAndTheWriteFails) {
+  class GrowsCommittedFiles final : public jx::testing::ForwardingFileSystem {
+   public:
+    int Rename(const char* from, const char* to) override {
+      const int result = in_.Rename(from, to);
+      if (result == 0 && std::string_view(to).ends_with(".kqcache")) {
+        std::filesystem::resize_file(to, (uint64_t{1} << 32) + 100);
+        ++grown;
+      }
+      return result;
+    }
+    int grown = 0;
+  } files;
+  auto item = AddItem();
+  const uint64_t failed = counters_.failedWrites, written = counters_.filesWritten;
+  {
+    jx::testing::InstalledFileSystem installed(files);
+    item->PrepAndWrite(bag_);
+  }
+  ASSERT_EQ(files.grown, 1);
+  EXPECT_FALSE(item->HasDiskCacheFile());
+  EXPECT_EQ(counters_.failedWrites, failed + 1);
+  EXPECT_EQ(counters_.filesWritten, written);
+  EXPECT_TRUE(FolderNames(Folder()).empty()) << "the file stayed behind";
+  EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
+  ExpectFolderConsistent();
+}
+
 // Out of memory is a failed read like any other: a damaged header that claims a huge payload
 // fails that way on every try, so the file goes too.
 TEST_F(DiskFileTest, AFailedReadDeletesTheFileAndTheItemIsRecomputed) {

@@ -5,6 +5,7 @@
 // process dies. Any failure leaves the item without a file and counts a failed write; it never
 // reaches the caller (the disk thread) and never touches the item's memory.
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 
@@ -90,9 +91,16 @@ double WriteBody(const JX_StuffData& data, const File& temp, const File& target)
   return seconds + flushTimer.GetElapsedSeconds();
 }
 
+// The size of a committed file. One the item cannot count (its size unreadable, or more than the
+// 32 bits an item's file is counted in, which would count it short and let the folder pass its
+// limit unseen) is deleted, and the write fails.
 uint64_t SizeOrDelete(const File& file) {
   try {
-    return file.Size();
+    const uint64_t size = file.Size();
+    if (size > UINT32_MAX) {
+      throw zelcore::filesupport::FileError(EFBIG, file.GetPath() + ": too large to count");
+    }
+    return size;
   } catch (...) {
     // A committed file the item cannot account for must not stay behind uncounted.
     try {
@@ -198,7 +206,7 @@ void JX_Stuff::LinkWrittenFile(const File& target, const zelcore::utility::Guid&
       diskFile_ = std::move(claim);
       // Counted in the same hold as the link: a deletion (a folder purge, a re-key) that comes
       // in between would otherwise zero the count first and leave this size counted for no file.
-      SyncDiskSizeWithBag(static_cast<unsigned int>(std::min<uint64_t>(size, UINT32_MAX)));
+      SyncDiskSizeWithBag(static_cast<unsigned int>(size));
       changed = MemDiskChangedLocked();
     }
   }
