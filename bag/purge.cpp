@@ -316,7 +316,7 @@ bool JX_Stuff::PurgeIfPossiblePrivate(const ScopedWriteLockWrapper&, ReleaseQueu
       ~TellAtRelease() {
         if (!armed) return;
         try {
-          changed->Fire(item->IsInMemory(), item->HasDiskCacheFile());
+          item->TellMemDiskState(*changed);
         } catch (...) {
           // A handler's failure is the host's own; the purge stands.
         }

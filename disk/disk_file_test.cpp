@@ -648,3 +648,39 @@ TEST_F(DiskFileTest, ADroppedDiskCopyTellsTheChangeHandlerWithNoLockHeld) {
   }
   EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
 }
+
+// A handler may change the item it hears of: here the first of two handlers purges the payload
+// when it hears of a write, or of a deletion, while the payload is in memory. The second then
+// hears the purge's news before the change's own, and must still be left with the item's state
+// as it is, not as the change left it.
+TEST_F(DiskFileTest, EveryHandlerIsLeftWithTheItemsStateWhenAnotherHandlerChangesIt) {
+  const std::pair<const char*, bool> changes[] = {{"written", true}, {"file deleted", false}};
+  for (const auto& change : changes) {
+    SCOPED_TRACE(change.first);
+    const bool write = change.second;  // a plain local: the handler below captures it
+    auto item = AddItem();
+    if (!write) item->PrepAndWrite(bag_);
+    auto& signal = item->GetMemDiskChangedSignal();
+    int purges = 0, heard = 0;
+    std::pair<bool, bool> last;
+    signal.Connect([&](bool inMemory, bool onDisk) {  // by reference: the item holds the handler
+      if (inMemory && onDisk == write && purges == 0) {
+        ++purges;
+        Purge(item);
+      }
+    });
+    signal.Connect([&](bool inMemory, bool onDisk) {
+      ++heard;
+      last = {inMemory, onDisk};
+    });
+    if (write) {
+      item->PrepAndWrite(bag_);
+    } else {
+      item->DeleteDiskCacheFile();
+    }
+    ASSERT_EQ(purges, 1);
+    EXPECT_GE(heard, 2);
+    EXPECT_FALSE(item->IsInMemory());
+    EXPECT_EQ(last, std::make_pair(item->IsInMemory(), item->HasDiskCacheFile()));
+  }
+}

@@ -222,6 +222,6 @@ void JX_Stuff::LinkWrittenFile(const File& target, const zelcore::utility::Guid&
   }
   counters.bytesWritten.fetch_add(size, std::memory_order_relaxed);
   counters.filesWritten.fetch_add(1, std::memory_order_relaxed);
-  if (changed) changed->Fire(true, true);
+  if (changed) TellMemDiskState(*changed);
   jx::disk::NoteDiskWriteCommitted();
 }

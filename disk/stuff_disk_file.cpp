@@ -55,7 +55,19 @@ void JX_Stuff::ClearDiskCacheFile() {
 }
 
 void JX_Stuff::DiskCopyGone::Tell() const {
-  if (signal) signal->Fire(inMemory, false);
+  if (signal) item->TellMemDiskState(*signal);
+}
+
+void JX_Stuff::TellMemDiskState(MemDiskChangedSignal& signal) const {
+  bool inMemory = IsInMemory(), onDisk = HasDiskCacheFile();
+  // Bounded: a handler that changes the item on every call would otherwise never be done.
+  for (int round = 0; round < 4; ++round) {
+    signal.Fire(inMemory, onDisk);
+    const bool nowInMemory = IsInMemory(), nowOnDisk = HasDiskCacheFile();
+    if (nowInMemory == inMemory && nowOnDisk == onDisk) return;
+    inMemory = nowInMemory;
+    onDisk = nowOnDisk;
+  }
 }
 
 bool JX_Stuff::DeleteDiskCacheFile() {
@@ -90,8 +102,8 @@ bool JX_Stuff::DeleteDiskCacheFile(DiskCopyGone* gone) {
     }
     // The signal is created under this lock; read it here, fire it after.
     if (gone) {
-      gone->inMemory = data_ && data_->IsInMemory();
       gone->signal = MemDiskChangedLocked();
+      if (gone->signal) gone->item.reset(this);
     }
   }
   SyncDiskSizeWithBag(0);
@@ -150,7 +162,7 @@ void JX_Stuff::DropDetachedDiskCopy(DetachedDiskCopy stale) {
     void operator()() const noexcept {
       if (signal) {
         try {
-          signal->Fire(item->IsInMemory(), item->HasDiskCacheFile());
+          item->TellMemDiskState(*signal);
         } catch (...) {
           // A handler's failure is the host's own; the copy is dropped all the same.
         }

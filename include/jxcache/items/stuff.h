@@ -231,10 +231,10 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   void PrepAndWrite(const std::shared_ptr<JX_Bag>& bag);
   // What a deleted disk copy tells the item's change handler, kept by a caller that deleted it
   // under the item's lock: the handler is the host's, and runs with no lock of the cache held
-  // (Tell, once the caller has let go).
+  // (Tell, once the caller has let go, with TellMemDiskState).
   struct DiskCopyGone {
+    IntrusivePtr<JX_Stuff> item;
     MemDiskChangedSignal* signal = nullptr;
-    bool inMemory = false;
     void Tell() const;
   };
   // Reads the payload back from the item's file; the caller holds the item's upgrade lock.
@@ -297,6 +297,11 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   bool WasTaggedToWriteToDisk() const { return taggedToWrite_.load(std::memory_order_acquire); }
   void ReconsiderWriteToDisk();
   MemDiskChangedSignal& GetMemDiskChangedSignal();
+  // Tells `signal`'s handlers the item's state as it is now, with no lock of the cache held, and
+  // again as long as it changed meanwhile: news is told after the change it reports, so a change
+  // made in between (by another thread, or by a handler in its turn) could otherwise leave a
+  // handler with an older state as its last word.
+  void TellMemDiskState(MemDiskChangedSignal& signal) const;
 
   // ---- media map -----------------------------------------------------------------------------
   // The GUID and ID accessors in items/stuff.cpp, PurgeFromMediaMap in
