@@ -63,10 +63,13 @@ std::mutex gRoomMutex;
 // folder out of space), held while a write makes room under gRoomMutex and told once that is let
 // go: a handler may wait for a thread of its own whose write needs room too.
 struct RoomNews {
+  // The items the room was made from, which the news below may be all that is left of.
+  std::deque<zelcore::utility::IntrusivePtr<JX_Stuff>> items;
   std::vector<JX_Stuff::DiskCopyGone> gone;
   JX_Stuff::ReleaseQueue released;
   JX_Bag* outOfSpace = nullptr;
-  // Told last thing, after the mutex (declared after this) is let go; the queue then goes.
+  // Told last thing, after the mutex (declared after this) is let go; the queue and the items
+  // then go.
   ~RoomNews() {
     for (const JX_Stuff::DiskCopyGone& g : gone) {
       try {
@@ -338,6 +341,10 @@ bool JX_Bag::EnsureDiskSpace(long long bytesNeeded, unsigned long long lastUsedT
       item->LeaveIfKeepsNothing(tRoomNews ? &tRoomNews->released : nullptr);
     }
   }
+  // The news keeps the items it tells of: one let go above may be held by this copy alone, and
+  // its handler, which goes with it, is told only once the room's mutex is let go. (A room is
+  // made once per ScWriteRoom; the swap cannot fail.)
+  if (RoomNews* news = tRoomNews) news->items.swap(items);
   const bool enough = free >= target;
   if (!enough) {
     ZC_TRACE("JX", 5, "EnsureDiskSpace: short of " << (target - free) << " bytes");

@@ -262,3 +262,54 @@ TEST_F(WriteRoomTest, WhatMakingRoomTellsTheHostIsToldOnceOtherWritesMayMakeRoom
   EXPECT_EQ(hostThreadStuck, 0) << "the host's thread could not make room while told";
   for (const auto& i : {older, item, tooLarge}) i->RemoveFromBagAndSortDir();
 }
+
+// A host often watches an item through its change handler alone, having let go of the item
+// itself. When making room deletes such an item's last copy (its payload purged already), the
+// item leaves the bag; the handler must hear of it while the item, and with it the handler, still
+// live, and may ask the cache for the key again from there.
+TEST_F(WriteRoomTest, AnItemLetGoToMakeRoomLivesUntilItsHandlerHasHeard) {
+  bag_->SetDiskCacheInfo(tempDir_, 1000);
+  auto older = AddItemWithFile(800);
+  const zelcore::utility::Guid key = older->GetGuid();
+  ASSERT_GT(older->FreeUpAsMuchAsPossible(true, nullptr), 0u);
+  ASSERT_FALSE(older->IsInMemory());
+  ASSERT_TRUE(older->HasDiskCacheFile());
+
+  struct Events {
+    std::atomic<int> toldGone{0}, handlerGone{0}, handlerGoneUntold{0}, foundAgain{0};
+  };
+  auto events = std::make_shared<Events>();
+  // Goes with the handler, which goes with the item.
+  struct Sentinel {
+    explicit Sentinel(Events* e) : events(e) {}
+    Events* events;
+    ~Sentinel() {
+      if (events->toldGone == 0) ++events->handlerGoneUntold;
+      ++events->handlerGone;
+    }
+  };
+  auto sentinel = std::make_shared<Sentinel>(events.get());
+  older->GetMemDiskChangedSignal().Connect([this, key, events, sentinel](bool, bool onDisk) {
+    if (onDisk) return;
+    ++events->toldGone;
+    JX_Bag::StuffPtr found;
+    bool created = false;
+    if (bag_->FindAndCheckout(jx::testing::MakeRequest(key), jx::checkout_flags::kReadOnly, &found,
+                              &created) == kJX_CheckedOut) {
+      ++events->foundAgain;
+      found->Checkin(0, 0.0);
+    }
+  });
+  sentinel.reset();
+  older.reset();  // the bag's reference is the item's last
+
+  auto item = AddDiskCacheableItem(500);
+  OfferAndWait(item);
+  EXPECT_EQ(events->handlerGoneUntold, 0) << "the item and its handler went before it was told";
+  EXPECT_EQ(events->toldGone, 1);
+  EXPECT_EQ(events->foundAgain, 0) << "nothing is left of the key";
+  EXPECT_EQ(events->handlerGone, 1) << "the item left the bag and went";
+  EXPECT_TRUE(item->HasDiskCacheFile());
+  EXPECT_EQ(bag_->GetNumItems(), 1);
+  item->RemoveFromBagAndSortDir();
+}
