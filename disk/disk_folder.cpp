@@ -11,6 +11,7 @@
 #include <ctime>
 #include <map>
 #include <mutex>
+#include <new>
 #include <set>
 #include <utility>
 #include <vector>
@@ -466,6 +467,9 @@ namespace {
 struct PurgeTally {
   int deleted = 0;
   std::set<std::string> kept;
+  // The items that lost their copy, each with what its handler is to hear once the folder walk's
+  // mutex is let go: a handler may have a thread of its own use the folder, and wait for it.
+  std::vector<std::pair<JX_Bag::StuffPtr, JX_Stuff::DiskCopyGone>> gone;
 };
 
 // Deletes `item`'s file through the item, so that the disk size stays exact. A file pinned by a
@@ -477,7 +481,15 @@ void DeleteThroughItem(const JX_Bag::StuffPtr& item, PurgeTally& tally) {
     tally.kept.insert(file.GetPath());
     return;
   }
-  item->DeleteDiskCacheFile();
+  JX_Stuff::DiskCopyGone gone;
+  item->DeleteDiskCacheFile(&gone);
+  if (gone.signal) {
+    try {
+      tally.gone.emplace_back(item, gone);
+    } catch (const std::bad_alloc&) {
+      gone.Tell();  // no memory to put it off: now, under the folder walk's mutex
+    }
+  }
   if (file.Exists()) {
     tally.kept.insert(file.GetPath());
   } else {
@@ -543,8 +555,8 @@ JX_Bag::DiskPurgeResult JX_Bag::PurgeAllDiskCaches() {
   const Dir dir = GetDiskCacheDirSpec();
   if (dir.IsEmpty()) return result;
   ZC_TRACE("JX", 5, "PurgeAllDiskCaches: staged to clear:" << dir.GetPath());
-  std::lock_guard<std::mutex> scanLock(diskScanMutex_);
-  PurgeTally tally;
+  PurgeTally tally;  // its news is told after the mutex below is let go
+  std::unique_lock<std::mutex> scanLock(diskScanMutex_);
   try {
     // The running version's files go through their items so that the disk size stays exact.
     for (const StuffPtr& item : CopyMruItems()) DeleteThroughItem(item, tally);
@@ -557,6 +569,14 @@ JX_Bag::DiskPurgeResult JX_Bag::PurgeAllDiskCaches() {
     ZC_TRACE("JX", 5, "PurgeAllDiskCaches: Finished\n");
   } catch (...) {
     ZC_TRACE("JX", 1, "PurgeAllDiskCaches THREW");
+  }
+  scanLock.unlock();
+  for (const auto& [item, gone] : tally.gone) {
+    try {
+      gone.Tell();
+    } catch (...) {
+      // A handler's failure is the host's own; the folder is emptied all the same.
+    }
   }
   result.deleted = tally.deleted;
   result.kept = static_cast<int>(tally.kept.size());

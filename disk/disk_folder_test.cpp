@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <chrono>
 #include <fstream>
+#include <future>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 #include "disk/cache_file_name.h"
 #include "disk/disk_folder.h"
@@ -368,6 +371,40 @@ TEST_F(DiskFolderTest, PurgeAllDiskCachesKeepsOnlyPinnedFiles) {
   EXPECT_FALSE(otherVersion.Exists());
   EXPECT_TRUE(notes.Exists());
   EXPECT_EQ(bag_->GetNumItems(), 3);
+}
+
+// Emptying the folder tells each item that loses its copy. The host's handler runs with no lock
+// of the cache held, so it may have a thread of its own use the folder (read it again, say) and
+// wait for that thread; the folder walk's own mutex must not be held around it.
+TEST_F(DiskFolderTest, PurgeAllDiskCachesTellsHandlersOnceTheFolderIsFreeAgain) {
+  auto a = AddItemWithFile(100);
+  auto b = AddItemWithFile(200);
+  std::atomic<int> told{0}, helperStuck{0};
+  std::vector<std::thread> helpers;  // joined at the end: a stuck one gets on once let go
+  JX_Bag* const bag = bag_.get();
+  auto handler = [&](bool, bool onDisk) {
+    if (onDisk) return;
+    ++told;
+    auto done = std::make_shared<std::promise<void>>();
+    auto ended = done->get_future();
+    helpers.emplace_back([bag, done] {
+      bag->RequestDiskCacheScan();
+      bag->ScanDiskCacheDir();
+      done->set_value();
+    });
+    if (ended.wait_for(std::chrono::seconds(2)) != std::future_status::ready) ++helperStuck;
+  };
+  a->GetMemDiskChangedSignal().Connect(handler);
+  b->GetMemDiskChangedSignal().Connect(handler);
+
+  const JX_Bag::DiskPurgeResult r = bag_->PurgeAllDiskCaches();
+  for (std::thread& t : helpers) t.join();
+  EXPECT_EQ(r.deleted, 2);
+  EXPECT_EQ(told, 2);
+  EXPECT_EQ(helperStuck, 0) << "the handler's thread waited for the folder walk around it";
+  EXPECT_FALSE(a->HasDiskCacheFile());
+  EXPECT_FALSE(b->HasDiskCacheFile());
+  EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
 }
 
 }  // namespace
