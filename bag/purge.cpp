@@ -195,7 +195,10 @@ void JX_Bag::FreeUpSomeMemory(unsigned long long /*amount: the host is asked ins
   ReleaseQueue toRelease;
   unsigned long long totalFreed = 0;
   try {
-    JXp_ScLock lock;
+    // On a thread inside a payload's own code under its item's lock, only when the lock is free
+    // now: otherwise nothing is freed this time.
+    JXp_ScLock lock(jx::kTryIfItemLockHeld);
+    if (!lock.owns_lock()) return;
     jx::recency::ApplyAll(lock);  // the walk goes by recency: every check-in's move first
     PurgeWalk walk(*this, &toRelease);
     for (int pass = walk.FirstPass(); pass <= 1; ++pass) {
@@ -244,7 +247,8 @@ unsigned int JX_Stuff::FreeUpAsMuchAsPossible(bool removeFromMediaMap, ReleaseQu
     return freed;
   }
   IntrusivePtr<JX_Stuff> self(this);
-  JXp_ScLock lock;
+  JXp_ScLock lock(jx::kTryIfItemLockHeld);  // see FreeUpSomeMemory
+  if (!lock.owns_lock()) return 0;
   ScopedWriteLockWrapper wl(mutex_);
   if (checkoutCount_.load(std::memory_order_acquire) != 0) return 0;
   // Taken now: the traces below still describe the bag after the item has left it. The locks

@@ -5,12 +5,15 @@
 // stopping the run.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include "disk/disk_test_support.h"
@@ -453,6 +456,71 @@ TEST_F(HostCallbackTest, TheLastChangeAHandlerHearsIsTheItemsState) {
   first->RemoveFromBagAndSortDir();
   second->RemoveFromBagAndSortDir();
   EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
+}
+
+// A payload whose read back from disk runs `duringRead` first, on the reading thread, which
+// holds the item's lock for the read.
+class ReadHookPayload : public TestPayload {
+ public:
+  using TestPayload::TestPayload;
+  double Read(zelcore::filesupport::IByteStream& in,
+              zelcore::threads::MultiTenantRecursiveMutex& itemMutex) override {
+    if (duringRead) duringRead();
+    return TestPayload::Read(in, itemMutex);
+  }
+  static inline std::function<void()> duringRead;
+};
+
+// A frame read back from disk needs memory, and a host whose frames come from its own pool makes
+// room as it hands the memory out: its manager takes another frame's entry back, and it runs its
+// purge walk, on the reading thread. That thread holds the read frame's lock, while another thread
+// empties memory and, holding the library lock, waits for that frame. The reader's purges must
+// not wait for the library lock in turn: they give up, and the read goes on. Run in a child
+// process, since a deadlock there cannot be undone: the child says what went wrong, if it can.
+void PurgeFromInsideARead(JX_Bag& bag) {
+  auto read =
+      JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(new ReadHookPayload(400, 3, true)), 1.0);
+  read->SetGuid(Guid::CreateUnique());
+  bag.AddToBagAndSortDir(read);
+  read->PrepAndWrite(bag.shared_from_this());
+  read->FreeUpAsMuchAsPossible(false, nullptr);
+  auto other = MakeItem(400);
+  bag.AddToBagAndSortDir(other);
+  if (!read->HasDiskCacheFile() || read->IsInMemory() || other->GetMediaMapID() == 0) {
+    std::fprintf(stderr, "set-up failed\n");
+    std::_Exit(3);
+  }
+  std::promise<void> reading;
+  std::atomic<int> reads{0}, roomMade{0};
+  std::future<void> emptied;
+  ReadHookPayload::duringRead = [&] {
+    ++reads;
+    reading.set_value();
+    std::this_thread::sleep_for(200ms);  // the emptying thread reaches this frame meanwhile
+    auto adapter = jx::mediamap::CurrentAdapter();
+    jx::standalone::MediaManagerPool()->PurgeEntry(adapter->GetMediaMapID(),
+                                                   other->GetMediaMapID());
+    jx::PurgeOverBudget(bag, 1u << 20);
+    ++roomMade;
+  };
+  auto reader = std::async(std::launch::async, [&] { return read->Checkout(cf::kReadOnly); });
+  reading.get_future().wait();
+  emptied = std::async(std::launch::async, [&] { bag.PurgeAllMemoryCaches(); });
+  if (reader.wait_for(10s) != std::future_status::ready ||
+      emptied.wait_for(10s) != std::future_status::ready) {
+    std::fprintf(stderr, "the reader and the emptying thread wait for each other\n");
+    std::_Exit(2);
+  }
+  const bool sound = reads == 1 && roomMade == 1 && reader.get() == kJX_CheckedOut &&
+                     read->IsInMemory() && !other->IsInMemory();
+  if (!sound) std::fprintf(stderr, "the read or the purges went wrong\n");
+  std::_Exit(sound ? 0 : 1);
+}
+
+TEST_F(HostCallbackTest, APurgeFromInsideAReadBackNeverWaitsForTheLibraryLock) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(PurgeFromInsideARead(*bag_), ::testing::ExitedWithCode(0), "")
+      << "a purge made on a reading thread must not wait for a thread that waits for the read";
 }
 
 }  // namespace

@@ -13,8 +13,12 @@ void JX_Stuff::PurgeFromMediaMap() {
   std::shared_ptr<JX_Bag> bag;  // outlives the lock: a last reference is not dropped under it
   // The library lock before the bag link: a check-in renews the item's entry by taking it out of
   // the bag and putting it back under that lock, and a link read in between is empty, which
-  // would make this purge give up on an item that is in the bag.
-  JXp_ScLock lock;
+  // would make this purge give up on an item that is in the bag. A host that purges from inside
+  // a payload's own code, under that item's lock, purges only when the lock is free now (see
+  // JX_Bag::FreeUpSomeMemory); the item then stays for the cache's own purges, and its next
+  // check-in mirrors it again.
+  JXp_ScLock lock(jx::kTryIfItemLockHeld);
+  if (!lock.owns_lock()) return;
   {
     ScopedReadLockWrapper r(mutex_);
     bag = BagLocked();

@@ -127,7 +127,8 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
   // ---- purging (bag/purge.cpp) ---------------------------------------------------------------
   // The host's purge entry: frees items, oldest first, until the host's Y_AmountToPurge() is met
   // or the cache reaches its floor. `amount` is deliberately not consulted. Freed memory is
-  // released after the library lock is let go.
+  // released after the library lock is let go. Asked from a payload's own code while its item's
+  // lock is held (a read back making room), it frees nothing when the library lock is busy.
   void FreeUpSomeMemory(unsigned long long amount);
   // Frees every item that can be freed, whatever the host wants.
   void PurgeAllMemoryCaches();

@@ -19,8 +19,15 @@
 #include <optional>
 
 #include "jxcache/host/export.h"
+#include "jxcache/host/multi_tenant_mutex.h"
 #include "jxcache/host/profiler.h"
 #include "jxcache/host/recursive_mutex.h"
+
+namespace jx {
+// The tag of a purge's hold of the library lock (see JXp_ScLock(jx::TryIfItemLockHeld)).
+struct TryIfItemLockHeld {};
+inline constexpr TryIfItemLockHeld kTryIfItemLockHeld{};
+}  // namespace jx
 
 namespace jx::detail {
 extern JX_EXPORT constinit zelcore::threads::RecursiveMutex g_libraryMutex;
@@ -30,13 +37,19 @@ extern JX_EXPORT thread_local constinit bool t_releaseDeferred;
 
 class JX_EXPORT JXp_ScLock {
  public:
-  JXp_ScLock() {
-    if (zelcore::debug::CodeProfiler::IsConditionalProfiling(kProfileVolume)) {
-      LockProfiled();
+  JXp_ScLock() { Lock(); }
+  // For a purge, which a payload's own code may ask for while its item's lock is held (a read
+  // back that makes room for what it reads). A thread that holds an item's lock but not this one
+  // must not wait for this one, whose holder may be waiting for that very item: it only tries it
+  // (see owns_lock()). Any other thread takes it.
+  explicit JXp_ScLock(jx::TryIfItemLockHeld) {
+    if (zelcore::threads::MultiTenantRecursiveMutex::CurrentThreadHoldsAny() &&
+        !IsLockedByCurrentThread()) {
+      locked_ = !zelcore::debug::CodeProfiler::IsConditionalProfiling(kProfileVolume) &&
+                Mutex().try_lock();
     } else {
-      Mutex().lock();
+      Lock();
     }
-    locked_ = true;
   }
   // Takes the lock only if nobody holds it (or the caller already does); see owns_lock().
   explicit JXp_ScLock(std::try_to_lock_t) {
@@ -66,6 +79,14 @@ class JX_EXPORT JXp_ScLock {
 
  private:
   static constexpr int kProfileVolume = 6;
+  void Lock() {
+    if (zelcore::debug::CodeProfiler::IsConditionalProfiling(kProfileVolume)) {
+      LockProfiled();
+    } else {
+      Mutex().lock();
+    }
+    locked_ = true;
+  }
   void LockProfiled();
   static void ReleaseDeferred();
 
