@@ -555,15 +555,20 @@ JX_Bag::DiskPurgeResult JX_Bag::PurgeAllDiskCaches() {
   const Dir dir = GetDiskCacheDirSpec();
   if (dir.IsEmpty()) return result;
   ZC_TRACE("JX", 5, "PurgeAllDiskCaches: staged to clear:" << dir.GetPath());
-  PurgeTally tally;  // its news is told after the mutex below is let go
+  // Declared before the mutex: its news is told, and an item let go may go with these copies,
+  // once the mutex is let go.
+  PurgeTally tally;
+  std::deque<StuffPtr> items;
+  std::map<std::string, StuffPtr> owners;
   std::unique_lock<std::mutex> scanLock(diskScanMutex_);
   try {
     // The running version's files go through their items so that the disk size stays exact.
-    for (const StuffPtr& item : CopyMruItems()) DeleteThroughItem(item, tally);
+    items = CopyMruItems();
+    for (const StuffPtr& item : items) DeleteThroughItem(item, tally);
     // What is left: other versions' files, this version's files no item owns (another
     // process's), and files a write committed meanwhile.
     const std::vector<std::string> names = dir.ListNames();
-    const std::map<std::string, StuffPtr> owners = ItemsByFile(*this);
+    owners = ItemsByFile(*this);
     for (const std::string& name : names) PurgeFolderEntry(dir, name, appVersion_, owners, tally);
     jx::disk::DeleteLeftoverTempFiles(dir, jx::disk::kLeftoverTempAgeSeconds);
     ZC_TRACE("JX", 5, "PurgeAllDiskCaches: Finished\n");

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <fstream>
+#include <functional>
 #include <future>
 #include <string_view>
 #include <thread>
@@ -373,18 +374,29 @@ TEST_F(DiskFolderTest, PurgeAllDiskCachesKeepsOnlyPinnedFiles) {
   EXPECT_EQ(bag_->GetNumItems(), 3);
 }
 
-// Emptying the folder tells each item that loses its copy. The host's handler runs with no lock
-// of the cache held, so it may have a thread of its own use the folder (read it again, say) and
-// wait for that thread; the folder walk's own mutex must not be held around it.
-TEST_F(DiskFolderTest, PurgeAllDiskCachesTellsHandlersOnceTheFolderIsFreeAgain) {
-  auto a = AddItemWithFile(100);
-  auto b = AddItemWithFile(200);
-  std::atomic<int> told{0}, helperStuck{0};
+// A payload whose destructor runs `onDestroy`: the host giving back what the payload owned.
+class DestroyHookPayload : public jx::testing::TestPayload {
+ public:
+  DestroyHookPayload(unsigned int size, std::function<void()> onDestroy)
+      : TestPayload(size), onDestroy_(std::move(onDestroy)) {}
+  ~DestroyHookPayload() override {
+    if (onDestroy_) onDestroy_();
+  }
+
+ private:
+  std::function<void()> onDestroy_;
+};
+
+// Emptying the folder tells each item that loses its copy, and lets go of an item that lived only
+// on disk. The host's handler, and the payload's destructor, run with no lock of the cache held,
+// so they may have a thread of their own use the folder (read it again, say) and wait for that
+// thread: the folder walk's own mutex must not be held around them.
+TEST_F(DiskFolderTest, PurgeAllDiskCachesTellsAndLetsGoOnceTheFolderIsFreeAgain) {
+  std::atomic<int> helpersStarted{0}, helperStuck{0};
   std::vector<std::thread> helpers;  // joined at the end: a stuck one gets on once let go
   JX_Bag* const bag = bag_.get();
-  auto handler = [&](bool, bool onDisk) {
-    if (onDisk) return;
-    ++told;
+  auto hostUsesTheFolder = [&] {
+    ++helpersStarted;
     auto done = std::make_shared<std::promise<void>>();
     auto ended = done->get_future();
     helpers.emplace_back([bag, done] {
@@ -394,16 +406,43 @@ TEST_F(DiskFolderTest, PurgeAllDiskCachesTellsHandlersOnceTheFolderIsFreeAgain) 
     });
     if (ended.wait_for(std::chrono::seconds(2)) != std::future_status::ready) ++helperStuck;
   };
+  auto a = AddItemWithFile(100);
+  auto b = AddItemWithFile(200);
+  std::atomic<int> told{0};
+  auto handler = [&](bool, bool onDisk) {
+    if (onDisk) return;
+    ++told;
+    hostUsesTheFolder();
+  };
   a->GetMemDiskChangedSignal().Connect(handler);
   b->GetMemDiskChangedSignal().Connect(handler);
+  std::atomic<int> destroyed{0};
+  {
+    auto diskOnly = JX_Stuff::CreateNew(
+        zelcore::utility::IntrusivePtr<JX_StuffData>(new DestroyHookPayload(16,
+                                                                            [&] {
+                                                                              ++destroyed;
+                                                                              hostUsesTheFolder();
+                                                                            })),
+        0.0);
+    diskOnly->SetGuid(Guid::CreateUnique());
+    bag_->AddToBagAndSortDir(diskOnly);
+    diskOnly->SetDiskCacheFile(MakeFile(CacheFileName(diskOnly->GetGuid()), 50), false);
+    diskOnly->SyncDiskSizeWithBag(50);
+    diskOnly->FreeUpAsMuchAsPossible(true, nullptr);
+    ASSERT_FALSE(diskOnly->IsInMemory());
+  }  // the bag's reference is its last
 
   const JX_Bag::DiskPurgeResult r = bag_->PurgeAllDiskCaches();
   for (std::thread& t : helpers) t.join();
-  EXPECT_EQ(r.deleted, 2);
+  EXPECT_EQ(r.deleted, 3);
   EXPECT_EQ(told, 2);
-  EXPECT_EQ(helperStuck, 0) << "the handler's thread waited for the folder walk around it";
+  EXPECT_EQ(destroyed, 1) << "the item that lived only on disk must have gone";
+  EXPECT_EQ(helpersStarted, 3);
+  EXPECT_EQ(helperStuck, 0) << "the host's thread waited for the folder walk around it";
   EXPECT_FALSE(a->HasDiskCacheFile());
   EXPECT_FALSE(b->HasDiskCacheFile());
+  EXPECT_EQ(bag_->GetNumItems(), 2);
   EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
 }
 
