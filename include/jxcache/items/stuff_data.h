@@ -7,6 +7,15 @@
 // out, and by disk jobs. Not copyable. Thread safety: the cache calls the virtual operations with
 // the owning item's lock held as noted per operation; the payload guards its own data beyond that.
 //
+// Calling back into the cache from these operations: the size, purge and request questions
+// (GetApproximateMemorySize, IsInMemory, ShouldAllowPurge, CanSatisfyRequest, IdenticalRequest,
+// IsCompressed, PurgeIfPossible) are asked under the library lock or an item's lock, often both:
+// they must not use the cache, nor take a lock of the host's that a thread using the cache may
+// hold. Write runs on a disk thread with no lock of the cache held, and may use the cache. Read
+// runs holding its item's lock: it may make room (JX_Bag::FreeUpSomeMemory, the media manager's
+// purge), which then frees nothing when the library lock is busy, but must not check items out or
+// in, nor wait for a thread that does. The destructor runs with no lock of the cache held.
+//
 // Payload classes that can be rebuilt from the disk cache register a factory under their match
 // name; the disk reader builds an empty payload of the right class from the name and header
 // stored in the file name. The registry is process-wide and guarded by its own recursive mutex
