@@ -14,7 +14,8 @@
 // hold. Write runs on a disk thread with no lock of the cache held, and may use the cache. Read
 // runs holding its item's lock: it may make room (JX_Bag::FreeUpSomeMemory, the media manager's
 // purge), which then frees nothing when the library lock is busy, but must not check items out or
-// in, nor wait for a thread that does. The destructor runs with no lock of the cache held.
+// in, nor wait for a thread that does. The destructor runs where the last reference goes, which
+// the cache keeps outside the library lock and the items' locks.
 //
 // Payload classes that can be rebuilt from the disk cache register a factory under their match
 // name; the disk reader builds an empty payload of the right class from the name and header
