@@ -342,9 +342,10 @@ bool JX_Bag::EnsureDiskSpace(long long bytesNeeded, unsigned long long lastUsedT
       item->LeaveIfKeepsNothing(tRoomNews ? &tRoomNews->released : nullptr);
     }
   }
-  // The news keeps the items it tells of: one let go above may be held by this copy alone, and
-  // its handler, which goes with it, is told only once the room's mutex is let go. (A room is
-  // made once per ScWriteRoom; the swap cannot fail.)
+  // The news keeps the items the room was made from until it has told them and the room's mutex
+  // is let go: an item let go above may be held by this copy alone, and its handler and its
+  // payload's destructor are the host's code. (A room is made once per ScWriteRoom; the swap
+  // cannot fail.)
   if (RoomNews* news = tRoomNews) news->items.swap(items);
   const bool enough = free >= target;
   if (!enough) {
