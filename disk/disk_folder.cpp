@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <ctime>
 #include <map>
@@ -133,9 +134,20 @@ bool IsCacheFileName(const std::string& name) {
   return name.size() > ext.size() && std::string_view(name).substr(name.size() - ext.size()) == ext;
 }
 
+namespace {
+// The time a file's age is counted to. The system clock itself, not time(): that reads a coarse
+// clock, which can be a tick behind the time stamp a file just created was given, and a file
+// would then be a second younger than new.
+int64_t NowForFileAges() {
+  return std::chrono::duration_cast<std::chrono::seconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+}  // namespace
+
 int DeleteLeftoverTempFiles(const Dir& dir, int64_t minAgeSeconds) {
   int deleted = 0;
-  const int64_t now = static_cast<int64_t>(std::time(nullptr));
+  const int64_t now = NowForFileAges();
   std::vector<std::string> names;
   try {
     names = dir.ListNames();
@@ -387,7 +399,7 @@ int JX_Bag::ScanDiskCacheDir() {
   };
   std::vector<Found> files;
   jx::host::FileSystem& fs = jx::host::GetFiles();
-  const int64_t now = static_cast<int64_t>(std::time(nullptr));
+  const int64_t now = jx::disk::NowForFileAges();
 
   struct Listed {
     File file;
