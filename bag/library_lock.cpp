@@ -3,6 +3,7 @@
 namespace jx::detail {
 constinit zelcore::threads::RecursiveMutex g_libraryMutex;
 thread_local constinit bool t_releaseDeferred = false;
+thread_local constinit bool t_payloadCodeUnderItemLock = false;
 }  // namespace jx::detail
 
 namespace {

@@ -6,15 +6,19 @@
 
 #include <atomic>
 #include <barrier>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <map>
 #include <mutex>
 #include <thread>
 #include <vector>
 
 #include "host/y_api.h"
+#include "jxcache/bag/global_bag.h"
+#include "jxcache/bag/library_lock.h"
 #include "standalone/standalone_host.h"
 #include "testing/jx_test_support.h"
 
@@ -211,3 +215,23 @@ TEST_F(BagLinkTest, ItemsAskedForADyingBagGetItOrNothing) {
 }
 
 }  // namespace
+
+// A thread that holds a lock of its own (of the kind items and check-out handles use) asks for a
+// purge while another thread holds the library lock a while: the purge waits for it rather than
+// freeing nothing. Only a payload's own code under its item's lock may give a purge up.
+TEST_F(PurgeConcurrencyTest, APurgeUnderAnotherLockWaitsForTheLibraryLock) {
+  auto item = MakeItem(70);
+  JX_GlobalBag()->AddToBagAndSortDir(item);
+  zelcore::threads::MultiTenantRecursiveMutex own;
+  zelcore::threads::ScopedWriteLockWrapper ownHeld(own);
+  std::promise<void> held;
+  std::thread holder([&held] {
+    JXp_ScLock lock;
+    held.set_value();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  });
+  held.get_future().wait();
+  EXPECT_EQ(item->FreeUpAsMuchAsPossible(true, nullptr), 70u) << "the purge gave up";
+  holder.join();
+  EXPECT_FALSE(item->IsInMemory());
+}

@@ -16,6 +16,7 @@
 #include "host/trace.h"
 #include "host/y_api.h"
 #include "jxcache/bag/bag.h"
+#include "jxcache/bag/library_lock.h"
 #include "jxcache/host/byte_stream.h"
 #include "jxcache/host/host_services.h"
 #include "jxcache/host/profiler.h"
@@ -77,7 +78,11 @@ void JX_Stuff::PrepAndRead(const ScopedUpgradeLockWrapper& lock, DiskCopyGone* g
     IPlatformByteStream raw(file->File());
     const uint64_t fileSize = raw.Size();
     CacheFileIStream in(raw, file->File());
-    const double seconds = data->Read(in, lock.mutex()) + delaySeconds;
+    double seconds = delaySeconds;
+    {
+      jx::ScPayloadCodeUnderItemLock payloadCode;
+      seconds += data->Read(in, lock.mutex());
+    }
     const unsigned int payloadSize = data->GetApproximateMemorySize();
     SyncMemorySizeWithBag(payloadSize);
     if (seconds > 0.0) jx::disk::AddReadSpeedSample(payloadSize, seconds);

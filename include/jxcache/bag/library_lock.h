@@ -19,7 +19,6 @@
 #include <optional>
 
 #include "jxcache/host/export.h"
-#include "jxcache/host/multi_tenant_mutex.h"
 #include "jxcache/host/profiler.h"
 #include "jxcache/host/recursive_mutex.h"
 
@@ -33,18 +32,37 @@ namespace jx::detail {
 extern JX_EXPORT constinit zelcore::threads::RecursiveMutex g_libraryMutex;
 // Set while the calling thread has memory waiting for its outermost release of the lock.
 extern JX_EXPORT thread_local constinit bool t_releaseDeferred;
+// Set while the calling thread runs a payload's own code under its item's lock (a read back).
+extern JX_EXPORT thread_local constinit bool t_payloadCodeUnderItemLock;
 }  // namespace jx::detail
+
+namespace jx {
+// Marks the scope in which a payload's own code runs under its item's lock: the host code it
+// calls may purge, and such a purge must not wait for the library lock (see JXp_ScLock).
+class ScPayloadCodeUnderItemLock {
+ public:
+  ScPayloadCodeUnderItemLock() : previous_(detail::t_payloadCodeUnderItemLock) {
+    detail::t_payloadCodeUnderItemLock = true;
+  }
+  ~ScPayloadCodeUnderItemLock() { detail::t_payloadCodeUnderItemLock = previous_; }
+  ScPayloadCodeUnderItemLock(const ScPayloadCodeUnderItemLock&) = delete;
+  ScPayloadCodeUnderItemLock& operator=(const ScPayloadCodeUnderItemLock&) = delete;
+
+ private:
+  const bool previous_;
+};
+}  // namespace jx
 
 class JX_EXPORT JXp_ScLock {
  public:
   JXp_ScLock() { Lock(); }
   // For a purge, which a payload's own code may ask for while its item's lock is held (a read
-  // back that makes room for what it reads). A thread that holds an item's lock but not this one
-  // must not wait for this one, whose holder may be waiting for that very item: it only tries it
-  // (see owns_lock()). Any other thread takes it.
+  // back that makes room for what it reads, see ScPayloadCodeUnderItemLock). Such a thread,
+  // unless it holds this lock already, must not wait for this one, whose holder may be waiting
+  // for that very item: it only tries it (see owns_lock()). Any other thread takes it, also one
+  // that holds a check-out handle's lock, which comes before this one.
   explicit JXp_ScLock(jx::TryIfItemLockHeld) {
-    if (zelcore::threads::MultiTenantRecursiveMutex::CurrentThreadHoldsAny() &&
-        !IsLockedByCurrentThread()) {
+    if (jx::detail::t_payloadCodeUnderItemLock && !IsLockedByCurrentThread()) {
       locked_ = !zelcore::debug::CodeProfiler::IsConditionalProfiling(kProfileVolume) &&
                 Mutex().try_lock();
     } else {

@@ -208,8 +208,8 @@ class JX_EXPORT JX_Stuff : public zelcore::utility::RefCountedObjectWithWeakPtr 
   // ---- purging (bag/purge.cpp) ---------------------------------------------------------------
   // Frees this item's memory if nobody has it checked out; an item left with nothing worth
   // keeping leaves the bag and directory. Returns the bytes freed (0 if nothing). Takes the
-  // library lock, then the item's write lock; a thread holding an item's lock but not the
-  // library lock only tries the library lock, and frees nothing when it is busy.
+  // library lock, then the item's write lock; asked from a payload's own code under its item's
+  // lock (a read back), it only tries the library lock, and frees nothing when it is busy.
   unsigned int FreeUpAsMuchAsPossible(bool removeFromMediaMap, ReleaseQueue* toRelease);
   bool ShouldAllowPurge();
   // What the purge walk asks of each item, under one hold of its lock: the payload allows a
