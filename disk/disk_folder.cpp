@@ -480,9 +480,10 @@ namespace {
 struct PurgeTally {
   int deleted = 0;
   std::set<std::string> kept;
-  // The items that lost their copy, each with what its handler is to hear once the folder walk's
-  // mutex is let go: a handler may have a thread of its own use the folder, and wait for it.
-  std::vector<std::pair<JX_Bag::StuffPtr, JX_Stuff::DiskCopyGone>> gone;
+  // What the handlers of the items that lost their copy are to hear once the folder walk's mutex
+  // is let go (each holds its item): a handler may have a thread of its own use the folder, and
+  // wait for it.
+  std::vector<JX_Stuff::DiskCopyGone> gone;
 };
 
 // Deletes `item`'s file through the item, so that the disk size stays exact. A file pinned by a
@@ -498,7 +499,7 @@ void DeleteThroughItem(const JX_Bag::StuffPtr& item, PurgeTally& tally) {
   item->DeleteDiskCacheFile(&gone);
   if (gone.signal) {
     try {
-      tally.gone.emplace_back(item, gone);
+      tally.gone.push_back(gone);
     } catch (const std::bad_alloc&) {
       gone.Tell();  // no memory to put it off: now, under the folder walk's mutex
     }
@@ -589,7 +590,7 @@ JX_Bag::DiskPurgeResult JX_Bag::PurgeAllDiskCaches() {
     ZC_TRACE("JX", 1, "PurgeAllDiskCaches THREW");
   }
   scanLock.unlock();
-  for (const auto& [item, gone] : tally.gone) {
+  for (const JX_Stuff::DiskCopyGone& gone : tally.gone) {
     try {
       gone.Tell();
     } catch (...) {
