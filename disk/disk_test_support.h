@@ -120,6 +120,19 @@ inline bool WriterDrained() {
   });
 }
 
+// Writes `item` to the bag's folder and waits until the writer has let go of it; with
+// `leaveMemory`, the payload then leaves memory, so that only the disk copy is left.
+inline ::testing::AssertionResult WriteToDisk(const std::shared_ptr<JX_Bag>& bag,
+                                              const zelcore::utility::IntrusivePtr<JX_Stuff>& item,
+                                              bool leaveMemory = false) {
+  item->PrepAndWrite(bag);
+  if (!item->HasDiskCacheFile()) return ::testing::AssertionFailure() << "not written";
+  if (!WriterDrained()) return ::testing::AssertionFailure() << "the writer never let go";
+  if (leaveMemory) item->FreeUpAsMuchAsPossible(true, nullptr);
+  if (leaveMemory && item->IsInMemory()) return ::testing::AssertionFailure() << "still in memory";
+  return ::testing::AssertionSuccess();
+}
+
 class DiskTest : public LibraryTest {
  protected:
   static constexpr long long kDefaultMaxDisk = 1LL << 30;
@@ -167,11 +180,7 @@ class DiskTest : public LibraryTest {
   // An item in the bag whose payload may go to disk, with a long compute time.
   zelcore::utility::IntrusivePtr<JX_Stuff> AddDiskCacheableItem(unsigned size,
                                                                 double computeTime = 10.0) {
-    auto item = JX_Stuff::CreateNew(
-        zelcore::utility::IntrusivePtr<JX_StuffData>(new TestPayload(size, 7, true)), computeTime);
-    item->SetGuid(zelcore::utility::Guid::CreateUnique());
-    bag_->AddToBagAndSortDir(item);
-    return item;
+    return AddNewItem(*bag_, new TestPayload(size, 7, true), computeTime);
   }
 };
 

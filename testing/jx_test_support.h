@@ -88,6 +88,23 @@ zelcore::utility::IntrusivePtr<JX_Stuff> MakeRequest(
     JX_CompressedAllowedOption option = kJX_CompressionNotAllowed);
 // The TestPayload of an item (null when it holds none or another class).
 TestPayload* PayloadOf(const JX_Stuff& item);
+// MakeItem's item, added to `bag`.
+inline zelcore::utility::IntrusivePtr<JX_Stuff> AddedItem(JX_Bag& bag, unsigned int size,
+                                                          const zelcore::utility::Guid& guid = {},
+                                                          uint32_t seed = 0) {
+  auto item = MakeItem(size, guid, seed);
+  bag.AddToBagAndSortDir(item);
+  return item;
+}
+// A new item of `payload` under a fresh GUID, added to `bag`.
+inline zelcore::utility::IntrusivePtr<JX_Stuff> AddNewItem(JX_Bag& bag, JX_StuffData* payload,
+                                                           double computeTime = 0.0) {
+  auto item =
+      JX_Stuff::CreateNew(zelcore::utility::IntrusivePtr<JX_StuffData>(payload), computeTime);
+  item->SetGuid(zelcore::utility::Guid::CreateUnique());
+  bag.AddToBagAndSortDir(item);
+  return item;
+}
 // The int code `fn` throws (the library's way of failing), or 0 when it does not throw.
 inline int ThrownCode(const std::function<void()>& fn) {
   try {
