@@ -17,12 +17,7 @@
 #include "standalone/standalone_host.h"
 
 namespace cf = jx::checkout_flags;
-using jx::testing::CheckMediaMapBooks;
-using jx::testing::MakeItem;
-using jx::testing::MakeRequest;
-using jx::testing::MediaMapTest;
-using jx::testing::PayloadOf;
-using jx::testing::TestPayload;
+using namespace jx::testing;
 using kq::JX_MediaMapDataKey;
 using zelcore::utility::Guid;
 using zelcore::utility::IntrusivePtr;
@@ -32,10 +27,9 @@ namespace {
 // Only items in memory with a size are mirrored, each once; re-adding one (as every check-in
 // does) tells the host the old entry was used, then replaces it.
 TEST_F(MediaMapTest, MirrorsInMemoryItemsOnceAndRenewsTheirEntry) {
-  auto item = MakeItem(100), empty = MakeItem(0), purged = MakeItem(70);
-  bag_->AddToBagAndSortDir(item);
+  auto item = AddedItem(*bag_, 100), purged = MakeItem(70);
   EXPECT_EQ(item->GetMediaMapID(), 1u) << "entry IDs start at 1";
-  bag_->AddToBagAndSortDir(empty);
+  AddedItem(*bag_, 0);
   PayloadOf(*purged)->PurgeIfPossible(nullptr);
   bag_->AddToBagAndSortDir(purged);
   EXPECT_FALSE(JX_MediaMapAddOrUpdate(purged));
@@ -57,9 +51,7 @@ TEST_F(MediaMapTest, MirrorsInMemoryItemsOnceAndRenewsTheirEntry) {
 // An unknown ID, an entry without an item, or that of an item no longer in the bag frees nothing.
 TEST_F(MediaMapTest, PurgesOfEntriesWithoutAnItemInTheBagFreeNothing) {
   const int liveBefore = TestPayload::LiveCount().load();
-  auto kept = MakeItem(100), removed = MakeItem(50);
-  bag_->AddToBagAndSortDir(kept);
-  bag_->AddToBagAndSortDir(removed);
+  auto kept = AddedItem(*bag_, 100), removed = AddedItem(*bag_, 50);
   {
     JXp_ScLock lock;
     bag_->RemoveStuffFromBagAndSortDir(removed, lock, false);  // leaves the entry behind
@@ -81,10 +73,7 @@ TEST_F(MediaMapTest, HostPurgeFreesTheOldestButNeverACheckedOutOrPinnedItem) {
   auto manager = jx::standalone::MediaManagerPool();
   manager->AddHostMedia(100);  // the oldest entry of the pool
   std::vector<IntrusivePtr<JX_Stuff>> items;
-  for (uint32_t i = 0; i < 4; ++i) {
-    items.push_back(MakeItem(100, {}, i));
-    bag_->AddToBagAndSortDir(items.back());
-  }
+  for (uint32_t i = 0; i < 4; ++i) items.push_back(AddedItem(*bag_, 100, {}, i));
   ASSERT_EQ(items[0]->Checkout(cf::kReadOnly), kJX_CheckedOut);
   const JX_MediaMapDataKey pin(items[1]->GetMediaMapGuid(), 0);
   adapter_->MakeNonPurgeable(pin);
@@ -111,16 +100,14 @@ TEST_F(MediaMapTest, HostPurgeFreesTheOldestButNeverACheckedOutOrPinnedItem) {
   EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
 }
 
-// The host may take back the entry of an item that someone holds checked out (the disk writer
-// holds every item it writes): the purge frees nothing, and the item, still in memory, must be
-// mirrored again when it is checked in, also by a check-in that keeps its place in the recency
-// order. Otherwise the host never sees those bytes again and can never purge them.
+// The host may take back the entry of a checked-out item (the disk writer holds what it writes):
+// the item must be mirrored again at check-in, even one keeping its recency, or the host never
+// sees those bytes again and can never purge them.
 TEST_F(MediaMapTest, AnItemPurgedByTheHostWhileCheckedOutIsMirroredAgainAtCheckin) {
   auto manager = jx::standalone::MediaManagerPool();
   for (int flags : {0, jx::checkin_flags::kKeepRecency}) {
     SCOPED_TRACE(flags);
-    auto item = MakeItem(100, {}, static_cast<uint32_t>(flags));
-    bag_->AddToBagAndSortDir(item);
+    auto item = AddedItem(*bag_, 100, {}, static_cast<uint32_t>(flags));
     ASSERT_EQ(item->Checkout(cf::kReadOnly), kJX_CheckedOut);
     ASSERT_TRUE(manager->PurgeEntry(adapter_->GetMediaMapID(), item->GetMediaMapID()));
     EXPECT_TRUE(item->IsInMemory()) << "a checked-out item keeps its memory";
@@ -134,21 +121,11 @@ TEST_F(MediaMapTest, AnItemPurgedByTheHostWhileCheckedOutIsMirroredAgainAtChecki
   EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
 }
 
-using jx::testing::MediaMapDiskTest;
-
-// The read-ahead brings frames back from disk and checks them in keeping their place in the
-// recency order. The bytes it brought back must be mirrored like any other: the host has to be
-// able to take them back.
-
+// The read-ahead checks frames in keeping their recency: what it read back must be mirrored
+// all the same, so that the host can take those bytes back.
 TEST_F(MediaMapDiskTest, AFrameReadBackAheadOfPlaybackIsMirrored) {
-  auto item = JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(new TestPayload(100, 7, true)), 10.0);
-  item->SetGuid(Guid::CreateUnique());
-  bag_->AddToBagAndSortDir(item);
-  item->PrepAndWrite(bag_);
-  ASSERT_TRUE(item->HasDiskCacheFile());
-  ASSERT_TRUE(jx::testing::WriterDrained());
-  item->FreeUpAsMuchAsPossible(true, nullptr);
-  ASSERT_FALSE(item->IsInMemory());
+  auto item = AddNewItem(*bag_, new TestPayload(100, 7, true), 10.0);
+  ASSERT_TRUE(WriteToDisk(bag_, item, /*leaveMemory=*/true));
   ASSERT_EQ(adapter_->GetNumEntries(), 0u);
 
   JX_ScCheckout handle;  // what the read-ahead does with a frame on disk only
@@ -163,8 +140,7 @@ TEST_F(MediaMapDiskTest, AFrameReadBackAheadOfPlaybackIsMirrored) {
 
 TEST_F(MediaMapTest, AnItemTheMediaManagerTookBackMissesForThatReason) {
   JX_ResetStatistics();
-  auto item = MakeItem(100);
-  bag_->AddToBagAndSortDir(item);
+  auto item = AddedItem(*bag_, 100);
   jx::standalone::MediaManagerPool()->SetBudget(0);
   ASSERT_FALSE(item->IsInMemory());
   JX_ScCheckout handle;
@@ -179,8 +155,7 @@ TEST_F(MediaMapTest, AnItemTheMediaManagerTookBackMissesForThatReason) {
 // dead map must neither keep the item nor tell the manager about it, before or after a restart.
 TEST_F(MediaMapTest, AnAdapterShutDownMirrorsNothingMore) {
   auto manager = jx::standalone::MediaManagerPool();
-  auto kept = MakeItem(100), late = MakeItem(50);
-  bag_->AddToBagAndSortDir(kept);
+  auto kept = AddedItem(*bag_, 100), late = MakeItem(50);
   const RV::MediaMapID oldMap = adapter_->GetMediaMapID();
   ASSERT_EQ(manager->GetBytesOfMap(oldMap), 100u);
   JX_MediaMapDeath();
