@@ -18,6 +18,10 @@
 #include "standalone/standalone_host.h"
 
 namespace cf = jx::checkout_flags;
+using jx::testing::AddNewItem;
+using jx::testing::MakeRequest;
+using jx::testing::TestPayload;
+using jx::testing::WriteToDisk;
 using zelcore::utility::Guid;
 using zelcore::utility::IntrusivePtr;
 using StuffPtr = IntrusivePtr<JX_Stuff>;
@@ -42,30 +46,27 @@ class ReadAheadTest : public jx::testing::DiskTest {
     DiskTest::TearDown();
   }
 
-  // `n` items whose payloads are on disk only, in playback order.
-  std::vector<Guid> FramesOnDiskOnly(int n) {
+  // `n` items whose payloads (of `make`, else TestPayloads) are on disk only, in playback order.
+  std::vector<Guid> FramesOnDiskOnly(int n, const std::function<TestPayload*()>& make = {}) {
     std::vector<Guid> guids;
     for (int i = 0; i < n; ++i) {
-      auto item = AddDiskCacheableItem(kSize);
-      item->PrepAndWrite(bag_);
-      EXPECT_TRUE(item->HasDiskCacheFile());
-      guids.push_back(item->GetGuid());
-      items_.push_back(item);
+      items_.push_back(AddNewItem(*bag_, make ? make() : new TestPayload(kSize, 7, true), 10.0));
+      EXPECT_TRUE(WriteToDisk(bag_, items_.back(), /*leaveMemory=*/true));
+      guids.push_back(items_.back()->GetGuid());
     }
-    EXPECT_TRUE(jx::testing::WriterDrained());
     fileBytes_ = items_.at(0)->GetAccountedDiskSize();
     room_ = 100 * fileBytes_;
-    for (auto& item : items_) {
-      JX_Stuff::ReleaseQueue queue;
-      item->FreeUpAsMuchAsPossible(false, &queue);
-      EXPECT_FALSE(item->IsInMemory());
-    }
     return guids;
+  }
+  static bool Play(JX_ReadAhead& readAhead, const StuffPtr& playhead, int direction,
+                   const std::vector<StuffPtr>& ahead) {
+    readAhead.SetPlayhead(playhead, direction, ahead);
+    return readAhead.WaitIdle(kLong);
   }
   static std::vector<StuffPtr> Requests(const std::vector<Guid>& guids, size_t from, size_t to) {
     std::vector<StuffPtr> out;
     for (size_t i = from; i < to && i < guids.size(); ++i) {
-      out.push_back(jx::testing::MakeRequest(guids[i]));
+      out.push_back(MakeRequest(guids[i]));
     }
     return out;
   }
@@ -77,7 +78,7 @@ class ReadAheadTest : public jx::testing::DiskTest {
   // What a viewer does with a frame: checks it out and back in.
   static bool Use(const Guid& guid) {
     JX_ScCheckout handle;
-    if (handle.FindAndCheckout(jx::testing::MakeRequest(guid), cf::kReadOnly | cf::kNoDiskRead) !=
+    if (handle.FindAndCheckout(MakeRequest(guid), cf::kReadOnly | cf::kNoDiskRead) !=
         kJX_CheckedOut)
       return false;
     return handle.IsInMemory();
@@ -98,11 +99,9 @@ TEST_F(ReadAheadTest, ReadsNearestFirstWithinItsShareAndHoldsWhatItReadAgainstPu
     ++reads;
   };
   JX_ReadAhead readAhead(options);
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 40));
-  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_TRUE(Play(readAhead, MakeRequest(guids[0]), 1, Requests(guids, 1, 40)));
   auto c = readAhead.GetCounters();
-  // The playhead's frame and the nine after it, and nothing further: reading frame 10 would
-  // take more than the share.
+  // The playhead's frame and the nine after it: frame 10 would take more than the share.
   EXPECT_EQ(InMemory(0, 10), 10);
   EXPECT_EQ(InMemory(10, 40), 0);
   EXPECT_EQ(c.prefetched, 10u);
@@ -113,11 +112,9 @@ TEST_F(ReadAheadTest, ReadsNearestFirstWithinItsShareAndHoldsWhatItReadAgainstPu
   bag_->PurgeAllMemoryCaches();
   EXPECT_EQ(InMemory(0, 10), 10);
 
-  // The viewer uses frames 1 to 4; the playhead moves to 5: 0 to 4 are let go, and the share
-  // now reaches 14.
+  // The viewer uses frames 1 to 4; at playhead 5, 0 to 4 are let go and the share reaches 14.
   for (int i = 1; i <= 4; ++i) ASSERT_TRUE(Use(guids[i]));
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[5]), 1, Requests(guids, 6, 40));
-  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_TRUE(Play(readAhead, MakeRequest(guids[5]), 1, Requests(guids, 6, 40)));
   c = readAhead.GetCounters();
   EXPECT_EQ(c.hitsOnPrefetched, 4u);
   EXPECT_EQ(c.wasted, 1u);  // frame 0, read but never used, has been passed by the playhead
@@ -144,37 +141,32 @@ TEST_F(ReadAheadTest, AJumpStopsTheOldPlanAfterTheReadUnderWay) {
     }
   };
   JX_ReadAhead readAhead(options);
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 10));
+  readAhead.SetPlayhead(MakeRequest(guids[0]), 1, Requests(guids, 1, 10));
   firstReadStarted.wait();
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[20]), 1, Requests(guids, 21, 25));
+  readAhead.SetPlayhead(MakeRequest(guids[20]), 1, Requests(guids, 21, 25));
   jumped.count_down();
   ASSERT_TRUE(readAhead.WaitIdle(kLong));
   const auto c = readAhead.GetCounters();
   EXPECT_EQ(c.jumps, 1u);
-  // Of the old plan only the read under way (the playhead's frame) happened, and it was let go
-  // unused (its memory stays, for the purges to take first).
+  // Of the old plan only the read under way (the playhead's frame) happened, let go unused.
   EXPECT_EQ(InMemory(1, 10), 0);
   EXPECT_EQ(InMemory(20, 25), 5);
   EXPECT_EQ(c.prefetched, 6u);
   EXPECT_EQ(c.wasted, 1u);
   // Going backwards is a jump too, even onto a frame the plan listed.
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[22]), -1, Requests(guids, 21, 22));
-  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_TRUE(Play(readAhead, MakeRequest(guids[22]), -1, Requests(guids, 21, 22)));
   EXPECT_EQ(readAhead.GetCounters().jumps, 2u);
   // A pause on the frame shown, and playing on from it, are not; a jump out of a pause is.
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[22]), 0, {});
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[22]), -1, Requests(guids, 21, 22));
-  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  readAhead.SetPlayhead(MakeRequest(guids[22]), 0, {});
+  ASSERT_TRUE(Play(readAhead, MakeRequest(guids[22]), -1, Requests(guids, 21, 22)));
   EXPECT_EQ(readAhead.GetCounters().jumps, 2u);
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[21]), 0, {});
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[5]), 1, Requests(guids, 6, 8));
-  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  readAhead.SetPlayhead(MakeRequest(guids[21]), 0, {});
+  ASSERT_TRUE(Play(readAhead, MakeRequest(guids[5]), 1, Requests(guids, 6, 8)));
   EXPECT_EQ(readAhead.GetCounters().jumps, 3u);
 }
 
-// A frame's file can go between the walk's check-out and its read: a new render of the key
-// replaces the item and drops the old file. Nothing is read; the key counts as not in the cache
-// (not as a failed read, which would mean a damaged file), and the walk goes on.
+// A new render replaces a frame between the walk's check-out and its read, dropping the old
+// file: that is "not in the cache", not a failed read (a damaged file), and the walk goes on.
 TEST_F(ReadAheadTest, AFrameWhoseFileGoesBeforeItsReadCountsAsNotInTheCache) {
   const auto guids = FramesOnDiskOnly(3);
   int reads = 0, replaced = 0;
@@ -182,15 +174,14 @@ TEST_F(ReadAheadTest, AFrameWhoseFileGoesBeforeItsReadCountsAsNotInTheCache) {
   options.beforeRead = [&](uint64_t) {
     if (reads++ != 0) return;  // the playhead's frame, 0
     // A new render of frame 0, in memory only.
-    auto fresh = JX_Stuff::CreateNew(
-        IntrusivePtr<JX_StuffData>(new jx::testing::TestPayload(kSize, 9, true)), 0.0);
+    auto fresh =
+        JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(new TestPayload(kSize, 9, true)), 0.0);
     fresh->SetGuid(guids[0]);
     bag_->AddToBagAndSortDir(fresh);
     replaced += items_[0]->HasDiskCacheFile() ? 0 : 1;
   };
   JX_ReadAhead readAhead(options);
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 3));
-  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_TRUE(Play(readAhead, MakeRequest(guids[0]), 1, Requests(guids, 1, 3)));
   ASSERT_EQ(replaced, 1) << "the old frame's file was not dropped before its read";
   const auto c = readAhead.GetCounters();
   EXPECT_EQ(reads, 3);
@@ -209,11 +200,10 @@ TEST_F(ReadAheadTest, KeysItCannotReadAreSkippedAndAFailedReadIsCountedAndDelete
   std::filesystem::resize_file(damaged, kSize / 2);
   const uint32_t failedBefore = jx::disk::GetCounters().failedReads.load();
   std::vector<StuffPtr> ahead = Requests(guids, 1, 5);
-  ahead.insert(ahead.begin() + 1, jx::testing::MakeRequest(Guid::CreateUnique()));  // not cached
+  ahead.insert(ahead.begin() + 1, MakeRequest(Guid::CreateUnique()));  // not cached
   ahead.insert(ahead.begin() + 2, nullptr);
   JX_ReadAhead readAhead;
-  readAhead.SetPlayhead(jx::testing::MakeRequest(Guid::CreateUnique()), 1, ahead);
-  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_TRUE(Play(readAhead, MakeRequest(Guid::CreateUnique()), 1, ahead));
   const auto c = readAhead.GetCounters();
   EXPECT_EQ(c.notInCache, 2u);  // the playhead's key and one ahead
   EXPECT_EQ(c.failedReads, 1u);
@@ -228,9 +218,8 @@ TEST_F(ReadAheadTest, FramesAlreadyInMemoryAreHeldButNotCountedAsRead) {
   const auto guids = FramesOnDiskOnly(6);
   for (int i = 1; i <= 2; ++i) ASSERT_TRUE(items_[i]->EnsureInMemory());
   JX_ReadAhead readAhead;
-  const auto playhead = jx::testing::MakeRequest(Guid::CreateUnique());  // a frame not cached
-  readAhead.SetPlayhead(playhead, 1, Requests(guids, 1, 6));
-  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  const auto playhead = MakeRequest(Guid::CreateUnique());  // a frame not cached
+  ASSERT_TRUE(Play(readAhead, playhead, 1, Requests(guids, 1, 6)));
   auto c = readAhead.GetCounters();
   EXPECT_EQ(c.prefetched, 3u);
   EXPECT_EQ(c.heldBytes, 2u * kSize + 3u * fileBytes_);
@@ -249,8 +238,7 @@ TEST_F(ReadAheadTest, AHostThatRefusesRoomOrFailsItsAccountingCostsOneFrameNotTh
   const auto guids = FramesOnDiskOnly(4);
   JX_ReadAhead::Options options;
   int befores = 0, afters = 0, refused = 0, afterFailures = 0;
-  // The host has no room for the playhead's frame, and its accounting after the third read
-  // fails: both as a host's allocator says no.
+  // The host's allocator refuses the playhead's frame, and its accounting after the third read.
   options.beforeRead = [&](uint64_t) {
     if (++befores == 1) {
       ++refused;
@@ -264,8 +252,7 @@ TEST_F(ReadAheadTest, AHostThatRefusesRoomOrFailsItsAccountingCostsOneFrameNotTh
     }
   };
   JX_ReadAhead readAhead(options);
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 4));
-  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_TRUE(Play(readAhead, MakeRequest(guids[0]), 1, Requests(guids, 1, 4)));
   ASSERT_EQ(refused, 1);
   ASSERT_EQ(afterFailures, 1);
   EXPECT_EQ(befores, 4);
@@ -288,24 +275,20 @@ TEST_F(ReadAheadTest, AHostThatRefusesRoomOrFailsItsAccountingCostsOneFrameNotTh
 TEST_F(ReadAheadTest, AHeldFrameReplacedRemovedOrReKeyedIsLetGoWhenThePlanStillListsItsKey) {
   const auto guids = FramesOnDiskOnly(4);
   JX_ReadAhead readAhead;
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 4));
-  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_TRUE(Play(readAhead, MakeRequest(guids[0]), 1, Requests(guids, 1, 4)));
   ASSERT_EQ(readAhead.GetCounters().prefetched, 4u);
   ASSERT_EQ(items_[1]->GetCheckoutCount(), 1u);
-  // While held: frame 1 is rendered again under its key (the new item replaces the held one),
-  // frame 2's item is re-keyed, frame 3's leaves the cache.
-  auto fresh = JX_Stuff::CreateNew(
-      IntrusivePtr<JX_StuffData>(new jx::testing::TestPayload(kSize, 9, true)), 10.0);
+  // While held: frame 1 is rendered again, frame 2's item re-keyed, frame 3's removed.
+  auto fresh =
+      JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(new TestPayload(kSize, 9, true)), 10.0);
   fresh->SetGuid(guids[1]);
   bag_->AddToBagAndSortDir(fresh);
   ASSERT_FALSE(items_[1]->IsInSortDir());
   items_[2]->SetGuid(Guid::CreateUnique());
   items_[3]->RemoveFromBagAndSortDir();
   // The playhead has not moved: the plan lists the same keys.
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 4));
-  ASSERT_TRUE(readAhead.WaitIdle(kLong));
-  // Nobody can find those items under the plan's keys any more: holding them keeps memory no
-  // request can use, and left frame 1's new item to the purges.
+  ASSERT_TRUE(Play(readAhead, MakeRequest(guids[0]), 1, Requests(guids, 1, 4)));
+  // Nobody can find those items under the plan's keys: holding them keeps memory no one uses.
   EXPECT_EQ(items_[1]->GetCheckoutCount(), 0u);
   EXPECT_EQ(items_[2]->GetCheckoutCount(), 0u);
   EXPECT_EQ(items_[3]->GetCheckoutCount(), 0u);
@@ -325,33 +308,23 @@ TEST_F(ReadAheadTest, AnotherVariantOfAHeldKeyIsReadAndTheHeldOneLetGo) {
   const Guid guid = Guid::CreateUnique();
   std::vector<StuffPtr> variants;
   for (int v = 0; v < 2; ++v) {
-    auto* payload = new jx::testing::TestPayload(kSize, 20 + v, true);
+    auto* payload = new TestPayload(kSize, 20 + v, true);
     payload->SetVariant(v);
     auto item = JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(payload), 10.0);
     item->SetGuid(guid);
     bag_->AddToBagAndSortDir(item);
-    item->PrepAndWrite(bag_);
-    ASSERT_TRUE(item->HasDiskCacheFile());
+    ASSERT_TRUE(WriteToDisk(bag_, item, /*leaveMemory=*/true));
     variants.push_back(item);
   }
-  ASSERT_TRUE(jx::testing::WriterDrained());
-  for (auto& item : variants) {
-    JX_Stuff::ReleaseQueue queue;
-    item->FreeUpAsMuchAsPossible(false, &queue);
-    ASSERT_FALSE(item->IsInMemory());
-  }
   JX_ReadAhead readAhead;
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guid, 0), 1, {});
-  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_TRUE(Play(readAhead, MakeRequest(guid, 0), 1, {}));
   ASSERT_EQ(variants[0]->GetCheckoutCount(), 1u);
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guid, 1), 1, {});
-  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_TRUE(Play(readAhead, MakeRequest(guid, 1), 1, {}));
   EXPECT_EQ(variants[1]->GetCheckoutCount(), 1u);
   EXPECT_TRUE(variants[1]->IsInMemory());
   EXPECT_EQ(variants[0]->GetCheckoutCount(), 0u);
   // A plan that asks for both holds both.
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guid, 0), 1, {jx::testing::MakeRequest(guid, 1)});
-  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_TRUE(Play(readAhead, MakeRequest(guid, 0), 1, {MakeRequest(guid, 1)}));
   EXPECT_EQ(variants[0]->GetCheckoutCount(), 1u);
   EXPECT_EQ(variants[1]->GetCheckoutCount(), 1u);
   EXPECT_TRUE(variants[0]->IsInMemory());
@@ -359,9 +332,8 @@ TEST_F(ReadAheadTest, AnotherVariantOfAHeldKeyIsReadAndTheHeldOneLetGo) {
   EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
 }
 
-// The playhead's frame is the one a viewer wants first, so the viewer often reads it back itself
-// while the walk is about to. What the walk reports as read ahead (and later as used or wasted)
-// must be what it read: a frame someone else read is held, but was found in memory.
+// A viewer often reads the playhead's frame back itself just before the walk would: the walk
+// holds it, but must not report it as read ahead (nor later as used or wasted).
 TEST_F(ReadAheadTest, AFrameAViewerReadBackFirstIsHeldButNotCountedAsReadAhead) {
   const auto guids = FramesOnDiskOnly(2);
   auto& disk = jx::disk::GetCounters();
@@ -373,8 +345,7 @@ TEST_F(ReadAheadTest, AFrameAViewerReadBackFirstIsHeldButNotCountedAsReadAhead) 
     // The viewer, on a thread of its own, reads frame 0 back before the walk gets to it.
     std::thread viewer([&] {
       JX_ScCheckout handle;
-      if (handle.FindAndCheckout(jx::testing::MakeRequest(guids[0]), cf::kReadOnly) ==
-              kJX_CheckedOut &&
+      if (handle.FindAndCheckout(MakeRequest(guids[0]), cf::kReadOnly) == kJX_CheckedOut &&
           handle.IsInMemory()) {
         ++viewerReads;
       }
@@ -382,8 +353,7 @@ TEST_F(ReadAheadTest, AFrameAViewerReadBackFirstIsHeldButNotCountedAsReadAhead) 
     viewer.join();
   };
   JX_ReadAhead readAhead(options);
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 2));
-  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_TRUE(Play(readAhead, MakeRequest(guids[0]), 1, Requests(guids, 1, 2)));
   ASSERT_EQ(viewerReads, 1);
   // Two files read in all: frame 0 by the viewer, frame 1 by the walk.
   ASSERT_EQ(disk.filesRead.load(), readsBefore + 2);
@@ -401,7 +371,7 @@ TEST_F(ReadAheadTest, AFrameAViewerReadBackFirstIsHeldButNotCountedAsReadAhead) 
 }
 
 // A payload kept compressed on disk: in memory it takes four times its file.
-class UnpackedPayload : public jx::testing::TestPayload {
+class UnpackedPayload : public TestPayload {
  public:
   using TestPayload::TestPayload;
   unsigned int GetApproximateMemorySize() const override {
@@ -409,35 +379,15 @@ class UnpackedPayload : public jx::testing::TestPayload {
   }
 };
 
-// The share is of the cache's memory: a frame read back counts for what it takes in memory once
-// read, which its file may well understate.
+// The share is of memory: a frame counts for what it takes once read, which its file understates.
 TEST_F(ReadAheadTest, FramesLargerInMemoryThanOnDiskStillStayWithinTheShare) {
-  std::vector<Guid> guids;
-  for (int i = 0; i < 12; ++i) {
-    auto item =
-        JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(new UnpackedPayload(kSize, 7, true)), 10.0);
-    item->SetGuid(Guid::CreateUnique());
-    bag_->AddToBagAndSortDir(item);
-    item->PrepAndWrite(bag_);
-    ASSERT_TRUE(item->HasDiskCacheFile());
-    guids.push_back(item->GetGuid());
-    items_.push_back(item);
-  }
-  ASSERT_TRUE(jx::testing::WriterDrained());
-  fileBytes_ = items_[0]->GetAccountedDiskSize();
+  const auto guids = FramesOnDiskOnly(12, [] { return new UnpackedPayload(kSize, 7, true); });
   ASSERT_LT(fileBytes_, 2u * kSize);
-  room_ = 100 * fileBytes_;
-  for (auto& item : items_) {
-    JX_Stuff::ReleaseQueue queue;
-    item->FreeUpAsMuchAsPossible(false, &queue);
-    ASSERT_FALSE(item->IsInMemory());
-  }
   JX_ReadAhead::Options options;
   options.budgetShare = 0.1;  // ten files' worth, but only two frames' memory
   const uint64_t limit = static_cast<uint64_t>(0.1 * static_cast<double>(room_));
   JX_ReadAhead readAhead(options);
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 12));
-  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_TRUE(Play(readAhead, MakeRequest(guids[0]), 1, Requests(guids, 1, 12)));
   uint64_t heldMemory = 0;
   int held = 0;
   for (auto& item : items_) {
@@ -457,21 +407,17 @@ TEST_F(ReadAheadTest, FramesLargerInMemoryThanOnDiskStillStayWithinTheShare) {
   EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
 }
 
-// A viewer keeps the frame on screen checked out, and the host moves the playhead on before the
-// viewer checks it back in: a frame in use when it is let go was used all the same.
+// A frame a viewer still has checked out when the playhead moves on was used all the same.
 TEST_F(ReadAheadTest, AFrameStillCheckedOutByAViewerWhenLetGoCountsAsUsed) {
   const auto guids = FramesOnDiskOnly(3);
   JX_ReadAhead readAhead;
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 3));
-  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_TRUE(Play(readAhead, MakeRequest(guids[0]), 1, Requests(guids, 1, 3)));
   ASSERT_EQ(readAhead.GetCounters().prefetched, 3u);
   {
     JX_ScCheckout onScreen;
-    ASSERT_EQ(onScreen.FindAndCheckout(jx::testing::MakeRequest(guids[0]), cf::kReadOnly),
-              kJX_CheckedOut);
+    ASSERT_EQ(onScreen.FindAndCheckout(MakeRequest(guids[0]), cf::kReadOnly), kJX_CheckedOut);
     ASSERT_TRUE(onScreen.IsInMemory());
-    readAhead.SetPlayhead(jx::testing::MakeRequest(guids[1]), 1, Requests(guids, 2, 3));
-    ASSERT_TRUE(readAhead.WaitIdle(kLong));
+    ASSERT_TRUE(Play(readAhead, MakeRequest(guids[1]), 1, Requests(guids, 2, 3)));
     EXPECT_EQ(items_[0]->GetCheckoutCount(), 1u);  // the viewer's own
   }
   readAhead.Stop();
@@ -485,16 +431,13 @@ TEST_F(ReadAheadTest, AFrameStillCheckedOutByAViewerWhenLetGoCountsAsUsed) {
 TEST_F(ReadAheadTest, AFrameAnotherPlanHoldsIsNotCountedAsUsed) {
   const auto guids = FramesOnDiskOnly(3);
   JX_ReadAhead first, second;
-  first.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 3));
-  ASSERT_TRUE(first.WaitIdle(kLong));
-  second.SetPlayhead(jx::testing::MakeRequest(guids[0]), 1, Requests(guids, 1, 3));
-  ASSERT_TRUE(second.WaitIdle(kLong));
+  ASSERT_TRUE(Play(first, MakeRequest(guids[0]), 1, Requests(guids, 1, 3)));
+  ASSERT_TRUE(Play(second, MakeRequest(guids[0]), 1, Requests(guids, 1, 3)));
   ASSERT_EQ(first.GetCounters().prefetched, 3u);
   ASSERT_EQ(items_[0]->GetCheckoutCount(), 2u);
   {
     JX_ScCheckout onScreen;
-    ASSERT_EQ(onScreen.FindAndCheckout(jx::testing::MakeRequest(guids[1]), cf::kReadOnly),
-              kJX_CheckedOut);
+    ASSERT_EQ(onScreen.FindAndCheckout(MakeRequest(guids[1]), cf::kReadOnly), kJX_CheckedOut);
     first.Stop();
   }
   const auto c = first.GetCounters();
@@ -506,7 +449,7 @@ TEST_F(ReadAheadTest, AFrameAnotherPlanHoldsIsNotCountedAsUsed) {
 
 // A payload whose file turns out damaged when read back. It lets a test hold a viewer's look-up
 // at the point where the viewer, having checked the frame out, looks whether it must read it.
-class DamagedOnDiskPayload : public jx::testing::TestPayload {
+class DamagedOnDiskPayload : public TestPayload {
  public:
   using TestPayload::TestPayload;
   bool IsInMemory() const override {
@@ -525,19 +468,7 @@ class DamagedOnDiskPayload : public jx::testing::TestPayload {
 // The walk's read of a frame fails while a viewer has the frame checked out, about to read it
 // itself: the viewer's look-up then misses because the file was damaged, and counts so.
 TEST_F(ReadAheadTest, AViewerMissingAFrameWhoseReadFailedOnTheWalkCountsAFailedRead) {
-  auto* payload = new DamagedOnDiskPayload(kSize, 7, true);
-  auto item = JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(payload), 10.0);
-  item->SetGuid(Guid::CreateUnique());
-  bag_->AddToBagAndSortDir(item);
-  item->PrepAndWrite(bag_);
-  ASSERT_TRUE(jx::testing::WriterDrained());
-  ASSERT_TRUE(item->HasDiskCacheFile());
-  {
-    JX_Stuff::ReleaseQueue queue;
-    item->FreeUpAsMuchAsPossible(false, &queue);
-  }
-  ASSERT_FALSE(item->IsInMemory());
-  const Guid guid = item->GetGuid();
+  const Guid guid = FramesOnDiskOnly(1, [] { return new DamagedOnDiskPayload(kSize, 7, true); })[0];
 
   // Not the id of an earlier run's viewer, which a thread made since may have been given.
   DamagedOnDiskPayload::viewer = std::thread::id();
@@ -583,13 +514,13 @@ TEST_F(ReadAheadTest, AViewerMissingAFrameWhoseReadFailedOnTheWalkCountsAFailedR
     viewer = std::thread([&] {
       DamagedOnDiskPayload::viewer = std::this_thread::get_id();
       JX_ScCheckout handle;
-      viewerResult = handle.FindAndCheckout(jx::testing::MakeRequest(guid), cf::kReadOnly);
+      viewerResult = handle.FindAndCheckout(MakeRequest(guid), cf::kReadOnly);
     });
     EXPECT_TRUE(waitFor(viewerWaits)) << "the viewer never checked the frame out";
   };
   {
     JX_ReadAhead readAhead(options);
-    readAhead.SetPlayhead(jx::testing::MakeRequest(guid), 1, {});
+    readAhead.SetPlayhead(MakeRequest(guid), 1, {});
     EXPECT_TRUE(readAhead.WaitIdle(kLong));
     EXPECT_EQ(readAhead.GetCounters().failedReads, 1u);
   }
@@ -609,22 +540,18 @@ TEST_F(ReadAheadTest, AViewerMissingAFrameWhoseReadFailedOnTheWalkCountsAFailedR
 
 }  // namespace
 
-// What the read-ahead holds is the plan's nearest frames, whatever it held before the plan
-// changed. A jump back by a few frames (looped playback), or a host that has less room than
-// before, must not leave frames further on pinned while the playhead's own frame and the ones
-// right after it get nothing: those are the ones shown next, and the ones a purge would take.
+// After a jump back (looped playback) or a smaller share, the read-ahead holds the nearest frames,
+// not frames further on held from before while the ones shown next go to the purges.
 TEST_F(ReadAheadTest, HoldsTheNearestFramesWithinTheShareAfterTheMoveOrTheShareShrinks) {
   const auto guids = FramesOnDiskOnly(40);
   JX_ReadAhead::Options options;
   options.budgetShare = 0.1;  // 10 frames of the 100
   JX_ReadAhead readAhead(options);
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[10]), 1, Requests(guids, 11, 40));
-  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_TRUE(Play(readAhead, MakeRequest(guids[10]), 1, Requests(guids, 11, 40)));
   ASSERT_EQ(InMemory(10, 20), 10);
 
   // Back to frame 5, playing on: 5..14 are the ten nearest; 15..19 are further than the share.
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[5]), 1, Requests(guids, 6, 40));
-  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_TRUE(Play(readAhead, MakeRequest(guids[5]), 1, Requests(guids, 6, 40)));
   auto c = readAhead.GetCounters();
   EXPECT_LE(c.heldBytes, 10u * fileBytes_);
   bag_->PurgeAllMemoryCaches();
@@ -633,8 +560,7 @@ TEST_F(ReadAheadTest, HoldsTheNearestFramesWithinTheShareAfterTheMoveOrTheShareS
 
   // The host now has room for 50 frames: the share is 5, the nearest of them.
   room_ = 50 * fileBytes_;
-  readAhead.SetPlayhead(jx::testing::MakeRequest(guids[5]), 0, Requests(guids, 6, 40));
-  ASSERT_TRUE(readAhead.WaitIdle(kLong));
+  ASSERT_TRUE(Play(readAhead, MakeRequest(guids[5]), 0, Requests(guids, 6, 40)));
   c = readAhead.GetCounters();
   EXPECT_LE(c.heldBytes, 5u * fileBytes_);
   bag_->PurgeAllMemoryCaches();
