@@ -37,9 +37,8 @@ constexpr unsigned int kSize = 100000;
 // What a payload's own code may throw: not a code, not a standard exception.
 struct PayloadsOwnFault {};
 
-// A payload with hooks: `duringWrite` runs inside its own Write, `failNextRead` makes the next
-// Read find no memory, as a host's allocator may refuse it, and `ownFaultNextRead` and
-// `ownFaultNextWrite` make the next Read or Write throw the payload's own exception type.
+// A payload with hooks: `duringWrite` runs inside its Write; the next Read finds no memory
+// (`failNextRead`), or the next Read or Write throws the payload's own exception.
 class HookedPayload : public TestPayload {
  public:
   using TestPayload::TestPayload;
@@ -81,11 +80,7 @@ class DiskFileTest : public jx::testing::DiskTest {
   }
 
   IntrusivePtr<JX_Stuff> AddItem(TestPayload* payload = nullptr) {
-    if (!payload) payload = new TestPayload(kSize, 5, true);
-    auto item = JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(payload), 0.0);
-    item->SetGuid(Guid::CreateUnique());
-    bag_->AddToBagAndSortDir(item);
-    return item;
+    return jx::testing::AddNewItem(*bag_, payload ? payload : new TestPayload(kSize, 5, true));
   }
   // The item leaves memory but keeps its disk copy.
   void Purge(const IntrusivePtr<JX_Stuff>& item) {
@@ -156,8 +151,8 @@ TEST_F(DiskFileTest, WritesThePayloadUnderItsNameAndReadsItBack) {
   ExpectFolderConsistent();
 }
 
-// One file per item, written once: not again from inside its own write, not over its file, and
-// not where another process of this version wrote it already (the item adopts that one).
+// One file per item, written once: not from inside its own write, not over its file, not where
+// another process of this version wrote it (the item adopts that one).
 TEST_F(DiskFileTest, WritesEachFileOnlyOnce) {
   auto* payload = new HookedPayload(kSize, 5, true);
   auto item = AddItem(payload);
@@ -194,8 +189,7 @@ TEST_F(DiskFileTest, WritesEachFileOnlyOnce) {
 
 TEST_F(DiskFileTest, ScanAdoptsOnlyFilesOfThisVersionAndKeepsGoing) {
   const uint32_t version = bag_->GetAppVersion();
-  // Files that are nearly ours: another version's, and a temporary of an unfinished write. (Names
-  // of every other kind are the name parser's and the folder-scan fuzz corpus's business.)
+  // Files that are nearly ours: another version's, and a temporary of an unfinished write.
   const std::vector<std::string> foreign = {NameFor(Guid::CreateUnique(), version + 1),
                                             NameFor(Guid::CreateUnique()) + ".77.1.tmp"};
   for (const auto& name : foreign) MakeFile(name, 100);
@@ -228,9 +222,8 @@ TEST_F(DiskFileTest, ScanAdoptsOnlyFilesOfThisVersionAndKeepsGoing) {
   ExpectReadsBack(diskOnly, 9);
 }
 
-// The bag counts an item's file in 32 bits. A file too large for that (damaged, or made by
-// something else) would be counted short, and the folder would hold more than its limit with
-// nothing to show for it; it is deleted, not adopted.
+// The bag counts an item's file in 32 bits: a larger file would be counted short and let the
+// folder pass its limit unseen. It is deleted, not adopted.
 TEST_F(DiskFileTest, AFileTooLargeToCountIsNotAdopted) {
   for (const bool folderScan : {false, true}) {
     SCOPED_TRACE(folderScan ? "folder scan" : "one file");
@@ -251,8 +244,8 @@ TEST_F(DiskFileTest, AFileTooLargeToCountIsNotAdopted) {
   }
 }
 
-// The same size reached by a write (a payload that wrote more than 4 GiB, here a file grown sparse
-// as it is renamed into place): the file is not linked but deleted, and the write fails.
+// The same size reached by a write (here a file grown sparse as it is renamed into place): the
+// file is deleted, not linked, and the write fails.
 TEST_F(DiskFileTest, AWrittenFileTooLargeToCountIsDeletedAndTheWriteFails) {
   class GrowsCommittedFiles final : public jx::testing::ForwardingFileSystem {
    public:
@@ -327,62 +320,48 @@ TEST_F(DiskFileTest, AFailedReadDeletesTheFileAndTheItemIsRecomputed) {
   }
 }
 
+// Every call a write makes that can fail (the last partial unit goes through the page cache: no
+// truncation), and the payload's own Write, which may throw anything: the write fails, counted,
+// with nothing left behind and no exception let out, and the item can be written later.
 TEST_F(DiskFileTest, AFailedWriteLeavesNothingBehindAndTheCacheWorks) {
-  // Every call a write makes that can fail (the file's last partial unit is written through
-  // the page cache, not padded and cut back, so no truncation).
-  const FileOp ops[] = {FileOp::kCreate, FileOp::kOpen, FileOp::kWrite, FileOp::kFlush,
-                        FileOp::kRename};
-  for (FileOp op : ops) {
+  std::vector<std::pair<std::string, std::function<void(HookedPayload&)>>> faults = {
+      {"payload's own exception", [](HookedPayload& p) { p.ownFaultNextWrite = true; }}};
+  for (FileOp op :
+       {FileOp::kCreate, FileOp::kOpen, FileOp::kWrite, FileOp::kFlush, FileOp::kRename}) {
     for (bool persistent : {false, true}) {
-      SCOPED_TRACE(::testing::Message() << zelcore::filesupport::FileOpName(op)
-                                        << (persistent ? " persistent" : " once"));
-      auto item = AddItem();
-      const uint64_t failed = counters_.failedWrites;
-      FaultInjection::FailNth(op, 1, EIO, persistent);
-      item->PrepAndWrite(bag_);
-      EXPECT_GE(FaultInjection::InjectedCount(), 1u);
-      FaultInjection::Reset();
-      EXPECT_EQ(counters_.failedWrites, failed + 1);
-      EXPECT_FALSE(item->HasDiskCacheFile());
-      for (const auto& name : FolderNames(dir_)) {
-        EXPECT_EQ(name.find(item->GetGuid().AsString()), std::string::npos) << name;
-      }
-      ExpectFolderConsistent();
-
-      WriteAndPurge(item);
-      ExpectReadsBack(item->GetGuid(), 5);
-      ExpectFolderConsistent();
+      faults.emplace_back(
+          std::string(zelcore::filesupport::FileOpName(op)) + (persistent ? " persistent" : ""),
+          [=](HookedPayload&) { FaultInjection::FailNth(op, 1, EIO, persistent); });
     }
   }
-}
+  for (const auto& [what, inject] : faults) {
+    SCOPED_TRACE(what);
+    auto* payload = new HookedPayload(kSize, 5, true);
+    auto item = AddItem(payload);
+    const uint64_t failed = counters_.failedWrites;
+    inject(*payload);
+    try {
+      item->PrepAndWrite(bag_);
+    } catch (...) {
+      ADD_FAILURE() << "an exception left the write";
+    }
+    EXPECT_GE(FaultInjection::InjectedCount() + payload->ownFaultsThrown, 1u) << "nothing injected";
+    FaultInjection::Reset();
+    EXPECT_EQ(counters_.failedWrites, failed + 1);
+    EXPECT_FALSE(item->HasDiskCacheFile());
+    for (const auto& name : FolderNames(dir_)) {
+      EXPECT_EQ(name.find(item->GetGuid().AsString()), std::string::npos) << name;
+    }
+    ExpectFolderConsistent();
 
-// A payload's Write is the payload's own code and may throw anything. The write fails like any
-// other (counted, nothing left behind), and the item can still be written later.
-TEST_F(DiskFileTest, AWriteFailedByThePayloadsOwnExceptionLeavesTheItemWriteable) {
-  auto* payload = new HookedPayload(kSize, 5, true);
-  auto item = AddItem(payload);
-  const uint64_t failed = counters_.failedWrites;
-  payload->ownFaultNextWrite = true;
-  try {
-    item->PrepAndWrite(bag_);
-  } catch (...) {
-    ADD_FAILURE() << "the payload's exception left the write";
+    WriteAndPurge(item);
+    ExpectReadsBack(item->GetGuid(), 5);
+    ExpectFolderConsistent();
   }
-  ASSERT_EQ(payload->ownFaultsThrown, 1);
-  EXPECT_EQ(counters_.failedWrites, failed + 1);
-  EXPECT_FALSE(item->HasDiskCacheFile());
-  ExpectFolderConsistent();
-
-  item->PrepAndWrite(bag_);
-  EXPECT_TRUE(item->HasDiskCacheFile()) << "the failed write kept the item from ever being written";
-  Purge(item);
-  ExpectReadsBack(item->GetGuid(), 5);
-  ExpectFolderConsistent();
 }
 
 TEST_F(DiskFileTest, AWriteAfterDiskCachingWentOffWritesNothingAnywhere) {
-  // The write was decided on while the folder was fine; then the folder became unusable (a file
-  // stands where the maker's folder goes) and disk caching went off.
+  // The write was decided on; then the folder became unusable and disk caching went off.
   auto item = AddItem();
   const std::string blocked = tempDir_ + "/blocked", cwd = tempDir_ + "/cwd";
   ASSERT_TRUE(std::filesystem::create_directories(blocked));
@@ -402,10 +381,8 @@ TEST_F(DiskFileTest, AWriteAfterDiskCachingWentOffWritesNothingAnywhere) {
   EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
 }
 
-// The item changes under a write already under way (the writer holds only a read-only check-out,
-// which neither re-keying nor removal waits for). The file the write commits is named after the
-// key it started with: linked to the item anyway, it outlives the change, and a later process
-// adopts it under the old key.
+// The item is re-keyed under its write (which holds only a read-only check-out). The file it
+// commits is named after the old key: kept, a later process adopts it under that key.
 TEST_F(DiskFileTest, AnItemReKeyedDuringItsWriteLeavesNoCopyUnderTheOldKey) {
   auto* payload = new HookedPayload(kSize, 5, true);
   auto item = AddItem(payload);
@@ -452,10 +429,8 @@ TEST_F(DiskFileTest, AnItemRemovedDuringItsWriteLeavesNoFileBehind) {
   ExpectFolderConsistent();
 }
 
-// A scan finds a file of the item's key under another name (another process wrote the key with
-// another header) while the item's own write is under way. That file holds another payload than
-// the item's, and read back into the item it would be served for it: it is not linked, and no
-// file of the key stays in the folder that nothing counts. The item ends with its own file.
+// During the item's write, a scan finds a file of its key under another header: another payload,
+// which must not be linked to the item, nor stay in the folder uncounted.
 TEST_F(DiskFileTest, AFileOfTheKeyUnderAnotherHeaderFoundDuringTheItemsWriteIsNotTaken) {
   auto* payload = new HookedPayload(kSize, 5, true);
   auto item = AddItem(payload);
@@ -484,8 +459,8 @@ TEST_F(DiskFileTest, AFileOfTheKeyUnderAnotherHeaderFoundDuringTheItemsWriteIsNo
   ExpectFolderConsistent();
 }
 
-// A FIFO named like the item's cache file (left by a tool, or planted): reading one blocks until
-// a writer comes. It is never adopted, never written over, and a read of one fails at once.
+// A FIFO named like the item's cache file blocks its reader until a writer comes: it is never
+// adopted, never written over, and a read of one fails at once.
 TEST_F(DiskFileTest, AFifoWhereACacheFileBelongsIsNeitherAdoptedNorWaitedFor) {
   auto item = AddItem();
   const File fifo(dir_, NameFor(item->GetGuid()));
@@ -512,11 +487,8 @@ TEST_F(DiskFileTest, AFifoWhereACacheFileBelongsIsNeitherAdoptedNorWaitedFor) {
 
 }  // namespace
 
-// An item only on disk whose read back fails keeps nothing: no memory, no file. Whatever asked
-// for it (a viewer that only looks, a plain check-out of the item, a writeable look-up), the
-// item must leave the bag and the directory as any item left with nothing does, rather than
-// stay there for good: no purge walk visits an item that is not in memory, and only a new
-// render of that very key would ever replace it.
+// An item only on disk whose read back fails keeps nothing, whoever asked for it: it must leave
+// the bag and the directory, or stay there for good (no purge walk visits it).
 TEST_F(DiskFileTest, AnItemLeftWithNothingByAFailedReadLeavesTheBagAndTheDirectory) {
   struct Asker {
     const char* what;
@@ -572,9 +544,8 @@ TEST_F(DiskFileTest, AnItemLeftWithNothingByAFailedReadLeavesTheBagAndTheDirecto
   EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
 }
 
-// Re-keying an item whose payload is only on disk drops that copy (it is filed under the old
-// key), which leaves the item nothing to answer its new key with: it leaves the bag and the
-// directory, now or, when somebody holds it, at the check-in that leaves it idle.
+// Re-keying an item only on disk drops that copy (filed under the old key): left with nothing, it
+// leaves the bag and the directory, now or at the check-in that leaves it idle.
 TEST_F(DiskFileTest, AnItemReKeyedWhileOnlyOnDiskLeavesTheBagOnceIdle) {
   auto idle = AddItem();
   WriteAndPurge(idle);
@@ -598,10 +569,8 @@ TEST_F(DiskFileTest, AnItemReKeyedWhileOnlyOnDiskLeavesTheBagOnceIdle) {
   EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
 }
 
-// An item's change handler is the host's: it runs with no lock of the cache held, and may wait
-// for a thread of its own that uses the cache. Re-keying an item drops its disk copy (filed under
-// the old key), and so does a writeable check-in made inside CheckinAndCheckout: both tell the
-// handler, and neither may do so holding the library lock.
+// Re-keying, and a writeable check-in inside CheckinAndCheckout, drop the disk copy and tell the
+// host's handler, which may wait for a thread of its own that takes the library lock.
 TEST_F(DiskFileTest, ADroppedDiskCopyTellsTheChangeHandlerWithNoLockHeld) {
   const std::pair<const char*, std::function<void(const IntrusivePtr<JX_Stuff>&)>> drops[] = {
       {"re-keyed", [](const auto& item) { item->UpdateWithNewGuid(Guid::CreateUnique()); }},
@@ -649,10 +618,8 @@ TEST_F(DiskFileTest, ADroppedDiskCopyTellsTheChangeHandlerWithNoLockHeld) {
   EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
 }
 
-// A handler may change the item it hears of: here the first of two handlers purges the payload
-// when it hears of a write, or of a deletion, while the payload is in memory. The second then
-// hears the purge's news before the change's own, and must still be left with the item's state
-// as it is, not as the change left it.
+// The first of two handlers purges the payload on hearing of a write or deletion: the second
+// hears the purge before the change, and must still be left with the item's state as it is.
 TEST_F(DiskFileTest, EveryHandlerIsLeftWithTheItemsStateWhenAnotherHandlerChangesIt) {
   const std::pair<const char*, bool> changes[] = {{"written", true}, {"file deleted", false}};
   for (const auto& change : changes) {
