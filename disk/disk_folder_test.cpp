@@ -44,14 +44,20 @@ std::string ExpectedFolder(const std::string& root) {
 
 using DiskFolderTest = jx::testing::DiskTest;
 
+// A name of this version's cache file whose header the TestPayload factory reads back.
+std::string PayloadFileName(const JX_Bag& bag, uint32_t seed) {
+  const uint32_t header[2] = {seed, 8};
+  return jx::disk::MakeCacheFileName(Guid::CreateUnique(), "TestPayload", bag.GetAppVersion(),
+                                     reinterpret_cast<const uint8_t*>(header), sizeof header);
+}
+
 TEST(DiskFolderNames, MachineFolderAndCacheFileVersion) {
   EXPECT_EQ(jx::disk::MachineFolderName("studio-7"), "Disk Cache - studio-7.noindex");
   EXPECT_EQ(jx::disk::MachineFolderName("a/b:c*d?e\"f<g>h|i\\j"),
             "Disk Cache - a-b-c-d-e-f-g-h-i-j.noindex");
   EXPECT_EQ(jx::disk::MachineFolderName(""), "Disk Cache - This Computer.noindex");
 
-  // The purge tells this version's files from others' by this field. (That it reads what the
-  // name writer writes is checked by the header round-trip fuzz corpus, run with the tests.)
+  // The purge tells this version's files from others' by this field.
   uint32_t v = 0;
   EXPECT_TRUE(jx::disk::ParseCacheFileVersion("G.M.1A2B..kqcache", &v));
   EXPECT_EQ(v, 0x1A2Bu);
@@ -69,8 +75,8 @@ TEST_F(DiskFolderTest, FolderLayoutAndFallbacks) {
   EXPECT_TRUE(Folder().Exists());
   EXPECT_EQ(Reports(""), 0u);
 
-  // Missing folder, a file where the folder should be, no folder at all: the system temporary
-  // folder (the fixture gives each test its own), one warning each on the main thread.
+  // Missing folder, a file in its place, none at all: the system temporary folder (the test's
+  // own), one warning each.
   const std::string systemTemp = FileUtils::GetTempDirectoryPath();
   ASSERT_EQ(systemTemp.rfind(tempDir_, 0), 0u) << "would write outside the test's folder";
   const std::string plainFile = tempDir_ + "/plain";
@@ -86,8 +92,7 @@ TEST_F(DiskFolderTest, FolderLayoutAndFallbacks) {
 }
 
 TEST_F(DiskFolderTest, UnwritableFolderDisablesDiskCachingUntilTheHostSwitchesItOn) {
-  // The folder exists, but a file stands where the maker's folder must go: nothing can be
-  // made beneath it, whoever we run as. Only a person at the main thread can act on a warning.
+  // A file stands where the maker's folder must go. Warnings only on the main thread.
   const std::string root = tempDir_ + "/blocked";
   ASSERT_EQ(mkdir(root.c_str(), 0700), 0);
   std::ofstream(root + "/Orvane") << "x";
@@ -101,8 +106,7 @@ TEST_F(DiskFolderTest, UnwritableFolderDisablesDiskCachingUntilTheHostSwitchesIt
   EXPECT_EQ(Reports(kCantWriteText), 1u);
   EXPECT_EQ(Reports(kNonexistentText), 0u);
 
-  // Switching it back on is the host's call: a usable folder alone does not, and meanwhile
-  // nothing is offered to the writer.
+  // Switching it back on is the host's call; meanwhile nothing is offered to the writer.
   bag_->SetDiskCacheInfo(tempDir_, 1000);
   EXPECT_FALSE(bag_->IsDiskCacheEnabled());
   EXPECT_EQ(Folder().GetPath(), ExpectedFolder(tempDir_));
@@ -194,9 +198,8 @@ TEST_F(DiskFolderTest, EnsureDiskSpaceDeletesOldestUnpinnedFirst) {
   EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 200);
 }
 
-// Making room can take the last copy of an item whose payload already left memory (after a
-// restart, every adopted file is such an item). Nothing a request could use is left then, and
-// nothing would ever take the item out of the bag: a long session would pile them up.
+// Making room can take the last copy of an item no longer in memory (every adopted file, after a
+// restart): left with nothing, it must leave the bag, or a long session piles them up.
 TEST_F(DiskFolderTest, AnItemWhoseLastCopyGoesToMakeRoomLeavesTheBag) {
   auto diskOnly = AddItemWithFile(100);
   diskOnly->FreeUpAsMuchAsPossible(true, nullptr);
@@ -239,8 +242,7 @@ TEST_F(DiskFolderTest, ScanHandsOverCacheFilesAndClearsLeftovers) {
   EXPECT_EQ(bag_->ScanDiskCacheDir(), 0);
 }
 
-// The default file system, with every temporary an hour older than it is and each listing
-// counted: old leftovers without a test that waits a minute.
+// The default file system, with every temporary an hour older and each listing counted.
 class AgedTemporaries final : public jx::testing::ForwardingFileSystem {
  public:
   int Status(const char* p, struct stat* st) override { return Aged(p, st, in_.Status(p, st)); }
@@ -289,8 +291,8 @@ TEST_F(DiskFolderTest, TheScanListsTheFolderOnceAndSweepsOnlyItsOwnOldTemporarie
   EXPECT_EQ(files.listings(), 1);
 }
 
-// The scan asks the status of the names it lists a folder's batch at a time; whatever the
-// batches, every file, sub-folders' too, must come in with its own size.
+// The scan asks the status of its names a batch at a time: every file, sub-folders' too, must
+// come in with its own size.
 TEST_F(DiskFolderTest, TheScanAdoptsEveryFileWithItsOwnSizeAcrossBatchesAndSubFolders) {
   JX_StopAllAsyncWork();
   jx::testing::RegisterTestPayloadFactory();
@@ -299,11 +301,7 @@ TEST_F(DiskFolderTest, TheScanAdoptsEveryFileWithItsOwnSizeAcrossBatchesAndSubFo
   ASSERT_EQ(::mkdir((sub + "/deeper").c_str(), 0755), 0);
   size_t made = 0;
   const auto make = [&](const std::string& folder) {
-    const uint32_t header[2] = {static_cast<uint32_t>(made), 8};
-    const std::string path =
-        folder + "/" +
-        jx::disk::MakeCacheFileName(Guid::CreateUnique(), "TestPayload", bag_->GetAppVersion(),
-                                    reinterpret_cast<const uint8_t*>(header), sizeof header);
+    const std::string path = folder + "/" + PayloadFileName(*bag_, static_cast<uint32_t>(made));
     std::ofstream(path, std::ios::binary) << std::string(++made, 'x');  // a size of its own
   };
   for (int i = 0; i < 600; ++i) make(Folder().GetPath());
@@ -328,19 +326,11 @@ TEST_F(DiskFolderTest, AScanThatFindsTheRequestTakenReturnsOnlyOnceThatScanHasEn
   JX_StopAllAsyncWork();
   jx::testing::RegisterTestPayloadFactory();
   constexpr size_t kFiles = 2000;
-  for (size_t i = 0; i < kFiles; ++i) {
-    const uint32_t header[2] = {static_cast<uint32_t>(i), 8};
-    MakeFile(jx::disk::MakeCacheFileName(Guid::CreateUnique(), "TestPayload", bag_->GetAppVersion(),
-                                         reinterpret_cast<const uint8_t*>(header), sizeof header),
-             8);
-  }
+  for (size_t i = 0; i < kFiles; ++i) MakeFile(PayloadFileName(*bag_, static_cast<uint32_t>(i)), 8);
   bag_->RequestDiskCacheScan();
   std::thread other([&] { bag_->ScanDiskCacheDir(); });
   // Once the other thread adopts, it holds the request; the caller here finds none left.
-  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-  while (bag_->GetNumItems() == 0 && std::chrono::steady_clock::now() < giveUp) {
-    std::this_thread::yield();
-  }
+  EXPECT_TRUE(jx::testing::EventuallyTrue([&] { return bag_->GetNumItems() != 0; }));
   bag_->ScanDiskCacheDir();
   EXPECT_EQ(bag_->GetNumItems(), kFiles) << "returned while the other scan was still adopting";
   other.join();
@@ -387,10 +377,8 @@ class DestroyHookPayload : public jx::testing::TestPayload {
   std::function<void()> onDestroy_;
 };
 
-// Emptying the folder tells each item that loses its copy, and lets go of an item that lived only
-// on disk. The host's handler, and the payload's destructor, run with no lock of the cache held,
-// so they may have a thread of their own use the folder (read it again, say) and wait for that
-// thread: the folder walk's own mutex must not be held around them.
+// Emptying the folder tells the host's handlers, and destroys payloads, outside the folder walk's
+// mutex: they may wait for a thread of their own that uses the folder.
 TEST_F(DiskFolderTest, PurgeAllDiskCachesTellsAndLetsGoOnceTheFolderIsFreeAgain) {
   std::atomic<int> helpersStarted{0}, helperStuck{0};
   std::vector<std::thread> helpers;  // joined at the end: a stuck one gets on once let go
@@ -418,15 +406,10 @@ TEST_F(DiskFolderTest, PurgeAllDiskCachesTellsAndLetsGoOnceTheFolderIsFreeAgain)
   b->GetMemDiskChangedSignal().Connect(handler);
   std::atomic<int> destroyed{0};
   {
-    auto diskOnly = JX_Stuff::CreateNew(
-        zelcore::utility::IntrusivePtr<JX_StuffData>(new DestroyHookPayload(16,
-                                                                            [&] {
-                                                                              ++destroyed;
-                                                                              hostUsesTheFolder();
-                                                                            })),
-        0.0);
-    diskOnly->SetGuid(Guid::CreateUnique());
-    bag_->AddToBagAndSortDir(diskOnly);
+    auto diskOnly = jx::testing::AddNewItem(*bag_, new DestroyHookPayload(16, [&] {
+      ++destroyed;
+      hostUsesTheFolder();
+    }));
     diskOnly->SetDiskCacheFile(MakeFile(CacheFileName(diskOnly->GetGuid()), 50), false);
     diskOnly->SyncDiskSizeWithBag(50);
     diskOnly->FreeUpAsMuchAsPossible(true, nullptr);
