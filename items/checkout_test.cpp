@@ -33,9 +33,7 @@ namespace {
 class CheckoutTest : public LibraryTest {
  protected:
   IntrusivePtr<JX_Stuff> Added(unsigned size, const Guid& guid = {}) {
-    auto item = MakeItem(size, guid);
-    bag_->AddToBagAndSortDir(item);
-    return item;
+    return jx::testing::AddedItem(*bag_, size, guid);
   }
   JX_CheckoutResult Find(const IntrusivePtr<JX_Stuff>& request, int flags,
                          IntrusivePtr<JX_Stuff>* found) {
@@ -61,8 +59,11 @@ TEST_F(CheckoutTest, ReadOnlyAndWriteableCheckoutsExcludeEachOther) {
   EXPECT_TRUE(item->IsCheckedOutWriteable());
   EXPECT_EQ(item->Checkout(cf::kReadOnly), kJX_CheckoutRefused) << "reader beside a writer";
   EXPECT_EQ(item->Checkout(0), kJX_CheckoutRefused) << "second writer";
-  item->Checkin(0, 0.0);
+  // Checked in and out again in one step: now read-only, the item kept.
+  EXPECT_EQ(item->CheckinAndCheckout(0, 0.0, cf::kReadOnly), kJX_CheckedOut);
   EXPECT_FALSE(item->IsCheckedOutWriteable());
+  EXPECT_EQ(item->GetCheckoutCount(), 1u);
+  item->Checkin(0, 0.0);
   EXPECT_EQ(item->GetCheckoutCount(), 0u);
 }
 
@@ -131,11 +132,13 @@ TEST_F(CheckoutTest, AReKeyedItemIsFoundUnderItsNewKeyOnly) {
 TEST_F(CheckoutTest, PendingItemIsRefusedWithoutWaitBitsAndCountedWhenAsked) {
   IntrusivePtr<JX_Stuff> pending;
   bool created = false;
-  ASSERT_EQ(bag_->FindAndCheckout(MakeRequest(Guid::CreateUnique()),
-                                  cf::kReadOnly | cf::kCreatePending, &pending, &created),
+  const auto request = MakeRequest(Guid::CreateUnique());
+  ASSERT_EQ(bag_->FindAndCheckout(request, cf::kReadOnly | cf::kCreatePending, &pending, &created),
             kJX_CreatedPending);
   EXPECT_TRUE(created);
   EXPECT_TRUE(pending->IsPendingFromThisThread());
+  // A search reads the key without the item's lock: pending, it is the request's.
+  EXPECT_EQ(pending->GetFindKeyData(), request->GetFindKeyData());
   const auto refusals = JX_GetStuffCounters().pendingRefusals.load();
   EXPECT_EQ(pending->Checkout(cf::kReadOnly), kJX_CheckoutRefused);
   EXPECT_EQ(JX_GetStuffCounters().pendingRefusals.load(), refusals);
@@ -149,14 +152,16 @@ TEST_F(CheckoutTest, PendingItemIsRefusedWithoutWaitBitsAndCountedWhenAsked) {
   });
   other.join();
   EXPECT_EQ(JX_GetStuffCounters().pendingRefusals.load(), refusals + 1);
-  pending->SetStuffDataFromPendingRender(IntrusivePtr<JX_StuffData>(new TestPayload(10)), 0.5);
+  const IntrusivePtr<JX_StuffData> filled(new TestPayload(10));
+  pending->SetStuffDataFromPendingRender(filled, 0.5);
   EXPECT_FALSE(pending->IsPendingRender());
   EXPECT_DOUBLE_EQ(pending->GetComputeTime(), 0.5);
+  EXPECT_EQ(pending->GetFindKeyData(), filled) << "filled, the key is the payload";
   pending->Checkin(0, 0.0);
 }
 
-// A search reads its request's key without the request's lock once that key can no longer
-// change: each change of find-key data or pending state must show in what it reads.
+// A search reads the key without the item's lock: each change of find-key data must show in it.
+// (A pending item's fill: PendingItemIsRefusedWithoutWaitBitsAndCountedWhenAsked.)
 TEST_F(CheckoutTest, TheFindKeyFollowsFindKeyDataAndAPendingItemsFill) {
   auto item = MakeItem(100);
   const auto payload = item->GetDataPtr();
@@ -166,16 +171,6 @@ TEST_F(CheckoutTest, TheFindKeyFollowsFindKeyDataAndAPendingItemsFill) {
   EXPECT_EQ(item->GetFindKeyData(), key);
   item->SetFindKeyData({});
   EXPECT_EQ(item->GetFindKeyData(), payload);
-
-  auto request = MakeRequest(Guid::CreateUnique());
-  IntrusivePtr<JX_Stuff> pending;
-  ASSERT_EQ(Find(request, cf::kReadOnly | cf::kCreatePending, &pending), kJX_CreatedPending);
-  // Pending, the item answers with the request's key; filled, with its payload.
-  EXPECT_EQ(pending->GetFindKeyData(), request->GetFindKeyData());
-  const IntrusivePtr<JX_StuffData> filled(new TestPayload(10));
-  pending->SetStuffDataFromPendingRender(filled, 0.0);
-  EXPECT_EQ(pending->GetFindKeyData(), filled);
-  pending->Checkin(0, 0.0);
 }
 
 // Nothing on disk to fall back on: an item checked in with kPurge keeps nothing and leaves.
@@ -190,17 +185,7 @@ TEST_F(CheckoutTest, ACheckinThatPurgesLeavesNothingWithoutADiskCopy) {
   EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 0);
 }
 
-TEST_F(CheckoutTest, CheckinAndCheckoutKeepsTheItem) {
-  auto item = Added(20);
-  ASSERT_EQ(item->Checkout(0), kJX_CheckedOut);
-  EXPECT_EQ(item->CheckinAndCheckout(0, 0.0, cf::kReadOnly), kJX_CheckedOut);
-  EXPECT_FALSE(item->IsCheckedOutWriteable());
-  EXPECT_EQ(item->GetCheckoutCount(), 1u);
-  item->Checkin(0, 0.0);
-}
-
-// A payload whose owning item's check-in is made to throw: its size query throws once armed,
-// and the check-in re-syncs the size.
+// A payload whose size query, which the check-in makes, throws once armed.
 class ThrowingSizePayload : public TestPayload {
  public:
   ThrowingSizePayload() : TestPayload(10) {}
@@ -213,9 +198,7 @@ class ThrowingSizePayload : public TestPayload {
 
 TEST_F(ScCheckoutTest, DestructorChecksInSwallowsCheckinErrorsAndSkipsAReleasedItem) {
   auto* payload = new ThrowingSizePayload;
-  auto item = JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(payload), 0.0);
-  item->SetGuid(Guid::CreateUnique());
-  bag_->AddToBagAndSortDir(item);
+  auto item = jx::testing::AddNewItem(*bag_, payload);
   {
     JX_ScCheckout handle(item, cf::kReadOnly);
     EXPECT_EQ(handle.GetResult(), kJX_CheckedOut);
@@ -328,9 +311,7 @@ TEST_F(ScCheckoutTest, StuffSetterAbandonsAnUnfilledRenderAndReleasesWaiters) {
     });
   }
   // Every waiter has checked the pending item out and gone to its gate.
-  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (waits.load() < waitsBefore + kWaiters && std::chrono::steady_clock::now() < giveUp)
-    std::this_thread::yield();
+  EXPECT_TRUE(jx::testing::EventuallyTrue([&] { return waits.load() >= waitsBefore + kWaiters; }));
   EXPECT_EQ(waits.load(), waitsBefore + kWaiters);
   EXPECT_EQ(pending->GetCheckoutCount(), 1u + kWaiters);
   try {
@@ -420,8 +401,7 @@ TEST_F(ScCheckoutDiskTest, ReacquisitionReadsFromDiskWhateverTheStoredFlags) {
 TEST_F(ScCheckoutDiskTest, DiskHoldsCountUntilCheckinAndFollowSwap) {
   auto& global = JX_Stuff::GetNumDiskCacheCheckoutsGlobal();
   const uint32_t globalBefore = global.load();
-  auto plain = MakeItem(10);
-  bag_->AddToBagAndSortDir(plain);
+  auto plain = jx::testing::AddedItem(*bag_, 10);
   {
     JX_ScCheckout handle(plain, cf::kReadOnly);
     EXPECT_TRUE(handle.HasDiskHoldIfWanted()) << "no disk copy: no hold needed";
