@@ -19,6 +19,7 @@ namespace cf = jx::checkout_flags;
 namespace ci = jx::checkin_flags;
 using jx::HostReport;
 using jx::StandaloneHost;
+using jx::testing::AddedItem;
 using jx::testing::LibraryTest;
 using jx::testing::MakeItem;
 using jx::testing::MakeRequest;
@@ -93,9 +94,8 @@ class BagTest : public LibraryTest {
   }
 };
 
-// The purge frees from the old end, so this order decides what goes. Equal times (a coarse
-// clock) keep insertion order; a noted move and an immediate one land in stamp order; a check-in
-// with kKeepRecency leaves the item, and its time, where they were.
+// The purge frees from the old end. Equal times (a coarse clock) keep insertion order; moves land
+// in stamp order; a check-in with kKeepRecency leaves the item, and its time, where they were.
 TEST_F(BagTest, RecencyOrderFollowsUseAndKeepsTiesInInsertionOrder) {
   auto a = MakeItem(1), b = MakeItem(2), c = MakeItem(3), late = MakeItem(4), x = MakeItem(5);
   const uint64_t t = 1000;
@@ -120,9 +120,7 @@ TEST_F(BagTest, RecencyOrderFollowsUseAndKeepsTiesInInsertionOrder) {
 // The running totals drive every purge decision: after each kind of change they must equal what
 // the payloads hold, the checked-out share following the check-outs.
 TEST_F(BagTest, SizesAreExactAfterEveryKindOfChange) {
-  auto item = MakeItem(100), removed = MakeItem(50);
-  bag_->AddToBagAndSortDir(item);
-  bag_->AddToBagAndSortDir(removed);
+  auto item = AddedItem(*bag_, 100), removed = AddedItem(*bag_, 50);
   EXPECT_TRUE(Sizes(150, 0));
 
   // Resized in place while checked out.
@@ -141,8 +139,7 @@ TEST_F(BagTest, SizesAreExactAfterEveryKindOfChange) {
   item->Checkin(0, 0.0);
   EXPECT_TRUE(Sizes(90, 0));
 
-  // Removed at check-in while the caller still holds it: out of the bag, its bytes stay counted
-  // in the global bag until the last reference goes.
+  // Removed at check-in while still held: counted in the global bag until its last reference goes.
   ASSERT_EQ(removed->Checkout(cf::kReadOnly), kJX_CheckedOut);
   removed->Checkin(ci::kRemove, 0.0);
   EXPECT_FALSE(removed->GetBag());
@@ -165,8 +162,7 @@ TEST_F(BagTest, SizesAreExactAfterEveryKindOfChange) {
   EXPECT_EQ(bag_->GetNumGuidSortedItems(), 2);
   EXPECT_TRUE(Sizes(163, 0));
 
-  // An item leaving another bag takes its bytes from that bag to the global one, and back again
-  // when it returns.
+  // An item leaving another bag takes its bytes to the global one, and back when it returns.
   auto local = std::make_shared<JX_Bag>(1);
   auto visitor = MakeItem(5);
   for (int round = 0; round < 2; ++round) {
@@ -182,8 +178,7 @@ TEST_F(BagTest, SizesAreExactAfterEveryKindOfChange) {
 }
 
 TEST_F(BagTest, ItemSyncedWithNoGlobalBagChangesNothing) {
-  auto item = MakeItem(10);
-  bag_->AddToBagAndSortDir(item);
+  auto item = AddedItem(*bag_, 10);
   item->RemoveFromBagAndSortDir();
   auto bag = bag_;
   bag_.reset();
@@ -203,8 +198,7 @@ TEST_F(BagTest, CeilingRatioAndFloorFollowTheHostBudget) {
   auto& host = StandaloneHost::Instance();
   host.SetMemoryLimit(2000);
   host.SetAmountAvailableBeforePurge(400);
-  auto item = MakeItem(100);
-  bag_->AddToBagAndSortDir(item);
+  auto item = AddedItem(*bag_, 100);
   EXPECT_FALSE(JX_IsGlobalBagSizeAboveMinimum()) << "100 < 200";
   bag_->AddToBagAndSortDir(MakeItem(100));
   EXPECT_TRUE(JX_IsGlobalBagSizeAboveMinimum()) << "at the floor";
@@ -225,9 +219,7 @@ TEST_F(BagTest, CeilingRatioAndFloorFollowTheHostBudget) {
 }
 
 TEST_F(BagTest, SearchPrefersTheUncompressedFormAndTakesCompressedOnlyWhenAllowed) {
-  // Both insertion orders: the preference must not depend on where the directory keeps them.
-  // Both kinds of search: a read-only one is answered without the library lock when it can be,
-  // a writeable one always under it.
+  // Both insertion orders; both searches (read-only may go without the library lock).
   for (bool compressedFirst : {true, false}) {
     for (int flags : {int{cf::kReadOnly}, 0}) {
       SCOPED_TRACE(testing::Message()
@@ -245,13 +237,12 @@ TEST_F(BagTest, SearchPrefersTheUncompressedFormAndTakesCompressedOnlyWhenAllowe
         if (found) found->Checkin(0, 0.0);
       }
       if (flags == 0) {
-        // A writeable check-in of the uncompressed form may have changed its payload: the
-        // compressed form, made from the payload as it was, went with it.
+        // A writeable check-in of the uncompressed form took the compressed one, now stale.
         EXPECT_EQ(bag_->GetNumGuidSortedItems(), 1);
         bag_->AddToBagAndSortDir(compressed);
       }
-      // With the uncompressed form away (writeable: out of the directory), a second round finds
-      // the compressed one, for requesters that accept it, and only for them.
+      // With the uncompressed form writeable (out of the directory), only requesters that
+      // accept it find the compressed one.
       ASSERT_EQ(plain->Checkout(0), kJX_CheckedOut);
       EXPECT_FALSE(Find(g, kJX_CompressionNotAllowed, flags));
       for (auto option : {kJX_CompressionAllowed, kJX_CompressionAllowedForPlayback}) {
@@ -267,9 +258,7 @@ TEST_F(BagTest, SearchPrefersTheUncompressedFormAndTakesCompressedOnlyWhenAllowe
 
 TEST_F(BagTest, NewItemSupersedesDeadItemsAndThoseItCanStandFor) {
   const Guid g = Guid::CreateUnique();
-  // Two items the newcomer cannot stand for (other variants, other compression), nor each other;
-  // one of them holds nothing any more (its payload let its memory go, no disk copy, not
-  // pending).
+  // Two items the newcomer cannot stand for, nor each other; one of them holds nothing any more.
   auto dead = Variant(g, 10, 1, false), alive = Variant(g, 11, 2, false);
   bag_->AddToBagAndSortDir(dead);
   bag_->AddToBagAndSortDir(alive);
@@ -283,8 +272,8 @@ TEST_F(BagTest, NewItemSupersedesDeadItemsAndThoseItCanStandFor) {
   dead.reset();
   alive.reset();
 
-  // Otherwise only items of the newcomer's compression whose request it can satisfy go. The
-  // test is the newcomer's CanSatisfyRequest of the old item's request, not the reverse.
+  // Otherwise only items of its compression whose request the newcomer can satisfy go (not the
+  // reverse).
   const Guid h = Guid::CreateUnique();
   auto standsForAll = Variant(h, 1, 2, false, /*satisfiesAny=*/true);
   auto same = Variant(h, 2, 0, false), compressedSame = Variant(h, 4, 0, true),
@@ -315,10 +304,8 @@ TEST_F(BagTest, NewItemSupersedesDeadItemsAndThoseItCanStandFor) {
   EXPECT_TRUE(Sizes(4 + 32, 0));
 }
 
-// A read-only search without the library lock goes through each shard's table of sole items.
-// Adds, supersessions, removals and re-keyings on shared GUIDs, with the tables growing and
-// shrinking, must leave it agreeing with the locked search on every GUID (an item freed but left
-// in a table is a use after free for the sanitizer run).
+// The unlocked read-only search goes through each shard's table: after adds, supersessions,
+// removals and re-keyings, growing and shrinking, it must agree with the locked one on every GUID.
 TEST_F(BagTest, TheSearchWithoutTheLibraryLockSeesWhatTheDirectoryHolds) {
   std::mt19937 rng(7);
   std::vector<Guid> guids(1500);
@@ -374,8 +361,7 @@ TEST_F(BagTest, TheSearchWithoutTheLibraryLockSeesWhatTheDirectoryHolds) {
 }
 
 TEST_F(BagTest, MisuseIsReportedThrownAndChangesNothing) {
-  auto item = MakeItem(10), stranger = MakeItem(3);
-  bag_->AddToBagAndSortDir(item);
+  auto item = AddedItem(*bag_, 10), stranger = MakeItem(3);
   JX_Bag foreign(1);
   const struct {
     const char* report;
@@ -405,34 +391,28 @@ TEST_F(BagTest, MisuseIsReportedThrownAndChangesNothing) {
   EXPECT_TRUE(Sizes(10, 0));
 }
 
-// Every cached payload gets an item: a field added to it, or padding let in, is paid for once per
-// item. Whatever only some items need belongs in the side record (see JX_Stuff::Extras).
+// A field added to every item, or padding let in, is paid for once per cached payload: what only
+// some items need belongs in the side record (JX_Stuff::Extras).
 TEST(BagBookkeepingTest, AnItemStaysWithinItsBytes) {
   static_assert(sizeof(void*) == 8, "the budget is for 64-bit builds");
   EXPECT_LE(sizeof(JX_Stuff), 216u);
 }
 
-// The directory's hash is boost::hash_range over the GUID's bytes, computed by a table of its
-// per-byte mixing: any difference would scatter the items of other builds and tools. Random
-// GUIDs, and GUIDs with one byte set to each of its 256 values at each position.
+// The directory's hash is boost::hash_range over the GUID's bytes, computed by a table: any
+// difference would scatter the items of other builds and tools. GUIDs with one byte set to each
+// of its values at each position, then random ones.
 TEST(DirectoryHashTest, IsBoostHashRangeOverTheBytes) {
-  auto boostHash = [](const Guid& g) {
-    return boost::hash_range(g.Bytes().begin(), g.Bytes().end());
-  };
   std::mt19937_64 rng(11);
-  for (int i = 0; i < 2000; ++i) {
-    std::array<uint8_t, 16> bytes;
-    for (uint8_t& b : bytes) b = static_cast<uint8_t>(rng());
-    const Guid g = Guid::FromBytes(bytes.data());
-    ASSERT_EQ(JX_SortDir::HashGuid(g), boostHash(g)) << g.AsString();
-  }
-  for (int position = 0; position < 16; ++position) {
-    for (int value = 0; value < 256; ++value) {
-      std::array<uint8_t, 16> bytes{};
-      bytes[position] = static_cast<uint8_t>(value);
-      const Guid g = Guid::FromBytes(bytes.data());
-      ASSERT_EQ(JX_SortDir::HashGuid(g), boostHash(g)) << g.AsString();
+  for (int i = 0; i < 16 * 256 + 2000; ++i) {
+    std::array<uint8_t, 16> bytes{};
+    if (i < 16 * 256) {
+      bytes[i / 256] = static_cast<uint8_t>(i);  // position i / 256, value i % 256
+    } else {
+      for (uint8_t& b : bytes) b = static_cast<uint8_t>(rng());
     }
+    const Guid g = Guid::FromBytes(bytes.data());
+    ASSERT_EQ(JX_SortDir::HashGuid(g), boost::hash_range(g.Bytes().begin(), g.Bytes().end()))
+        << g.AsString();
   }
 }
 }  // namespace
