@@ -59,8 +59,8 @@ std::shared_future<void>& StuckHelperEnded() {
   return ended;
 }
 
-// Its owner, as it goes, hands a last piece of work to a thread of its own that uses the cache
-// and waits (boundedly) for it: the shape of a payload whose owner flushes a render queue.
+// Its owner, as it goes, has a thread of its own use the cache and waits for it (bounded), as an
+// owner flushing a render queue does.
 class OwnerWaitsOnDestroyPayload : public TestPayload {
  public:
   OwnerWaitsOnDestroyPayload(unsigned int size, JX_Bag& bag, int* destroyed, int* underLock,
@@ -82,8 +82,7 @@ class OwnerWaitsOnDestroyPayload : public TestPayload {
     if (finished.wait_for(std::chrono::seconds(2)) == std::future_status::ready) {
       helper.join();
     } else {
-      // Stuck behind this thread's caller: joining would hang for good. It ends once the
-      // caller lets go of the lock.
+      // Stuck behind this thread's caller: it ends once the caller lets go of the lock.
       ++*helperStuck_;
       helper.detach();
       StuckHelperEnded() = finished.share();
@@ -109,10 +108,7 @@ class PurgeTest : public LibraryTest {
     LibraryTest::TearDown();
   }
   IntrusivePtr<JX_Stuff> Add(TestPayload* payload) {
-    auto item = JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(payload), 0.0);
-    item->SetGuid(Guid::CreateUnique());
-    bag_->AddToBagAndSortDir(item);
-    return item;
+    return jx::testing::AddNewItem(*bag_, payload);
   }
   std::vector<IntrusivePtr<JX_Stuff>> AddItems(int n, unsigned int size, bool withDiskCopy) {
     std::vector<IntrusivePtr<JX_Stuff>> items;
@@ -141,8 +137,7 @@ class PurgeTest : public LibraryTest {
   int released_ = 0, releasedUnderLock_ = 0;
 };
 
-// The host's amount, never the argument, says when a purge has done enough; the floor stops one
-// the host would let run on.
+// The host's amount, never the argument, says when a purge has done enough; the floor stops it.
 TEST_F(PurgeTest, StopsWhenTheHostIsSatisfiedOrAtTheFloor) {
   const struct {
     int items;
@@ -165,8 +160,8 @@ TEST_F(PurgeTest, StopsWhenTheHostIsSatisfiedOrAtTheFloor) {
 }
 
 // Pass 0 frees only items with a disk copy, pass 1 any. The host is asked again only after an
-// item that freed something, and that carries from pass 0 into pass 1: a host satisfied by pass
-// 0's very last item gets nothing more.
+// item that freed something, also across passes: satisfied by pass 0's last item, pass 1 frees
+// none.
 TEST_F(PurgeTest, DiskBackedItemsGoFirstAndKeepTheirPlace) {
   auto plain = AddItems(3, 50, false);
   auto backed = AddItems(3, 50, true);
@@ -201,9 +196,8 @@ TEST_F(PurgeTest, PlaybackFromDiskLogicGoesByRecencyAlone) {
   EXPECT_EQ(bag_->GetNumGuidSortedItems(), 4);
 }
 
-// A checked-out item and one whose payload refuses are passed over, and keep their places. The
-// freed memory goes only after the library lock is let go: freeing a large payload under it
-// would stall every thread waiting for it.
+// A checked-out item and one whose payload refuses keep their places. Freed memory goes after
+// the library lock is let go: freeing a large payload under it stalls every thread.
 TEST_F(PurgeTest, SkipsHeldAndRefusingItemsAndFreesMemoryOutsideTheLock) {
   auto items = AddItems(5, 50, false);
   PayloadOf(*items[1])->SetAllowPurge(false);
@@ -274,8 +268,8 @@ class PurgeMediaMapTest : public PurgeTest {
   }
 };
 
-// An item freed but kept for its disk copy stays in the bag, so nothing on the way out erases
-// its media-map entry: the purge must, or the host would keep counting bytes that are gone.
+// An item freed but kept for its disk copy stays in the bag: the purge must erase its media-map
+// entry, or the host keeps counting bytes that are gone.
 TEST_F(PurgeMediaMapTest, FreedItemsLeaveTheMediaMapAndCountTheirSizeOnce) {
   auto backed = AddItems(1, 50, true)[0];
   auto plain = AddItems(1, 60, false)[0];
@@ -347,10 +341,8 @@ TEST(PurgeTemplateLimitTest, StopsOnceTheBagIsWithinTheLimit) {
 
 }  // namespace
 
-// An item the walk frees and removes (it keeps nothing) may be held by nobody else: the walk's
-// own reference is then the last, and the item, with its payload, goes when the walk lets go of
-// it. That must be after the library lock is released, as for any memory a purge frees: the
-// payload's owner may wait for a thread of its own that uses the cache.
+// The walk's reference may be the last of an item it removes: the item and its payload must go
+// after the library lock is released, as the payload's owner may wait for a thread that uses it.
 TEST_F(PurgeTest, AnItemThePurgeRemovesIsDestroyedOutsideTheLock) {
   int destroyed = 0, underLock = 0, helperStuck = 0;
   Add(new OwnerWaitsOnDestroyPayload(50, *bag_, &destroyed, &underLock, &helperStuck));
