@@ -46,6 +46,16 @@ double SecondsSince(Clock::time_point start) {
 
 uint64_t Count(const std::atomic<uint64_t>& counter) { return counter.load(); }
 
+// An identity of a fresh key (never seen by another run on the same server).
+jx::farm::Identity FreshIdentity() {
+  jx::farm::Identity id;
+  id.guid = Guid::CreateUnique();
+  id.matchName = jx::testing::kKeyedPayloadName;
+  id.version = 1;
+  id.header = {1, 2, 3, 4, 5, 6, 7, 8};
+  return id;
+}
+
 // The fields themselves come back through the store's round trips below.
 TEST(FarmValueTest, HeaderRefusesWhatDoesNotFit) {
   using jx::farm::DecodeError;
@@ -71,8 +81,7 @@ TEST(FarmValueTest, HeaderRefusesWhatDoesNotFit) {
   h.parts = 1;
   EXPECT_EQ(jx::farm::DecodeHeader(jx::farm::EncodeHeader(h), &back, &at),
             DecodeError::kBadManifest);
-  // A length so large that rounding it up to whole parts wraps: no parts must not pass for
-  // enough parts, or a reader takes an empty payload for one of 2^64 bytes.
+  // A length whose rounding up to whole parts wraps: no parts must not pass for enough parts.
   h.payloadLength = ~uint64_t{0};
   h.partBytes = 2;
   h.parts = 0;
@@ -95,8 +104,8 @@ TEST(FarmAddressTest, ParsesBothFormsAndRefusesOthers) {
   }
 }
 
-// The server CI starts for the whole run (JX_FARM_TEST_ADDRESS) when there is one, else one of
-// the test's own on a unix socket: a value goes there once, comes back whole, and expires there.
+// On the run's server (JX_FARM_TEST_ADDRESS) if any, else the test's own on a unix socket: a
+// value goes there once, comes back whole, and expires there.
 TEST(FarmSharedServerTest, ValueRoundTripsThroughTheRunsServer) {
   RedisServer server;
   JX_SHARED_REDIS_OR_SKIP(server, RedisServer::Listen::kUnixSocket);
@@ -105,11 +114,7 @@ TEST(FarmSharedServerTest, ValueRoundTripsThroughTheRunsServer) {
   ASSERT_TRUE(jx::farm::ParseAddress(server.Address(), &address, &why)) << why;
   jx::farm::RedisPool pool({address});
   FarmStore store(pool, "node-shared", {.ttl = std::chrono::seconds(60)});
-  jx::farm::Identity id;
-  id.guid = Guid::CreateUnique();  // never seen by another run on the same server
-  id.matchName = jx::testing::kKeyedPayloadName;
-  id.version = 1;
-  id.header = {1, 2, 3, 4, 5, 6, 7, 8};
+  const jx::farm::Identity id = FreshIdentity();
   const auto b = jx::testing::KeyedBytes(jx::testing::SeedOfKey(id.guid), 100000);
   const std::string bytes(b.begin(), b.end());
   auto& counters = jx::farm::GetCounters();
@@ -172,6 +177,14 @@ class FarmTest : public jx::testing::DiskTest {
     ASSERT_TRUE(JX_AttachFarmTier(c, &why)) << why;
     config_ = c;
   }
+  // A lease renewed every 300 ms, with room for a loaded machine: a renewal would have to be held
+  // up for 600 ms for it to lapse, and a timeout (whose back-off outlasts the period) take 1 s.
+  void ReattachWithShortLease() {
+    Reattach([](JX_FarmConfig& c) {
+      c.leaseMs = 900;
+      c.connectTimeoutMs = c.commandTimeoutMs = 1000;
+    });
+  }
   // Attaches again with the defaults that `change` changes.
   template <class Change>
   void Reattach(Change change) {
@@ -208,8 +221,7 @@ class FarmTest : public jx::testing::DiskTest {
   }
   FarmStore& Store() { return jx::farm::CurrentTier()->Store(); }
 
-  // A pending item of `guid` this thread must fill, as a render thread gets it after the
-  // memory and the disk folder missed.
+  // A pending item of `guid` this thread must fill, as a render thread gets it after a miss.
   IntrusivePtr<JX_Stuff> Pending(JX_ScCheckout& handle, const Guid& guid, uint32_t size) {
     auto request = JX_Stuff::CreateNew(
         IntrusivePtr<JX_StuffData>(new KeyedPayload(jx::testing::SeedOfKey(guid), size, false)),
@@ -307,11 +319,8 @@ TEST_F(FarmTest, DamagedOrForeignValuesAreCountedMissesAndTheKeyRecovers) {
   EXPECT_EQ(got.payload, Bytes(guid, 4096));
 }
 
-// The compute seconds travel in the header, outside the payload's checksum, and reach the host
-// with the frame: its check-in and the local disk writer's rule take them as the writer's
-// measure. A bit flipped there on the server is as much damage as one in the payload (a frame
-// of 0.5 s that claims 1e307 s, or less than none) and must be caught the same way: counted
-// corrupt, deleted, a miss.
+// The compute seconds travel in the header, outside the payload's checksum, and reach the host's
+// check-in and the disk writer's rule: a bit flipped there is damage, caught like any other.
 TEST_F(FarmTest, FlippedBitInTheHeadersComputeSecondsIsCaughtLikeOneInThePayload) {
   auto& counters = jx::farm::GetCounters();
   const struct {
@@ -351,8 +360,7 @@ TEST_F(FarmTest, FlippedBitInTheHeadersComputeSecondsIsCaughtLikeOneInThePayload
 }
 
 TEST_F(FarmTest, LargeValueGoesInPartsAndAMissingPartIsAMiss) {
-  // Reading 9 MiB back can take longer than the default command time-out on a loaded machine
-  // (a fault, not a hit); time-outs are another test's subject.
+  // Reading 9 MiB back can outlast the default command timeout on a loaded machine.
   Reattach([](JX_FarmConfig& c) { c.commandTimeoutMs = 10000; });
   const Guid guid = Guid::CreateUnique();
   const uint32_t size = (9u << 20) + 123;  // two parts of 8 MiB at most
@@ -369,8 +377,7 @@ TEST_F(FarmTest, LargeValueGoesInPartsAndAMissingPartIsAMiss) {
   EXPECT_EQ(Store().Put(id, Bytes(guid, size), 1.0), FarmStore::PutStatus::kDuplicate);
   EXPECT_EQ(jx::testing::ReplyLines(server_.Command({"KEYS", key + ":part:*"})).size(), 2u);
 
-  // A part deleted between the writer's commit and our read (evicted, expired); its name is the
-  // writer's, so find the second one through the server.
+  // A part deleted (evicted, expired) between the commit and our read, found through the server.
   const std::string second =
       server_.Command({"EVAL",
                        "for _, k in ipairs(redis.call('keys', ARGV[1])) do "
@@ -441,12 +448,7 @@ TEST_F(FarmTest, ServerFaultsAreBoundedCountedMisses) {
 }
 
 TEST_F(FarmTest, ComputingNodeHoldsARenewedLeaseAndPublishesOnTheWriter) {
-  // Renewed every 300 ms, with room for a loaded machine: a renewal would have to be held up
-  // for 600 ms for the lease to lapse.
-  Reattach([](JX_FarmConfig& c) {
-    c.leaseMs = 900;
-    c.connectTimeoutMs = c.commandTimeoutMs = 1000;
-  });
+  ReattachWithShortLease();
   const Guid guid = Guid::CreateUnique();
   const auto id = IdentityOf(guid, 64 << 10);
   const std::string lease = jx::farm::LeaseKeyOf(jx::farm::KeyOf(id));
@@ -467,16 +469,10 @@ TEST_F(FarmTest, ComputingNodeHoldsARenewedLeaseAndPublishesOnTheWriter) {
   EXPECT_EQ(Store().Get(id).payload, Bytes(guid, 64 << 10));
 }
 
-// A renewal that fails on the wire (the server dropped the connection) is tried again at the
-// next turn: one fault must not let the lease of a long compute lapse, or a waiting node computes
-// the item too. A lease that another node holds now is lost for good, and left to that node.
+// A renewal that fails on the wire is tried again: one fault must not let a long compute's lease
+// lapse (a waiting node computes too). A lease another node holds now is lost, and left to it.
 TEST_F(FarmTest, RenewalOutlivesAFaultAndLeavesAnotherNodesLeaseAlone) {
-  // Renewed every 300 ms; connects and commands given room on a loaded machine, where a timeout
-  // would start a back-off longer than the renewal period.
-  Reattach([](JX_FarmConfig& c) {
-    c.leaseMs = 900;
-    c.connectTimeoutMs = c.commandTimeoutMs = 1000;
-  });
+  ReattachWithShortLease();
   auto& counters = jx::farm::GetCounters();
   const Guid guid = Guid::CreateUnique();
   const std::string lease = jx::farm::LeaseKeyOf(jx::farm::KeyOf(IdentityOf(guid, 1024)));
@@ -504,9 +500,8 @@ TEST_F(FarmTest, RenewalOutlivesAFaultAndLeavesAnotherNodesLeaseAlone) {
   Render(handle, 1024);
 }
 
-// Detaching ends the renewal, not the leases: a compute and a farm write still running go on (on
-// the detached tier), share the value and give each lease up when done. A lease given up at the
-// detach sends a waiting node to compute the item too.
+// Detaching ends the renewal, not the leases: a running compute and farm write go on and give
+// each lease up when done. A lease given up at the detach sends a waiting node to compute too.
 TEST_F(FarmTest, DetachLeavesTheLeasesOfRunningComputesAndWrites) {
   auto& counters = jx::farm::GetCounters();
   // Two tasks hold the disk executor's two places, so that the farm write waits in its queue.
@@ -607,8 +602,8 @@ TEST_F(FarmTest, WaiterGetsTheOtherNodesValueAndWritesItLocallyOnly) {
   EXPECT_EQ(Count(counters.duplicateWrites), 0u);
 }
 
-// Another node's lease ends a wait either way: one that nobody renews lapses and is taken over;
-// a live node's compute that outlasts the wait limit is not, and this node computes without it.
+// A wait for another node's lease ends when it lapses (taken over) or at the wait limit (this
+// node computes without the lease).
 TEST_F(FarmTest, AWaitForAnotherNodesLeaseEndsAtItsLapseOrAtTheWaitLimit) {
   using Counter = std::atomic<uint64_t> jx::farm::Counters::*;
   const struct {
@@ -642,10 +637,8 @@ TEST_F(FarmTest, AWaitForAnotherNodesLeaseEndsAtItsLapseOrAtTheWaitLimit) {
   }
 }
 
-// Bytes that pass the farm's checksum but that the payload class refuses (a writer of another
-// build, a bug in a payload's Write): the value must go like any corrupt one, and the reader
-// then computes under the lease, or every node renders the item on every pass for as long as
-// the bad value stays, since SET NX keeps the good one out.
+// Bytes that pass the checksum but that the payload class refuses must go like any corrupt value,
+// the reader computing under the lease: SET NX would otherwise keep the good value out for good.
 TEST_F(FarmTest, ValueItsPayloadClassRefusesIsDeletedAndTheItemComputedUnderTheLease) {
   auto& counters = jx::farm::GetCounters();
   const Guid guid = Guid::CreateUnique();
@@ -670,9 +663,8 @@ TEST_F(FarmTest, ValueItsPayloadClassRefusesIsDeletedAndTheItemComputedUnderTheL
   EXPECT_TRUE(got.payload == Bytes(guid, 4096));
 }
 
-// A manifest comes from the server: one that claims parts of 4 GiB must not make the reader
-// allocate them before a single part has arrived. Address space is limited around the read, so
-// that such an allocation fails here as it would on a loaded machine.
+// A manifest claiming parts of 4 GiB must not make the reader allocate them before a part has
+// arrived. Address space is limited around the read, so that such an allocation fails here.
 TEST_F(FarmTest, ManifestClaimingHugePartsAllocatesNothingBeforeThePartsArrive) {
   const Guid guid = Guid::CreateUnique();
   const auto id = IdentityOf(guid, 4096);
@@ -716,13 +708,11 @@ TEST_F(FarmTest, ManifestClaimingHugePartsAllocatesNothingBeforeThePartsArrive) 
   EXPECT_EQ(server_.Command({"EXISTS", key}), "0");
 }
 
-// A stalled server costs a render thread one command timeout, then the tier fails fast for the
-// back-off: also when the pool holds idle connections from busier moments, each of which would
-// otherwise wait out a timeout of its own.
+// A stalled server costs one command timeout, then the tier fails fast for the back-off: also
+// when the pool holds idle connections, each of which would otherwise wait out a timeout.
 TEST_F(FarmTest, StalledServerCostsOneTimeoutThoughThePoolHoldsIdleConnections) {
   jx::farm::RedisPool::Options options;
-  // A timeout well above the 100 ms the idle connections' BLPOP takes, also on a loaded machine:
-  // one that ran out would start the back-off before the server stalls.
+  // Well above the idle connections' 100 ms BLPOP: a timeout there would start the back-off.
   ASSERT_TRUE(ServerOptions(std::chrono::milliseconds(1000), &options));
   options.connectTimeout = options.commandTimeout;
   options.backOff = std::chrono::milliseconds(10000);
@@ -742,9 +732,8 @@ TEST_F(FarmTest, StalledServerCostsOneTimeoutThoughThePoolHoldsIdleConnections) 
   EXPECT_LT(took, 3.0);  // one timeout of a second, not four
 }
 
-// A server that dropped every connection (restarted, failed over, a reset on the way) costs one
-// failed command, not one per connection the pool kept from before: each such failure is a miss,
-// or a lease not taken, and so a frame rendered again.
+// A server that dropped every connection costs one failed command, not one per pooled connection:
+// each failure is a miss, or a lease not taken, and so a frame rendered again.
 TEST_F(FarmTest, ConnectionsDroppedByTheServerCostOneFailedCommand) {
   jx::farm::Address address;
   ASSERT_TRUE(ServerAddress(&address));
@@ -763,10 +752,8 @@ TEST_F(FarmTest, ConnectionsDroppedByTheServerCostOneFailedCommand) {
   EXPECT_EQ(hits, 3);
 }
 
-// Two readers may find one broken value, and the key may take a good value again before the
-// slower of them deletes what it read: that deletion must not take the good value (and orphan
-// its parts) with it. The server holds the slower reader's deletions back while the key is
-// replaced.
+// A reader deleting the broken value it read must not take (and orphan the parts of) a good value
+// that replaced it meanwhile. The server holds the reader's deletions back while the key changes.
 TEST_F(FarmTest, ReaderDeletingABrokenValueLeavesTheValueThatReplacedItAlone) {
   jx::farm::RedisPool::Options options;
   ASSERT_TRUE(ServerOptions(std::chrono::milliseconds(3000), &options));
@@ -801,10 +788,8 @@ TEST_F(FarmTest, ReaderDeletingABrokenValueLeavesTheValueThatReplacedItAlone) {
   EXPECT_TRUE(got.payload == Bytes(guid, 1600));
 }
 
-// The same race for what a reader finds under the key that is not a value at all (another
-// program's list) or an empty string: the deletion must not take the good value that replaced
-// it either. The server holds writes back, the good value's first, so that it lands just before
-// the reader's deletion.
+// The same race for a key holding no value at all (another program's list, an empty string). The
+// server holds writes back, the good value's first, so that it lands just before the deletion.
 TEST_F(FarmTest, ReaderDeletingAForeignOrEmptyKeyLeavesTheValueThatReplacedItAlone) {
   jx::farm::RedisPool::Options options;
   ASSERT_TRUE(ServerOptions(std::chrono::milliseconds(3000), &options));
@@ -856,6 +841,17 @@ TEST_F(FarmTest, ReaderDeletingAForeignOrEmptyKeyLeavesTheValueThatReplacedItAlo
   }
 }
 
+// Options for a pool of a server on loopback `port`, `timeout` to connect and for each command.
+jx::farm::RedisPool::Options LoopbackOptions(int port, std::chrono::milliseconds timeout) {
+  jx::farm::RedisPool::Options options;
+  std::string why;
+  EXPECT_TRUE(
+      jx::farm::ParseAddress("redis://127.0.0.1:" + std::to_string(port), &options.address, &why))
+      << why;
+  options.connectTimeout = options.commandTimeout = timeout;
+  return options;
+}
+
 // A listening TCP socket on a loopback port of the system's choosing: its descriptor, and the
 // port in *port (0 when it could not listen).
 int ListenOnLoopback(int backlog, int* port) {
@@ -872,9 +868,8 @@ int ListenOnLoopback(int backlog, int* port) {
   return fd;
 }
 
-// A server of the test's own on loopback that answers each connection's first command with
-// `reply` sent in pieces, `gap` apart, and then closes it: a reply that is malformed, cut off,
-// or dribbled out slower than any timeout of a single read.
+// A loopback server that answers a connection's first command with `pieces`, `gap` apart, and
+// closes it: a reply malformed, cut off, or dribbled out slower than any single read's timeout.
 class FakeServer {
  public:
   FakeServer(std::vector<std::string> pieces, std::chrono::milliseconds gap)
@@ -913,9 +908,8 @@ class FakeServer {
   std::thread thread_;
 };
 
-// Whatever comes back on the wire, a command ends within its timeout (give or take a read) as a
-// fault, never as a reply of the wrong shape, and never later than that because the bytes keep
-// trickling in.
+// Whatever comes back on the wire, a command ends within its timeout as a fault, never as a reply
+// of the wrong shape, nor later because bytes keep trickling in.
 TEST(FarmWireTest, BadOrSlowRepliesAreFaultsWithinTheCommandTimeout) {
   std::vector<std::string> dribble = {"$40\r\n"};
   for (int i = 0; i < 40; ++i) dribble.push_back("x");  // 4 s in all, 100 ms a byte
@@ -933,13 +927,7 @@ TEST(FarmWireTest, BadOrSlowRepliesAreFaultsWithinTheCommandTimeout) {
     SCOPED_TRACE(c.what);
     FakeServer server(c.pieces, std::chrono::milliseconds(100));
     ASSERT_NE(server.Port(), 0);
-    jx::farm::RedisPool::Options options;
-    std::string why;
-    ASSERT_TRUE(jx::farm::ParseAddress("redis://127.0.0.1:" + std::to_string(server.Port()),
-                                       &options.address, &why))
-        << why;
-    options.connectTimeout = options.commandTimeout = std::chrono::milliseconds(300);
-    jx::farm::RedisPool pool(options);
+    jx::farm::RedisPool pool(LoopbackOptions(server.Port(), std::chrono::milliseconds(300)));
     const auto start = Clock::now();
     const jx::farm::Reply r = pool.Command({"GET", "k"});
     EXPECT_EQ(r.fault, c.fault) << jx::farm::DescribeFault(r.fault);
@@ -947,17 +935,9 @@ TEST(FarmWireTest, BadOrSlowRepliesAreFaultsWithinTheCommandTimeout) {
   }
 }
 
-}  // namespace
-
-namespace {
-
-// A host need not ignore SIGPIPE, and most do not: a write to a connection the server has
-// closed must come back as a fault, like any other, and never end the host's process. The
-// pool keeps connections between commands, so after a restart of the server (or its idle
-// timeout, or CLIENT KILL) the next command goes out on one the server has closed; a value
-// larger than the socket's buffer takes more than one write, and the write after the server's
-// reset is the one that would raise the signal. Run in a child, so that the signal ends the
-// child and not the test program.
+// Most hosts do not ignore SIGPIPE: a write on a pooled connection the server has closed must be
+// a fault, not the end of the process. A value beyond the socket buffer takes a second write,
+// after the server's reset, which would raise the signal. In a child, which the signal would end.
 TEST(FarmWireTest, LargeWriteOnAConnectionTheServerClosedIsAFaultNotABrokenPipe) {
   RedisServer server;
   JX_REDIS_OR_SKIP(server, RedisServer::Listen::kLoopbackPort);
@@ -975,11 +955,7 @@ TEST(FarmWireTest, LargeWriteOnAConnectionTheServerClosedIsAFaultNotABrokenPipe)
     // skips itself): the drop really happened.
     if (server.Command({"CLIENT", "KILL", "TYPE", "normal"}) != "1") std::_Exit(11);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));  // its FIN is in
-    jx::farm::Identity id;
-    id.guid = Guid::CreateUnique();
-    id.matchName = jx::testing::kKeyedPayloadName;
-    id.version = 1;
-    id.header = {1, 2, 3, 4};
+    const jx::farm::Identity id = FreshIdentity();
     const std::string bytes(6u << 20, 'x');  // one plain value, far beyond a socket buffer
     const uint64_t before = Count(jx::farm::GetCounters().connectionErrors);
     const auto status = store.Put(id, bytes, 0.5);
@@ -989,10 +965,6 @@ TEST(FarmWireTest, LargeWriteOnAConnectionTheServerClosedIsAFaultNotABrokenPipe)
   };
   EXPECT_EXIT(body(), ::testing::ExitedWithCode(0), "");
 }
-
-}  // namespace
-
-namespace {
 
 // A loopback proxy in front of the test's server that, once, lets through the first command
 // whose bytes hold `marker` and then cuts the connection before the server's reply reaches
@@ -1080,12 +1052,9 @@ class ReplyDroppingProxy {
   std::vector<std::thread> pumps_;  // only Serve's thread adds; joined after it ends
 };
 
-// A write whose commit reached the server but whose reply was lost on the way back (a reset,
-// a failover, a proxy that dropped the connection) must never leave a committed value broken. A
-// plain value is whole either way, and its writer sees a fault. A value in parts is committed by
-// its manifest: a writer that took the lost reply for a failed commit and deleted "its" parts
-// would leave a manifest whose parts are gone, which every reader meets as a missing part. The
-// writer asks the server instead, finds its manifest there, and counts the value written.
+// A commit whose reply was lost must never leave a value broken. A plain value is whole either way
+// (its writer sees a fault); a writer in parts that deleted "its" parts after a lost manifest reply
+// would leave a manifest without parts: it asks the server, and counts the value written.
 TEST_F(FarmTest, CommitWhoseReplyIsLostLeavesNoBrokenValueBehind) {
   const struct {
     const char* what;
@@ -1100,13 +1069,7 @@ TEST_F(FarmTest, CommitWhoseReplyIsLostLeavesNoBrokenValueBehind) {
     // Every SET NX is a commit; the parts go with a plain SET.
     ReplyDroppingProxy proxy(server_.Port(), "\r\n$2\r\nNX\r\n");
     ASSERT_NE(proxy.Port(), 0);
-    jx::farm::RedisPool::Options options;
-    std::string why;
-    ASSERT_TRUE(jx::farm::ParseAddress("redis://127.0.0.1:" + std::to_string(proxy.Port()),
-                                       &options.address, &why))
-        << why;
-    options.connectTimeout = options.commandTimeout = std::chrono::milliseconds(3000);
-    jx::farm::RedisPool pool(options);
+    jx::farm::RedisPool pool(LoopbackOptions(proxy.Port(), std::chrono::milliseconds(3000)));
     FarmStore writer(pool, "node-writer", {.partBytes = 1024});
     const Guid guid = Guid::CreateUnique();
     const auto id = IdentityOf(guid, c.size);
@@ -1125,34 +1088,16 @@ TEST_F(FarmTest, CommitWhoseReplyIsLostLeavesNoBrokenValueBehind) {
   }
 }
 
-}  // namespace
-
-namespace {
-
 std::atomic<int> gSigpipesHandled{0};
 
-// The write's own SIGPIPE is the library's to take back; one sent to the process by somebody else
-// while the write is under way (another program, the host's own kill(getpid(), SIGPIPE)) is not:
-// the host's handler must still run. Only the thread doing the write leaves SIGPIPE unblocked
-// here (the sender blocks it), so a process-wide signal waits for that thread's mask to open.
-// The server is a listener that never reads: the write fills the socket's buffers and waits
-// out the command timeout, which leaves the signal time to arrive in the middle of it.
+// A SIGPIPE sent to the process during a write is the host's, not the library's to swallow. Only
+// the writing thread leaves SIGPIPE unblocked, so the signal waits for its mask to open; the
+// server never reads, so the write waits out the command timeout with the signal due mid-write.
 TEST(FarmWireTest, ASigpipeSentToTheProcessDuringAWriteStillReachesTheHostsHandler) {
-  const int listener = socket(AF_INET, SOCK_STREAM, 0);
-  ASSERT_GE(listener, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof(a);
-  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&a), sizeof(a)), 0);
-  ASSERT_EQ(listen(listener, 4), 0);
-  ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&a), &length), 0);
-  jx::farm::RedisPool::Options options;
-  std::string why;
-  ASSERT_TRUE(jx::farm::ParseAddress("redis://127.0.0.1:" + std::to_string(ntohs(a.sin_port)),
-                                     &options.address, &why))
-      << why;
-  options.connectTimeout = options.commandTimeout = std::chrono::milliseconds(1500);
+  int port = 0;
+  const int listener = ListenOnLoopback(4, &port);
+  ASSERT_NE(port, 0);
+  const auto options = LoopbackOptions(port, std::chrono::milliseconds(1500));
 
   struct sigaction handler {
   }, old{};
