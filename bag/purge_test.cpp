@@ -53,47 +53,19 @@ class NotInMemoryPayload : public TestPayload {
   bool IsInMemory() const override { return false; }
 };
 
-// The end of a helper left behind by the payload below, for the test to wait for.
-std::shared_future<void>& StuckHelperEnded() {
-  static std::shared_future<void> ended;
-  return ended;
-}
-
 // Its owner, as it goes, has a thread of its own use the cache and waits for it (bounded), as an
 // owner flushing a render queue does.
 class OwnerWaitsOnDestroyPayload : public TestPayload {
  public:
-  OwnerWaitsOnDestroyPayload(unsigned int size, JX_Bag& bag, int* destroyed, int* underLock,
-                             int* helperStuck)
-      : TestPayload(size),
-        bag_(bag),
-        destroyed_(destroyed),
-        underLock_(underLock),
-        helperStuck_(helperStuck) {}
+  OwnerWaitsOnDestroyPayload(unsigned int size, JX_Bag& bag, jx::testing::HostThreadWatch& owner)
+      : TestPayload(size), bag_(bag), owner_(owner) {}
   ~OwnerWaitsOnDestroyPayload() override {
-    ++*destroyed_;
-    if (JXp_ScLock::IsLockedByCurrentThread()) ++*underLock_;
-    auto done = std::make_shared<std::promise<void>>();
-    std::future<void> finished = done->get_future();
-    std::thread helper([bag = &bag_, done] {
-      bag->GetNumItems();  // takes the library lock
-      done->set_value();
-    });
-    if (finished.wait_for(std::chrono::seconds(2)) == std::future_status::ready) {
-      helper.join();
-    } else {
-      // Stuck behind this thread's caller: it ends once the caller lets go of the lock.
-      ++*helperStuck_;
-      helper.detach();
-      StuckHelperEnded() = finished.share();
-    }
+    owner_.Called([bag = &bag_] { bag->GetNumItems(); });  // takes the library lock
   }
 
  private:
   JX_Bag& bag_;
-  int* destroyed_;
-  int* underLock_;
-  int* helperStuck_;
+  jx::testing::HostThreadWatch& owner_;
 };
 
 class PurgeTest : public LibraryTest {
@@ -344,16 +316,14 @@ TEST(PurgeTemplateLimitTest, StopsOnceTheBagIsWithinTheLimit) {
 // The walk's reference may be the last of an item it removes: the item and its payload must go
 // after the library lock is released, as the payload's owner may wait for a thread that uses it.
 TEST_F(PurgeTest, AnItemThePurgeRemovesIsDestroyedOutsideTheLock) {
-  int destroyed = 0, underLock = 0, helperStuck = 0;
-  Add(new OwnerWaitsOnDestroyPayload(50, *bag_, &destroyed, &underLock, &helperStuck));
+  jx::testing::HostThreadWatch owner;
+  Add(new OwnerWaitsOnDestroyPayload(50, *bag_, owner));
   auto kept = AddItems(3, 50, false);
   jx::PurgeOverBudget(*bag_, 50);
-  EXPECT_EQ(destroyed, 1) << "the oldest item was not freed and dropped";
-  EXPECT_EQ(underLock, 0) << "its payload was destroyed under the library lock";
-  EXPECT_EQ(helperStuck, 0) << "the owner's helper waited for the purging thread's lock";
-  if (StuckHelperEnded().valid()) {
-    ASSERT_EQ(StuckHelperEnded().wait_for(std::chrono::seconds(30)), std::future_status::ready);
-  }
+  EXPECT_EQ(owner.Calls(), 1) << "the oldest item was not freed and dropped";
+  EXPECT_EQ(owner.UnderLibraryLock(), 0) << "its payload was destroyed under the library lock";
+  EXPECT_EQ(owner.Stuck(), 0) << "the owner's helper waited for the purging thread's lock";
+  ASSERT_TRUE(owner.AllAnswered());
   EXPECT_EQ(bag_->GetNumItems(), 3);
   for (auto& i : kept) EXPECT_TRUE(i->IsInMemory());
   EXPECT_EQ(InMemory(), 150);

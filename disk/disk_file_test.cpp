@@ -587,31 +587,17 @@ TEST_F(DiskFileTest, ADroppedDiskCopyTellsTheChangeHandlerWithNoLockHeld) {
     auto item = AddItem();
     item->PrepAndWrite(bag_);
     ASSERT_TRUE(item->HasDiskCacheFile());
-    int told = 0, underLock = 0, helperStuck = 0;
-    std::shared_future<void> stuckHelperEnded;
+    jx::testing::HostThreadWatch host;
     JX_Bag* const bag = bag_.get();
     item->GetMemDiskChangedSignal().Connect([&](bool, bool onDisk) {
-      ++told;
       EXPECT_FALSE(onDisk);
-      if (JXp_ScLock::IsLockedByCurrentThread()) ++underLock;
-      auto done = std::make_shared<std::promise<void>>();
-      std::shared_future<void> ended = done->get_future().share();
-      std::thread([bag, done] {
-        bag->GetNumItems();  // takes the library lock
-        done->set_value();
-      }).detach();
-      if (ended.wait_for(std::chrono::seconds(2)) != std::future_status::ready) {
-        ++helperStuck;
-        stuckHelperEnded = ended;
-      }
+      host.Called([bag] { bag->GetNumItems(); });  // takes the library lock
     });
     drop(item);
-    EXPECT_EQ(told, 1);
-    EXPECT_EQ(underLock, 0) << "the handler ran under the library lock";
-    EXPECT_EQ(helperStuck, 0) << "the handler's helper waited for the lock held around it";
-    if (stuckHelperEnded.valid()) {
-      ASSERT_EQ(stuckHelperEnded.wait_for(std::chrono::seconds(30)), std::future_status::ready);
-    }
+    EXPECT_EQ(host.Calls(), 1);
+    EXPECT_EQ(host.UnderLibraryLock(), 0) << "the handler ran under the library lock";
+    EXPECT_EQ(host.Stuck(), 0) << "the handler's helper waited for the lock held around it";
+    ASSERT_TRUE(host.AllAnswered());
     EXPECT_FALSE(item->HasDiskCacheFile());
     ExpectFolderConsistent();
   }

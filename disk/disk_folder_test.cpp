@@ -380,19 +380,13 @@ class DestroyHookPayload : public jx::testing::TestPayload {
 // Emptying the folder tells the host's handlers, and destroys payloads, outside the folder walk's
 // mutex: they may wait for a thread of their own that uses the folder.
 TEST_F(DiskFolderTest, PurgeAllDiskCachesTellsAndLetsGoOnceTheFolderIsFreeAgain) {
-  std::atomic<int> helpersStarted{0}, helperStuck{0};
-  std::vector<std::thread> helpers;  // joined at the end: a stuck one gets on once let go
+  jx::testing::HostThreadWatch host;
   JX_Bag* const bag = bag_.get();
   auto hostUsesTheFolder = [&] {
-    ++helpersStarted;
-    auto done = std::make_shared<std::promise<void>>();
-    auto ended = done->get_future();
-    helpers.emplace_back([bag, done] {
+    host.Called([bag] {
       bag->RequestDiskCacheScan();
       bag->ScanDiskCacheDir();
-      done->set_value();
     });
-    if (ended.wait_for(std::chrono::seconds(2)) != std::future_status::ready) ++helperStuck;
   };
   auto a = AddItemWithFile(100);
   auto b = AddItemWithFile(200);
@@ -417,12 +411,13 @@ TEST_F(DiskFolderTest, PurgeAllDiskCachesTellsAndLetsGoOnceTheFolderIsFreeAgain)
   }  // the bag's reference is its last
 
   const JX_Bag::DiskPurgeResult r = bag_->PurgeAllDiskCaches();
-  for (std::thread& t : helpers) t.join();
+  ASSERT_TRUE(host.AllAnswered());
   EXPECT_EQ(r.deleted, 3);
   EXPECT_EQ(told, 2);
   EXPECT_EQ(destroyed, 1) << "the item that lived only on disk must have gone";
-  EXPECT_EQ(helpersStarted, 3);
-  EXPECT_EQ(helperStuck, 0) << "the host's thread waited for the folder walk around it";
+  EXPECT_EQ(host.Calls(), 3);
+  EXPECT_EQ(host.Stuck(), 0) << "the host's thread waited for the folder walk around it";
+  EXPECT_EQ(host.UnderLibraryLock(), 0) << "the host was called under the library lock";
   EXPECT_FALSE(a->HasDiskCacheFile());
   EXPECT_FALSE(b->HasDiskCacheFile());
   EXPECT_EQ(bag_->GetNumItems(), 2);

@@ -30,38 +30,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Nothing the host's thread asks takes more than microseconds unless a lock keeps it out.
-constexpr auto kHostThreadDeadline = 2s;
-
 // The media map on, and a disk cache folder, so that every way an item leaves memory or loses
 // its disk copy can be taken.
 class HostCallbackTest : public jx::testing::MediaMapDiskTest {};
-
-// What the host's code saw each time the cache called it (an item's change handler, a payload's
-// owner giving memory back). Each call has a thread of the host's own use the cache and waits for
-// it, as a host refreshing its display, or handing a buffer back to its pool, does.
-struct HostThreadWatch {
-  std::mutex mutex;
-  int calls = 0;
-  int underLibraryLock = 0;  // of the calls, those made holding the library lock
-  int underItemLock = 0;     // those made holding any item's lock
-  int hostThreadStuck = 0;   // those whose host thread got no answer by the deadline
-  // Kept: a std::async future waits for its thread when it goes, past the deadline.
-  std::vector<std::future<void>> asked;
-
-  void Called(std::function<void()> hostThread) {
-    const bool libraryLocked = JXp_ScLock::IsLockedByCurrentThread();
-    const bool itemLocked = zelcore::threads::MultiTenantRecursiveMutex::CurrentThreadHoldsAny();
-    auto answer = std::async(std::launch::async, std::move(hostThread));
-    const bool stuck = answer.wait_for(kHostThreadDeadline) != std::future_status::ready;
-    std::lock_guard<std::mutex> lock(mutex);
-    ++calls;
-    underLibraryLock += libraryLocked;
-    underItemLock += itemLocked;
-    hostThreadStuck += stuck;
-    asked.push_back(std::move(answer));
-  }
-};
 
 void Watch(const IntrusivePtr<JX_Stuff>& item, const std::shared_ptr<JX_Bag>& bag,
            HostThreadWatch& watch) {
@@ -81,13 +52,11 @@ void ExpectHostFreeToUseTheCache(const std::function<void()>& change, HostThread
   auto changed = std::async(std::launch::async, change);
   ASSERT_EQ(changed.wait_for(60s), std::future_status::ready) << "the change never returned";
   changed.get();
-  std::lock_guard<std::mutex> lock(watch.mutex);
-  for (auto& asked : watch.asked)
-    EXPECT_EQ(asked.wait_for(30s), std::future_status::ready) << "host thread never answered";
-  ASSERT_EQ(watch.calls, 1) << "the host must hear of the change once";
-  EXPECT_EQ(watch.underLibraryLock, 0) << "host called holding the library lock";
-  EXPECT_EQ(watch.underItemLock, 0) << "host called holding an item's lock";
-  EXPECT_EQ(watch.hostThreadStuck, 0)
+  EXPECT_TRUE(watch.AllAnswered()) << "host thread never answered";
+  ASSERT_EQ(watch.Calls(), 1) << "the host must hear of the change once";
+  EXPECT_EQ(watch.UnderLibraryLock(), 0) << "host called holding the library lock";
+  EXPECT_EQ(watch.UnderItemLock(), 0) << "host called holding an item's lock";
+  EXPECT_EQ(watch.Stuck(), 0)
       << "the host's thread could not use the cache while the cache waited for the host";
 }
 

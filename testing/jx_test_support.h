@@ -8,6 +8,7 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,6 +16,7 @@
 #include "jxcache/bag/bag.h"
 #include "jxcache/bag/library_lock.h"
 #include "jxcache/host/guid.h"
+#include "jxcache/host/multi_tenant_mutex.h"
 #include "jxcache/items/stuff.h"
 #include "jxcache/lifecycle/lifecycle.h"
 #include "standalone/standalone_host.h"
@@ -127,6 +129,55 @@ long long PayloadBytesInBag(const JX_Bag& bag);
 // every test, so that a test program's tests pass in one process as they do one process each. Only
 // while the library runs no work of its own.
 void StartAsANewProcess();
+
+// Stands in for the host's code that the cache calls (an item's change handler, a payload's owner
+// giving memory back): each call has a thread of the host's own use the cache, and waits for it
+// (bounded), as a host refreshing its display or handing a buffer back to its pool does. Made
+// under a lock of the cache that thread needs, the call and the thread would wait for each other.
+class HostThreadWatch {
+ public:
+  void Called(std::function<void()> hostThread) {
+    const bool libraryLocked = JXp_ScLock::IsLockedByCurrentThread();
+    const bool itemLocked = zelcore::threads::MultiTenantRecursiveMutex::CurrentThreadHoldsAny();
+    auto done = std::make_shared<std::promise<void>>();
+    std::shared_future<void> answered = done->get_future().share();
+    std::thread([work = std::move(hostThread), done]() mutable {
+      work();
+      work = nullptr;  // what it holds (a bag, say) goes before the answer
+      done->set_value();
+    }).detach();  // a thread stuck for good must not hang the test
+    const bool stuck = answered.wait_for(std::chrono::seconds(2)) != std::future_status::ready;
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++calls_;
+    underLibraryLock_ += libraryLocked;
+    underItemLock_ += itemLocked;
+    stuck_ += stuck;
+    answers_.push_back(std::move(answered));
+  }
+  int Calls() const { return Read(calls_); }
+  int UnderLibraryLock() const { return Read(underLibraryLock_); }
+  int UnderItemLock() const { return Read(underItemLock_); }
+  // Calls whose host thread got no answer while the call waited for it.
+  int Stuck() const { return Read(stuck_); }
+  // Whether every host thread has had its answer by now or within 30 s: one that waited for the
+  // caller gets it once the caller lets go.
+  bool AllAnswered() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& a : answers_) {
+      if (a.wait_for(std::chrono::seconds(30)) != std::future_status::ready) return false;
+    }
+    return true;
+  }
+
+ private:
+  int Read(const int& n) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return n;
+  }
+  mutable std::mutex mutex_;
+  int calls_ = 0, underLibraryLock_ = 0, underItemLock_ = 0, stuck_ = 0;
+  std::vector<std::shared_future<void>> answers_;
+};
 
 // Holds the library lock on a thread of its own for its lifetime: what needs the lock (applying
 // recency notes, a bag's tear-down) waits meanwhile, while what does not goes on.
