@@ -19,14 +19,7 @@ namespace cf = jx::checkout_flags;
 namespace ci = jx::checkin_flags;
 using jx::HostReport;
 using jx::StandaloneHost;
-using jx::testing::AddedItem;
-using jx::testing::LibraryTest;
-using jx::testing::MakeItem;
-using jx::testing::MakeRequest;
-using jx::testing::PayloadBytesInBag;
-using jx::testing::PayloadOf;
-using jx::testing::TestPayload;
-using jx::testing::ThrownCode;
+using namespace jx::testing;
 using zelcore::utility::Guid;
 using zelcore::utility::IntrusivePtr;
 

@@ -24,12 +24,7 @@
 
 namespace cf = jx::checkout_flags;
 using jx::StandaloneHost;
-using jx::testing::LibraryTest;
-using jx::testing::MakeItem;
-using jx::testing::PayloadOf;
-using jx::testing::SumOfItemSizes;
-using jx::testing::TestPayload;
-using jx::testing::ThrownCode;
+using namespace jx::testing;
 using zelcore::utility::Guid;
 using zelcore::utility::IntrusivePtr;
 
@@ -57,7 +52,7 @@ class NotInMemoryPayload : public TestPayload {
 // owner flushing a render queue does.
 class OwnerWaitsOnDestroyPayload : public TestPayload {
  public:
-  OwnerWaitsOnDestroyPayload(unsigned int size, JX_Bag& bag, jx::testing::HostThreadWatch& owner)
+  OwnerWaitsOnDestroyPayload(unsigned int size, JX_Bag& bag, HostThreadWatch& owner)
       : TestPayload(size), bag_(bag), owner_(owner) {}
   ~OwnerWaitsOnDestroyPayload() override {
     owner_.Called([bag = &bag_] { bag->GetNumItems(); });  // takes the library lock
@@ -65,7 +60,7 @@ class OwnerWaitsOnDestroyPayload : public TestPayload {
 
  private:
   JX_Bag& bag_;
-  jx::testing::HostThreadWatch& owner_;
+  HostThreadWatch& owner_;
 };
 
 class PurgeTest : public LibraryTest {
@@ -79,9 +74,7 @@ class PurgeTest : public LibraryTest {
     TestPayload::OnRelease() = nullptr;
     LibraryTest::TearDown();
   }
-  IntrusivePtr<JX_Stuff> Add(TestPayload* payload) {
-    return jx::testing::AddNewItem(*bag_, payload);
-  }
+  IntrusivePtr<JX_Stuff> Add(TestPayload* payload) { return AddNewItem(*bag_, payload); }
   std::vector<IntrusivePtr<JX_Stuff>> AddItems(int n, unsigned int size, bool withDiskCopy) {
     std::vector<IntrusivePtr<JX_Stuff>> items;
     for (int i = 0; i < n; ++i) {
@@ -316,7 +309,7 @@ TEST(PurgeTemplateLimitTest, StopsOnceTheBagIsWithinTheLimit) {
 // The walk's reference may be the last of an item it removes: the item and its payload must go
 // after the library lock is released, as the payload's owner may wait for a thread that uses it.
 TEST_F(PurgeTest, AnItemThePurgeRemovesIsDestroyedOutsideTheLock) {
-  jx::testing::HostThreadWatch owner;
+  HostThreadWatch owner;
   Add(new OwnerWaitsOnDestroyPayload(50, *bag_, owner));
   auto kept = AddItems(3, 50, false);
   jx::PurgeOverBudget(*bag_, 50);

@@ -22,8 +22,7 @@
 #include "testing/fault_injection.h"
 
 namespace cf = jx::checkout_flags;
-using jx::testing::FolderNames;
-using jx::testing::TestPayload;
+using namespace jx::testing;
 using zelcore::filesupport::FaultInjection;
 using zelcore::filesupport::File;
 using zelcore::filesupport::FileOp;
@@ -66,12 +65,12 @@ class HookedPayload : public TestPayload {
   mutable int ownFaultsThrown = 0;
 };
 
-class DiskFileTest : public jx::testing::DiskTest {
+class DiskFileTest : public DiskTest {
  protected:
   void SetUp() override {
     DiskTest::SetUp();
     FaultInjection::Reset();
-    jx::testing::RegisterTestPayloadFactory();
+    RegisterTestPayloadFactory();
     dir_ = Folder();
   }
   void TearDown() override {
@@ -80,7 +79,7 @@ class DiskFileTest : public jx::testing::DiskTest {
   }
 
   IntrusivePtr<JX_Stuff> AddItem(TestPayload* payload = nullptr) {
-    return jx::testing::AddNewItem(*bag_, payload ? payload : new TestPayload(kSize, 5, true));
+    return AddNewItem(*bag_, payload ? payload : new TestPayload(kSize, 5, true));
   }
   // The item leaves memory but keeps its disk copy.
   void Purge(const IntrusivePtr<JX_Stuff>& item) {
@@ -96,8 +95,7 @@ class DiskFileTest : public jx::testing::DiskTest {
   }
   // Checks out the item with `guid` the way a render thread asks for it.
   JX_CheckoutResult Request(const Guid& guid, JX_ScCheckout& handle) {
-    return handle.FindAndCheckout(jx::testing::MakeRequest(guid),
-                                  cf::kReadOnly | cf::kCreatePending);
+    return handle.FindAndCheckout(MakeRequest(guid), cf::kReadOnly | cf::kCreatePending);
   }
   void ExpectReadsBack(const Guid& guid, uint32_t seed) {
     JX_ScCheckout handle;
@@ -109,8 +107,8 @@ class DiskFileTest : public jx::testing::DiskTest {
   }
   // Nothing half-written in the folder, and the bag counts exactly what is on disk.
   void ExpectFolderConsistent() {
-    EXPECT_FALSE(jx::testing::HasTempFiles(dir_));
-    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), jx::testing::SumOfFileSizes(dir_));
+    EXPECT_FALSE(HasTempFiles(dir_));
+    EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), SumOfFileSizes(dir_));
   }
   std::string NameFor(const Guid& guid, uint32_t version = 0) {
     JX_StuffData::Header header;
@@ -247,7 +245,7 @@ TEST_F(DiskFileTest, AFileTooLargeToCountIsNotAdopted) {
 // The same size reached by a write (here a file grown sparse as it is renamed into place): the
 // file is deleted, not linked, and the write fails.
 TEST_F(DiskFileTest, AWrittenFileTooLargeToCountIsDeletedAndTheWriteFails) {
-  class GrowsCommittedFiles final : public jx::testing::ForwardingFileSystem {
+  class GrowsCommittedFiles final : public ForwardingFileSystem {
    public:
     int Rename(const char* from, const char* to) override {
       const int result = in_.Rename(from, to);
@@ -262,7 +260,7 @@ TEST_F(DiskFileTest, AWrittenFileTooLargeToCountIsDeletedAndTheWriteFails) {
   auto item = AddItem();
   const uint64_t failed = counters_.failedWrites, written = counters_.filesWritten;
   {
-    jx::testing::InstalledFileSystem installed(files);
+    InstalledFileSystem installed(files);
     item->PrepAndWrite(bag_);
   }
   ASSERT_EQ(files.grown, 1);
@@ -498,12 +496,12 @@ TEST_F(DiskFileTest, AnItemLeftWithNothingByAFailedReadLeavesTheBagAndTheDirecto
       {"a look-up that only looks",
        [](const IntrusivePtr<JX_Stuff>& item) {
          JX_ScCheckout handle;
-         return handle.FindAndCheckout(jx::testing::MakeRequest(item->GetGuid()), cf::kReadOnly);
+         return handle.FindAndCheckout(MakeRequest(item->GetGuid()), cf::kReadOnly);
        }},
       {"a writeable look-up",
        [](const IntrusivePtr<JX_Stuff>& item) {
          JX_ScCheckout handle;
-         return handle.FindAndCheckout(jx::testing::MakeRequest(item->GetGuid()), 0);
+         return handle.FindAndCheckout(MakeRequest(item->GetGuid()), 0);
        }},
       {"the item's own check-out",
        [](const IntrusivePtr<JX_Stuff>& item) {
@@ -513,7 +511,7 @@ TEST_F(DiskFileTest, AnItemLeftWithNothingByAFailedReadLeavesTheBagAndTheDirecto
       {"a read ahead of the playhead",
        [](const IntrusivePtr<JX_Stuff>& item) {
          JX_ReadAhead readAhead;
-         readAhead.SetPlayhead(jx::testing::MakeRequest(item->GetGuid()), 1, {});
+         readAhead.SetPlayhead(MakeRequest(item->GetGuid()), 1, {});
          EXPECT_TRUE(readAhead.WaitIdle(std::chrono::seconds(30)));
          readAhead.Stop();
          return readAhead.GetCounters().failedReads == 1 ? kJX_CheckoutRefused : kJX_CheckedOut;
@@ -587,7 +585,7 @@ TEST_F(DiskFileTest, ADroppedDiskCopyTellsTheChangeHandlerWithNoLockHeld) {
     auto item = AddItem();
     item->PrepAndWrite(bag_);
     ASSERT_TRUE(item->HasDiskCacheFile());
-    jx::testing::HostThreadWatch host;
+    HostThreadWatch host;
     JX_Bag* const bag = bag_.get();
     item->GetMemDiskChangedSignal().Connect([&](bool, bool onDisk) {
       EXPECT_FALSE(onDisk);

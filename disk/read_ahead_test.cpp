@@ -18,10 +18,7 @@
 #include "standalone/standalone_host.h"
 
 namespace cf = jx::checkout_flags;
-using jx::testing::AddNewItem;
-using jx::testing::MakeRequest;
-using jx::testing::TestPayload;
-using jx::testing::WriteToDisk;
+using namespace jx::testing;
 using zelcore::utility::Guid;
 using zelcore::utility::IntrusivePtr;
 using StuffPtr = IntrusivePtr<JX_Stuff>;
@@ -31,11 +28,11 @@ namespace {
 constexpr unsigned int kSize = 40000;
 constexpr auto kLong = std::chrono::seconds(30);  // a hang guard, never a measure
 
-class ReadAheadTest : public jx::testing::DiskTest {
+class ReadAheadTest : public DiskTest {
  protected:
   void SetUp() override {
     DiskTest::SetUp();
-    jx::testing::RegisterTestPayloadFactory();
+    RegisterTestPayloadFactory();
     // The cache may grow to what it holds plus this much: the read-ahead's share is of that.
     jx::StandaloneHost::Instance().SetAmountAvailableBeforePurgeFunction([this] {
       return room_ - static_cast<uint64_t>(bag_->GetInMemoryCacheSizeInBytes_LockFree());

@@ -19,12 +19,7 @@ namespace cf = jx::checkout_flags;
 namespace ci = jx::checkin_flags;
 using jx::HostReport;
 using jx::StandaloneHost;
-using jx::testing::DiskTest;
-using jx::testing::LibraryTest;
-using jx::testing::MakeItem;
-using jx::testing::MakeRequest;
-using jx::testing::TestPayload;
-using jx::testing::ThrownCode;
+using namespace jx::testing;
 using zelcore::utility::Guid;
 using zelcore::utility::IntrusivePtr;
 
@@ -33,7 +28,7 @@ namespace {
 class CheckoutTest : public LibraryTest {
  protected:
   IntrusivePtr<JX_Stuff> Added(unsigned size, const Guid& guid = {}) {
-    return jx::testing::AddedItem(*bag_, size, guid);
+    return AddedItem(*bag_, size, guid);
   }
   JX_CheckoutResult Find(const IntrusivePtr<JX_Stuff>& request, int flags,
                          IntrusivePtr<JX_Stuff>* found) {
@@ -198,7 +193,7 @@ class ThrowingSizePayload : public TestPayload {
 
 TEST_F(ScCheckoutTest, DestructorChecksInSwallowsCheckinErrorsAndSkipsAReleasedItem) {
   auto* payload = new ThrowingSizePayload;
-  auto item = jx::testing::AddNewItem(*bag_, payload);
+  auto item = AddNewItem(*bag_, payload);
   {
     JX_ScCheckout handle(item, cf::kReadOnly);
     EXPECT_EQ(handle.GetResult(), kJX_CheckedOut);
@@ -311,7 +306,7 @@ TEST_F(ScCheckoutTest, StuffSetterAbandonsAnUnfilledRenderAndReleasesWaiters) {
     });
   }
   // Every waiter has checked the pending item out and gone to its gate.
-  EXPECT_TRUE(jx::testing::EventuallyTrue([&] { return waits.load() >= waitsBefore + kWaiters; }));
+  EXPECT_TRUE(EventuallyTrue([&] { return waits.load() >= waitsBefore + kWaiters; }));
   EXPECT_EQ(waits.load(), waitsBefore + kWaiters);
   EXPECT_EQ(pending->GetCheckoutCount(), 1u + kWaiters);
   try {
@@ -401,7 +396,7 @@ TEST_F(ScCheckoutDiskTest, ReacquisitionReadsFromDiskWhateverTheStoredFlags) {
 TEST_F(ScCheckoutDiskTest, DiskHoldsCountUntilCheckinAndFollowSwap) {
   auto& global = JX_Stuff::GetNumDiskCacheCheckoutsGlobal();
   const uint32_t globalBefore = global.load();
-  auto plain = jx::testing::AddedItem(*bag_, 10);
+  auto plain = AddedItem(*bag_, 10);
   {
     JX_ScCheckout handle(plain, cf::kReadOnly);
     EXPECT_TRUE(handle.HasDiskHoldIfWanted()) << "no disk copy: no hold needed";
