@@ -10,9 +10,9 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
 #include <fstream>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -505,34 +505,21 @@ TEST_F(FarmTest, RenewalOutlivesAFaultAndLeavesAnotherNodesLeaseAlone) {
 TEST_F(FarmTest, DetachLeavesTheLeasesOfRunningComputesAndWrites) {
   auto& counters = jx::farm::GetCounters();
   // Two tasks hold the disk executor's two places, so that the farm write waits in its queue.
-  struct Gate {
-    std::mutex mutex;
-    std::condition_variable changed;
-    int running = 0;
-    bool open = false;
-  };
-  auto gate = std::make_shared<Gate>();
-  auto open = [gate] {
-    std::lock_guard<std::mutex> lock(gate->mutex);
-    gate->open = true;
-    gate->changed.notify_all();
-  };
+  auto opened = std::make_shared<std::promise<void>>();
+  const std::shared_future<void> gate = opened->get_future().share();
+  auto running = std::make_shared<std::atomic<int>>(0);
+  std::once_flag once;
+  auto open = [&] { std::call_once(once, [&] { opened->set_value(); }); };
   std::shared_ptr<void> opensAtTheEnd(nullptr, [&](void*) { open(); });
   const auto executor = jx::DiskExecutor();
   ASSERT_TRUE(executor);
   for (int i = 0; i < 2; ++i) {
-    ASSERT_TRUE(executor->Post([gate] {
-      std::unique_lock<std::mutex> lock(gate->mutex);
-      ++gate->running;
-      gate->changed.notify_all();
-      gate->changed.wait_for(lock, std::chrono::seconds(30), [&] { return gate->open; });
+    ASSERT_TRUE(executor->Post([gate, running] {
+      ++*running;
+      gate.wait_for(std::chrono::seconds(30));
     }));
   }
-  {
-    std::unique_lock<std::mutex> lock(gate->mutex);
-    ASSERT_TRUE(
-        gate->changed.wait_for(lock, std::chrono::seconds(10), [&] { return gate->running == 2; }));
-  }
+  ASSERT_TRUE(jx::testing::EventuallyTrue([&] { return *running == 2; }));
   const Guid written = Guid::CreateUnique(), computing = Guid::CreateUnique();
   const auto writtenId = IdentityOf(written, 64 << 10);
   const std::string writtenLease = jx::farm::LeaseKeyOf(jx::farm::KeyOf(writtenId));
