@@ -55,6 +55,12 @@ class ReadAheadTest : public DiskTest {
     room_ = 100 * fileBytes_;
     return guids;
   }
+  // Stops the read-ahead, which must then hold nothing.
+  static void StopAndExpectNothingHeld(JX_ReadAhead& readAhead) {
+    readAhead.Stop();
+    EXPECT_EQ(readAhead.GetCounters().heldBytes, 0u);
+    EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
+  }
   static bool Play(JX_ReadAhead& readAhead, const StuffPtr& playhead, int direction,
                    const std::vector<StuffPtr>& ahead) {
     readAhead.SetPlayhead(playhead, direction, ahead);
@@ -264,9 +270,7 @@ TEST_F(ReadAheadTest, AHostThatRefusesRoomOrFailsItsAccountingCostsOneFrameNotTh
   EXPECT_EQ(c.prefetched, 3u);
   EXPECT_EQ(InMemory(1, 4), 3);
   EXPECT_EQ(c.heldBytes, 3u * fileBytes_);
-  readAhead.Stop();
-  EXPECT_EQ(readAhead.GetCounters().heldBytes, 0u);
-  EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
+  StopAndExpectNothingHeld(readAhead);
 }
 
 TEST_F(ReadAheadTest, AHeldFrameReplacedRemovedOrReKeyedIsLetGoWhenThePlanStillListsItsKey) {
@@ -295,8 +299,7 @@ TEST_F(ReadAheadTest, AHeldFrameReplacedRemovedOrReKeyedIsLetGoWhenThePlanStillL
   EXPECT_EQ(c.notInCache, 2u);                 // frames 2 and 3: no item answers their keys now
   bag_->PurgeAllMemoryCaches();
   EXPECT_TRUE(fresh->IsInMemory());
-  readAhead.Stop();
-  EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
+  StopAndExpectNothingHeld(readAhead);
 }
 
 // Two variants of one frame share its GUID and differ in their find-key data (as a proxy and a
@@ -325,8 +328,7 @@ TEST_F(ReadAheadTest, AnotherVariantOfAHeldKeyIsReadAndTheHeldOneLetGo) {
   EXPECT_EQ(variants[0]->GetCheckoutCount(), 1u);
   EXPECT_EQ(variants[1]->GetCheckoutCount(), 1u);
   EXPECT_TRUE(variants[0]->IsInMemory());
-  readAhead.Stop();
-  EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
+  StopAndExpectNothingHeld(readAhead);
 }
 
 // A viewer often reads the playhead's frame back itself just before the walk would: the walk
@@ -399,9 +401,7 @@ TEST_F(ReadAheadTest, FramesLargerInMemoryThanOnDiskStillStayWithinTheShare) {
   // What it holds cannot be purged; what it let go of can.
   bag_->PurgeAllMemoryCaches();
   EXPECT_EQ(InMemory(0, 12), held);
-  readAhead.Stop();
-  EXPECT_EQ(readAhead.GetCounters().heldBytes, 0u);
-  EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
+  StopAndExpectNothingHeld(readAhead);
 }
 
 // A frame a viewer still has checked out when the playhead moves on was used all the same.
@@ -440,8 +440,7 @@ TEST_F(ReadAheadTest, AFrameAnotherPlanHoldsIsNotCountedAsUsed) {
   const auto c = first.GetCounters();
   EXPECT_EQ(c.hitsOnPrefetched, 1u);  // frame 1, on screen
   EXPECT_EQ(c.wasted, 2u);            // frames 0 and 2, which only the other plan holds
-  second.Stop();
-  EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
+  StopAndExpectNothingHeld(second);
 }
 
 // A payload whose file turns out damaged when read back. It lets a test hold a viewer's look-up
@@ -563,7 +562,5 @@ TEST_F(ReadAheadTest, HoldsTheNearestFramesWithinTheShareAfterTheMoveOrTheShareS
   bag_->PurgeAllMemoryCaches();
   EXPECT_EQ(InMemory(5, 10), 5);
   EXPECT_EQ(InMemory(10, 40), 0) << "more than the share stays held";
-  readAhead.Stop();
-  EXPECT_EQ(readAhead.GetCounters().heldBytes, 0u);
-  EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
+  StopAndExpectNothingHeld(readAhead);
 }
