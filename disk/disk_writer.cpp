@@ -307,6 +307,20 @@ void JX_Stuff::WriteToDiskAsync(IntrusivePtr<JX_Stuff> item,
   }
   auto& counters = jx::disk::GetCounters();
   const unsigned int bytes = data->GetApproximateMemorySize();
+  // The cache's own limit is not the only one: the volume keeps its margin for everyone else.
+  const auto keepsVolumeMargin = [&](int64_t growth) {
+    if (jx::disk::VolumeKeepsMarginAfter(*bag, growth)) return true;
+    counters.writesSkippedForVolume.fetch_add(1, std::memory_order_relaxed);
+    jx::disk::NoteDiskOutOfSpace(*bag);
+    ZC_TRACE("JX", 3,
+             "WriteToDiskAsync: " << bytes << " bytes would cut into the volume's free-space "
+                                  << "margin; write skipped");
+    return false;
+  };
+  // Decided before room is made: making room deletes files, and a write skipped for the margin
+  // afterwards would have cost them for nothing. What it deletes goes back to the volume, so the
+  // volume loses only what the write takes beyond the cache's free room.
+  if (!keepsVolumeMargin(std::min<int64_t>(bytes, bag->GetCurFreeSpace()))) return;
   std::optional<jx::disk::ScWriteRoom> room;
   {
     ZC_PROFILE_SCOPE("KQ.JX_Stuff::WriteToDiskAsync - EnsureDisk", 6);
@@ -320,15 +334,9 @@ void JX_Stuff::WriteToDiskAsync(IntrusivePtr<JX_Stuff> item,
       return;
     }
   }
-  // The cache's own limit is not the only one: the volume keeps its margin for everyone else.
-  if (!jx::disk::VolumeKeepsMarginAfter(*bag, bytes)) {
-    counters.writesSkippedForVolume.fetch_add(1, std::memory_order_relaxed);
-    jx::disk::NoteDiskOutOfSpace(*bag);
-    ZC_TRACE("JX", 3,
-             "WriteToDiskAsync: " << bytes << " bytes would cut into the volume's free-space "
-                                  << "margin; write skipped");
-    return;
-  }
+  // Asked again with the room made: the volume may have filled meanwhile, or the files deleted
+  // may have been gone already (another process's deletion).
+  if (!keepsVolumeMargin(bytes)) return;
   if (target->IsInMemory() && !target->HasDiskCacheFile()) target->PrepAndWrite(bag);
   if (flag && target->HasDiskCacheFile()) {
     bool added = false;

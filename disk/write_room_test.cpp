@@ -185,6 +185,26 @@ TEST_F(WriteRoomTest, WritesLeaveTheVolumeItsMargin) {
   EXPECT_FALSE(b->HasDiskCacheFile());
   EXPECT_EQ(outOfSpace_, 2);
   EXPECT_EQ(JX_GetDiskPerformanceCounters().writesSkippedForRoom, before.writesSkippedForRoom);
+
+  // A full cache makes room by deleting older files, and the volume gets their bytes back. When
+  // even that leaves it short of its margin, the write is skipped before anything is deleted.
+  a->DeleteDiskCacheFile();
+  bag_->SetDiskCacheInfo(tempDir_, kSize);
+  auto older = AddItemWithFile(kSize);
+  int64_t volumeFree = kGiB - 1;
+  older->GetMemDiskChangedSignal().Connect([&](bool, bool onDisk) {
+    if (!onDisk) FileUtils::FakeVolumeFreeSpace(volumeFree += kSize);
+  });
+  auto c = AddDiskCacheableItem(kSize);
+  FileUtils::FakeVolumeFreeSpace(volumeFree);
+  OfferAndWait(c);
+  EXPECT_FALSE(c->HasDiskCacheFile());
+  EXPECT_TRUE(older->HasDiskCacheFile()) << "a file was deleted for a write that was skipped";
+  // Deleting as much as it writes, the write keeps the margin the volume has now.
+  FileUtils::FakeVolumeFreeSpace(volumeFree = kGiB);
+  OfferAndWait(c);
+  EXPECT_TRUE(c->HasDiskCacheFile());
+  EXPECT_FALSE(older->HasDiskCacheFile());
 }
 
 TEST_F(WriteRoomTest, AVolumeThatFillsUpFailsTheWriteCleanlyAndTellsTheHost) {
