@@ -7,6 +7,7 @@
 #include <unistd.h>
 #include "host/file_utils.h"
 
+#include <cstring>
 #include <filesystem>
 #include <functional>
 
@@ -17,6 +18,7 @@
 #include "jxcache/lifecycle/lifecycle.h"
 #include "standalone/standalone_host.h"
 
+using jx::testing::CompressiblePayload;
 using jx::testing::TestPayload;
 using zelcore::utility::Guid;
 using zelcore::utility::IntrusivePtr;
@@ -97,6 +99,67 @@ TEST(AdoptionTest, AFreshProcessAdoptsAndReadsBackWhatAnotherWrote) {
     return 0;
   });
   EXPECT_EQ(adopted, 0);
+  std::filesystem::remove_all(pattern);
+}
+
+// Rebuilds compressed copies too (their header carries one more byte).
+void RegisterCompressiblePayloadFactory() {
+  JX_StuffData::Factory factory =
+      [](const JX_StuffData::Header& header) -> IntrusivePtr<JX_StuffData> {
+    if (header.size() != 8 && header.size() != 9) return {};
+    uint32_t seed, size;
+    std::memcpy(&seed, header.data(), 4);
+    std::memcpy(&size, header.data() + 4, 4);
+    auto* payload = new CompressiblePayload(size, seed);
+    payload->SetIsCompressed(header.size() == 9);
+    payload->PurgeIfPossible(nullptr);
+    return IntrusivePtr<JX_StuffData>(payload);
+  };
+  JX_StuffData::RegisterFactory("TestPayload", factory);
+}
+
+// A key's compressed copy and its original are two items, each with a file of its own. Another
+// process (or this one after a restart) that holds the key in one form and scans the folder
+// links the other form's file to an item of that form: it neither deletes it (another process
+// may be counting and reading it) nor links it to the item of the other form.
+TEST(AdoptionTest, AKeysCompressedCopyAndItsOriginalAreAdoptedAsTwoItems) {
+  char pattern[] = "/tmp/jxadopt.XXXXXX";
+  ASSERT_NE(mkdtemp(pattern), nullptr);
+  const Guid guid = Guid::CreateUnique();
+  const auto add = [&](JX_Bag& bag, bool compressed) {
+    auto* payload = new CompressiblePayload(kSizeStep, 9);
+    payload->SetIsCompressed(compressed);
+    auto item = JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(payload), 0.0);
+    item->SetGuid(guid);
+    bag.AddToBagAndSortDir(item);
+    return item;
+  };
+  for (const bool heldCompressed : {false, true}) {
+    SCOPED_TRACE(heldCompressed ? "holding the compressed copy" : "holding the original");
+    const std::string folder = std::string(pattern) + (heldCompressed ? "/b" : "/a");
+    ASSERT_EQ(RunChild(1, folder,
+                       [&](JX_Bag& bag) {
+                         int written = 0;
+                         for (const bool compressed : {false, true}) {
+                           auto item = add(bag, compressed);
+                           item->PrepAndWrite(JX_GlobalBag());
+                           written += item->HasDiskCacheFile();
+                         }
+                         return written == 2 ? 0 : 1;
+                       }),
+              0);
+    const int code = RunChild(1, folder, [&](JX_Bag& bag) {
+      RegisterCompressiblePayloadFactory();
+      auto held = add(bag, heldCompressed);
+      ScanFolder(bag);
+      if (jx::testing::FolderNames(bag.GetDiskCacheDirSpec()).size() != 2) return 1;
+      if (bag.GetNumItems() != 2 || !held->HasDiskCacheFile()) return 2;
+      if (bag.GetCurrentDiskCacheSize() != jx::testing::SumOfFileSizes(bag.GetDiskCacheDirSpec()))
+        return 3;
+      return 0;
+    });
+    EXPECT_EQ(code, 0) << "1: a file deleted, 2: not two items, 3: the count is off";
+  }
   std::filesystem::remove_all(pattern);
 }
 

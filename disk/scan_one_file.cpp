@@ -61,6 +61,18 @@ bool HoldsHeader(const JX_Stuff& item, const JX_StuffData::Header& header) {
   return own == header;
 }
 
+// The item of `guid` in the form (compressed or not) given, if the directory has one.
+JX_Bag::StuffPtr ItemOfForm(const JX_Bag& bag, const zelcore::utility::Guid& guid,
+                            bool compressed) {
+  JX_Bag::StuffPtr match;
+  bag.GetSortDir()->ForEachWithGuid(guid, [&](const JX_Bag::StuffPtr& item) {
+    if (item->IsCompressed() != compressed) return true;
+    match = item;
+    return false;
+  });
+  return match;
+}
+
 unsigned int AccountableSize(uint64_t size) {
   return static_cast<unsigned int>(std::min<uint64_t>(size, UINT32_MAX));
 }
@@ -119,6 +131,18 @@ void AdoptCacheFile(JX_Bag& bag, const File& file, std::optional<uint64_t> fileS
     {
       jx::miss::ScLookupMode adopting(jx::miss::kNotALookup);
       existing.FindAndCheckout(candidate, kAdoptLookupFlags);
+    }
+    // A compressed copy and its original are two items of one key, each with a file of its own,
+    // as the writer makes them. The lookup answers with either form, and the other form's header
+    // always differs: the file goes to the item of its own form, or becomes one.
+    const bool compressed = payload->IsCompressed();
+    if (auto other = existing.GetStuffPtr(); other && other->IsCompressed() != compressed) {
+      existing.SetCheckinFlags(jx::checkin_flags::kKeepRecency);
+      if (auto same = ItemOfForm(bag, guid, compressed)) {
+        existing.Checkout(same, kAdoptLookupFlags);
+      } else {
+        existing.Checkin();
+      }
     }
     if (auto found = existing.GetStuffPtr()) {
       existing.SetCheckinFlags(jx::checkin_flags::kKeepRecency);  // adopting is not a use
