@@ -41,13 +41,34 @@ class RewriteTest : public jx::testing::DiskTest {
     DiskTest::SetUp();
     jx::testing::RegisterTestPayloadFactory();
   }
+  void TearDown() override {
+    TestPayload::OnRelease() = nullptr;
+    CompressiblePayload::duringCompressedWrite = nullptr;
+    DebugDatabase::Instance().RemoveEntry("KQ.IsDiskCompressionEnabledR");
+    DiskTest::TearDown();
+  }
 
   // An item in the bag whose payload (seed kOldSeed) is on disk.
   IntrusivePtr<JX_Stuff> WrittenItem() {
     auto item = AddDiskCacheableItem(kSize);
-    item->PrepAndWrite(bag_);
-    EXPECT_TRUE(item->HasDiskCacheFile());
+    EXPECT_TRUE(jx::testing::WriteToDisk(bag_, item));
     return item;
+  }
+  // An item whose writes also make a compressed copy: a second item of the same key.
+  IntrusivePtr<JX_Stuff> CompressibleItem() {
+    DebugDatabase::Instance().SetEntry("KQ.IsDiskCompressionEnabledR", "true");
+    return jx::testing::AddNewItem(*bag_, new CompressiblePayload(kSize, kOldSeed), kWorthWriting);
+  }
+  // Gives the item the payload of kNewSeed through a writeable check-out.
+  static void Rewrite(const IntrusivePtr<JX_Stuff>& item, double computeTime) {
+    JX_ScCheckout handle;
+    ASSERT_EQ(handle.Checkout(item, 0), kJX_CheckedOut);  // writeable, not converted
+    jx::testing::PayloadOf(*item)->Rewrite(kNewSeed);
+    handle.Checkin(0, computeTime);
+  }
+  void ScanFolder() {
+    for (const auto& name : jx::testing::FolderNames(Folder()))
+      JX_ScanOneDiskCacheFile(Folder().GetFile(name));
   }
   // Frees the item's memory as a purge does; an item left with nothing leaves the bag.
   void Purge(const IntrusivePtr<JX_Stuff>& item) {
@@ -57,10 +78,10 @@ class RewriteTest : public jx::testing::DiskTest {
   }
   // What a render thread asking for `guid` gets: the seed of the payload it was served (checked
   // byte for byte), or -1 when nothing was cached and it would render.
-  long Served(const Guid& guid) {
+  long Served(const Guid& guid, JX_CompressedAllowedOption option = kJX_CompressionNotAllowed) {
     JX_ScCheckout handle;
-    const auto result =
-        handle.FindAndCheckout(jx::testing::MakeRequest(guid), cf::kReadOnly | cf::kCreatePending);
+    const auto result = handle.FindAndCheckout(jx::testing::MakeRequest(guid, 0, option),
+                                               cf::kReadOnly | cf::kCreatePending);
     if (result == kJX_CreatedPending) {
       handle.GetStuffPtr()->SetStuffDataFromPendingRender({}, 0.0);  // abandon: leave no trace
       return -1;
@@ -81,12 +102,7 @@ TEST_F(RewriteTest, APayloadRewrittenThroughAWriteableCheckoutIsNeverReadBackOld
     SCOPED_TRACE(computeTime == 0.0 ? "not worth writing again" : "worth writing again");
     auto item = WrittenItem();
     const File old = item->GetDiskCacheFile();
-    {
-      JX_ScCheckout handle;
-      ASSERT_EQ(handle.Checkout(item, 0), kJX_CheckedOut);  // writeable, not converted
-      jx::testing::PayloadOf(*item)->Rewrite(kNewSeed);
-      handle.Checkin(0, computeTime);
-    }
+    Rewrite(item, computeTime);
     ASSERT_TRUE(jx::testing::WriterDrained());
     EXPECT_FALSE(old.Exists()) << "the old payload's copy is still in the folder";
     if (computeTime > 0.0) {
@@ -109,20 +125,10 @@ TEST_F(RewriteTest, APayloadRewrittenThroughAWriteableCheckoutIsNeverReadBackOld
 // It holds the payload as it was when written, like the item's own file, and requests that take
 // compressed frames find it.
 TEST_F(RewriteTest, ARewrittenOrReKeyedItemLeavesNoCompressedCopyOfTheOldPayload) {
-  DebugDatabase::Instance().SetEntry("KQ.IsDiskCompressionEnabledR", "true");
-  struct Reset {
-    ~Reset() {
-      TestPayload::OnRelease() = nullptr;
-      DebugDatabase::Instance().RemoveEntry("KQ.IsDiskCompressionEnabledR");
-    }
-  } reset;
   for (bool rekey : {false, true}) {
     SCOPED_TRACE(rekey ? "re-keyed" : "rewritten through a writeable check-out");
-    auto item = JX_Stuff::CreateNew(
-        IntrusivePtr<JX_StuffData>(new CompressiblePayload(kSize, kOldSeed)), kWorthWriting);
-    const Guid key = Guid::CreateUnique();
-    item->SetGuid(key);
-    bag_->AddToBagAndSortDir(item);
+    auto item = CompressibleItem();
+    const Guid key = item->GetGuid();
     const int before = bag_->GetNumItems();
     item->MaybeWriteToDisk();
     ASSERT_TRUE(jx::testing::WriterDrained());
@@ -139,32 +145,18 @@ TEST_F(RewriteTest, ARewrittenOrReKeyedItemLeavesNoCompressedCopyOfTheOldPayload
     if (rekey) {
       item->UpdateWithNewGuid(Guid::CreateUnique());
     } else {
-      JX_ScCheckout handle;
-      ASSERT_EQ(handle.Checkout(item, 0), kJX_CheckedOut);
-      jx::testing::PayloadOf(*item)->Rewrite(kNewSeed);
-      handle.Checkin(0, 0.0);  // not worth writing again
+      Rewrite(item, 0.0);  // not worth writing again
     }
     TestPayload::OnRelease() = nullptr;
     EXPECT_EQ(released, 1) << "the compressed copy's payload is still held";
     EXPECT_EQ(releasedUnderLock, 0);
-    ASSERT_TRUE(jx::testing::WriterDrained());
     Purge(item);
 
-    JX_ScCheckout handle;
-    const auto result =
-        handle.FindAndCheckout(jx::testing::MakeRequest(key, 0, kJX_CompressionAllowed),
-                               cf::kReadOnly | cf::kCreatePending);
-    if (result == kJX_CreatedPending) {
-      handle.GetStuffPtr()->SetStuffDataFromPendingRender({}, 0.0);
-    } else {
-      ASSERT_EQ(result, kJX_CheckedOut);
-      const auto* payload = jx::testing::PayloadOf(*handle.GetStuffPtr());
-      ASSERT_NE(payload, nullptr);
-      if (rekey) {
-        ADD_FAILURE() << "the old key still finds the item's payload";
-      } else {
-        EXPECT_EQ(payload->Seed(), kNewSeed) << "served the payload as it was before the rewrite";
-      }
+    const long served = Served(key, kJX_CompressionAllowed);
+    if (rekey) {
+      EXPECT_EQ(served, -1) << "the old key still finds the item's payload";
+    } else if (served != -1) {
+      EXPECT_EQ(served, long{kNewSeed}) << "served the payload as it was before the rewrite";
     }
     ExpectFolderMatchesBag();
   }
@@ -173,18 +165,8 @@ TEST_F(RewriteTest, ARewrittenOrReKeyedItemLeavesNoCompressedCopyOfTheOldPayload
 // Re-keyed while the disk thread writes the compressed copy: the copy joins the bag only after
 // its file is written, under the key it was made for.
 TEST_F(RewriteTest, AnItemReKeyedWhileItsCompressedCopyIsWrittenLeavesNoCopyUnderTheOldKey) {
-  DebugDatabase::Instance().SetEntry("KQ.IsDiskCompressionEnabledR", "true");
-  struct Reset {
-    ~Reset() {
-      CompressiblePayload::duringCompressedWrite = nullptr;
-      DebugDatabase::Instance().RemoveEntry("KQ.IsDiskCompressionEnabledR");
-    }
-  } reset;
-  auto item = JX_Stuff::CreateNew(
-      IntrusivePtr<JX_StuffData>(new CompressiblePayload(kSize, kOldSeed)), kWorthWriting);
-  const Guid oldKey = Guid::CreateUnique();
-  item->SetGuid(oldKey);
-  bag_->AddToBagAndSortDir(item);
+  auto item = CompressibleItem();
+  const Guid oldKey = item->GetGuid();
   std::atomic<int> rekeyed{0};
   CompressiblePayload::duringCompressedWrite = [&] {
     if (rekeyed++ == 0) item->UpdateWithNewGuid(Guid::CreateUnique());
@@ -194,12 +176,8 @@ TEST_F(RewriteTest, AnItemReKeyedWhileItsCompressedCopyIsWrittenLeavesNoCopyUnde
   ASSERT_EQ(rekeyed, 1) << "no compressed copy was written";
   Purge(item);
 
-  JX_ScCheckout handle;
-  const auto result =
-      handle.FindAndCheckout(jx::testing::MakeRequest(oldKey, 0, kJX_CompressionAllowed),
-                             cf::kReadOnly | cf::kCreatePending);
-  EXPECT_EQ(result, kJX_CreatedPending) << "the old key still finds the item's payload";
-  if (result == kJX_CreatedPending) handle.GetStuffPtr()->SetStuffDataFromPendingRender({}, 0.0);
+  EXPECT_EQ(Served(oldKey, kJX_CompressionAllowed), -1)
+      << "the old key still finds the item's payload";
   for (const auto& name : jx::testing::FolderNames(Folder())) {
     EXPECT_EQ(name.find(oldKey.AsString()), std::string::npos) << "filed under the old key";
   }
@@ -246,8 +224,7 @@ TEST_F(RewriteTest, AScanWhileTheItemIsOutOfTheDirectoryDoesNotAdoptItsFile) {
       item->PrepAndWrite(bag_);
       ASSERT_TRUE(item->HasDiskCacheFile());
     }
-    for (const auto& name : jx::testing::FolderNames(Folder()))
-      JX_ScanOneDiskCacheFile(Folder().GetFile(name));
+    ScanFolder();
     EXPECT_EQ(bag_->GetNumItems(), items) << "the scan made a second item of an owned file";
     EXPECT_EQ(jx::disk::GetCounters().filesAdopted, adopted);
     ExpectFolderMatchesBag();
@@ -265,20 +242,13 @@ TEST_F(RewriteTest, AStaleCopyLeftByAFailedDeletionIsNeverReadBackIntoTheRewritt
   auto item = WrittenItem();
   const File old = item->GetDiskCacheFile();
   FaultInjection::FailNth(zelcore::filesupport::FileOp::kDelete, 1, EIO);
-  {
-    JX_ScCheckout handle;
-    ASSERT_EQ(handle.Checkout(item, 0), kJX_CheckedOut);
-    jx::testing::PayloadOf(*item)->Rewrite(kNewSeed);
-    handle.Checkin(0, 0.0);  // not worth writing again
-  }
+  Rewrite(item, 0.0);  // not worth writing again
   const uint64_t injected = FaultInjection::InjectedCount();
   FaultInjection::Reset();
   ASSERT_EQ(injected, 1u);
   ASSERT_TRUE(old.Exists()) << "the deletion did not fail";
   ASSERT_FALSE(item->HasDiskCacheFile());
-
-  for (const auto& name : jx::testing::FolderNames(Folder()))
-    JX_ScanOneDiskCacheFile(Folder().GetFile(name));
+  ScanFolder();
   EXPECT_FALSE(item->HasDiskCacheFile()) << "the item took the old payload's copy";
   ExpectFolderMatchesBag();
   Purge(item);
