@@ -12,11 +12,13 @@
 #include <thread>
 #include <vector>
 
+#include "jxcache/host/open_once_gate.h"
 #include "mediamap/media_map_hooks.h"
 #include "mediamap/mediamap_test_support.h"
 #include "standalone/standalone_host.h"
 
 namespace cf = jx::checkout_flags;
+using jx::testing::AddedItem;
 using jx::testing::CheckMediaMapBooks;
 using jx::testing::MakeItem;
 using jx::testing::MediaMapTest;
@@ -29,8 +31,7 @@ namespace {
 // An item checked in (and mirrored again) while the host's purge of it is on its way: the purge
 // frees the memory and must take the new entry with it.
 TEST_F(MediaMapTest, HostPurgeRacingACheckinLeavesNoStaleEntry) {
-  auto item = MakeItem(100);
-  bag_->AddToBagAndSortDir(item);
+  auto item = AddedItem(*bag_, 100);
   ASSERT_EQ(item->Checkout(cf::kReadOnly), kJX_CheckedOut);
   std::thread hostPurge;
   {
@@ -90,11 +91,7 @@ void RendersHostPurgesAndCachePurgesTogether(JX_Bag* bag, const kq::JX_MediaMapI
 
   auto renderer = [&](int r) {
     std::mt19937 rng(seed + r);
-    auto render = [&] {
-      auto item = MakeItem(500 + rng() % 2000, {}, rng());
-      bag->AddToBagAndSortDir(item);
-      return item;
-    };
+    auto render = [&] { return AddedItem(*bag, 500 + rng() % 2000, {}, rng()); };
     std::vector<IntrusivePtr<JX_Stuff>> slots;
     for (int i = 0; i < kSlotsPerRenderer; ++i) slots.push_back(render());
     for (int op = 0; op < kRenderOps; ++op) {
@@ -161,8 +158,7 @@ void RendersHostPurgesAndCachePurgesTogether(JX_Bag* bag, const kq::JX_MediaMapI
 // an item for its bag under the item's lock alone, and an item it saw out of its bag had its
 // queued write dropped as if it had left the cache.
 TEST_F(MediaMapTest, AnItemMovedToTheYoungEndNeverLooksOutOfItsBag) {
-  auto item = MakeItem(100);
-  bag_->AddToBagAndSortDir(item);
+  auto item = AddedItem(*bag_, 100);
   Watchdog watchdog("check-ins beside a reader of the item's bag", std::chrono::seconds(90));
   std::atomic<bool> done{false};
   std::atomic<long> looks{0}, outOfBag{0};
@@ -208,8 +204,7 @@ TEST_F(MediaMapTest, AHostThatPurgesInsideRegistrationsAndUnderItsOwnLockNeverDe
 TEST_F(MediaMapTest, AHostPurgeHoldingItsOwnLockNeverWaitsForAnAddThatWaitsForIt) {
   auto manager = jx::standalone::MediaManagerPool();
   manager->SetCallbacksUnderHostLock(true);
-  auto victim = MakeItem(100);
-  bag_->AddToBagAndSortDir(victim);
+  auto victim = AddedItem(*bag_, 100);
   auto added = MakeItem(200);
   std::thread hostPurge;
   {
@@ -272,27 +267,6 @@ TEST_F(MediaMapTest, AHostThatCallsBackIntoTheCacheFromItsManagerCallsNeverDeadl
   EXPECT_EQ(CheckMediaMapBooks(*adapter_, *bag_), "");
 }
 
-// A gate that a test opens once; waits on it are bounded.
-class Gate {
- public:
-  void Open() {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      open_ = true;
-    }
-    cv_.notify_all();
-  }
-  bool WaitFor(std::chrono::seconds limit) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cv_.wait_for(lock, limit, [this] { return open_; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  bool open_ = false;
-};
-
 // Where the media map is shut down and started again while a delivery to the manager is under
 // way: on another thread, while the host holds the delivering thread inside a registration; or by
 // the host itself, from inside that registration, after it mirrored a second item.
@@ -316,7 +290,7 @@ void ShutDownDuringADelivery(JX_Bag& bag, const kq::JX_MediaMapImpl& oldAdapter,
   };
   std::atomic<bool> armed{false};
   std::atomic<int> held{0};
-  Gate entered, release;
+  zelcore::threads::OpenOnceGate entered, release;
   manager->SetCallbackHook([&] {
     if (!armed.exchange(false)) return;
     held.fetch_add(1);
