@@ -61,19 +61,37 @@ class ChunkyStream : public IByteStream {
   size_t at_ = 0;
 };
 
-// Reads the payload in one call (large enough for the helper) and verifies it; returns whether
-// it verified, and the bytes in `got`.
-bool ReadAndVerify(const std::vector<uint8_t>& file, size_t chunk, std::vector<uint8_t>* got) {
-  ChunkyStream raw(file, chunk);
-  ChecksummedIByteStream in(raw);
-  got->assign(file.size() - jx::kChecksumTrailerSize, 0);
-  in.ReadExactly(got->data(), got->size());
+bool Verifies(ChecksummedIByteStream& in) {
   try {
     in.Verify();
     return true;
   } catch (const CorruptDataError&) {
     return false;
   }
+}
+
+// Reads the payload in one call (large enough for the helper) and verifies it; returns whether
+// it verified, and the bytes in `got`. `onRead` runs before every read of the device.
+bool ReadAndVerify(const std::vector<uint8_t>& file, size_t chunk, std::vector<uint8_t>* got,
+                   std::function<void()> onRead = {}) {
+  ChunkyStream raw(file, chunk);
+  raw.onRead = std::move(onRead);
+  ChecksummedIByteStream in(raw);
+  got->assign(file.size() - jx::kChecksumTrailerSize, 0);
+  in.ReadExactly(got->data(), got->size());
+  return Verifies(in);
+}
+
+// Runs `fn` on a thread of its own and returns what it returns; a hang ends the process, saying
+// what hung, once `limit` has passed.
+template <typename Fn>
+auto FinishesOrAborts(std::chrono::seconds limit, const char* hang, Fn fn) {
+  auto run = std::async(std::launch::async, std::move(fn));
+  if (run.wait_for(limit) != std::future_status::ready) {
+    std::fprintf(stderr, "checksum helper: %s\n", hang);
+    std::abort();
+  }
+  return run.get();
 }
 
 TEST(ChecksumHelper, AReadHashedAsideVerifiesAsInlineAndCatchesDamageAnywhere) {
@@ -142,29 +160,19 @@ TEST(ChecksumHelper, AStopFromInsideALargeReadEndsTheHelperAtOnce) {
   std::vector<uint8_t> got;
   ASSERT_TRUE(ReadAndVerify(file, 300007, &got));  // the helper runs
   jx::StopChecksumHelper();
-  auto run = std::async(std::launch::async, [&] {
+  EXPECT_TRUE(FinishesOrAborts(std::chrono::seconds(60), "a stop inside a read waited for it", [&] {
     const int withoutHelper = ThreadCount();
-    int afterStop = -1;
-    ChunkyStream raw(file, 300007);
-    int reads = 0;
-    raw.onRead = [&] {
+    int afterStop = -1, reads = 0;
+    const uint64_t before = jx::ChecksumHelperTransfers();
+    std::vector<uint8_t> mine;
+    const bool verified = ReadAndVerify(file, 300007, &mine, [&] {
       if (reads++ != 1) return;  // the second read: the helper is ours
       jx::StopChecksumHelper();
       afterStop = ThreadCount();
-    };
-    ChecksummedIByteStream in(raw);
-    const uint64_t before = jx::ChecksumHelperTransfers();
-    std::vector<uint8_t> mine(kLarge);
-    in.ReadExactly(mine.data(), mine.size());
-    in.Verify();
+    });
     EXPECT_EQ(afterStop, withoutHelper) << "the helper outlived the stop asked during the read";
-    return mine == payload && jx::ChecksumHelperTransfers() == before + 1 && reads > 1;
-  });
-  if (run.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
-    std::fprintf(stderr, "checksum helper: a stop inside a read waited for that read\n");
-    std::abort();
-  }
-  EXPECT_TRUE(run.get());
+    return verified && mine == payload && jx::ChecksumHelperTransfers() == before + 1 && reads > 1;
+  }));
 }
 
 // A read held up in its device (a network folder) must not hold up a stop: the helper gives the
@@ -178,27 +186,19 @@ TEST(ChecksumHelper, AStopDoesNotWaitForAReadStuckInItsDevice) {
     std::promise<void> stuck;
     std::atomic<bool> answer{false};
     auto reader = std::async(std::launch::async, [&] {
-      ChunkyStream raw(file, 300007);
       int reads = 0;
-      raw.onRead = [&] {
+      const uint64_t before = jx::ChecksumHelperTransfers();
+      std::vector<uint8_t> got;
+      const bool verified = ReadAndVerify(file, 300007, &got, [&] {
         if (reads++ != 3) return;
         stuck.set_value();
         const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
         while (!answer && std::chrono::steady_clock::now() < limit) {
           std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-      };
-      ChecksummedIByteStream in(raw);
-      const uint64_t before = jx::ChecksumHelperTransfers();
-      std::vector<uint8_t> got(kLarge);
-      in.ReadExactly(got.data(), got.size());
+      });
       EXPECT_EQ(jx::ChecksumHelperTransfers(), before + 1) << "the helper had the read";
-      try {
-        in.Verify();
-        return got == payload;
-      } catch (const CorruptDataError&) {
-        return false;
-      }
+      return verified && got == payload;
     });
     stuck.get_future().wait();
     // Long past the helper's spin: it sleeps, waiting for the stuck read's next slice.
@@ -227,11 +227,7 @@ TEST(ChecksumHelper, AStopIsNotStarvedByOneThreadReadingBackToBack) {
       ChunkyStream raw(file, SIZE_MAX);
       ChecksummedIByteStream in(raw);
       in.ReadExactly(got.data(), got.size());
-      try {
-        in.Verify();
-      } catch (const CorruptDataError&) {
-        ++bad;
-      }
+      bad += !Verifies(in);
       ++reads;
     }
   });
@@ -255,7 +251,7 @@ TEST(ChecksumHelper, AStopAsAReadBeginsNeverStrandsTheRead) {
   const auto payload = Pattern(kLarge, 11);
   const auto file = Sealed(payload);
   constexpr int kRounds = 200;
-  auto run = std::async(std::launch::async, [&] {
+  const int wrong = FinishesOrAborts(std::chrono::seconds(60), "a read begun at a stop hung", [&] {
     int wrong = 0;
     std::vector<uint8_t> got(kLarge);
     for (int i = 0; i < kRounds; ++i) {
@@ -267,25 +263,15 @@ TEST(ChecksumHelper, AStopAsAReadBeginsNeverStrandsTheRead) {
       };
       ChecksummedIByteStream in(raw);
       in.ReadExactly(got.data(), got.size());
-      try {
-        in.Verify();
-        wrong += got != payload;
-      } catch (const CorruptDataError&) {
-        ++wrong;
-      }
+      wrong += !Verifies(in) || got != payload;
     }
     return wrong;
   });
-  if (run.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
-    std::fprintf(stderr, "checksum helper: a read begun just before a stop was never hashed\n");
-    std::abort();
-  }
-  EXPECT_EQ(run.get(), 0);
+  EXPECT_EQ(wrong, 0);
 }
 
 TEST(ChecksumHelper, ConcurrentReadersAndStopsNeitherHangNorMixReads) {
   constexpr int kReaders = 4, kReads = 12;
-  constexpr auto kHangLimit = std::chrono::seconds(120);
   // Each reader has its own file; every third read is of a damaged copy.
   std::vector<std::vector<uint8_t>> payloads, files, damaged;
   for (int r = 0; r < kReaders; ++r) {
@@ -296,34 +282,29 @@ TEST(ChecksumHelper, ConcurrentReadersAndStopsNeitherHangNorMixReads) {
   }
   const uint64_t before = jx::ChecksumHelperTransfers();
   std::atomic<int> readersLeft{kReaders};
-  auto run = std::async(std::launch::async, [&] {
-    int wrong = 0, stops = 0;
-    std::vector<std::thread> readers;
-    for (int r = 0; r < kReaders; ++r) {
-      readers.emplace_back([&, r] {
-        std::vector<uint8_t> got;
-        for (int i = 0; i < kReads; ++i) {
-          const bool bad = i % 3 == 2;
-          const bool verified = ReadAndVerify(bad ? damaged[r] : files[r], 262147, &got);
-          if (verified == bad || (!bad && got != payloads[r])) ++wrong;
+  const auto [wrong, stops] =
+      FinishesOrAborts(std::chrono::seconds(120), "readers and stops hung", [&] {
+        int wrong = 0, stops = 0;
+        std::vector<std::thread> readers;
+        for (int r = 0; r < kReaders; ++r) {
+          readers.emplace_back([&, r] {
+            std::vector<uint8_t> got;
+            for (int i = 0; i < kReads; ++i) {
+              const bool bad = i % 3 == 2;
+              const bool verified = ReadAndVerify(bad ? damaged[r] : files[r], 262147, &got);
+              if (verified == bad || (!bad && got != payloads[r])) ++wrong;
+            }
+            --readersLeft;
+          });
         }
-        --readersLeft;
+        while (readersLeft > 0) {
+          jx::StopChecksumHelper();
+          ++stops;
+          std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        for (auto& t : readers) t.join();
+        return std::make_pair(wrong, stops);
       });
-    }
-    while (readersLeft > 0) {
-      jx::StopChecksumHelper();
-      ++stops;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    for (auto& t : readers) t.join();
-    return std::make_pair(wrong, stops);
-  });
-  if (run.wait_for(kHangLimit) != std::future_status::ready) {
-    std::fprintf(stderr, "checksum helper: readers and stops hung for %llds\n",
-                 static_cast<long long>(kHangLimit.count()));
-    std::abort();
-  }
-  const auto [wrong, stops] = run.get();
   EXPECT_EQ(wrong, 0) << "a read verified that should not have, or returned other bytes";
   EXPECT_GT(stops, 0);
   const uint64_t aside = jx::ChecksumHelperTransfers() - before;
