@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <functional>
 #include <vector>
 
 #include "items/checksum_helper.h"
@@ -39,13 +38,16 @@ using jx::testing::Pattern;
 using jx::testing::Sealed;
 
 // Reads back `n` payload bytes and verifies; returns what was read (throws as Verify does).
-std::vector<uint8_t> Open(const std::vector<uint8_t>& file, size_t n) {
-  MemoryIByteStream raw(file.data(), file.size());
+std::vector<uint8_t> Open(IByteStream& raw, size_t n) {
   ChecksummedIByteStream in(raw);
   std::vector<uint8_t> got(n);
   in.ReadExactly(got.data(), n);
   in.Verify();
   return got;
+}
+std::vector<uint8_t> Open(const std::vector<uint8_t>& file, size_t n) {
+  MemoryIByteStream raw(file.data(), file.size());
+  return Open(raw, n);
 }
 
 TEST(ChecksummedStream, RoundTripsWhateverTheWritesSizesAndTellsThePayloadWhatIsLeft) {
@@ -90,19 +92,12 @@ TEST(ChecksummedStream, ATrailerWrittenUnderAnIdentityVerifiesUnderThatIdentityO
     const auto& file = out.Bytes();
     ASSERT_EQ(file.size(), size + jx::kChecksumTrailerSize);
     EXPECT_NE(file, Sealed(payload));
-    auto read = [&](IByteStream& raw) {
-      ChecksummedIByteStream in(raw);
-      std::vector<uint8_t> got(size);
-      in.ReadExactly(got.data(), size);
-      in.Verify();
-      return got;
-    };
     NamedIn same(file, 7), other(file, 8);
     MemoryIByteStream none(file.data(), file.size());
     const uint64_t before = jx::ChecksumHelperTransfers();
-    EXPECT_EQ(read(same), payload) << size;
-    EXPECT_THROW(read(other), CorruptDataError) << size;
-    EXPECT_THROW(read(none), CorruptDataError) << size;
+    EXPECT_EQ(Open(same, size), payload) << size;
+    EXPECT_THROW(Open(other, size), CorruptDataError) << size;
+    EXPECT_THROW(Open(none, size), CorruptDataError) << size;
     if (size >= (size_t{1} << 20)) {
       EXPECT_EQ(jx::ChecksumHelperTransfers(), before + 3) << "the helper hashed the large reads";
     }
@@ -153,14 +148,9 @@ TEST(ChecksummedStream, AHeaderThatClaimsMoreThanTheStreamHoldsIsRefusedBeforeAl
   EXPECT_THROW(in.ExpectAtLeast(uint64_t{65535} * 16383 * 4, "frame"), CorruptDataError);
 }
 
-// Runs `child` in a forked child with a 10 s alarm and returns whether it exited with 0.
-::testing::AssertionResult InForkedChild(const std::function<bool()>& child) {
-  const pid_t pid = ::fork();
-  if (pid < 0) return ::testing::AssertionFailure() << "fork failed";
-  if (pid == 0) {
-    ::alarm(10);  // a hang ends the child by a signal, which the parent reports
-    ::_exit(child() ? 0 : 1);
-  }
+// Whether the forked child `pid` exited with 0 (a hang ends it by its alarm's signal).
+::testing::AssertionResult ExitedWell(pid_t pid) {
+  if (pid <= 0) return ::testing::AssertionFailure() << "fork failed";
   int status = 0;
   if (::waitpid(pid, &status, 0) != pid) return ::testing::AssertionFailure() << "waitpid";
   if (!WIFEXITED(status)) {
@@ -181,10 +171,15 @@ TEST(ChecksummedStream, AForkedChildHashesItsLargeReadsWithoutTheParentsThread) 
   const uint64_t before = jx::ChecksumHelperTransfers();
   ASSERT_EQ(Open(file, payload.size()), payload);
   ASSERT_EQ(jx::ChecksumHelperTransfers(), before + 1) << "the parent's read went to the helper";
-  EXPECT_TRUE(InForkedChild([&] {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::alarm(10);
     const uint64_t mine = jx::ChecksumHelperTransfers();
-    return Open(file, payload.size()) == payload && jx::ChecksumHelperTransfers() == mine + 1;
-  }));
+    const bool own =
+        Open(file, payload.size()) == payload && jx::ChecksumHelperTransfers() == mine + 1;
+    ::_exit(own ? 0 : 1);
+  }
+  EXPECT_TRUE(ExitedWell(child));
 
   // Forked inside a read: slices before the fork were hashed by the parent's helper.
   class ForkingStream : public MemoryIByteStream {
@@ -212,11 +207,7 @@ TEST(ChecksummedStream, AForkedChildHashesItsLargeReadsWithoutTheParentsThread) 
   }
   if (raw.child == 0) ::_exit(verified ? 0 : 1);
   EXPECT_TRUE(verified);
-  ASSERT_GT(raw.child, 0) << "the read forked";
-  int status = 0;
-  ASSERT_EQ(::waitpid(raw.child, &status, 0), raw.child);
-  ASSERT_TRUE(WIFEXITED(status)) << "the child hung or crashed: signal " << WTERMSIG(status);
-  EXPECT_EQ(WEXITSTATUS(status), 0) << "the child's read of a good file did not verify";
+  EXPECT_TRUE(ExitedWell(raw.child)) << "the child's read of a good file";
 }
 
 }  // namespace
