@@ -76,6 +76,15 @@ bool CompletesWhileWritesAreQueued(const std::function<void()>& complete,
   return byItself;
 }
 
+// Waits for `work`; a hang ends the process, saying what hung.
+void FinishesOrExits(std::future<void>& work, const char* what) {
+  if (work.wait_for(std::chrono::minutes(2)) != std::future_status::ready) {
+    std::fprintf(stderr, "HANG: %s\n", what);
+    std::_Exit(3);
+  }
+  work.get();
+}
+
 TEST_F(DiskWriterTest, CheckinQueuesAndTheQueuePinsTheItem) {
   // Keeps queued writes from starting, so that the test can look at the queue.
   jx::DiskExecutor()->HoldBackUntil(std::chrono::steady_clock::now() + std::chrono::minutes(5));
@@ -233,13 +242,8 @@ TEST_F(DiskWriterTest, AFolderPurgeDuringWritesLeavesTheSizesExact) {
   constexpr int kItems = 2000;
   constexpr unsigned kSmall = 4096;
   std::vector<IntrusivePtr<JX_Stuff>> items;
-  for (int i = 0; i < kItems; ++i) {
-    auto item =
-        JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(new TestPayload(kSmall, 5, true)), 0.0);
-    item->SetGuid(zelcore::utility::Guid::CreateUnique());
-    bag_->AddToBagAndSortDir(item);
-    items.push_back(item);
-  }
+  for (int i = 0; i < kItems; ++i)
+    items.push_back(jx::testing::AddNewItem(*bag_, new TestPayload(kSmall, 5, true)));
   std::atomic<bool> stop{false};
   std::atomic<int> purges{0};
   auto run = std::async(std::launch::async, [&] {
@@ -253,11 +257,7 @@ TEST_F(DiskWriterTest, AFolderPurgeDuringWritesLeavesTheSizesExact) {
     stop = true;
     purger.join();
   });
-  if (run.wait_for(std::chrono::minutes(2)) != std::future_status::ready) {
-    std::fprintf(stderr, "HANG: writes beside a folder purge\n");
-    std::_Exit(3);
-  }
-  run.get();
+  FinishesOrExits(run, "writes beside a folder purge");
   ASSERT_GT(purges, 1);
   int countedWithoutFile = 0, linkedToNothing = 0;
   for (const auto& item : items) {
@@ -308,10 +308,9 @@ class CommitMeetsPurge final : public jx::testing::ForwardingFileSystem {
   std::atomic<int> purgeDeletions_{0};
 };
 
-// A folder purge lists the folder after a write renamed its finished file into it, and looks at
-// the items before the write links that file to its item. Nothing is deleted under the item: the
-// bag counts what the folder holds, and the item, gone from memory, is read back without a failed
-// read.
+// A folder purge between a write's rename into the folder and its link of the file to the item
+// deletes nothing under the item: the bag counts what the folder holds, and the item, gone from
+// memory, is read back without a failed read.
 TEST_F(DiskWriterTest, AFolderPurgeBetweenAWritesCommitAndItsLinkLeavesTheItemsFile) {
   auto item = AddDiskCacheableItem(4096);
   CommitMeetsPurge files([&] { return item->HasDiskCacheFile(); });
@@ -321,11 +320,7 @@ TEST_F(DiskWriterTest, AFolderPurgeBetweenAWritesCommitAndItsLinkLeavesTheItemsF
   const bool linkedBeforePurge = item->HasDiskCacheFile();
   if (committed) bag_->PurgeAllDiskCaches();
   files.LetTheWriteLink();
-  if (write.wait_for(std::chrono::minutes(2)) != std::future_status::ready) {
-    std::fprintf(stderr, "HANG: a write that met a folder purge\n");
-    std::_Exit(3);
-  }
-  write.get();
+  FinishesOrExits(write, "a write that met a folder purge");
   installed.reset();
   ASSERT_TRUE(committed) << "the write never renamed its file into the folder";
   ASSERT_FALSE(linkedBeforePurge) << "the purge came after the link, not between";
