@@ -19,8 +19,8 @@
 #include "testing/jx_test_support.h"
 
 namespace cf = jx::checkout_flags;
+using jx::testing::AddedItem;
 using jx::testing::LibraryTest;
-using jx::testing::MakeItem;
 using jx::testing::TestPayload;
 using zelcore::utility::HighPrecisionTime;
 using zelcore::utility::IntrusivePtr;
@@ -36,10 +36,7 @@ class RecencyTest : public LibraryTest {
   }
   std::vector<IntrusivePtr<JX_Stuff>> AddItems(int n) {
     std::vector<IntrusivePtr<JX_Stuff>> items;
-    for (int i = 0; i < n; ++i) {
-      items.push_back(MakeItem(10 * (i + 1)));
-      bag_->AddToBagAndSortDir(items.back());
-    }
+    for (int i = 0; i < n; ++i) items.push_back(AddedItem(*bag_, 10 * (i + 1)));
     return items;
   }
   // The order after every note is applied (the copy applies them first).
@@ -126,13 +123,11 @@ TEST_F(RecencyLogTest, NotesOfItemsThatLeftDiedOrLostTheirBagChangeNothing) {
   IntrusivePtr<JX_Stuff> left = items[0], died = items[1], stays = items[2];
   items.clear();
   auto otherBag = std::make_shared<JX_Bag>(1);
-  IntrusivePtr<JX_Stuff> orphaned = MakeItem(10);
-  otherBag->AddToBagAndSortDir(orphaned);
+  IntrusivePtr<JX_Stuff> orphaned = AddedItem(*otherBag, 10);
   const int livePayloads = TestPayload::LiveCount().load();
 
-  for (JX_Stuff* s : {left.get(), died.get(), stays.get(), orphaned.get()}) {
+  for (JX_Stuff* s : {left.get(), died.get(), stays.get(), orphaned.get()})
     jx::recency::Note(*s, At(1));
-  }
   left->RemoveFromBagAndSortDir();
   died->RemoveFromBagAndSortDir();
   died.reset();  // the note's reference is weak: the item goes now
@@ -227,10 +222,6 @@ TEST_F(RecencyTest, AWrappingLogAppliedMeanwhileKeepsEveryMove) {
   EXPECT_GE(applies.load(), kUses / kUsesPerMeeting);
 }
 
-}  // namespace
-
-namespace {
-
 // The default clock, except that the first stamp it gives a thread marked to stall is handed
 // over only once the test lets it go: that thread's check-in is caught between taking its stamp
 // and storing it. Records the first stamp it gave each marked thread.
@@ -286,8 +277,6 @@ class StallingClock : public jx::host::Clock {
   bool released_ = false;
 };
 
-}  // namespace
-
 // Two holders of one item check it in at once. Whatever the interleaving, the item's last-used
 // time ends as the later of their two uses: it is what the disk folder's size keeping and the
 // purge's "last purged" time go by, and the recency order places the item by that later use.
@@ -319,9 +308,10 @@ TEST_F(RecencyTest, TwoOverlappingCheckinsLeaveTheLaterUseAsTheLastUsedTime) {
   ASSERT_TRUE(secondDone) << "the second check-in hung";
   const std::vector<uint64_t> stamps = clock.Stamps();
   ASSERT_EQ(stamps.size(), 2u);
-  ASSERT_NE(stamps[0], 0u);
-  ASSERT_NE(stamps[1], 0u);
+  ASSERT_TRUE(stamps[0] != 0 && stamps[1] != 0);
   EXPECT_EQ(x->GetLastUsedTime(), std::max(stamps[0], stamps[1]))
       << "the item's last use went back to the earlier check-in's";
   EXPECT_EQ(x->GetCheckoutCount(), 0u);
 }
+
+}  // namespace
