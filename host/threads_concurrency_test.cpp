@@ -151,24 +151,20 @@ TEST(MultiTenantMutex, ManyHeldMutexesReleasedInAnyOrder) {
 
 TEST(MultiTenantMutex, UpgradeToWriteWaitsForOtherReaders) {
   MultiTenantRecursiveMutex m;
+  Contender reader(m, kRead);
+  ASSERT_TRUE(reader.AcquiresSoon());
+  m.LockUpgrade();  // an upgrader shares with readers
   std::atomic<bool> readerLeft{false};
-  OpenOnceGate readerHolds, converting;
-  std::thread reader([&] {
-    m.LockRead();
-    readerHolds.Open();
-    converting.Wait();
+  std::thread leave([&] {
     std::this_thread::sleep_for(20ms);
     readerLeft = true;
-    m.UnlockRead();
+    reader.Release();
   });
-  readerHolds.Wait();
-  m.LockUpgrade();  // an upgrader shares with readers
-  converting.Open();
   m.LockWrite();
   EXPECT_TRUE(readerLeft);
   m.UnlockWrite();
   m.UnlockUpgrade();
-  reader.join();
+  leave.join();
 }
 
 TEST(MultiTenantMutex, WaitingWriterDoesNotBlockAThreadThatAlreadyReads) {
