@@ -27,16 +27,17 @@ struct Request {
   uint32_t size;
 };
 
-// The obvious LRU by bytes. Too large for the cache: a miss, never kept. Size 0: kept for good.
-struct BruteForce {
+struct Misses {
   uint64_t misses = 0, bytesMissed = 0;
 };
-BruteForce BruteForceLru(const std::vector<Request>& trace, uint64_t capacity) {
+
+// The obvious LRU by bytes. Too large for the cache: a miss, never kept. Size 0: kept for good.
+Misses BruteForceLru(const std::vector<Request>& trace, uint64_t capacity) {
   std::list<Request> order;  // most recent first
   std::unordered_map<uint64_t, std::list<Request>::iterator> where;
   std::unordered_set<uint64_t> empty;  // objects of size 0 seen so far
   uint64_t held = 0;
-  BruteForce r;
+  Misses r;
   for (const Request& q : trace) {
     if (empty.count(q.id)) continue;
     auto it = where.find(q.id);
@@ -113,7 +114,7 @@ TEST(Replay, MissCountsEqualBruteForceLruAtSeveralSizes) {
   uint64_t previousMisses = UINT64_MAX;
   for (size_t i = 0; i < sizes.size(); ++i) {
     const auto& run = j["runs"][i];
-    const BruteForce want = BruteForceLru(trace, sizes[i]);
+    const Misses want = BruteForceLru(trace, sizes[i]);
     EXPECT_EQ(run["cache_size"].get<uint64_t>(), sizes[i]);
     EXPECT_EQ(run["requests"].get<uint64_t>(), trace.size());
     EXPECT_EQ(run["misses"].get<uint64_t>(), want.misses) << "cache size " << sizes[i];
@@ -128,13 +129,10 @@ TEST(Replay, MissCountsEqualBruteForceLruAtSeveralSizes) {
 
 // The optimal policy the slow way: each eviction scans the rest of the trace for the cached
 // object asked for furthest ahead. Size 0 stays; too large is a miss never kept.
-struct Optimal {
-  uint64_t misses = 0, bytesMissed = 0;
-};
-Optimal BruteForceOptimal(const std::vector<Request>& trace, uint64_t capacity) {
+Misses BruteForceOptimal(const std::vector<Request>& trace, uint64_t capacity) {
   std::vector<Request> cache;
   uint64_t held = 0;
-  Optimal r;
+  Misses r;
   auto nextUse = [&](uint64_t id, size_t after) {
     for (size_t j = after + 1; j < trace.size(); ++j)
       if (trace[j].id == id) return j;
@@ -194,7 +192,7 @@ TEST(ReplayOptimal, MissesEqualABruteForceScanOfTheFuture) {
     for (size_t k = 0; k < sizes.size(); ++k) {
       SCOPED_TRACE("seed " + std::to_string(seed) + ", cache " + std::to_string(sizes[k]));
       const auto& run = j["runs"][k];
-      const Optimal want = BruteForceOptimal(trace, sizes[k]);
+      const Misses want = BruteForceOptimal(trace, sizes[k]);
       EXPECT_EQ(run["optimal"]["misses"].get<uint64_t>(), want.misses);
       EXPECT_EQ(run["optimal"]["bytes_missed"].get<uint64_t>(), want.bytesMissed);
       EXPECT_LE(run["optimal"]["misses"].get<uint64_t>(), run["misses"].get<uint64_t>())
