@@ -4,10 +4,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 #include <random>
 #include <thread>
 #include <vector>
@@ -55,26 +53,18 @@ class Watchdog {
  public:
   Watchdog(const char* what, std::chrono::seconds limit)
       : thread_([this, what, limit] {
-          std::unique_lock<std::mutex> lock(mutex_);
-          if (!cv_.wait_for(lock, limit, [this] { return done_; })) {
-            std::fprintf(stderr, "HANG: %s did not finish within %lld s\n", what,
-                         static_cast<long long>(limit.count()));
-            std::_Exit(3);
-          }
+          if (done_.WaitFor(limit)) return;
+          std::fprintf(stderr, "HANG: %s did not finish within %lld s\n", what,
+                       static_cast<long long>(limit.count()));
+          std::_Exit(3);
         }) {}
   ~Watchdog() {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      done_ = true;
-    }
-    cv_.notify_all();
+    done_.Open();
     thread_.join();
   }
 
  private:
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  bool done_ = false;
+  zelcore::threads::OpenOnceGate done_;
   std::thread thread_;
 };
 
@@ -153,10 +143,9 @@ void RendersHostPurgesAndCachePurgesTogether(JX_Bag* bag, const kq::JX_MediaMapI
   EXPECT_EQ(CheckMediaMapBooks(adapter, *bag), "");
 }
 
-// A check-in moves its item to the young end of the recency order, and with the media map on
-// renews the item's entry there. The item must stay in its bag throughout: the disk writer asks
-// an item for its bag under the item's lock alone, and an item it saw out of its bag had its
-// queued write dropped as if it had left the cache.
+// A check-in that moves its item to the young end (renewing its media map entry) must never show
+// it out of its bag: the disk writer asks for the bag under the item's lock alone, and dropped the
+// queued write of an item it saw out of its bag as if it had left the cache.
 TEST_F(MediaMapTest, AnItemMovedToTheYoungEndNeverLooksOutOfItsBag) {
   auto item = AddedItem(*bag_, 100);
   Watchdog watchdog("check-ins beside a reader of the item's bag", std::chrono::seconds(90));
