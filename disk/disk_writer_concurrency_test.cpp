@@ -269,10 +269,9 @@ TEST_F(DiskWriterTest, AFolderPurgeDuringWritesLeavesTheSizesExact) {
   EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), jx::testing::SumOfFileSizes(Folder()));
 }
 
-// The default file system with a meeting point between a write and a folder purge. The write's
-// rename of its finished file into the folder (the commit, before the write links the file to its
-// item) waits there until it is let go. The first deletion of that file by the thread that made
-// this file system (the purge's) lets the write go and waits until the write has linked the file.
+// Holds a write just after its rename into the folder (before it links the file to its item) until
+// the first deletion of that file by the thread that made this file system (the purge's), which
+// then waits until the write has linked the file.
 class CommitMeetsPurge final : public jx::testing::ForwardingFileSystem {
  public:
   explicit CommitMeetsPurge(std::function<bool()> linked) : linked_(std::move(linked)) {}

@@ -1,7 +1,6 @@
-// A large read is hashed by the helper thread a slice behind the reads: the verdict must be the one
-// an inline hash gives, damage anywhere must still be caught, and neither a read that fails
-// part-way, nor readers that find the helper busy, nor a stop of the helper in the middle of it
-// all may hang, mix two reads' bytes or leave the helper taken, and a stop never waits for a read.
+// A large read is hashed by the helper thread a slice behind the reads: the verdict must be an
+// inline hash's, and neither failing reads, busy helpers nor stops may hang, mix two reads' bytes
+// or leave the helper taken; a stop never waits for a read.
 #include <dirent.h>
 #include <gtest/gtest.h>
 
@@ -243,10 +242,9 @@ TEST(ChecksumHelper, AStopIsNotStarvedByOneThreadReadingBackToBack) {
   EXPECT_LE(tookHelper, 2u) << "the stop waited behind " << tookHelper << " reads of " << reads;
 }
 
-// A stop that comes just as a read hands the helper its bytes (here, from the read's own first
-// device call) must still leave that read with someone to hash it: either the helper serves the
-// read and gives it up, or the read hashes inline. Back to back, so that the helper is between
-// two transfers, looking for the next, when the read begins.
+// A stop just as a read hands the helper its bytes (from the read's first device call) must still
+// leave someone to hash the read. Back to back, so that the helper is between two transfers,
+// looking for the next, when the read begins.
 TEST(ChecksumHelper, AStopAsAReadBeginsNeverStrandsTheRead) {
   const auto payload = Pattern(kLarge, 11);
   const auto file = Sealed(payload);
