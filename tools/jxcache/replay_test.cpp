@@ -233,11 +233,9 @@ TEST(ReplayTrace, CsvAndCompressedTracesReadAsTheBinaryOneAndACutOneFails) {
     std::ofstream(dir.File(std::string(name) + ".zst"), std::ios::binary)
         << Compress(plain.substr(0, half)) << Compress(plain.substr(half));
   }
-  const std::vector<std::string> args = {"--cache-size", "1MiB,4MiB", "--json", "--no-optimal"};
   auto run = [&](const std::string& name) {
-    std::vector<std::string> a = {"replay", dir.File(name)};
-    a.insert(a.end(), args.begin(), args.end());
-    return RunTool(a);
+    return RunTool(
+        {"replay", dir.File(name), "--cache-size", "1MiB,4MiB", "--json", "--no-optimal"});
   };
   const auto plain = run("t.bin");
   ASSERT_EQ(plain.exitCode, 0) << plain.err;
