@@ -75,9 +75,7 @@ TEST(XmlEscape, HostileTextBecomesCharacterData) {
   // Valid UTF-8 passes through; what XML cannot carry becomes U+FFFD.
   EXPECT_EQ(XmlEscape("caf\xC3\xA9 \xE2\x82\xAC"), "caf\xC3\xA9 \xE2\x82\xAC");
   const std::string bad = "\xEF\xBF\xBD";
-  EXPECT_EQ(XmlEscape(std::string("a\x01"
-                                  "b")),
-            "a" + bad + "b");
+  EXPECT_EQ(XmlEscape(std::string("a\x01") + "b"), "a" + bad + "b");
   EXPECT_EQ(XmlEscape("\xFF\xFE"), bad + bad);
   EXPECT_EQ(XmlEscape("\xC3"), bad);                      // cut short
   EXPECT_EQ(XmlEscape("\xC0\xAF"), bad + bad);            // an overlong "/"
