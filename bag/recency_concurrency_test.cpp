@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <future>
 #include <map>
 #include <mutex>
@@ -15,6 +14,7 @@
 #include "jxcache/bag/library_lock.h"
 #include "jxcache/host/high_precision_time.h"
 #include "jxcache/host/host_services.h"
+#include "jxcache/host/open_once_gate.h"
 #include "standalone/standalone_host.h"
 #include "testing/jx_test_support.h"
 
@@ -229,17 +229,15 @@ class StallingClock : public jx::host::Clock {
  public:
   uint64_t NowNanoseconds() override {
     const uint64_t t = jx::host::DefaultClock().NowNanoseconds();
-    std::unique_lock<std::mutex> l(mutex_);
-    const auto me = std::this_thread::get_id();
-    auto marked = first_.find(me);
-    if (marked == first_.end() || marked->second != 0) return t;
-    marked->second = t;
-    if (me == stalling_) {
-      stalled_ = true;
-      changed_.notify_all();
-      // Bounded: a test that never lets go fails on its own wait, not here.
-      changed_.wait_for(l, std::chrono::seconds(30), [this] { return released_; });
+    {
+      std::lock_guard<std::mutex> l(mutex_);
+      auto marked = first_.find(std::this_thread::get_id());
+      if (marked == first_.end() || marked->second != 0) return t;
+      marked->second = t;
+      if (marked->first != stalling_) return t;
     }
+    stalled_.Open();
+    released_.WaitFor(std::chrono::seconds(30));  // a test that never lets go fails on its own wait
     return t;
   }
   uint64_t MillisecondsSinceBoot() override {
@@ -252,15 +250,8 @@ class StallingClock : public jx::host::Clock {
     first_[std::this_thread::get_id()] = 0;
     if (stall) stalling_ = std::this_thread::get_id();
   }
-  bool WaitUntilStalled(std::chrono::seconds bound) {
-    std::unique_lock<std::mutex> l(mutex_);
-    return changed_.wait_for(l, bound, [this] { return stalled_; });
-  }
-  void Release() {
-    std::lock_guard<std::mutex> l(mutex_);
-    released_ = true;
-    changed_.notify_all();
-  }
+  bool WaitUntilStalled(std::chrono::seconds bound) { return stalled_.WaitFor(bound); }
+  void Release() { released_.Open(); }
   std::vector<uint64_t> Stamps() {
     std::lock_guard<std::mutex> l(mutex_);
     std::vector<uint64_t> out;
@@ -270,11 +261,9 @@ class StallingClock : public jx::host::Clock {
 
  private:
   std::mutex mutex_;
-  std::condition_variable changed_;
   std::map<std::thread::id, uint64_t> first_;
   std::thread::id stalling_;
-  bool stalled_ = false;
-  bool released_ = false;
+  zelcore::threads::OpenOnceGate stalled_, released_;
 };
 
 // Two holders of one item check it in at once. Whatever the interleaving, the item's last-used
