@@ -114,20 +114,14 @@ TEST(ChecksummedStream, EveryFlippedBitTruncationOrTailIsCaught) {
   const auto payload = Pattern(200);
   const auto good = Sealed(payload, 64);
   ASSERT_EQ(Open(good, payload.size()), payload);
-  int caught = 0, tried = 0;
+  // A flipped bit in the body or the trailer must never verify.
   for (size_t byte = 0; byte < good.size(); ++byte) {
     for (int bit = 0; bit < 8; ++bit) {
       auto bad = good;
       bad[byte] ^= static_cast<uint8_t>(1u << bit);
-      ++tried;
-      try {
-        Open(bad, payload.size());
-      } catch (const CorruptDataError&) {
-        ++caught;
-      }
+      EXPECT_THROW(Open(bad, payload.size()), CorruptDataError) << byte << ":" << bit;
     }
   }
-  EXPECT_EQ(caught, tried) << "a flipped bit in the body or the trailer must never verify";
 
   for (size_t cut : {size_t{1}, size_t{8}, size_t{9}, good.size()}) {
     std::vector<uint8_t> shorter(good.begin(), good.end() - static_cast<long>(cut));
