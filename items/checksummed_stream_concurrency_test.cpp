@@ -282,7 +282,8 @@ TEST(ChecksumHelper, ConcurrentReadersAndStopsNeitherHangNorMixReads) {
   std::atomic<int> readersLeft{kReaders};
   const auto [wrong, stops] =
       FinishesOrAborts(std::chrono::seconds(120), "readers and stops hung", [&] {
-        int wrong = 0, stops = 0;
+        std::atomic<int> wrong{0};  // the readers count into it together
+        int stops = 0;
         std::vector<std::thread> readers;
         for (int r = 0; r < kReaders; ++r) {
           readers.emplace_back([&, r] {
@@ -301,7 +302,7 @@ TEST(ChecksumHelper, ConcurrentReadersAndStopsNeitherHangNorMixReads) {
           std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         for (auto& t : readers) t.join();
-        return std::make_pair(wrong, stops);
+        return std::make_pair(wrong.load(), stops);
       });
   EXPECT_EQ(wrong, 0) << "a read verified that should not have, or returned other bytes";
   EXPECT_GT(stops, 0);
