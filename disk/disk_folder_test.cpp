@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <future>
@@ -319,6 +320,38 @@ TEST_F(DiskFolderTest, TheScanAdoptsEveryFileWithItsOwnSizeAcrossBatchesAndSubFo
   }
   EXPECT_EQ(items, made);
   EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), static_cast<long long>(made * (made + 1) / 2));
+}
+
+// The host moves the cache to a folder it used before, which still holds a copy of a file an item
+// links in the folder it left. The copy in the folder in use must be the counted one: left out,
+// that folder outgrows its limit by every such copy.
+TEST_F(DiskFolderTest, AScanOfTheNewFolderCountsItsCopyOfAFileLinkedInTheOldOne) {
+  JX_StopAllAsyncWork();
+  jx::testing::RegisterTestPayloadFactory();
+  auto item = AddDiskCacheableItem(4096);
+  ASSERT_TRUE(jx::testing::WriteToDisk(bag_, item, true));
+  const File old = item->GetDiskCacheFile();
+  const long long counted = bag_->GetCurrentDiskCacheSize();
+  const std::string root = tempDir_ + "/other";
+  ASSERT_EQ(::mkdir(root.c_str(), 0700), 0);
+  bag_->SetDiskCacheInfo(root, kDefaultMaxDisk);
+  const File copy = Folder().GetFile(old.GetName());
+  std::filesystem::copy_file(old.GetPath(), copy.GetPath());
+
+  bag_->RequestDiskCacheScan();
+  EXPECT_EQ(bag_->ScanDiskCacheDir(), 1);
+  EXPECT_EQ(item->GetDiskCacheFile().GetPath(), copy.GetPath());
+  EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), counted);
+  EXPECT_TRUE(old.Exists()) << "the folder left keeps its files for a return to it";
+  {
+    JX_ScCheckout back(item, cf::kReadOnly);
+    EXPECT_EQ(back.GetResult(), kJX_CheckedOut);
+    EXPECT_TRUE(item->IsInMemory()) << "read back from the copy";
+  }
+  // Room for the whole limit takes every file the cache counts.
+  EXPECT_TRUE(bag_->EnsureDiskSpace(kDefaultMaxDisk, ~0ull));
+  EXPECT_EQ(bag_->GetCurrentDiskCacheSize(), 0);
+  EXPECT_EQ(jx::testing::SumOfFileSizes(Folder()), 0) << "a file of the folder went uncounted";
 }
 
 TEST_F(DiskFolderTest, AScanThatFindsTheRequestTakenReturnsOnlyOnceThatScanHasEnded) {

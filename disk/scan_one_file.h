@@ -4,8 +4,9 @@
 // never opens the file. A file that is not ours, of another version, of a payload class nobody
 // registered, or a temporary of an unfinished write is left alone (and not deleted here); the
 // scan of the next file goes on. A file whose item already exists in memory becomes that item's
-// disk copy; otherwise a new item that lives on disk only is added to the bag. A key's compressed
-// copy and its original are two items, so a file looks only among the items of its own form.
+// disk copy (replacing a link into a folder the host has moved the cache away from); otherwise a
+// new item that lives on disk only is added to the bag. A key's compressed copy and its original
+// are two items, so a file looks only among the items of its own form.
 //
 // Threads: any thread. Takes the library lock, then item locks; never waits.
 #pragma once
