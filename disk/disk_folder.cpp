@@ -463,6 +463,15 @@ int JX_Bag::ScanDiskCacheDir() {
                    [](const Found& a, const Found& b) { return a.creationTime < b.creationTime; });
   int handed = 0;
   for (const Found& entry : files) {
+    // The host may move the cache elsewhere meanwhile. The folder left is no longer the cache's:
+    // its files would count against the new folder's limit, and making room there would delete
+    // them from the folder the host may come back to.
+    // (Compared in place: a copy of the path for each of 100,000 files would cost the scan.)
+    const bool moved = [&] {
+      std::lock_guard<std::mutex> l(diskMutex_);
+      return !(diskCacheDir_ == dir);
+    }();
+    if (moved) break;
     try {
       jx::disk::AdoptCacheFile(*this, entry.file, entry.size);
       ++handed;

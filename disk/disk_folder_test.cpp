@@ -354,6 +354,43 @@ TEST_F(DiskFolderTest, AScanOfTheNewFolderCountsItsCopyOfAFileLinkedInTheOldOne)
   EXPECT_EQ(jx::testing::SumOfFileSizes(Folder()), 0) << "a file of the folder went uncounted";
 }
 
+// A scan under way when the host moves the cache elsewhere must stop taking files of the folder
+// left: adopted, they would count against the new folder's limit, and making room there would
+// delete them from the folder the host may return to.
+TEST_F(DiskFolderTest, AScanUnderWayStopsAdoptingOnceTheHostMovesTheCache) {
+  JX_StopAllAsyncWork();
+  constexpr int kFiles = 20;
+  for (int i = 0; i < kFiles; ++i) MakeFile(PayloadFileName(*bag_, static_cast<uint32_t>(i)), 8);
+  // The first payload the scan asks for holds it in the middle of its adoption until the folder
+  // has moved.
+  std::atomic<int> asked{0};
+  std::promise<void> reached;
+  std::promise<void> moved;
+  std::shared_future<void> movedFuture = moved.get_future().share();
+  JX_StuffData::Factory factory = [&](const JX_StuffData::Header&) {
+    if (asked.fetch_add(1) == 0) {
+      reached.set_value();
+      movedFuture.wait_for(std::chrono::minutes(1));
+    }
+    auto* payload = new jx::testing::TestPayload(8, 0, true);
+    payload->PurgeIfPossible(nullptr);
+    return zelcore::utility::IntrusivePtr<JX_StuffData>(payload);
+  };
+  JX_StuffData::RegisterFactory("TestPayload", factory);
+  bag_->RequestDiskCacheScan();
+  auto scan = std::async(std::launch::async, [&] { return bag_->ScanDiskCacheDir(); });
+  ASSERT_EQ(reached.get_future().wait_for(std::chrono::minutes(1)), std::future_status::ready);
+  const std::string root = tempDir_ + "/other";
+  ASSERT_EQ(::mkdir(root.c_str(), 0700), 0);
+  bag_->SetDiskCacheInfo(root, kDefaultMaxDisk);
+  moved.set_value();
+  ASSERT_EQ(scan.wait_for(std::chrono::minutes(1)), std::future_status::ready) << "hung";
+  scan.get();
+
+  EXPECT_EQ(asked.load(), 1) << "files of the folder left were taken after the move";
+  EXPECT_LE(bag_->GetNumItems(), 1) << "only the one under way when the folder moved";
+}
+
 TEST_F(DiskFolderTest, AScanThatFindsTheRequestTakenReturnsOnlyOnceThatScanHasEnded) {
   // The other scanner is this test's own thread, standing in for the deferred disk task.
   JX_StopAllAsyncWork();

@@ -148,9 +148,10 @@ class JX_EXPORT JX_Bag : public std::enable_shared_from_this<JX_Bag> {
   // Hands every cache file in the folder, oldest first, to ScanOneDiskCacheFile (which adopts the
   // running version's) and deletes SafeSave leftovers of killed processes. Does nothing while the
   // disk cache is off; otherwise runs when the host allowed the media map at birth or a scan was
-  // requested. Never holds the library lock while walking. Returns the files handed over; 0 when
-  // another thread's scan took the request, after that scan has ended. Waits for a scan or purge
-  // under way: never call it with the library lock or an item lock held.
+  // requested, and stops adopting once the host moves the cache to another folder. Never holds
+  // the library lock while walking. Returns the files handed over; 0 when another thread's scan
+  // took the request, after that scan has ended. Waits for a scan or purge under way: never call
+  // it with the library lock or an item lock held.
   int ScanDiskCacheDir();
   // Asks for one scan, run by the deferred disk task.
   void RequestDiskCacheScan();
