@@ -6,6 +6,7 @@
 #include <chrono>
 #include <future>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -274,9 +275,11 @@ TEST_F(RecencyTest, TwoOverlappingCheckinsLeaveTheLaterUseAsTheLastUsedTime) {
   const auto& x = items[0];
   ASSERT_EQ(x->Checkout(cf::kReadOnly), kJX_CheckedOut);
   ASSERT_EQ(x->Checkout(cf::kReadOnly), kJX_CheckedOut);
-  // Never destroyed: a library thread may still be inside a call when it is uninstalled.
-  static auto* const stallingClock = new StallingClock;
-  StallingClock& clock = *stallingClock;
+  // A fresh clock for every run: a repeated run in one process must not find the last run's
+  // marks and open gates. Never destroyed: a library thread may still be inside a call when it
+  // is uninstalled.
+  static auto* const clocks = new std::vector<std::unique_ptr<StallingClock>>;
+  StallingClock& clock = *clocks->emplace_back(std::make_unique<StallingClock>());
   jx::host::InstallClock(&clock);
   std::thread first([&] {
     clock.Mark(/*stall=*/true);
