@@ -73,14 +73,6 @@ JX_Bag::StuffPtr ItemOfForm(const JX_Bag& bag, const zelcore::utility::Guid& gui
   return match;
 }
 
-// Whether `file` lies in `folder` or below it.
-bool InFolder(const File& file, const zelcore::filesupport::Dir& folder) {
-  const std::string& path = file.GetPath();
-  const std::string& prefix = folder.GetPath();
-  return !prefix.empty() && path.size() > prefix.size() &&
-         path.compare(0, prefix.size(), prefix) == 0 && path[prefix.size()] == '/';
-}
-
 unsigned int AccountableSize(uint64_t size) {
   return static_cast<unsigned int>(std::min<uint64_t>(size, UINT32_MAX));
 }
@@ -173,7 +165,7 @@ void AdoptCacheFile(JX_Bag& bag, const File& file, std::optional<uint64_t> fileS
       // item to a file of this name in the folder in use: this claim holds it.)
       const zelcore::filesupport::Dir current = bag.GetDiskCacheDirSpec();
       const bool moveHere =
-          InFolder(file, current) && !InFolder(found->GetDiskCacheFile(), current);
+          file.GetParent() == current && !(found->GetDiskCacheFile().GetParent() == current);
       // Counted with the link: a deletion of the item's file (a folder purge, which does not
       // wait for the library lock) may come right after it.
       if (found->TakeDiskCacheFile(claim, !moveHere, size)) {
