@@ -233,13 +233,16 @@ TEST(ChecksumHelper, AStopIsNotStarvedByOneThreadReadingBackToBack) {
   while (reads < 3) std::this_thread::yield();
   const uint64_t before = jx::ChecksumHelperTransfers();
   jx::StopChecksumHelper();
-  // Reads that took the helper while the stop waited for it: the one under way, and perhaps one
-  // that took it just before the stop asked. Starved, the stop waits behind dozens.
+  // Reads that took the helper while the stop waited for it: the one under way, perhaps one
+  // that took it just before the stop asked, and those of a moment in which a busy machine kept
+  // this thread from asking (13 of them once, in a CI run). Starved, the stop waits out the whole
+  // 20 s of reading, thousands of reads.
   const uint64_t tookHelper = jx::ChecksumHelperTransfers() - before;
   stopped = true;
   reader.join();
   EXPECT_EQ(bad, 0);
-  EXPECT_LE(tookHelper, 2u) << "the stop waited behind " << tookHelper << " reads of " << reads;
+  EXPECT_LE(tookHelper, 100u) << "the stop waited behind " << tookHelper << " reads of " << reads;
+  EXPECT_LT(reads, 1000) << "the reading ran until its own end, not the stop's";
 }
 
 // A stop just as a read hands the helper its bytes (from the read's first device call) must still
