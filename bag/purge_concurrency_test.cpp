@@ -7,7 +7,6 @@
 #include <atomic>
 #include <barrier>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <future>
@@ -19,16 +18,18 @@
 #include "host/y_api.h"
 #include "jxcache/bag/global_bag.h"
 #include "jxcache/bag/library_lock.h"
+#include "jxcache/host/open_once_gate.h"
 #include "standalone/standalone_host.h"
 #include "testing/jx_test_support.h"
 
 namespace cf = jx::checkout_flags;
 using jx::StandaloneHost;
+using jx::testing::AddedItem;
+using jx::testing::AddNewItem;
 using jx::testing::LibraryTest;
 using jx::testing::MakeItem;
 using jx::testing::SumOfItemSizes;
 using jx::testing::TestPayload;
-using zelcore::utility::Guid;
 using zelcore::utility::IntrusivePtr;
 
 namespace {
@@ -62,12 +63,7 @@ class PurgeConcurrencyTest : public LibraryTest {
 
 TEST_F(PurgeConcurrencyTest, EachPurgeIsSatisfiedByItsOwnThreadsAmount) {
   StandaloneHost::Instance().SetMemoryLimit(1000);  // the floor, 100 bytes, stays out of the way
-  for (int i = 0; i < 20; ++i) {
-    auto item =
-        JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(new AmountRecordingPayload(50, seen_)), 0.0);
-    item->SetGuid(Guid::CreateUnique());
-    bag_->AddToBagAndSortDir(item);
-  }
+  for (int i = 0; i < 20; ++i) AddNewItem(*bag_, new AmountRecordingPayload(50, seen_));
   std::barrier sync(2);
   auto purge = [&](uint64_t amount, uint64_t* amountAfter, std::thread::id* id) {
     *id = std::this_thread::get_id();
@@ -121,41 +117,27 @@ class GatedPayload : public JX_StuffData {
   std::function<void()> onMeasured_;  // used by the armed thread only
 };
 
-class SizeSyncTest : public LibraryTest {};
-
 // Without the measurement and the exchange being one step, the stale size would overwrite the
 // purge's and leave the bag's totals off for good.
-TEST_F(SizeSyncTest, PurgeBetweenACheckinsMeasurementAndItsExchangeLeavesExactTotals) {
+TEST_F(PurgeConcurrencyTest, PurgeBetweenACheckinsMeasurementAndItsExchangeLeavesExactTotals) {
   auto* payload = new GatedPayload(1000);
-  auto item = JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(payload), 0.0);
-  item->SetGuid(Guid::CreateUnique());
-  bag_->AddToBagAndSortDir(item);
+  auto item = AddNewItem(*bag_, payload);
   ASSERT_EQ(item->Checkout(cf::kReadOnly), kJX_CheckedOut);
   ASSERT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 1000);
 
-  std::mutex mutex;
-  std::condition_variable cv;
-  bool measured = false, purged = false;
+  zelcore::threads::OpenOnceGate measured, purged;
   std::thread purger([&] {
-    {
-      std::unique_lock lock(mutex);
-      cv.wait(lock, [&] { return measured; });
-    }
+    measured.Wait();
     JX_Stuff::ReleaseQueue queue;
     item->FreeUpAsMuchAsPossible(true, &queue);
-    std::lock_guard lock(mutex);
-    purged = true;
-    cv.notify_all();
+    purged.Open();
   });
   payload->Arm([&] {
-    std::unique_lock lock(mutex);
-    measured = true;
-    cv.notify_all();
+    measured.Open();
     // Holding the item's upgrade or write lock keeps the purge out until the exchange is done;
     // waiting for it then would never end. Without it, the purge runs to its end right here.
     const auto& m = item->GetMutex();
-    if (!m.IsUpgradeLockedByCurrentThread() && !m.IsWriteLockedByCurrentThread())
-      cv.wait(lock, [&] { return purged; });
+    if (!m.IsUpgradeLockedByCurrentThread() && !m.IsWriteLockedByCurrentThread()) purged.Wait();
   });
   item->Checkin(0, 0.0);
   purger.join();
@@ -170,19 +152,14 @@ TEST_F(SizeSyncTest, PurgeBetweenACheckinsMeasurementAndItsExchangeLeavesExactTo
 // An item's link to its bag is a plain pointer that the bag clears as it dies. Threads asking
 // items for their bag while it is destroyed (on whichever thread drops its last reference) get
 // it or nothing, never a bag being torn down, and what they count lands in a bag that exists.
-class BagLinkTest : public LibraryTest {};
-
-TEST_F(BagLinkTest, ItemsAskedForADyingBagGetItOrNothing) {
+TEST_F(PurgeConcurrencyTest, ItemsAskedForADyingBagGetItOrNothing) {
   constexpr int kItems = 64;
   constexpr int kThreads = 2;
   for (int round = 0; round < 20; ++round) {
     auto local = std::make_shared<JX_Bag>(1);
     JX_Bag* const address = local.get();
     std::vector<IntrusivePtr<JX_Stuff>> items;
-    for (int i = 0; i < kItems; ++i) {
-      items.push_back(MakeItem(10));
-      local->AddToBagAndSortDir(items.back());
-    }
+    for (int i = 0; i < kItems; ++i) items.push_back(AddedItem(*local, 10));
     std::atomic<int> started{0};
     std::atomic<bool> wrongBag{false};
     std::vector<std::thread> threads;
