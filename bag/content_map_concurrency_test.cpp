@@ -22,7 +22,7 @@
 
 namespace cf = jx::checkout_flags;
 namespace ci = jx::checkin_flags;
-using jx::testing::MakeItem;
+using jx::testing::AddedItem;
 using jx::testing::MakeRequest;
 using jx::testing::PayloadOf;
 using jx::testing::TestPayload;
@@ -32,15 +32,10 @@ using zelcore::utility::IntrusivePtr;
 namespace {
 
 class ContentMapTest : public jx::testing::DiskTest {};
-class ContentMapConcurrencyTest : public ContentMapTest {};
 
 TEST_F(ContentMapTest, EveryItemOnceInRecencyOrderWhateverTheChunk) {
   std::vector<std::string> expected;
-  for (int i = 0; i < 50; ++i) {
-    auto item = MakeItem(100 + i);
-    bag_->AddToBagAndSortDir(item);
-    expected.push_back(item->GetGuid().AsString());
-  }
+  for (int i = 0; i < 50; ++i) expected.push_back(AddedItem(*bag_, 100 + i)->GetGuid().AsString());
   for (uint32_t chunk : {1u, 7u, 50u, 4096u}) {
     JX_ContentSnapshotOptions options;
     options.maxItemsPerHold = chunk;
@@ -70,8 +65,7 @@ TEST_F(ContentMapTest, RowsDescribePendingCheckedOutAndDiskStates) {
                                   &pending, &created),
             kJX_CreatedPending);
   // Checked out twice.
-  auto held = MakeItem(64);
-  bag_->AddToBagAndSortDir(held);
+  auto held = AddedItem(*bag_, 64);
   ASSERT_EQ(held->Checkout(cf::kReadOnly), kJX_CheckedOut);
   ASSERT_EQ(held->Checkout(cf::kReadOnly), kJX_CheckedOut);
   // On disk and in memory, then on disk only.
@@ -106,7 +100,7 @@ TEST_F(ContentMapTest, RowsDescribePendingCheckedOutAndDiskStates) {
   EXPECT_EQ(JX_TakeContentSnapshot(*bag_).rows.size(), 3u) << "the abandoned render left";
 }
 
-TEST_F(ContentMapConcurrencyTest, ConsistentRowsAndNoDeadlockUnderChurn) {
+TEST_F(ContentMapTest, ConsistentRowsAndNoDeadlockUnderChurn) {
   constexpr int kStable = 400;  // never purged, never removed: must be in every snapshot
   constexpr int kSnapshots = 60;
   constexpr auto kHangLimit = std::chrono::seconds(60);

@@ -15,6 +15,7 @@
 
 namespace cf = jx::checkout_flags;
 namespace ci = jx::checkin_flags;
+using jx::testing::AddedItem;
 using jx::testing::LibraryTest;
 using jx::testing::MakeItem;
 using jx::testing::MakeRequest;
@@ -41,7 +42,6 @@ class FindOrCreateTest : public LibraryTest {
     EXPECT_EQ(bag_->GetNumMruSortedItems(), bag_->GetNumGuidSortedItems());
   }
 };
-class UnlockedSearchTest : public FindOrCreateTest {};
 
 // Rounds of N threads asking for one new key at once. The creator fills the item (or abandons it
 // every third round); every other thread must come back with the creator's payload, or nothing.
@@ -135,7 +135,7 @@ TEST_F(FindOrCreateTest, HostLockHolderAndRendererNeverBlock) {
 
 // What a read-only search takes without the library lock is the item under the GUID asked for,
 // with its payload, while another thread re-keys, removes and re-adds the items searched for.
-TEST_F(UnlockedSearchTest, WhatASearchTakesIsUnderItsKeyInTheBagAndReadable) {
+TEST_F(FindOrCreateTest, WhatASearchTakesIsUnderItsKeyInTheBagAndReadable) {
   constexpr int kItems = 8;
   constexpr int kSearches = 20000;
   std::vector<Guid> home(kItems), away(kItems);
@@ -143,8 +143,7 @@ TEST_F(UnlockedSearchTest, WhatASearchTakesIsUnderItsKeyInTheBagAndReadable) {
   for (int i = 0; i < kItems; ++i) {
     home[i] = Guid::CreateUnique();
     away[i] = Guid::CreateUnique();
-    items.push_back(MakeItem(64, home[i]));
-    bag_->AddToBagAndSortDir(items.back());
+    items.push_back(AddedItem(*bag_, 64, home[i]));
   }
   std::atomic<bool> stop{false};
   std::atomic<int> wrong{0}, hits{0};

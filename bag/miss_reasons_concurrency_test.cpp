@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-
 #include <atomic>
 #include <cstdint>
 #include <random>
@@ -21,8 +20,8 @@
 
 namespace cf = jx::checkout_flags;
 namespace ci = jx::checkin_flags;
+using jx::testing::AddedItem;
 using jx::testing::LibraryTest;
-using jx::testing::MakeItem;
 using jx::testing::MakeRequest;
 using jx::testing::TestPayload;
 using zelcore::utility::Guid;
@@ -65,7 +64,6 @@ class MissReasonsTest : public LibraryTest {
     return -1;
   }
 };
-class MissReasonsConcurrencyTest : public MissReasonsTest {};
 
 TEST_F(MissReasonsTest, EachMissCountsOneReasonAndHitsCountNone) {
   // The class the misses count under: this payload's own, unless earlier tests of this process
@@ -90,9 +88,8 @@ TEST_F(MissReasonsTest, EachMissCountsOneReasonAndHitsCountNone) {
   // A newer item of the same GUID takes the old one's place; once it is gone too, the key was
   // last seen being replaced.
   const Guid replacedKey = Guid::CreateUnique();
-  bag_->AddToBagAndSortDir(MakeItem(16, replacedKey));
-  auto newer = MakeItem(16, replacedKey);
-  bag_->AddToBagAndSortDir(newer);
+  AddedItem(*bag_, 16, replacedKey);
+  auto newer = AddedItem(*bag_, 16, replacedKey);
   ASSERT_EQ(newer->Checkout(cf::kReadOnly), kJX_CheckedOut);
   newer->Checkin(ci::kRemove, 0.0);
   EXPECT_EQ(Look(replacedKey, cf::kReadOnly), kJX_CheckoutRefused);
@@ -194,7 +191,7 @@ TEST_F(MissReasonsTest, TheDepartureTableForgetsAKeyWhoseSlotWasTaken) {
   EXPECT_EQ(jx::miss::DepartureOf(other), jx::miss::Reason::kReplaced);
 }
 
-TEST_F(MissReasonsConcurrencyTest, EveryMissSeenIsCountedOnceUnderOneReason) {
+TEST_F(MissReasonsTest, EveryMissSeenIsCountedOnceUnderOneReason) {
   constexpr int kKeys = 48;
   constexpr int kLookupsPerThread = 3000;
   constexpr int kMinPurges = 20;
