@@ -29,10 +29,7 @@ struct Offered {
 class WriteDecisionTest : public jx::testing::DiskTest {
  protected:
   IntrusivePtr<JX_Stuff> AddItem(JX_StuffData* payload) {
-    auto item = JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(payload), 10.0);
-    item->SetGuid(zelcore::utility::Guid::CreateUnique());
-    bag_->AddToBagAndSortDir(item);
-    return item;
+    return jx::testing::AddNewItem(*bag_, payload, 10.0);
   }
   static Offered Offer(const IntrusivePtr<JX_Stuff>& item) {
     const JX_DiskPerformanceCounters before = JX_GetDiskPerformanceCounters();

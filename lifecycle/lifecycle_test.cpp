@@ -13,6 +13,7 @@
 #include "standalone/standalone_settings.h"
 #include "testing/jx_test_support.h"
 
+using jx::testing::AddedItem;
 using zelcore::debug::DebugDatabase;
 
 namespace {
@@ -34,8 +35,7 @@ TEST(LifecycleTest, StartUpMakesTheGlobalBagAndShutDownEmptiesIt) {
   ASSERT_TRUE(bag);
   EXPECT_EQ(bag->GetAppVersion(), 5u);
   EXPECT_FALSE(jx::settings::UseMediaMap() || jx::mediamap::CurrentAdapter());
-  auto item = jx::testing::MakeItem(10);
-  bag->AddToBagAndSortDir(item);
+  auto item = AddedItem(*bag, 10);
   JX_StopAllAsyncWork();
   JX_Death();
   EXPECT_FALSE(JX_GlobalBag());
@@ -48,8 +48,7 @@ TEST(LifecycleTest, StartUpRefusedForMemoryChangesNothing) {
   QuietHost();
   JX_Birth(false, 1, false);
   auto bag = JX_GlobalBag();
-  auto item = jx::testing::MakeItem(10);
-  bag->AddToBagAndSortDir(item);
+  auto item = AddedItem(*bag, 10);
   const auto executor = jx::DiskExecutor();
   jx::StandaloneHost::Instance().FailNthAllocation(1);
   EXPECT_THROW(JX_Birth(true, 2, false), std::bad_alloc);
@@ -79,8 +78,7 @@ TEST(LifecycleTest, StartUpChoosesBetweenTheGfxpakLimitAndTheMediaMap) {
     EXPECT_EQ(JX_IsSetJXCacheLimitForGfxpaksEnabled(), c.limit);
     EXPECT_EQ(jx::settings::UseMediaMap(), c.mediaMap);
     EXPECT_EQ(jx::mediamap::CurrentAdapter() != nullptr, c.mediaMap);
-    auto item = jx::testing::MakeItem(10);
-    JX_GlobalBag()->AddToBagAndSortDir(item);
+    auto item = AddedItem(*JX_GlobalBag(), 10);
     EXPECT_EQ(JX_GetMediaMapSize(), c.mediaMap ? 10u : 0u);
     if (c.limit) {
       auto limit =
@@ -100,8 +98,7 @@ TEST(LifecycleTest, AnItemThatOutlivesARestartTakesItsSizesBackFromItsOwnBag) {
     SCOPED_TRACE(hostKeepsOldBag ? "old bag kept" : "old bag gone");
     JX_Birth(false, 1, false);
     std::shared_ptr<JX_Bag> old = JX_GlobalBag();
-    auto item = jx::testing::MakeItem(1000);
-    old->AddToBagAndSortDir(item);
+    auto item = AddedItem(*old, 1000);
     auto handle = std::make_unique<JX_ScCheckout>(item, jx::checkout_flags::kReadOnly);
     ASSERT_EQ(old->GetCheckedOutMemoryCacheSizeInBytes(), 1000);
     JX_Death();
@@ -132,15 +129,14 @@ TEST(LifecycleTest, ASecondStartUpDetachesTheFirstOnesMediaMap) {
   auto manager = jx::standalone::MediaManagerPool();
   for (bool secondTakesGfxpakLimit : {false, true}) {
     JX_Birth(true, 1, false);
-    auto first = jx::testing::MakeItem(10);
-    JX_GlobalBag()->AddToBagAndSortDir(first);
+    auto first = AddedItem(*JX_GlobalBag(), 10);
     ASSERT_EQ(manager->GetTotalBytes(), 10u);
     JX_Birth(secondTakesGfxpakLimit, 1, secondTakesGfxpakLimit);
     EXPECT_EQ(jx::mediamap::CurrentAdapter(), nullptr);
     EXPECT_FALSE(jx::settings::UseMediaMap()) << "the first start-up's decision outlived it";
     EXPECT_EQ(manager->GetTotalBytes(), 0u);
     EXPECT_EQ(first->GetRefCount(), 1) << "nothing but the test holds the first bag's item";
-    JX_GlobalBag()->AddToBagAndSortDir(jx::testing::MakeItem(10));
+    AddedItem(*JX_GlobalBag(), 10);
     EXPECT_EQ(manager->GetTotalBytes(), 0u);
     JX_Death();
   }
