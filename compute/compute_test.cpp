@@ -14,6 +14,7 @@
 using jx::HostReport;
 using jx::StandaloneHost;
 using jx::compute::Mode;
+using jx::testing::EventuallyTrue;
 using jx::testing::KeyOfValue;
 using jx::testing::kPluginCallbacks;
 using jx::testing::PluginRequest;
@@ -29,10 +30,6 @@ constexpr Mode kCached = Mode::kCachedOnly, kNoWait = Mode::kNoWait, kWait = Mod
 
 size_t Reports(HostReport::Kind kind, const char* fragment) {
   return StandaloneHost::Instance().CountReports(kind, fragment);
-}
-
-void WaitUntil(const std::function<bool()>& condition) {
-  while (!condition()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 class ComputeTest : public jx::testing::ComputeSuiteTest {
@@ -99,7 +96,7 @@ TEST_P(ComputeWaitTest, CallersOfAKeyBeingComputedGet22OrWaitForItsOutcome) {
   std::latch release(1);
   slow.duringCompute = [&] { release.wait(); };
   std::thread computer([&] { EXPECT_EQ(Fetch(slow, kWait), error); });
-  WaitUntil([&] { return stats_.computes.load() == 1; });
+  EXPECT_TRUE(EventuallyTrue([&] { return stats_.computes.load() == 1; }));
   EXPECT_EQ(Fetch(r, kNoWait), k22);
   EXPECT_EQ(Fetch(r, kCached), k22);
   {
@@ -109,7 +106,7 @@ TEST_P(ComputeWaitTest, CallersOfAKeyBeingComputedGet22OrWaitForItsOutcome) {
   intptr_t waited = 0, cached = 0;
   const uint64_t waits = JX_GetStuffCounters().pendingWaits.load();
   std::thread waiter([&] { EXPECT_EQ(Fetch(r, kWait, &waited), error ? kBad : 0); });
-  WaitUntil([&] { return JX_GetStuffCounters().pendingWaits.load() > waits; });
+  EXPECT_TRUE(EventuallyTrue([&] { return JX_GetStuffCounters().pendingWaits.load() > waits; }));
   release.count_down();
   computer.join();
   waiter.join();

@@ -102,17 +102,6 @@ class ScQueueLengths {
   }
 };
 
-// Waits until `done` holds, checking every millisecond, for at most a minute: a guard against a
-// hang, never a measure of how long anything took.
-inline bool EventuallyTrue(const std::function<bool()>& done) {
-  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > giveUp) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
-
 // Waits until the writer has finished with every queued entry and handed every item back.
 inline bool WriterDrained() {
   return EventuallyTrue([] {

@@ -16,6 +16,7 @@
 namespace cf = jx::checkout_flags;
 using jx::HostReport;
 using jx::StandaloneHost;
+using jx::testing::EventuallyTrue;
 using jx::testing::LibraryTest;
 using jx::testing::MakeRequest;
 using jx::testing::TestPayload;
@@ -38,15 +39,6 @@ class PendingWatchTest : public LibraryTest {
     }
     ADD_FAILURE() << "no checkout.pending_overdue statistic";
     return -1;
-  }
-  // Polls `done` for up to 10 s (a generous bound: nothing here is timed).
-  static bool Eventually(const std::function<bool()>& done) {
-    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!done()) {
-      if (std::chrono::steady_clock::now() > until) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
   }
   IntrusivePtr<JX_Stuff> CreatePending(const Guid& key) {
     IntrusivePtr<JX_Stuff> item;
@@ -77,8 +69,8 @@ TEST_F(PendingWatchTest, OverdueRenderReportedOnceWithCreatorAndWaiters) {
       }
     });
   }
-  ASSERT_TRUE(Eventually([&] { return item->GetPendingWaiterCount() == kWaiters; }));
-  ASSERT_TRUE(Eventually([] { return Reports() > 0; })) << "never reported";
+  ASSERT_TRUE(EventuallyTrue([&] { return item->GetPendingWaiterCount() == kWaiters; }));
+  ASSERT_TRUE(EventuallyTrue([] { return Reports() > 0; })) << "never reported";
   // Several more checks go by: still one report.
   std::this_thread::sleep_for(std::chrono::milliseconds(150));
   EXPECT_EQ(Reports(), 1u);

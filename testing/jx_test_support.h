@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <future>
 #include <memory>
@@ -115,6 +116,17 @@ inline int ThrownCode(const std::function<void()>& fn) {
     return code;
   }
   return 0;
+}
+
+// Waits until `done` holds, checking every millisecond, for at most a minute: a guard against a
+// hang, never a measure of how long anything took.
+inline bool EventuallyTrue(const std::function<bool()>& done) {
+  const auto giveUp = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > giveUp) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
 }
 
 // Sum of the accounted sizes of the bag's items.
