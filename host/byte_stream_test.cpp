@@ -12,6 +12,7 @@
 namespace zelcore::filesupport {
 namespace {
 
+using testing::ErrnoThrownBy;
 using testing::PatternBytes;
 using testing::ScratchFolder;
 using utility::FileUtils;
@@ -86,12 +87,9 @@ TEST_F(PlatformStreams, DirectModeRefusesMisalignedBlocks) {
   if (!out.IsDirect()) GTEST_SKIP() << "this file system refuses O_DIRECT";
   auto buffer = Block(2);
   for (auto [offset, length] : {std::pair<size_t, size_t>{1, unit_}, {0, unit_ - 1}}) {
-    try {
-      out.WriteBlock(buffer.get() + offset, length);
-      ADD_FAILURE() << "misaligned block accepted at offset " << offset << " length " << length;
-    } catch (const FileError& e) {
-      EXPECT_EQ(e.Errno(), EINVAL);
-    }
+    EXPECT_EQ(ErrnoThrownBy([&, at = offset, n = length] { out.WriteBlock(buffer.get() + at, n); }),
+              EINVAL)
+        << "misaligned block at offset " << offset << " length " << length;
   }
   out.WriteBlock(buffer.get(), unit_);  // the stream is still usable
   out.Close();
@@ -169,12 +167,7 @@ TEST_F(PlatformStreams, DirectWriteRefusedAfterOpenCarriesOnBufferedWithEveryByt
   OPlatformByteStream out(file, true);
   ASSERT_TRUE(out.IsDirect());
   FaultInjection::FailNth(FileOp::kWrite, 1, EINVAL, /*persistent=*/true);
-  try {
-    out.WriteBlock(Block(1).get(), unit_);
-    ADD_FAILURE() << "a write refused in both modes was accepted";
-  } catch (const FileError& e) {
-    EXPECT_EQ(e.Errno(), EINVAL);
-  }
+  EXPECT_EQ(ErrnoThrownBy([&] { out.WriteBlock(Block(1).get(), unit_); }), EINVAL);
   EXPECT_EQ(FaultInjection::InjectedCount(), 2u);
   EXPECT_FALSE(out.IsDirect());
 }
@@ -216,12 +209,7 @@ TEST(BufferedStream, SurvivesShortSourcesAndEndsCleanly) {
     buffered.ReadExactly(got.data() + 5003, bytes.size() - 5003);
     EXPECT_EQ(got, bytes);
     uint8_t extra;
-    try {
-      buffered.ReadExactly(&extra, 1);
-      ADD_FAILURE() << "read past the end";
-    } catch (const FileError& e) {
-      EXPECT_EQ(e.Errno(), EIO);
-    }
+    EXPECT_EQ(ErrnoThrownBy([&] { buffered.ReadExactly(&extra, 1); }), EIO) << "past the end";
   }
 }
 

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -65,6 +66,17 @@ inline std::vector<uint8_t> PatternBytes(size_t n, uint32_t seed = 1) {
     b = static_cast<uint8_t>(x >> 24);
   }
   return v;
+}
+
+// The errno of the FileError `fn` throws (its message into *what), or 0 when it throws none.
+inline int ErrnoThrownBy(const std::function<void()>& fn, std::string* what = nullptr) {
+  try {
+    fn();
+  } catch (const FileError& e) {
+    if (what != nullptr) *what = e.what();
+    return e.Errno();
+  }
+  return 0;
 }
 
 }  // namespace zelcore::filesupport::testing

@@ -47,12 +47,9 @@ TEST(SafeSaveTest, FailureAnywhereKeepsTheOldTargetAndLeavesNoTemporary) {
       SafeSave save(target);
       // Persistent, so that whichever call of the operation comes first is the one that fails.
       FaultInjection::FailNth(fault.op, 1, fault.err, true);
-      try {
-        SaveBytes(save, "new bytes");
-        ADD_FAILURE() << "the save succeeded despite the fault";
-      } catch (const FileError& e) {
-        EXPECT_EQ(e.Errno(), fault.err) << e.what();
-      }
+      std::string what;
+      EXPECT_EQ(testing::ErrnoThrownBy([&] { SaveBytes(save, "new bytes"); }, &what), fault.err)
+          << what;
       EXPECT_FALSE(save.IsCommitted());
       FaultInjection::Reset();  // the clean-up itself must be able to delete
     }
