@@ -1,5 +1,4 @@
-// The compute cache under contention, through the C table: worker threads on two classes and
-// hundreds of keys in all three modes, some computes failing, while another thread purges.
+// The compute cache under contention: two classes, all three modes, failing computes, purges.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -93,16 +92,14 @@ TEST_F(ComputeConcurrencyTest, OneComputePerKeyEveryValueDeletedOnceNoHang) {
   EXPECT_EQ(unexpectedCodes.load(), 0);
   EXPECT_GT(successes.load(), 0);
   EXPECT_GT(failedComputes.load(), 0);
-  // Every compute either failed or created exactly one value; the fixture checks after shut-down
-  // that each of them was deleted exactly once.
+  // Each compute failed or made one value; the fixture checks each was deleted exactly once.
   EXPECT_EQ(stats_.computes.load(), stats_.creates.load() + failedComputes.load());
   EXPECT_GT(stats_.deletes.load(), 0) << "the purging thread freed values while workers ran";
   suite_->ClassUnregister(kClassB);
 }
 
-// A plug-in that checks one receipt in twice from two threads at once: the second check-in must
-// be refused like any other stale receipt. Checking it in twice would check the value in twice
-// and put the receipt's block back in the pool twice, after which two live receipts share it.
+// One receipt checked in from two threads at once: accepted once, or its block goes back to the
+// pool twice and two live receipts share it.
 TEST_F(ComputeConcurrencyTest, AReceiptCheckedInFromTwoThreadsAtOnceIsCheckedInOnce) {
   auto r = Request(1);
   constexpr int kRounds = 500;
@@ -137,9 +134,8 @@ TEST_F(ComputeConcurrencyTest, AReceiptCheckedInFromTwoThreadsAtOnceIsCheckedInO
   for (auto h : held) suite_->CheckinReceipt(h);
 }
 
-// An entry's facts are read without its mutex while another thread replaces or purges its value:
-// a reader sees one value's class and handle together, never one value's class with another's
-// handle.
+// Read without its mutex while another thread replaces or purges the value, an entry's class and
+// handle always belong to one value.
 TEST(ComputeEntryFactsTest, ReadersSeeOneValueAtATime) {
   const KQGP_ComputeCacheCallbacks noDelete = {kPluginCallbacks.generate_key,
                                                kPluginCallbacks.compute,

@@ -1,11 +1,7 @@
-// A plug-in that checks a receipt in once too often, from another thread, while the receipt's
-// memory already holds a newer receipt: the stale check-in must be refused, and must never check
-// in that newer receipt, which belongs to somebody else.
-// Not among the concurrency tests that ThreadSanitizer runs: a stale handle is recognised by
-// reading the memory it names, which a newer receipt may be being built in at that moment. The
-// read sees the guard word before or after its store, either of which is refused (the claim
-// expects the stale handle's own count), but to ThreadSanitizer it is a race, and the misuse is
-// the plug-in's.
+// A receipt checked in once too often from another thread, while its memory holds a newer receipt,
+// must be refused and never check that newer receipt in.
+// Not a concurrency test for ThreadSanitizer: recognising a stale handle reads memory a newer
+// receipt may be being built in, a race that is harmless here and the plug-in's misuse.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -20,8 +16,6 @@
 
 #include "compute/compute_test_support.h"
 
-using jx::testing::KeyOfValue;
-
 using jx::testing::ComputeSuiteTest;
 using Clock = std::chrono::steady_clock;
 
@@ -30,17 +24,14 @@ namespace {
 constexpr int kThreads = 4;
 constexpr int kReceiptsPerThread = 500'000;
 constexpr auto kRunFor = std::chrono::seconds(8);
-// A block's count goes round after 65,535 receipts; a handle accepted long after it was handed
-// out could then meet its count again (which the header allows). A block's count moves only when
-// a receipt is handed out, so fewer than that many receipts handed out in all since the handle's
-// own rules it out.
+// A block's count goes round after this many receipts: a handle older than that may meet its
+// count again, which the header allows.
 constexpr long kCountPeriod = 65535;
 
 using ComputeStaleReceiptTest = ComputeSuiteTest;
 
-// Runs `work(t)` on kThreads threads and waits for them within the run time and a margin. A thread
-// stuck inside the library cannot be stopped, and its frame points into the test's: the failure
-// is reported and the program ends at once rather than hang or let it run on freed state.
+// Runs `work(t)` on kThreads threads; a thread stuck in the library ends the program (it cannot be
+// stopped, and would run on in the test's freed frame).
 template <class Work>
 void RunOnThreadsOrDie(Work work) {
   std::vector<std::future<void>> workers;
@@ -54,10 +45,8 @@ void RunOnThreadsOrDie(Work work) {
   }
 }
 
-// Every thread takes receipts, shows each one to the others, and checks in its own and, as a
-// careless plug-in would, one the others showed. Whoever checks a receipt in first keeps its
-// memory for the next receipt it takes, so that memory is soon live again under a newer count; a
-// check-in that recognised the old receipt and claims it only afterwards must not take the new one.
+// Threads check in their own receipts and, carelessly, ones the others showed, whose memory is
+// soon live again under a newer count: a late claim must not take the newer receipt.
 TEST_F(ComputeStaleReceiptTest, AStaleHandleNeverChecksInTheNewerReceiptOfItsMemory) {
   auto r = Request(1);
   {

@@ -34,8 +34,7 @@ size_t Reports(HostReport::Kind kind, const char* fragment) {
 
 class ComputeTest : public jx::testing::ComputeSuiteTest {
  protected:
-  // Asks for `r` in `mode`, reads the handle into *value (0 when refused) and checks the receipt
-  // in. A call hands out a receipt exactly when it succeeds.
+  // Asks for `r` in `mode`, reads the handle into *value (0 when refused), checks the receipt in.
   int32_t Fetch(PluginRequest& r, Mode mode, intptr_t* value = nullptr,
                 const char* classId = kClass) {
     KQGP_JXComputeReceipt receipt = nullptr;
@@ -54,8 +53,7 @@ class ComputeTest : public jx::testing::ComputeSuiteTest {
 };
 class ComputeWaitTest : public ComputeTest, public ::testing::WithParamInterface<int32_t> {};
 
-// A compute may call the suite again, but a request for its own key is refused rather than
-// waited for: it would wait for itself.
+// A compute asking for its own key is refused rather than waiting for itself.
 TEST_F(ComputeTest, EachKeyIsComputedOnceAndEveryCheckoutSharesTheHandle) {
   auto r = Request(7), same = Request(7), inner = Request(8);
   EXPECT_EQ(Fetch(r, kCached), k22) << "a cached-only miss never computes";
@@ -86,9 +84,8 @@ TEST_F(ComputeTest, EachKeyIsComputedOnceAndEveryCheckoutSharesTheHandle) {
   JX_ComputeClassUnregister("test.other");
 }
 
-// Callers that may not wait for a key being computed get 22 (a thread under a notifying lock may
-// not wait: it could stall the compute); a waiter is released with the computed handle, or with 3
-// when the compute fails, which stores nothing.
+// Callers that may not wait (a notifying lock could stall the compute) get 22; a waiter gets the
+// computed handle, or 3 when the compute fails and stores nothing.
 TEST_P(ComputeWaitTest, CallersOfAKeyBeingComputedGet22OrWaitForItsOutcome) {
   const int32_t error = GetParam();
   auto slow = Request(5), r = Request(5);
@@ -118,8 +115,7 @@ TEST_P(ComputeWaitTest, CallersOfAKeyBeingComputedGet22OrWaitForItsOutcome) {
 }
 INSTANTIATE_TEST_SUITE_P(SucceedingOrFailing, ComputeWaitTest, ::testing::Values(0, 42));
 
-// Misuse at the C boundary, and a host out of memory, are answered with a code (reported) and
-// change nothing.
+// Misuse at the C boundary and a host out of memory get a code (reported) and change nothing.
 TEST_F(ComputeTest, MisuseAndRefusalsReturnACodeAndChangeNothing) {
   auto r = Request(3);
   KQGP_JXComputeReceipt receipt = nullptr;
@@ -152,8 +148,7 @@ TEST_F(ComputeTest, MisuseAndRefusalsReturnACodeAndChangeNothing) {
   EXPECT_EQ(suite_->CheckinReceipt(receipt), 0);
   EXPECT_EQ(suite_->CheckinReceipt(receipt), 2) << "checked in twice";
   EXPECT_EQ(suite_->GetReceiptComputeValue(receipt, &value), kBad);
-  // Checked in again once its memory holds a newer receipt (a thread takes back the block it
-  // gave last): refused, and the newer receipt stays checked out and usable.
+  // A stale receipt whose memory holds a newer one: refused, the newer one stays usable.
   KQGP_JXComputeReceipt newer = nullptr;
   ASSERT_EQ(suite_->CheckoutCached(kClass, &r, &newer), 0);
   const auto address = [](KQGP_JXComputeReceipt h) {
@@ -175,8 +170,7 @@ TEST_F(ComputeTest, MisuseAndRefusalsReturnACodeAndChangeNothing) {
   // (The fixture checks that nothing is left checked out, or checked in once too often.)
 }
 
-// The registry keeps its own copy of the callbacks; a name registered again keeps its first ones.
-// "" is a class like any other, and not a prefix of every name.
+// The registry copies the callbacks; the first registration wins; "" is a name, not a prefix.
 TEST_F(ComputeTest, RegistrationNeedsEveryCallbackAndTheFirstOneWins) {
   KQGP_ComputeCacheCallbacks found{};
   KQGP_ComputeCacheCallbacks partial[4] = {kPluginCallbacks, kPluginCallbacks, kPluginCallbacks,
@@ -207,9 +201,8 @@ TEST_F(ComputeTest, RegistrationNeedsEveryCallbackAndTheFirstOneWins) {
   EXPECT_EQ(suite_->ClassUnregister(""), 0);
 }
 
-// Each thread keeps the class it asked for last. A compute that asks for another class replaces
-// it mid-call, and the outer value must still be stored as its own class's; a class registered
-// again with other callbacks must be asked with the new ones.
+// A thread's last-asked class, replaced by an inner compute's, must not misfile the outer value;
+// a class registered again must be asked with its new callbacks.
 TEST_F(ComputeTest, ClassesAskedForInsideAComputeOrRegisteredAgainUseTheirOwnCallbacks) {
   constexpr const char* kOther = "test.compute.other";
   ASSERT_EQ(suite_->ClassRegister(kOther, &kPluginCallbacks), 0);
@@ -266,9 +259,8 @@ TEST_F(ComputeTest, UnregisteredClassValuesStayUsableAndAreDeletedByThePurgingTh
   EXPECT_EQ(bag_->GetNumItems(), 0);
 }
 
-// A compute may call back into the cache: purge it, check in receipts it holds. Its own pending
-// entry, checked out to it, survives and is stored. A compute that throws stores nothing, gets a
-// code rather than the exception, and leaves its key free to compute again.
+// A compute that purges or checks in keeps its own entry; one that throws stores nothing, gets a
+// code and leaves its key free.
 TEST_F(ComputeTest, AComputeThatPurgesChecksInOrThrowsLeavesTheCacheConsistent) {
   auto idle = Request(1), held = Request(2), outer = Request(3);
   ASSERT_EQ(Fetch(idle, kWait), 0);
@@ -305,8 +297,7 @@ TEST_F(ComputeTest, AComputeThatPurgesChecksInOrThrowsLeavesTheCacheConsistent) 
   EXPECT_EQ(KeyOfValue(value), 4);
 }
 
-// A receipt belongs to the plug-in, not to a thread or to the library's life: it may be checked in
-// on another thread, or after the library has shut down, and either way exactly once.
+// A receipt may be checked in on another thread or after shut-down, and either way only once.
 TEST_F(ComputeTest, ReceiptsCheckedInOnAnotherThreadOrAfterShutDownAreCheckedInOnce) {
   constexpr int32_t kInvalid = kKQGPComputeCacheInvalidReceipt;
   auto r = Request(1), s = Request(2);
