@@ -43,8 +43,8 @@ class FindOrCreateTest : public LibraryTest {
   }
 };
 
-// Rounds of N threads asking for one new key at once. The creator fills the item (or abandons it
-// every third round); every other thread must come back with the creator's payload, or nothing.
+// Threads ask for one new key at once: one creates (and fills or abandons), the rest get its
+// payload or nothing.
 TEST_F(FindOrCreateTest, ExactlyOneCreatorAndEveryWaiterReleased) {
   constexpr int kThreads = 4;
   constexpr int kRounds = 60;
@@ -88,8 +88,7 @@ TEST_F(FindOrCreateTest, ExactlyOneCreatorAndEveryWaiterReleased) {
   for (int r = 0; r < kRounds; ++r) {
     const Round& round = rounds[r];
     if (r % 3 == 2) {
-      // Waiters of an abandoned render get nothing. A thread that arrives only after the
-      // abandonment finds the key free and starts a fresh attempt of its own.
+      // Waiters of an abandoned render get nothing; a later arrival creates afresh.
       EXPECT_GE(round.creators, 1) << "round " << r;
       EXPECT_EQ(round.payloads, 0) << "round " << r;
       EXPECT_EQ(round.creators + round.nothing, kThreads) << "round " << r;
@@ -100,9 +99,8 @@ TEST_F(FindOrCreateTest, ExactlyOneCreatorAndEveryWaiterReleased) {
   }
 }
 
-// Neither the renderer asking again nor a thread holding a notifying host lock may block on the
-// pending item. Asked without a payload (regression): the pending item must still answer by GUID
-// instead of every caller creating its own.
+// Neither the renderer nor a notifying host lock holder may block on the pending item, which must
+// answer a request without a payload by GUID (every caller used to create its own).
 TEST_F(FindOrCreateTest, HostLockHolderAndRendererNeverBlock) {
   const Guid key = Guid::CreateUnique();
   auto ask = [&](IntrusivePtr<JX_Stuff>* found) {
@@ -133,8 +131,8 @@ TEST_F(FindOrCreateTest, HostLockHolderAndRendererNeverBlock) {
   EXPECT_EQ(bag_->GetNumGuidSortedItems(), 1);
 }
 
-// What a read-only search takes without the library lock is the item under the GUID asked for,
-// with its payload, while another thread re-keys, removes and re-adds the items searched for.
+// A lock-free read-only search takes the item under its GUID, payload and all, while another
+// thread re-keys, removes and re-adds the items.
 TEST_F(FindOrCreateTest, WhatASearchTakesIsUnderItsKeyInTheBagAndReadable) {
   constexpr int kItems = 8;
   constexpr int kSearches = 20000;
@@ -186,8 +184,7 @@ TEST_F(FindOrCreateTest, WhatASearchTakesIsUnderItsKeyInTheBagAndReadable) {
   ExpectAtRest();
 }
 
-// Threads over a small hot key set: find-or-create with waits, read and writeable check-outs,
-// re-keys of both, abandoned renders. At rest the totals equal what the payloads hold.
+// Mixed operations on a small hot key set leave totals equal to what the payloads hold.
 TEST_F(FindOrCreateTest, MixedOperationsKeepTheCountersConsistent) {
   constexpr int kThreads = 4;
   constexpr int kOpsPerThread = 3000;
@@ -238,9 +235,8 @@ TEST_F(FindOrCreateTest, MixedOperationsKeepTheCountersConsistent) {
   }
 }
 
-// A re-key racing the item's add: whichever goes first, the item is found under its new key only,
-// and leaves the directory whole. (It used to be filed under the old key's hash when the re-key
-// landed between the add's read of the key and its insertion.)
+// A re-key racing the item's add files it under the new key only (it was filed under the old
+// key's hash when the re-key landed between the add's read of the key and its insertion).
 TEST_F(FindOrCreateTest, AReKeyDuringAnAddFilesTheItemUnderTheNewKey) {
   constexpr int kRounds = 4000;
   const int flags = cf::kReadOnly | cf::kNoDiskRead;

@@ -1,6 +1,5 @@
-// Miss reasons seen from the bag: each miss counts one reason and hits none, classes go by match
-// name and stay bounded, the statistics show the same figures; and while render threads share
-// keys beside purges, every miss a caller sees is counted exactly once.
+// Miss reasons seen from the bag: one reason a miss, none a hit, bounded classes, every miss
+// counted once under contention.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -66,8 +65,7 @@ class MissReasonsTest : public LibraryTest {
 };
 
 TEST_F(MissReasonsTest, EachMissCountsOneReasonAndHitsCountNone) {
-  // The class the misses count under: this payload's own, unless earlier tests of this process
-  // took every class slot before it missed for the first time.
+  // This payload's class, unless earlier tests of this process took every class slot.
   const auto known = JX_GetMissReasons();
   const bool slotLeft = known.size() < jx::miss::kMaxClasses - 1 ||
                         std::any_of(known.begin(), known.end(), [](const auto& row) {
@@ -85,8 +83,7 @@ TEST_F(MissReasonsTest, EachMissCountsOneReasonAndHitsCountNone) {
   EXPECT_EQ(Look(fresh), kJX_CreatedPending);
   EXPECT_EQ(Count(kJX_MissMemoryPurge), 1);
 
-  // A newer item of the same GUID takes the old one's place; once it is gone too, the key was
-  // last seen being replaced.
+  // A newer item of the same GUID replaced the old one, then went too: the key was replaced.
   const Guid replacedKey = Guid::CreateUnique();
   AddedItem(*bag_, 16, replacedKey);
   auto newer = AddedItem(*bag_, 16, replacedKey);
@@ -135,8 +132,7 @@ TEST_F(MissReasonsTest, EachMissCountsOneReasonAndHitsCountNone) {
 }
 
 TEST_F(MissReasonsTest, ClassesGoByMatchNameAndStayBounded) {
-  // Class slots live as long as the process: earlier tests in it may have taken some, and
-  // names new to this run keep a repeat from finding its own.
+  // Class slots outlive a test: names new to each run keep a repeat from finding its own.
   static int run = 0;
   const std::string prefix = "cls" + std::to_string(run++) + "_";
   const size_t taken = JX_GetMissReasons().size();  // counts were reset: only named classes
@@ -200,9 +196,8 @@ TEST_F(MissReasonsTest, EveryMissSeenIsCountedOnceUnderOneReason) {
   for (Guid& k : keys) k = Guid::CreateUnique();
 
   std::atomic<int> purges{0};
-  // Render threads that wait for each other's renders, and one that never waits (its look-ups
-  // of a key being rendered miss). They go on until the purger has freed something often
-  // enough: on a loaded machine it may otherwise get no turn before they are done.
+  // Renderers that wait and one that never does, on until the purger has freed enough (a loaded
+  // machine may give it no turn otherwise).
   auto renderer = [&](int seed, int flags, int64_t* misses) {
     std::mt19937 rng(seed);
     for (int i = 0; i < kLookupsPerThread || purges.load() < kMinPurges; ++i) {

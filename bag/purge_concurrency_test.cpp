@@ -1,7 +1,4 @@
-// Purges and bag links racing other threads: purges that run at once are each satisfied by their
-// own thread's amount; a purge between a check-in's measurement of its payload and its exchange
-// of the item's accounted size cannot leave the stale size behind; items asked for a dying bag
-// get it or nothing.
+// Purges and bag links racing other threads.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -89,8 +86,7 @@ TEST_F(PurgeConcurrencyTest, EachPurgeIsSatisfiedByItsOwnThreadsAmount) {
   EXPECT_EQ(bag_->GetInMemoryCacheSizeInBytes_LockFree(), 1000 - 8 * 50);
 }
 
-// A payload that stops the first thread to measure it after arming, at the moment between
-// reading its size and returning it, and lets a purge run there.
+// A payload whose armed thread runs a purge between reading its size and returning it.
 class GatedPayload : public JX_StuffData {
  public:
   explicit GatedPayload(unsigned int size) : size_(size) {}
@@ -117,8 +113,7 @@ class GatedPayload : public JX_StuffData {
   std::function<void()> onMeasured_;  // used by the armed thread only
 };
 
-// Without the measurement and the exchange being one step, the stale size would overwrite the
-// purge's and leave the bag's totals off for good.
+// Unless measured and exchanged in one step, the stale size overwrites the purge's for good.
 TEST_F(PurgeConcurrencyTest, PurgeBetweenACheckinsMeasurementAndItsExchangeLeavesExactTotals) {
   auto* payload = new GatedPayload(1000);
   auto item = AddNewItem(*bag_, payload);
@@ -149,9 +144,8 @@ TEST_F(PurgeConcurrencyTest, PurgeBetweenACheckinsMeasurementAndItsExchangeLeave
   EXPECT_EQ(bag_->GetCheckedOutMemoryCacheSizeInBytes(), 0);
 }
 
-// An item's link to its bag is a plain pointer that the bag clears as it dies. Threads asking
-// items for their bag while it is destroyed (on whichever thread drops its last reference) get
-// it or nothing, never a bag being torn down, and what they count lands in a bag that exists.
+// Items asked for their bag while it dies get it or nothing, never a bag being torn down, and what
+// they count lands in a bag that exists.
 TEST_F(PurgeConcurrencyTest, ItemsAskedForADyingBagGetItOrNothing) {
   constexpr int kItems = 64;
   constexpr int kThreads = 2;
@@ -185,17 +179,15 @@ TEST_F(PurgeConcurrencyTest, ItemsAskedForADyingBagGetItOrNothing) {
     for (auto& th : threads) th.join();
     EXPECT_FALSE(wrongBag.load());
     for (const auto& item : items) EXPECT_EQ(item->GetBag(), nullptr);
-    // Once gone, the items take what they counted back out of the global bag (the fixture
-    // checks its totals at the end).
+    // Gone, the items take their counts back out of the global bag (the fixture checks it).
     items.clear();
   }
 }
 
 }  // namespace
 
-// A thread that holds a lock of its own (of the kind items and check-out handles use) asks for a
-// purge while another thread holds the library lock a while: the purge waits for it rather than
-// freeing nothing. Only a payload's own code under its item's lock may give a purge up.
+// A purge asked for under an item-style lock waits for the library lock held elsewhere rather than
+// freeing nothing.
 TEST_F(PurgeConcurrencyTest, APurgeUnderAnotherLockWaitsForTheLibraryLock) {
   auto item = MakeItem(70);
   JX_GlobalBag()->AddToBagAndSortDir(item);

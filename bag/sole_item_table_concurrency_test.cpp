@@ -1,6 +1,4 @@
-// The sole-item table: growth and shrinking at their thresholds; against a plain model under
-// random churn, probing and backward-shift removal; and searches under the spin word, as a
-// directory shard makes them, while the one writer resizes the table.
+// The sole-item table: resize thresholds, a model under churn, searches racing resizes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -71,10 +69,8 @@ TEST(SoleItemTable, GrowsPastThreeQuartersAndShrinksBelowAnEighth) {
   EXPECT_EQ(table.Used(), 0u);
 }
 
-// Phases that mostly add, then mostly remove, over a small pool of hashes: long probe runs, runs
-// that wrap around the end, removals from the middle of a run, hashes shared by up to three
-// entries, removals of hashes that are not there. After every step each hash of the pool must be
-// found as the model says, a shared hash taking one slot.
+// Adding and removing phases over a small hash pool (long and wrapping probe runs, shared hashes,
+// absent removals): after every step each hash is found as the model says.
 TEST(SoleItemTable, RandomChurnAgreesWithAModel) {
   std::mt19937_64 random(20240611);
   std::vector<size_t> pool(40);
@@ -127,9 +123,8 @@ TEST(SoleItemTable, RandomChurnAgreesWithAModel) {
   EXPECT_TRUE(shrankBack);
 }
 
-// A hash that stays in the table throughout must be found, with its item, by every search; one
-// that comes and goes may be missing or shared but never filed under another hash's item. The
-// ThreadSanitizer build checks that the spin word is all the ordering the table needs.
+// While the writer resizes, a stable hash is always found with its item, and a churning one never
+// under another's item.
 TEST(SoleItemTableConcurrency, SearchesUnderTheSpinWordSurviveResizing) {
   constexpr int kReaders = 2;
   constexpr int kRounds = 12;
@@ -164,8 +159,7 @@ TEST(SoleItemTableConcurrency, SearchesUnderTheSpinWordSurviveResizing) {
     });
   }
 
-  // In each round every churning hash joins (some twice, shared for a while) and leaves again;
-  // new tables are made outside the spin word, adopted under it, old slots freed after it.
+  // Tables made outside the spin word, adopted under it, freed after it.
   size_t largest = 0, smallestAfterGrowing = SIZE_MAX;
   start.arrive_and_wait();
   for (int round = 0; round < kRounds; ++round) {
