@@ -1,7 +1,4 @@
-// The content map: every item once, in recency order, whatever the chunk size; each row
-// describing its item's state; and snapshots taken while other threads use, purge, add and
-// remove items, which must list every item that stayed in the bag exactly once, each row
-// agreeing with itself, without deadlocking.
+// The content map: every item once, in recency order, rows true to their items, even under churn.
 #include <gtest/gtest.h>
 
 #include <atomic>

@@ -1,6 +1,4 @@
-// The pending watchdog: a render left unfilled past the allowed time is reported once, naming
-// the item, its renderer's thread and the threads waiting for it, and counted; renders filled
-// in time, and everything while the watchdog is off, are never reported.
+// The pending watchdog reports an overdue render once, with its item, renderer and waiters.
 #include <gtest/gtest.h>
 
 #include <chrono>

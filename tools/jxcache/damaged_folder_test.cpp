@@ -85,9 +85,8 @@ TEST(SimulateDamagedFolder, DamagedFilesAreServedAsMissesAndWrittenAgain) {
     EXPECT_TRUE(ReadBytes(path(f)) == FrameFileBytes(kWidth, kHeight, f)) << "frame " << f;
 }
 
-// A file's checksum holds under the name it was written under and no other: a whole, good file
-// of another frame copied over a frame's file is a failed read, and the frame is rendered again.
-// The folder's path is no part of it: moved elsewhere, every other file still reads back.
+// A file's checksum binds it to its name, not its folder: another frame's file copied over one
+// fails its read, while a moved folder's files still read back.
 TEST(SimulateDamagedFolder, AFileVerifiesOnlyUnderItsOwnNameWhereverItsFolderIs) {
   TempDir dir, moved;
   std::string folder;

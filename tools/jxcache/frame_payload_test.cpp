@@ -112,10 +112,8 @@ TEST(FramePayload, AHeaderClaimingAHugeFrameIsRefusedBeforeAllocating) {
   EXPECT_FALSE(largest->IsInMemory());
 }
 
-// Through the library, whose file streams must tell the payload their length: a file too short
-// for the largest frame the factory takes (2 GiB) is adopted, then refused for its size before
-// the allocation; the file goes and the failed read is counted. A name claiming more is not
-// adopted.
+// A file too short for the 2 GiB frame its name claims is refused before the allocation (the
+// library's streams tell the payload their length), deleted and counted; larger names not adopted.
 TEST(FramePayload, AShortFileInTheFolderIsRefusedBeforeAllocatingDeletedAndCounted) {
   TempDir dir;
   LibraryRun run(/*mediaMapAllowed=*/false, 1);
