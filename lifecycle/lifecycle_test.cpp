@@ -20,14 +20,16 @@ namespace {
 
 uint64_t Lookups(const char* name) { return DebugDatabase::Instance().LookupCount(name); }
 
-void QuietHost() {
-  jx::StandaloneHost::Instance().Reset();
-  jx::StandaloneHost::Instance().SetEchoReports(false);
-}
+// A quiet stand-in host, reset.
+class LifecycleTest : public ::testing::Test {
+  void SetUp() override {
+    jx::StandaloneHost::Instance().Reset();
+    jx::StandaloneHost::Instance().SetEchoReports(false);
+  }
+};
 
 // The media-map setting switched off keeps the media map off even when the start-up allows it.
-TEST(LifecycleTest, StartUpMakesTheGlobalBagAndShutDownEmptiesIt) {
-  QuietHost();
+TEST_F(LifecycleTest, StartUpMakesTheGlobalBagAndShutDownEmptiesIt) {
   DebugDatabase::Instance().SetEntry("JX.UseMediaMap1", "false");
   EXPECT_FALSE(JX_GlobalBag());
   JX_Birth(true, 0x80000005u, false);
@@ -44,8 +46,7 @@ TEST(LifecycleTest, StartUpMakesTheGlobalBagAndShutDownEmptiesIt) {
 }
 
 // A start-up refused memory leaves the previous bag, its items, executor and permissions alone.
-TEST(LifecycleTest, StartUpRefusedForMemoryChangesNothing) {
-  QuietHost();
+TEST_F(LifecycleTest, StartUpRefusedForMemoryChangesNothing) {
   JX_Birth(false, 1, false);
   auto bag = JX_GlobalBag();
   auto item = AddedItem(*bag, 10);
@@ -62,8 +63,7 @@ TEST(LifecycleTest, StartUpRefusedForMemoryChangesNothing) {
 }
 
 // Under the Gfxpak limit the manager is told the cache's maximum; otherwise the media map is used.
-TEST(LifecycleTest, StartUpChoosesBetweenTheGfxpakLimitAndTheMediaMap) {
-  QuietHost();
+TEST_F(LifecycleTest, StartUpChoosesBetweenTheGfxpakLimitAndTheMediaMap) {
   zelappsupport::feature::SetFeatureEnabled(kJX_GfxpakLimitFeature, true);
   jx::standalone::MediaManagerPool()->SetFixedMaxCacheSize(1000);
   const struct {
@@ -92,8 +92,7 @@ TEST(LifecycleTest, StartUpChoosesBetweenTheGfxpakLimitAndTheMediaMap) {
 
 // An item checked out across a restart gives its sizes back to the bag that counted them, never
 // to the new one (it used to drive the new bag's totals below zero).
-TEST(LifecycleTest, AnItemThatOutlivesARestartTakesItsSizesBackFromItsOwnBag) {
-  QuietHost();
+TEST_F(LifecycleTest, AnItemThatOutlivesARestartTakesItsSizesBackFromItsOwnBag) {
   for (bool hostKeepsOldBag : {false, true}) {
     SCOPED_TRACE(hostKeepsOldBag ? "old bag kept" : "old bag gone");
     JX_Birth(false, 1, false);
@@ -123,8 +122,7 @@ TEST(LifecycleTest, AnItemThatOutlivesARestartTakesItsSizesBackFromItsOwnBag) {
 
 // The first start-up's media map must leave the host's media manager whichever way a second
 // start-up decides, or it keeps the replaced bag's items alive and offered to the host's purges.
-TEST(LifecycleTest, ASecondStartUpDetachesTheFirstOnesMediaMap) {
-  QuietHost();
+TEST_F(LifecycleTest, ASecondStartUpDetachesTheFirstOnesMediaMap) {
   zelappsupport::feature::SetFeatureEnabled(kJX_GfxpakLimitFeature, true);
   auto manager = jx::standalone::MediaManagerPool();
   for (bool secondTakesGfxpakLimit : {false, true}) {
