@@ -20,7 +20,6 @@
 namespace cf = jx::checkout_flags;
 namespace ci = jx::checkin_flags;
 using jx::testing::AddedItem;
-using jx::testing::MakeRequest;
 using jx::testing::PayloadOf;
 using jx::testing::TestPayload;
 using zelcore::utility::Guid;
@@ -57,10 +56,7 @@ TEST_F(ContentMapTest, RowsDescribePendingCheckedOutAndDiskStates) {
   // Pending: created by a find that missed, not filled yet.
   const Guid pendingKey = Guid::CreateUnique();
   IntrusivePtr<JX_Stuff> pending;
-  bool created = false;
-  ASSERT_EQ(bag_->FindAndCheckout(MakeRequest(pendingKey), cf::kReadOnly | cf::kCreatePending,
-                                  &pending, &created),
-            kJX_CreatedPending);
+  ASSERT_EQ(Ask(pendingKey, cf::kReadOnly | cf::kCreatePending, &pending), kJX_CreatedPending);
   // Checked out twice.
   auto held = AddedItem(*bag_, 64);
   ASSERT_EQ(held->Checkout(cf::kReadOnly), kJX_CheckedOut);
@@ -119,10 +115,7 @@ TEST_F(ContentMapTest, ConsistentRowsAndNoDeadlockUnderChurn) {
       std::mt19937 rng(t);
       while (!stop.load()) {
         IntrusivePtr<JX_Stuff> found;
-        bool created = false;
-        const Guid& key = stable[rng() % stable.size()];
-        if (bag_->FindAndCheckout(MakeRequest(key), cf::kReadOnly, &found, &created) ==
-            kJX_CheckedOut) {
+        if (Ask(stable[rng() % stable.size()], cf::kReadOnly, &found) == kJX_CheckedOut) {
           found->Checkin(0, 0.0);
         }
       }
@@ -153,10 +146,8 @@ TEST_F(ContentMapTest, ConsistentRowsAndNoDeadlockUnderChurn) {
   threads.emplace_back([&] {
     while (!stop.load()) {
       IntrusivePtr<JX_Stuff> found;
-      bool created = false;
-      if (bag_->FindAndCheckout(MakeRequest(Guid::CreateUnique()),
-                                cf::kReadOnly | cf::kCreatePending, &found,
-                                &created) == kJX_CreatedPending) {
+      if (Ask(Guid::CreateUnique(), cf::kReadOnly | cf::kCreatePending, &found) ==
+          kJX_CreatedPending) {
         std::this_thread::yield();
         found->SetStuffDataFromPendingRender(IntrusivePtr<JX_StuffData>(new TestPayload(30)), 1.0);
         found->Checkin(ci::kKeepRecency, 1.0);

@@ -18,7 +18,6 @@ namespace ci = jx::checkin_flags;
 using jx::testing::AddedItem;
 using jx::testing::LibraryTest;
 using jx::testing::MakeItem;
-using jx::testing::MakeRequest;
 using jx::testing::PayloadBytesInBag;
 using jx::testing::TestPayload;
 using zelcore::utility::Guid;
@@ -30,10 +29,6 @@ constexpr int kFindOrCreate = cf::kReadOnly | cf::kCreatePending | cf::kWaitAlwa
 
 class FindOrCreateTest : public LibraryTest {
  protected:
-  JX_CheckoutResult Ask(const Guid& key, int flags, IntrusivePtr<JX_Stuff>* found) {
-    bool created = false;
-    return bag_->FindAndCheckout(MakeRequest(key), flags, found, &created);
-  }
   // Once every thread is done, nothing is checked out and the totals are what the payloads hold.
   void ExpectAtRest() {
     EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut.load(), 0);

@@ -16,7 +16,6 @@ using jx::HostReport;
 using jx::StandaloneHost;
 using jx::testing::EventuallyTrue;
 using jx::testing::LibraryTest;
-using jx::testing::MakeRequest;
 using jx::testing::TestPayload;
 using zelcore::utility::Guid;
 using zelcore::utility::IntrusivePtr;
@@ -40,9 +39,7 @@ class PendingWatchTest : public LibraryTest {
   }
   IntrusivePtr<JX_Stuff> CreatePending(const Guid& key) {
     IntrusivePtr<JX_Stuff> item;
-    bool created = false;
-    EXPECT_EQ(bag_->FindAndCheckout(MakeRequest(key), kFindOrCreate, &item, &created),
-              kJX_CreatedPending);
+    EXPECT_EQ(Ask(key, kFindOrCreate, &item), kJX_CreatedPending);
     return item;
   }
 };
@@ -59,9 +56,7 @@ TEST_F(PendingWatchTest, OverdueRenderReportedOnceWithCreatorAndWaiters) {
   for (int i = 0; i < kWaiters; ++i) {
     waiters.emplace_back([&] {
       IntrusivePtr<JX_Stuff> found;
-      bool created = false;
-      if (bag_->FindAndCheckout(MakeRequest(key), kFindOrCreate, &found, &created) ==
-          kJX_CheckedOut) {
+      if (Ask(key, kFindOrCreate, &found) == kJX_CheckedOut) {
         if (found->GetDataPtr()) served.fetch_add(1);
         found->Checkin(0, 0.0);
       }

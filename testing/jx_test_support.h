@@ -221,6 +221,12 @@ class LibraryTest : public ::testing::Test {
   void TearDown() override;
   // Override to start differently (media map allowed, Gfxpak limit...).
   virtual void Birth();
+  // Finds and checks out a request for `key` in the bag.
+  JX_CheckoutResult Ask(const zelcore::utility::Guid& key, int flags,
+                        zelcore::utility::IntrusivePtr<JX_Stuff>* found) {
+    bool created = false;
+    return bag_->FindAndCheckout(MakeRequest(key), flags, found, &created);
+  }
 
   std::shared_ptr<JX_Bag> bag_;
   std::string tempDir_;
