@@ -126,6 +126,9 @@ TEST(CommandLine, HelpAndBadArgumentsExitCodes) {
       {{"simulate", "--memory", "lots"}, ""},
       {{"simulate", "--frames", "0"}, ""},  // out of range
       {{"simulate", "--threads", "two"}, ""},
+      {{"simulate", "--frames", "0x10"}, "decimal digits only"},  // not hex, nor "010" octal
+      {{"simulate", "--seed", "-1"}, "negative"},                 // not wrapped round to 2^64 - 1
+      {{"simulate", "--seed", "18446744073709551616"}, "too large"},
       {{"simulate", "--bogus"}, ""},
       {{"simulate", "--disk-proclivity", "0"}, ""},  // divides the read speed: must be above 0
       {{"simulate", "--disk-proclivity", "1x"}, ""},

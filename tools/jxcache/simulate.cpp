@@ -148,6 +148,11 @@ void AddSimulateCommand(CLI::App& app, int* exitCode) {
   cmd->add_flag("--progress", args->progress,
                 "Show progress on stderr (frames, frames/s, ETA) even when it is not a terminal");
   cmd->add_option("--report", args->report, "Write an HTML report with charts to this file");
+  for (const char* name :
+       {"--frames", "--width", "--height", "--threads", "--disk-margin", "--passes", "--seed",
+        "--read-ahead", "--farm-timeout", "--farm-lease", "--farm-wait", "--farm-ttl"}) {
+    cmd->get_option(name)->transform(DecimalNumber());
+  }
   cmd->callback([args, exitCode] { *exitCode = RunSimulate(*args); });
 }
 

@@ -1,5 +1,8 @@
 #include "tools/jxcache/size_arg.h"
 
+#include <CLI/CLI.hpp>
+
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 
@@ -98,6 +101,22 @@ std::vector<uint64_t> ParseSizeList(std::string_view text, std::string_view opti
     start = comma + 1;
   }
   return sizes;
+}
+
+CLI::Validator DecimalNumber() {
+  return CLI::Validator(
+      [](std::string& text) -> std::string {
+        if (text.empty()) return "give a number";
+        if (text.front() == '-') return "'" + text + "' is negative; give 0 or more";
+        if (text.find_first_not_of("0123456789") != std::string::npos)
+          return "'" + text + "' is not a whole number (decimal digits only)";
+        uint64_t value = 0;
+        const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+        if (ec != std::errc()) return "'" + text + "' is too large";
+        text = std::to_string(value);
+        return "";
+      },
+      "", "");
 }
 
 std::string FormatSize(uint64_t bytes) {

@@ -9,6 +9,10 @@
 #include <string_view>
 #include <vector>
 
+namespace CLI {
+class Validator;
+}
+
 namespace jx::tool {
 
 // Parses `text` as a size; throws UsageError mentioning `option` when it does not parse, is
@@ -16,6 +20,10 @@ namespace jx::tool {
 uint64_t ParseSize(std::string_view text, std::string_view option);
 // A comma-separated list of sizes ("64MiB,256MiB,1GiB"); every entry must parse and be non-zero.
 std::vector<uint64_t> ParseSizeList(std::string_view text, std::string_view option);
+// For every whole-number option: plain decimal digits, leading zeros ignored. The parser alone
+// reads them as C does, "010" as 8 and "0x10" as 16, and takes "-1" for a 64-bit option as its
+// largest value; here they are usage errors, as is a value beyond 64 bits.
+CLI::Validator DecimalNumber();
 // "256 MiB", "1.50 GiB", "812 B": the largest unit that keeps the number at least 1.
 std::string FormatSize(uint64_t bytes);
 // One sentence on what sizes accept, for --help texts.
