@@ -217,7 +217,8 @@ void PrintJson(const ReplayOptions& o, const TraceFacts& facts,
     }
     out["runs"].push_back(std::move(run));
   }
-  std::cout << out.dump(2) << '\n';
+  // A path need not be UTF-8; JSON must be.
+  std::cout << out.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
 }
 
 // The optimal policy reads only the spool, never the cache, so it runs on a thread of its own

@@ -223,6 +223,10 @@ TEST(Inspect, JsonSurvivesNamesThatAreNotUtf8) {
                               "--passes", "1", "--json", "--disk-cache", dir.File(name)});
   const std::string folder = s["disk"]["folder"];
   EXPECT_NE(folder.find(dir.path() + "/frame" + replaced), std::string::npos) << folder;
+
+  std::ofstream(dir.File(name + ".csv")) << "1,5\n";
+  const auto r = RunToolJson({"replay", dir.File(name + ".csv"), "--cache-size", "1k", "--json"});
+  EXPECT_EQ(r["trace"], dir.File("frame" + replaced + replaced + ".csv"));
 }
 
 // The first fragment that would make a browser reach off the page, or nothing. Namespace
