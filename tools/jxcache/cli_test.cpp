@@ -170,6 +170,12 @@ TEST(CommandLine, BadInputFailsCleanlyAndLeavesNothingBehind) {
                 "truncated record at byte 72");
   std::ofstream(dir.File("bad.csv")) << "id,size\n1,100\n2,lots\n";
   expectFailure(RunTool({"replay", dir.File("bad.csv"), "--cache-size", "1MiB"}), "line 3");
+  // A binary file read as csv: the message quotes the start of the line, escaped.
+  std::ofstream(dir.File("bad.csv")) << "1,100\n" << std::string(100000, '\x1b') << "\n";
+  const auto junk = RunTool({"replay", dir.File("bad.csv"), "--cache-size", "1MiB"});
+  expectFailure(junk, "line 2");
+  EXPECT_LT(junk.err.size(), 400u);
+  EXPECT_EQ(junk.err.find('\x1b'), std::string::npos);
   expectFailure(RunTool({"inspect", dir.File("nowhere")}), "does not exist");
 
   // A disk cache "folder" that is a file, and a report that cannot be written: the session does

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <cstring>
 #include <string_view>
 
@@ -39,6 +40,25 @@ bool ParseNumber(std::string_view s, T* out) {
   if (s.empty()) return false;
   auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), *out);
   return ec == std::errc() && end == s.data() + s.size();
+}
+
+// A line that does not parse, as an error quotes it: its start only, with every byte that is not
+// printable ASCII escaped. A binary file read as csv has lines of any length and any bytes, and
+// the message goes to a terminal.
+std::string Excerpt(std::string_view line) {
+  constexpr size_t kShown = 40;
+  std::string out;
+  for (const char c : line.substr(0, kShown)) {
+    if (c >= 0x20 && c < 0x7f) {
+      out += c;
+    } else {
+      char hex[8];
+      std::snprintf(hex, sizeof hex, "\\x%02X", static_cast<unsigned char>(c));
+      out += hex;
+    }
+  }
+  if (line.size() > kShown) out += "...";
+  return out;
 }
 
 bool EndsWith(const std::string& s, std::string_view suffix) {
@@ -183,7 +203,7 @@ bool TraceReader::NextCsv(TraceRequest* out) {
         continue;
       }
       throw ToolError("trace '" + path_ + "', line " + std::to_string(lineNo_) +
-                      ": expected 'id,size' with whole numbers, got '" + std::string(text) + "'");
+                      ": expected 'id,size' with whole numbers, got '" + Excerpt(text) + "'");
     }
     seenLine_ = true;
     *out = req;
