@@ -252,6 +252,12 @@ TEST(ReplayTrace, CsvAndCompressedTracesReadAsTheBinaryOneAndACutOneFails) {
       EXPECT_EQ(r.Json()["runs"][k]["misses"], plain.Json()["runs"][k]["misses"]) << name;
   }
   EXPECT_TRUE(run("t.bin.zst").Json()["compressed"].get<bool>());
+  // Saved with a byte-order mark, the first line is still a request; a negative id, no header.
+  std::ofstream(dir.File("bom.csv")) << "\xEF\xBB\xBF"
+                                        "7,100\n7,100\n";
+  EXPECT_EQ(run("bom.csv").Json()["requests"], 2);
+  std::ofstream(dir.File("negative.csv")) << "-7,100\n7,100\n";
+  EXPECT_NE(run("negative.csv").err.find("line 1"), std::string::npos);
   const auto text = RunTool({"replay", dir.File("t.csv"), "--cache-size", "2MiB", "--no-optimal"});
   ASSERT_EQ(text.exitCode, 0) << text.err;
   for (const char* want : {"byte miss ratio", "2.00 MiB"})

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <zstd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -186,10 +187,11 @@ bool TraceReader::NextCsv(TraceRequest* out) {
     }
     // The last line may lack its newline.
     const size_t length = nl ? static_cast<size_t>(nl - (buf_.data() + pos_)) : end_ - pos_;
-    const std::string_view text =
+    std::string_view text =
         Trim(std::string_view(reinterpret_cast<const char*>(buf_.data() + pos_), length));
     pos_ += nl ? length + 1 : length;
-    ++lineNo_;
+    // A file saved with a byte-order mark (as spreadsheets save csv) starts with one.
+    if (++lineNo_ == 1 && text.starts_with("\xEF\xBB\xBF")) text.remove_prefix(3);
     if (text.empty()) continue;
     const size_t comma = text.find(',');
     TraceRequest req{};
@@ -197,8 +199,11 @@ bool TraceReader::NextCsv(TraceRequest* out) {
                     ParseNumber(text.substr(0, comma), &req.id) &&
                     ParseNumber(text.substr(comma + 1), &req.size);
     if (!ok) {
-      // The first line may name the columns.
-      if (!seenLine_ && lineNo_ == 1 && text.find_first_of("0123456789") != 0) {
+      // The first line may name the columns; a name starts with a letter or a quote, and a line
+      // that starts otherwise ("-7,100") is a request gone wrong, not to be skipped unseen.
+      const bool named = std::isalpha(static_cast<unsigned char>(text.front())) ||
+                         text.front() == '"' || text.front() == '_';
+      if (!seenLine_ && lineNo_ == 1 && named) {
         seenLine_ = true;
         continue;
       }
