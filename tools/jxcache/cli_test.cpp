@@ -135,7 +135,8 @@ TEST(CommandLine, HelpAndBadArgumentsExitCodes) {
       {{"simulate", "--fps", "-1"}, ""},
       {{"simulate", "--fps", "nan"}, ""},
       {{"simulate", "--read-ahead", "100000"}, ""},
-      {{"replay", "/nonexistent"}, ""},  // --cache-size missing
+      {{"simulate", "--disk-limit", "8388608T"}, "--disk-limit"},  // 2^63: negative to the library
+      {{"replay", "/nonexistent"}, ""},                            // --cache-size missing
       {{"replay", "/nonexistent", "--cache-size", "1MiB", "--format", "xml"}, ""},
       {{"replay", "/nonexistent", "--cache-size", "0"}, ""},  // checked before the trace is read
       {{"inspect", "/tmp", "--limit", "-3"}, ""},

@@ -48,6 +48,8 @@ SimulateOptions Validate(SimulateArgs& a) {
   Check(o.passes >= 1 && o.passes <= 100, "--passes: give 1 to 100 passes");
   Check(o.memoryBudget > 0, "--memory: the memory budget must be more than 0");
   Check(o.noDisk || o.diskLimit > 0, "--disk-limit: the disk limit must be more than 0");
+  // The library takes the limit as a signed 64-bit count: from 2^63 it would be negative.
+  Check(o.diskLimit <= uint64_t{INT64_MAX}, "--disk-limit: give less than 8388608T (8 EiB)");
   Check(a.proclivity.empty() || !o.noDisk, "--disk-proclivity: not with --no-disk");
   Check(o.readAhead <= 10000, "--read-ahead: give 0 to 10000 frames");
   Check(std::isfinite(o.fps) && o.fps >= 0 && o.fps <= 1000,
