@@ -196,6 +196,11 @@ TEST(CommandLine, BadInputFailsCleanlyAndLeavesNothingBehind) {
   expectFailure(simulate({"--disk-cache", dir.File("cache"), "--report", dir.File("reports")}),
                 "is a folder");
   EXPECT_FALSE(std::filesystem::exists(dir.File("cache")));
+  // Killed mid-run (Ctrl-C, a CI time limit): nothing is left where the report was to go.
+  const auto killed = testing::RunToolsAtOnce(
+      {{"simulate", "--no-disk", "--fps", "1", "--report", dir.File("reports/r.html")}},
+      std::chrono::seconds(1));
+  EXPECT_TRUE(killed[0].killed);
   EXPECT_TRUE(std::filesystem::is_empty(dir.File("reports")));
   size_t entries = 0;
   for (auto& e : std::filesystem::directory_iterator(dir.path())) {

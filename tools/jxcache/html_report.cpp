@@ -460,6 +460,8 @@ ReportFile::ReportFile(std::string path) : path_(std::move(path)) {
   FILE* f = std::fopen(temp_.c_str(), "wb");
   if (!f) throw ToolError("--report: cannot write '" + path_ + "': " + std::strerror(errno));
   std::fclose(f);
+  // Not kept for the session: a run killed meanwhile (Ctrl-C) would leave it beside the report.
+  std::remove(temp_.c_str());
 }
 
 ReportFile::~ReportFile() {

@@ -18,9 +18,9 @@ namespace jx::tool {
 // The report's text.
 std::string RenderHtmlReport(const SessionResult& r);
 
-// A report file written whole or not at all: the temporary beside the target is created at once
-// (so an unwritable path fails before the session runs) and renamed over the target on Commit.
-// Destroyed uncommitted, it removes the temporary.
+// A report file written whole or not at all: the temporary beside the target is tried at once
+// (so an unwritable path fails before the session runs), then made again on Commit and renamed
+// over the target. Destroyed uncommitted, it removes the temporary.
 class ReportFile {
  public:
   // Throws ToolError when `path` is a folder or the temporary cannot be created.
