@@ -80,7 +80,9 @@ Listing List(const std::string& dir, const char* command) {
     throw ToolError(std::string(command) + ": '" + dir + "' is not a folder");
   Listing l;
   l.folder = MachineCacheFolder(dir);
-  const fs::file_status machine = fs::symlink_status(l.folder, ec);
+  // Followed when it is a link: a machine folder moved to a larger disk and linked back is where
+  // the library reads and writes.
+  const fs::file_status machine = fs::status(l.folder, ec);
   if (!fs::exists(machine)) return l;
   if (!fs::is_directory(machine))
     throw ToolError(std::string(command) + ": '" + l.folder + "' is not a folder");

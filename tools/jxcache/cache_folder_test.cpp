@@ -125,6 +125,16 @@ TEST(CacheFolder, MissingFoldersAndAFolderOfAnotherLayout) {
   ASSERT_EQ(clear.exitCode, 0) << clear.err;
   EXPECT_TRUE(fs::exists(dir.File(FrameFileName(16, 16, 0))));
   EXPECT_FALSE(fs::exists(dir.File("Orvane"))) << "clear made folders";
+
+  // A machine folder moved to another disk and linked back is where the library writes.
+  TempDir elsewhere;
+  fs::create_directories(dir.File("Orvane/Plexmotion"));
+  fs::create_directory_symlink(elsewhere.path(), MachineFolder(dir.path()));
+  Write(elsewhere.File(FrameFileName(16, 16, 1)), 10);
+  EXPECT_EQ(RunToolJson({"stats", "--disk-cache", dir.path(), "--json"})["cache_files"]["files"],
+            1);
+  EXPECT_EQ(RunTool({"clear", "--disk-cache", dir.path()}).exitCode, 0);
+  EXPECT_FALSE(fs::exists(elsewhere.File(FrameFileName(16, 16, 1))));
 }
 
 }  // namespace
