@@ -7,6 +7,8 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <limits>
 
@@ -33,9 +35,19 @@ DebugDatabase& DebugDatabase::Instance() {
 DebugDatabase::DebugDatabase() { LoadEnvironmentFile(); }
 
 void DebugDatabase::LoadEnvironmentFile() {
-  if (const char* path = std::getenv("JX_SETTINGS"); path != nullptr && *path != '\0') {
-    LoadFile(path);
-  }
+  const char* path = std::getenv("JX_SETTINGS");
+  if (path == nullptr || *path == '\0') return;
+  std::error_code ec;
+  const bool folder = std::filesystem::is_directory(path, ec);
+  errno = 0;
+  if (LoadFile(path)) return;
+  // A mistyped path must not read as "no settings" unseen. The process goes on, as a host would.
+  const std::string why = folder       ? "it is a folder"
+                          : errno != 0 ? std::strerror(errno)
+                                       : "unreadable";
+  std::fprintf(stderr,
+               "jxcache host: JX_SETTINGS: cannot read '%s': %s; its settings are not used\n", path,
+               why.c_str());
 }
 
 void DebugDatabase::ResetForTests() {
@@ -84,6 +96,8 @@ bool DebugDatabase::HasEntry(const std::string& name) const {
 }
 
 bool DebugDatabase::LoadFile(const std::string& path) {
+  std::error_code ec;
+  if (std::filesystem::is_directory(path, ec)) return false;  // opens, and reads as empty
   std::ifstream in(path);
   if (!in) return false;
   // Parse everything first so that the lock is held only for the final merge.

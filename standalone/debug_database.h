@@ -1,7 +1,7 @@
 // The stand-in's settings database: named text entries with defaults. Seeded once from the file
-// named by $JX_SETTINGS ("name=value" lines; "#" starts a comment) when first used; settable
-// from code. Thread-safe. The library reads each of its settings once, through the stand-in's
-// jx::host::Settings, and keeps the value.
+// named by $JX_SETTINGS ("name=value" lines; "#" starts a comment) when first used, a file that
+// cannot be read being reported on standard error; settable from code. Thread-safe. The library
+// reads each of its settings once, through the stand-in's jx::host::Settings, and keeps the value.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +26,7 @@ class DebugDatabase {
   void SetEntry(const std::string& name, const std::string& value);
   void RemoveEntry(const std::string& name);
   bool HasEntry(const std::string& name) const;
-  // Loads "name=value" lines from a file; returns false when it cannot be read.
+  // Loads "name=value" lines from a file; returns false when it cannot be read (or is a folder).
   bool LoadFile(const std::string& path);
   // How often GetEntry was asked for `name` in this process, whether or not it had an entry:
   // lets tests tell a setting that is read lazily, once, from one that is read at all.

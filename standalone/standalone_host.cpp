@@ -5,8 +5,10 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <map>
 #include <memory>
@@ -182,6 +184,12 @@ class StandaloneTraceSink final : public jx::host::TraceSink {
   StandaloneTraceSink() {
     if (const char* path = std::getenv("JX_TRACE_FILE"); path != nullptr && *path != '\0') {
       file_ = std::fopen(path, "a");
+      if (file_ == nullptr) {
+        std::fprintf(stderr,
+                     "jxcache host: JX_TRACE_FILE: cannot open '%s': %s; tracing to standard "
+                     "error\n",
+                     path, std::strerror(errno));
+      }
     }
   }
   void Write(const char* category, int level, const std::string& text) override {

@@ -178,6 +178,13 @@ TEST(CommandLine, BadInputFailsCleanlyAndLeavesNothingBehind) {
   EXPECT_LT(junk.err.size(), 400u);
   EXPECT_EQ(junk.err.find('\x1b'), std::string::npos);
   expectFailure(RunTool({"inspect", dir.File("nowhere")}), "does not exist");
+  // Settings and a trace file that cannot be used are said to be, and the run goes on.
+  const auto unread = RunTool(
+      {"simulate", "--frames", "2", "--width", "8", "--height", "8", "--passes", "1", "--no-disk"},
+      {"JX_SETTINGS=" + dir.path(), "JX_TRACE_FILE=" + dir.File("no/trace")});
+  EXPECT_EQ(unread.exitCode, 0);
+  for (const char* what : {"JX_SETTINGS", "JX_TRACE_FILE"})
+    EXPECT_NE(unread.err.find(what), std::string::npos) << what << ": " << unread.err;
 
   // A disk cache "folder" that is a file, and a report that cannot be written: the session does
   // not run and no report (nor its temporary) appears.
