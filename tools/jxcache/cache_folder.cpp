@@ -278,7 +278,8 @@ int RunClear(const FolderOptions& o) {
 void AddFolderOptions(CLI::App* cmd, FolderOptions* o) {
   cmd->add_option("--disk-cache", o->dir,
                   "The folder given to simulate's --disk-cache (default: " + DefaultDiskFolder() +
-                      "). " + DiskCacheLayoutHelp());
+                      "). " + DiskCacheLayoutHelp())
+      ->check(NotEmpty());
   cmd->add_flag("--json", o->json, "Print the figures as JSON");
 }
 

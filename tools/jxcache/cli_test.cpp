@@ -136,7 +136,10 @@ TEST(CommandLine, HelpAndBadArgumentsExitCodes) {
       {{"simulate", "--fps", "nan"}, ""},
       {{"simulate", "--read-ahead", "100000"}, ""},
       {{"simulate", "--disk-limit", "8388608T"}, "--disk-limit"},  // 2^63: negative to the library
-      {{"replay", "/nonexistent"}, ""},                            // --cache-size missing
+      // An empty name (an unset shell variable) is not the default folder's: not to clear.
+      {{"stats", "--disk-cache", ""}, "--disk-cache"},
+      {{"simulate", "--no-disk", "--report", ""}, "--report"},
+      {{"replay", "/nonexistent"}, ""},  // --cache-size missing
       {{"replay", "/nonexistent", "--cache-size", "1MiB", "--format", "xml"}, ""},
       {{"replay", "/nonexistent", "--cache-size", "0"}, ""},  // checked before the trace is read
       {{"inspect", "/tmp", "--limit", "-3"}, ""},

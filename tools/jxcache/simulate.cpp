@@ -124,7 +124,8 @@ void AddSimulateCommand(CLI::App& app, int* exitCode) {
       ->capture_default_str();
   cmd->add_option("--disk-cache", o.diskFolder,
                   "Disk cache folder, reused across runs (default: " + DefaultDiskFolder() + "). " +
-                      DiskCacheLayoutHelp());
+                      DiskCacheLayoutHelp())
+      ->check(NotEmpty());
   cmd->add_option("--disk-limit", args->diskLimit, "Disk cache size limit")->capture_default_str();
   cmd->add_flag("--no-disk", o.noDisk, "Run without the disk cache");
   cmd->add_option("--disk-proclivity", args->proclivity,
@@ -149,7 +150,8 @@ void AddSimulateCommand(CLI::App& app, int* exitCode) {
   cmd->add_flag("--json", args->json, "Print the summary as JSON");
   cmd->add_flag("--progress", args->progress,
                 "Show progress on stderr (frames, frames/s, ETA) even when it is not a terminal");
-  cmd->add_option("--report", args->report, "Write an HTML report with charts to this file");
+  cmd->add_option("--report", args->report, "Write an HTML report with charts to this file")
+      ->check(NotEmpty());
   for (const char* name :
        {"--frames", "--width", "--height", "--threads", "--disk-margin", "--passes", "--seed",
         "--read-ahead", "--farm-timeout", "--farm-lease", "--farm-wait", "--farm-ttl"}) {

@@ -119,6 +119,12 @@ CLI::Validator DecimalNumber() {
       "", "");
 }
 
+CLI::Validator NotEmpty() {
+  return CLI::Validator(
+      [](std::string& text) -> std::string { return text.empty() ? "give a name, not ''" : ""; },
+      "", "");
+}
+
 std::string FormatSize(uint64_t bytes) {
   char buf[64];
   if (bytes < kUnits[0].factor) {

@@ -24,6 +24,9 @@ std::vector<uint64_t> ParseSizeList(std::string_view text, std::string_view opti
 // reads them as C does, "010" as 8 and "0x10" as 16, and takes "-1" for a 64-bit option as its
 // largest value; here they are usage errors, as is a value beyond 64 bits.
 CLI::Validator DecimalNumber();
+// For a folder or file name that has a default when left out: given empty (as an unset shell
+// variable gives it) it is a usage error, not the default, which `clear` would empty.
+CLI::Validator NotEmpty();
 // "256 MiB", "1.50 GiB", "812 B": the largest unit that keeps the number at least 1.
 std::string FormatSize(uint64_t bytes);
 // One sentence on what sizes accept, for --help texts.
