@@ -172,6 +172,9 @@ TEST(CommandLine, BadInputFailsCleanlyAndLeavesNothingBehind) {
   std::ofstream(dir.File("cut.bin"), std::ios::binary) << std::string(24 * 3 + 10, '\1');
   expectFailure(RunTool({"replay", dir.File("cut.bin"), "--cache-size", "1MiB"}),
                 "truncated record at byte 72");
+  // A csv trace not named so, whose length happens to be whole records, is no binary trace.
+  std::ofstream(dir.File("cut.bin")) << "1,10001\n2,10002\n3,10003\n4,10004\n5,10005\n6,10006\n";
+  expectFailure(RunTool({"replay", dir.File("cut.bin"), "--cache-size", "1MiB"}), "--format csv");
   std::ofstream(dir.File("bad.csv")) << "id,size\n1,100\n2,lots\n";
   expectFailure(RunTool({"replay", dir.File("bad.csv"), "--cache-size", "1MiB"}), "line 3");
   // A binary file read as csv: the message quotes the start of the line, escaped.

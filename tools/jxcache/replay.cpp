@@ -303,6 +303,12 @@ int RunReplay(const ReplayOptions& o) {
   std::unique_ptr<TraceSpool> spool;
   {
     TraceReader reader(o.trace, facts.format);
+    if (o.format.empty() && facts.format == TraceFormat::kOracleGeneral &&
+        reader.StartsWithText()) {
+      throw ToolError("trace '" + o.trace +
+                      "' is text, not binary oracle-general records: for id,size lines give "
+                      "--format csv");
+    }
     facts.compressed = reader.compressed();
     meter.Start("reading trace", reader.fileSize(), "");
     spool = TraceSpool::Make(reader, update);

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <zstd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <charconv>
@@ -158,6 +159,18 @@ bool TraceReader::Fill() {
     }
   }
   return end_ > before;
+}
+
+bool TraceReader::StartsWithText() {
+  constexpr size_t kLooked = 4 * kOracleRecordSize;
+  while (end_ - pos_ < kLooked && Fill()) {
+  }
+  if (end_ == pos_) return false;
+  for (size_t i = pos_; i < std::min(end_, pos_ + kLooked); ++i) {
+    const unsigned char c = buf_[i];
+    if (!(c >= 0x20 && c < 0x7f) && c != '\n' && c != '\r' && c != '\t') return false;
+  }
+  return true;
 }
 
 bool TraceReader::Next(TraceRequest* out) {

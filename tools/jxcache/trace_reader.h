@@ -49,6 +49,10 @@ class TraceReader : public RequestSource {
   // is cut short, a csv line is not "id,size", or the compressed stream is damaged or cut short.
   bool Next(TraceRequest* out) override;
 
+  // Whether the trace (decompressed) starts with text only: no binary trace does, and a csv one
+  // read as binary records would give numbers from its digits. Call before the first Next.
+  bool StartsWithText();
+
   bool compressed() const { return zstd_ != nullptr; }
   // Bytes of the file itself read so far (compressed bytes for a compressed trace), and its size:
   // the measure of progress.
