@@ -103,7 +103,9 @@ bool DebugDatabase::LoadFile(const std::string& path) {
   // Parse everything first so that the lock is held only for the final merge.
   std::unordered_map<std::string, std::string> loaded;
   std::string line;
-  while (std::getline(in, line)) {
+  for (bool first = true; std::getline(in, line); first = false) {
+    // A file saved with a byte-order mark (as some editors save text) starts with one.
+    if (first && line.starts_with("\xEF\xBB\xBF")) line.erase(0, 3);
     std::string trimmed = Trim(line);
     if (trimmed.empty() || trimmed[0] == '#') continue;
     size_t eq = trimmed.find('=');

@@ -60,6 +60,12 @@ TEST(DebugDatabaseTest, SeededFromTheSettingsFileAndSettableFromCode) {
   db.RemoveEntry("SettingsTest.Code");
   EXPECT_EQ(db.GetEntry("SettingsTest.Code", "dflt"), "dflt");
   EXPECT_FALSE(db.LoadFile("/nonexistent/jx/settings"));
+  // Saved by an editor that starts the file with a byte-order mark: the first line still counts.
+  const std::string marked = environmentSeed.path + ".marked";
+  std::ofstream(marked) << "\xEF\xBB\xBFSettingsTest.Marked=1\n";
+  EXPECT_TRUE(db.LoadFile(marked));
+  std::remove(marked.c_str());
+  EXPECT_EQ(db.GetEntry("SettingsTest.Marked", "none"), "1");
 
   // Look-ups are counted per name, found or not; writes and presence checks are not look-ups.
   EXPECT_EQ(db.LookupCount("SettingsTest.Code"), 2u);
