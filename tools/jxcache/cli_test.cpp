@@ -1,5 +1,6 @@
 // Arguments and bad input through the built binary: exit codes, one-line reasons, nothing left.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <filesystem>
 #include <fstream>
@@ -184,6 +185,10 @@ TEST(CommandLine, BadInputFailsCleanlyAndLeavesNothingBehind) {
   EXPECT_LT(junk.err.size(), 400u);
   EXPECT_EQ(junk.err.find('\x1b'), std::string::npos);
   expectFailure(RunTool({"inspect", dir.File("nowhere")}), "does not exist");
+  // Output that cannot be written (a full disk) is a failed run, not a success with nothing.
+  const std::string full = std::string(JXCACHE_BINARY) + " stats --json --disk-cache " +
+                           dir.path() + " >/dev/full 2>/dev/null";
+  EXPECT_EQ(WEXITSTATUS(std::system(full.c_str())), 1);
   // Settings and a trace file that cannot be used are said to be, and the run goes on.
   const auto unread = RunTool(
       {"simulate", "--frames", "2", "--width", "8", "--height", "8", "--passes", "1", "--no-disk"},

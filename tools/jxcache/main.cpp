@@ -6,6 +6,9 @@
 
 #include <malloc.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <string_view>
 
@@ -52,6 +55,13 @@ std::string UnknownSubcommand(const CLI::App& app, int argc, char** argv) {
     return std::string(arg);
   }
   return "";
+}
+
+// Whether everything printed reached standard output. A full disk or a closed file loses it,
+// and a run whose result is lost has not succeeded.
+bool OutputWritten() {
+  std::cout.flush();
+  return std::cout.good() && std::fflush(stdout) == 0 && !std::ferror(stdout);
 }
 
 }  // namespace
@@ -113,6 +123,10 @@ int main(int argc, char** argv) {
     return kExitFailure;
   } catch (int code) {
     std::cerr << "jxcache: the cache library failed with code " << code << '\n';
+    return kExitFailure;
+  }
+  if (!OutputWritten()) {
+    std::cerr << "jxcache: cannot write the output: " << std::strerror(errno) << '\n';
     return kExitFailure;
   }
   return exitCode;
