@@ -212,10 +212,12 @@ bool TraceReader::NextCsv(TraceRequest* out) {
                     ParseNumber(text.substr(0, comma), &req.id) &&
                     ParseNumber(text.substr(comma + 1), &req.size);
     if (!ok) {
-      // The first line may name the columns; a name starts with a letter or a quote, and a line
-      // that starts otherwise ("-7,100") is a request gone wrong, not to be skipped unseen.
-      const bool named = std::isalpha(static_cast<unsigned char>(text.front())) ||
-                         text.front() == '"' || text.front() == '_';
+      // The first line may name the columns ("id,size", "# id,size", "\"id\",\"size\""). One that
+      // starts as a number does ("-7,100") is a request gone wrong, and binary bytes are no
+      // header: neither is skipped unseen.
+      const unsigned char first = static_cast<unsigned char>(text.front());
+      const bool named = first > 0x20 && first < 0x7f && !std::isdigit(first) && first != '-' &&
+                         first != '+' && first != '.';
       if (!seenLine_ && lineNo_ == 1 && named) {
         seenLine_ = true;
         continue;
