@@ -209,6 +209,11 @@ TEST(CommandLine, BadInputFailsCleanlyAndLeavesNothingBehind) {
   expectFailure(simulate({"--disk-cache", dir.File("plainfile"), "--report", dir.File("r.html")}),
                 "is not a folder");
   expectFailure(simulate({"--no-disk", "--report", dir.File("no/such/dir/r.html")}), "--report");
+  // A file where the library's folder in DIR should be: named, not taken for a permission.
+  std::filesystem::create_directory(dir.File("cache"));
+  std::ofstream(dir.File("cache/Orvane")) << "x";
+  expectFailure(simulate({"--disk-cache", dir.File("cache")}), "cache/Orvane' is not a folder");
+  std::filesystem::remove_all(dir.File("cache"));
   // A report "file" that is a folder fails before the session starts: no disk cache folder.
   std::filesystem::create_directory(dir.File("reports"));
   expectFailure(simulate({"--disk-cache", dir.File("cache"), "--report", dir.File("reports")}),

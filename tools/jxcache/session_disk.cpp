@@ -11,6 +11,7 @@
 #include "jxcache/disk/performance_counters.h"
 #include "jxcache/lifecycle/lifecycle.h"
 #include "standalone/standalone_settings.h"
+#include "tools/jxcache/cache_folder.h"
 #include "tools/jxcache/tool_error.h"
 
 namespace fs = std::filesystem;
@@ -67,8 +68,20 @@ void SessionDisk::Attach(const std::shared_ptr<JX_Bag>& bag, SessionResult* resu
   const uint64_t adoptedBefore = jx::disk::GetCounters().filesAdopted.load();
   bag->EnableDiskCache(true);
   bag->SetDiskCacheInfo(folder_, static_cast<long long>(options_.diskLimit));
-  if (!bag->IsDiskCacheEnabled())
+  if (!bag->IsDiskCacheEnabled()) {
+    // The library only turns the cache off. What is most often in the way, a file where one of
+    // its folders below DIR should be, is told here rather than blamed on permissions.
+    fs::path path = folder_;
+    for (const fs::path& part : fs::path(MachineCacheFolder(folder_)).lexically_relative(folder_)) {
+      path /= part;
+      std::error_code ec;
+      const fs::file_status st = fs::status(path, ec);
+      if (fs::exists(st) && !fs::is_directory(st))
+        throw ToolError("--disk-cache: cannot use '" + folder_ + "': '" + path.string() +
+                        "' is not a folder");
+    }
     throw ToolError("--disk-cache: cannot use '" + folder_ + "' as a disk cache (not writable)");
+  }
   result->diskFolder = bag->GetDiskCacheDirSpec().GetPath();
   // The files of earlier runs become items now, so that the first pass can already hit them.
   // The scan's own figure counts every cache-like name it looked at; what it adopted is what the
