@@ -189,6 +189,14 @@ TEST(CommandLine, BadInputFailsCleanlyAndLeavesNothingBehind) {
   const std::string full = std::string(JXCACHE_BINARY) + " stats --json --disk-cache " +
                            dir.path() + " >/dev/full 2>/dev/null";
   EXPECT_EQ(WEXITSTATUS(std::system(full.c_str())), 1);
+  // A report that cannot be written at the end (past a file size limit here) loses only itself.
+  const std::string capped = "ulimit -f 8; trap '' XFSZ; " + std::string(JXCACHE_BINARY) +
+                             " simulate --frames 4 --width 16 --height 16 --passes 1 --no-disk "
+                             "--report " +
+                             dir.File("r.html") + " >" + dir.File("out") + " 2>&1";
+  EXPECT_EQ(WEXITSTATUS(std::system(capped.c_str())), 1);
+  EXPECT_NE(testing::ReadText(dir.File("out")).find("wall time"), std::string::npos);
+  std::filesystem::remove(dir.File("out"));
   // Settings and a trace file that cannot be used are said to be, and the run goes on.
   const auto unread = RunTool(
       {"simulate", "--frames", "2", "--width", "8", "--height", "8", "--passes", "1", "--no-disk"},

@@ -96,14 +96,19 @@ int RunSimulate(SimulateArgs& args) {
   result.run = run;
   meter.Update(uint64_t{options.frames} * options.passes);  // the last line says all were done
   meter.Finish();
-  if (report) report->Commit(RenderHtmlReport(result));
+  // The summary first: a report that cannot be written at the end must not take the run's
+  // figures with it.
   if (args.json) {
     // A folder name need not be UTF-8; JSON must be.
     std::cout << SummaryJson(result).dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
               << '\n';
   } else {
     PrintSummary(result, std::cout);
-    if (report) std::cout << "\nreport written to " << args.report << '\n';
+  }
+  std::cout.flush();
+  if (report) {
+    report->Commit(RenderHtmlReport(result));
+    if (!args.json) std::cout << "\nreport written to " << args.report << '\n';
   }
   return kExitOk;
 }
