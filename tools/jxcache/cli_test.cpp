@@ -136,6 +136,7 @@ TEST(CommandLine, HelpAndBadArgumentsExitCodes) {
       {{"simulate", "--fps", "-1"}, ""},
       {{"simulate", "--fps", "nan"}, ""},
       {{"simulate", "--read-ahead", "100000"}, ""},
+      {{"simulate", "--no-disk", "--farm-ttl", "0"}, "need --farm"},  // given, though 0
       {{"simulate", "--disk-limit", "8388608T"}, "--disk-limit"},  // 2^63: negative to the library
       // An empty name (an unset shell variable) is not the default folder's: not to clear.
       {{"stats", "--disk-cache", ""}, "--disk-cache"},
@@ -156,6 +157,17 @@ TEST(CommandLine, HelpAndBadArgumentsExitCodes) {
     EXPECT_NE(r.err.find(says), std::string::npos);
     EXPECT_TRUE(r.out.empty());
   }
+}
+
+// A farm limit of 0 is a value, not the option left out: --farm-ttl 0 keeps frames for ever.
+TEST(CommandLine, FarmLimitsOfZeroAreKept) {
+  const auto j = testing::RunToolJson({"simulate", "--frames", "1", "--width", "8", "--height", "8",
+                                       "--passes", "1", "--no-disk", "--farm",
+                                       "redis://127.0.0.1:1", "--farm-ttl", "0", "--json"});
+  EXPECT_EQ(j["farm"]["settings"]["ttl_seconds"], 0);
+  EXPECT_EQ(RunTool({"simulate", "--no-disk", "--farm", "redis://127.0.0.1:1", "--farm-lease", "0"})
+                .exitCode,
+            2);
 }
 
 TEST(CommandLine, BadInputFailsCleanlyAndLeavesNothingBehind) {

@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -46,12 +47,13 @@ struct SimulateOptions {
   // Playback pace in frames per second: request i of a pass is made at i/fps seconds and is due
   // on screen one frame later. 0 plays as fast as the cache and renders allow.
   double fps = 0.0;
-  // The farm tier (session_farm.h): empty address and 0 limits leave the settings table's.
   // Take content maps of the cache through the run (for the HTML report's content strips).
   bool contentMaps = false;
+  // The farm tier (session_farm.h): an empty address and limits left unset are the settings
+  // table's. A limit of 0 is a value (a TTL of 0 keeps frames for ever).
   std::string farmAddress;
   std::string farmNode;
-  uint32_t farmCommandTimeoutMs = 0, farmLeaseMs = 0, farmLeaseWaitMs = 0, farmTtlSeconds = 0;
+  std::optional<uint32_t> farmCommandTimeoutMs, farmLeaseMs, farmLeaseWaitMs, farmTtlSeconds;
 };
 
 // How a request was served. A request that waited for another thread's render counts as a

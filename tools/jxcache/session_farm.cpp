@@ -42,8 +42,8 @@ void ValidateFarmOptions(const SimulateOptions& o) {
   const std::string address =
       o.farmAddress.empty() ? JX_FarmConfigFromSettings().address : o.farmAddress;
   if (address.empty()) {
-    if (!o.farmNode.empty() || o.farmCommandTimeoutMs || o.farmLeaseMs || o.farmLeaseWaitMs ||
-        o.farmTtlSeconds) {
+    if (!o.farmNode.empty() || o.farmCommandTimeoutMs.has_value() || o.farmLeaseMs.has_value() ||
+        o.farmLeaseWaitMs.has_value() || o.farmTtlSeconds.has_value()) {
       throw UsageError("--node and the --farm-* limits need --farm");
     }
     return;
@@ -63,10 +63,10 @@ SessionFarm::SessionFarm(const SimulateOptions& o, SessionResult* result) {
   if (!o.farmAddress.empty()) c.address = o.farmAddress;
   if (c.address.empty()) return;
   if (!o.farmNode.empty()) c.node = o.farmNode;
-  if (o.farmCommandTimeoutMs) c.commandTimeoutMs = o.farmCommandTimeoutMs;
-  if (o.farmLeaseMs) c.leaseMs = o.farmLeaseMs;
-  if (o.farmLeaseWaitMs) c.leaseWaitMs = o.farmLeaseWaitMs;
-  if (o.farmTtlSeconds) c.ttlSeconds = o.farmTtlSeconds;
+  c.commandTimeoutMs = o.farmCommandTimeoutMs.value_or(c.commandTimeoutMs);
+  c.leaseMs = o.farmLeaseMs.value_or(c.leaseMs);
+  c.leaseWaitMs = o.farmLeaseWaitMs.value_or(c.leaseWaitMs);
+  c.ttlSeconds = o.farmTtlSeconds.value_or(c.ttlSeconds);
   std::string why;
   if (!JX_AttachFarmTier(c, &why)) throw UsageError(why);
   jx::farm::ResetCounters();
