@@ -1,7 +1,8 @@
 // Byte sizes on the command line: a bare number is bytes ("4096", or "4096B"); a unit letter k, M,
 // G or T, in either case and optionally followed by "B" or "iB", scales by a power of 1024 and
 // accepts a decimal fraction: "512k", "256M", "1GB", "1.5G" and "1GiB" all mean binary multiples.
-// Anything else is a UsageError that names the option and says what was wrong, in one line.
+// Anything else is a UsageError that names the option and says what was wrong, in one line. Also
+// the checks that every whole-number option, and every name with a default, shares.
 #pragma once
 
 #include <cstdint>
@@ -20,9 +21,9 @@ namespace jx::tool {
 uint64_t ParseSize(std::string_view text, std::string_view option);
 // A comma-separated list of sizes ("64MiB,256MiB,1GiB"); every entry must parse and be non-zero.
 std::vector<uint64_t> ParseSizeList(std::string_view text, std::string_view option);
-// For every whole-number option: plain decimal digits, leading zeros ignored. The parser alone
-// reads them as C does, "010" as 8 and "0x10" as 16, and takes "-1" for a 64-bit option as its
-// largest value; here they are usage errors, as is a value beyond 64 bits.
+// For every whole-number option: plain decimal digits, so "010" is ten. The parser alone reads
+// them as C does, "010" as 8 and "0x10" as 16, and takes "-1" for a 64-bit option as its largest
+// value; here anything but digits is a usage error, as is a value beyond 64 bits.
 CLI::Validator DecimalNumber();
 // For a folder or file name that has a default when left out: given empty (as an unset shell
 // variable gives it) it is a usage error, not the default, which `clear` would empty.
