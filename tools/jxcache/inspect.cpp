@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <iostream>
 #include <map>
+#include <optional>
 
 #include "disk/cache_file_name.h"
 #include "host/safe_save.h"
@@ -69,7 +70,7 @@ FolderContents Scan(const std::string& dir) {
   return c;
 }
 
-void PrintJson(const std::string& dir, const FolderContents& c, uint64_t limit) {
+void PrintJson(const std::string& dir, const FolderContents& c, std::optional<uint64_t> limit) {
   nlohmann::ordered_json j;
   j["folder"] = dir;
   j["cache_files"] = TallyJson(c.cacheFiles);
@@ -86,15 +87,15 @@ void PrintJson(const std::string& dir, const FolderContents& c, uint64_t limit) 
   const uint64_t total = c.cacheFiles.bytes + c.unparsed.bytes + c.temporaries.bytes;
   j["total_bytes"] = total;
   if (limit) {
-    j["limit"] = limit;
-    j["over_limit"] = total > limit;
+    j["limit"] = *limit;
+    j["over_limit"] = total > *limit;
   }
   // File names are bytes, not necessarily UTF-8, and JSON must be: a name that is not valid
   // UTF-8 is shown with U+FFFD in place of its bad bytes.
   std::cout << j.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
 }
 
-void PrintText(const std::string& dir, const FolderContents& c, uint64_t limit) {
+void PrintText(const std::string& dir, const FolderContents& c, std::optional<uint64_t> limit) {
   std::cout << "disk cache folder " << dir << "\n\n";
   TextTable classes({"payload class", "files", "bytes"});
   for (const auto& [name, t] : c.byClass)
@@ -120,8 +121,8 @@ void PrintText(const std::string& dir, const FolderContents& c, uint64_t limit) 
   const uint64_t total = c.cacheFiles.bytes + c.unparsed.bytes + c.temporaries.bytes;
   std::cout << "total:                   " << FormatSize(total);
   if (limit) {
-    std::cout << " of " << FormatSize(limit) << " limit"
-              << (total > limit ? " (over the limit)" : "");
+    std::cout << " of " << FormatSize(*limit) << " limit"
+              << (total > *limit ? " (over the limit)" : "");
   }
   std::cout << '\n';
 }
@@ -133,7 +134,9 @@ struct InspectOptions {
 };
 
 int RunInspect(const InspectOptions& o) {
-  const uint64_t limit = o.limit.empty() ? 0 : ParseSize(o.limit, "--limit");
+  // Given as 0 it is a limit all the same, not the option left out.
+  std::optional<uint64_t> limit;
+  if (!o.limit.empty()) limit = ParseSize(o.limit, "--limit");
   const FolderContents c = Scan(o.dir);
   if (o.json) {
     PrintJson(o.dir, c, limit);

@@ -213,7 +213,8 @@ TEST(Inspect, JsonSurvivesNamesThatAreNotUtf8) {
   const std::string replaced = "\xEF\xBF\xBD";  // U+FFFD
   std::filesystem::create_directories(dir.File("cache"));
   std::ofstream(dir.File("cache/" + name + ".kqcache")) << "x";
-  const auto j = RunToolJson({"inspect", dir.File("cache"), "--json"});
+  const auto j = RunToolJson({"inspect", dir.File("cache"), "--json", "--limit", "0"});
+  EXPECT_EQ(j["over_limit"], true) << "a limit of 0 is a limit";
   ASSERT_EQ(j["unparsed_names"].size(), 1u);
   const std::string shown = j["unparsed_names"][0]["name"];
   EXPECT_EQ(shown.rfind("frame" + replaced, 0), 0u) << shown;
