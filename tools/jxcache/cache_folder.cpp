@@ -83,7 +83,14 @@ Listing List(const std::string& dir, const char* command) {
   // Followed when it is a link: a machine folder moved to a larger disk and linked back is where
   // the library reads and writes.
   const fs::file_status machine = fs::status(l.folder, ec);
-  if (!fs::exists(machine)) return l;
+  if (!fs::exists(machine)) {
+    // A link to a disk that is not mounted is not a cache that has no files yet.
+    if (fs::is_symlink(fs::symlink_status(l.folder, ec))) {
+      throw ToolError(std::string(command) + ": '" + l.folder +
+                      "' is a link to a folder that is not there");
+    }
+    return l;
+  }
   if (!fs::is_directory(machine))
     throw ToolError(std::string(command) + ": '" + l.folder + "' is not a folder");
   l.exists = true;

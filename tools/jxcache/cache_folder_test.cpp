@@ -135,6 +135,11 @@ TEST(CacheFolder, MissingFoldersAndAFolderOfAnotherLayout) {
             1);
   EXPECT_EQ(RunTool({"clear", "--disk-cache", dir.path()}).exitCode, 0);
   EXPECT_FALSE(fs::exists(elsewhere.File(FrameFileName(16, 16, 1))));
+  // The disk it points to gone (unmounted): not an empty cache.
+  fs::remove(elsewhere.path());
+  auto gone = RunTool({"stats", "--disk-cache", dir.path()});
+  EXPECT_EQ(gone.exitCode, 1);
+  EXPECT_NE(gone.err.find("a link to"), std::string::npos) << gone.err;
 }
 
 }  // namespace
