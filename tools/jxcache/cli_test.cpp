@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <regex>
 
 #include "jxcache/common/version.h"
 #include "tools/jxcache/progress.h"
@@ -100,6 +101,24 @@ TEST(Progress, OnlyWhenAskedAndWithRates) {
                       "1", "--no-disk", "--progress"});
   ASSERT_EQ(sim.exitCode, 0) << sim.err;
   EXPECT_NE(sim.err.find("4/4 frames"), std::string::npos) << sim.err;
+  // Writes still queued after the last frame (a slow disk, simulated) are shown while the run
+  // waits for them, apart from the frames' rate.
+  std::ofstream(dir.File("slow")) << "KQ.JX.WriteDiskDelayInMsR=400\n";
+  auto slow =
+      RunTool({"simulate", "--frames", "4", "--threads", "4", "--width", "320", "--height", "240",
+               "--passes", "1", "--disk-cache", dir.File("c"), "--disk-margin", "0", "--progress"},
+              {"JX_SETTINGS=" + dir.File("slow")});
+  ASSERT_EQ(slow.exitCode, 0) << slow.err;
+  EXPECT_NE(slow.err.find("4/4 frames"), std::string::npos) << slow.err;
+  std::smatch last;
+  const std::regex waited("disk writes still queued  ([0-9]+)/([0-9]+) writes");
+  for (auto it = std::sregex_iterator(slow.err.begin(), slow.err.end(), waited);
+       it != std::sregex_iterator(); ++it) {
+    last = *it;
+  }
+  ASSERT_FALSE(last.empty()) << slow.err;
+  EXPECT_EQ(last[1], last[2]) << "the wait's last line counts every queued write gone\n"
+                              << slow.err;
 }
 
 // Help says where the disk cache files go; a usage error is one line on stderr and exit code 2.

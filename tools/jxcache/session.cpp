@@ -442,7 +442,8 @@ std::vector<uint32_t> PassFrames(uint32_t index, uint32_t frames, uint64_t seed,
   return list;
 }
 
-SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress) {
+SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress,
+                         const DrainFn& drain) {
   SessionResult result;
   result.options = o;
   result.frameBytes = uint64_t{o.width} * o.height * 4;
@@ -549,7 +550,7 @@ SessionResult RunSession(const SimulateOptions& o, const ProgressFn& progress) {
     result.passes.push_back(std::move(pass));
   }
   farm.Finish(&result);
-  disk.Finish(&result);
+  disk.Finish(&result, drain);
   if (result.readAhead.used && result.disk.available) {
     result.readAhead.rawReadRate = RawReadRate(result.diskFolder);
   }

@@ -206,9 +206,14 @@ inline constexpr size_t kMaxContentMoments = 64;
 // Called from the main thread about every 100 ms while a pass runs: pass index, requests done.
 using ProgressFn = std::function<void(const SessionResult&, uint32_t pass, uint64_t done)>;
 
+// Called from the main thread about every 10 ms while the session waits for the disk writes
+// still queued after the last pass: how many of the `total` queued when the wait began have gone.
+using DrainFn = std::function<void(uint64_t gone, uint64_t total)>;
+
 // Runs the whole session; the library is born and dies inside. Throws ToolError when the disk
 // cache folder is unusable or a render thread fails.
-SessionResult RunSession(const SimulateOptions& options, const ProgressFn& progress);
+SessionResult RunSession(const SimulateOptions& options, const ProgressFn& progress,
+                         const DrainFn& drain = {});
 
 // The request list of pass `index` (0-based): forward for the first two, scrubs after.
 std::vector<uint32_t> PassFrames(uint32_t index, uint32_t frames, uint64_t seed, std::string* kind);

@@ -1,5 +1,6 @@
 #include "tools/jxcache/session_disk.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -95,12 +96,19 @@ void SessionDisk::Attach(const std::shared_ptr<JX_Bag>& bag, SessionResult* resu
   active_ = true;
 }
 
-void SessionDisk::Finish(SessionResult* result) {
+void SessionDisk::Finish(SessionResult* result, const DrainFn& drain) {
   if (!active_) return;
-  // Queued writes belong to this session: let them land so the next run finds them.
+  // Queued writes belong to this session: let them land so the next run finds them. On a slow
+  // disk that takes long enough to be shown.
   const auto deadline = std::chrono::steady_clock::now() + kDrainDeadline;
-  while (JX_GetQueuedDiskWriteCount() > 0 && std::chrono::steady_clock::now() < deadline)
+  const uint64_t queued = JX_GetQueuedDiskWriteCount();
+  uint64_t left = queued;
+  while (left > 0 && std::chrono::steady_clock::now() < deadline) {
+    if (drain) drain(queued - std::min(left, queued), queued);
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    left = JX_GetQueuedDiskWriteCount();
+  }
+  if (drain && queued > 0) drain(queued - std::min(left, queued), queued);
   // A write taken off the queue may still be running: stopping waits for it.
   JX_StopAllAsyncWork();
   const JX_DiskPerformanceCounters c = JX_GetDiskPerformanceCounters();

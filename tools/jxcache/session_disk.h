@@ -20,8 +20,9 @@ class SessionDisk {
   explicit SessionDisk(const SimulateOptions& options);
   // Gives the bag its folder and limit, switches the disk cache on and scans the folder.
   void Attach(const std::shared_ptr<JX_Bag>& bag, SessionResult* result);
-  // Waits for queued writes and fills the disk figures.
-  void Finish(SessionResult* result);
+  // Waits for queued writes, telling `drain` (when set) how far they are, and fills the disk
+  // figures.
+  void Finish(SessionResult* result, const DrainFn& drain);
 
  private:
   const SimulateOptions& options_;

@@ -91,10 +91,25 @@ int RunSimulate(SimulateArgs& args) {
       ShowProgress(meter, r, pass, done);
     };
   }
+  // The writes still queued after the last frame are a piece of work of their own.
+  bool draining = false;
+  DrainFn drain;
+  if (meter.on()) {
+    drain = [&](uint64_t gone, uint64_t total) {
+      if (!draining) {
+        meter.Update(uint64_t{options.frames} * options.passes);
+        meter.Finish();
+        meter.Start("disk writes still queued", total, "writes");
+        draining = true;
+      }
+      meter.Update(gone);
+    };
+  }
   const RunInfo run = CollectRunInfo();  // the start time is the session's
-  SessionResult result = RunSession(options, progress);
+  SessionResult result = RunSession(options, progress, drain);
   result.run = run;
-  meter.Update(uint64_t{options.frames} * options.passes);  // the last line says all were done
+  // The last line says all frames were done, or how many queued writes went.
+  if (!draining) meter.Update(uint64_t{options.frames} * options.passes);
   meter.Finish();
   // The summary first: a report that cannot be written at the end must not take the run's
   // figures with it.
