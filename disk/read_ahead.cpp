@@ -133,9 +133,7 @@ struct JX_ReadAhead::State {
     }
     const std::shared_ptr<JX_Bag> bag = JX_GlobalBag();
     if (!bag) return;
-    const double share = std::clamp(options.budgetShare, 0.0, 1.0);
-    const uint64_t limit =
-        static_cast<uint64_t>(share * static_cast<double>(bag->GetCurrentMaxCacheSize()));
+    const uint64_t limit = Limit(bag->GetCurrentMaxCacheSize());
     // The share goes to the plan's frames in its order, nearest first. What is held already
     // counts where the plan lists it, not where an earlier plan did: a frame held for a plan
     // that started further on must not keep a nearer one out, and a share that has shrunk must
@@ -159,6 +157,16 @@ struct JX_ReadAhead::State {
       }
       if (!TakeNew(todo, at, guid, request, limit, walked)) return;
     }
+  }
+
+  // The share of `maxCacheSize`. A share that is not a number holds nothing, as 0 does; the
+  // share of a cache the host leaves unbounded (2^64 as a double) is past what 64 bits hold, and
+  // converting it is undefined (it gave 0: an unbounded cache held nothing).
+  uint64_t Limit(uint64_t maxCacheSize) const {
+    const double share = options.budgetShare > 0 ? std::min(options.budgetShare, 1.0) : 0.0;
+    const double bytes = share * static_cast<double>(maxCacheSize);
+    constexpr double kTwoTo64 = 18446744073709551616.0;
+    return bytes >= kTwoTo64 ? UINT64_MAX : static_cast<uint64_t>(bytes);
   }
 
   // What a walk has met of the plan so far: the items held for it, and their bytes.

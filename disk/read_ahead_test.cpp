@@ -2,6 +2,7 @@
 // the playhead jumps, and how it treats keys it cannot read.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <condition_variable>
 #include <filesystem>
 #include <latch>
@@ -129,6 +130,22 @@ TEST_F(ReadAheadTest, ReadsNearestFirstWithinItsShareAndHoldsWhatItReadAgainstPu
   EXPECT_EQ(c.wasted, 11u);  // 5..14, let go unused at the stop
   EXPECT_EQ(c.heldBytes, 0u);
   EXPECT_EQ(JX_GetStuffCounters().itemsCheckedOut, 0);
+}
+
+// A share of a cache the host does not bound is all of it; a share of nothing, or one that is not
+// a number, holds nothing.
+TEST_F(ReadAheadTest, TheShareOfAnUnboundedCacheIsAllOfItAndANonShareIsNothing) {
+  const auto guids = FramesOnDiskOnly(3);
+  room_ = UINT64_MAX;
+  for (const double share : {1.0, 0.0, std::nan("")}) {
+    JX_ReadAhead::Options options;
+    options.budgetShare = share;
+    JX_ReadAhead readAhead(options);
+    ASSERT_TRUE(Play(readAhead, MakeRequest(guids[0]), 1, Requests(guids, 1, 3)));
+    EXPECT_EQ(readAhead.GetCounters().heldBytes, share == 1.0 ? 3 * fileBytes_ : 0) << share;
+    StopAndExpectNothingHeld(readAhead);
+    bag_->PurgeAllMemoryCaches();
+  }
 }
 
 TEST_F(ReadAheadTest, AJumpStopsTheOldPlanAfterTheReadUnderWay) {
