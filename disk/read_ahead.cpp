@@ -62,7 +62,9 @@ struct JX_ReadAhead::State {
   int previousDirection = 0;
   std::unordered_set<Guid> previousKeys;  // the previous playhead and the keys ahead of it
 
-  std::thread thread;  // started by the first plan
+  std::thread thread;      // started by the first plan; holds a reference to this state
+  std::thread::id walker;  // that thread's id once started
+  bool ended = false;      // the thread has let go of everything and returns
 
   std::atomic<uint64_t> prefetched{0}, prefetchedBytes{0}, hits{0}, wasted{0}, notInCache{0},
       failedReads{0}, jumps{0}, stoppedAtShare{0}, heldBytes{0}, readNanos{0};
@@ -111,6 +113,18 @@ struct JX_ReadAhead::State {
       idle.notify_all();
     }
     LetGoOfAll();
+    // The plan's requests go before a stop that waits for the end returns: the library may die
+    // next.
+    std::vector<StuffPtr> requests;
+    {
+      std::lock_guard<std::mutex> l(mutex);
+      requests.swap(plan);
+    }
+    requests.clear();
+    {
+      std::lock_guard<std::mutex> l(mutex);
+      ended = true;
+    }
     idle.notify_all();
   }
 
@@ -434,7 +448,11 @@ void JX_ReadAhead::SetPlayhead(const StuffPtr& playhead, int direction,
     ahead.insert(ahead.begin(), playhead);
     s.plan = std::move(ahead);
     ++s.generation;
-    if (!s.thread.joinable()) s.thread = std::thread([&s] { s.Run(); });
+    if (!s.thread.joinable()) {
+      // The thread keeps the state: the host may drop the read-ahead from one of its callbacks.
+      s.thread = std::thread([state = state_] { state->Run(); });
+      s.walker = s.thread.get_id();
+    }
   }
   s.wake.notify_one();
 }
@@ -442,13 +460,28 @@ void JX_ReadAhead::SetPlayhead(const StuffPtr& playhead, int direction,
 void JX_ReadAhead::Stop() {
   State& s = *state_;
   std::thread thread;
+  bool onWalker = false;
   {
     std::lock_guard<std::mutex> l(s.mutex);
     s.stopping = true;
+    onWalker = s.walker == std::this_thread::get_id();
     thread = std::move(s.thread);
   }
   s.wake.notify_one();
-  if (thread.joinable()) thread.join();
+  if (onWalker) {
+    // Called back on the walk's own thread, which cannot wait for itself: it ends on its own,
+    // letting go of everything once the callback returns.
+    if (thread.joinable()) thread.detach();
+    return;
+  }
+  if (thread.joinable()) {
+    thread.join();
+    return;
+  }
+  // Another thread's stop, or the walk's own, ends the thread: this one too returns only once
+  // nothing is held.
+  std::unique_lock<std::mutex> l(s.mutex);
+  s.idle.wait(l, [&] { return s.ended || s.walker == std::thread::id(); });
 }
 
 bool JX_ReadAhead::WaitIdle(std::chrono::milliseconds timeout) const {

@@ -5,8 +5,10 @@
 #include <cmath>
 #include <condition_variable>
 #include <filesystem>
+#include <future>
 #include <latch>
 #include <new>
+#include <optional>
 #include <thread>
 
 #include "disk/disk_counters.h"
@@ -183,6 +185,54 @@ TEST_F(ReadAheadTest, AJumpStopsTheOldPlanAfterTheReadUnderWay) {
   readAhead.SetPlayhead(MakeRequest(guids[21]), 0, {});
   ASSERT_TRUE(Play(readAhead, MakeRequest(guids[5]), 1, Requests(guids, 6, 8)));
   EXPECT_EQ(readAhead.GetCounters().jumps, 3u);
+}
+
+// Stop returns once nothing is held, whichever thread asks and however many at once; asked on the
+// walk's own thread (from a callback of a read), it cannot wait for itself: it returns at once,
+// and the walk lets go of everything as it ends.
+TEST_F(ReadAheadTest, StopHoldsNothingOnceItReturnsAndMayComeFromTheWalksOwnThread) {
+  const auto guids = FramesOnDiskOnly(4);
+  auto stuffCheckedOut = [] { return JX_GetStuffCounters().itemsCheckedOut.load(); };
+  {
+    std::optional<JX_ReadAhead> stopped;
+    int reads = 0;
+    JX_ReadAhead::Options options;
+    options.beforeRead = [&](uint64_t) {
+      if (++reads == 2) stopped->Stop();
+    };
+    stopped.emplace(options);
+    ASSERT_TRUE(Play(*stopped, MakeRequest(guids[0]), 1, Requests(guids, 1, 4)));
+    stopped->Stop();
+    EXPECT_EQ(reads, 2);
+    EXPECT_EQ(stuffCheckedOut(), 0);
+  }
+  bag_->PurgeAllMemoryCaches();
+  std::promise<void> fourthRead;
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  JX_ReadAhead::Options options;
+  int reads = 0;
+  options.beforeRead = [&](uint64_t) {
+    if (++reads != 4) return;
+    fourthRead.set_value();
+    EXPECT_EQ(released.wait_for(kLong), std::future_status::ready);
+  };
+  JX_ReadAhead readAhead(options);
+  ASSERT_TRUE(Play(readAhead, MakeRequest(guids[0]), 1, Requests(guids, 1, 3)));
+  readAhead.SetPlayhead(MakeRequest(guids[0]), 1, Requests(guids, 1, 4));
+  ASSERT_EQ(fourthRead.get_future().wait_for(kLong), std::future_status::ready);
+  std::thread first([&] { readAhead.Stop(); });
+  // Idle as soon as the first stop is under way.
+  for (int i = 0; i < 30000 && !readAhead.WaitIdle(std::chrono::milliseconds(0)); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  std::thread releaser([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    release.set_value();
+  });
+  readAhead.Stop();
+  EXPECT_EQ(stuffCheckedOut(), 0) << "a second stop returned while frames were held";
+  releaser.join();
+  first.join();
 }
 
 // A new render replaces a frame between the walk's check-out and its read, dropping the old

@@ -77,8 +77,11 @@ class JX_EXPORT JX_ReadAhead {
   // playhead's item followed by the list: it too is read and held, being on screen or about to
   // be. Everything else held is let go. Null entries are skipped. Ignored after Stop.
   void SetPlayhead(const StuffPtr& playhead, int direction, std::vector<StuffPtr> ahead);
-  // Reads nothing more, lets go of everything it holds and ends its thread. Must be called before
-  // the library shuts down (the destructor does it); never from inside a read's callbacks.
+  // Reads nothing more, lets go of everything it holds and ends its thread, waiting for the read
+  // under way; returns once nothing is held, whichever thread calls and however many at once.
+  // Must be called before the library shuts down (the destructor does it). Called back on the
+  // read-ahead's own thread (a read's callbacks, or one of the cache's it makes), it cannot wait
+  // for itself: it returns at once, and the thread lets go of everything as the callback returns.
   void Stop();
   // Waits until the current plan has been walked as far as it goes; false on timeout.
   bool WaitIdle(std::chrono::milliseconds timeout) const;
