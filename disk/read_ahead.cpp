@@ -59,7 +59,7 @@ struct JX_ReadAhead::State {
   uint64_t walked = 0;
   bool stopping = false;
   bool havePrevious = false;
-  int previousDirection = 0;
+  int previousDirection = 0;              // of the last plan that moved
   std::unordered_set<Guid> previousKeys;  // the previous playhead and the keys ahead of it
 
   std::thread thread;      // started by the first plan; holds a reference to this state
@@ -435,14 +435,15 @@ void JX_ReadAhead::SetPlayhead(const StuffPtr& playhead, int direction,
   {
     std::lock_guard<std::mutex> l(s.mutex);
     if (s.stopping) return;
-    // Stopping or starting again (a direction of 0 on either side) is no jump; a reversal is.
+    // Stopping or starting again (a direction of 0 on either side) is no jump; a reversal is,
+    // also across a pause: the frames held lie the other way.
     const bool reversed =
         direction != 0 && s.previousDirection != 0 && direction != s.previousDirection;
     if (s.havePrevious && (reversed || !playhead || !s.previousKeys.count(playhead->GetGuid()))) {
       s.jumps.fetch_add(1, std::memory_order_relaxed);
     }
     s.havePrevious = true;
-    s.previousDirection = direction;
+    if (direction != 0) s.previousDirection = direction;
     s.previousKeys = std::move(keys);
     // The playhead's own frame is held too: it is being shown, or about to be.
     ahead.insert(ahead.begin(), playhead);

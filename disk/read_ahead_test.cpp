@@ -178,13 +178,17 @@ TEST_F(ReadAheadTest, AJumpStopsTheOldPlanAfterTheReadUnderWay) {
   // Going backwards is a jump too, even onto a frame the plan listed.
   ASSERT_TRUE(Play(readAhead, MakeRequest(guids[22]), -1, Requests(guids, 21, 22)));
   EXPECT_EQ(readAhead.GetCounters().jumps, 2u);
-  // A pause on the frame shown, and playing on from it, are not; a jump out of a pause is.
+  // A pause on the frame shown, and playing on from it, are not; a jump out of a pause is, and
+  // so is a reversal across a pause.
   readAhead.SetPlayhead(MakeRequest(guids[22]), 0, {});
   ASSERT_TRUE(Play(readAhead, MakeRequest(guids[22]), -1, Requests(guids, 21, 22)));
   EXPECT_EQ(readAhead.GetCounters().jumps, 2u);
   readAhead.SetPlayhead(MakeRequest(guids[21]), 0, {});
   ASSERT_TRUE(Play(readAhead, MakeRequest(guids[5]), 1, Requests(guids, 6, 8)));
   EXPECT_EQ(readAhead.GetCounters().jumps, 3u);
+  readAhead.SetPlayhead(MakeRequest(guids[5]), 0, Requests(guids, 6, 8));
+  ASSERT_TRUE(Play(readAhead, MakeRequest(guids[5]), -1, Requests(guids, 4, 5)));
+  EXPECT_EQ(readAhead.GetCounters().jumps, 4u);
 }
 
 // Stop returns once nothing is held, whichever thread asks and however many at once; asked on the

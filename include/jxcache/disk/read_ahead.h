@@ -14,10 +14,11 @@
 // plan is read, and what the new plan no longer lists is let go, as is a held item the plan's
 // request for its key would no longer find (replaced, removed or re-keyed meanwhile, or asked for
 // as another variant): that request is looked up afresh. A playhead that is not where the
-// previous plan led (a jump, or a reversal of direction) counts as a jump; a pause (direction 0)
-// on a frame the previous plan listed, and playing on from it, do not. A key the cache does not
-// hold, or holds pending, or whose file went before it could be read, is skipped; a read that
-// fails is skipped and counted (the library deletes the file, as it does for any failed read).
+// previous plan led (a jump, or a reversal of direction, even across a pause) counts as a jump; a
+// pause (direction 0) on a frame the previous plan listed, and playing on from it, do not. A key
+// the cache does not hold, or holds pending, or whose file went before it could be read, is
+// skipped; a read that fails is skipped and counted (the library deletes the file, as it does
+// for any failed read).
 //
 // Threads: any thread may call any method. SetPlayhead only hands the plan over; it never waits
 // for a read. Locks: none of this class's is held while it calls into the cache or the host.
