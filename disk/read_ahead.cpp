@@ -106,6 +106,9 @@ struct JX_ReadAhead::State {
           // thread, which would end the host's process.
         }
       }
+      // The walk's copy goes before it reports idle: a plan replaced after that is the last
+      // holder of its requests, which go where it is replaced.
+      todo.clear();
       {
         std::lock_guard<std::mutex> l(mutex);
         walked = gen;
@@ -447,7 +450,9 @@ void JX_ReadAhead::SetPlayhead(const StuffPtr& playhead, int direction,
     s.previousKeys = std::move(keys);
     // The playhead's own frame is held too: it is being shown, or about to be.
     ahead.insert(ahead.begin(), playhead);
-    s.plan = std::move(ahead);
+    // The old plan goes at the return, with no lock held: a request's payload is the host's, and
+    // its destructor may call back in.
+    s.plan.swap(ahead);
     ++s.generation;
     if (!s.thread.joinable()) {
       // The thread keeps the state: the host may drop the read-ahead from one of its callbacks.

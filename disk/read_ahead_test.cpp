@@ -239,6 +239,38 @@ TEST_F(ReadAheadTest, StopHoldsNothingOnceItReturnsAndMayComeFromTheWalksOwnThre
   first.join();
 }
 
+// A payload whose destructor is handed in by the test: the host's code, run where the request
+// holding it goes.
+class PayloadWithDestructor : public TestPayload {
+ public:
+  using TestPayload::TestPayload;
+  ~PayloadWithDestructor() override {
+    if (onDestroyed) onDestroyed();
+  }
+  std::function<void()> onDestroyed;
+};
+
+// A request goes with the plan that listed it, and its payload's destructor (the host's code) may
+// ask the read-ahead something: it never runs under the read-ahead's own lock.
+TEST_F(ReadAheadTest, ARequestLetGoWithItsPlanIsNotDestroyedUnderTheReadAheadsLock) {
+  JX_ReadAhead readAhead;
+  std::future<bool> asked;
+  bool answered = false;
+  auto* payload = new PayloadWithDestructor(kSize, 1);
+  payload->onDestroyed = [&] {
+    asked = std::async(std::launch::async,
+                       [&] { return readAhead.WaitIdle(std::chrono::milliseconds(0)); });
+    answered = asked.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+  };
+  auto request = JX_Stuff::CreateNew(IntrusivePtr<JX_StuffData>(payload), 0.0);
+  request->SetGuid(Guid::CreateUnique());
+  ASSERT_TRUE(Play(readAhead, request, 1, {}));
+  request.reset();
+  ASSERT_TRUE(Play(readAhead, MakeRequest(Guid::CreateUnique()), 1, {}));
+  ASSERT_TRUE(asked.valid()) << "the request was not let go";
+  EXPECT_TRUE(answered) << "the request was destroyed under the read-ahead's lock";
+}
+
 // A new render replaces a frame between the walk's check-out and its read, dropping the old
 // file: that is "not in the cache", not a failed read (a damaged file), and the walk goes on.
 TEST_F(ReadAheadTest, AFrameWhoseFileGoesBeforeItsReadCountsAsNotInTheCache) {
