@@ -128,7 +128,8 @@ class PassRunner {
         pass_(pass),
         readAhead_(readAhead),
         frameBytes_(uint64_t{o.width} * o.height * 4),
-        serving_(o.threads) {
+        serving_(o.threads),
+        served_(pass.frames.size()) {
     for (auto& s : serving_) s.store(kNone);
   }
 
@@ -153,6 +154,7 @@ class PassRunner {
         late.fetch_add(1, std::memory_order_relaxed);
       }
       pass_.outcomes[i] = outcome;
+      served_[i].store(true, std::memory_order_relaxed);
       serving.store(kNone);  // checked in: the read-ahead may let go of it
       // Requests done in the high half, hits in the low: one add, so that a reader never sees
       // a hit without its request.
@@ -193,8 +195,8 @@ class PassRunner {
     size_t head = i;
     for (const std::atomic<size_t>& s : serving_) head = std::min(head, s.load());
     std::vector<IntrusivePtr<JX_Stuff>> ahead;
-    const size_t end = std::min(pass_.frames.size(), i + 1 + o_.readAhead);
-    for (size_t k = head + 1; k < end; ++k) ahead.push_back(Request(pass_.frames[k]));
+    for (size_t k : RequestsAhead(head, i, o_.readAhead, pass_.frames.size(), served_))
+      ahead.push_back(Request(pass_.frames[k]));
     readAhead_->SetPlayhead(Request(pass_.frames[head]), 1, std::move(ahead));
   }
 
@@ -327,6 +329,7 @@ class PassRunner {
   std::atomic<size_t> next_{0};
   // Per render thread, the request it is serving (or a bound below it), kNone when none.
   std::vector<std::atomic<size_t>> serving_;
+  std::vector<std::atomic<bool>> served_;  // per request
   std::atomic<size_t> threadsStarted_{0};
   // A pass has at most a million requests (the tool's limit on --frames): each half fits.
   static constexpr uint64_t kOneDone = uint64_t{1} << 32;
@@ -421,6 +424,15 @@ double RawReadRate(const std::string& folder) {
 }
 
 }  // namespace
+
+std::vector<size_t> RequestsAhead(size_t playhead, size_t newest, size_t count, size_t total,
+                                  const std::vector<std::atomic<bool>>& served) {
+  std::vector<size_t> ahead;
+  for (size_t k = playhead + 1; k < std::min(total, newest + 1 + count); ++k) {
+    if (!served[k].load(std::memory_order_relaxed)) ahead.push_back(k);
+  }
+  return ahead;
+}
 
 std::vector<uint32_t> PassFrames(uint32_t index, uint32_t frames, uint64_t seed,
                                  std::string* kind) {

@@ -11,6 +11,7 @@
 // budget and, when the cache has passed it, asks the bag to free the excess.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -217,5 +218,11 @@ SessionResult RunSession(const SimulateOptions& options, const ProgressFn& progr
 
 // The request list of pass `index` (0-based): forward for the first two, scrubs after.
 std::vector<uint32_t> PassFrames(uint32_t index, uint32_t frames, uint64_t seed, std::string* kind);
+
+// The requests of a pass of `total` that the read-ahead is told come after the playhead, the
+// oldest request still being served, once request `newest` is asked for: up to `count` past
+// `newest`, nearest first, less those `served` already.
+std::vector<size_t> RequestsAhead(size_t playhead, size_t newest, size_t count, size_t total,
+                                  const std::vector<std::atomic<bool>>& served);
 
 }  // namespace jx::tool

@@ -8,6 +8,7 @@
 #include <map>
 
 #include "jxcache/items/checksummed_stream.h"
+#include "tools/jxcache/session.h"
 #include "tools/jxcache/tool_test_support.h"
 
 namespace jx::tool {
@@ -156,6 +157,17 @@ TEST(Simulate, ReadAheadServesAForwardPassOverFramesOnDiskFromMemory) {
   EXPECT_GE(hitsWith, 36u) << "read-ahead should have served most of the pass from memory";
   EXPECT_GE(ra["hits_on_prefetched"].get<uint64_t>(), hitsWith - budgetFrames);
   EXPECT_LE(with["overall"]["peak_memory"].get<uint64_t>(), 4u << 20);
+}
+
+// Render threads faster than the one serving the playhead's request finish requests after it: the
+// read-ahead is not told of those, which it would hold (or read back again) for nobody, taking
+// the share from frames still to come.
+TEST(Simulate, TheReadAheadIsToldOnlyOfRequestsStillToServe) {
+  std::vector<std::atomic<bool>> served(10);
+  served[3] = true;
+  served[4] = true;
+  EXPECT_EQ(RequestsAhead(2, 5, 3, 10, served), (std::vector<size_t>{5, 6, 7, 8}));
+  EXPECT_EQ(RequestsAhead(7, 8, 3, 10, served), (std::vector<size_t>{8, 9}));
 }
 
 // Four threads want the same frames at once, under a budget of about six frames.
