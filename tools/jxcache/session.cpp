@@ -154,8 +154,9 @@ class PassRunner {
         late.fetch_add(1, std::memory_order_relaxed);
       }
       pass_.outcomes[i] = outcome;
-      served_[i].store(true, std::memory_order_relaxed);
       serving.store(kNone);  // checked in: the read-ahead may let go of it
+      // After: a playhead is a request still being served, never one the plan before it left out.
+      served_[i].store(true, std::memory_order_release);
       // Requests done in the high half, hits in the low: one add, so that a reader never sees
       // a hit without its request.
       progress_.fetch_add(kOneDone | (outcome != Outcome::kRendered ? 1u : 0u),
@@ -182,12 +183,14 @@ class PassRunner {
 
   // The playhead has reached request i: the read-ahead gets the frames after it. The render
   // threads reach the requests nearly in order; one that comes late to an earlier request says
-  // nothing, which would move the playhead back.
+  // nothing, which would move the playhead back. One announcement at a time, the plan made and
+  // handed over together: a thread descheduled between the two would hand over its older plan
+  // after a newer one, a step back that counted as a jump and let go of frames the newer plan
+  // had asked for.
   void AnnouncePlayhead(size_t i) {
-    size_t seen = announced_.load(std::memory_order_relaxed);
-    do {
-      if (seen != kNone && seen >= i) return;
-    } while (!announced_.compare_exchange_weak(seen, i, std::memory_order_relaxed));
+    std::lock_guard<std::mutex> l(announceMutex_);
+    if (announced_ != kNone && announced_ >= i) return;
+    announced_ = i;
     // The playhead, the frame on screen, is the oldest request a render thread is still
     // serving: the read-ahead keeps holding it. A thread late to its request (descheduled
     // between taking it and asking for it) must not find its frame let go, and counted as a
@@ -325,7 +328,8 @@ class PassRunner {
   const uint64_t frameBytes_;
   const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
   static constexpr size_t kNone = ~size_t{0};
-  std::atomic<size_t> announced_{kNone};
+  std::mutex announceMutex_;  // held around SetPlayhead, which never waits
+  size_t announced_ = kNone;  // guarded by announceMutex_
   std::atomic<size_t> next_{0};
   // Per render thread, the request it is serving (or a bound below it), kNone when none.
   std::vector<std::atomic<size_t>> serving_;
@@ -429,7 +433,7 @@ std::vector<size_t> RequestsAhead(size_t playhead, size_t newest, size_t count, 
                                   const std::vector<std::atomic<bool>>& served) {
   std::vector<size_t> ahead;
   for (size_t k = playhead + 1; k < std::min(total, newest + 1 + count); ++k) {
-    if (!served[k].load(std::memory_order_relaxed)) ahead.push_back(k);
+    if (!served[k].load(std::memory_order_acquire)) ahead.push_back(k);
   }
   return ahead;
 }

@@ -170,6 +170,16 @@ TEST(Simulate, TheReadAheadIsToldOnlyOfRequestsStillToServe) {
   EXPECT_EQ(RequestsAhead(7, 8, 3, 10, served), (std::vector<size_t>{8, 9}));
 }
 
+// Render threads that reach their requests together announce the playhead together: a forward
+// pass, which never jumps, must not count a jump.
+TEST(Simulate, ForwardPassesOfSeveralThreadsCountNoJump) {
+  TempDir dir;
+  const auto j = RunToolJson(
+      SmallSession(dir, {"--disk-proclivity", "0.001", "--memory", "1MiB", "--passes", "2"}, "128",
+                   "72", "4", "480"));
+  EXPECT_EQ(j["readahead"]["jumps"].get<uint64_t>(), 0u);
+}
+
 // Four threads want the same frames at once, under a budget of about six frames.
 TEST(Simulate, ThreadsWantingTheSameFrameRenderItOnce) {
   TempDir dir;
