@@ -493,7 +493,10 @@ void JX_ReadAhead::Stop() {
 bool JX_ReadAhead::WaitIdle(std::chrono::milliseconds timeout) const {
   const State& s = *state_;
   std::unique_lock<std::mutex> l(s.mutex);
-  return s.idle.wait_for(l, timeout, [&] { return s.stopping || s.walked == s.generation; });
+  const auto idle = [&] { return s.stopping || s.walked == s.generation; };
+  // Called back on the walk's own thread, the walk cannot move on while this waits.
+  if (s.walker == std::this_thread::get_id()) return idle();
+  return s.idle.wait_for(l, timeout, idle);
 }
 
 JX_ReadAheadCounters JX_ReadAhead::GetCounters() const {

@@ -191,22 +191,26 @@ TEST_F(ReadAheadTest, AJumpStopsTheOldPlanAfterTheReadUnderWay) {
   EXPECT_EQ(readAhead.GetCounters().jumps, 4u);
 }
 
-// Stop returns once nothing is held, whichever thread asks and however many at once; asked on the
-// walk's own thread (from a callback of a read), it cannot wait for itself: it returns at once,
-// and the walk lets go of everything as it ends.
-TEST_F(ReadAheadTest, StopHoldsNothingOnceItReturnsAndMayComeFromTheWalksOwnThread) {
+// Stop returns once nothing is held, whichever thread asks and however many at once. Asked on the
+// walk's own thread (from a callback of a read), neither it nor WaitIdle can wait for the walk:
+// they answer at once, and a stop's walk lets go of everything as it ends.
+TEST_F(ReadAheadTest, StopHoldsNothingOnceItReturnsAndNothingWaitsOnTheWalksOwnThread) {
   const auto guids = FramesOnDiskOnly(4);
   auto stuffCheckedOut = [] { return JX_GetStuffCounters().itemsCheckedOut.load(); };
   {
     std::optional<JX_ReadAhead> stopped;
     int reads = 0;
+    bool idleInRead = true;
     JX_ReadAhead::Options options;
     options.beforeRead = [&](uint64_t) {
-      if (++reads == 2) stopped->Stop();
+      if (++reads == 1) idleInRead = stopped->WaitIdle(kLong);
+      if (reads == 2) stopped->Stop();
     };
     stopped.emplace(options);
-    ASSERT_TRUE(Play(*stopped, MakeRequest(guids[0]), 1, Requests(guids, 1, 4)));
+    stopped->SetPlayhead(MakeRequest(guids[0]), 1, Requests(guids, 1, 4));
+    EXPECT_TRUE(stopped->WaitIdle(std::chrono::seconds(10))) << "the walk waited for itself";
     stopped->Stop();
+    EXPECT_FALSE(idleInRead);
     EXPECT_EQ(reads, 2);
     EXPECT_EQ(stuffCheckedOut(), 0);
   }

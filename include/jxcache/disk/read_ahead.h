@@ -84,7 +84,8 @@ class JX_EXPORT JX_ReadAhead {
   // read-ahead's own thread (a read's callbacks, or one of the cache's it makes), it cannot wait
   // for itself: it returns at once, and the thread lets go of everything as the callback returns.
   void Stop();
-  // Waits until the current plan has been walked as far as it goes; false on timeout.
+  // Waits until the current plan has been walked as far as it goes; false on timeout. Called back
+  // on the read-ahead's own thread, it answers at once: that walk cannot end while it waits.
   bool WaitIdle(std::chrono::milliseconds timeout) const;
   JX_ReadAheadCounters GetCounters() const;
 
