@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <new>
 #include <thread>
@@ -16,6 +17,7 @@
 #include "jxcache/common/jx_types.h"
 #include "jxcache/host/guid.h"
 #include "jxcache/host/high_precision_time.h"
+#include "jxcache/host/host_services.h"
 #include "jxcache/items/sc_checkout.h"
 #include "jxcache/items/stuff.h"
 
@@ -45,6 +47,43 @@ std::unordered_map<const JX_Stuff*, uint32_t>& PlanHolds() {
 
 }  // namespace
 
+namespace {
+
+// The threads of read-aheads stopped from their own thread, which cannot join itself. Each is
+// joined by a later call from another thread once it has let go of everything: joining one that
+// still runs a callback could wait for a lock the joining thread holds. Never destroyed: a
+// thread left unjoined at exit has ended, and joining the host's threads then is not ours to do.
+struct Orphan {
+  std::shared_ptr<void> state;               // kept until the thread is joined
+  std::function<bool()> endedForThisThread;  // has let go, and is not the calling thread
+  std::unique_ptr<jx::host::JoinableThread> thread;
+};
+std::mutex gOrphansMutex;  // taken before a read-ahead's own mutex, never after
+std::vector<Orphan>& Orphans() {
+  static auto* orphans = new std::vector<Orphan>;
+  return *orphans;
+}
+
+void JoinEndedOrphans() {
+  std::vector<Orphan> ended;
+  {
+    std::lock_guard<std::mutex> l(gOrphansMutex);
+    std::vector<Orphan>& orphans = Orphans();
+    for (auto it = orphans.begin(); it != orphans.end();) {
+      if (it->endedForThisThread()) {
+        ended.push_back(std::move(*it));
+        it = orphans.erase(it);
+      } else {
+        ++it;
+      }
+    }
+  }
+  // Each only returns now: joined here, with no lock held.
+  for (Orphan& o : ended) o.thread->Join();
+}
+
+}  // namespace
+
 struct JX_ReadAhead::State {
   explicit State(Options o) : options(std::move(o)) {}
 
@@ -62,8 +101,11 @@ struct JX_ReadAhead::State {
   int previousDirection = 0;              // of the last plan that moved
   std::unordered_set<Guid> previousKeys;  // the previous playhead and the keys ahead of it
 
-  std::thread thread;      // started by the first plan; holds a reference to this state
-  std::thread::id walker;  // that thread's id once started
+  // Started by the first plan, on a thread of the host's; the thread holds a reference to this
+  // state.
+  std::unique_ptr<jx::host::JoinableThread> thread;
+  bool started = false;    // a thread was asked for
+  std::thread::id walker;  // that thread's id once it runs
   bool ended = false;      // the thread has let go of everything and returns
 
   std::atomic<uint64_t> prefetched{0}, prefetchedBytes{0}, hits{0}, wasted{0}, notInCache{0},
@@ -79,6 +121,10 @@ struct JX_ReadAhead::State {
   }
 
   void Run() {
+    {
+      std::lock_guard<std::mutex> l(mutex);
+      walker = std::this_thread::get_id();
+    }
     // Its searches are the library's own: the look-ups (and their misses) are the callers'.
     jx::miss::ScLookupMode notALookup(jx::miss::kNotALookup);
     for (;;) {
@@ -454,18 +500,19 @@ void JX_ReadAhead::SetPlayhead(const StuffPtr& playhead, int direction,
     // its destructor may call back in.
     s.plan.swap(ahead);
     ++s.generation;
-    if (!s.thread.joinable()) {
+    if (!s.started) {
       // The thread keeps the state: the host may drop the read-ahead from one of its callbacks.
-      s.thread = std::thread([state = state_] { state->Run(); });
-      s.walker = s.thread.get_id();
+      s.thread = jx::host::GetThreads().StartThread([state = state_] { state->Run(); });
+      s.started = true;
     }
   }
   s.wake.notify_one();
+  JoinEndedOrphans();
 }
 
 void JX_ReadAhead::Stop() {
   State& s = *state_;
-  std::thread thread;
+  std::unique_ptr<jx::host::JoinableThread> thread;
   bool onWalker = false;
   {
     std::lock_guard<std::mutex> l(s.mutex);
@@ -476,18 +523,31 @@ void JX_ReadAhead::Stop() {
   s.wake.notify_one();
   if (onWalker) {
     // Called back on the walk's own thread, which cannot wait for itself: it ends on its own,
-    // letting go of everything once the callback returns.
-    if (thread.joinable()) thread.detach();
+    // letting go of everything once the callback returns, and another thread joins it.
+    if (thread) {
+      auto ended = [st = state_.get()] {
+        std::lock_guard<std::mutex> l(st->mutex);
+        return st->ended && st->walker != std::this_thread::get_id();
+      };
+      std::lock_guard<std::mutex> l(gOrphansMutex);
+      try {
+        Orphans().push_back({state_, std::move(ended), std::move(thread)});
+      } catch (const std::bad_alloc&) {
+        // Destroying the handle here would join this very thread: it is left unjoined.
+        static_cast<void>(thread.release());
+      }
+    }
     return;
   }
-  if (thread.joinable()) {
-    thread.join();
-    return;
+  if (thread) {
+    thread->Join();
+  } else {
+    // Another thread's stop, or the walk's own, ends the thread: this one too returns only once
+    // nothing is held.
+    std::unique_lock<std::mutex> l(s.mutex);
+    s.idle.wait(l, [&] { return !s.started || s.ended; });
   }
-  // Another thread's stop, or the walk's own, ends the thread: this one too returns only once
-  // nothing is held.
-  std::unique_lock<std::mutex> l(s.mutex);
-  s.idle.wait(l, [&] { return s.ended || s.walker == std::thread::id(); });
+  JoinEndedOrphans();
 }
 
 bool JX_ReadAhead::WaitIdle(std::chrono::milliseconds timeout) const {

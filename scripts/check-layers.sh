@@ -10,6 +10,7 @@
 #   5 lifecycle/   start-up and shut-down
 # Everything else (tools, tests, stress, fuzz, bench, examples, the stand-in host) sits on top. A
 # lower layer reaches a higher one only through that layer's hook header, listed in HOOKS.
+# It also fails when a library file above the seam starts a thread or sleeps on its own.
 # Usage: scripts/check-layers.sh [root]   (prints each violation, exits 1 if there is any)
 set -euo pipefail
 root=${1:-$(dirname "$0")/..}
@@ -58,6 +59,19 @@ while IFS= read -r file; do
       violations=$((violations + 1))
     fi
   done < <(sed -n 's/^[[:space:]]*#[[:space:]]*include[[:space:]]*"\([^"]*\)".*/\1/p' "$file")
+done < <(git ls-files --cached --others --exclude-standard '*.h' '*.cpp' '*.c')
+
+# Above the seam, threads and sleeps come from the host's services (jx::host::GetThreads(),
+# GetClock().SleepFor()): a host decides how its threads start and what they carry.
+while IFS= read -r file; do
+  case "$file" in *_test.cpp|*_test_support.h) continue ;; esac
+  from=$(layer_of "$file")
+  [[ "$from" == 0 || "$from" == 9 ]] && continue
+  while IFS= read -r hit; do
+    echo "$file:$hit: starts a thread or sleeps without the host's services"
+    violations=$((violations + 1))
+  done < <(grep -n -E 'std::thread[^:]|std::jthread|pthread_create|sleep_for|usleep\(|nanosleep\(|std::async\(' \
+             "$file" | grep -v 'std::thread::id' | cut -d: -f1)
 done < <(git ls-files --cached --others --exclude-standard '*.h' '*.cpp' '*.c')
 echo "check-layers: $checked library files, $violations violations"
 [[ $violations -eq 0 ]]
