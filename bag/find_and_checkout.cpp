@@ -17,8 +17,8 @@ bool MayWaitForPending(int flags) {
   if (!(flags & cf::kWaitBits)) return false;
   // A thread holding a notifying host lock, the library lock or an item lock must never block
   // on another thread's render: the renderer may need exactly that lock to finish.
-  return !Y::ScNotifyHoldingMutexLock::IsHoldingLock() && !JXp_ScLock::IsLockedByCurrentThread() &&
-         !zelcore::threads::MultiTenantRecursiveMutex::CurrentThreadHoldsAny();
+  return !Y::ScNotifyHoldingMutexLock::IsHoldingLock() &&
+         JXp_ScLock::CurrentThreadHoldsNoCacheLock();
 }
 
 // Miss accounting, all of it off the hit path, which returns before any of it.

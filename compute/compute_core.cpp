@@ -21,7 +21,6 @@
 #include "jxcache/host/guid.h"
 #include "jxcache/host/high_precision_time.h"
 #include "jxcache/host/host_services.h"
-#include "jxcache/host/multi_tenant_mutex.h"
 #include "jxcache/items/sc_checkout.h"
 
 namespace jx::compute {
@@ -160,8 +159,7 @@ JX_CheckoutResult FindEntry(JX_ScCheckout& handle, const KQGP_GUID& key, Mode mo
 // The rule the bag applies to its own waits: a thread under a notifying host lock, or holding
 // the library lock or an item lock, would stall the very compute it waits for.
 bool MayWait(bool callerHeldNotifyingLock) {
-  return !callerHeldNotifyingLock && !JXp_ScLock::IsLockedByCurrentThread() &&
-         !zelcore::threads::MultiTenantRecursiveMutex::CurrentThreadHoldsAny();
+  return !callerHeldNotifyingLock && JXp_ScLock::CurrentThreadHoldsNoCacheLock();
 }
 
 void WaitForOtherCompute(const JX_Stuff& item) {

@@ -14,6 +14,7 @@
 #include "bag/miss_reasons.h"
 #include "jxcache/bag/bag.h"
 #include "jxcache/bag/global_bag.h"
+#include "jxcache/bag/library_lock.h"
 #include "jxcache/common/jx_types.h"
 #include "jxcache/host/guid.h"
 #include "jxcache/host/high_precision_time.h"
@@ -45,10 +46,6 @@ std::unordered_map<const JX_Stuff*, uint32_t>& PlanHolds() {
   return *holds;
 }
 
-}  // namespace
-
-namespace {
-
 // The threads of read-aheads stopped from their own thread, which cannot join itself. Each is
 // joined by a later call from another thread once it has let go of everything: joining one that
 // still runs a callback could wait for a lock the joining thread holds. Never destroyed: a
@@ -65,18 +62,16 @@ std::vector<Orphan>& Orphans() {
 }
 
 void JoinEndedOrphans() {
+  // A join is a wait: never under the library lock or an item's (a host's callback may call in).
+  if (!JXp_ScLock::CurrentThreadHoldsNoCacheLock()) return;
   std::vector<Orphan> ended;
   {
     std::lock_guard<std::mutex> l(gOrphansMutex);
     std::vector<Orphan>& orphans = Orphans();
-    for (auto it = orphans.begin(); it != orphans.end();) {
-      if (it->endedForThisThread()) {
-        ended.push_back(std::move(*it));
-        it = orphans.erase(it);
-      } else {
-        ++it;
-      }
-    }
+    const auto done = std::stable_partition(
+        orphans.begin(), orphans.end(), [](const Orphan& o) { return !o.endedForThisThread(); });
+    ended.assign(std::make_move_iterator(done), std::make_move_iterator(orphans.end()));
+    orphans.erase(done, orphans.end());
   }
   // Each only returns now: joined here, with no lock held.
   for (Orphan& o : ended) o.thread->Join();

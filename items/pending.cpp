@@ -25,8 +25,7 @@ constexpr auto kBackPressureStep = std::chrono::milliseconds(100);
 // The disk writer needs the library lock and the items' locks to drain its queue: a thread
 // holding one of them (or a host lock another thread may need) must not sleep until it drains.
 bool MaySleepForTheWriter() {
-  return !JXp_ScLock::IsLockedByCurrentThread() &&
-         !zelcore::threads::MultiTenantRecursiveMutex::CurrentThreadHoldsAny() &&
+  return JXp_ScLock::CurrentThreadHoldsNoCacheLock() &&
          !Y::ScNotifyHoldingMutexLock::IsHoldingLock();
 }
 

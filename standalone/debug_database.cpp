@@ -37,14 +37,14 @@ DebugDatabase::DebugDatabase() { LoadEnvironmentFile(); }
 void DebugDatabase::LoadEnvironmentFile() {
   const char* path = std::getenv("JX_SETTINGS");
   if (path == nullptr || *path == '\0') return;
-  std::error_code ec;
-  const bool folder = std::filesystem::is_directory(path, ec);
   errno = 0;
   if (LoadFile(path)) return;
+  const int error = errno;
   // A mistyped path must not read as "no settings" unseen. The process goes on, as a host would.
-  const std::string why = folder       ? "it is a folder"
-                          : errno != 0 ? std::strerror(errno)
-                                       : "unreadable";
+  std::error_code ec;
+  const std::string why = std::filesystem::is_directory(path, ec) ? "it is a folder"
+                          : error != 0                            ? std::strerror(error)
+                                                                  : "unreadable";
   std::fprintf(stderr,
                "jxcache host: JX_SETTINGS: cannot read '%s': %s; its settings are not used\n", path,
                why.c_str());

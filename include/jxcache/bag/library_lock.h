@@ -19,6 +19,7 @@
 #include <optional>
 
 #include "jxcache/host/export.h"
+#include "jxcache/host/multi_tenant_mutex.h"
 #include "jxcache/host/profiler.h"
 #include "jxcache/host/recursive_mutex.h"
 
@@ -93,6 +94,13 @@ class JX_EXPORT JXp_ScLock {
   // running a plug-in's delete callback, must never stall the threads waiting for the lock.
   static void ReleaseOutsideLock(std::deque<std::shared_ptr<void>>&& owners);
   static bool IsLockedByCurrentThread() { return Mutex().IsLockedByCurrentThread(); }
+  // Whether the calling thread holds neither this lock nor an item's lock: what any wait of the
+  // library's (a gate, a condition, a join, a sleep) needs, since the thread it waits for may
+  // need one of them to finish.
+  static bool CurrentThreadHoldsNoCacheLock() {
+    return !IsLockedByCurrentThread() &&
+           !zelcore::threads::MultiTenantRecursiveMutex::CurrentThreadHoldsAny();
+  }
   static zelcore::threads::RecursiveMutex& Mutex() { return jx::detail::g_libraryMutex; }
 
  private:
